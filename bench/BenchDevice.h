@@ -1,0 +1,67 @@
+#ifndef VIRTUSB_BENCH_BENCH_DEVICE_H
+#define VIRTUSB_BENCH_BENCH_DEVICE_H
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "remote/ModuleLibrary.h"
+#include "remote/RequestBuilder.h"
+#include "vel/Mutex.h"
+#include "vel/VelDeviceBase.h"
+#include "vel/VelDriver.h"
+
+namespace vel {
+
+// What a benchmark asks for, again and again.
+struct Workload {
+  Command command = Command::kBulkTransfer;
+  std::uint32_t bytes = 0;  // Of a bulk IN; not used by a status request.
+
+  std::unique_ptr<VelPacket> Request(std::uint32_t streamId) const;
+};
+
+// The framework's side of the emulated raw device, as thin as it can be: what is measured is the module.
+class BenchDevice final : public VelDeviceBase {
+ public:
+  explicit BenchDevice(const std::string& modulePath);
+  ~BenchDevice() override;
+
+  VelDriver& Driver() { return *mDriver; }
+
+  // Called on the module's thread for each reply. Null: replies are counted and whoever waits is woken.
+  void SetOnReply(std::function<void()> onReply) { mOnReply = std::move(onReply); }
+  // Blocks until `count` replies in all have come.
+  void WaitForReplies(std::uint64_t count);
+  std::uint64_t Replies() const { return mReplies.load(std::memory_order_acquire); }
+
+  // One request after the other, each waited for.
+  void RoundTrips(const Workload& workload, std::uint64_t count);
+
+  std::uint8_t GetBusNumber() const override { return 0; }
+  std::uint8_t GetDeviceAddress() const override { return 0x86; }
+  int IsRedirected() const override { return 1; }
+  std::uint32_t GetDevId() const override { return 1; }
+  std::uint32_t GetChannelId() const override { return 0; }
+  std::uint16_t GetVendorId() const override { return 0xFF00; }
+  std::uint16_t GetProductId() const override { return 0xFF10; }
+  const char* GetArgs() const override { return ""; }
+  std::uint8_t TakeReplyReqId(std::uint16_t, std::uint32_t) override { return 0; }
+  int Send(std::unique_ptr<VelPacket> packet, std::uint32_t waitMs) override;
+  void Trace(std::uint64_t, const char*, const VelTraceAttribute*, std::size_t) override {}
+
+ private:
+  const std::shared_ptr<ModuleLibrary> mLibrary;
+  std::function<void()> mOnReply;
+  std::atomic<std::uint64_t> mReplies{0};
+  Mutex mMutex;
+  CondVar mReplied;
+  bool mWaiting VEL_GUARDED_BY(mMutex) = false;
+  std::unique_ptr<VelDriver> mDriver;
+};
+
+}  // namespace vel
+
+#endif

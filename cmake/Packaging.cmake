@@ -1,0 +1,41 @@
+# What embeds the module finds it by find_package(virtusb) or pkg-config; what runs it, as a Debian package.
+include(CMakePackageConfigHelpers)
+
+set(VIRTUSB_CMAKE_DIR "${CMAKE_INSTALL_LIBDIR}/cmake/virtusb")
+set(VIRTUSB_MODULE_DIR "${CMAKE_INSTALL_LIBDIR}/virtusb")
+
+# The targets are exported only with the platform libraries built here: a client that brings its own has its own.
+if(TARGET vel_framework AND TARGET vel_utils AND TARGET oskelo_log)
+  install(EXPORT virtusbTargets NAMESPACE virtusb:: DESTINATION "${VIRTUSB_CMAKE_DIR}" COMPONENT dev)
+  configure_package_config_file(cmake/virtusbConfig.cmake.in "${PROJECT_BINARY_DIR}/virtusbConfig.cmake"
+    INSTALL_DESTINATION "${VIRTUSB_CMAKE_DIR}" PATH_VARS VIRTUSB_MODULE_DIR)
+  write_basic_package_version_file("${PROJECT_BINARY_DIR}/virtusbConfigVersion.cmake"
+    COMPATIBILITY SameMinorVersion)
+  install(FILES "${PROJECT_BINARY_DIR}/virtusbConfig.cmake" "${PROJECT_BINARY_DIR}/virtusbConfigVersion.cmake"
+    DESTINATION "${VIRTUSB_CMAKE_DIR}" COMPONENT dev)
+endif()
+
+# The packet format is a source-level interface: who writes a client needs VelPacket to hand packets in.
+install(FILES
+    src/protocol/ByteReader.h src/protocol/Commands.h src/protocol/ConfigRecords.h src/protocol/IsoTable.h
+    src/protocol/Requests.h src/protocol/VelPacket.h
+  DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/virtusb/protocol" COMPONENT dev)
+
+configure_file(cmake/virtusb.pc.in "${PROJECT_BINARY_DIR}/virtusb.pc" @ONLY)
+install(FILES "${PROJECT_BINARY_DIR}/virtusb.pc" DESTINATION "${CMAKE_INSTALL_LIBDIR}/pkgconfig" COMPONENT dev)
+install(FILES README.md DESTINATION "${CMAKE_INSTALL_DOCDIR}" COMPONENT command)
+install(FILES docs/architecture.md docs/protocol.md docs/threads.md
+  DESTINATION "${CMAKE_INSTALL_DOCDIR}" COMPONENT dev)
+
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGE_NAME virtusb)
+set(CPACK_PACKAGE_CONTACT "virtusb maintainers <virtusb@localhost>")
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "${PROJECT_DESCRIPTION}")
+set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+set(CPACK_STRIP_FILES ON)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_SECTION utils)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS
+  "${PROJECT_BINARY_DIR}/platform/log;${PROJECT_BINARY_DIR}/platform/utils;${PROJECT_BINARY_DIR}/platform/framework")
+include(CPack)

@@ -1,0 +1,36 @@
+# How every target of this project is compiled: warnings, sanitizers, reproducible file names.
+add_library(virtusb_options INTERFACE)
+add_library(virtusb::options ALIAS virtusb_options)
+
+target_compile_features(virtusb_options INTERFACE cxx_std_20)
+
+target_compile_options(virtusb_options INTERFACE
+  -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion -Wold-style-cast
+  -Wnon-virtual-dtor -Woverloaded-virtual -Wformat=2 -Wundef -Wcast-align
+  # Log lines carry the file's name; none carries the folder that it was built in.
+  "-fmacro-prefix-map=${CMAKE_SOURCE_DIR}/=")
+if(CMAKE_CXX_COMPILER_ID MATCHES "Clang")
+  # The lock annotations of vel/Mutex.h are checked by clang.
+  target_compile_options(virtusb_options INTERFACE -Wthread-safety)
+else()
+  target_compile_options(virtusb_options INTERFACE -Wduplicated-cond -Wlogical-op
+    # False alarms of g++ 12 inside std::string and std::optional when it optimises (GCC bugs 105651, 105562).
+    -Wno-restrict -Wno-maybe-uninitialized)
+endif()
+if(VIRTUSB_WERROR)
+  target_compile_options(virtusb_options INTERFACE -Werror)
+endif()
+
+if(VIRTUSB_SANITIZE)
+  add_compile_options("-fsanitize=${VIRTUSB_SANITIZE}" -fno-omit-frame-pointer)
+  add_link_options("-fsanitize=${VIRTUSB_SANITIZE}")
+  if(VIRTUSB_SANITIZE MATCHES "undefined")
+    add_compile_options(-fno-sanitize-recover=undefined)
+  endif()
+endif()
+if(VIRTUSB_BUILD_FUZZ)
+  if(NOT CMAKE_CXX_COMPILER_ID MATCHES "Clang")
+    message(FATAL_ERROR "VIRTUSB_BUILD_FUZZ needs clang: use the preset 'fuzz'")
+  endif()
+  add_compile_options(-fsanitize=fuzzer-no-link)
+endif()

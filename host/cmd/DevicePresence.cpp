@@ -1,0 +1,87 @@
+#include "cmd/DevicePresence.h"
+
+#include <poll.h>
+
+#include <array>
+#include <cstdio>
+#include <stdexcept>
+
+namespace vel {
+
+DevicePresence::DevicePresence(const std::string& device, bool wait) : mWait(wait) {
+  const DeviceChoice choice = ParseDevice(device);
+  if (const auto* emulated = std::get_if<DeviceIdentity>(&choice)) {
+    mPresent = *emulated;
+    return;
+  }
+  if (!wait) {
+    mPresent = FindDevice(device);
+  }
+  mWatch = std::make_unique<DeviceWatch>(
+      std::get<LocalSelector>(choice),
+      DeviceWatch::Callbacks{.onArrived = [this](const DeviceIdentity& identity) { OnArrived(identity); },
+                             .onLeft = [this](const DeviceIdentity& identity) { OnLeft(identity); }});
+}
+
+std::optional<DeviceIdentity> DevicePresence::Await(const StopSignal& stop) {
+  while (true) {
+    std::shared_ptr<StopSignal> arrival;
+    {
+      const MutexLock lock(mMutex);
+      if (mPresent || (!mWait && mWatch != nullptr)) {
+        return mPresent;
+      }
+      arrival = std::make_shared<StopSignal>();
+      mArrival = arrival;
+    }
+    std::fprintf(stderr, "waiting for the device\n");
+    std::array<pollfd, 2> descriptors = {pollfd{arrival->Fd(), POLLIN, 0}, pollfd{stop.Fd(), POLLIN, 0}};
+    poll(descriptors.data(), descriptors.size(), -1);
+    if (stop.IsRaised()) {
+      return std::nullopt;
+    }
+  }
+}
+
+void DevicePresence::OnArrived(const DeviceIdentity& identity) {
+  const MutexLock lock(mMutex);
+  if (mPresent) {
+    return;  // Already known, or a second one of the same kind.
+  }
+  mPresent = identity;
+  std::fprintf(stderr, "device is there: %s\n", Describe(identity).c_str());
+  if (mServer != nullptr) {
+    mServer->Redirect(identity);
+  }
+  if (mArrival != nullptr) {
+    mArrival->Raise();
+    mArrival.reset();
+  }
+}
+
+void DevicePresence::OnLeft(const DeviceIdentity& identity) {
+  const MutexLock lock(mMutex);
+  if (!mPresent || mPresent->bus != identity.bus || mPresent->address != identity.address) {
+    return;
+  }
+  std::fprintf(stderr, "device was unplugged: %s\n", Describe(identity).c_str());
+  mPresent.reset();
+  if (mServer != nullptr && !mWait) {
+    mServer->DeviceLeft();
+  }
+}
+
+DevicePresence::Attachment::Attachment(DevicePresence& presence, Server& server) : mPresence(presence) {
+  const MutexLock lock(mPresence.mMutex);
+  mPresence.mServer = &server;
+  if (!mPresence.mPresent && !mPresence.mWait) {
+    server.DeviceLeft();  // It left while the server was made.
+  }
+}
+
+DevicePresence::Attachment::~Attachment() {
+  const MutexLock lock(mPresence.mMutex);
+  mPresence.mServer = nullptr;
+}
+
+}  // namespace vel

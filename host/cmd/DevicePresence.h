@@ -1,0 +1,52 @@
+#ifndef VIRTUSB_HOST_CMD_DEVICE_PRESENCE_H
+#define VIRTUSB_HOST_CMD_DEVICE_PRESENCE_H
+
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "cmd/Devices.h"
+#include "cmd/LocalDevices.h"
+#include "cmd/Server.h"
+#include "vel/Mutex.h"
+
+namespace vel {
+
+// Whether the device that is served is there, and what its coming and going means for the service. An emulated device is
+// always there. Used by one thread, beside the watch's own.
+class DevicePresence {
+ public:
+  // With `wait`, a local device may be absent: it is waited for, and taken back when it returns. Without, one that
+  // is not there throws std::runtime_error.
+  DevicePresence(const std::string& device, bool wait);
+
+  // The device; waits until it is there. Nothing once stopped.
+  std::optional<DeviceIdentity> Await(const StopSignal& stop) VEL_EXCLUDES(mMutex);
+
+  // Tells a server of the device's coming and going, for a scope.
+  class Attachment {
+   public:
+    Attachment(DevicePresence& presence, Server& server);
+    Attachment(const Attachment&) = delete;
+    Attachment& operator=(const Attachment&) = delete;
+    ~Attachment();
+
+   private:
+    DevicePresence& mPresence;
+  };
+
+ private:
+  void OnArrived(const DeviceIdentity& identity) VEL_EXCLUDES(mMutex);
+  void OnLeft(const DeviceIdentity& identity) VEL_EXCLUDES(mMutex);
+
+  const bool mWait;
+  Mutex mMutex;
+  std::optional<DeviceIdentity> mPresent VEL_GUARDED_BY(mMutex);
+  Server* mServer VEL_GUARDED_BY(mMutex) = nullptr;
+  std::shared_ptr<StopSignal> mArrival VEL_GUARDED_BY(mMutex);  // Raised when somebody waits and the device is there.
+  std::unique_ptr<DeviceWatch> mWatch;                          // Null for an emulated device.
+};
+
+}  // namespace vel
+
+#endif

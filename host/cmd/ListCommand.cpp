@@ -1,0 +1,89 @@
+#include <libusb-1.0/libusb.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <nlohmann/json.hpp>
+
+#include "cmd/Commands.h"
+#include "cmd/Devices.h"
+#include "cmd/UsbNames.h"
+
+namespace vel {
+namespace {
+
+// What the guest would get: the classes of the interfaces, each named once.
+std::vector<std::string> WhatIsRedirected(const LocalDevice& device) {
+  std::vector<std::string> names;
+  for (const std::uint8_t usbClass : device.interfaces) {
+    const std::string name(ClassName(usbClass).empty() ? "class " + std::to_string(usbClass) : ClassName(usbClass));
+    if (std::find(names.begin(), names.end(), name) == names.end()) {
+      names.push_back(name);
+    }
+  }
+  return names;
+}
+
+std::string Join(const std::vector<std::string>& words, const char* separator) {
+  std::string text;
+  for (const std::string& word : words) {
+    text += (text.empty() ? "" : separator) + word;
+  }
+  return text;
+}
+
+nlohmann::ordered_json LocalJson(const LocalDevice& device) {
+  return {{"bus", device.identity.bus},
+          {"address", device.identity.address},
+          {"idVendor", device.identity.vendorId},
+          {"idProduct", device.identity.productId},
+          {"speed", SpeedName(device.speed)},
+          {"manufacturer", device.manufacturer},
+          {"product", device.product},
+          {"redirects", WhatIsRedirected(device)},
+          {"accessible", device.openError == 0}};
+}
+
+void PrintLocal(const LocalDevice& device) {
+  std::vector<std::string> names;
+  for (const std::string& name : {device.manufacturer, device.product}) {
+    if (!name.empty()) {
+      names.push_back(name);
+    }
+  }
+  std::printf("  %u:%-6u %04x:%04x  %-5s %s\n", unsigned{device.identity.bus}, unsigned{device.identity.address},
+              unsigned{device.identity.vendorId}, unsigned{device.identity.productId},
+              SpeedName(device.speed).data(), Join(names, " ").c_str());
+  std::printf("           redirects: %s\n", Join(WhatIsRedirected(device), ", ").c_str());
+  if (device.openError == LIBUSB_ERROR_ACCESS) {
+    std::printf("           may not be opened by this user: install %s into /etc/udev/rules.d and plug it in again\n",
+                UdevRulePath().c_str());
+  } else if (device.openError != 0) {
+    std::printf("           cannot be opened: %s\n", libusb_strerror(device.openError));
+  }
+}
+
+}  // namespace
+
+int RunList(const CommonOptions& common) {
+  const std::vector<LocalDevice> locals = LocalDevices();
+  if (common.json) {
+    nlohmann::ordered_json document{{"emulated", nlohmann::json::array()}, {"local", nlohmann::json::array()}};
+    for (const EmulatedDevice& device : EmulatedDevices()) {
+      document["emulated"].push_back({{"name", device.name}, {"about", device.about}});
+    }
+    for (const LocalDevice& device : locals) {
+      document["local"].push_back(LocalJson(device));
+    }
+    std::puts(document.dump(2).c_str());
+    return 0;
+  }
+  std::puts("Emulated devices:");
+  for (const EmulatedDevice& device : EmulatedDevices()) {
+    std::printf("  %-8s %s\n", device.name.data(), device.about.data());
+  }
+  std::puts(locals.empty() ? "Local devices: none" : "Local devices:");
+  std::for_each(locals.begin(), locals.end(), &PrintLocal);
+  return 0;
+}
+
+}  // namespace vel

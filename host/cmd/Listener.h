@@ -1,0 +1,28 @@
+#ifndef VIRTUSB_HOST_CMD_LISTENER_H
+#define VIRTUSB_HOST_CMD_LISTENER_H
+
+#include <string>
+
+#include "remote/FdStream.h"
+
+namespace vel {
+
+// Takes remote sides in, one after the other.
+class Listener {
+ public:
+  // `address` is ADDR:PORT, or :PORT or PORT of the loopback address; port 0 is any free one. Throws UsageError for a
+  // text that is none of these, and std::runtime_error when it cannot be listened on.
+  explicit Listener(const std::string& address);
+
+  // Address and port as they are.
+  std::string Name() const;
+  // Waits for the next remote side; `peer` gets its name. Not valid once stopped.
+  UniqueFd Accept(const StopSignal& stop, std::string& peer) const;
+
+ private:
+  UniqueFd mFd;
+};
+
+}  // namespace vel
+
+#endif

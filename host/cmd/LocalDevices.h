@@ -1,0 +1,82 @@
+#ifndef VIRTUSB_HOST_CMD_LOCAL_DEVICES_H
+#define VIRTUSB_HOST_CMD_LOCAL_DEVICES_H
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <libusb-1.0/libusb.h>
+
+#include "remote/ModuleSession.h"
+
+namespace vel {
+
+struct LibusbContextDeleter {
+  void operator()(libusb_context* context) const { libusb_exit(context); }
+};
+using LibusbContextHandle = std::unique_ptr<libusb_context, LibusbContextDeleter>;
+
+// A device that is plugged into this machine.
+struct LocalDevice {
+  DeviceIdentity identity;
+  int speed = 0;                         // enum libusb_speed
+  std::vector<std::uint8_t> interfaces;  // Class of each interface's first setting, in order.
+  int openError = 0;                     // LIBUSB_ERROR_ACCESS where this user may not open it.
+  std::string manufacturer;              // As far as the device can be opened.
+  std::string product;
+};
+
+// All but hubs, in the order of bus and address. Opens each device for a moment. Throws std::runtime_error when the
+// machine's USB cannot be looked at.
+std::vector<LocalDevice> LocalDevices();
+
+// Which local device is meant: a place, or ids that may turn up at any place.
+struct LocalSelector {
+  std::optional<std::uint8_t> bus;
+  std::optional<std::uint8_t> address;
+  std::optional<std::uint16_t> vendorId;
+  std::optional<std::uint16_t> productId;
+
+  bool Matches(const DeviceIdentity& identity) const;
+};
+
+// Where this device is now; nothing when it is not there.
+std::optional<DeviceIdentity> FindLocalDevice(const LocalSelector& selector);
+
+// Tells when the selected device arrives or leaves. The callbacks come on the watch's own thread, and for a device
+// that is there already once at the start.
+class DeviceWatch {
+ public:
+  struct Callbacks {
+    std::function<void(const DeviceIdentity&)> onArrived;
+    std::function<void(const DeviceIdentity&)> onLeft;
+  };
+
+  // Throws std::runtime_error when devices cannot be watched on this machine.
+  DeviceWatch(const LocalSelector& selector, Callbacks callbacks);
+  DeviceWatch(const DeviceWatch&) = delete;
+  DeviceWatch& operator=(const DeviceWatch&) = delete;
+  // No callback comes after it. Not from a callback.
+  ~DeviceWatch();
+
+ private:
+  static int LIBUSB_CALL OnHotplug(libusb_context* context, libusb_device* device, libusb_hotplug_event event,
+                                   void* self);
+  void HandleEvents();
+
+  const LocalSelector mSelector;
+  const Callbacks mCallbacks;
+  LibusbContextHandle mContext;
+  libusb_hotplug_callback_handle mHotplug = 0;
+  std::atomic<bool> mStopped{false};
+  std::thread mThread;
+};
+
+}  // namespace vel
+
+#endif

@@ -1,0 +1,99 @@
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "cmd/Commands.h"
+#include "cmd/DevicePresence.h"
+#include "cmd/Devices.h"
+#include "cmd/Listener.h"
+#include "cmd/Server.h"
+
+namespace vel {
+namespace {
+
+// One service: the module, the device, and how to go about it.
+struct Service {
+  std::shared_ptr<ModuleLibrary> library;
+  DevicePresence& presence;
+  const StopSignal& stop;
+  bool answerFailures;
+
+  // Serves one remote side. Stopped when the device never came.
+  Server::End Run(FdStream& stream, std::string& error) const {
+    const std::optional<DeviceIdentity> identity = presence.Await(stop);
+    if (!identity) {
+      return stop.IsRaised() ? Server::End::kStopped : Server::End::kDeviceGone;
+    }
+    Server server(library, *identity, answerFailures, stream);
+    const DevicePresence::Attachment attachment(presence, server);
+    const Server::End end = server.Run();
+    error = server.Error();
+    return end;
+  }
+};
+
+constexpr char kDeviceGone[] = "the device is gone, the service ends (--wait waits for its return)";
+
+int ServeStdio(const Service& service) {
+  // Standard output carries packets: whatever else is printed there, by the module too, goes to standard error.
+  std::fflush(stdout);
+  const UniqueFd packets(dup(STDOUT_FILENO));
+  if (!packets.IsValid() || dup2(STDERR_FILENO, STDOUT_FILENO) < 0) {
+    throw std::runtime_error(std::string("cannot use standard output for packets: ") + std::strerror(errno));
+  }
+  FdStream stream(STDIN_FILENO, packets.Get(), service.stop);
+  std::string error;
+  switch (service.Run(stream, error)) {
+    case Server::End::kRemoteDone:
+    case Server::End::kStopped:
+      return 0;
+    case Server::End::kRemoteGone:
+      throw std::runtime_error(error);
+    case Server::End::kDeviceGone:
+      throw std::runtime_error(kDeviceGone);
+  }
+  return 0;
+}
+
+int ServeSocket(const Service& service, const std::string& device, const Listener& listener) {
+  std::fprintf(stderr, "serving %s on %s, one remote side at a time; interrupt to end\n", device.c_str(),
+               listener.Name().c_str());
+  while (true) {
+    std::string peer;
+    const UniqueFd remote = listener.Accept(service.stop, peer);
+    if (!remote.IsValid()) {
+      return 0;
+    }
+    std::fprintf(stderr, "%s connected\n", peer.c_str());
+    FdStream stream(remote.Get(), remote.Get(), service.stop);
+    std::string error;
+    switch (service.Run(stream, error)) {
+      case Server::End::kRemoteDone:
+        std::fprintf(stderr, "%s is done, device given back\n", peer.c_str());
+        break;
+      case Server::End::kRemoteGone:
+        std::fprintf(stderr, "%s: %s; device given back\n", peer.c_str(), error.c_str());
+        break;
+      case Server::End::kStopped:
+        std::fprintf(stderr, "interrupted, device given back\n");
+        return 0;
+      case Server::End::kDeviceGone:
+        throw std::runtime_error(kDeviceGone);
+    }
+  }
+}
+
+}  // namespace
+
+int RunServe(const CommonOptions& common, const ServeOptions& serve, const StopSignal& stop) {
+  DevicePresence presence(common.device, serve.wait);
+  const Service service{ModuleLibrary::Load(common.modulePath), presence, stop, serve.answerFailures};
+  return serve.stdio ? ServeStdio(service) : ServeSocket(service, common.device, Listener(serve.listen));
+}
+
+}  // namespace vel

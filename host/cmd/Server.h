@@ -1,0 +1,59 @@
+#ifndef VIRTUSB_HOST_CMD_SERVER_H
+#define VIRTUSB_HOST_CMD_SERVER_H
+
+#include <memory>
+#include <string>
+
+#include "remote/FdStream.h"
+#include "remote/ModuleSession.h"
+#include "vel/Mutex.h"
+
+namespace vel {
+
+// Carries the packets of one redirected device over one byte stream, from the first packet to the stream's end, and
+// gives the device back then. Run by one thread; DeviceLeft and Redirect come from another.
+class Server {
+ public:
+  enum class End {
+    kRemoteDone,  // The remote side ended its requests; all of them were answered.
+    kRemoteGone,  // It went away, or sent something that is no packet: Error() says which.
+    kDeviceGone,
+    kStopped,
+  };
+
+  Server(std::shared_ptr<ModuleLibrary> library, const DeviceIdentity& identity, bool answersFailures,
+         FdStream& stream);
+
+  End Run();
+  const std::string& Error() const { return mError; }
+
+  // Ends Run: the device was unplugged.
+  void DeviceLeft();
+  // Goes on with the device at another place: unplugged, and plugged in again. The remote side finds it closed.
+  void Redirect(const DeviceIdentity& identity);
+
+ private:
+  std::unique_ptr<ModuleSession> NewSession(const DeviceIdentity& identity);
+  void Post(std::unique_ptr<VelPacket> packet);
+  void OnReply(std::unique_ptr<VelPacket> packet);
+  End ReadRequests();
+  // Waits until the module has worked off what came before the end of the requests.
+  void AwaitLastReplies();
+
+  const std::shared_ptr<ModuleLibrary> mLibrary;
+  const bool mAnswersFailures;
+  FdStream& mStream;
+  std::string mError;
+  Mutex mMutex;
+  CondVar mChanged;
+  bool mFenceIsOut VEL_GUARDED_BY(mMutex) = false;
+  bool mFenceIsBack VEL_GUARDED_BY(mMutex) = false;
+  bool mBroken VEL_GUARDED_BY(mMutex) = false;
+  bool mDeviceGone VEL_GUARDED_BY(mMutex) = false;
+  Mutex mSessionMutex;  // Posting, and exchanging the session. Nothing else is taken with it held.
+  std::unique_ptr<ModuleSession> mSession VEL_GUARDED_BY(mSessionMutex);
+};
+
+}  // namespace vel
+
+#endif

@@ -1,0 +1,118 @@
+#include "remote/FdStream.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <system_error>
+#include <utility>
+
+namespace vel {
+
+UniqueFd& UniqueFd::operator=(UniqueFd&& other) noexcept {
+  if (this != &other) {
+    if (mFd >= 0) {
+      close(mFd);
+    }
+    mFd = other.Release();
+  }
+  return *this;
+}
+
+UniqueFd::~UniqueFd() {
+  if (mFd >= 0) {
+    close(mFd);
+  }
+}
+
+int UniqueFd::Release() { return std::exchange(mFd, -1); }
+
+StopSignal::StopSignal() {
+  std::array<int, 2> ends{};
+  if (pipe2(ends.data(), O_CLOEXEC | O_NONBLOCK) != 0) {
+    throw std::system_error(errno, std::generic_category(), "pipe");
+  }
+  mRead = UniqueFd(ends[0]);
+  mWrite = UniqueFd(ends[1]);
+}
+
+void StopSignal::Raise() const {
+  const int saved = errno;
+  const char byte = 0;
+  static_cast<void>(!write(mWrite.Get(), &byte, 1));  // A full pipe is raised already.
+  errno = saved;
+}
+
+bool StopSignal::IsRaised() const {
+  pollfd descriptor{mRead.Get(), POLLIN, 0};
+  return poll(&descriptor, 1, 0) > 0;
+}
+
+FdStream::FdStream(int in, int out, const StopSignal& stop) : mIn(in), mOut(out), mStop(stop) {
+  // A write that fills the pipe must return, so that a stop can end the wait for room.
+  mOutFlags = fcntl(mOut, F_GETFL);
+  if (mOutFlags >= 0) {
+    fcntl(mOut, F_SETFL, mOutFlags | O_NONBLOCK);
+  }
+}
+
+FdStream::~FdStream() {
+  if (mOutFlags >= 0) {
+    fcntl(mOut, F_SETFL, mOutFlags);
+  }
+}
+
+bool FdStream::WaitFor(int fd, short events) const {
+  while (true) {
+    std::array<pollfd, 3> descriptors = {pollfd{fd, events, 0}, pollfd{mStop.Fd(), POLLIN, 0},
+                                         pollfd{mAbort.Fd(), POLLIN, 0}};
+    const int ready = poll(descriptors.data(), descriptors.size(), -1);
+    if (ready < 0 && errno != EINTR) {
+      return true;  // Let the read or write say what is wrong.
+    }
+    if (ready > 0) {
+      return descriptors[1].revents == 0 && descriptors[2].revents == 0;
+    }
+  }
+}
+
+FdStream::Result FdStream::Read(std::span<std::uint8_t> buffer, std::size_t& count) {
+  while (true) {
+    if (!WaitFor(mIn, POLLIN)) {
+      return Result::kStopped;
+    }
+    const ssize_t n = read(mIn, buffer.data(), buffer.size());
+    if (n > 0) {
+      count = static_cast<std::size_t>(n);
+      return Result::kOk;
+    }
+    if (n == 0) {
+      return Result::kEnd;
+    }
+    if (errno != EINTR && errno != EAGAIN) {
+      return Result::kFailed;
+    }
+  }
+}
+
+FdStream::Result FdStream::WriteAll(std::span<const std::uint8_t> bytes) {
+  const MutexLock lock(mWriteMutex);
+  while (!bytes.empty() && !mBroken) {
+    const ssize_t n = write(mOut, bytes.data(), bytes.size());
+    if (n >= 0) {
+      bytes = bytes.subspan(static_cast<std::size_t>(n));
+    } else if (errno == EAGAIN) {
+      if (!WaitFor(mOut, POLLOUT)) {
+        mBroken = true;  // Half a packet may be out: nothing can follow it.
+        return Result::kStopped;
+      }
+    } else if (errno != EINTR) {
+      mBroken = true;
+    }
+  }
+  return mBroken ? Result::kFailed : Result::kOk;
+}
+
+}  // namespace vel

@@ -1,0 +1,77 @@
+#ifndef VIRTUSB_HOST_REMOTE_FD_STREAM_H
+#define VIRTUSB_HOST_REMOTE_FD_STREAM_H
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+
+#include "vel/Mutex.h"
+
+namespace vel {
+
+// A file descriptor with one owner.
+class UniqueFd {
+ public:
+  UniqueFd() = default;
+  explicit UniqueFd(int fd) : mFd(fd) {}
+  UniqueFd(UniqueFd&& other) noexcept : mFd(other.Release()) {}
+  UniqueFd& operator=(UniqueFd&& other) noexcept;
+  ~UniqueFd();
+
+  int Get() const { return mFd; }
+  bool IsValid() const { return mFd >= 0; }
+  int Release();
+
+ private:
+  int mFd = -1;
+};
+
+// Wakes those who wait for a descriptor: once raised it stays raised. Any thread; Raise also from a signal handler.
+class StopSignal {
+ public:
+  // Throws std::system_error when the process has no descriptors left.
+  StopSignal();
+
+  void Raise() const;
+  bool IsRaised() const;
+  // Readable once raised.
+  int Fd() const { return mRead.Get(); }
+
+ private:
+  UniqueFd mRead;
+  UniqueFd mWrite;
+};
+
+// The two directions of a byte stream, on descriptors that are not owned. A stop signal ends every wait.
+class FdStream {
+ public:
+  enum class Result { kOk, kEnd, kStopped, kFailed };
+
+  FdStream(int in, int out, const StopSignal& stop);
+  FdStream(const FdStream&) = delete;
+  FdStream& operator=(const FdStream&) = delete;
+  ~FdStream();  // Gives the output its blocking mode back.
+
+  // Waits for bytes; `count` says how many came. One thread.
+  Result Read(std::span<std::uint8_t> buffer, std::size_t& count);
+  // Writes everything, in one piece among several writers. After a failure nothing more is written. Any thread.
+  Result WriteAll(std::span<const std::uint8_t> bytes) VEL_EXCLUDES(mWriteMutex);
+  // Ends the waits of this stream, now and later, as the stop signal does. Any thread.
+  void Abort() { mAbort.Raise(); }
+
+ private:
+  // Waits until `fd` is ready for `events`. False when stopped.
+  bool WaitFor(int fd, short events) const;
+
+  const int mIn;
+  const int mOut;
+  const StopSignal& mStop;
+  const StopSignal mAbort;
+  int mOutFlags = -1;
+  Mutex mWriteMutex;
+  bool mBroken VEL_GUARDED_BY(mWriteMutex) = false;
+};
+
+}  // namespace vel
+
+#endif

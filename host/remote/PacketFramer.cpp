@@ -1,0 +1,93 @@
+#include "remote/PacketFramer.h"
+
+#include <algorithm>
+#include <bit>
+#include <cstring>
+
+#include "protocol/Commands.h"
+
+namespace vel {
+namespace {
+
+constexpr std::uint8_t kHostByteOrder = std::endian::native == std::endian::little ? 0 : 1;
+constexpr std::uint32_t kKeptOfOversized = VelPacket::kHeaderSize + 16;
+
+std::uint16_t CommandIn(const std::uint8_t* header) {
+  std::uint16_t command = 0;
+  std::memcpy(&command, header + VelPacket::kCommandOffset, sizeof command);
+  return command;
+}
+
+bool IsCommandOrReply(std::uint16_t code) {
+  return FindCommand(code) != nullptr || FindCommand(static_cast<std::uint16_t>(code & ~1U)) != nullptr;
+}
+
+// A writer of the other byte order may have written the header in its own order or in this host's: the command tells.
+void BringIntoHostOrder(std::array<std::uint8_t, VelPacket::kHeaderSize>& header) {
+  if (header[VelPacket::kByteOrderOffset] == kHostByteOrder || IsCommandOrReply(CommandIn(header.data()))) {
+    return;
+  }
+  std::array<std::uint8_t, VelPacket::kHeaderSize> swapped = header;
+  std::reverse(swapped.begin() + VelPacket::kCommandOffset, swapped.begin() + VelPacket::kDevIdOffset);
+  std::reverse(swapped.begin() + VelPacket::kDevIdOffset, swapped.begin() + VelPacket::kLengthOffset);
+  std::reverse(swapped.begin() + VelPacket::kLengthOffset, swapped.begin() + VelPacket::kByteOrderOffset);
+  if (IsCommandOrReply(CommandIn(swapped.data()))) {
+    header = swapped;
+  }
+}
+
+}  // namespace
+
+bool PacketFramer::Feed(std::span<const std::uint8_t> bytes) {
+  while (!bytes.empty() && mError.empty()) {
+    if (mHeaderFilled < mHeader.size()) {
+      const std::size_t n = std::min(bytes.size(), mHeader.size() - mHeaderFilled);
+      std::copy_n(bytes.begin(), n, mHeader.begin() + static_cast<std::ptrdiff_t>(mHeaderFilled));
+      mHeaderFilled += n;
+      bytes = bytes.subspan(n);
+      if (mHeaderFilled == mHeader.size() && !BeginPacket()) {
+        return false;
+      }
+    } else {
+      const std::span<std::uint8_t> wire = mPacket->MutableWire();
+      const std::size_t n = std::min(bytes.size(), wire.size() - mFilled);
+      std::copy_n(bytes.begin(), n, wire.begin() + static_cast<std::ptrdiff_t>(mFilled));
+      mFilled += n;
+      const std::size_t skipped = std::min(bytes.size() - n, mToSkip);
+      mToSkip -= skipped;
+      bytes = bytes.subspan(n + skipped);
+    }
+    if (mPacket != nullptr && mFilled == mPacket->GetPacketSize() && mToSkip == 0) {
+      EndPacket();
+    }
+  }
+  return mError.empty();
+}
+
+bool PacketFramer::BeginPacket() {
+  BringIntoHostOrder(mHeader);
+  std::uint32_t length = 0;
+  std::memcpy(&length, mHeader.data() + VelPacket::kLengthOffset, sizeof length);
+  if (mHeader[0] != VelPacket::kMagic || length < VelPacket::kHeaderSize) {
+    mError = "the stream holds no packet: magic " + std::to_string(mHeader[0]) + ", length " +
+             std::to_string(length) + " (a packet begins with " + std::to_string(VelPacket::kMagic) +
+             " and has at least " + std::to_string(VelPacket::kHeaderSize) + " bytes)";
+    return false;
+  }
+  const std::uint32_t kept = length > kMaxPacketBytes ? kKeptOfOversized : length;
+  mToSkip = length - kept;
+  mPacket = VelPacket::ForReceived(mHeader, kept);
+  if (mPacket->GetCapacity() < kept) {
+    mError = "no memory for a packet of " + std::to_string(kept) + " bytes";
+    return false;
+  }
+  mFilled = VelPacket::kHeaderSize;
+  return true;
+}
+
+void PacketFramer::EndPacket() {
+  mHeaderFilled = 0;
+  mSink(std::move(mPacket));
+}
+
+}  // namespace vel

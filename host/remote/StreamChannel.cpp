@@ -1,0 +1,43 @@
+#include "remote/StreamChannel.h"
+
+#include <array>
+#include <utility>
+
+#include "remote/PacketFramer.h"
+
+namespace vel {
+
+StreamChannel::StreamChannel(UniqueFd in, UniqueFd out)
+    : mIn(std::move(in)), mOut(std::move(out)), mStream(mIn.Get(), mOut.Get(), mStop) {}
+
+void StreamChannel::Start(Receiver receiver) {
+  const MutexLock lock(mReaderMutex);
+  mReader = std::thread([this, receiver = std::move(receiver)] { ReadUntilEnd(receiver); });
+}
+
+bool StreamChannel::Send(std::unique_ptr<VelPacket> packet) {
+  return mStream.WriteAll(packet->Wire()) == FdStream::Result::kOk;
+}
+
+void StreamChannel::Close() {
+  mStop.Raise();
+  const MutexLock lock(mReaderMutex);
+  if (mReader.joinable()) {
+    mReader.join();
+  }
+}
+
+void StreamChannel::ReadUntilEnd(const Receiver& receiver) {
+  PacketFramer framer(receiver.onPacket);
+  std::array<std::uint8_t, 65536> buffer{};
+  std::size_t count = 0;
+  FdStream::Result result = FdStream::Result::kOk;
+  while ((result = mStream.Read(buffer, count)) == FdStream::Result::kOk &&
+         framer.Feed(std::span(buffer).first(count))) {
+  }
+  if (result != FdStream::Result::kStopped && receiver.onClosed) {
+    receiver.onClosed();
+  }
+}
+
+}  // namespace vel

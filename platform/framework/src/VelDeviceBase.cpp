@@ -1,0 +1,8 @@
+#include "vel/VelDeviceBase.h"
+
+namespace vel {
+
+VelDeviceBase::~VelDeviceBase() = default;
+bool VelDeviceBase::AnswersFailedTransfers() const { return false; }
+
+}  // namespace vel

@@ -1,0 +1,29 @@
+# Shared by the scripts of this folder; sourced, not run.
+# shellcheck shell=sh
+
+root=$(cd "$(dirname "$0")/.." && pwd)
+
+build_packages="g++ cmake ninja-build pkg-config libusb-1.0-0-dev libspdlog-dev libcli11-dev nlohmann-json3-dev"
+test_packages="libgtest-dev libgmock-dev python3 binutils"
+
+# Installs what is missing, and asks for nothing when nothing is.
+install_packages() {
+  missing=
+  for package in "$@"; do
+    dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'ok installed' || missing="$missing $package"
+  done
+  [ -z "$missing" ] && return
+  echo "Installing$missing" >&2
+  if [ "$(id -u)" -eq 0 ]; then as_root=; else as_root=sudo; fi
+  $as_root apt-get update -q >&2
+  # shellcheck disable=SC2086 # The lists are words.
+  DEBIAN_FRONTEND=noninteractive $as_root apt-get install -y -q --no-install-recommends $missing >&2
+}
+
+# build PRESET [TARGET...]: configures once, builds what changed.
+build() {
+  preset=$1
+  shift
+  [ -f "$root/build/$preset/build.ninja" ] || (cd "$root" && cmake --preset "$preset") >&2
+  cmake --build "$root/build/$preset" ${1:+--target "$@"} >&2
+}

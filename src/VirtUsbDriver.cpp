@@ -1,0 +1,67 @@
+#include "VirtUsbDriver.h"
+
+#include <new>
+#include <utility>
+
+#include "VelLog.h"
+#include "protocol/VelPacket.h"
+
+namespace vel {
+
+VirtUsbDriver::VirtUsbDriver(VelDeviceBase* deviceBase, VirtUDevice::IoFactory factory)
+    : mDeviceBase(deviceBase), mDevice(std::make_shared<VirtUDevice>(deviceBase, factory)) {
+  VEL_DEVICE_DEBUG(mDeviceBase, "virtusb driver construct\n");
+}
+
+VirtUsbDriver::~VirtUsbDriver() {
+  VEL_DEVICE_DEBUG(mDeviceBase, "ENTER");
+  mSession.reset();
+}
+
+int VirtUsbDriver::Init() {
+  VEL_DEVICE_DEBUG(mDeviceBase, " enter");
+  if (mDeviceBase == nullptr) {
+    VEL_DEVICE_ERROR(mDeviceBase, "new driver dev is NULL\n");
+    return -1;
+  }
+  mDevice->Init();
+  mSession = std::make_shared<VirtUsb>(mDeviceBase, mDevice);
+  return 0;
+}
+
+int VirtUsbDriver::onEvent(std::unique_ptr<VelPacket> packet) {
+  if (packet == nullptr) {
+    return 0;
+  }
+  VEL_DEVICE_DEBUG(mDeviceBase, "getPacket devId=%u,reqID=%u \n", packet->GetDevId(),
+                   unsigned{packet->GetReqId()});
+  if (mSession == nullptr) {
+    return 0;
+  }
+  try {
+    mSession->EventHandler(std::move(packet));
+  } catch (const std::bad_alloc&) {
+    VEL_DEVICE_ERROR(mDeviceBase, "no memory to queue a request, it is dropped");
+  }
+  return 0;
+}
+
+int VirtUsbDriver::Close(std::uint8_t /*reason*/) {
+  VEL_DEVICE_DEBUG(mDeviceBase, "virtusb close \n");
+  if (mSession != nullptr) {
+    mSession->Stop();
+  }
+  return 0;
+}
+
+int VirtUsbDriver::OnPolicyChange(std::uint64_t /*setting*/, std::uint64_t /*value*/) {
+  VEL_DEVICE_DEBUG(mDeviceBase, "unimplement");
+  return 0;
+}
+
+int VirtUsbDriver::OnEvent(std::uint8_t /*code*/, std::uint64_t /*first*/, std::uint64_t /*second*/) {
+  VEL_DEVICE_DEBUG(mDeviceBase, "unimplement");
+  return 0;
+}
+
+}  // namespace vel

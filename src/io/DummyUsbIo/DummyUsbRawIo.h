@@ -1,0 +1,16 @@
+#ifndef VEL_IO_DUMMY_USB_IO_DUMMY_USB_RAW_IO_H
+#define VEL_IO_DUMMY_USB_IO_DUMMY_USB_RAW_IO_H
+
+#include "io/DummyUsbIo/DummyUsbFamily.h"
+
+namespace vel {
+
+// A vendor device with an endpoint pair of each transfer type; every endpoint says bInterval 0, as meant.
+class DummyUsbRawIo final : public DummyUsbFamily {
+ public:
+  DummyUsbRawIo(std::uint8_t busNumber, std::uint8_t deviceAddress, std::uint16_t vid, std::uint16_t pid);
+};
+
+}  // namespace vel
+
+#endif

@@ -1,0 +1,41 @@
+#include "io/DummyUsbIo/PendingXfers.h"
+
+#include <algorithm>
+#include <iterator>
+
+namespace vel {
+
+void PendingXfers::Add(_UsbIoXferInfo* info) {
+  const MutexLock lock(mMutex);
+  mXfers.push_back(info);
+}
+
+bool PendingXfers::Cancel(std::uint32_t localXferId) {
+  _UsbIoXferInfo* cancelled = nullptr;
+  {
+    const MutexLock lock(mMutex);
+    const auto found = std::find_if(mXfers.rbegin(), mXfers.rend(), [localXferId](const _UsbIoXferInfo* info) {
+      return info->localXferId == localXferId;
+    });
+    if (found == mXfers.rend()) {
+      return false;
+    }
+    cancelled = *found;
+    mXfers.erase(std::next(found).base());
+  }
+  FailXfer(cancelled, kXferCancelled);
+  return true;
+}
+
+void PendingXfers::CancelAll() {
+  std::vector<_UsbIoXferInfo*> cancelled;
+  {
+    const MutexLock lock(mMutex);
+    cancelled.swap(mXfers);
+  }
+  for (_UsbIoXferInfo* info : cancelled) {
+    FailXfer(info, kXferCancelled);
+  }
+}
+
+}  // namespace vel

@@ -1,0 +1,33 @@
+#ifndef VEL_IO_DUMMY_USB_IO_PENDING_XFERS_H
+#define VEL_IO_DUMMY_USB_IO_PENDING_XFERS_H
+
+#include <cstdint>
+#include <vector>
+
+#include "io/UsbIoXferInfo.h"
+#include "vel/Mutex.h"
+
+namespace vel {
+
+// Transfers of an emulated endpoint that has nothing to say. Owns them until they are cancelled. Any thread;
+// completes with no lock held.
+class PendingXfers {
+ public:
+  PendingXfers() = default;
+  PendingXfers(const PendingXfers&) = delete;
+  PendingXfers& operator=(const PendingXfers&) = delete;
+  ~PendingXfers() { CancelAll(); }
+
+  void Add(_UsbIoXferInfo* info);
+  // Completes the latest transfer with this id as cancelled. False when there is none.
+  bool Cancel(std::uint32_t localXferId);
+  void CancelAll();
+
+ private:
+  Mutex mMutex;
+  std::vector<_UsbIoXferInfo*> mXfers VEL_GUARDED_BY(mMutex);
+};
+
+}  // namespace vel
+
+#endif

@@ -1,0 +1,435 @@
+#include "io/LibusbIo.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdio>
+
+#include "VelLog.h"
+#include "io/LibusbControl.h"
+#include "io/LibusbTransfer.h"
+
+namespace vel {
+namespace {
+
+constexpr std::uint32_t kStringTimeout = 1000;
+
+// Requests that libusb has calls of its own for, since it has to know of their effect.
+constexpr std::uint8_t kHubPortOut = 0x23;
+constexpr std::uint16_t kPortResetFeature = 4;
+
+bool IsPortReset(std::uint8_t bmRequestType, std::uint8_t bRequest, std::uint16_t wValue) {
+  return bmRequestType == kHubPortOut && bRequest == LIBUSB_REQUEST_SET_FEATURE &&
+         (wValue & kPortResetFeature) != 0;
+}
+
+bool IsClearHalt(std::uint8_t bmRequestType, std::uint8_t bRequest, std::uint16_t wValue) {
+  return bmRequestType == LIBUSB_RECIPIENT_ENDPOINT && bRequest == LIBUSB_REQUEST_CLEAR_FEATURE &&
+         wValue == 0;
+}
+
+void KeepFirstFailure(int& first, int result) {
+  if (first == LIBUSB_SUCCESS && result < 0) {
+    first = result;
+  }
+}
+
+}  // namespace
+
+LibusbIo::LibusbIo(VelDeviceBase* device) : mDeviceBase(device), mHandle(mContext) {}
+
+LibusbIo::~LibusbIo() {
+  mHandle.Close();
+  mContext.StopThread();
+  VEL_DEBUG("mLibusbEventThread exit\n");
+}
+
+void* LibusbIo::GetIoHandler() {
+  return mHandle.Get();
+}
+
+std::uint8_t LibusbIo::GetIoType() {
+  return kIoTypeLibusb;
+}
+
+void LibusbIo::Init() {
+  VEL_DEBUG(" enter");
+  if (mContext.Get() != nullptr) {
+    return;
+  }
+  if (mContext.Create() != LIBUSB_SUCCESS) {
+    VEL_ERROR("initialize libusb failed\n");
+    return;
+  }
+  GetLibusbDev();
+}
+
+void LibusbIo::GetLibusbDev() {
+  libusb_device** devices = nullptr;
+  const auto count = libusb_get_device_list(mContext.Get(), &devices);
+  const LibusbDeviceListPtr list(count < 0 ? nullptr : devices);
+  if (!mContext.StartThread([this] { mHandle.EventThreadEnded(); })) {
+    VEL_WARN("Starting LibusbEventHandler failed\n");
+  }
+  const std::size_t found = count < 0 ? 0 : static_cast<std::size_t>(count);
+  if (!mDevice.Find({list.get(), found}, mDeviceBase->GetBusNumber(),
+                    mDeviceBase->GetDeviceAddress())) {
+    VEL_ERROR("GetLibusbDev failed\n");
+    return;
+  }
+  VEL_DEBUG("device[%p]\n", static_cast<void*>(mDevice.Get()));
+}
+
+int LibusbIo::OpenUsbDev() {
+  VEL_DEBUG("OpenUsbDev");
+  if (mDevice.Get() == nullptr) {
+    VEL_ERROR("OpenUsbDev failed LIBUSB_ERROR_NOT_FOUND\n");
+    return LIBUSB_ERROR_NOT_FOUND;
+  }
+  const int result = mHandle.Open(mDevice.Get());
+  if (result != LIBUSB_SUCCESS) {
+    VEL_ERROR(
+        "libusb_open error: %i - %s "
+        "[bus=0x%02X,port=0x%02X,address=0x%02X,VID=0x%04X,PID=0x%04X]",
+        result, libusb_error_name(result), unsigned{mDeviceBase->GetBusNumber()},
+        unsigned{libusb_get_port_number(mDevice.Get())}, unsigned{mDeviceBase->GetDeviceAddress()},
+        unsigned{mDeviceBase->GetVendorId()}, unsigned{mDeviceBase->GetProductId()});
+  }
+  return result;
+}
+
+int LibusbIo::CloseUsbDev() {
+  VEL_DEBUG("enter\n");
+  const int result = mHandle.Close();
+  if (result != LIBUSB_SUCCESS) {
+    libusb_device* const device = mDevice.Get();
+    VEL_ERROR(
+        "CloseUsbDev "
+        "[bus=0x%02X,port=0x%02X,address=0x%02X,VID=0x%04X,PID=0x%04X]",
+        unsigned{mDeviceBase->GetBusNumber()},
+        device == nullptr ? 0U : unsigned{libusb_get_port_number(device)},
+        unsigned{mDeviceBase->GetDeviceAddress()}, unsigned{mDeviceBase->GetVendorId()},
+        unsigned{mDeviceBase->GetProductId()});
+  }
+  VEL_DEBUG("exit\n");
+  return result;
+}
+
+std::uint8_t LibusbIo::GetDevicePortNumber() {
+  if (mDevice.Get() == nullptr) {
+    VEL_ERROR("GetDevicePortNumber failed LIBUSB_ERROR_NOT_FOUND\n");
+    return 0;
+  }
+  return libusb_get_port_number(mDevice.Get());
+}
+
+libusb_device_descriptor* LibusbIo::GetDeviceDesc() {
+  if (mDevice.Get() == nullptr) {
+    VEL_ERROR("GetDevDescript failed LIBUSB_ERROR_NOT_FOUND\n");
+    return nullptr;
+  }
+  libusb_device_descriptor* descriptor = nullptr;
+  const int result = mDevice.ReadDescriptor(&descriptor);
+  if (result < 0) {
+    VEL_ERROR("libusb_get_device_descriptor: error %s [%d]", libusb_error_name(result), result);
+  }
+  return descriptor;
+}
+
+libusb_config_descriptor* LibusbIo::GetConfigDesc() {
+  if (mDevice.Get() == nullptr) {
+    VEL_ERROR("GetDeviceconfig failed LIBUSB_ERROR_NOT_FOUND\n");
+    return nullptr;
+  }
+  libusb_config_descriptor* config = nullptr;
+  const int result = mDevice.ReadConfig(&config);
+  if (result < 0) {
+    VEL_ERROR("GetDeviceconfig: error %s [%d]", libusb_error_name(result), result);
+  }
+  return config;
+}
+
+std::uint8_t LibusbIo::GetBusNumber() {
+  if (mDevice.Get() == nullptr) {
+    VEL_ERROR("GetBusNumber failed LIBUSB_ERROR_NOT_FOUND\n");
+    return 0;
+  }
+  return libusb_get_bus_number(mDevice.Get());
+}
+
+std::uint8_t LibusbIo::GetDeviceAddress() {
+  if (mDevice.Get() == nullptr) {
+    VEL_ERROR("GetDeviceAddress failed LIBUSB_ERROR_NOT_FOUND\n");
+    return 0;
+  }
+  return libusb_get_device_address(mDevice.Get());
+}
+
+std::uint8_t LibusbIo::GetDeviceSpeed() {
+  if (mDevice.Get() == nullptr) {
+    VEL_ERROR("GetDeviceSpeed failed LIBUSB_ERROR_NOT_FOUND\n");
+    return 0;
+  }
+  return static_cast<std::uint8_t>(libusb_get_device_speed(mDevice.Get()));
+}
+
+int LibusbIo::GetStringDescriptor(std::uint8_t index, std::uint16_t langId, std::uint8_t* buffer,
+                                  int length) {
+  const LibusbUse use(mHandle);
+  if (use.Get() == nullptr) {
+    VEL_ERROR("GetStringDescriptor failed LIBUSB_ERROR_NOT_FOUND\n");
+    return LIBUSB_ERROR_NOT_FOUND;
+  }
+  const LibusbControlRequest request{
+      .bmRequestType = LIBUSB_ENDPOINT_IN,
+      .bRequest = LIBUSB_REQUEST_GET_DESCRIPTOR,
+      .wValue = static_cast<std::uint16_t>((LIBUSB_DT_STRING << 8U) | index),
+      .wIndex = langId,
+      .wLength = static_cast<std::uint16_t>(std::clamp(length, 0, int{UINT16_MAX})),
+      .timeout = kStringTimeout,
+  };
+  return LibusbControl(mHandle, use.Get(), request, buffer);
+}
+
+int LibusbIo::ResetDevice() {
+  VEL_DEBUG("enter\n");
+  const LibusbUse use(mHandle);
+  int result = LIBUSB_ERROR_NOT_FOUND;
+  if (use.Get() != nullptr) {
+    result = libusb_reset_device(use.Get());
+    if (result < 0) {
+      VEL_ERROR("libusb_reset_device: error %s [%d]", libusb_error_name(result), result);
+    }
+  }
+  VEL_DEBUG("exit\n");
+  return result;
+}
+
+int LibusbIo::AttachKernelDriver() {
+  VEL_DEBUG("enter\n");
+  const LibusbUse use(mHandle);
+  int result = LIBUSB_ERROR_NOT_FOUND;
+  if (use.Get() != nullptr) {
+    const LibusbInterfaces interfaces = mDevice.ReadInterfaces();
+    result = interfaces.result;
+    // All are released before the first is attached: a driver may want several of them (cdc_acm does).
+    for (const int number : interfaces.All()) {
+      const int released = libusb_release_interface(use.Get(), number);
+      if (released < 0) {
+        VEL_ERROR("libusb_release_interface: error num %d = %d", number, released);
+      }
+    }
+    for (const int number : interfaces.All()) {
+      const int attached = libusb_attach_kernel_driver(use.Get(), number);
+      if (attached < 0) {
+        VEL_ERROR("libusb_attach_kernel_driver if%d = %d", number, attached);
+      }
+      KeepFirstFailure(result, attached);
+    }
+  }
+  VEL_DEBUG("exit\n");
+  return result;
+}
+
+int LibusbIo::DetachKernelDriver() {
+  const LibusbUse use(mHandle);
+  if (use.Get() == nullptr) {
+    return LIBUSB_ERROR_NOT_FOUND;
+  }
+  const LibusbInterfaces interfaces = mDevice.ReadInterfaces();
+  int first = interfaces.result;
+  for (const int number : interfaces.All()) {
+    int result = libusb_kernel_driver_active(use.Get(), number);
+    VEL_DEBUG("libusb_kernel_driver_active = %s [%d]", libusb_error_name(result), result);
+    if (result > 0) {
+      result = libusb_detach_kernel_driver(use.Get(), number);
+      if (result < 0) {
+        VEL_ERROR("libusb_detach_kernel_driver = %s [%d]", libusb_error_name(result), result);
+      }
+    }
+    KeepFirstFailure(first, result);
+  }
+  return first;
+}
+
+int LibusbIo::ClearHalt(int endpoint) {
+  const LibusbUse use(mHandle);
+  if (use.Get() == nullptr) {
+    VEL_ERROR("ClearHalt failed LIBUSB_ERROR_NOT_FOUND\n");
+    return LIBUSB_ERROR_NOT_FOUND;
+  }
+  return libusb_clear_halt(use.Get(), static_cast<unsigned char>(endpoint));
+}
+
+int LibusbIo::ReleaseAllInterface() {
+  const LibusbUse use(mHandle);
+  if (use.Get() == nullptr) {
+    VEL_ERROR("ReleaseAllInterface failed LIBUSB_ERROR_NOT_FOUND\n");
+    return LIBUSB_ERROR_NOT_FOUND;
+  }
+  const LibusbInterfaces interfaces = mDevice.ReadInterfaces();
+  int first = interfaces.result;
+  for (const int number : interfaces.All()) {
+    const int result = libusb_release_interface(use.Get(), number);
+    if (result < 0) {
+      VEL_ERROR("config_release_all_interface: error num %d", result);
+    }
+    KeepFirstFailure(first, result);
+  }
+  return first;
+}
+
+int LibusbIo::SetConfiguration(int configuration) {
+  const LibusbUse use(mHandle);
+  if (use.Get() == nullptr) {
+    VEL_ERROR("SetConfiguration failed LIBUSB_ERROR_NOT_FOUND\n");
+    return LIBUSB_ERROR_NOT_FOUND;
+  }
+  return libusb_set_configuration(use.Get(), configuration);
+}
+
+int LibusbIo::ClaimAllInterface() {
+  const LibusbUse use(mHandle);
+  if (use.Get() == nullptr) {
+    VEL_ERROR("ClaimAllInterface failed LIBUSB_ERROR_NOT_FOUND\n");
+    return LIBUSB_ERROR_NOT_FOUND;
+  }
+  const LibusbInterfaces interfaces = mDevice.ReadInterfaces();
+  int first = interfaces.result;
+  for (const int number : interfaces.All()) {
+    const int result = libusb_claim_interface(use.Get(), number);
+    if (result < 0) {
+      VEL_ERROR("claim_all_interface: error num %d", result);
+    }
+    KeepFirstFailure(first, result);
+  }
+  return first;
+}
+
+int LibusbIo::SetInterfaceAltSetting(int interfaceNumber, int altSetting) {
+  const LibusbUse use(mHandle);
+  if (use.Get() == nullptr) {
+    VEL_ERROR("SetInterfaceAltSetting failed LIBUSB_ERROR_NOT_FOUND\n");
+    return LIBUSB_ERROR_NOT_FOUND;
+  }
+  const int result = libusb_set_interface_alt_setting(use.Get(), interfaceNumber, altSetting);
+  if (result < 0) {
+    VEL_ERROR("Set interface altsetting get error num %d", result);
+  }
+  return result;
+}
+
+int LibusbIo::CancelTransfer(std::uint32_t localXferId) {
+  bool known = false;
+  const int result = mHandle.Cancel(localXferId, &known);
+  if (!known) {
+    VEL_ERROR("unknown Transfer localXferId[%d]", static_cast<int>(localXferId));
+  } else if (result < 0) {
+    VEL_ERROR("libusb_cancel_transfer: error num %s [%d]", libusb_error_name(result), result);
+  }
+  return result;
+}
+
+int LibusbIo::ControlTransfer(std::uint8_t bmRequestType, std::uint8_t bRequest,
+                              std::uint16_t wValue, std::uint16_t wIndex, std::uint8_t* data,
+                              std::uint16_t wLength, std::uint32_t timeout) {
+  const LibusbUse use(mHandle);
+  if (use.Get() == nullptr) {
+    VEL_ERROR("ControlTransfer failed LIBUSB_ERROR_NOT_FOUND\n");
+    return LIBUSB_ERROR_NOT_FOUND;
+  }
+  if (IsPortReset(bmRequestType, bRequest, wValue)) {
+    VEL_DEBUG("ResetDevice");
+    return ResetDevice();
+  }
+  if (IsClearHalt(bmRequestType, bRequest, wValue)) {
+    VEL_DEBUG("libusb_clear_halt");
+    return libusb_clear_halt(use.Get(), static_cast<unsigned char>(wIndex & 0xFFU));
+  }
+  const int result = LibusbControl(mHandle, use.Get(),
+                                   {.bmRequestType = bmRequestType,
+                                    .bRequest = bRequest,
+                                    .wValue = wValue,
+                                    .wIndex = wIndex,
+                                    .wLength = wLength,
+                                    .timeout = timeout},
+                                   data);
+  if (result < 0) {
+    VEL_ERROR("libusb_control_transfer get error num %d", result);
+  }
+  return result;
+}
+
+// In the three below the use is older than the guard: a close waits for the completion of a failed
+// submission too.
+
+int LibusbIo::BulkTransfer(_UsbIoXferInfo* info) {
+  if (info == nullptr) {
+    return LIBUSB_SUCCESS;
+  }
+  const LibusbUse use(mHandle);
+  XferGuard completion(info);
+  if (use.Get() == nullptr) {
+    VEL_ERROR("BulkTransfer failed LIBUSB_ERROR_NOT_FOUND\n");
+    return LIBUSB_ERROR_NOT_FOUND;
+  }
+  VEL_DEBUG("BulkTransfer streamid[%d] epaddr[%d] len[%d]", static_cast<int>(info->streamId),
+            int{info->epAddr}, static_cast<int>(info->length));
+  info->owner = this;
+  const int result = LibusbTransfer::Submit(mHandle, use.Get(), *info, LIBUSB_TRANSFER_TYPE_BULK);
+  if (result < 0) {
+    std::printf("Error submitting bulk transfer, %d", result);
+    return result;
+  }
+  static_cast<void>(completion.Release());
+  VEL_DEBUG("BulkTransfer finished ret[%d]", result);
+  return result;
+}
+
+int LibusbIo::InterruptTransfer(_UsbIoXferInfo* info) {
+  if (info == nullptr) {
+    return LIBUSB_SUCCESS;
+  }
+  const LibusbUse use(mHandle);
+  XferGuard completion(info);
+  if (use.Get() == nullptr) {
+    VEL_ERROR("InterruptTransfer failed LIBUSB_ERROR_NOT_FOUND\n");
+    return LIBUSB_ERROR_NOT_FOUND;
+  }
+  VEL_DEBUG("InterruptTransfer streamid[%d] epaddr[%d] len[%d]", static_cast<int>(info->streamId),
+            int{info->epAddr}, static_cast<int>(info->length));
+  info->owner = this;
+  const int result =
+      LibusbTransfer::Submit(mHandle, use.Get(), *info, LIBUSB_TRANSFER_TYPE_INTERRUPT);
+  if (result < 0) {
+    std::printf("Error submitting interrupt transfer, %d", result);
+    return result;
+  }
+  static_cast<void>(completion.Release());
+  VEL_DEBUG("InterruptTransfer finished ret[%d]", result);
+  return result;
+}
+
+int LibusbIo::IsochTransfer(_UsbIoXferInfo* info) {
+  if (info == nullptr) {
+    return LIBUSB_SUCCESS;
+  }
+  const LibusbUse use(mHandle);
+  XferGuard completion(info);
+  if (use.Get() == nullptr) {
+    VEL_ERROR("IsoTransfer failed LIBUSB_ERROR_NOT_FOUND\n");
+    return LIBUSB_ERROR_NOT_FOUND;
+  }
+  VEL_DEBUG("IsoTransfer streamid[0x%x] epaddr[0x%x] len[%d] isonum[%d]", info->streamId,
+            unsigned{info->epAddr}, static_cast<int>(info->length),
+            static_cast<int>(info->isoPacketNum));
+  info->owner = this;
+  const int result = LibusbTransfer::SubmitIso(mHandle, use.Get(), *info);
+  if (result < 0) {
+    VEL_ERROR("Error submitting iso transfer, %d", result);
+    return result;
+  }
+  static_cast<void>(completion.Release());
+  return result;
+}
+
+}  // namespace vel

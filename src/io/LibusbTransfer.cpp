@@ -1,0 +1,196 @@
+#include "io/LibusbTransfer.h"
+
+#include <algorithm>
+#include <climits>
+#include <cstring>
+#include <new>
+#include <span>
+#include <utility>
+
+#include "VelLog.h"
+#include "protocol/IsoTable.h"
+
+namespace vel {
+namespace {
+
+// What the packets of one isochronous transfer may ask for altogether.
+constexpr std::uint64_t kMaxIsoPayload = 64ULL << 20U;
+
+std::span<libusb_iso_packet_descriptor> Packets(libusb_transfer& transfer) {
+  return {transfer.iso_packet_desc, static_cast<std::size_t>(transfer.num_iso_packets)};
+}
+
+// A packet never moved more than it had room for, whatever is reported.
+unsigned Moved(const libusb_iso_packet_descriptor& packet) {
+  return std::min(packet.actual_length, packet.length);
+}
+
+bool HasTable(const _UsbIoXferInfo& info) {
+  return info.data != nullptr && info.isoPacketNum > 0 &&
+         IsoTableSize(info.isoPacketNum) <= info.length;
+}
+
+}  // namespace
+
+LibusbTransfer::LibusbTransfer(LibusbHandle& owner, _UsbIoXferInfo& info,
+                               LibusbTransferPtr transfer, Block isoBuffer)
+    : mOwner(owner),
+      mInfo(&info),
+      mIsoBuffer(std::move(isoBuffer)),
+      mFlight(std::move(transfer), info.localXferId) {
+  mFlight.transfer->user_data = this;
+}
+
+int LibusbTransfer::Submit(LibusbHandle& owner, libusb_device_handle* handle, _UsbIoXferInfo& info,
+                           libusb_transfer_type type) {
+  if (info.length > INT_MAX || (info.data == nullptr && info.length > 0)) {
+    return LIBUSB_ERROR_INVALID_PARAM;
+  }
+  LibusbTransferPtr transfer(libusb_alloc_transfer(0));
+  if (transfer == nullptr) {
+    return LIBUSB_ERROR_NO_MEM;
+  }
+  libusb_fill_bulk_transfer(transfer.get(), handle, info.epAddr, info.data,
+                            static_cast<int>(info.length), FuncAsyncTransferCB, nullptr, 0);
+  transfer->type = static_cast<unsigned char>(type);
+  return Submit(std::unique_ptr<LibusbTransfer>(
+      new (std::nothrow) LibusbTransfer(owner, info, std::move(transfer), nullptr)));
+}
+
+int LibusbTransfer::SubmitIso(LibusbHandle& owner, libusb_device_handle* handle,
+                              _UsbIoXferInfo& info) {
+  if (!HasTable(info)) {
+    return LIBUSB_ERROR_INVALID_PARAM;
+  }
+  const std::size_t tableSize = IsoTableSize(info.isoPacketNum);
+  LibusbTransferPtr transfer(libusb_alloc_transfer(static_cast<int>(info.isoPacketNum)));
+  if (transfer == nullptr) {
+    return LIBUSB_ERROR_NO_MEM;
+  }
+  transfer->num_iso_packets = static_cast<int>(info.isoPacketNum);
+  std::uint64_t total = 0;
+  std::size_t index = 0;
+  for (libusb_iso_packet_descriptor& packet : Packets(*transfer)) {
+    packet.length = LoadIsoRecord(info.data, index++).length;
+    total += packet.length;
+  }
+  // The data of an IN record is the table alone: what is behind it is not read.
+  if (total > (IsIn(info) ? kMaxIsoPayload
+                          : std::min<std::uint64_t>(kMaxIsoPayload, info.length - tableSize))) {
+    return LIBUSB_ERROR_INVALID_PARAM;
+  }
+  const std::size_t payload = static_cast<std::size_t>(total);
+  // The completion of an OUT transfer writes the packet table into its buffer.
+  const std::size_t room =
+      std::max<std::size_t>(IsIn(info) ? payload : std::max(payload, tableSize), 1);
+  Block buffer(static_cast<std::uint8_t*>(std::malloc(room)));
+  if (buffer == nullptr) {
+    return LIBUSB_ERROR_NO_MEM;
+  }
+  if (!IsIn(info)) {
+    std::memcpy(buffer.get(), info.data + tableSize, payload);
+    std::memset(buffer.get() + payload, 0, room - payload);
+  }
+  libusb_fill_iso_transfer(transfer.get(), handle, info.epAddr, buffer.get(),
+                           static_cast<int>(payload), static_cast<int>(info.isoPacketNum),
+                           FuncAsyncTransferCB, nullptr, 0);
+  return Submit(std::unique_ptr<LibusbTransfer>(
+      new (std::nothrow) LibusbTransfer(owner, info, std::move(transfer), std::move(buffer))));
+}
+
+int LibusbTransfer::Submit(std::unique_ptr<LibusbTransfer> self) {
+  if (self == nullptr) {
+    return LIBUSB_ERROR_NO_MEM;
+  }
+  LibusbTransfer* const submitted = self.release();
+  const int result = submitted->mOwner.Submit(submitted->mFlight);
+  if (result < 0) {
+    self.reset(submitted);
+  }
+  return result;
+}
+
+// Thread that handles events.
+void LIBUSB_CALL LibusbTransfer::FuncAsyncTransferCB(libusb_transfer* transfer) {
+  if (transfer->user_data == nullptr) {
+    VEL_ERROR("Invalid int_transfer->user_data!");
+    libusb_free_transfer(transfer);
+    return;
+  }
+  std::unique_ptr<LibusbTransfer> self(static_cast<LibusbTransfer*>(transfer->user_data));
+  LibusbHandle& owner = self->mOwner;
+  owner.Unfile(self->mFlight);
+  self->Complete();
+  self.reset();
+  owner.Finish();
+}
+
+void LibusbTransfer::Complete() {
+  libusb_transfer& transfer = *mFlight.transfer;
+  if (transfer.status != LIBUSB_TRANSFER_COMPLETED) {
+    VEL_ERROR("Libusb transfer status error[%d]!, transfer_type[%d]",
+              static_cast<int>(transfer.status), int{transfer.type});
+    FailXfer(mInfo, transfer.status);
+    return;
+  }
+  const auto moved =
+      static_cast<std::uint32_t>(std::clamp(transfer.actual_length, 0, transfer.length));
+  mInfo->status = kXferCompleted;
+  mInfo->length = moved;
+  if (transfer.type == LIBUSB_TRANSFER_TYPE_ISOCHRONOUS) {
+    if (!IsIn(*mInfo)) {
+      TakeIsoOut(moved);
+    } else if (!TakeIsoIn()) {
+      FailXfer(mInfo, kXferError);
+      return;
+    }
+  }
+  VEL_DEBUG("async transfer[%d] cb, streamid[0x%x] length[%d] actual_length[%d]",
+            int{transfer.type}, mInfo->streamId, transfer.length, transfer.actual_length);
+  CompleteXfer(mInfo);
+}
+
+// The result of an OUT transfer is its own buffer, with the packet table written over the head of
+// it.
+void LibusbTransfer::TakeIsoOut(std::uint32_t moved) {
+  std::size_t index = 0;
+  for (const libusb_iso_packet_descriptor& packet : Packets(*mFlight.transfer)) {
+    IsoPacketRecord record = LoadIsoRecord(mIsoBuffer.get(), index);
+    record.length = packet.length;
+    record.actual_length = packet.actual_length;
+    record.status = static_cast<std::uint32_t>(packet.status);
+    StoreIsoRecord(mIsoBuffer.get(), index++, record);
+  }
+  ReplaceXferData(*mInfo, mIsoBuffer.release(), moved);
+}
+
+// The result of an IN transfer is the packet table and, behind it without gaps, what the packets
+// brought. False when there is no memory.
+bool LibusbTransfer::TakeIsoIn() {
+  const std::span packets = Packets(*mFlight.transfer);
+  std::size_t length = packets.size() * sizeof(IsoPacketRecord);
+  for (const libusb_iso_packet_descriptor& packet : packets) {
+    length += Moved(packet);
+  }
+  Block result(static_cast<std::uint8_t*>(std::malloc(length)));
+  if (result == nullptr) {
+    return false;
+  }
+  const std::uint8_t* source = mIsoBuffer.get();
+  std::size_t offset = packets.size() * sizeof(IsoPacketRecord);
+  std::size_t index = 0;
+  for (const libusb_iso_packet_descriptor& packet : packets) {
+    StoreIsoRecord(result.get(), index++,
+                   {.offset = static_cast<std::uint32_t>(offset),
+                    .length = packet.length,
+                    .actual_length = Moved(packet),
+                    .status = static_cast<std::uint32_t>(packet.status)});
+    std::memcpy(result.get() + offset, source, Moved(packet));
+    source += packet.length;
+    offset += Moved(packet);
+  }
+  ReplaceXferData(*mInfo, result.release(), static_cast<std::uint32_t>(length));
+  return true;
+}
+
+}  // namespace vel

@@ -1,0 +1,66 @@
+#ifndef VEL_POLICYS_REDIR_POLICY_H
+#define VEL_POLICYS_REDIR_POLICY_H
+
+#include <cstdint>
+#include <map>
+#include <vector>
+
+#include "io/IUsbIo.h"
+
+namespace vel {
+
+// Sits between a device and its backend: answers the standard descriptor requests of emulated devices from a
+// configuration descriptor rebuilt out of the backend's tree, and clears halts on the client's side too.
+//
+// Loop thread, but for Release, which may come from the thread that closes the device. `io` outlives the policy.
+class RedirPolicy {
+ public:
+  explicit RedirPolicy(IUsbIo* io);
+  RedirPolicy(const RedirPolicy&) = delete;
+  RedirPolicy& operator=(const RedirPolicy&) = delete;
+  ~RedirPolicy() = default;
+
+  // Any text, whatever it says, enables the policy of the video class from the next probe on. Returns 0.
+  int SetPolicy(const char* policyText);
+
+  // Reads the backend's configuration anew. The arguments are not used. Returns 0, or -1 when the backend has none.
+  int ProbePolicy(const void* unused1, const void* unused2);
+
+  bool IsPolicyInterface(std::uint32_t interfaceNumber) const { return interfaceNumber == mPolicyInterface; }
+  bool IsPolicyEndpoint(std::uint8_t epAddr) const { return epAddr == mPolicyEndpoint; }
+
+  // Before and after an alternate setting is selected. -1 for a device without video streaming.
+  int SetInterface(std::uint32_t interfaceNumber, std::uint32_t altSetting);
+  int SetInterfacePost(std::uint32_t interfaceNumber, std::uint32_t altSetting);
+
+  // Takes an isochronous record for the policy endpoint and sees to its completion.
+  int DoTransfer(_UsbIoXferInfo* info);
+  void Release();
+
+  // Before a control request goes to the backend. 1: GetVirtControlData answers it instead.
+  int PeekControlTransfer(std::uint8_t bmRequestType, std::uint8_t bRequest, std::uint16_t wValue,
+                          std::uint16_t wIndex, std::uint8_t* data, std::uint16_t wLength);
+  // After the backend answered; `data` holds its answer. Returns 0.
+  int PeekControlTransferRet(std::uint8_t bmRequestType, std::uint8_t bRequest, std::uint16_t wValue,
+                             std::uint16_t wIndex, std::uint8_t* data, std::uint16_t wLength);
+  // Bytes written to `data`, at most `wLength`.
+  int GetVirtControlData(std::uint8_t bmRequestType, std::uint8_t bRequest, std::uint16_t wValue,
+                         std::uint16_t wIndex, std::uint8_t* data, std::uint16_t wLength);
+
+ private:
+  static constexpr std::uint8_t kNoPolicy = 0xFF;
+
+  // The wire form of the tree. Empty when it would not fit 64 KiB.
+  static std::vector<std::uint8_t> MakeRawConfigDesc(const libusb_config_descriptor& config);
+
+  IUsbIo* const mIo;
+  libusb_config_descriptor* mConfig = nullptr;  // The backend's.
+  std::vector<std::uint8_t> mRawConfig;
+  std::uint8_t mPolicyEndpoint = kNoPolicy;
+  std::uint8_t mPolicyInterface = kNoPolicy;
+  std::map<int, int> mPolicyMap;  // USB class to an enable flag.
+};
+
+}  // namespace vel
+
+#endif

@@ -1,0 +1,137 @@
+#ifndef VEL_VIRT_USB_H
+#define VEL_VIRT_USB_H
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <utility>
+
+#include "TransferBudget.h"
+#include "protocol/Commands.h"
+#include "protocol/Requests.h"
+#include "protocol/VelPacket.h"
+#include "vel/DriverObj.h"
+#include "vel/Looper.h"
+#include "vel/Message.h"
+#include "vel/VelDeviceBase.h"
+#include "virt_udevice.h"
+#include "virtusb_device_handler.h"
+
+namespace vel {
+
+// What the framework sees of a device session. The order of the virtual operations is a binary interface.
+class VirtUsbInf : public DriverObj {
+ public:
+  virtual int Stop() = 0;
+  virtual int EventHandler(std::unique_ptr<VelPacket> packet) = 0;
+  virtual int IsDeviceRedirected() const = 0;
+};
+
+// One queued request: a handler bound to its session, and the packet. Destroyed with the packet when it was
+// never handled.
+class TransferTaskMessageA : public Message {
+ public:
+  using Function = std::function<int(std::unique_ptr<VelPacket>)>;
+
+  TransferTaskMessageA(Function function, std::unique_ptr<VelPacket> packet)
+      : mFunction(std::move(function)), mPacket(std::move(packet)) {}
+
+  void HandleMessage() override { mFunction(std::move(mPacket)); }
+
+ private:
+  const Function mFunction;
+  std::unique_ptr<VelPacket> mPacket;
+};
+
+// The session of one redirected device: takes request packets, and carries each out on its own loop thread, one
+// at a time and in arrival order.
+//
+// EventHandler runs on the framework's thread and only posts; Stop and the destructor may come from any thread but
+// the loop's own. `deviceBase` outlives the session.
+class VirtUsb final : public VirtUsbInf {
+ public:
+  VirtUsb(VelDeviceBase* deviceBase, std::shared_ptr<VirtUDevice> device);
+  ~VirtUsb() override;
+
+  std::uint16_t GetDriverType() const override { return kDriverType; }
+  std::uint16_t GetFirstMatch() const override { return kMatchesAll; }
+  std::uint16_t GetSecondMatch() const override { return kMatchesAll; }
+  const char* GetTypeName() const override { return "virtlibusb"; }
+  int IsRedirected() const override;
+
+  // Gives the device back and ends the loop: waits for the handler that runs, drops the requests that wait. Once
+  // stopped, a session stays stopped; a second call does nothing. Returns 0.
+  int Stop() override;
+  // Queues a request. Returns 0; unknown commands and packets after Stop are dropped.
+  int EventHandler(std::unique_ptr<VelPacket> packet) override;
+  int IsDeviceRedirected() const override { return IsRedirected(); }
+
+  static constexpr std::uint16_t kDriverType = 0x0010;
+  static constexpr std::uint16_t kMatchesAll = 0xFFFF;
+
+ private:
+  using PacketPtr = std::unique_ptr<VelPacket>;
+  using Handler = int (VirtUsb::*)(PacketPtr);
+  using StatusOperation = int (VirtUDevice::*)();
+  struct HandlerEntry {
+    Command command;
+    Handler handler;
+  };
+  static const HandlerEntry& EntryAt(std::size_t index);
+
+  // Handlers: loop thread. virtusb_device_handler.cpp.
+  int onGetDeviceDesc(PacketPtr packet);
+  int onOpenUsbDev(PacketPtr packet);
+  int onCloseUsbDev(PacketPtr packet);
+  int onGetDevicePortNumber(PacketPtr packet);
+  int onGetDeviceconfig(PacketPtr packet);
+  int onGetBusNumber(PacketPtr packet);
+  int onGetDeviceAddress(PacketPtr packet);
+  int onGetStringDescriptor(PacketPtr packet);
+  int onResetDevice(PacketPtr packet);
+  int onAttachKernelDriver(PacketPtr packet);
+  int onDetachKernelDriver(PacketPtr packet);
+  int onClearHalt(PacketPtr packet);
+  int onReleaseAllInterface(PacketPtr packet);
+  int onSetConfiguration(PacketPtr packet);
+  int onClaimAllInterface(PacketPtr packet);
+  int onSetInterfaceAltSetting(PacketPtr packet);
+  int onCancelTransfer(PacketPtr packet);
+  int onControlTransfer(PacketPtr packet);
+  int onBulkTransfer(PacketPtr packet);
+  int onInterruptTransfer(PacketPtr packet);
+  int onIsochTransfer(PacketPtr packet);
+  int onGetDeviceSpeed(PacketPtr packet);
+  int onSetRedirPolicy(PacketPtr packet);
+  int doPingProcess(PacketPtr packet);
+
+  // The handler of a command without fields whose reply is the operation's result.
+  int RunStatusCommand(const VelPacket& request, const char* handler, int line, StatusOperation operation);
+  int RefuseSync(const VelPacket& request);
+  int ReplyStatus(const VelPacket& request, std::int32_t result);
+  PacketPtr MakeReply(const VelPacket& request, std::uint32_t capacity) const;
+  int SendReply(PacketPtr reply);
+  void LogBadPayload(const VelPacket& request, PayloadError error) const;
+
+  struct TransferBlocks;
+  // The data block and the context for a transfer, or nothing once the request was refused.
+  bool PrepareTransfer(const VelPacket& request, std::uint32_t xferType, const TransferRequest& transfer,
+                       TransferBlocks& blocks);
+
+  // Writes the first bytes of a payload to the log.
+  void velPrintData(const std::uint8_t* data, int n) const;
+
+  std::mutex mMutex;  // Serialises Stop with the handlers that open, select a setting, or submit isochronous.
+  const std::unique_ptr<Looper> mLooper;
+  VelDeviceBase* const mDeviceBase;
+  const std::shared_ptr<VirtUDevice> mDevice;  // Never null.
+  const std::unique_ptr<DeviceHandlerAA> mEmulatedHold;
+  TransferBudget mQueueBudget;  // Bytes of the packets that wait in the loop.
+  std::atomic<bool> mEnabled{true};
+};
+
+}  // namespace vel
+
+#endif

@@ -1,0 +1,369 @@
+// The request handlers of a session, one per command of the command table.
+#include "virtusb_device_handler.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "ConfigSerializer.h"
+#include "VelLog.h"
+#include "protocol/IsoTable.h"
+#include "virt_usb.h"
+
+namespace vel {
+namespace {
+
+constexpr std::uint32_t kReplyCapacity = 1024;
+constexpr std::uint32_t kConfigReplyCapacity = 16384;
+constexpr std::uint32_t kWaitUnbounded = 0xFFFFFFFF;
+
+// A block for the data of a transfer, never null for want of bytes: a record without data is a failed one.
+std::uint8_t* NewDataBlock(const TransferRequest& transfer) {
+  auto* block = static_cast<std::uint8_t*>(std::malloc(std::max<std::size_t>(transfer.length, 1)));
+  if (block == nullptr) {
+    return nullptr;
+  }
+  const std::size_t given = transfer.data.size();
+  if (given > 0) {
+    std::memcpy(block, transfer.data.data(), given);
+  }
+  // Of the filler that an IN request left out only the packet table is read before it is overwritten.
+  const std::size_t table = std::min<std::size_t>(IsoTableSize(transfer.isoPackets), transfer.length);
+  if (given < table) {
+    std::memset(block + given, 0, table - given);
+  }
+  return block;
+}
+
+}  // namespace
+
+DeviceHandlerAA::~DeviceHandlerAA() { VEL_DEBUG("~devicehandler end\n"); }
+
+std::unique_ptr<VelPacket> VirtUsb::MakeReply(const VelPacket& request, std::uint32_t capacity) const {
+  auto reply = std::make_unique<VelPacket>(capacity);
+  reply->InitHeader(request.GetReqId(), static_cast<std::uint16_t>(request.GetCommand() + 1), request.GetDevId());
+  return reply;
+}
+
+int VirtUsb::SendReply(PacketPtr reply) {
+  if (mDeviceBase != nullptr) {
+    mDeviceBase->Send(std::move(reply), kWaitUnbounded);
+  }
+  return 0;
+}
+
+int VirtUsb::ReplyStatus(const VelPacket& request, std::int32_t result) {
+  PacketPtr reply = MakeReply(request, kReplyCapacity);
+  reply->Append(&result, sizeof result);
+  return SendReply(std::move(reply));
+}
+
+void VirtUsb::LogBadPayload(const VelPacket& request, PayloadError error) const {
+  const CommandInfo* command = FindCommand(request.GetCommand());
+  VEL_DEVICE_ERROR(mDeviceBase, "%.*s (0x%.4x): bad payload of %zu bytes, fields take %u: %.*s",
+                   static_cast<int>(command->name.size()), command->name.data(), unsigned{command->Code()},
+                   request.PayloadBytes().size(), command->fieldBytes,
+                   static_cast<int>(PayloadErrorText(error).size()), PayloadErrorText(error).data());
+}
+
+int VirtUsb::RefuseSync(const VelPacket& request) {
+  LogBadPayload(request, PayloadError::kTooShort);
+  return ReplyStatus(request, LIBUSB_ERROR_INVALID_PARAM);
+}
+
+int VirtUsb::RunStatusCommand(const VelPacket& request, const char* handler, int line, StatusOperation operation) {
+  VEL_DEVICE_LINE(OSKELO_LOG_DEBUG, "Debug:", mDeviceBase, handler, line, "ENTER");
+  const int ret = ((*mDevice).*operation)();
+  VEL_DEVICE_LINE(OSKELO_LOG_DEBUG, "Debug:", mDeviceBase, handler, line, "%s ret:%d", handler, ret);
+  return ReplyStatus(request, ret);
+}
+
+int VirtUsb::onGetDeviceDesc(PacketPtr packet) {
+  VEL_DEVICE_DEBUG(mDeviceBase, "onGetDeviceDesc");
+  const libusb_device_descriptor* desc = mDevice->GetDevDescript();
+  if (desc == nullptr) {
+    VEL_DEVICE_ERROR(mDeviceBase, "FAIL 0");
+    return 0;
+  }
+  static_assert(sizeof *desc == LIBUSB_DT_DEVICE_SIZE);  // libusb's record lies as the descriptor does.
+  PacketPtr reply = MakeReply(*packet, kReplyCapacity);
+  reply->Append(desc, LIBUSB_DT_DEVICE_SIZE);
+  return SendReply(std::move(reply));
+}
+
+int VirtUsb::onOpenUsbDev(PacketPtr packet) {
+  VEL_DEVICE_DEBUG(mDeviceBase, "onOpenUsbDev start");
+  int ret = LIBUSB_ERROR_NOT_FOUND;
+  {
+    const std::lock_guard lock(mMutex);
+    if (mEnabled) {  // Stop may have closed the device while this waited: it stays closed.
+      ret = mDevice->OpenUsbDev();
+    }
+  }
+  VEL_DEVICE_DEBUG(mDeviceBase, "onOpenUsbDev ret:%d", ret);
+  return ReplyStatus(*packet, ret);
+}
+
+int VirtUsb::onCloseUsbDev(PacketPtr packet) {
+  VEL_DEVICE_DEBUG(mDeviceBase, "ENTER");
+  const int ret = mDevice->CloseUsbDev();
+  VEL_DEBUG("onCloseUsbDev ret:%d", ret);
+  return ReplyStatus(*packet, ret);
+}
+
+int VirtUsb::onGetDevicePortNumber(PacketPtr packet) {
+  return RunStatusCommand(*packet, __func__, __LINE__, &VirtUDevice::GetDevicePortNumber);
+}
+
+int VirtUsb::onGetDeviceconfig(PacketPtr packet) {
+  VEL_DEVICE_DEBUG(mDeviceBase, "onGetDeviceconfig");
+  PacketPtr reply = MakeReply(*packet, kConfigReplyCapacity);
+  if (const libusb_config_descriptor* config = mDevice->GetDeviceconfig(); config != nullptr) {
+    AppendConfig(*reply, *config);
+  }
+  VEL_DEVICE_DEBUG(mDeviceBase, "GetPayloadSize[%d],GetPacketSize[%d]", static_cast<int>(reply->GetPayloadSize()),
+                   static_cast<int>(reply->GetPacketSize()));
+  return SendReply(std::move(reply));
+}
+
+int VirtUsb::onGetBusNumber(PacketPtr packet) {
+  return RunStatusCommand(*packet, __func__, __LINE__, &VirtUDevice::GetBusNumber);
+}
+
+int VirtUsb::onGetDeviceAddress(PacketPtr packet) {
+  return RunStatusCommand(*packet, __func__, __LINE__, &VirtUDevice::GetDeviceAddress);
+}
+
+int VirtUsb::onGetStringDescriptor(PacketPtr packet) {
+  VEL_DEVICE_DEBUG(mDeviceBase, "ENTER");
+  const auto request = ReadStringRequest(packet->PayloadBytes());
+  if (!request) {
+    return RefuseSync(*packet);
+  }
+  std::array<std::uint8_t, kStringBufferBytes> buffer{};
+  const std::int32_t ret =
+      mDevice->GetStringDescriptor(request->index, request->langId, buffer.data(), request->length);
+  PacketPtr reply = MakeReply(*packet, kReplyCapacity);
+  reply->Append(&ret, sizeof ret);
+  if (ret > 0) {
+    reply->Append(buffer.data(), static_cast<std::uint32_t>(ret));
+  }
+  return SendReply(std::move(reply));
+}
+
+int VirtUsb::onResetDevice(PacketPtr packet) {
+  return RunStatusCommand(*packet, __func__, __LINE__, &VirtUDevice::ResetDevice);
+}
+
+int VirtUsb::onAttachKernelDriver(PacketPtr packet) {
+  return RunStatusCommand(*packet, __func__, __LINE__, &VirtUDevice::AttachKernelDriver);
+}
+
+int VirtUsb::onDetachKernelDriver(PacketPtr packet) {
+  return RunStatusCommand(*packet, __func__, __LINE__, &VirtUDevice::DetachKernelDriver);
+}
+
+int VirtUsb::onClearHalt(PacketPtr packet) {
+  VEL_DEVICE_DEBUG(mDeviceBase, "ENTER");
+  const int ret = mDevice->ClearHalt(0);  // Always endpoint 0: the payload is not read, as meant.
+  VEL_DEVICE_DEBUG(mDeviceBase, "onClearHalt ret:%d", ret);
+  return ReplyStatus(*packet, ret);
+}
+
+int VirtUsb::onReleaseAllInterface(PacketPtr packet) {
+  return RunStatusCommand(*packet, __func__, __LINE__, &VirtUDevice::ReleaseAllInterface);
+}
+
+int VirtUsb::onSetConfiguration(PacketPtr packet) {
+  VEL_DEVICE_DEBUG(mDeviceBase, "ENTER");
+  const auto configuration = ReadU32Request(packet->PayloadBytes());
+  if (!configuration) {
+    return RefuseSync(*packet);
+  }
+  const int ret = mDevice->SetConfiguration(static_cast<int>(*configuration));
+  VEL_DEVICE_DEBUG(mDeviceBase, "onSetConfiguration configuration:%d ret:%d", static_cast<int>(*configuration),
+                   ret);
+  return ReplyStatus(*packet, ret);
+}
+
+int VirtUsb::onClaimAllInterface(PacketPtr packet) {
+  return RunStatusCommand(*packet, __func__, __LINE__, &VirtUDevice::ClaimAllInterface);
+}
+
+int VirtUsb::onSetInterfaceAltSetting(PacketPtr packet) {
+  VEL_DEVICE_DEBUG(mDeviceBase, "ENTER");
+  const auto request = ReadAltSettingRequest(packet->PayloadBytes());
+  if (!request) {
+    return RefuseSync(*packet);
+  }
+  VEL_DEVICE_DEBUG(mDeviceBase, "onSetInterfaceAltSetting  interfaceNumber:%d ,alternateSetting:%d",
+                   static_cast<int>(request->interfaceNumber), static_cast<int>(request->altSetting));
+  int ret = LIBUSB_ERROR_NOT_FOUND;
+  {
+    const std::lock_guard lock(mMutex);
+    if (mEnabled) {
+      ret = mDevice->SetInterfaceAltSetting(request->interfaceNumber, request->altSetting);
+    }
+  }
+  VEL_DEVICE_DEBUG(mDeviceBase, "onSetInterfaceAltSetting  ret:%d", ret);
+  return ReplyStatus(*packet, ret);
+}
+
+int VirtUsb::onCancelTransfer(PacketPtr packet) {
+  VEL_DEVICE_DEBUG(mDeviceBase, "ENTER");
+  const auto streamId = ReadU32Request(packet->PayloadBytes());
+  if (!streamId) {
+    return RefuseSync(*packet);
+  }
+  VEL_DEVICE_DEBUG(mDeviceBase, "onCancelTransfer  streamid:%d", static_cast<int>(*streamId));
+  const int ret = mDevice->CancelTransfer(*streamId);
+  VEL_DEVICE_DEBUG(mDeviceBase, "onCancelTransfer ret:%d", ret);
+  return ReplyStatus(*packet, ret);
+}
+
+int VirtUsb::onControlTransfer(PacketPtr packet) {
+  VEL_DEVICE_DEBUG(mDeviceBase, "ENTER");
+  const auto request = ReadControlRequest(packet->PayloadBytes());
+  if (!request) {
+    return RefuseSync(*packet);
+  }
+  std::vector<std::uint8_t> data(request->wLength);
+  std::copy(request->data.begin(), request->data.end(), data.begin());
+  VEL_DEVICE_DEBUG(mDeviceBase,
+                   "controlTransfer requestType[0x%x],bRequest[0x%x],wValue[0x%x],wIndex[0x%x],wLength[%d],"
+                   "timeout[%d]",
+                   unsigned{request->bmRequestType}, unsigned{request->bRequest}, unsigned{request->wValue},
+                   unsigned{request->wIndex}, int{request->wLength}, static_cast<int>(request->timeout));
+  const std::int32_t ret =
+      mDevice->ControlTransfer(request->bmRequestType, request->bRequest, request->wValue, request->wIndex,
+                               data.data(), request->wLength, request->timeout);
+  VEL_DEVICE_DEBUG(mDeviceBase, "onControlTransfer ret:%d", ret);
+  PacketPtr reply = MakeReply(*packet, request->wLength + kReplyCapacity);
+  reply->Append(&ret, sizeof ret);
+  if (ret > 0) {
+    reply->Append(data.data(), static_cast<std::uint32_t>(ret));
+    VEL_DEVICE_DEBUG(mDeviceBase, "ret:");
+    velPrintData(data.data(), ret);
+  }
+  return SendReply(std::move(reply));
+}
+
+// The blocks of a transfer until the device takes them over.
+struct VirtUsb::TransferBlocks {
+  std::unique_ptr<std::uint8_t, FreeDeleter> data;
+  std::unique_ptr<TransferContext, FreeDeleter> context;
+};
+
+bool VirtUsb::PrepareTransfer(const VelPacket& request, std::uint32_t xferType, const TransferRequest& transfer,
+                              TransferBlocks& blocks) {
+  blocks.context.reset(static_cast<TransferContext*>(std::calloc(1, sizeof(TransferContext))));
+  if (blocks.context == nullptr) {
+    VEL_DEVICE_ERROR(mDeviceBase, "no memory for a transfer");
+    return false;
+  }
+  TransferContext& context = *blocks.context;
+  context.deviceBase = mDeviceBase;
+  context.device = mDevice.get();
+  context.reqId = request.GetReqId();
+  context.devId = request.GetDevId();
+  context.streamId = transfer.streamId;
+  context.dataGiven = static_cast<std::uint32_t>(transfer.data.size());
+  if (transfer.error != PayloadError::kNone) {
+    LogBadPayload(request, transfer.error);
+  } else if (!mDevice->Budget().Take(transfer.length)) {
+    VEL_DEVICE_ERROR(mDeviceBase, "transfer of %u bytes refused: too many wait already", transfer.length);
+  } else {
+    context.reserved = transfer.length;
+    blocks.data.reset(NewDataBlock(transfer));
+    if (blocks.data != nullptr) {
+      return true;
+    }
+    VEL_DEVICE_ERROR(mDeviceBase, "no memory for a transfer of %u bytes", transfer.length);
+  }
+  mDevice->RefuseTransfer(xferType, transfer.streamId, blocks.context.release());
+  return false;
+}
+
+int VirtUsb::onBulkTransfer(PacketPtr packet) {
+  VEL_DEVICE_DEBUG(mDeviceBase, "ENTER");
+  const TransferRequest transfer = ReadTransferRequest(packet->PayloadBytes());
+  TransferBlocks blocks;
+  if (PrepareTransfer(*packet, kXferBulk, transfer, blocks)) {
+    velPrintData(blocks.data.get(), static_cast<int>(transfer.data.size()));
+    mDevice->BulkTransfer(transfer.epAddr, transfer.streamId, transfer.length, blocks.data.release(),
+                          blocks.context.release());
+  }
+  return 0;
+}
+
+int VirtUsb::onInterruptTransfer(PacketPtr packet) {
+  VEL_DEVICE_DEBUG(mDeviceBase, "ENTER");
+  const TransferRequest transfer = ReadTransferRequest(packet->PayloadBytes());
+  TransferBlocks blocks;
+  if (PrepareTransfer(*packet, kXferInterrupt, transfer, blocks)) {
+    mDevice->InterruptTransfer(transfer.epAddr, transfer.streamId, transfer.length, blocks.data.release(),
+                               blocks.context.release());
+  }
+  return 0;
+}
+
+int VirtUsb::onIsochTransfer(PacketPtr packet) {
+  VEL_DEVICE_DEBUG(mDeviceBase, "ENTER");
+  const TransferRequest transfer = ReadIsoRequest(packet->PayloadBytes());
+  TransferBlocks blocks;
+  if (PrepareTransfer(*packet, kXferIsochronous, transfer, blocks)) {
+    velPrintData(blocks.data.get(), static_cast<int>(transfer.data.size()));
+    const std::lock_guard lock(mMutex);
+    mDevice->IsoTransfer(transfer.epAddr, transfer.streamId, transfer.isoPackets, transfer.length,
+                         blocks.data.release(), blocks.context.release());
+  }
+  return 0;
+}
+
+int VirtUsb::onGetDeviceSpeed(PacketPtr packet) {
+  return RunStatusCommand(*packet, __func__, __LINE__, &VirtUDevice::GetDeviceSpeed);
+}
+
+int VirtUsb::onSetRedirPolicy(PacketPtr packet) {
+  VEL_DEVICE_DEBUG(mDeviceBase, "ENTER");
+  const auto request = ReadPolicyRequest(packet->PayloadBytes());
+  if (!request) {
+    return RefuseSync(*packet);
+  }
+  const std::string policy(*request);
+  const int ret = mDevice->SetRedirPolicy(policy.c_str());
+  VEL_DEVICE_DEBUG(mDeviceBase, "onSetRedirPolicy policy:%s ret:%d", EscapeForLog(policy).c_str(), ret);
+  return ReplyStatus(*packet, ret);
+}
+
+int VirtUsb::doPingProcess(PacketPtr packet) {
+  std::uint32_t streamId = 0;
+  std::uint64_t timestamp = 0;
+  if (packet->PayloadBytes().size() < sizeof streamId + sizeof timestamp) {
+    LogBadPayload(*packet, PayloadError::kTooShort);  // And goes on: a ping is never refused.
+  }
+  packet->ReadU32(&streamId);
+  packet->ReadU64(&timestamp);
+  mDevice->Ping(streamId, timestamp);
+  VEL_DEVICE_DEBUG(mDeviceBase, "streamid = %ld camera time test end at time  \n", static_cast<long>(streamId));
+  return 0;
+}
+
+void VirtUsb::velPrintData(const std::uint8_t* data, int n) const {
+  constexpr int kShown = 32;
+  constexpr int kCell = 5;
+  if (n <= 0 || oskeloLogIsOn(OSKELO_LOG_DEBUG) == 0) {
+    return;
+  }
+  std::array<char, kShown * kCell + 1> text{};
+  for (int i = 0; i < std::min(n, kShown); ++i) {
+    std::snprintf(text.data() + std::ptrdiff_t{i} * kCell, kCell + 1, "0x%.2x ", unsigned{data[i]});
+  }
+  VEL_DEVICE_DEBUG(mDeviceBase, "ret:%s", text.data());
+}
+
+}  // namespace vel

@@ -1,0 +1,239 @@
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <array>
+#include <csignal>
+#include <cstring>
+#include <future>
+#include <thread>
+#include <vector>
+
+#include "remote/FdStream.h"
+#include "remote/RemoteDevice.h"
+#include "remote/StreamChannel.h"
+
+namespace vel {
+namespace {
+
+using testing::Each;
+using Bytes = std::vector<std::uint8_t>;
+using Result = FdStream::Result;
+
+struct Pair {
+  Pair() {
+    std::array<int, 2> ends{};
+    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()) == 0) {
+      near = UniqueFd(ends[0]);
+      far = UniqueFd(ends[1]);
+    }
+  }
+  UniqueFd near;
+  UniqueFd far;
+};
+
+class StreamsTest : public testing::Test {
+ protected:
+  StreamsTest() {
+    std::signal(SIGPIPE, SIG_IGN);
+  }  // As the command does: a write to nobody is a result.
+
+  // Everything that comes until the other side ends.
+  static std::size_t Drain(int fd) {
+    std::size_t total = 0;
+    std::array<std::uint8_t, 65536> buffer{};
+    for (ssize_t n = 0; (n = read(fd, buffer.data(), buffer.size())) > 0;) {
+      total += static_cast<std::size_t>(n);
+    }
+    return total;
+  }
+  static void AwaitReadable(int fd) {
+    pollfd descriptor{fd, POLLIN, 0};
+    ASSERT_EQ(poll(&descriptor, 1, 30000), 1);
+  }
+
+  Pair mPair;
+  StopSignal mStop;
+  std::array<std::uint8_t, 64> mBuffer{};
+  std::size_t mCount = 0;
+};
+
+TEST_F(StreamsTest, ReadGivesWhatIsThereThenTheEnd) {
+  FdStream stream(mPair.near.Get(), mPair.near.Get(), mStop);
+  ASSERT_EQ(write(mPair.far.Get(), "abc", 3), 3);
+  EXPECT_EQ(stream.Read(mBuffer, mCount), Result::kOk);
+  EXPECT_EQ(mCount, 3U);
+  mPair.far = UniqueFd();
+  EXPECT_EQ(stream.Read(mBuffer, mCount), Result::kEnd);
+}
+
+TEST_F(StreamsTest, ReadOfAClosedDescriptorFails) {
+  FdStream stream(-1, -1, mStop);
+  EXPECT_EQ(stream.Read(mBuffer, mCount), Result::kFailed);
+  EXPECT_EQ(stream.WriteAll(mBuffer), Result::kFailed);
+}
+
+TEST_F(StreamsTest, StopAndAbortEndABlockedRead) {
+  for (const bool abort : {false, true}) {
+    for (int i = 0; i < 50; ++i) {  // Before, while and after the reader goes to wait.
+      const StopSignal stop;
+      FdStream stream(mPair.near.Get(), mPair.near.Get(), stop);
+      auto reading = std::async(std::launch::async, [&] { return stream.Read(mBuffer, mCount); });
+      abort ? stream.Abort() : stop.Raise();
+      EXPECT_EQ(reading.get(), Result::kStopped);
+      EXPECT_EQ(stream.Read(mBuffer, mCount), Result::kStopped) << "a stop stays";
+      EXPECT_EQ(stop.IsRaised(), !abort);
+    }
+  }
+}
+
+TEST_F(StreamsTest, StopAndAbortEndABlockedWriteAndNothingFollowsHalfAPacket) {
+  for (const bool abort : {false, true}) {
+    SCOPED_TRACE(abort);
+    Pair pair;
+    const StopSignal stop;
+    const Bytes large(16U << 20U, 0x5A);
+    std::size_t drained = 0;
+    {
+      FdStream stream(pair.near.Get(), pair.near.Get(), stop);
+      auto writing = std::async(std::launch::async, [&] { return stream.WriteAll(large); });
+      AwaitReadable(pair.far.Get());
+      abort ? stream.Abort() : stop.Raise();
+      EXPECT_EQ(writing.get(), Result::kStopped);
+      auto draining = std::async(std::launch::async, [&] { return Drain(pair.far.Get()); });
+      EXPECT_EQ(stream.WriteAll(large), Result::kFailed);
+      shutdown(pair.near.Get(), SHUT_WR);
+      drained = draining.get();
+    }
+    EXPECT_GT(drained, 0U);
+    EXPECT_LT(drained, large.size());
+  }
+}
+
+TEST_F(StreamsTest, WriteToNobodyFails) {
+  FdStream stream(mPair.near.Get(), mPair.near.Get(), mStop);
+  mPair.far = UniqueFd();
+  EXPECT_EQ(stream.WriteAll(mBuffer), Result::kFailed);
+}
+
+TEST_F(StreamsTest, EachOfSeveralWritersWritesInOnePiece) {
+  constexpr std::size_t kPiece = 50000;
+  constexpr std::size_t kPieces = 30;
+  FdStream stream(mPair.near.Get(), mPair.near.Get(), mStop);
+  std::vector<std::jthread> writers;
+  for (std::uint8_t writer = 1; writer <= 3; ++writer) {
+    writers.emplace_back([&stream, writer] {
+      const Bytes piece(kPiece, writer);
+      for (std::size_t i = 0; i < kPieces; ++i) {
+        EXPECT_EQ(stream.WriteAll(piece), Result::kOk);
+      }
+    });
+  }
+  std::array<std::size_t, 4> pieces{};
+  for (std::size_t i = 0; i < 3 * kPieces; ++i) {
+    Bytes piece(kPiece);
+    ASSERT_EQ(recv(mPair.far.Get(), piece.data(), piece.size(), MSG_WAITALL),
+              static_cast<ssize_t>(kPiece));
+    ASSERT_THAT(piece, Each(piece.front()));
+    ++pieces.at(piece.front());
+  }
+  EXPECT_THAT(pieces, testing::ElementsAre(0, kPieces, kPieces, kPieces));
+}
+
+TEST_F(StreamsTest, OutputGetsItsBlockingModeBack) {
+  {
+    const FdStream stream(mPair.near.Get(), mPair.near.Get(), mStop);
+    EXPECT_NE(fcntl(mPair.near.Get(), F_GETFL) & O_NONBLOCK, 0);
+  }
+  EXPECT_EQ(fcntl(mPair.near.Get(), F_GETFL) & O_NONBLOCK, 0);
+}
+
+TEST_F(StreamsTest, RaisingAStopSignalOftenNeverBlocks) {
+  for (int i = 0; i < 100000; ++i) {  // More than a pipe holds.
+    mStop.Raise();
+  }
+  EXPECT_TRUE(mStop.IsRaised());
+}
+
+TEST_F(StreamsTest, DescriptorHasOneOwner) {
+  const int number = mPair.near.Get();
+  UniqueFd moved(std::move(mPair.near));
+  EXPECT_FALSE(mPair.near.IsValid());
+  EXPECT_EQ(moved.Get(), number);
+  moved = UniqueFd();
+  EXPECT_EQ(fcntl(number, F_GETFL), -1) << "still open";
+  EXPECT_EQ(mPair.far.Release(), number + 1);
+  close(number + 1);
+}
+
+// A served device behind a socket: answers each request that `serve` is given.
+class StreamChannelTest : public StreamsTest {
+ protected:
+  std::unique_ptr<StreamChannel> MakeChannel() {
+    UniqueFd out(fcntl(mPair.near.Get(), F_DUPFD_CLOEXEC, 0));
+    return std::make_unique<StreamChannel>(std::move(mPair.near), std::move(out));
+  }
+  Bytes ReadRequest() const {
+    Bytes request(16);
+    EXPECT_EQ(recv(mPair.far.Get(), request.data(), request.size(), MSG_WAITALL), 16);
+    return request;
+  }
+};
+
+TEST_F(StreamChannelTest, CarriesRequestsAndRepliesThatComeByteByByte) {
+  RemoteDevice remote(MakeChannel(), 3);
+  auto serving = std::async(std::launch::async, [&] {
+    for (std::uint8_t value = 1; value <= 20; ++value) {
+      Bytes reply = ReadRequest();
+      EXPECT_EQ(reply[4], 3);
+      reply[2] += 1;
+      reply[8] = 20;
+      reply.insert(reply.end(), {value, 0, 0, 0});
+      for (const std::uint8_t byte : reply) {
+        EXPECT_EQ(write(mPair.far.Get(), &byte, 1), 1);
+      }
+    }
+  });
+  for (int value = 1; value <= 20; ++value) {
+    EXPECT_EQ(remote.Status(Command::kGetDeviceSpeed), value);
+  }
+}
+
+TEST_F(StreamChannelTest, EndAndGarbageCloseTheDevice) {
+  for (const char* bytes : {"", "'", "GET / HTTP/1.0\r\n\r\n"}) {
+    SCOPED_TRACE(bytes);
+    mPair = Pair();
+    RemoteDevice remote(MakeChannel());
+    auto serving = std::async(std::launch::async, [&] {
+      ReadRequest();
+      EXPECT_EQ(write(mPair.far.Get(), bytes, std::strlen(bytes)),
+                static_cast<ssize_t>(std::strlen(bytes)));
+      shutdown(mPair.far.Get(), SHUT_WR);
+    });
+    EXPECT_THROW(remote.Status(Command::kGetDeviceSpeed), RemoteError);
+  }
+}
+
+TEST_F(StreamChannelTest, CloseEndsABlockedReaderAndReportsNothing) {
+  int closed = 0;
+  const auto channel = MakeChannel();
+  channel->Start(
+      {.onPacket = [](const std::unique_ptr<VelPacket>&) {}, .onClosed = [&] { ++closed; }});
+  channel->Close();
+  channel->Close();
+  EXPECT_EQ(closed, 0);
+}
+
+TEST_F(StreamChannelTest, SendToAClosedSideIsRefused) {
+  const auto channel = MakeChannel();
+  channel->Start({.onPacket = [](const std::unique_ptr<VelPacket>&) {}, .onClosed = [] {}});
+  mPair.far = UniqueFd();
+  EXPECT_FALSE(channel->Send(BuildRequest(Command::kGetDeviceSpeed, {})));
+}
+
+}  // namespace
+}  // namespace vel

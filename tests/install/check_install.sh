@@ -1,0 +1,27 @@
+#!/bin/sh
+# Installs the build into a folder, moves that folder, and uses it as others do: the command runs, pkg-config answers,
+# and a client that knows only the package builds and talks to the module.
+#
+# check_install.sh BUILD_DIR CLIENT_DIR WORK_DIR
+set -eu
+if [ "${SANITIZED:-}" ]; then
+  echo "skipped: the client would have to be built with -fsanitize=$SANITIZED as well"
+  exit 77
+fi
+build=$1 client=$2 work=$3
+rm -rf "$work"
+mkdir -p "$work"
+cmake --install "$build" --prefix "$work/first" >"$work/install.log"
+mv "$work/first" "$work/moved"
+prefix=$work/moved
+
+"$prefix/bin/virtusb" describe raw | grep -q 'idVendor           0xffff'
+test "$("$prefix/bin/virtusb" list --json | grep -c '"name"')" -ge 6
+
+module=$(PKG_CONFIG_PATH=$(dirname "$(find "$prefix" -name virtusb.pc)") \
+  pkg-config --define-variable=prefix="$prefix" --variable=module virtusb)
+test -f "$module" || { echo "pkg-config names no module: $module" >&2; exit 1; }
+
+cmake -S "$client" -B "$work/client" -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_BUILD_TYPE=Debug >"$work/configure.log"
+cmake --build "$work/client" >"$work/build.log"
+"$work/client/client"

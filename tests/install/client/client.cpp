@@ -1,0 +1,68 @@
+// Loads the installed module, opens the emulated raw device and asks for its speed.
+#include <dlfcn.h>
+
+#include <condition_variable>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <mutex>
+
+#include "protocol/Commands.h"
+#include "protocol/VelPacket.h"
+#include "vel/VelDeviceBase.h"
+#include "vel/VelDriver.h"
+#include "vel/VelDrvModule.h"
+
+namespace {
+
+class RawDevice final : public vel::VelDeviceBase {
+ public:
+  std::uint8_t GetBusNumber() const override { return 0; }
+  std::uint8_t GetDeviceAddress() const override { return 0x86; }
+  int IsRedirected() const override { return 1; }
+  std::uint32_t GetDevId() const override { return 1; }
+  std::uint32_t GetChannelId() const override { return 0; }
+  std::uint16_t GetVendorId() const override { return 0xFF00; }
+  std::uint16_t GetProductId() const override { return 0xFF10; }
+  const char* GetArgs() const override { return ""; }
+  std::uint8_t TakeReplyReqId(std::uint16_t, std::uint32_t) override { return 0; }
+  void Trace(std::uint64_t, const char*, const vel::VelTraceAttribute*, std::size_t) override {}
+  int Send(std::unique_ptr<vel::VelPacket> packet, std::uint32_t) override {
+    const std::lock_guard lock(mMutex);
+    mReply = std::move(packet);
+    mReplied.notify_one();
+    return 0;
+  }
+  std::unique_ptr<vel::VelPacket> AwaitReply() {
+    std::unique_lock lock(mMutex);
+    mReplied.wait(lock, [this] { return mReply != nullptr; });
+    return std::move(mReply);
+  }
+
+ private:
+  std::mutex mMutex;
+  std::condition_variable mReplied;
+  std::unique_ptr<vel::VelPacket> mReply;
+};
+
+}  // namespace
+
+int main() {
+  void* library = dlopen(MODULE, RTLD_NOW | RTLD_LOCAL);
+  if (library == nullptr) {
+    std::fprintf(stderr, "%s\n", dlerror());
+    return 1;
+  }
+  const auto* module = static_cast<const vel::VelDrvModule*>(dlsym(library, vel::kDrvModuleSymbol));
+  RawDevice device;
+  const std::unique_ptr<vel::VelDriver> driver(module->open(&device));
+  auto request = std::make_unique<vel::VelPacket>(vel::VelPacket::kHeaderSize);
+  request->InitHeader(7, static_cast<std::uint16_t>(vel::Command::kGetDeviceSpeed), 1);
+  driver->onEvent(std::move(request));
+  const std::unique_ptr<vel::VelPacket> reply = device.AwaitReply();
+  driver->Close(0);
+  std::uint32_t speed = 0;
+  reply->ReadU32(&speed);
+  std::printf("%s: speed %u\n", module->name, speed);
+  return std::strcmp(module->name, "virtusb-redir") == 0 && speed == 2 && reply->GetReqId() == 7 ? 0 : 1;
+}

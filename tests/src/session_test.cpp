@@ -1,0 +1,161 @@
+// Dispatch: which thread, which order, how much may wait.
+#include <array>
+#include <cstring>
+#include <thread>
+#include <vector>
+
+#include <gmock/gmock.h>
+
+#include "SessionFixture.h"
+
+namespace vel {
+namespace {
+
+using ::testing::AllOf;
+using ::testing::Contains;
+using ::testing::Each;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using ::testing::Ne;
+using ::testing::SizeIs;
+
+constexpr std::uint32_t kMiB = 1U << 20U;
+
+class Session : public SessionFixture {};
+
+// A request whose payload takes memory only where it is touched.
+std::unique_ptr<VelPacket> LargeRequest(Command command, std::uint32_t payloadBytes,
+                                        std::span<const std::uint32_t> fields = {}) {
+  const auto header = BuildRequest(command, kId);
+  auto request = VelPacket::ForReceived(header->Wire().first<VelPacket::kHeaderSize>(),
+                                        VelPacket::kHeaderSize + payloadBytes);
+  std::memcpy(request->MutableWire().data() + VelPacket::kHeaderSize, fields.data(),
+              fields.size_bytes());
+  return request;
+}
+
+TEST_F(Session, HandlersAndRepliesRunOnOneThreadThatIsNotThePosters) {
+  Ask(BuildRequest(Command::kOpenUsbDev, kId));
+  Ask(BuildRequest(Command::kResetDevice, kId));
+  const std::vector<std::thread::id> threads = io.CallThreads();
+  ASSERT_GE(threads.size(), 3U);
+  EXPECT_EQ(threads[0], std::this_thread::get_id());  // Init
+  EXPECT_THAT(std::vector(threads.begin() + 1, threads.end()),
+              Each(AllOf(Ne(std::this_thread::get_id()), threads[1])));
+  EXPECT_EQ(remote.Replies().at(0).thread, threads[1]);
+}
+
+TEST_F(Session, RequestsRunInOrderEachAfterTheOneBeforeIsDone) {
+  io.Block("ResetDevice");
+  for (const Command command :
+       {Command::kResetDevice, Command::kGetBusNumber, Command::kDetachKernelDriver}) {
+    Post(BuildRequest(command, kId));
+  }
+  ASSERT_TRUE(io.WaitForCall("ResetDevice"));
+  EXPECT_FALSE(io.IsCalledSoon("GetBusNumber"));
+  EXPECT_THAT(remote.Replies(), IsEmpty());
+  io.Release("ResetDevice");
+  ASSERT_TRUE(remote.WaitForReplies(3));
+  EXPECT_THAT(io.Calls(), ElementsAre("Init", "ResetDevice", "ResetDevice done", "GetBusNumber",
+                                      "DetachKernelDriver"));
+  EXPECT_THAT(remote.Replies(),
+              ElementsAre(IsStatusReply(Command::kResetDevice, kId.reqId, kId.devId, 0),
+                          IsStatusReply(Command::kGetBusNumber, kId.reqId, kId.devId, 0),
+                          IsStatusReply(Command::kDetachKernelDriver, kId.reqId, kId.devId, 0)));
+}
+
+TEST_F(Session, TwoSessionsDoNotWaitForEachOther) {
+  RecordingDeviceBase otherRemote;
+  ScriptedUsbIo otherIo(otherRemote);
+  VirtUsbDriver other(&otherRemote, &ScriptedUsbIo::Create);
+  ASSERT_EQ(other.Init(), 0);
+  otherIo.Answer("GetDevicePortNumber", 7);
+  io.Block("ResetDevice");
+  Post(BuildRequest(Command::kResetDevice, kId));
+  ASSERT_TRUE(io.WaitForCall("ResetDevice"));
+  other.onEvent(BuildRequest(Command::kGetDevicePortNumber, {.reqId = 1, .devId = 2}));
+  ASSERT_TRUE(otherRemote.WaitForReplies(1));
+  other.Close(0);
+  EXPECT_THAT(otherRemote.Replies(),
+              ElementsAre(IsStatusReply(Command::kGetDevicePortNumber, 1, 2, 7)));
+  EXPECT_THAT(remote.Replies(), IsEmpty());
+  io.Release("ResetDevice");
+  EXPECT_TRUE(remote.WaitForReplies(1));
+}
+
+TEST_F(Session, TransfersOf256MiBMayWaitAndOnesThatAreDoneMakeRoom) {
+  io.HoldTransfers();
+  for (std::uint32_t stream = 1; stream <= 4; ++stream) {
+    Post(BuildTransferRequest(Command::kInterruptTransfer, kId, 0x81, stream, 64 * kMiB, {}));
+  }
+  ASSERT_TRUE(io.WaitForHeld(4));
+  EXPECT_THAT(Ask(BuildTransferRequest(Command::kBulkTransfer, kId, 0x81, 5, 1, {})),
+              IsBulkReply(5, kXferError, IsEmpty()));
+  EXPECT_THAT(io.Transfers(), SizeIs(4)) << "the refused one reached the backend";
+  ASSERT_TRUE(io.Complete(2, {.status = kXferTimedOut, .bytes = {}}));
+  Post(BuildTransferRequest(Command::kBulkTransfer, kId, 0x81, 6, 64 * kMiB, {}));
+  ASSERT_TRUE(io.WaitForHeld(4));
+  EXPECT_THAT(Ask(BuildIsoRequest(kId, 0x83, 7, std::array{1U}, {})),
+              IsIsoReply(7, kXferError, 0, IsEmpty()));
+  ASSERT_TRUE(io.Complete(6, {.status = kXferCompleted, .bytes = {{1, 2, 3}}}));
+  ASSERT_TRUE(remote.WaitForReplies(3));
+  Post(BuildTransferRequest(Command::kBulkTransfer, kId, 0x81, 8, 64 * kMiB, {}));
+  EXPECT_TRUE(io.WaitForHeld(4));
+}
+
+TEST_F(Session, RefusedTransfersDoNotUseUpTheBudget) {
+  const CapturingLog log(OSKELO_LOG_OFF);
+  remote.CountRepliesOnly();
+  io.Answer("BulkTransfer", LIBUSB_ERROR_NO_DEVICE);
+  for (std::uint32_t stream = 0; stream < 60; ++stream) {  // 300 MiB in all, one after the other
+    Post(BuildTransferRequest(Command::kBulkTransfer, kId, 0x81, stream, 5 * kMiB, {}));
+    ASSERT_TRUE(remote.WaitForReplies(stream + 1));
+  }
+  EXPECT_THAT(io.Transfers(), SizeIs(60));
+}
+
+TEST_F(Session, WaitingRequestsBeyond256MiBLoseTheirDataAndAreRefusedInTurn) {
+  io.Block("ResetDevice");
+  Post(BuildRequest(Command::kResetDevice, kId));
+  ASSERT_TRUE(io.WaitForCall("ResetDevice"));
+  constexpr std::array<std::uint32_t, 3> kBulkOut = {0x01, 42, 60 * kMiB};
+  for (int i = 0; i < 4; ++i) {
+    Post(LargeRequest(Command::kGetDevicePortNumber, 60 * kMiB));
+  }
+  Post(LargeRequest(Command::kBulkTransfer, 60 * kMiB, kBulkOut));
+  Post(LargeRequest(Command::kGetBusNumber, 60 * kMiB));
+  io.Release("ResetDevice");
+  ASSERT_TRUE(remote.WaitForReplies(7));
+  const std::vector<Reply> replies = remote.Replies();
+  EXPECT_THAT(replies[5], IsBulkReply(42, kXferError, IsEmpty()));
+  EXPECT_THAT(replies[6], IsStatusReply(Command::kGetBusNumber, kId.reqId, kId.devId, 0));
+  // All of it was given back to the queue: the same bytes may wait once more.
+  constexpr std::array<std::uint32_t, 3> kSmallBulkOut = {0x01, 43, 4};
+  Post(LargeRequest(Command::kGetBusNumber, 250 * kMiB));
+  Drain();
+  Post(LargeRequest(Command::kBulkTransfer, 250 * kMiB, kSmallBulkOut));
+  ASSERT_TRUE(remote.WaitForReplies(10));
+  EXPECT_THAT(remote.Replies()[9], IsBulkReply(43, kXferCompleted, SizeIs(4)));
+}
+
+TEST_F(Session, RequestsAreDroppedOnceTheRefusedOnesAreTooManyAsWell) {
+  constexpr std::size_t kFlood = 1'000'000;  // Of some 300 bytes each.
+  if (kSanitized) {
+    GTEST_SKIP() << "a million waiting requests take too much memory in an instrumented build";
+  }
+  io.Block("DetachKernelDriver");
+  Post(BuildRequest(Command::kDetachKernelDriver, kId));
+  ASSERT_TRUE(io.WaitForCall("DetachKernelDriver"));
+  Post(LargeRequest(Command::kGetBusNumber, 256 * kMiB - 4096));
+  const CapturingLog log(OSKELO_LOG_ERROR);
+  for (std::size_t i = 0; i < kFlood && log.Count("too many requests wait") == 0; i += 1000) {
+    for (int j = 0; j < 1000; ++j) {
+      Post(BuildRequest(Command::kPing, kId));
+    }
+  }
+  EXPECT_GT(log.Count("too many requests wait, one is dropped: cmd[4]"), 0U);
+  driver->Close(0);
+}
+
+}  // namespace
+}  // namespace vel
