@@ -49,10 +49,10 @@ void DevicePresence::OnArrived(const DeviceIdentity& identity) {
     return;  // Already known, or a second one of the same kind.
   }
   mPresent = identity;
-  std::fprintf(stderr, "device is there: %s\n", Describe(identity).c_str());
   if (mServer != nullptr) {
     mServer->Redirect(identity);
   }
+  std::fprintf(stderr, "device is there: %s\n", Describe(identity).c_str());
   if (mArrival != nullptr) {
     mArrival->Raise();
     mArrival.reset();

@@ -48,7 +48,8 @@ UniqueFd Listen(const std::string& text) {
   hints.ai_flags = AI_PASSIVE | AI_NUMERICSERV;
   addrinfo* raw = nullptr;
   if (const int error = getaddrinfo(address.host.c_str(), address.port.c_str(), &hints, &raw); error != 0) {
-    throw std::runtime_error("cannot listen on " + text + ": " + gai_strerror(error));
+    throw std::runtime_error("cannot listen on " + text + ": " + gai_strerror(error) +
+                             " (give an address of this machine, or a port alone)");
   }
   const std::unique_ptr<addrinfo, AddrInfoDeleter> info(raw);
   UniqueFd listener(socket(info->ai_family, info->ai_socktype | SOCK_CLOEXEC, info->ai_protocol));
@@ -58,7 +59,8 @@ UniqueFd Listen(const std::string& text) {
       listen(listener.Get(), 1) != 0) {
     const int error = errno;
     throw std::runtime_error("cannot listen on " + text + ": " + std::strerror(error) +
-                             (error == EADDRINUSE ? " (choose another port, or 0 for any)" : ""));
+                             (error == EADDRINUSE ? " (choose another port, or 0 for any)"
+                                                  : " (give an address of this machine, or a port alone)"));
   }
   return listener;
 }

@@ -54,7 +54,7 @@ constexpr std::array kCdcSubtypes = {Name{0x00, "CDC Header"}, Name{0x01, "CDC C
 std::string_view Find(std::span<const Name> names, int number) {
   const auto found =
       std::find_if(names.begin(), names.end(), [number](const Name& name) { return name.number == number; });
-  return found == names.end() ? std::string_view() : found->text;
+  return found == names.end() ? std::string_view("") : found->text;  // Its data() may go to printf.
 }
 
 }  // namespace

@@ -42,7 +42,8 @@ class StopSignal {
   UniqueFd mWrite;
 };
 
-// The two directions of a byte stream, on descriptors that are not owned. A stop signal ends every wait.
+// The two directions of a byte stream, on descriptors that are not owned. A stop signal ends every wait. The process
+// has to ignore SIGPIPE: a write that nobody reads is a result here.
 class FdStream {
  public:
   enum class Result { kOk, kEnd, kStopped, kFailed };

@@ -12,13 +12,14 @@ namespace vel {
 // The channel to a device that a module in this process redirects.
 class ModuleChannel final : public PacketChannel {
  public:
-  ModuleChannel(std::shared_ptr<ModuleLibrary> library, DeviceIdentity identity)
-      : mLibrary(std::move(library)), mIdentity(std::move(identity)) {}
+  ModuleChannel(std::shared_ptr<ModuleLibrary> library, DeviceIdentity identity, bool answersFailures = false)
+      : mLibrary(std::move(library)), mIdentity(std::move(identity)), mAnswersFailures(answersFailures) {}
   ~ModuleChannel() override { Close(); }
 
   // Throws std::runtime_error when the module refuses the device.
   void Start(Receiver receiver) override {
     ModuleSession::Options options;
+    options.answersFailures = mAnswersFailures;
     options.onReply = std::move(receiver.onPacket);
     const MutexLock lock(mMutex);
     mSession = std::make_unique<ModuleSession>(mLibrary, mIdentity, std::move(options));
@@ -44,6 +45,7 @@ class ModuleChannel final : public PacketChannel {
  private:
   const std::shared_ptr<ModuleLibrary> mLibrary;
   const DeviceIdentity mIdentity;
+  const bool mAnswersFailures;
   Mutex mMutex;
   std::unique_ptr<ModuleSession> mSession VEL_GUARDED_BY(mMutex);
 };

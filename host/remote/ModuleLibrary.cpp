@@ -20,7 +20,8 @@ std::shared_ptr<ModuleLibrary> ModuleLibrary::Load(const std::string& path) {
   // An absolute path, so that the loader does not go looking for the name elsewhere.
   void* handle = dlopen(std::filesystem::absolute(path).c_str(), RTLD_NOW | RTLD_LOCAL);
   if (handle == nullptr) {
-    throw std::runtime_error("cannot load the module " + path + ": " + dlerror());
+    throw std::runtime_error("cannot load the module " + path + ": " + dlerror() +
+                             " (name another with --module PATH)");
   }
   const auto* descriptor = static_cast<const VelDrvModule*>(dlsym(handle, kDrvModuleSymbol));
   if (descriptor == nullptr || descriptor->open == nullptr) {

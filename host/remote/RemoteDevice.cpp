@@ -202,37 +202,38 @@ std::uint32_t RemoteDevice::SubmitIsoTransfer(std::uint8_t endpoint, std::span<c
   });
 }
 
-TransferReply RemoteDevice::Await(const std::function<void(TransferDone)>& submit) {
-  // Shared with the callback, which may come after this call gave up.
-  struct Slot {
-    Mutex mutex;
-    CondVar changed;
-    std::optional<TransferReply> reply VEL_GUARDED_BY(mutex);
-  };
-  const auto slot = std::make_shared<Slot>();
-  submit([slot](TransferReply reply) {
-    const MutexLock lock(slot->mutex);
-    slot->reply = std::move(reply);
-    slot->changed.NotifyAll();
+TransferReply RemoteDevice::Await(Command command, const std::function<std::uint32_t(TransferDone)>& submit) {
+  // Shared with the callback, which may come after this call gave up. Guarded by mMutex.
+  const auto slot = std::make_shared<std::optional<TransferReply>>();
+  const std::uint32_t streamId = submit([this, slot](TransferReply reply) {
+    const MutexLock lock(mMutex);
+    *slot = std::move(reply);
+    mChanged.NotifyAll();
   });
   const Clock::time_point deadline = Clock::now() + mReplyTime;
-  MutexLock lock(slot->mutex);
-  while (!slot->reply && slot->changed.WaitUntil(lock, deadline)) {
+  MutexLock lock(mMutex);
+  while (!slot->has_value() && !mClosed && mChanged.WaitUntil(lock, deadline)) {
   }
-  if (!slot->reply) {
-    throw RemoteError("no reply to a transfer within " + std::to_string(mReplyTime.count()) + " ms");
+  if (!slot->has_value()) {
+    mTransfers.erase(KeyOf(ReplyCode(command), streamId));
+    throw RemoteError(mClosed ? "the device is gone (while waiting for a transfer)"
+                              : "no reply to a transfer within " + std::to_string(mReplyTime.count()) + " ms");
   }
-  return *std::move(slot->reply);
+  return *std::move(*slot);
 }
 
 TransferReply RemoteDevice::Transfer(Command command, std::uint8_t endpoint, std::uint32_t length,
                                      std::span<const std::uint8_t> data) {
-  return Await([&](TransferDone done) { SubmitTransfer(command, endpoint, length, data, std::move(done)); });
+  return Await(command, [&](TransferDone done) {
+    return SubmitTransfer(command, endpoint, length, data, std::move(done));
+  });
 }
 
 TransferReply RemoteDevice::IsoTransfer(std::uint8_t endpoint, std::span<const std::uint32_t> lengths,
                                         std::span<const std::uint8_t> payload) {
-  return Await([&](TransferDone done) { SubmitIsoTransfer(endpoint, lengths, payload, std::move(done)); });
+  return Await(Command::kIsochTransfer, [&](TransferDone done) {
+    return SubmitIsoTransfer(endpoint, lengths, payload, std::move(done));
+  });
 }
 
 }  // namespace vel

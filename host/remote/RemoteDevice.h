@@ -94,7 +94,8 @@ class RemoteDevice {
   Result ExchangeResult(Command command, const std::function<std::unique_ptr<VelPacket>(RequestId)>& build);
   std::uint32_t Submit(Command command, TransferDone done,
                        const std::function<std::unique_ptr<VelPacket>(std::uint32_t)>& build);
-  TransferReply Await(const std::function<void(TransferDone)>& submit);
+  // Waits for the reply of the transfer that `submit` sends and whose stream id it returns.
+  TransferReply Await(Command command, const std::function<std::uint32_t(TransferDone)>& submit);
 
   const std::unique_ptr<PacketChannel> mChannel;
   const std::uint32_t mDevId;

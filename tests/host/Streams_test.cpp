@@ -72,7 +72,9 @@ TEST_F(StreamsTest, ReadGivesWhatIsThereThenTheEnd) {
 }
 
 TEST_F(StreamsTest, ReadOfAClosedDescriptorFails) {
-  FdStream stream(-1, -1, mStop);
+  const int closed = mPair.far.Get();
+  mPair.far = UniqueFd();
+  FdStream stream(closed, closed, mStop);
   EXPECT_EQ(stream.Read(mBuffer, mCount), Result::kFailed);
   EXPECT_EQ(stream.WriteAll(mBuffer), Result::kFailed);
 }
@@ -166,8 +168,9 @@ TEST_F(StreamsTest, DescriptorHasOneOwner) {
   EXPECT_EQ(moved.Get(), number);
   moved = UniqueFd();
   EXPECT_EQ(fcntl(number, F_GETFL), -1) << "still open";
-  EXPECT_EQ(mPair.far.Release(), number + 1);
-  close(number + 1);
+  const int released = mPair.far.Release();
+  EXPECT_FALSE(mPair.far.IsValid());
+  EXPECT_EQ(close(released), 0) << "closed already";
 }
 
 // A served device behind a socket: answers each request that `serve` is given.
