@@ -71,14 +71,6 @@ TEST_F(StreamsTest, ReadGivesWhatIsThereThenTheEnd) {
   EXPECT_EQ(stream.Read(mBuffer, mCount), Result::kEnd);
 }
 
-TEST_F(StreamsTest, ReadOfAClosedDescriptorFails) {
-  const int closed = mPair.far.Get();
-  mPair.far = UniqueFd();
-  FdStream stream(closed, closed, mStop);
-  EXPECT_EQ(stream.Read(mBuffer, mCount), Result::kFailed);
-  EXPECT_EQ(stream.WriteAll(mBuffer), Result::kFailed);
-}
-
 TEST_F(StreamsTest, StopAndAbortEndABlockedRead) {
   for (const bool abort : {false, true}) {
     for (int i = 0; i < 50; ++i) {  // Before, while and after the reader goes to wait.
