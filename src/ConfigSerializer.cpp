@@ -78,7 +78,7 @@ std::unique_ptr<InterfaceRecord, FreeDeleter> get_vif_desc(const libusb_interfac
   record->bDescriptorType = setting->bDescriptorType;
   record->bInterfaceNumber = setting->bInterfaceNumber;
   record->bAlternateSetting = setting->bAlternateSetting;
-  record->bNumEndpoints = setting->bNumEndpoints;
+  record->bNumEndpoints = setting->endpoint == nullptr ? std::uint8_t{0} : setting->bNumEndpoints;
   record->bInterfaceClass = setting->bInterfaceClass;
   record->bInterfaceSubClass = setting->bInterfaceSubClass;
   record->bInterfaceProtocol = setting->bInterfaceProtocol;
@@ -95,7 +95,7 @@ std::unique_ptr<ConfigRecord, FreeDeleter> get_vconfig_desc(const libusb_config_
   record->bLength = config->bLength;
   record->bDescriptorType = config->bDescriptorType;
   record->wTotalLength = config->wTotalLength;
-  record->bNumInterfaces = config->bNumInterfaces;
+  record->bNumInterfaces = config->interface == nullptr ? std::uint8_t{0} : config->bNumInterfaces;
   record->bConfigurationValue = config->bConfigurationValue;
   record->iConfiguration = config->iConfiguration;
   record->bmAttributes = config->bmAttributes;
@@ -108,7 +108,8 @@ void AppendConfig(VelPacket& reply, const libusb_config_descriptor& config) {
   AppendRecord(reply, get_vconfig_desc(&config));
   for (int i = 0; i < config.bNumInterfaces && config.interface != nullptr; ++i) {
     const libusb_interface& interface = config.interface[i];
-    const auto settings = static_cast<std::uint32_t>(std::max(interface.num_altsetting, 0));
+    const int counted = interface.altsetting == nullptr ? 0 : std::max(interface.num_altsetting, 0);
+    const auto settings = static_cast<std::uint32_t>(counted);
     reply.Append(&settings, sizeof settings);
     for (std::uint32_t j = 0; j < settings; ++j) {
       AppendAltSetting(reply, interface.altsetting[j]);

@@ -211,7 +211,8 @@ int LibusbIo::AttachKernelDriver() {
   if (use.Get() != nullptr) {
     const LibusbInterfaces interfaces = mDevice.ReadInterfaces();
     result = interfaces.result;
-    // All are released before the first is attached: a driver may want several of them (cdc_acm does).
+    // All are released before the first is attached: a driver may want several of them (cdc_acm
+    // does).
     for (const int number : interfaces.All()) {
       const int released = libusb_release_interface(use.Get(), number);
       if (released < 0) {
@@ -219,7 +220,10 @@ int LibusbIo::AttachKernelDriver() {
       }
     }
     for (const int number : interfaces.All()) {
-      const int attached = libusb_attach_kernel_driver(use.Get(), number);
+      int attached = libusb_attach_kernel_driver(use.Get(), number);
+      if (attached == LIBUSB_ERROR_BUSY && libusb_kernel_driver_active(use.Get(), number) == 1) {
+        attached = LIBUSB_SUCCESS;  // The driver of an earlier interface has taken this one too.
+      }
       if (attached < 0) {
         VEL_ERROR("libusb_attach_kernel_driver if%d = %d", number, attached);
       }

@@ -107,8 +107,9 @@ std::vector<std::uint8_t> RedirPolicy::MakeRawConfigDesc(const libusb_config_des
                    config.bConfigurationValue, config.iConfiguration, config.bmAttributes, config.MaxPower});
   writer.Extra(config.extra, config.extra_length);
   for (int i = 0; i < config.bNumInterfaces && config.interface != nullptr; ++i) {
-    for (int j = 0; j < config.interface[i].num_altsetting; ++j) {
-      WriteAltSetting(writer, config.interface[i].altsetting[j]);
+    const libusb_interface& interface = config.interface[i];
+    for (int j = 0; j < interface.num_altsetting && interface.altsetting != nullptr; ++j) {
+      WriteAltSetting(writer, interface.altsetting[j]);
     }
   }
   std::vector<std::uint8_t> raw = writer.Take();

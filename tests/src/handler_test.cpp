@@ -324,7 +324,7 @@ TEST_F(Handler, DataIsDumpedUpTo32BytesButForInterrupts) {
     hundred[i] = static_cast<std::uint8_t>(0xF0 - i);
   }
   for (int value = 0xF0; value > 0xF0 - 32; --value) {
-    first32 += ::testing::PrintToString(value).empty() ? "" : "0x";
+    first32 += "0x";
     first32 += "0123456789abcdef"[value / 16];
     first32 += "0123456789abcdef"[value % 16];
     first32 += ' ';

@@ -37,7 +37,7 @@ class RecordingDeviceBase final : public VelDeviceBase {
     std::uint16_t productId = 0xFF06;
     std::uint32_t devId = 9;
     std::uint32_t channelId = 4;
-    std::string args;
+    std::string args = "";
     int redirected = 1;
   };
   // Called in Send, before the reply is kept, on the module's thread; may block.

@@ -24,7 +24,8 @@ ConfigDescTree::ConfigDescTree(std::span<const std::uint8_t> bytes) : mBytes(byt
 }
 
 void ConfigDescTree::Add(std::span<const std::uint8_t> descriptor) {
-  if (descriptor[1] == LIBUSB_DT_CONFIG && descriptor.size() >= LIBUSB_DT_CONFIG_SIZE) {
+  const bool first = descriptor.data() == mBytes.data();  // A later configuration would part extra bytes.
+  if (first && descriptor[1] == LIBUSB_DT_CONFIG && descriptor.size() >= LIBUSB_DT_CONFIG_SIZE) {
     mConfig.bLength = descriptor[0];
     mConfig.bDescriptorType = descriptor[1];
     mConfig.wTotalLength = static_cast<std::uint16_t>(descriptor[2] | (descriptor[3] << 8U));

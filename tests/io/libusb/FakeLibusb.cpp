@@ -135,7 +135,7 @@ void FakeLibusb::AwaitInFlight(std::size_t count) {
   Await(lock, "transfers in flight", [&] { return mInFlight.size() == count; });
 }
 
-bool FakeLibusb::Complete(std::uint8_t endpoint, FakeResult result) {
+bool FakeLibusb::Complete(std::uint8_t endpoint, const FakeResult& result) {
   const Lock lock(mutex);
   const auto found = std::ranges::find_if(mInFlight, [endpoint](const libusb_transfer* transfer) {
     return transfer->endpoint == endpoint;

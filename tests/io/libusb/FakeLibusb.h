@@ -74,7 +74,7 @@ class FakeLibusb {
   void AwaitInFlight(std::size_t count);
   // The oldest transfer in flight on this endpoint (0 for control) ends so. False when there is
   // none.
-  bool Complete(std::uint8_t endpoint, FakeResult result = {});
+  bool Complete(std::uint8_t endpoint, const FakeResult& result = {});
   // From now on, what a cancelled transfer ends with.
   void SetCancelResult(FakeResult result);
   // From now on each transfer is completed before the submission of it returns.
