@@ -1,6 +1,7 @@
 // Dispatch: which thread, which order, how much may wait.
+#include <algorithm>
 #include <array>
-#include <cstring>
+#include <span>
 #include <thread>
 #include <vector>
 
@@ -29,8 +30,8 @@ std::unique_ptr<VelPacket> LargeRequest(Command command, std::uint32_t payloadBy
   const auto header = BuildRequest(command, kId);
   auto request = VelPacket::ForReceived(header->Wire().first<VelPacket::kHeaderSize>(),
                                         VelPacket::kHeaderSize + payloadBytes);
-  std::memcpy(request->MutableWire().data() + VelPacket::kHeaderSize, fields.data(),
-              fields.size_bytes());
+  std::ranges::copy(std::as_bytes(fields),
+                    std::as_writable_bytes(request->MutableWire()).begin() + VelPacket::kHeaderSize);
   return request;
 }
 
