@@ -5,15 +5,14 @@
 namespace vel {
 
 std::unique_ptr<VelPacket> Workload::Request(std::uint32_t streamId) const {
-  constexpr std::uint8_t kBulkIn = 0x81;
   if (command == Command::kBulkTransfer) {
-    return BuildTransferRequest(command, {}, kBulkIn, streamId, bytes, {});
+    return BuildTransferRequest(command, {}, endpoint, streamId, bytes, {});
   }
   return BuildRequest(command, {});
 }
 
-BenchDevice::BenchDevice(const std::string& modulePath)
-    : mLibrary(ModuleLibrary::Load(modulePath)), mDriver(mLibrary->Descriptor().open(this)) {
+BenchDevice::BenchDevice(const std::string& modulePath, const DeviceIdentity& identity)
+    : mIdentity(identity), mLibrary(ModuleLibrary::Load(modulePath)), mDriver(mLibrary->Descriptor().open(this)) {
   mDriver->onEvent(BuildRequest(Command::kOpenUsbDev, {}));
   WaitForReplies(1);
 }

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "remote/ModuleLibrary.h"
+#include "remote/ModuleSession.h"
 #include "remote/RequestBuilder.h"
 #include "vel/Mutex.h"
 #include "vel/VelDeviceBase.h"
@@ -19,14 +20,17 @@ namespace vel {
 struct Workload {
   Command command = Command::kBulkTransfer;
   std::uint32_t bytes = 0;  // Of a bulk IN; not used by a status request.
+  std::uint8_t endpoint = 0x81;
 
   std::unique_ptr<VelPacket> Request(std::uint32_t streamId) const;
 };
 
-// The framework's side of the emulated raw device, as thin as it can be: what is measured is the module.
+// The framework's side of a device, as thin as it can be: what is measured is the module.
 class BenchDevice final : public VelDeviceBase {
  public:
-  explicit BenchDevice(const std::string& modulePath);
+  // The emulated raw device where none is named.
+  explicit BenchDevice(const std::string& modulePath,
+                       const DeviceIdentity& identity = {0, 0x86, 0xFF00, 0xFF10, ""});
   ~BenchDevice() override;
 
   VelDriver& Driver() { return *mDriver; }
@@ -40,19 +44,20 @@ class BenchDevice final : public VelDeviceBase {
   // One request after the other, each waited for.
   void RoundTrips(const Workload& workload, std::uint64_t count);
 
-  std::uint8_t GetBusNumber() const override { return 0; }
-  std::uint8_t GetDeviceAddress() const override { return 0x86; }
+  std::uint8_t GetBusNumber() const override { return mIdentity.bus; }
+  std::uint8_t GetDeviceAddress() const override { return mIdentity.address; }
   int IsRedirected() const override { return 1; }
   std::uint32_t GetDevId() const override { return 1; }
   std::uint32_t GetChannelId() const override { return 0; }
-  std::uint16_t GetVendorId() const override { return 0xFF00; }
-  std::uint16_t GetProductId() const override { return 0xFF10; }
+  std::uint16_t GetVendorId() const override { return mIdentity.vendorId; }
+  std::uint16_t GetProductId() const override { return mIdentity.productId; }
   const char* GetArgs() const override { return ""; }
   std::uint8_t TakeReplyReqId(std::uint16_t, std::uint32_t) override { return 0; }
   int Send(std::unique_ptr<VelPacket> packet, std::uint32_t waitMs) override;
   void Trace(std::uint64_t, const char*, const VelTraceAttribute*, std::size_t) override {}
 
  private:
+  const DeviceIdentity mIdentity;
   const std::shared_ptr<ModuleLibrary> mLibrary;
   std::function<void()> mOnReply;
   std::atomic<std::uint64_t> mReplies{0};

@@ -5,7 +5,7 @@ set(VIRTUSB_CMAKE_DIR "${CMAKE_INSTALL_LIBDIR}/cmake/virtusb")
 set(VIRTUSB_MODULE_DIR "${CMAKE_INSTALL_LIBDIR}/virtusb")
 
 # The targets are exported only with the platform libraries built here: a client that brings its own has its own.
-if(TARGET vel_framework AND TARGET vel_utils AND TARGET oskelo_log)
+if(TARGET vel_framework AND TARGET vel_utils AND TARGET oskelo_log AND TARGET oskelo_camera)
   install(EXPORT virtusbTargets NAMESPACE virtusb:: DESTINATION "${VIRTUSB_CMAKE_DIR}" COMPONENT dev)
   configure_package_config_file(cmake/virtusbConfig.cmake.in "${PROJECT_BINARY_DIR}/virtusbConfig.cmake"
     INSTALL_DESTINATION "${VIRTUSB_CMAKE_DIR}" PATH_VARS VIRTUSB_MODULE_DIR)
@@ -37,5 +37,5 @@ set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SECTION utils)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS
-  "${PROJECT_BINARY_DIR}/platform/log;${PROJECT_BINARY_DIR}/platform/utils;${PROJECT_BINARY_DIR}/platform/framework")
+  "${PROJECT_BINARY_DIR}/platform/log;${PROJECT_BINARY_DIR}/platform/utils;${PROJECT_BINARY_DIR}/platform/framework;${PROJECT_BINARY_DIR}/platform/camera")
 include(CPack)

@@ -136,6 +136,10 @@ int VirtUDevice::SetInterfaceAltSetting(std::uint32_t interfaceNumber, std::uint
   return ret;
 }
 
+int VirtUDevice::CancelTransfer(std::uint32_t streamId) {
+  return mPolicy->CancelTransfer(streamId) ? LIBUSB_SUCCESS : mIo->CancelTransfer(streamId);
+}
+
 int VirtUDevice::SetRedirPolicy(const char* policyText) { return mPolicy->SetPolicy(policyText); }
 
 int VirtUDevice::GetStringDescriptor(std::uint8_t index, std::uint16_t langId, std::uint8_t* buffer,

@@ -67,7 +67,7 @@ class VirtUDevice : private UsbIoTransferCallback {
   int ReleaseAllInterface() { return mIo->ReleaseAllInterface(); }
   int SetConfiguration(int configuration) { return mIo->SetConfiguration(configuration); }
   int ClaimAllInterface() { return mIo->ClaimAllInterface(); }
-  int CancelTransfer(std::uint32_t streamId) { return mIo->CancelTransfer(streamId); }
+  int CancelTransfer(std::uint32_t streamId);
 
   // Bytes transferred (at most wLength) or a negative status.
   int ControlTransfer(std::uint8_t bmRequestType, std::uint8_t bRequest, std::uint16_t wValue,

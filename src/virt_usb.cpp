@@ -19,8 +19,9 @@ std::uint64_t QueuedCost(const VelPacket& packet) { return packet.GetCapacity() 
 // that the loop can refuse it by name and stream id.
 constexpr std::size_t kKeptOfRefused = 16;
 
-std::shared_ptr<VirtUDevice> OrUnavailable(VelDeviceBase* deviceBase, std::shared_ptr<VirtUDevice> device) {
-  return device != nullptr ? std::move(device) : std::make_shared<VirtUDevice>(deviceBase);
+std::shared_ptr<VirtUDevice> OrUnavailable(VelDeviceBase* deviceBase,
+                                           const std::shared_ptr<VirtUDevice>& device) {
+  return device != nullptr ? device : std::make_shared<VirtUDevice>(deviceBase);
 }
 
 bool IsEmulated(const VelDeviceBase* deviceBase) {
@@ -29,6 +30,11 @@ bool IsEmulated(const VelDeviceBase* deviceBase) {
 
 std::unique_ptr<VelPacket> KeepFields(const VelPacket& packet) {
   const std::span<const std::uint8_t> wire = packet.Wire();
+  if (wire.size() < VelPacket::kHeaderSize) {  // A length that cannot be: nothing is known of it but its header.
+    auto empty = std::make_unique<VelPacket>(VelPacket::kHeaderSize);
+    empty->InitHeader(packet.GetReqId(), packet.GetCommand(), packet.GetDevId());
+    return empty;
+  }
   const std::size_t kept = std::min(wire.size(), VelPacket::kHeaderSize + kKeptOfRefused);
   auto fields = VelPacket::ForReceived(wire.first<VelPacket::kHeaderSize>(), static_cast<std::uint32_t>(kept));
   std::copy(wire.begin() + VelPacket::kHeaderSize, wire.begin() + static_cast<std::ptrdiff_t>(kept),
@@ -76,7 +82,7 @@ const VirtUsb::HandlerEntry& VirtUsb::EntryAt(std::size_t index) {
   return kHandlers[index];
 }
 
-VirtUsb::VirtUsb(VelDeviceBase* deviceBase, std::shared_ptr<VirtUDevice> device)
+VirtUsb::VirtUsb(VelDeviceBase* deviceBase, const std::shared_ptr<VirtUDevice>& device)
     : mLooper(std::make_unique<Looper>()),
       mDeviceBase(deviceBase),
       mDevice(OrUnavailable(deviceBase, device)),

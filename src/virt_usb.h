@@ -52,7 +52,7 @@ class TransferTaskMessageA : public Message {
 // the loop's own. `deviceBase` outlives the session.
 class VirtUsb final : public VirtUsbInf {
  public:
-  VirtUsb(VelDeviceBase* deviceBase, std::shared_ptr<VirtUDevice> device);
+  VirtUsb(VelDeviceBase* deviceBase, const std::shared_ptr<VirtUDevice>& device);
   ~VirtUsb() override;
 
   std::uint16_t GetDriverType() const override { return kDriverType; }

@@ -293,7 +293,7 @@ int VirtUsb::onBulkTransfer(PacketPtr packet) {
   const TransferRequest transfer = ReadTransferRequest(packet->PayloadBytes());
   TransferBlocks blocks;
   if (PrepareTransfer(*packet, kXferBulk, transfer, blocks)) {
-    velPrintData(blocks.data.get(), static_cast<int>(transfer.data.size()));
+    velPrintData(transfer.data.data(), static_cast<int>(transfer.data.size()));
     mDevice->BulkTransfer(transfer.epAddr, transfer.streamId, transfer.length, blocks.data.release(),
                           blocks.context.release());
   }
@@ -316,7 +316,7 @@ int VirtUsb::onIsochTransfer(PacketPtr packet) {
   const TransferRequest transfer = ReadIsoRequest(packet->PayloadBytes());
   TransferBlocks blocks;
   if (PrepareTransfer(*packet, kXferIsochronous, transfer, blocks)) {
-    velPrintData(blocks.data.get(), static_cast<int>(transfer.data.size()));
+    velPrintData(transfer.data.data(), static_cast<int>(transfer.data.size()));
     const std::lock_guard lock(mMutex);
     mDevice->IsoTransfer(transfer.epAddr, transfer.streamId, transfer.isoPackets, transfer.length,
                          blocks.data.release(), blocks.context.release());

@@ -1,11 +1,11 @@
 #include <algorithm>
 #include <array>
-#include <cstdio>
 #include <string>
 
 #include "cmd/Commands.h"
 #include "cmd/DescriptorText.h"
 #include "cmd/Devices.h"
+#include "cmd/Output.h"
 #include "cmd/UsbNames.h"
 #include "protocol/IsoTable.h"
 #include "remote/ModuleChannel.h"
@@ -18,23 +18,21 @@ std::string HexStart(std::span<const std::uint8_t> bytes) {
   constexpr std::size_t kShown = 12;
   std::string text;
   for (const std::uint8_t byte : bytes.first(std::min(bytes.size(), kShown))) {
-    std::array<char, 4> cell{};
-    std::snprintf(cell.data(), cell.size(), "%02x ", unsigned{byte});
-    text += cell.data();
+    text += Format("%02x ", unsigned{byte});
   }
   return text + (bytes.size() > kShown ? "..." : "");
 }
 
 void PrintTransfer(const char* what, const TransferReply& reply) {
-  std::printf("  %-34s -> %s, %6zu bytes  %s\n", what, TransferStatusName(reply.status).data(), reply.data.size(),
-              HexStart(reply.data).c_str());
+  Print(Format("  %-34s -> %s, %6zu bytes  %s\n", what, TransferStatusName(reply.status).data(), reply.data.size(),
+               HexStart(reply.data).c_str()));
 }
 
 void PrintIsoTable(const TransferReply& reply) {
   for (std::uint32_t i = 0; i < reply.isoPackets && IsoTableSize(i + 1) <= reply.data.size(); ++i) {
     const IsoPacketRecord record = LoadIsoRecord(reply.data.data(), i);
-    std::printf("      packet %u: offset %4u, %u of %u bytes, %s\n", i, record.offset, record.actual_length,
-                record.length, TransferStatusName(static_cast<int>(record.status)).data());
+    Print(Format("      packet %u: offset %4u, %u of %u bytes, %s\n", i, record.offset, record.actual_length,
+                 record.length, TransferStatusName(static_cast<int>(record.status)).data()));
   }
 }
 
@@ -44,8 +42,8 @@ void RunTransfers(RemoteDevice& remote) {
   const ControlSetup readString{.bmRequestType = 0x80, .bRequest = 6, .wValue = 0x0305, .wIndex = 0x0409,
                                 .wLength = 255};
   const RemoteDevice::Result string = remote.ControlTransfer(readString);
-  std::printf("  %-34s -> %d bytes  %s\n", "control IN, string descriptor 5", string.value,
-              HexStart(string.data).c_str());
+  Print(Format("  %-34s -> %d bytes  %s\n", "control IN, string descriptor 5", string.value,
+               HexStart(string.data).c_str()));
   PrintTransfer("bulk OUT 0x01, 16 bytes", remote.Transfer(Command::kBulkTransfer, 0x01, kOut.size(), kOut));
   PrintTransfer("bulk IN 0x81, 512 bytes", remote.Transfer(Command::kBulkTransfer, 0x81, 512));
   PrintTransfer("bulk IN 0x81, 1 MiB", remote.Transfer(Command::kBulkTransfer, 0x81, 1U << 20U));
@@ -64,18 +62,18 @@ void RunTransfers(RemoteDevice& remote) {
 
 int RunDemo(const CommonOptions& common) {
   const std::shared_ptr<ModuleLibrary> library = ModuleLibrary::Load(common.modulePath);
-  std::printf("module %s (%s)\n\n", common.modulePath.c_str(), library->Descriptor().name);
+  Print(Format("module %s (%s)\n\n", common.modulePath.c_str(), library->Descriptor().name));
   for (const EmulatedDevice& device : EmulatedDevices()) {
     RemoteDevice remote(std::make_unique<ModuleChannel>(library, FindDevice(std::string(device.name))));
-    std::printf("%s: %s", device.name.data(), DescriptorSummary(Enumerate(remote)).c_str());
+    Print(Format("%s: %s", device.name.data(), DescriptorSummary(Enumerate(remote)).c_str()));
     remote.Status(Command::kCloseUsbDev);
   }
-  std::puts("\nOne transfer of each kind, on raw:");
+  Print("\nOne transfer of each kind, on raw:\n");
   RemoteDevice remote(std::make_unique<ModuleChannel>(library, FindDevice("raw")));
   Enumerate(remote);
   RunTransfers(remote);
-  std::printf("  %-34s -> %d\n", "close", remote.Status(Command::kCloseUsbDev));
-  std::puts("\nAll descriptors of one device: virtusb describe raw");
+  Print(Format("  %-34s -> %d\n", "close", remote.Status(Command::kCloseUsbDev)));
+  Print("\nAll descriptors of one device: virtusb describe raw\n");
   return 0;
 }
 

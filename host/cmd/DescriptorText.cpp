@@ -1,9 +1,6 @@
 #include "cmd/DescriptorText.h"
 
-#include <array>
-#include <cstdarg>
-#include <cstdio>
-
+#include "cmd/Output.h"
 #include "cmd/UsbNames.h"
 
 namespace vel {
@@ -12,15 +9,6 @@ namespace {
 constexpr std::uint8_t kDescriptorHid = 0x21;          // HID 1.11, 6.2.1
 constexpr std::uint8_t kDescriptorCsInterface = 0x24;  // CDC 1.2, table 12
 constexpr std::uint8_t kClassCommunications = 0x02;
-
-__attribute__((format(printf, 1, 2))) std::string Format(const char* format, ...) {
-  std::array<char, 256> text{};
-  std::va_list arguments;
-  va_start(arguments, format);
-  std::vsnprintf(text.data(), text.size(), format, arguments);
-  va_end(arguments);
-  return text.data();
-}
 
 std::string Bcd(std::uint16_t value) { return Format("%x.%02x", value >> 8U, value & 0xFFU); }
 

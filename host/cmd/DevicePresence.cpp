@@ -3,13 +3,15 @@
 #include <poll.h>
 
 #include <array>
-#include <cstdio>
 #include <stdexcept>
+
+#include "cmd/Output.h"
 
 namespace vel {
 
-DevicePresence::DevicePresence(const std::string& device, bool wait) : mWait(wait) {
-  const DeviceChoice choice = ParseDevice(device);
+DevicePresence::DevicePresence(const std::string& device, bool wait, const std::string& cameraSource)
+    : mWait(wait) {
+  const DeviceChoice choice = ParseDevice(device, cameraSource);
   if (const auto* emulated = std::get_if<DeviceIdentity>(&choice)) {
     mPresent = *emulated;
     return;
@@ -34,7 +36,7 @@ std::optional<DeviceIdentity> DevicePresence::Await(const StopSignal& stop) {
       arrival = std::make_shared<StopSignal>();
       mArrival = arrival;
     }
-    std::fprintf(stderr, "waiting for the device\n");
+    Note("waiting for the device");
     std::array<pollfd, 2> descriptors = {pollfd{arrival->Fd(), POLLIN, 0}, pollfd{stop.Fd(), POLLIN, 0}};
     poll(descriptors.data(), descriptors.size(), -1);
     if (stop.IsRaised()) {
@@ -52,7 +54,7 @@ void DevicePresence::OnArrived(const DeviceIdentity& identity) {
   if (mServer != nullptr) {
     mServer->Redirect(identity);
   }
-  std::fprintf(stderr, "device is there: %s\n", Describe(identity).c_str());
+  Note("device is there: " + Describe(identity));
   if (mArrival != nullptr) {
     mArrival->Raise();
     mArrival.reset();
@@ -64,7 +66,7 @@ void DevicePresence::OnLeft(const DeviceIdentity& identity) {
   if (!mPresent || mPresent->bus != identity.bus || mPresent->address != identity.address) {
     return;
   }
-  std::fprintf(stderr, "device was unplugged: %s\n", Describe(identity).c_str());
+  Note("device was unplugged: " + Describe(identity));
   mPresent.reset();
   if (mServer != nullptr && !mWait) {
     mServer->DeviceLeft();

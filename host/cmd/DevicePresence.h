@@ -18,7 +18,7 @@ class DevicePresence {
  public:
   // With `wait`, a local device may be absent: it is waited for, and taken back when it returns. Without, one that
   // is not there throws std::runtime_error.
-  DevicePresence(const std::string& device, bool wait);
+  DevicePresence(const std::string& device, bool wait, const std::string& cameraSource);
 
   // The device; waits until it is there. Nothing once stopped.
   std::optional<DeviceIdentity> Await(const StopSignal& stop) VEL_EXCLUDES(mMutex);

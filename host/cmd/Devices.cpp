@@ -1,15 +1,20 @@
 #include "cmd/Devices.h"
 
 #include <array>
-#include <cstdio>
 #include <limits>
 #include <optional>
 #include <regex>
 
+#include "cmd/Output.h"
+
 namespace vel {
 namespace {
 
-constexpr std::array<EmulatedDevice, 6> kEmulated = {{
+constexpr std::string_view kCamera = "camera";
+constexpr std::uint8_t kCapturedCameraAddress = 0x80;
+
+constexpr std::array<EmulatedDevice, 7> kEmulated = {{
+    {kCamera, 0x88, 0xFF00, 0xFFFE, "UVC camera fed by a test picture, a capture device or a file"},
     {"keyboard", 0x82, 0xFF00, 0xFF01, "HID boot keyboard on which nobody types"},
     {"printer", 0x83, 0xFF00, 0xFF02, "bidirectional printer"},
     {"ch340", 0x84, 0xFF00, 0xFF03, "serial adapter, vendor class"},
@@ -30,8 +35,11 @@ std::string EmulatedNames() {
 
 std::span<const EmulatedDevice> EmulatedDevices() { return kEmulated; }
 
-DeviceChoice ParseDevice(const std::string& device) {
+DeviceChoice ParseDevice(const std::string& device, std::string_view cameraSource) {
   for (const EmulatedDevice& emulated : kEmulated) {
+    if (emulated.name == device && device == kCamera && cameraSource != kTestCamera) {
+      return DeviceIdentity{0, kCapturedCameraAddress, emulated.vendorId, emulated.productId, std::string(cameraSource)};
+    }
     if (emulated.name == device) {
       return DeviceIdentity{0, emulated.address, emulated.vendorId, emulated.productId, ""};
     }
@@ -58,8 +66,8 @@ DeviceChoice ParseDevice(const std::string& device) {
                    ", or BUS:ADDRESS in decimal, or VID:PID as two times four hex digits");
 }
 
-DeviceIdentity FindDevice(const std::string& device) {
-  const DeviceChoice choice = ParseDevice(device);
+DeviceIdentity FindDevice(const std::string& device, std::string_view cameraSource) {
+  const DeviceChoice choice = ParseDevice(device, cameraSource);
   if (const auto* emulated = std::get_if<DeviceIdentity>(&choice)) {
     return *emulated;
   }
@@ -70,10 +78,8 @@ DeviceIdentity FindDevice(const std::string& device) {
 }
 
 std::string Describe(const DeviceIdentity& identity) {
-  std::array<char, 64> text{};
-  std::snprintf(text.data(), text.size(), "bus %03u address %03u, %04x:%04x", unsigned{identity.bus},
+  return Format("bus %03u address %03u, %04x:%04x", unsigned{identity.bus},
                 unsigned{identity.address}, unsigned{identity.vendorId}, unsigned{identity.productId});
-  return text.data();
 }
 
 }  // namespace vel

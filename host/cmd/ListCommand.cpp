@@ -1,11 +1,11 @@
 #include <libusb-1.0/libusb.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <nlohmann/json.hpp>
 
 #include "cmd/Commands.h"
 #include "cmd/Devices.h"
+#include "cmd/Output.h"
 #include "cmd/UsbNames.h"
 
 namespace vel {
@@ -50,15 +50,15 @@ void PrintLocal(const LocalDevice& device) {
       names.push_back(name);
     }
   }
-  std::printf("  %u:%-6u %04x:%04x  %-5s %s\n", unsigned{device.identity.bus}, unsigned{device.identity.address},
-              unsigned{device.identity.vendorId}, unsigned{device.identity.productId},
-              SpeedName(device.speed).data(), Join(names, " ").c_str());
-  std::printf("           redirects: %s\n", Join(WhatIsRedirected(device), ", ").c_str());
+  Print(Format("  %u:%-6u %04x:%04x  %-5s %s\n", unsigned{device.identity.bus}, unsigned{device.identity.address},
+               unsigned{device.identity.vendorId}, unsigned{device.identity.productId},
+               SpeedName(device.speed).data(), Join(names, " ").c_str()));
+  Print(Format("           redirects: %s\n", Join(WhatIsRedirected(device), ", ").c_str()));
   if (device.openError == LIBUSB_ERROR_ACCESS) {
-    std::printf("           may not be opened by this user: install %s into /etc/udev/rules.d and plug it in again\n",
-                UdevRulePath().c_str());
+    Print(Format("           may not be opened by this user: install %s into /etc/udev/rules.d and plug it in again\n",
+                 UdevRulePath().c_str()));
   } else if (device.openError != 0) {
-    std::printf("           cannot be opened: %s\n", libusb_strerror(device.openError));
+    Print(Format("           cannot be opened: %s\n", libusb_strerror(device.openError)));
   }
 }
 
@@ -74,14 +74,14 @@ int RunList(const CommonOptions& common) {
     for (const LocalDevice& device : locals) {
       document["local"].push_back(LocalJson(device));
     }
-    std::puts(document.dump(2).c_str());
+    Print(document.dump(2) + "\n");
     return 0;
   }
-  std::puts("Emulated devices:");
+  Print("Emulated devices:\n");
   for (const EmulatedDevice& device : EmulatedDevices()) {
-    std::printf("  %-8s %s\n", device.name.data(), device.about.data());
+    Print(Format("  %-8s %s\n", device.name.data(), device.about.data()));
   }
-  std::puts(locals.empty() ? "Local devices: none" : "Local devices:");
+  Print(locals.empty() ? "Local devices: none\n" : "Local devices:\n");
   std::for_each(locals.begin(), locals.end(), &PrintLocal);
   return 0;
 }

@@ -72,7 +72,8 @@ std::string NameOf(const sockaddr_storage& address, socklen_t length) {
                   port.size(), NI_NUMERICHOST | NI_NUMERICSERV) != 0) {
     return "?";
   }
-  return std::string(host.data()) + ":" + port.data();
+  const std::string name = address.ss_family == AF_INET6 ? "[" + std::string(host.data()) + "]" : host.data();
+  return name + ":" + port.data();
 }
 
 }  // namespace

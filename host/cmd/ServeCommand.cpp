@@ -1,7 +1,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 #include <memory>
 #include <optional>
@@ -11,6 +10,7 @@
 #include "cmd/DevicePresence.h"
 #include "cmd/Devices.h"
 #include "cmd/Listener.h"
+#include "cmd/Output.h"
 #include "cmd/Server.h"
 
 namespace vel {
@@ -41,7 +41,6 @@ constexpr char kDeviceGone[] = "the device is gone, the service ends (--wait wai
 
 int ServeStdio(const Service& service) {
   // Standard output carries packets: whatever else is printed there, by the module too, goes to standard error.
-  std::fflush(stdout);
   const UniqueFd packets(dup(STDOUT_FILENO));
   if (!packets.IsValid() || dup2(STDERR_FILENO, STDOUT_FILENO) < 0) {
     throw std::runtime_error(std::string("cannot use standard output for packets: ") + std::strerror(errno));
@@ -61,26 +60,25 @@ int ServeStdio(const Service& service) {
 }
 
 int ServeSocket(const Service& service, const std::string& device, const Listener& listener) {
-  std::fprintf(stderr, "serving %s on %s, one remote side at a time; interrupt to end\n", device.c_str(),
-               listener.Name().c_str());
+  Note("serving " + device + " on " + listener.Name() + ", one remote side at a time; interrupt to end");
   while (true) {
     std::string peer;
     const UniqueFd remote = listener.Accept(service.stop, peer);
     if (!remote.IsValid()) {
       return 0;
     }
-    std::fprintf(stderr, "%s connected\n", peer.c_str());
+    Note(peer + " connected");
     FdStream stream(remote.Get(), remote.Get(), service.stop);
     std::string error;
     switch (service.Run(stream, error)) {
       case Server::End::kRemoteDone:
-        std::fprintf(stderr, "%s is done, device given back\n", peer.c_str());
+        Note(peer + " is done, device given back");
         break;
       case Server::End::kRemoteGone:
-        std::fprintf(stderr, "%s: %s; device given back\n", peer.c_str(), error.c_str());
+        Note(peer + ": " + error + "; device given back");
         break;
       case Server::End::kStopped:
-        std::fprintf(stderr, "interrupted, device given back\n");
+        Note("interrupted, device given back");
         return 0;
       case Server::End::kDeviceGone:
         throw std::runtime_error(kDeviceGone);
@@ -91,7 +89,7 @@ int ServeSocket(const Service& service, const std::string& device, const Listene
 }  // namespace
 
 int RunServe(const CommonOptions& common, const ServeOptions& serve, const StopSignal& stop) {
-  DevicePresence presence(common.device, serve.wait);
+  DevicePresence presence(common.device, serve.wait, common.cameraSource);
   const Service service{ModuleLibrary::Load(common.modulePath), presence, stop, serve.answerFailures};
   return serve.stdio ? ServeStdio(service) : ServeSocket(service, common.device, Listener(serve.listen));
 }

@@ -13,16 +13,11 @@ namespace {
 
 constexpr std::size_t kReadBytes = 256U << 10U;
 
-// A request of this program's own behind the last one of the remote side. Its reply comes when all before it have been
-// handled, and is not passed on.
-constexpr Command kFenceCommand = Command::kGetBusNumber;
-constexpr RequestId kFenceId{0xFE, 0xFE4CE000};
-constexpr std::chrono::seconds kFenceTime{10};
-
-bool IsFence(const VelPacket& packet) {
-  return packet.GetCommand() == ReplyCode(kFenceCommand) && packet.GetDevId() == kFenceId.devId &&
-         packet.GetReqId() == kFenceId.reqId;
-}
+// Requests of this program's own, whose replies are not passed on.
+constexpr RequestId kOwnId{0xFE, 0xFE4CE000};
+constexpr std::chrono::seconds kOwnTime{10};
+// One that changes nothing. Its reply comes when all requests before it have been handled.
+constexpr Command kFence = Command::kGetBusNumber;
 
 }  // namespace
 
@@ -43,14 +38,19 @@ std::unique_ptr<ModuleSession> Server::NewSession(const DeviceIdentity& identity
 Server::End Server::Run() {
   End end = ReadRequests();
   if (end == End::kRemoteDone) {
-    AwaitLastReplies();
+    Ask(kFence, true);
+  }
+  {
     const MutexLock lock(mMutex);
-    if (mBroken) {
+    if (mWritten == FdStream::Result::kFailed && end != End::kRemoteGone) {
       mError = "the remote side went away before all replies were sent";
       end = End::kRemoteGone;
+    } else if (mWritten == FdStream::Result::kStopped && end == End::kRemoteDone) {
+      end = End::kStopped;
     }
   }
   mStream.Abort();  // A reply that nobody reads must not hold the device.
+  OpenToGiveBack();
   std::unique_ptr<ModuleSession> session;
   {
     const MutexLock lock(mSessionMutex);
@@ -75,12 +75,22 @@ void Server::Redirect(const DeviceIdentity& identity) {
     const MutexLock lock(mSessionMutex);
     if (mSession != nullptr) {  // Otherwise Run is over.
       mSession.swap(session);
+      mOpened = false;
+      mDriversDetached = false;
     }
   }
 }
 
 void Server::Post(std::unique_ptr<VelPacket> packet) {
+  const std::uint16_t code = packet->GetCommand();
   const MutexLock lock(mSessionMutex);
+  if (code == static_cast<std::uint16_t>(Command::kOpenUsbDev) ||
+      code == static_cast<std::uint16_t>(Command::kCloseUsbDev)) {
+    mOpened = code == static_cast<std::uint16_t>(Command::kOpenUsbDev);
+  } else if (code == static_cast<std::uint16_t>(Command::kDetachKernelDriver) ||
+             code == static_cast<std::uint16_t>(Command::kAttachKernelDriver)) {
+    mDriversDetached = code == static_cast<std::uint16_t>(Command::kDetachKernelDriver);
+  }
   mSession->Post(std::move(packet));
 }
 
@@ -112,31 +122,55 @@ Server::End Server::ReadRequests() {
 }
 
 void Server::OnReply(std::unique_ptr<VelPacket> packet) {
-  if (IsFence(*packet)) {
+  if (packet->GetDevId() == kOwnId.devId && packet->GetReqId() == kOwnId.reqId) {
     const MutexLock lock(mMutex);
-    if (mFenceIsOut) {
-      mFenceIsBack = true;
+    if (packet->GetCommand() == mAwaited) {
+      mAwaited = 0;
       mChanged.NotifyAll();
       return;
     }
   }
-  if (mStream.WriteAll(packet->Wire()) != FdStream::Result::kOk) {
+  const FdStream::Result written = mStream.WriteAll(packet->Wire());
+  if (written == FdStream::Result::kOk) {
+    return;
+  }
+  {
     const MutexLock lock(mMutex);
-    mBroken = true;
+    if (mWritten != FdStream::Result::kStopped) {  // Writing fails after a stop, too.
+      mWritten = written;
+    }
     mChanged.NotifyAll();
+  }
+  mStream.Abort();  // Who gets no replies is gone, even when its requests still come.
+}
+
+void Server::Ask(Command command, bool forRemote) {
+  {
+    const MutexLock lock(mMutex);
+    mAwaited = ReplyCode(command);
+  }
+  Post(BuildRequest(command, kOwnId));
+  const auto deadline = std::chrono::steady_clock::now() + kOwnTime;
+  MutexLock lock(mMutex);
+  while (mAwaited != 0 && !(forRemote && mWritten != FdStream::Result::kOk) &&
+         mChanged.WaitUntil(lock, deadline)) {
   }
 }
 
-void Server::AwaitLastReplies() {
+void Server::OpenToGiveBack() {
   {
     const MutexLock lock(mMutex);
-    mFenceIsOut = true;
+    if (mDeviceGone) {
+      return;
+    }
   }
-  Post(BuildRequest(kFenceCommand, kFenceId));
-  const auto deadline = std::chrono::steady_clock::now() + kFenceTime;
-  MutexLock lock(mMutex);
-  while (!mFenceIsBack && !mBroken && mChanged.WaitUntil(lock, deadline)) {
+  {
+    const MutexLock lock(mSessionMutex);
+    if (mOpened || !mDriversDetached) {
+      return;
+    }
   }
+  Ask(Command::kOpenUsbDev, false);
 }
 
 }  // namespace vel

@@ -1,9 +1,11 @@
 #ifndef VIRTUSB_HOST_CMD_SERVER_H
 #define VIRTUSB_HOST_CMD_SERVER_H
 
+#include <cstdint>
 #include <memory>
 #include <string>
 
+#include "protocol/Commands.h"
 #include "remote/FdStream.h"
 #include "remote/ModuleSession.h"
 #include "vel/Mutex.h"
@@ -37,8 +39,12 @@ class Server {
   void Post(std::unique_ptr<VelPacket> packet);
   void OnReply(std::unique_ptr<VelPacket> packet);
   End ReadRequests();
-  // Waits until the module has worked off what came before the end of the requests.
-  void AwaitLastReplies();
+  // Sends a request without fields of this program's own, behind all that came before, and waits for its reply; with
+  // `forRemote` no longer than the remote side is there.
+  void Ask(Command command, bool forRemote);
+  // Opens the device again when the remote side has closed it without attaching the drivers that it detached: the
+  // session's end attaches what is open.
+  void OpenToGiveBack();
 
   const std::shared_ptr<ModuleLibrary> mLibrary;
   const bool mAnswersFailures;
@@ -46,12 +52,13 @@ class Server {
   std::string mError;
   Mutex mMutex;
   CondVar mChanged;
-  bool mFenceIsOut VEL_GUARDED_BY(mMutex) = false;
-  bool mFenceIsBack VEL_GUARDED_BY(mMutex) = false;
-  bool mBroken VEL_GUARDED_BY(mMutex) = false;
+  std::uint16_t mAwaited VEL_GUARDED_BY(mMutex) = 0;  // The reply that Ask waits for; 0: none.
+  FdStream::Result mWritten VEL_GUARDED_BY(mMutex) = FdStream::Result::kOk;  // Of the reply that could not be sent.
   bool mDeviceGone VEL_GUARDED_BY(mMutex) = false;
   Mutex mSessionMutex;  // Posting, and exchanging the session. Nothing else is taken with it held.
   std::unique_ptr<ModuleSession> mSession VEL_GUARDED_BY(mSessionMutex);
+  bool mOpened VEL_GUARDED_BY(mSessionMutex) = false;  // What the remote side asked for last of either.
+  bool mDriversDetached VEL_GUARDED_BY(mSessionMutex) = false;
 };
 
 }  // namespace vel

@@ -40,7 +40,7 @@ void BringIntoHostOrder(std::array<std::uint8_t, VelPacket::kHeaderSize>& header
 
 bool PacketFramer::Feed(std::span<const std::uint8_t> bytes) {
   while (!bytes.empty() && mError.empty()) {
-    if (mHeaderFilled < mHeader.size()) {
+    if (mPacket == nullptr) {
       const std::size_t n = std::min(bytes.size(), mHeader.size() - mHeaderFilled);
       std::copy_n(bytes.begin(), n, mHeader.begin() + static_cast<std::ptrdiff_t>(mHeaderFilled));
       mHeaderFilled += n;

@@ -7,18 +7,30 @@
 #include "io/DummyUsbIo/DummyUsbPrinter.h"
 #include "io/DummyUsbIo/DummyUsbRawIo.h"
 #include "io/DummyUsbIo/DummyUsbWinusb.h"
+#include "io/DummyUsbIo/DummyUvcIo.h"
 #include "io/LibusbIo.h"
 
 namespace vel {
 namespace {
 
 constexpr std::uint16_t kEmulatedVendor = 0xFF00;
+constexpr std::uint16_t kCameraProduct = 0xFFFE;
+constexpr std::uint8_t kCameraAddresses[] = {0x80, 0x81};
+
+bool IsCamera(const VelDeviceBase& device) {
+  return device.GetProductId() == kCameraProduct || device.GetDeviceAddress() == kCameraAddresses[0] ||
+         device.GetDeviceAddress() == kCameraAddresses[1];
+}
 
 IUsbIo* CreateEmulated(VelDeviceBase& device) {
   const std::uint8_t bus = device.GetBusNumber();
   const std::uint8_t address = device.GetDeviceAddress();
   const std::uint16_t vid = device.GetVendorId();
   const std::uint16_t pid = device.GetProductId();
+  if (IsCamera(device)) {
+    VEL_DEBUG("UsbIo dummpuvcIo \n");
+    return new DummyUvcIo(bus, address, vid, pid, device.GetArgs());
+  }
   if (vid == kEmulatedVendor) {
     switch (pid) {
       case 0xFF01:

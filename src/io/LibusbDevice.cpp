@@ -52,4 +52,24 @@ LibusbInterfaces LibusbDevice::ReadInterfaces() const {
   return interfaces;
 }
 
+LibusbEndpoints LibusbDevice::ReadEndpoints(int interfaceNumber) const {
+  LibusbEndpoints endpoints;
+  libusb_config_descriptor* active = nullptr;
+  if (libusb_get_active_config_descriptor(mDevice.get(), &active) < 0) {
+    return endpoints;
+  }
+  const LibusbConfigPtr config(active);
+  for (const libusb_interface& item : std::span(config->interface, config->bNumInterfaces)) {
+    for (const libusb_interface_descriptor& setting :
+         std::span(item.altsetting, static_cast<std::size_t>(item.num_altsetting))) {
+      if (setting.bInterfaceNumber == interfaceNumber) {
+        for (const auto& endpoint : std::span(setting.endpoint, setting.bNumEndpoints)) {
+          endpoints.set(endpoint.bEndpointAddress);
+        }
+      }
+    }
+  }
+  return endpoints;
+}
+
 }  // namespace vel

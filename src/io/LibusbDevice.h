@@ -7,6 +7,7 @@
 #include <span>
 
 #include "io/LibusbConfigs.h"
+#include "io/LibusbEndpoints.h"
 #include "io/LibusbPtr.h"
 
 namespace vel {
@@ -35,6 +36,9 @@ class LibusbDevice {
   int ReadConfig(libusb_config_descriptor** config);
   // The interfaces of the active configuration; none on a device without one. Any thread.
   LibusbInterfaces ReadInterfaces() const;
+  // The endpoints of all settings of one interface of the active configuration; none when that
+  // cannot be read. Any thread.
+  LibusbEndpoints ReadEndpoints(int interfaceNumber) const;
 
  private:
   LibusbDevicePtr mDevice;

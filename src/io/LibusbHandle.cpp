@@ -1,5 +1,6 @@
 #include "io/LibusbHandle.h"
 
+#include <algorithm>
 #include <chrono>
 #include <exception>
 
@@ -42,6 +43,7 @@ int LibusbHandle::Close() {
       return LIBUSB_ERROR_NOT_FOUND;
     }
     mClosing = true;
+    mChanged.NotifyAll();
     for (const auto& [id, flight] : mPending) {
       CancelFlight(*flight);
     }
@@ -91,7 +93,10 @@ int LibusbHandle::Submit(LibusbFlight& flight) {
   LibusbDeparture departure;
   libusb_transfer* const transfer = flight.transfer.get();
   {
-    const MutexLock lock(mMutex);
+    MutexLock lock(mMutex);
+    while (mLulls > 0 && !mClosing) {
+      mChanged.Wait(lock);
+    }
     if (mClosing) {
       return LIBUSB_ERROR_NOT_FOUND;
     }
@@ -112,6 +117,9 @@ int LibusbHandle::Submit(LibusbFlight& flight) {
     flight.departure = nullptr;
     if (departure.cancelled) {
       libusb_cancel_transfer(transfer);
+    }
+    if (mLulls > 0) {
+      mChanged.NotifyAll();
     }
   }
   return result;
@@ -153,6 +161,36 @@ int LibusbHandle::Cancel(std::uint32_t id, bool* known) {
   return LIBUSB_ERROR_NOT_FOUND;
 }
 
+bool LibusbHandle::IsBusy() {
+  const MutexLock lock(mMutex);
+  return !mPending.empty();
+}
+
+bool LibusbHandle::SubmissionIsUnderWay() const {
+  return std::any_of(mPending.begin(), mPending.end(),
+                     [](const auto& entry) { return entry.second->departure != nullptr; });
+}
+
+void LibusbHandle::BeginLull(const LibusbEndpoints& endpoints) {
+  MutexLock lock(mMutex);
+  ++mLulls;
+  for (const auto& [id, flight] : mPending) {
+    if (id != LibusbFlight::kNoId && !flight->cancelled &&
+        endpoints.test(flight->transfer->endpoint)) {
+      CancelFlight(*flight);
+    }
+  }
+  while (SubmissionIsUnderWay()) {
+    mChanged.Wait(lock);
+  }
+}
+
+void LibusbHandle::EndLull() {
+  const MutexLock lock(mMutex);
+  --mLulls;
+  mChanged.NotifyAll();
+}
+
 int LibusbHandle::CancelFlight(LibusbFlight& flight) {
   flight.cancelled = true;
   if (flight.departure != nullptr) {
@@ -166,6 +204,9 @@ void LibusbHandle::EndFlight(LibusbFlight& flight) {
   mPending.erase(flight.place);
   if (flight.departure != nullptr) {
     flight.departure->landed = true;
+  }
+  if (mLulls > 0) {
+    mChanged.NotifyAll();
   }
 }
 

@@ -4,6 +4,7 @@
 #include <cstdint>
 
 #include "io/LibusbContext.h"
+#include "io/LibusbEndpoints.h"
 #include "io/LibusbFlight.h"
 #include "io/LibusbPtr.h"
 #include "vel/Mutex.h"
@@ -34,9 +35,9 @@ class LibusbHandle {
   // Null while closed and from the start of a close. Any thread.
   libusb_device_handle* Get() VEL_EXCLUDES(mMutex);
 
-  // Submits a filled transfer. Called with a LibusbUse held. On success the transfer is in flight
-  // until its callback has called Unfile and Finish, or Land; the flight may be gone when this
-  // returns. After a failure there is no callback and the flight is still the caller's.
+  // Submits a filled transfer, after a lull. Called with a LibusbUse held. On success the transfer
+  // is in flight until its callback has called Unfile and Finish, or Land; the flight may be gone
+  // when this returns. After a failure there is no callback and the flight is still the caller's.
   int Submit(LibusbFlight& flight) VEL_EXCLUDES(mMutex);
   // First act of a completion: from here on no cancel finds the transfer.
   void Unfile(LibusbFlight& flight) VEL_EXCLUDES(mMutex);
@@ -45,6 +46,9 @@ class LibusbHandle {
   // Cancels the newest transfer with this id that was not cancelled before. LIBUSB_ERROR_NOT_FOUND
   // with `*known` false when there is none, otherwise libusb's result.
   int Cancel(std::uint32_t id, bool* known) VEL_EXCLUDES(mMutex);
+
+  // Whether anything is in flight. Any thread.
+  bool IsBusy() VEL_EXCLUDES(mMutex);
 
   // The whole completion of a synchronous transfer: wakes whoever waits in AwaitLanding. True when
   // nobody does and the flight is the caller's to free; otherwise the flight may be gone.
@@ -57,10 +61,14 @@ class LibusbHandle {
   void EventThreadEnded() VEL_EXCLUDES(mMutex);
 
  private:
+  friend class LibusbLull;
   friend class LibusbUse;
 
   libusb_device_handle* BeginUse() VEL_EXCLUDES(mMutex);
   void EndUse() VEL_EXCLUDES(mMutex);
+  void BeginLull(const LibusbEndpoints& endpoints) VEL_EXCLUDES(mMutex);
+  void EndLull() VEL_EXCLUDES(mMutex);
+  bool SubmissionIsUnderWay() const VEL_REQUIRES(mMutex);
   bool Await(const LibusbFlight* flight) VEL_EXCLUDES(mMutex);
   bool IsThrough(const LibusbFlight* flight) const VEL_REQUIRES(mMutex);
   int CancelFlight(LibusbFlight& flight) VEL_REQUIRES(mMutex);
@@ -74,6 +82,7 @@ class LibusbHandle {
   LibusbDeviceHandlePtr mHandle VEL_GUARDED_BY(mMutex);
   bool mClosing VEL_GUARDED_BY(mMutex) = false;
   int mUses VEL_GUARDED_BY(mMutex) = 0;
+  int mLulls VEL_GUARDED_BY(mMutex) = 0;
   int mInFlight VEL_GUARDED_BY(mMutex) = 0;  // Filed, or in their completion.
   LibusbPending mPending VEL_GUARDED_BY(mMutex);
 };

@@ -6,6 +6,7 @@
 
 #include "VelLog.h"
 #include "io/LibusbControl.h"
+#include "io/LibusbLull.h"
 #include "io/LibusbTransfer.h"
 
 namespace vel {
@@ -26,6 +27,8 @@ bool IsClearHalt(std::uint8_t bmRequestType, std::uint8_t bRequest, std::uint16_
   return bmRequestType == LIBUSB_RECIPIENT_ENDPOINT && bRequest == LIBUSB_REQUEST_CLEAR_FEATURE &&
          wValue == 0;
 }
+
+const LibusbEndpoints kAllEndpoints = LibusbEndpoints().set();
 
 void KeepFirstFailure(int& first, int result) {
   if (first == LIBUSB_SUCCESS && result < 0) {
@@ -195,6 +198,7 @@ int LibusbIo::ResetDevice() {
   const LibusbUse use(mHandle);
   int result = LIBUSB_ERROR_NOT_FOUND;
   if (use.Get() != nullptr) {
+    const LibusbLull lull(mHandle, kAllEndpoints);
     result = libusb_reset_device(use.Get());
     if (result < 0) {
       VEL_ERROR("libusb_reset_device: error %s [%d]", libusb_error_name(result), result);
@@ -211,6 +215,7 @@ int LibusbIo::AttachKernelDriver() {
   if (use.Get() != nullptr) {
     const LibusbInterfaces interfaces = mDevice.ReadInterfaces();
     result = interfaces.result;
+    const LibusbLull lull(mHandle, kAllEndpoints);
     // All are released before the first is attached: a driver may want several of them (cdc_acm
     // does).
     for (const int number : interfaces.All()) {
@@ -270,6 +275,7 @@ int LibusbIo::ReleaseAllInterface() {
     VEL_ERROR("ReleaseAllInterface failed LIBUSB_ERROR_NOT_FOUND\n");
     return LIBUSB_ERROR_NOT_FOUND;
   }
+  const LibusbLull lull(mHandle, kAllEndpoints);
   const LibusbInterfaces interfaces = mDevice.ReadInterfaces();
   int first = interfaces.result;
   for (const int number : interfaces.All()) {
@@ -315,7 +321,14 @@ int LibusbIo::SetInterfaceAltSetting(int interfaceNumber, int altSetting) {
     VEL_ERROR("SetInterfaceAltSetting failed LIBUSB_ERROR_NOT_FOUND\n");
     return LIBUSB_ERROR_NOT_FOUND;
   }
-  const int result = libusb_set_interface_alt_setting(use.Get(), interfaceNumber, altSetting);
+  const LibusbLull lull(
+      mHandle, mHandle.IsBusy() ? mDevice.ReadEndpoints(interfaceNumber) : LibusbEndpoints());
+  // libusb up to 1.0.26 unlocks a lock that it does not hold when this is asked of a device that is
+  // gone, and then aborts the process when it is closed. This asks first, for nothing else.
+  int result = libusb_kernel_driver_active(use.Get(), interfaceNumber);
+  if (result != LIBUSB_ERROR_NO_DEVICE) {
+    result = libusb_set_interface_alt_setting(use.Get(), interfaceNumber, altSetting);
+  }
   if (result < 0) {
     VEL_ERROR("Set interface altsetting get error num %d", result);
   }

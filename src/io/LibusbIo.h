@@ -56,6 +56,8 @@ class LibusbIo : public IUsbIo {
   // Blocks for at most a second.
   int GetStringDescriptor(std::uint8_t index, std::uint16_t langId, std::uint8_t* buffer,
                           int length) override;
+  // Like the release of interfaces and, for its own endpoints, a new alternate setting, it ends the
+  // transfers in flight as cancelled.
   int ResetDevice() override;
   // The four below go through all interfaces of the active configuration, also after a failure, and
   // return the first failure. A device without active configuration has no interfaces.

@@ -40,9 +40,8 @@ PayloadError CheckIsoTable(const TransferRequest& request) {
   return table + payload > room ? PayloadError::kIsoTable : PayloadError::kNone;
 }
 
-TransferRequest ReadTransfer(std::span<const std::uint8_t> payload, bool iso) {
+PayloadError ReadFieldsAndData(std::span<const std::uint8_t> payload, bool iso, TransferRequest& request) {
   ByteReader reader(payload);
-  TransferRequest request;
   request.epAddr = static_cast<std::uint8_t>(reader.Host<std::uint32_t>());
   request.streamId = reader.Host<std::uint32_t>();
   if (iso) {
@@ -50,14 +49,20 @@ TransferRequest ReadTransfer(std::span<const std::uint8_t> payload, bool iso) {
   }
   request.length = reader.Host<std::uint32_t>();
   if (!reader.Ok()) {
-    request.error = PayloadError::kTooShort;
-  } else if (request.length > kMaxTransferBytes || request.isoPackets > kMaxIsoPackets) {
-    request.error = PayloadError::kTooLong;
-  } else if (!TakeData(reader, (request.epAddr & kDirectionIn) != 0, request.length, request.data)) {
-    request.error = PayloadError::kTooShort;
-  } else if (iso) {
-    request.error = CheckIsoTable(request);
+    return PayloadError::kTooShort;
   }
+  if (request.length > kMaxTransferBytes || request.isoPackets > kMaxIsoPackets) {
+    return PayloadError::kTooLong;
+  }
+  if (!TakeData(reader, (request.epAddr & kDirectionIn) != 0, request.length, request.data)) {
+    return PayloadError::kTooShort;
+  }
+  return iso ? CheckIsoTable(request) : PayloadError::kNone;
+}
+
+TransferRequest ReadTransfer(std::span<const std::uint8_t> payload, bool iso) {
+  TransferRequest request;
+  request.error = ReadFieldsAndData(payload, iso, request);
   return request;
 }
 

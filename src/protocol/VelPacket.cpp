@@ -64,11 +64,11 @@ int VelPacket::Append(const void* data, std::uint32_t n) {
     return -1;
   }
   if (!mHeaderInitialised) {
-    std::fputs("please init header first\n", stdout);
+    static_cast<void>(std::fputs("please init header first\n", stdout));
     return -1;
   }
   if (n > mCapacity - kHeaderSize) {
-    std::fputs("payload size larger than packet size\n", stdout);
+    static_cast<void>(std::fputs("payload size larger than packet size\n", stdout));
     return -1;
   }
   const std::uint32_t length = GetPacketSize();

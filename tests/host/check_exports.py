@@ -1,15 +1,16 @@
-"""Compares the symbols that a module exports with a list: check_exports.py NM MODULE LIST."""
+"""Compares the symbols that a module exports with a list of patterns: check_exports.py NM MODULE LIST."""
 
 from __future__ import annotations
 
 import subprocess
 import sys
+from fnmatch import fnmatchcase
 
 
 def exported(nm: str, module: str) -> set[str]:
-    lines = subprocess.run([nm, "-D", "--defined-only", module], check=True, text=True,
+    lines = subprocess.run([nm, "-D", "-C", "--defined-only", module], check=True, text=True,
                            stdout=subprocess.PIPE).stdout.splitlines()
-    return {" ".join(line.split()[-2:]) for line in lines}
+    return {line.split(maxsplit=1)[1] for line in lines}
 
 
 def listed(path: str) -> set[str]:
@@ -20,11 +21,13 @@ def listed(path: str) -> set[str]:
 def main() -> int:
     nm, module, path = sys.argv[1:]
     found, wanted = exported(nm, module), listed(path)
-    for symbol in sorted(found - wanted):
+    unlisted = {symbol for symbol in found if not any(fnmatchcase(symbol, entry) for entry in wanted)}
+    missing = {entry for entry in wanted if not any(fnmatchcase(symbol, entry) for symbol in found)}
+    for symbol in sorted(unlisted):
         print(f"exported but not listed: {symbol}")
-    for symbol in sorted(wanted - found):
-        print(f"listed but not exported: {symbol}")
-    return 0 if found == wanted else 1
+    for entry in sorted(missing):
+        print(f"listed but not exported: {entry}")
+    return 1 if unlisted or missing else 0
 
 
 sys.exit(main())

@@ -23,37 +23,53 @@ constexpr char kSysPath[] = "/sys/devices/usb1/1-1";
 constexpr std::array<std::uint8_t, 4096> kFifoFill{};
 constexpr std::chrono::seconds kLimit{30};  // Only a failure reaches it.
 constexpr std::size_t kSetupBytes = 8;
+constexpr std::uint8_t kLastAddress = 100;
 
-constexpr std::uint8_t kLow(std::size_t value) { return static_cast<std::uint8_t>(value); }
-constexpr std::uint8_t kHigh(std::size_t value) { return static_cast<std::uint8_t>(value >> 8U); }
+constexpr std::uint8_t kLow(std::size_t value) {
+  return static_cast<std::uint8_t>(value);
+}
+constexpr std::uint8_t kHigh(std::size_t value) {
+  return static_cast<std::uint8_t>(value >> 8U);
+}
 
 Bytes DeviceDescriptor(std::uint8_t usbClass, std::uint16_t vendor, std::uint16_t product) {
-  return {18, 1, 0x00, 0x02, usbClass, 0, 0, 64, kLow(vendor), kHigh(vendor), kLow(product), kHigh(product), 0, 1,
-          1, 2, 0, 1};
+  return {18,
+          1,
+          0x00,
+          0x02,
+          usbClass,
+          0,
+          0,
+          64,
+          kLow(vendor),
+          kHigh(vendor),
+          kLow(product),
+          kHigh(product),
+          0,
+          1,
+          1,
+          2,
+          0,
+          1};
 }
 
-Bytes ConfigDescriptor() {
-  Bytes bytes = {9, 2, 0, 0, 2, 1, 0, 0x80, 50};
-  const auto interface = [&](std::uint8_t number, std::uint8_t setting, std::uint8_t endpoints) {
-    bytes.insert(bytes.end(), {9, 4, number, setting, endpoints, 0xFF, 0, 0, 0});
-  };
-  const auto endpoint = [&](std::uint8_t address, std::uint8_t type, std::uint16_t size, std::uint8_t interval) {
-    bytes.insert(bytes.end(), {7, 5, address, type, kLow(size), kHigh(size), interval});
-  };
-  interface(0, 0, 8);
-  for (const int address : {0x01, 0x81, 0x02, 0x82, 0x84, 0x85}) {
-    endpoint(kLow(static_cast<std::size_t>(address)), 2, 512, 0);
-  }
-  endpoint(0x03, 3, 64, 4);
-  endpoint(0x83, 3, 64, 4);
-  interface(1, 0, 0);
-  interface(1, 1, 2);
-  endpoint(0x06, 1, 1024, 1);
-  endpoint(0x86, 1, 1024, 1);
-  bytes[2] = kLow(bytes.size());
-  bytes[3] = kHigh(bytes.size());
-  return bytes;
-}
+// clang-format off
+const Bytes kConfig = {
+    9, 2, 106, 0, 2, 1, 0, 0x80, 50,
+    9, 4, 0, 0, 8, 0xFF, 0, 0, 0,
+    7, 5, 0x01, 2, 0x00, 0x02, 0,
+    7, 5, 0x81, 2, 0x00, 0x02, 0,
+    7, 5, 0x02, 2, 0x00, 0x02, 0,
+    7, 5, 0x82, 2, 0x00, 0x02, 0,
+    7, 5, 0x84, 2, 0x00, 0x02, 0,
+    7, 5, 0x85, 2, 0x00, 0x02, 0,
+    7, 5, 0x03, 3, 64, 0, 4,
+    7, 5, 0x83, 3, 64, 0, 4,
+    9, 4, 1, 0, 0, 0xFF, 0, 0, 0,
+    9, 4, 1, 1, 2, 0xFF, 0, 0, 0,
+    7, 5, 0x06, 1, 0x00, 0x04, 1,
+    7, 5, 0x86, 1, 0x00, 0x04, 1};
+// clang-format on
 
 Bytes StringDescriptor(std::uint8_t index) {
   if (index == 0) {
@@ -76,8 +92,10 @@ std::string NodeOf(std::uint8_t address) {
 // A device in umockdev's notation.
 std::string DeviceText(const std::string& path, std::uint8_t address, const Bytes& descriptors) {
   std::string text = "P: " + path + "\nN: " + NodeOf(address) + "\n";
-  text += "E: SUBSYSTEM=usb\nE: DEVTYPE=usb_device\nE: BUSNUM=001\nE: DEVNUM=" + std::to_string(address) + "\n";
-  text += "E: DEVNAME=/dev/" + NodeOf(address) + "\nA: busnum=1\\n\nA: devnum=" + std::to_string(address) + "\\n\n";
+  text += "E: SUBSYSTEM=usb\nE: DEVTYPE=usb_device\nE: BUSNUM=001\nE: DEVNUM=" +
+          std::to_string(address) + "\n";
+  text += "E: DEVNAME=/dev/" + NodeOf(address) +
+          "\nA: busnum=1\\n\nA: devnum=" + std::to_string(address) + "\\n\n";
   text += "A: bConfigurationValue=1\\n\nA: speed=480\\n\nH: descriptors=";
   for (const std::uint8_t byte : descriptors) {
     constexpr char kDigits[] = "0123456789ABCDEF";
@@ -92,18 +110,25 @@ T& As(UMockdevIoctlData& data) {
   return *reinterpret_cast<T*>(data.data);
 }
 
-usbdevfs_urb& Raw(UMockdevIoctlData& data) { return As<usbdevfs_urb>(data); }
+usbdevfs_urb& Raw(UMockdevIoctlData& data) {
+  return As<usbdevfs_urb>(data);
+}
 
 std::span<usbdevfs_iso_packet_desc> Packets(UMockdevIoctlData& data) {
   return {Raw(data).iso_frame_desc, static_cast<std::size_t>(Raw(data).number_of_packets)};
 }
 
-bool IsIn(std::uint8_t endpoint) { return (endpoint & 0x80U) != 0; }
-std::size_t InterfaceOf(std::uint8_t endpoint) { return (endpoint & 0x0FU) == 6 ? 1 : 0; }
+bool IsIn(std::uint8_t endpoint) {
+  return (endpoint & 0x80U) != 0;
+}
+std::size_t InterfaceOf(std::uint8_t endpoint) {
+  return (endpoint & 0x0FU) == 6 ? 1 : 0;
+}
 
 }  // namespace
 
-MockUsbDevice::MockUsbDevice() : mTestbed(umockdev_testbed_new()), mHandler(umockdev_ioctl_base_new()) {
+MockUsbDevice::MockUsbDevice()
+    : mTestbed(umockdev_testbed_new()), mHandler(umockdev_ioctl_base_new()) {
   g_signal_connect(mHandler.get(), "handle-ioctl", G_CALLBACK(&MockUsbDevice::OnIoctl), this);
   g_signal_connect(mHandler.get(), "client-connected", G_CALLBACK(&MockUsbDevice::OnOpened), this);
   const std::string hub = DeviceText("/devices/usb1", 1, DeviceDescriptor(9, 0x1D6B, 2));
@@ -115,21 +140,21 @@ MockUsbDevice::~MockUsbDevice() {
 }
 
 void MockUsbDevice::Plug() {
-  const std::string node = NodeOf(++mAddress);
+  mAddress = mAddress < kLastAddress ? static_cast<std::uint8_t>(mAddress + 1) : 2;
+  const std::string node = NodeOf(mAddress);
   Bytes descriptors = DeviceDescriptor(0, kVendor, kProduct);
-  const Bytes config = ConfigDescriptor();
-  descriptors.insert(descriptors.end(), config.begin(), config.end());
+  descriptors.insert(descriptors.end(), kConfig.begin(), kConfig.end());
   umockdev_testbed_attach_ioctl(mTestbed.get(), ("/dev/" + node).c_str(), mHandler.get(), nullptr);
   const std::string text = DeviceText("/devices/usb1/1-1", mAddress, descriptors);
   if (umockdev_testbed_add_from_string(mTestbed.get(), text.c_str(), nullptr) == FALSE) {
     throw std::runtime_error("umockdev does not take the device");
   }
-  const std::unique_ptr<gchar, decltype(&g_free)> root(umockdev_testbed_get_root_dir(mTestbed.get()), &g_free);
-  const std::string fifo = root.get() + ("/dev/" + node);
+  const std::string fifo = NodeFile();
   unlink(fifo.c_str());
   {
     const MutexLock lock(mMutex);
-    mFifo = UniqueFd(mkfifo(fifo.c_str(), 0666) == 0 ? open(fifo.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC) : -1);
+    mFifo = UniqueFd(
+        mkfifo(fifo.c_str(), 0666) == 0 ? open(fifo.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC) : -1);
     if (!mFifo.IsValid() || fcntl(mFifo.Get(), F_SETPIPE_SZ, int{kFifoFill.size()}) < 0) {
       throw std::runtime_error("no FIFO at " + fifo);
     }
@@ -145,6 +170,7 @@ void MockUsbDevice::Plug() {
 }
 
 void MockUsbDevice::Unplug() {
+  umockdev_testbed_detach_ioctl(mTestbed.get(), ("/dev/" + NodeOf(mAddress)).c_str(), nullptr);
   {
     const MutexLock lock(mMutex);
     mNode.clear();
@@ -155,6 +181,18 @@ void MockUsbDevice::Unplug() {
   }
   umockdev_testbed_uevent(mTestbed.get(), kSysPath, "remove");
   umockdev_testbed_remove_device(mTestbed.get(), kSysPath);
+}
+
+std::string MockUsbDevice::NodeFile() const {
+  const std::unique_ptr<gchar, decltype(&g_free)> root(
+      umockdev_testbed_get_root_dir(mTestbed.get()), &g_free);
+  return root.get() + ("/dev/" + NodeOf(mAddress));
+}
+
+void MockUsbDevice::Forbid() {
+  if (chmod(NodeFile().c_str(), 0) != 0) {
+    throw std::runtime_error("cannot change the rights of " + NodeFile());
+  }
 }
 
 void MockUsbDevice::SetPacketStatuses(std::vector<int> statuses) {
@@ -203,31 +241,36 @@ void MockUsbDevice::Changed() {
   mChanged.NotifyAll();
 }
 
-void MockUsbDevice::OnOpened(UMockdevIoctlBase* /*base*/, UMockdevIoctlClient* client, gpointer self) {
+void MockUsbDevice::OnOpened(UMockdevIoctlBase* /*base*/, UMockdevIoctlClient* client,
+                             gpointer self) {
   auto& device = *static_cast<MockUsbDevice*>(self);
   const MutexLock lock(device.mMutex);
   ++device.mState.openFiles;
-  g_signal_connect(client, "notify::connected", G_CALLBACK(&MockUsbDevice::OnClosed), self);
+  g_object_weak_ref(G_OBJECT(client), &MockUsbDevice::OnClosed, self);
 }
 
-void MockUsbDevice::OnClosed(UMockdevIoctlClient* client, GParamSpec* /*spec*/, gpointer self) {
+void MockUsbDevice::OnClosed(gpointer self, GObject* client) {
   auto& device = *static_cast<MockUsbDevice*>(self);
   const MutexLock lock(device.mMutex);
-  const auto isOfClient = [client](const Urb& urb) { return urb.client == client; };
+  const void* const gone = client;
+  const auto isOfClient = [gone](const Urb& urb) { return urb.client == gone; };
   device.mPending.remove_if(isOfClient);
   device.mDone.remove_if(isOfClient);
-  std::replace(device.mClaims.begin(), device.mClaims.end(), static_cast<const UMockdevIoctlClient*>(client),
-               static_cast<const UMockdevIoctlClient*>(nullptr));
+  for (const void*& claim : device.mClaims) {
+    claim = claim == gone ? nullptr : claim;
+  }
   --device.mState.openFiles;
   device.Changed();
 }
 
-gboolean MockUsbDevice::OnIoctl(UMockdevIoctlBase* /*base*/, UMockdevIoctlClient* client, gpointer self) {
+gboolean MockUsbDevice::OnIoctl(UMockdevIoctlBase* /*base*/, UMockdevIoctlClient* client,
+                                gpointer self) {
   auto& device = *static_cast<MockUsbDevice*>(self);
   const MutexLock lock(device.mMutex);
   const long result = device.Handle(client);
   device.Changed();
-  umockdev_ioctl_client_complete(client, result < 0 ? -1 : result, result < 0 ? static_cast<int>(-result) : 0);
+  umockdev_ioctl_client_complete(client, result < 0 ? -1 : result,
+                                 result < 0 ? static_cast<int>(-result) : 0);
   return TRUE;
 }
 
@@ -246,23 +289,29 @@ long MockUsbDevice::Handle(UMockdevIoctlClient* client) {
   switch (request) {
     case USBDEVFS_GET_CAPABILITIES:
       As<std::uint32_t>(*argument(sizeof(std::uint32_t))) =
-          USBDEVFS_CAP_ZERO_PACKET | USBDEVFS_CAP_BULK_CONTINUATION | USBDEVFS_CAP_NO_PACKET_SIZE_LIM |
-          USBDEVFS_CAP_BULK_SCATTER_GATHER | USBDEVFS_CAP_REAP_AFTER_DISCONNECT;
+          USBDEVFS_CAP_ZERO_PACKET | USBDEVFS_CAP_BULK_CONTINUATION |
+          USBDEVFS_CAP_NO_PACKET_SIZE_LIM | USBDEVFS_CAP_BULK_SCATTER_GATHER |
+          USBDEVFS_CAP_REAP_AFTER_DISCONNECT;
       return 0;
     case USBDEVFS_SUBMITURB:
       return Submit(client);
     case USBDEVFS_DISCARDURB: {
       const auto address = As<unsigned long>(arg);
-      return Kill(-ENOENT, [&](const Urb& urb) { return urb.client == client && urb.data->client_addr == address; }) > 0
+      return Kill(-ENOENT,
+                  [&](const Urb& urb) {
+                    return urb.client == client && urb.data->client_addr == address;
+                  }) > 0
                  ? 0
                  : -EINVAL;
     }
     case USBDEVFS_CLAIMINTERFACE:
     case USBDEVFS_RELEASEINTERFACE:
-      return DriverCall(client, As<unsigned>(*argument(sizeof(unsigned))), static_cast<int>(request));
+      return DriverCall(client, As<unsigned>(*argument(sizeof(unsigned))),
+                        static_cast<int>(request));
     case USBDEVFS_GETDRIVER: {
       auto& query = As<usbdevfs_getdriver>(*argument(sizeof(usbdevfs_getdriver)));
-      if (query.interface > 1 || (!mState.driverBound[query.interface] && mClaims[query.interface] == nullptr)) {
+      if (query.interface > 1 ||
+          (!mState.driverBound[query.interface] && mClaims[query.interface] == nullptr)) {
         return -ENODATA;
       }
       std::strcpy(query.driver, mState.driverBound[query.interface] ? "mocked" : "usbfs");
@@ -277,11 +326,16 @@ long MockUsbDevice::Handle(UMockdevIoctlClient* client) {
       if (wanted.interface > 1 || wanted.altsetting > wanted.interface) {
         return -EINVAL;
       }
-      mState.altSetting = wanted.interface == 1 ? static_cast<int>(wanted.altsetting) : mState.altSetting;
+      Kill(-ENOENT, [interface = wanted.interface](const Urb& urb) {
+        return urb.type != USBDEVFS_URB_TYPE_CONTROL && InterfaceOf(urb.endpoint) == interface;
+      });
+      mState.altSetting =
+          wanted.interface == 1 ? static_cast<int>(wanted.altsetting) : mState.altSetting;
       return 0;
     }
     case USBDEVFS_SETCONFIGURATION:
-      return mState.driverBound[0] || mState.driverBound[1] || mClaims[0] != nullptr || mClaims[1] != nullptr
+      return mState.driverBound[0] || mState.driverBound[1] || mClaims[0] != nullptr ||
+                     mClaims[1] != nullptr
                  ? -EBUSY
                  : 0;
     case USBDEVFS_CLEAR_HALT:
@@ -301,7 +355,7 @@ long MockUsbDevice::DriverCall(const UMockdevIoctlClient* client, unsigned inter
     return -EINVAL;
   }
   bool& bound = mState.driverBound[interface];
-  const UMockdevIoctlClient*& claim = mClaims[interface];
+  const void*& claim = mClaims[interface];
   switch (static_cast<unsigned>(code)) {
     case USBDEVFS_CLAIMINTERFACE:
       if (bound || (claim != nullptr && claim != client)) {
@@ -349,9 +403,10 @@ long MockUsbDevice::Submit(UMockdevIoctlClient* client) {
     urb.data.reset(umockdev_ioctl_data_resolve(
         &arg, 0, sizeof(usbdevfs_urb) + packets * sizeof(usbdevfs_iso_packet_desc), nullptr));
     const std::span all = Packets(*urb.data);
-    urb.length = std::accumulate(all.begin(), all.end(), 0, [](int sum, const usbdevfs_iso_packet_desc& packet) {
-      return sum + static_cast<int>(packet.length);
-    });
+    urb.length = std::accumulate(all.begin(), all.end(), 0,
+                                 [](int sum, const usbdevfs_iso_packet_desc& packet) {
+                                   return sum + static_cast<int>(packet.length);
+                                 });
   }
   const std::size_t interface = InterfaceOf(urb.endpoint);
   if (urb.type != USBDEVFS_URB_TYPE_CONTROL && mState.driverBound[interface]) {
@@ -371,8 +426,9 @@ bool MockUsbDevice::Serve(Urb& urb) {
   const bool reads = !IsIn(urb.endpoint) || urb.type == USBDEVFS_URB_TYPE_CONTROL;
   Bytes data;
   if (reads && urb.length > 0) {
-    const ObjectPtr<UMockdevIoctlData> buffer(umockdev_ioctl_data_resolve(
-        urb.data.get(), offsetof(usbdevfs_urb, buffer), static_cast<std::size_t>(urb.length), nullptr));
+    const ObjectPtr<UMockdevIoctlData> buffer(
+        umockdev_ioctl_data_resolve(urb.data.get(), offsetof(usbdevfs_urb, buffer),
+                                    static_cast<std::size_t>(urb.length), nullptr));
     data.assign(buffer->data, buffer->data + buffer->data_len);
   }
   if (urb.type == USBDEVFS_URB_TYPE_CONTROL) {
@@ -408,12 +464,13 @@ bool MockUsbDevice::Serve(Urb& urb) {
 bool MockUsbDevice::ServeControl(Urb& urb, const Bytes& data) {
   const std::uint8_t type = data[0];
   const std::uint8_t request = data[1];
-  const std::size_t wLength = std::min<std::size_t>(data[6] + 256U * data[7], data.size() - kSetupBytes);
+  const std::size_t wLength =
+      std::min<std::size_t>(data[6] + 256U * data[7], data.size() - kSetupBytes);
   const Bytes payload(data.begin() + kSetupBytes, data.end());
   Bytes answer;
   if (type == 0x80 && request == 6 && data[3] >= 1 && data[3] <= 3) {
     answer = data[3] == 1   ? DeviceDescriptor(0, kVendor, kProduct)
-             : data[3] == 2 ? ConfigDescriptor()
+             : data[3] == 2 ? kConfig
                             : StringDescriptor(data[2]);
   } else if (type == 0xC0 && request == kFetch) {
     answer = mTaken[0];
@@ -438,7 +495,8 @@ void MockUsbDevice::ServeIso(Urb& urb) {
   urb.in = IsIn(urb.endpoint) ? Pattern(static_cast<std::size_t>(urb.length)) : Bytes();
   std::size_t index = 0;
   for (usbdevfs_iso_packet_desc& packet : Packets(*urb.data)) {
-    const int status = mPacketStatuses.empty() ? 0 : mPacketStatuses[index++ % mPacketStatuses.size()];
+    const int status =
+        mPacketStatuses.empty() ? 0 : mPacketStatuses[index++ % mPacketStatuses.size()];
     packet.status = static_cast<unsigned>(status);
     packet.actual_length = status == 0 ? packet.length : packet.length / 2;
   }
@@ -478,8 +536,8 @@ std::size_t MockUsbDevice::Kill(int status, const std::function<bool(const Urb&)
 }
 
 long MockUsbDevice::Reap(UMockdevIoctlClient* client) {
-  const auto done =
-      std::find_if(mDone.begin(), mDone.end(), [client](const Urb& urb) { return urb.client == client; });
+  const auto done = std::find_if(mDone.begin(), mDone.end(),
+                                 [client](const Urb& urb) { return urb.client == client; });
   if (done == mDone.end()) {
     return mNode == umockdev_ioctl_client_get_devnode(client) ? -EAGAIN : -ENODEV;
   }
@@ -492,7 +550,8 @@ long MockUsbDevice::Reap(UMockdevIoctlClient* client) {
     std::copy(done->in.begin(), done->in.end(), buffer->data);
   }
   UMockdevIoctlData* const arg = umockdev_ioctl_client_get_arg(client);
-  const ObjectPtr<UMockdevIoctlData> place(umockdev_ioctl_data_resolve(arg, 0, sizeof(void*), nullptr));
+  const ObjectPtr<UMockdevIoctlData> place(
+      umockdev_ioctl_data_resolve(arg, 0, sizeof(void*), nullptr));
   umockdev_ioctl_data_set_ptr(place.get(), 0, &data);
   mDone.erase(done);
   return 0;

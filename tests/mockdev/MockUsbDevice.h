@@ -19,16 +19,18 @@ namespace vel {
 
 using Bytes = std::vector<std::uint8_t>;
 
-// A high-speed USB device on a mocked kernel: libusb is the real one, its system calls end here. Needs umockdev's
-// preload library in this process; child processes see the same device. It is not plugged in at first.
+// A high-speed USB device on a mocked kernel: libusb is the real one, its system calls end here.
+// Needs umockdev's preload library in this process; child processes see the same device. It is not
+// plugged in at first.
 //
-//   0x01 and 0x81 bulk, 0x03 and 0x83 interrupt   each IN transfer brings what one OUT transfer took, and waits for it
-//   0x82 bulk IN    Pattern()                     0x02 bulk OUT   takes anything
-//   0x84 bulk IN    never has anything            0x85 bulk IN    halted until that is cleared
-//   0x86, 0x06 isochronous, in setting 1 of interface 1           packets end as SetPacketStatuses says
+//   0x01 and 0x81 bulk, 0x03 and 0x83 interrupt   each IN transfer brings what one OUT transfer
+//   took, and waits for it 0x82 bulk IN    Pattern()                     0x02 bulk OUT   takes
+//   anything 0x84 bulk IN    never has anything            0x85 bulk IN    halted until that is
+//   cleared 0x86, 0x06 isochronous, in setting 1 of interface 1           packets end as
+//   SetPacketStatuses says
 //
-// A kernel driver is bound to both interfaces when the device is plugged in. The device node is a FIFO, so that poll()
-// tells libusb whether a transfer is done, as the kernel's does. Any thread.
+// A kernel driver is bound to both interfaces when the device is plugged in. The device node is a
+// FIFO, so that poll() tells libusb whether a transfer is done, as the kernel's does. Any thread.
 class MockUsbDevice {
  public:
   static constexpr std::uint16_t kVendor = 0x1209;
@@ -60,9 +62,12 @@ class MockUsbDevice {
   // At a new address each time.
   void Plug() VEL_EXCLUDES(mMutex);
   void Unplug() VEL_EXCLUDES(mMutex);
+  // Takes everybody's right to open it.
+  void Forbid();
   std::uint8_t Address() const { return mAddress; }
 
-  // Kernel's status of each isochronous packet (0 or a negated errno), in turn. A packet that fails is half empty.
+  // Kernel's status of each isochronous packet (0 or a negated errno), in turn. A packet that fails
+  // is half empty.
   void SetPacketStatuses(std::vector<int> statuses) VEL_EXCLUDES(mMutex);
   // What an OUT endpoint took last.
   Bytes Taken(std::uint8_t endpoint) VEL_EXCLUDES(mMutex);
@@ -81,7 +86,7 @@ class MockUsbDevice {
 
   struct Urb {
     ObjectPtr<UMockdevIoctlData> data;  // The client's usbdevfs_urb.
-    const UMockdevIoctlClient* client = nullptr;
+    const void* client = nullptr;
     std::uint8_t type = 0;
     std::uint8_t endpoint = 0;
     int length = 0;  // Of the buffer; isochronous: of all packets.
@@ -92,12 +97,13 @@ class MockUsbDevice {
 
   static gboolean OnIoctl(UMockdevIoctlBase* base, UMockdevIoctlClient* client, gpointer self);
   static void OnOpened(UMockdevIoctlBase* base, UMockdevIoctlClient* client, gpointer self);
-  static void OnClosed(UMockdevIoctlClient* client, GParamSpec* spec, gpointer self);
+  static void OnClosed(gpointer self, GObject* client);
   // Result of the call, or a negated errno.
   long Handle(UMockdevIoctlClient* client) VEL_REQUIRES(mMutex);
   long Submit(UMockdevIoctlClient* client) VEL_REQUIRES(mMutex);
   long Reap(UMockdevIoctlClient* client) VEL_REQUIRES(mMutex);
-  long DriverCall(const UMockdevIoctlClient* client, unsigned interface, int code) VEL_REQUIRES(mMutex);
+  long DriverCall(const UMockdevIoctlClient* client, unsigned interface, int code)
+      VEL_REQUIRES(mMutex);
   // True when the device is done with the transfer.
   bool Serve(Urb& urb) VEL_REQUIRES(mMutex);
   bool ServeControl(Urb& urb, const Bytes& data) VEL_REQUIRES(mMutex);
@@ -108,22 +114,26 @@ class MockUsbDevice {
   // Tells poll() and those who wait here.
   void Changed() VEL_REQUIRES(mMutex);
 
-  ObjectPtr<UMockdevTestbed> mTestbed;
-  ObjectPtr<UMockdevIoctlBase> mHandler;
+  std::string NodeFile() const;
+
   std::uint8_t mAddress = 1;
   Mutex mMutex;
   CondVar mChanged;
-  std::string mNode VEL_GUARDED_BY(mMutex);  // Of the device that is plugged in; empty when none is.
-  UniqueFd mFifo VEL_GUARDED_BY(mMutex);     // Full while nothing is done.
+  std::string mNode
+      VEL_GUARDED_BY(mMutex);             // Of the device that is plugged in; empty when none is.
+  UniqueFd mFifo VEL_GUARDED_BY(mMutex);  // Full while nothing is done.
   bool mFull VEL_GUARDED_BY(mMutex) = false;
   State mState VEL_GUARDED_BY(mMutex);
-  std::array<const UMockdevIoctlClient*, 2> mClaims VEL_GUARDED_BY(mMutex){};
+  std::array<const void*, 2> mClaims VEL_GUARDED_BY(mMutex){};
   bool mHalted VEL_GUARDED_BY(mMutex) = true;
   std::vector<int> mPacketStatuses VEL_GUARDED_BY(mMutex);
   std::map<std::uint8_t, std::list<Bytes>> mLoops VEL_GUARDED_BY(mMutex);  // By IN endpoint.
   std::map<std::uint8_t, Bytes> mTaken VEL_GUARDED_BY(mMutex);
   std::list<Urb> mPending VEL_GUARDED_BY(mMutex);
   std::list<Urb> mDone VEL_GUARDED_BY(mMutex);
+  // Last: their thread uses what is above.
+  const ObjectPtr<UMockdevTestbed> mTestbed;
+  const ObjectPtr<UMockdevIoctlBase> mHandler;
 };
 
 }  // namespace vel

@@ -1,6 +1,11 @@
 # The mocked USB device, for tests and benchmarks.
 include_guard(GLOBAL)
-pkg_check_modules(umockdev REQUIRED IMPORTED_TARGET umockdev-1.0)
+pkg_check_modules(umockdev IMPORTED_TARGET umockdev-1.0)
+if(NOT umockdev_FOUND)
+  message(FATAL_ERROR
+    "umockdev is not here, and without it no real device is tested: install libumockdev-dev (Debian), "
+    "or configure with -DVIRTUSB_BUILD_TESTS=OFF -DVIRTUSB_BUILD_BENCH=OFF.")
+endif()
 
 add_library(virtusb_mock_device STATIC "${CMAKE_CURRENT_LIST_DIR}/MockUsbDevice.cpp")
 target_include_directories(virtusb_mock_device PUBLIC "${PROJECT_SOURCE_DIR}/tests")

@@ -1,27 +1,17 @@
-// The module and the command over the real libusb, on a mocked kernel.
+// The module over the real libusb, on a mocked kernel. `mockdev_test --soak SECONDS` lets the
+// random part run longer.
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <libusb-1.0/libusb.h>
-#include <poll.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
-#include <csignal>
-#include <cstdio>
 #include <cstdlib>
-#include <cstring>
-#include <nlohmann/json.hpp>
+#include <filesystem>
+#include <iterator>
 #include <random>
 #include <string_view>
 
-#include "mockdev/MockUsbDevice.h"
-#include "protocol/ByteReader.h"
+#include "mockdev/MockRemote.h"
 #include "protocol/IsoTable.h"
-#include "remote/ModuleChannel.h"
-#include "remote/RemoteDevice.h"
-#include "remote/StreamChannel.h"
 
 namespace vel {
 namespace {
@@ -30,73 +20,18 @@ using Clock = std::chrono::steady_clock;
 using State = MockUsbDevice::State;
 using testing::Each;
 using testing::ElementsAre;
+using testing::Pair;
+using testing::SizeIs;
 
-constexpr std::chrono::seconds kLimit{30};  // Only a failure reaches it.
-constexpr int kCancelled = LIBUSB_TRANSFER_CANCELLED;
-std::chrono::seconds gSoak{2};
-
-// The replies to transfers as they pass on their way to the remote device.
-class Tally {
- public:
-  void Note(const VelPacket& packet) VEL_EXCLUDES(mMutex) {
-    const CommandInfo* request = FindCommand(static_cast<std::uint16_t>(packet.GetCommand() - 1));
-    if (request != nullptr && request->reply == ReplyKind::kAsync) {
-      ByteReader reader(packet.PayloadBytes());
-      const auto streamId = reader.Host<std::uint32_t>();
-      const MutexLock lock(mMutex);
-      mStatuses[streamId].push_back(static_cast<int>(reader.Host<std::uint32_t>()));
-    }
-  }
-  // By stream id.
-  std::map<std::uint32_t, std::vector<int>> Statuses() VEL_EXCLUDES(mMutex) {
-    const MutexLock lock(mMutex);
-    return mStatuses;
-  }
-
- private:
-  Mutex mMutex;
-  std::map<std::uint32_t, std::vector<int>> mStatuses VEL_GUARDED_BY(mMutex);
-};
-
-class TalliedChannel final : public PacketChannel {
- public:
-  TalliedChannel(std::unique_ptr<PacketChannel> channel, Tally& tally)
-      : mChannel(std::move(channel)), mTally(tally) {}
-  void Start(Receiver receiver) override {
-    mChannel->Start({.onPacket =
-                         [this, next = std::move(receiver.onPacket)](std::unique_ptr<VelPacket> packet) {
-                           mTally.Note(*packet);
-                           next(std::move(packet));
-                         },
-                     .onClosed = std::move(receiver.onClosed)});
-  }
-  bool Send(std::unique_ptr<VelPacket> packet) override { return mChannel->Send(std::move(packet)); }
-  void Close() override { mChannel->Close(); }
-
- private:
-  const std::unique_ptr<PacketChannel> mChannel;
-  Tally& mTally;
-};
-
-void Take(RemoteDevice& remote) {
-  ASSERT_EQ(remote.Status(Command::kOpenUsbDev), 0);
-  ASSERT_EQ(remote.Status(Command::kDetachKernelDriver), 0);
-  ASSERT_EQ(remote.Status(Command::kClaimAllInterface), 0);
-  ASSERT_EQ(remote.SetInterfaceAltSetting(1, 1), 0);
-}
+constexpr std::chrono::milliseconds kPrompt{500};  // Half of libusb's wait for events.
+std::chrono::milliseconds gSoak{1500};
 
 class MockDeviceTest : public testing::Test {
  protected:
   MockDeviceTest() { mDevice.Plug(); }
 
-  std::unique_ptr<RemoteDevice> Redirect(bool answersFailures = true) {
-    const DeviceIdentity identity{MockUsbDevice::kBus, mDevice.Address(), MockUsbDevice::kVendor,
-                                  MockUsbDevice::kProduct, ""};
-    return std::make_unique<RemoteDevice>(std::make_unique<TalliedChannel>(
-        std::make_unique<ModuleChannel>(ModuleLibrary::Load(VIRTUSB_MODULE), identity, answersFailures), mTally));
-  }
   std::unique_ptr<RemoteDevice> Taken(bool answersFailures = true) {
-    std::unique_ptr<RemoteDevice> remote = Redirect(answersFailures);
+    std::unique_ptr<RemoteDevice> remote = Redirect(mDevice, mTally, answersFailures);
     Take(*remote);
     return remote;
   }
@@ -112,7 +47,250 @@ TEST_F(MockDeviceTest, BulkAndInterruptCarryEveryLength) {
     EXPECT_EQ(remote->Transfer(Command::kBulkTransfer, 0x01, length, data).status, 0);
     EXPECT_EQ(remote->Transfer(Command::kBulkTransfer, 0x81, length).data, data);
     EXPECT_EQ(remote->Transfer(Command::kBulkTransfer, 0x82, length).data, data);
+    EXPECT_EQ(remote->Transfer(Command::kInterruptTransfer, 0x03, length, data).status, 0);
+    EXPECT_EQ(remote->Transfer(Command::kInterruptTransfer, 0x83, length).data, data);
   }
+}
+
+TEST_F(MockDeviceTest, ControlCarriesDataStallsAndTimesOut) {
+  const auto remote = Taken();
+  const Bytes data = MockUsbDevice::Pattern(300);
+  EXPECT_EQ(remote->ControlTransfer({0x40, MockUsbDevice::kStore, 0, 0, 300}, data).value, 300);
+  EXPECT_EQ(remote->ControlTransfer({0xC0, MockUsbDevice::kFetch, 0, 0, 300}).data, data);
+  EXPECT_EQ(remote->ControlTransfer({0xC0, MockUsbDevice::kFetch, 0, 0, 4096}).value, 300);
+  EXPECT_EQ(remote->ControlTransfer({0x40, MockUsbDevice::kStall, 0, 0, 0}).value,
+            LIBUSB_ERROR_PIPE);
+  EXPECT_EQ(remote->ControlTransfer({0xC0, MockUsbDevice::kSilent, 0, 0, 8}, {}, 20).value,
+            LIBUSB_ERROR_TIMEOUT);
+  EXPECT_EQ(remote->GetStringDescriptor(2, 0x0409, 255).value,
+            static_cast<int>(2 + 2 * std::string_view(MockUsbDevice::kName).size()));
+  // A port reset meant for a hub becomes the device's own.
+  EXPECT_EQ(remote->ControlTransfer({0x23, 3, 4, 1, 0}).value, 0);
+  EXPECT_EQ(mDevice.Look().resets, 1);
+}
+
+TEST_F(MockDeviceTest, IsochronousPacketsKeepTheirLengthsAndStatuses) {
+  const auto remote = Taken();
+  mDevice.SetPacketStatuses({0, -EPROTO, 0, -EPIPE, -EOVERFLOW, -ENODEV});
+  const std::vector<std::uint32_t> lengths = {100, 64, 0, 1024, 8, 30};
+  const std::vector<std::uint32_t> moved = {100, 32, 0, 512, 4, 15};
+  const std::vector<std::uint32_t> statuses = {
+      LIBUSB_TRANSFER_COMPLETED, LIBUSB_TRANSFER_ERROR,    LIBUSB_TRANSFER_COMPLETED,
+      LIBUSB_TRANSFER_STALL,     LIBUSB_TRANSFER_OVERFLOW, LIBUSB_TRANSFER_NO_DEVICE};
+  const Bytes data = MockUsbDevice::Pattern(100 + 64 + 1024 + 8 + 30);
+
+  const TransferReply in = remote->IsoTransfer(0x86, lengths);
+  ASSERT_EQ(in.isoPackets, lengths.size());
+  ASSERT_EQ(in.data.size(), lengths.size() * 16 + 100 + 32 + 512 + 4 + 15);
+  std::size_t place = lengths.size() * 16;
+  std::size_t source = 0;
+  for (std::size_t i = 0; i < lengths.size(); ++i) {
+    const IsoPacketRecord packet = LoadIsoRecord(in.data.data(), i);
+    EXPECT_EQ(std::tie(packet.offset, packet.length, packet.actual_length, packet.status),
+              std::tuple(place, lengths[i], moved[i], statuses[i]));
+    const auto begin = data.begin() + static_cast<std::ptrdiff_t>(source);
+    EXPECT_TRUE(
+        std::equal(begin, begin + moved[i], in.data.begin() + static_cast<std::ptrdiff_t>(place)))
+        << "packet " << i;
+    place += moved[i];
+    source += lengths[i];
+  }
+
+  const TransferReply out = remote->IsoTransfer(0x06, lengths, data);
+  EXPECT_EQ(out.status, 0);
+  EXPECT_EQ(out.isoPackets, lengths.size());
+  EXPECT_THAT(out.data, testing::IsEmpty());  // This platform's libusb counts no bytes there.
+  EXPECT_EQ(mDevice.Taken(0x06), data);
+}
+
+TEST_F(MockDeviceTest, HaltedEndpointStallsUntilItIsCleared) {
+  const auto remote = Taken();
+  EXPECT_EQ(remote->Transfer(Command::kBulkTransfer, 0x85, 8).status, LIBUSB_TRANSFER_STALL);
+  EXPECT_EQ(remote->ControlTransfer({0x02, LIBUSB_REQUEST_CLEAR_FEATURE, 0, 0x85, 0}).value, 0);
+  EXPECT_EQ(remote->Transfer(Command::kBulkTransfer, 0x85, 8).status, 0);
+}
+
+TEST_F(MockDeviceTest, FailuresHaveNoReplyUnlessAskedFor) {
+  const auto remote = Taken(false);
+  Submit(*remote, Command::kBulkTransfer, 0x85, 8);
+  const std::uint32_t pending = Submit(*remote, Command::kBulkTransfer, 0x84, 8);
+  ASSERT_TRUE(mDevice.Await([](const State& state) { return state.pending == 1; }));
+  EXPECT_EQ(remote->CancelTransfer(pending), 0);
+  ASSERT_TRUE(mDevice.Await([](const State& state) { return state.pending == 0; }));
+  // Completed by the same thread behind the two.
+  EXPECT_EQ(remote->Transfer(Command::kBulkTransfer, 0x82, 8).status, 0);
+  EXPECT_THAT(mTally.Await(1), ElementsAre(Pair(pending + 1, ElementsAre(0))));
+}
+
+TEST_F(MockDeviceTest, CancelEndsTheOneThatIsMeant) {
+  const auto remote = Taken();
+  std::vector<std::uint32_t> ids(3);
+  for (std::uint32_t& id : ids) {
+    id = Submit(*remote, Command::kInterruptTransfer, 0x83, 64);
+  }
+  ASSERT_TRUE(mDevice.Await([](const State& state) { return state.pending == 3; }));
+  EXPECT_EQ(remote->CancelTransfer(ids[1]), 0);
+  EXPECT_THAT(mTally.Await(1),
+              ElementsAre(Pair(ids[1], ElementsAre(int{LIBUSB_TRANSFER_CANCELLED}))));
+  EXPECT_EQ(remote->CancelTransfer(ids[1]), LIBUSB_ERROR_NOT_FOUND);
+  EXPECT_EQ(mDevice.Look().pending, 2U);
+}
+
+TEST_F(MockDeviceTest, KernelDriversAreBackAfterTheClose) {
+  auto remote = Redirect(mDevice, mTally);
+  ASSERT_EQ(remote->Status(Command::kOpenUsbDev), 0);
+  EXPECT_EQ(remote->Status(Command::kClaimAllInterface), LIBUSB_ERROR_BUSY);
+  Take(*remote);
+  const State taken = mDevice.Look();
+  EXPECT_THAT(taken.driverBound, Each(false));
+  EXPECT_THAT(taken.claimed, Each(true));
+  remote.reset();
+  ASSERT_TRUE(mDevice.Await([](const State& state) { return state.openFiles == 0; }));
+  const State after = mDevice.Look();
+  EXPECT_THAT(after.driverBound, Each(true));
+  EXPECT_THAT(after.claimed, Each(false));
+  EXPECT_THAT(after.connects, Each(1));
+}
+
+// The kernel drops the transfers then. They must not look as if they had moved nothing well.
+TEST_F(MockDeviceTest, TransfersThatTheKernelDropsAreCancelled) {
+  const auto remote = Taken();
+  const std::vector<std::function<int()>> acts = {
+      [&] { return remote->Status(Command::kReleaseAllInterface); },
+      [&] { return remote->Status(Command::kResetDevice); },
+      [&] { return remote->SetInterfaceAltSetting(0, 0); },
+  };
+  for (std::size_t i = 0; i < acts.size(); ++i) {
+    const std::uint32_t id = Submit(*remote, Command::kBulkTransfer, 0x84, 64);
+    ASSERT_TRUE(mDevice.Await([](const State& state) { return state.pending == 1; }));
+    EXPECT_EQ(acts[i](), 0);
+    EXPECT_THAT(mTally.Await(i + 1)[id], ElementsAre(int{LIBUSB_TRANSFER_CANCELLED})) << i;
+    ASSERT_EQ(remote->Status(Command::kClaimAllInterface), 0);
+  }
+  const std::uint32_t other = Submit(*remote, Command::kBulkTransfer, 0x84, 64);
+  EXPECT_EQ(remote->SetInterfaceAltSetting(1, 0), 0);
+  EXPECT_EQ(mDevice.Look().pending, 1U) << "transfer " << other;
+}
+
+enum class End { kCloseCommand, kSessionEnd, kUnplug };
+
+void PrintTo(End end, std::ostream* out) {
+  *out << std::array{"CloseCommand", "SessionEnd", "Unplug"}[static_cast<std::size_t>(end)];
+}
+
+class EndWithPending : public MockDeviceTest, public testing::WithParamInterface<End> {};
+
+TEST_P(EndWithPending, EachOf32IsAnsweredOnceAndAtOnce) {
+  auto remote = Taken();
+  constexpr std::size_t kEach = 16;
+  for (std::size_t i = 0; i < kEach; ++i) {
+    Submit(*remote, Command::kBulkTransfer, 0x84, 4096);
+    Submit(*remote, Command::kInterruptTransfer, 0x83, 64);
+  }
+  ASSERT_TRUE(mDevice.Await([](const State& state) { return state.pending == 2 * kEach; }));
+  const auto begin = Clock::now();
+  int status = LIBUSB_TRANSFER_CANCELLED;
+  switch (GetParam()) {
+    case End::kCloseCommand:
+      EXPECT_EQ(remote->Status(Command::kCloseUsbDev), 0);
+      break;
+    case End::kSessionEnd:
+      remote.reset();
+      break;
+    case End::kUnplug:
+      mDevice.Unplug();
+      status = LIBUSB_TRANSFER_NO_DEVICE;
+  }
+  const Tally::Statuses statuses = mTally.Await(2 * kEach);
+  EXPECT_LT(Clock::now() - begin, kPrompt);
+  EXPECT_THAT(statuses, SizeIs(2 * kEach));
+  EXPECT_THAT(statuses, Each(Pair(testing::_, ElementsAre(status))));
+  if (GetParam() == End::kUnplug) {
+    EXPECT_EQ(remote->Transfer(Command::kBulkTransfer, 0x82, 8).status, LIBUSB_TRANSFER_ERROR);
+    EXPECT_LT(remote->ControlTransfer({0xC0, MockUsbDevice::kFetch, 0, 0, 8}).value, 0);
+    const auto closing = Clock::now();
+    remote.reset();
+    EXPECT_LT(Clock::now() - closing, kPrompt);
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(All, EndWithPending,
+                         testing::Values(End::kCloseCommand, End::kSessionEnd, End::kUnplug),
+                         testing::PrintToStringParamName());
+
+std::size_t OpenDescriptors() {
+  return static_cast<std::size_t>(
+      std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}));
+}
+
+// One session of random transfers, cancels and perhaps an unplug, ended in one of three ways.
+void RandomSession(MockUsbDevice& device, std::mt19937& random) {
+  const auto pick = [&random](std::size_t count) {
+    return static_cast<std::uint32_t>(random() % count);
+  };
+  Tally tally;
+  auto remote = Redirect(device, tally);
+  Take(*remote);
+  constexpr std::array<std::pair<Command, std::uint8_t>, 7> kTargets = {{
+      {Command::kBulkTransfer, 0x01},
+      {Command::kBulkTransfer, 0x81},
+      {Command::kBulkTransfer, 0x82},
+      {Command::kBulkTransfer, 0x84},
+      {Command::kBulkTransfer, 0x85},
+      {Command::kInterruptTransfer, 0x03},
+      {Command::kInterruptTransfer, 0x83},
+  }};
+  std::uint32_t last = 0;
+  const std::uint32_t count = 1 + pick(60);
+  const std::uint32_t unplugAt = pick(3) == 0 ? 1 + pick(count) : 0;
+  while (last < count) {
+    if (pick(8) == 0) {
+      last =
+          remote->SubmitIsoTransfer(pick(2) == 0 ? 0x06 : 0x86, std::vector<std::uint32_t>(8, 64),
+                                    Bytes(512), [](const TransferReply&) {});
+    } else {
+      const auto [command, endpoint] = kTargets[pick(kTargets.size())];
+      last = Submit(*remote, command, endpoint, 1 + pick(4096));
+    }
+    if (pick(3) == 0) {
+      const std::int32_t result = remote->CancelTransfer(1 + pick(last));
+      EXPECT_THAT(result, testing::AnyOf(0, LIBUSB_ERROR_NOT_FOUND, LIBUSB_ERROR_NO_DEVICE));
+    }
+    if (last == unplugAt) {
+      device.Unplug();
+    }
+  }
+  const bool closes = pick(2) == 0;
+  if (closes) {
+    EXPECT_EQ(remote->Status(Command::kCloseUsbDev), 0);
+    EXPECT_THAT(tally.Await(0), SizeIs(count));  // By the time the close is answered.
+  }
+  if (unplugAt == 0) {
+    if (closes) {
+      EXPECT_EQ(remote->Status(Command::kOpenUsbDev), 0);  // The end attaches what is open.
+    }
+    remote.reset();
+    EXPECT_TRUE(device.Await([](const State& state) { return state.openFiles == 0; }));
+    EXPECT_THAT(device.Look().driverBound, Each(true));
+  } else {
+    remote.reset();
+    device.Plug();
+  }
+  EXPECT_THAT(tally.Await(0), Each(Pair(testing::_, SizeIs(1))));
+}
+
+TEST_F(MockDeviceTest, RandomCancelsClosesAndUnplugsLeaveNothingBehind) {
+  std::mt19937 random(20240117);
+  RandomSession(mDevice, random);
+  ASSERT_TRUE(mDevice.Await([](const State& state) { return state.openFiles == 0; }));
+  const std::size_t before = OpenDescriptors();
+  int sessions = 1;
+  for (const auto end = Clock::now() + gSoak; Clock::now() < end && !HasFailure(); ++sessions) {
+    RandomSession(mDevice, random);
+  }
+  ASSERT_TRUE(mDevice.Await([](const State& state) { return state.openFiles == 0; }));
+  EXPECT_EQ(OpenDescriptors(), before);
+  RecordProperty("sessions", sessions);
 }
 
 }  // namespace
@@ -120,5 +298,8 @@ TEST_F(MockDeviceTest, BulkAndInterruptCarryEveryLength) {
 
 int main(int argc, char** argv) {
   testing::InitGoogleMock(&argc, argv);
+  if (argc == 3 && std::string_view(argv[1]) == "--soak") {
+    vel::gSoak = std::chrono::seconds(std::atoi(argv[2]));
+  }
   return RUN_ALL_TESTS();
 }

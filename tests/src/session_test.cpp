@@ -139,6 +139,21 @@ TEST_F(Session, WaitingRequestsBeyond256MiBLoseTheirDataAndAreRefusedInTurn) {
   EXPECT_THAT(remote.Replies()[9], IsBulkReply(43, kXferCompleted, SizeIs(4)));
 }
 
+TEST_F(Session, HeadersThatCountLessThanThemselvesAreAnsweredInAFullQueueToo) {
+  io.Block("ResetDevice");
+  Post(BuildRequest(Command::kResetDevice, kId));
+  ASSERT_TRUE(io.WaitForCall("ResetDevice"));
+  Post(LargeRequest(Command::kGetBusNumber, 256 * kMiB - 600));  // Room for one more, not for two.
+  for (int i = 0; i < 2; ++i) {
+    auto request = BuildRequest(Command::kGetDeviceSpeed, kId);
+    request->MutableWire()[VelPacket::kLengthOffset] = 3;
+    Post(std::move(request));
+  }
+  io.Release("ResetDevice");
+  ASSERT_TRUE(remote.WaitForReplies(4));
+  EXPECT_THAT(remote.Replies()[3], IsStatusReply(Command::kGetDeviceSpeed, kId.reqId, kId.devId, 0));
+}
+
 TEST_F(Session, RequestsAreDroppedOnceTheRefusedOnesAreTooManyAsWell) {
   constexpr std::size_t kFlood = 1'000'000;  // Of some 300 bytes each.
   if (kSanitized) {

@@ -11,7 +11,11 @@ int DriverObj::IsRedirected() const { return 0; }
 
 VelDriver::~VelDriver() = default;
 int VelDriver::GetState() { return 0; }
-int VelDriver::BindObject(std::shared_ptr<DriverObj> /*object*/) { return 0; }
+
+int VelDriver::BindObject(std::shared_ptr<DriverObj> object) {
+  object.reset();  // Taken over by value, and not kept.
+  return 0;
+}
 
 int VelDriver::Query(std::int16_t /*code*/, std::uint16_t* out) {
   if (out != nullptr) {

@@ -10,6 +10,7 @@
 #include "io/DummyUsbIo/DummyUsbPrinter.h"
 #include "io/DummyUsbIo/DummyUsbRawIo.h"
 #include "io/DummyUsbIo/DummyUsbWinusb.h"
+#include "io/DummyUsbIo/DummyUvcIo.h"
 #include "io/IVirtUsbIoFactory.h"
 #include "io/LibusbIo.h"
 #include "support/CapturingLog.h"
@@ -26,6 +27,7 @@ TEST(Factory, ChoosesByTypeVendorAndProduct) {
     std::uint16_t vendorId;
     std::uint16_t productId;
     const std::type_info& backend;
+    std::uint8_t address = 0x85;
   };
   for (const Row& row :
        {Row{1, 0xFF00, 0xFF01, typeid(DummyUsbKeyboard)},
@@ -36,10 +38,13 @@ TEST(Factory, ChoosesByTypeVendorAndProduct) {
         Row{1, 0xFF00, 0xFF06, typeid(DummyUsbRawIo)},
         Row{1, 0xFF00, 0xFF00, typeid(DummyUsbRawIo)},
         Row{1, 0xFF01, 0xFF01, typeid(DummyUsbRawIo)},
-        Row{1, 0x1234, 0x0001, typeid(DummyUsbRawIo)}, Row{2, 0xFF00, 0xFF01, typeid(LibusbIo)}}) {
+        Row{1, 0x1234, 0x0001, typeid(DummyUsbRawIo)}, Row{2, 0xFF00, 0xFF01, typeid(LibusbIo)},
+        Row{1, 0xFF00, 0xFFFE, typeid(DummyUvcIo)}, Row{1, 0x1234, 0xFFFE, typeid(DummyUvcIo)},
+        Row{1, 0xFF00, 0xFF01, typeid(DummyUvcIo), 0x80}, Row{1, 1, 2, typeid(DummyUvcIo), 0x81},
+        Row{1, 0xFF00, 0xFF01, typeid(DummyUsbKeyboard), 0x82}}) {
     SCOPED_TRACE(row.productId);
     RecordingDeviceBase device(
-        {.address = 0x85, .vendorId = row.vendorId, .productId = row.productId});
+        {.address = row.address, .vendorId = row.vendorId, .productId = row.productId});
     const std::unique_ptr<IUsbIo> io(CreateUsbIo(row.type, &device));
     ASSERT_NE(io, nullptr);
     const IUsbIo& backend = *io;

@@ -1,0 +1,132 @@
+// What the camera path costs beside the encoder: the time from a picture that is complete at its
+// source to the reply that is sent, and processor time, against an encoder alone on the same
+// pictures, in turns within one run. `camera_bench [PICTURES]`, 30 a second.
+#include <ctime>
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <thread>
+#include <vector>
+
+#include "BenchCamera.h"
+#include "Scene.h"
+#include "policys/UVCEncoder.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using Bytes = std::vector<std::uint8_t>;
+
+constexpr auto kBetweenPictures = std::chrono::microseconds(33333);
+constexpr int kDrawn = 40;
+
+// Of the whole process, milliseconds.
+double ProcessorTime() {
+  timespec now{};
+  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &now);
+  return 1e3 * static_cast<double>(now.tv_sec) + 1e-6 * static_cast<double>(now.tv_nsec);
+}
+
+double Milliseconds(Clock::duration time) {
+  return std::chrono::duration<double, std::milli>(time).count();
+}
+
+class Replies {
+ public:
+  void Sent() {
+    const auto now = Clock::now();
+    const vel::MutexLock lock(mMutex);
+    mSent = now;
+    ++mCount;
+    mChanged.NotifyAll();
+  }
+  // When the next one was sent.
+  Clock::time_point Await() {
+    vel::MutexLock lock(mMutex);
+    ++mAwaited;
+    while (mCount < mAwaited) {
+      mChanged.Wait(lock);
+    }
+    return mSent;
+  }
+
+ private:
+  vel::Mutex mMutex;
+  vel::CondVar mChanged;
+  Clock::time_point mSent VEL_GUARDED_BY(mMutex);
+  int mCount VEL_GUARDED_BY(mMutex) = 0;
+  int mAwaited VEL_GUARDED_BY(mMutex) = 0;
+};
+
+struct Samples {
+  std::vector<double> values;
+  double At(double share) {
+    std::sort(values.begin(), values.end());
+    return values[static_cast<std::size_t>(share * static_cast<double>(values.size() - 1))];
+  }
+};
+
+void Measure(int width, int height, int pictures) {
+  const vel::test::Scene scene(width, height);
+  std::vector<Bytes> drawn;
+  for (int i = 0; i < kDrawn; ++i) {
+    drawn.push_back(scene.Draw(i));
+  }
+  Replies replies;
+  vel::BenchCamera camera(width, height, true, [&replies](std::size_t) { replies.Sent(); });
+  vel::UVCEncoder encoder;
+  if (encoder.Init(vel::UVC_ENCODER_TYPE_H264, width, height, nullptr, nullptr) != 0) {
+    std::exit(1);
+  }
+  Bytes unit(drawn[0].size());
+  Samples latency;
+  Samples encoding;
+  Samples beyond;
+  double pathCpu = 0;
+  double encoderCpu = 0;
+  auto due = Clock::now();
+  for (int i = 0; i < pictures; ++i) {
+    const Bytes& picture = drawn[static_cast<std::size_t>(i % kDrawn)];
+    camera.Read();
+    due += kBetweenPictures;
+    std::this_thread::sleep_until(due);
+    const double cpuBefore = ProcessorTime();
+    const auto begin = Clock::now();
+    camera.Picture(picture);
+    const auto sent = replies.Await();
+    pathCpu += ProcessorTime() - cpuBefore;
+
+    std::this_thread::sleep_until(due + kBetweenPictures / 2);
+    const double cpuBetween = ProcessorTime();
+    const auto encodeBegin = Clock::now();
+    std::uint32_t length = 0;
+    encoder.Encode(picture.data(), static_cast<std::uint32_t>(picture.size()), unit.data(),
+                   &length);
+    const auto encodeEnd = Clock::now();
+    encoderCpu += ProcessorTime() - cpuBetween;
+    latency.values.push_back(Milliseconds(sent - begin));
+    encoding.values.push_back(Milliseconds(encodeEnd - encodeBegin));
+    beyond.values.push_back(latency.values.back() - encoding.values.back());
+  }
+  std::printf("| %dx%d | %.2f / %.2f | %.2f / %.2f | %.2f / %.2f | %.2f | %.2f | %.2f |\n", width,
+              height, latency.At(0.5), latency.At(0.99), encoding.At(0.5), encoding.At(0.99),
+              beyond.At(0.5), beyond.At(0.99), pathCpu / pictures, encoderCpu / pictures,
+              pathCpu / encoderCpu);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const int pictures = std::max(argc > 1 ? std::atoi(argv[1]) : 300, 1);
+  std::printf("Milliseconds a picture, %d pictures; p50 / p99.\n\n", pictures);
+  std::printf(
+      "| size | source to reply | encoder alone | beyond it | processor time | encoder's alone | "
+      "ratio |\n"
+      "|---|---|---|---|---|---|---|\n");
+  for (const auto& [width, height] : {std::array{640, 480}, std::array{1280, 720}}) {
+    Measure(width, height, pictures);
+  }
+}

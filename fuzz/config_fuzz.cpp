@@ -1,0 +1,197 @@
+// Configurations that contradict themselves, from the device to the remote side. Input: taken as a
+// serialised configuration, which is read and printed; and as the recipe of a configuration in
+// libusb's layout, which is serialised and read back, and rebuilt by the policy.
+#include <algorithm>
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <deque>
+#include <span>
+#include <vector>
+
+#include "ConfigSerializer.h"
+#include "Require.h"
+#include "cmd/DescriptorText.h"
+#include "io/NullUsbIo.h"
+#include "oskelo/log.h"
+#include "policys/RedirPolicy.h"
+#include "protocol/ByteReader.h"
+#include "remote/ConfigModel.h"
+
+namespace vel {
+namespace {
+
+using Input = std::span<const std::uint8_t>;
+
+// A configuration whose counts, pointers and extra bytes need not fit each other, beyond what
+// libusb's callers may read: a count that is too large comes with a null pointer, never with a
+// short array.
+class HostileConfig {
+ public:
+  explicit HostileConfig(Input recipe) : mReader(recipe) {
+    Fields(mConfig, &libusb_config_descriptor::bLength, &libusb_config_descriptor::bDescriptorType,
+           &libusb_config_descriptor::bConfigurationValue,
+           &libusb_config_descriptor::iConfiguration, &libusb_config_descriptor::bmAttributes,
+           &libusb_config_descriptor::MaxPower);
+    mConfig.wTotalLength = mReader.Host<std::uint16_t>();
+    Extra(mConfig);
+    mConfig.bNumInterfaces = mReader.Host<std::uint8_t>();
+    if (Array<libusb_interface>& interfaces = New(mInterfaces, mConfig.bNumInterfaces);
+        !interfaces.empty()) {
+      std::for_each(interfaces.begin(), interfaces.end(),
+                    [this](auto& interface) { Fill(interface); });
+      mConfig.interface = interfaces.data();
+    }
+  }
+  HostileConfig(const HostileConfig&) = delete;
+  HostileConfig& operator=(const HostileConfig&) = delete;
+
+  libusb_config_descriptor& Get() { return mConfig; }
+
+ private:
+  template <class Desc>
+  using Array = std::vector<Desc>;
+
+  // An array that stays where it is; empty, for a null pointer, when the recipe says so or is at
+  // its end.
+  template <class Desc>
+  Array<Desc>& New(std::deque<Array<Desc>>& arrays, std::size_t count) {
+    const bool null = mReader.Rest().empty() || mReader.Host<std::uint8_t>() % 8 == 7;
+    return arrays.emplace_back(null ? 0 : count);
+  }
+  template <class Desc, class... Members>
+  void Fields(Desc& desc, Members... members) {
+    ((desc.*members = mReader.Host<std::uint8_t>()), ...);
+  }
+  template <class Desc>
+  void Extra(Desc& desc) {
+    const auto length = static_cast<std::int8_t>(mReader.Host<std::uint8_t>());
+    desc.extra_length = length;  // Of nothing, or negative.
+    if (length > 0 && mReader.Rest().size() >= static_cast<std::size_t>(length)) {
+      desc.extra = mReader.Bytes(static_cast<std::size_t>(length)).data();
+    }
+  }
+  void Fill(libusb_interface& interface) {
+    interface.num_altsetting = static_cast<std::int8_t>(mReader.Host<std::uint8_t>());
+    auto& settings =
+        New(mSettings, static_cast<std::size_t>(std::max(interface.num_altsetting, 1)));
+    if (!settings.empty()) {
+      std::for_each(settings.begin(), settings.end(), [this](auto& setting) { Fill(setting); });
+      interface.altsetting = settings.data();
+    }
+  }
+  void Fill(libusb_interface_descriptor& setting) {
+    using Desc = libusb_interface_descriptor;
+    Fields(setting, &Desc::bLength, &Desc::bDescriptorType, &Desc::bInterfaceNumber,
+           &Desc::bAlternateSetting, &Desc::bNumEndpoints, &Desc::bInterfaceClass,
+           &Desc::bInterfaceSubClass, &Desc::bInterfaceProtocol, &Desc::iInterface);
+    Extra(setting);
+    if (auto& endpoints = New(mEndpoints, setting.bNumEndpoints); !endpoints.empty()) {
+      std::for_each(endpoints.begin(), endpoints.end(), [this](auto& endpoint) { Fill(endpoint); });
+      setting.endpoint = endpoints.data();
+    }
+  }
+  void Fill(libusb_endpoint_descriptor& endpoint) {
+    using Desc = libusb_endpoint_descriptor;
+    Fields(endpoint, &Desc::bLength, &Desc::bDescriptorType, &Desc::bEndpointAddress,
+           &Desc::bmAttributes, &Desc::bInterval, &Desc::bRefresh, &Desc::bSynchAddress);
+    endpoint.wMaxPacketSize = mReader.Host<std::uint16_t>();
+    Extra(endpoint);
+  }
+
+  ByteReader mReader;
+  std::deque<Array<libusb_interface>> mInterfaces;
+  std::deque<Array<libusb_interface_descriptor>> mSettings;
+  std::deque<Array<libusb_endpoint_descriptor>> mEndpoints;
+  libusb_config_descriptor mConfig{};
+};
+
+template <class Desc>
+bool SameExtra(const Desc& desc, const Bytes& extra) {
+  const int length = desc.extra == nullptr ? 0 : desc.extra_length;
+  return std::equal(extra.begin(), extra.end(), desc.extra, desc.extra + length);
+}
+
+bool Same(const libusb_interface_descriptor& setting, const AltSettingModel& model) {
+  const std::size_t count = setting.endpoint == nullptr ? 0U : setting.bNumEndpoints;
+  const std::span endpoints(setting.endpoint, count);
+  return model.bInterfaceClass == setting.bInterfaceClass && SameExtra(setting, model.extra) &&
+         std::equal(endpoints.begin(), endpoints.end(), model.endpoints.begin(),
+                    model.endpoints.end(),
+                    [](const libusb_endpoint_descriptor& endpoint, const EndpointModel& read) {
+                      return read.bEndpointAddress == endpoint.bEndpointAddress &&
+                             read.wMaxPacketSize == endpoint.wMaxPacketSize &&
+                             SameExtra(endpoint, read.extra);
+                    });
+}
+
+bool Same(const libusb_interface& interface, const std::vector<AltSettingModel>& models) {
+  const int count = interface.altsetting == nullptr ? 0 : std::max(interface.num_altsetting, 0);
+  const std::span settings(interface.altsetting, static_cast<std::size_t>(count));
+  return std::equal(settings.begin(), settings.end(), models.begin(), models.end(),
+                    [](const auto& setting, const auto& model) { return Same(setting, model); });
+}
+
+void SerialiseAndRead(const libusb_config_descriptor& config) {
+  constexpr std::uint32_t kReplyCapacity = 16384;
+  VelPacket reply(kReplyCapacity);
+  AppendConfig(reply, config);
+  Require(reply.Wire().size() == reply.GetPacketSize(), "the reply holds the whole configuration");
+  const auto model = ReadConfigModel(reply.PayloadBytes());
+  Require(model.has_value(), "what was serialised can be read");
+  const std::span interfaces(config.interface,
+                             config.interface == nullptr ? 0U : config.bNumInterfaces);
+  Require(SameExtra(config, model->extra) && model->bmAttributes == config.bmAttributes &&
+              std::equal(interfaces.begin(), interfaces.end(), model->interfaces.begin(),
+                         model->interfaces.end(),
+                         [](const auto& interface, const auto& models) {
+                           return Same(interface, models);
+                         }),
+          "what was read is what was serialised");
+}
+
+// A device with this configuration.
+class ConfiguredIo final : public NullUsbIo {
+ public:
+  explicit ConfiguredIo(libusb_config_descriptor& config) : mConfig(config) {}
+  libusb_config_descriptor* GetConfigDesc() override { return &mConfig; }
+  std::uint8_t GetIoType() override { return kIoTypeEmulated; }
+
+ private:
+  libusb_config_descriptor& mConfig;
+};
+
+void Rebuild(libusb_config_descriptor& config) {
+  ConfiguredIo io(config);
+  RedirPolicy policy(&io);
+  policy.ProbePolicy(nullptr, nullptr);
+  std::array<std::uint8_t, UINT16_MAX> raw{};
+  const int length = policy.GetVirtControlData(0x80, LIBUSB_REQUEST_GET_DESCRIPTOR,
+                                               LIBUSB_DT_CONFIG << 8U, 0, raw.data(), raw.size());
+  Require(length == 0 || (length >= LIBUSB_DT_CONFIG_SIZE && raw[2] + raw[3] * 256 == length),
+          "the rebuilt descriptor counts its own bytes");
+}
+
+void ReadAndPrint(Input input) {
+  Enumeration found;
+  found.config = ReadConfigModel(input);
+  const bool whole = found.config.has_value();
+  Require(whole == DescriptorJson(found)["configuration"].is_object(),
+          "a configuration is printed when it is whole");
+  Require(!DescriptorText(found).empty() && !DescriptorSummary(found).empty(),
+          "every device has a text");
+}
+
+}  // namespace
+}  // namespace vel
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  oskeloLogSetLevel(OSKELO_LOG_OFF);
+  const std::span input(data, size);
+  vel::ReadAndPrint(input);
+  vel::HostileConfig config(input);
+  vel::SerialiseAndRead(config.Get());
+  vel::Rebuild(config.Get());
+  return 0;
+}

@@ -1,0 +1,229 @@
+// Any sequence of request packets into the session of an emulated device. Input: a byte that
+// chooses the device and how it is served, then packets: a byte for the command, one for what is
+// odd about the packet, its payload's length (2 bytes), the payload.
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <map>
+#include <memory>
+#include <span>
+#include <utility>
+#include <vector>
+
+#include "Require.h"
+#include "VirtUsbDriver.h"
+#include "oskelo/log.h"
+#include "protocol/ByteReader.h"
+#include "protocol/Commands.h"
+#include "protocol/IsoTable.h"
+#include "protocol/Requests.h"
+#include "protocol/VelPacket.h"
+#include "vel/Mutex.h"
+#include "vel/VelDeviceBase.h"
+
+namespace vel {
+namespace {
+
+constexpr std::chrono::seconds kReplyTime{
+    60};                                 // That a session which hangs is found, not how fast it is.
+constexpr std::uint8_t kAddress = 0x85;  // Above 0x7F: emulated.
+
+using StreamKey = std::pair<std::uint16_t, std::uint32_t>;  // Reply command and stream id.
+
+struct SyncReply {
+  std::uint16_t command = 0;
+  std::uint8_t reqId = 0;
+  std::uint32_t devId = 0;
+
+  bool operator==(const SyncReply&) const = default;
+};
+
+// The remote side of the device: keeps which replies came. Any thread.
+class Remote final : public VelDeviceBase {
+ public:
+  Remote(std::uint16_t productId, bool answersFailures)
+      : mProductId(productId), mAnswersFailures(answersFailures) {}
+
+  std::uint8_t GetBusNumber() const override { return 0; }
+  std::uint8_t GetDeviceAddress() const override { return kAddress; }
+  int IsRedirected() const override { return 1; }
+  std::uint32_t GetDevId() const override { return 1; }
+  std::uint32_t GetChannelId() const override { return 0; }
+  std::uint16_t GetVendorId() const override { return 0xFF00; }
+  std::uint16_t GetProductId() const override { return mProductId; }
+  const char* GetArgs() const override { return ""; }
+  bool AnswersFailedTransfers() const override { return mAnswersFailures; }
+  std::uint8_t TakeReplyReqId(std::uint16_t, std::uint32_t) override { return 0; }
+  void Trace(std::uint64_t, const char*, const VelTraceAttribute*, std::size_t) override {}
+
+  int Send(std::unique_ptr<VelPacket> packet, std::uint32_t /*waitMs*/) override {
+    Require(packet->Wire().size() == packet->GetPacketSize(),
+            "a reply holds what its header counts");
+    const CommandInfo* request = FindCommand(static_cast<std::uint16_t>(packet->GetCommand() - 1));
+    Require(request != nullptr && request->reply != ReplyKind::kNone,
+            "a reply has the command of a request, + 1");
+    const MutexLock lock(mMutex);
+    if (request->reply == ReplyKind::kSync) {
+      mSync.push_back({packet->GetCommand(), packet->GetReqId(), packet->GetDevId()});
+      mChanged.NotifyAll();
+    } else {
+      ByteReader reader(packet->PayloadBytes());
+      const auto streamId = reader.Host<std::uint32_t>();
+      reader.Skip(sizeof(std::int32_t));
+      Require(reader.Ok(), "the reply to a transfer has stream id and status");
+      ++mTransfers[{packet->GetCommand(), streamId}];
+    }
+    return 0;
+  }
+
+  // False when `n` synchronous replies do not come.
+  bool AwaitSync(std::size_t n) {
+    const auto deadline = std::chrono::steady_clock::now() + kReplyTime;
+    MutexLock lock(mMutex);
+    while (mSync.size() < n) {
+      if (!mChanged.WaitUntil(lock, deadline)) {
+        return mSync.size() >= n;
+      }
+    }
+    return true;
+  }
+  std::vector<SyncReply> Sync() {
+    const MutexLock lock(mMutex);
+    return mSync;
+  }
+  std::map<StreamKey, std::size_t> Transfers() {
+    const MutexLock lock(mMutex);
+    return mTransfers;
+  }
+
+ private:
+  const std::uint16_t mProductId;
+  const bool mAnswersFailures;
+  Mutex mMutex;
+  CondVar mChanged;
+  std::vector<SyncReply> mSync VEL_GUARDED_BY(mMutex);
+  std::map<StreamKey, std::size_t> mTransfers VEL_GUARDED_BY(mMutex);
+};
+
+// Lengths of some megabytes only take time: those within the bound of 64 MiB are cut.
+void ShortenLength(std::span<std::uint8_t> payload, std::size_t offset) {
+  constexpr std::uint32_t kShort = 64U << 10U;
+  if (std::uint32_t length = 0; payload.size() >= offset + sizeof length) {
+    std::memcpy(&length, payload.data() + offset, sizeof length);
+    length = length <= kMaxTransferBytes ? length % kShort : length;
+    std::memcpy(payload.data() + offset, &length, sizeof length);
+  }
+}
+
+// Cuts the input into packets. devId counts them, so that each reply names its request.
+class PacketSource {
+ public:
+  explicit PacketSource(std::span<const std::uint8_t> input) : mReader(input) {}
+
+  bool AtEnd() const { return mReader.Rest().empty(); }
+
+  std::unique_ptr<VelPacket> Next() {
+    constexpr std::uint8_t kAnyCode = 0xFF;
+    constexpr std::uint8_t kOtherByteOrder = 1;
+    constexpr std::uint8_t kFalseLength = 2;
+    const auto choice = mReader.Host<std::uint8_t>();
+    const auto oddities = mReader.Host<std::uint8_t>();
+    const auto code = choice == kAnyCode ? mReader.Host<std::uint16_t>()
+                                         : kCommands[choice % kCommands.size()].Code();
+    const auto falseLength = (oddities & kFalseLength) != 0 ? mReader.Host<std::uint32_t>() : 0;
+    const auto wanted = mReader.Host<std::uint16_t>();
+    const auto payload = mReader.Bytes(std::min<std::size_t>(wanted, mReader.Rest().size()));
+    // The block has the packet's exact size.
+    auto packet = std::make_unique<VelPacket>(VelPacket::kHeaderSize +
+                                              static_cast<std::uint32_t>(payload.size()));
+    packet->InitHeader(static_cast<std::uint8_t>(oddities ^ mCount), code, mCount);
+    packet->Append(payload.data(), static_cast<std::uint32_t>(payload.size()));
+    const std::span<std::uint8_t> wire = packet->MutableWire();
+    if (const CommandInfo* command = FindCommand(code);
+        command != nullptr && command->reply == ReplyKind::kAsync) {
+      const auto own = wire.subspan(VelPacket::kHeaderSize);
+      ShortenLength(own, command->fieldBytes - sizeof(std::uint32_t));
+      for (std::size_t record = command->fieldBytes; record < own.size();
+           record += sizeof(IsoPacketRecord)) {
+        ShortenLength(own, record + offsetof(IsoPacketRecord, length));
+      }
+    }
+    wire[VelPacket::kByteOrderOffset] = oddities & kOtherByteOrder;
+    if ((oddities & kFalseLength) != 0) {
+      std::memcpy(wire.data() + VelPacket::kLengthOffset, &falseLength, sizeof falseLength);
+    }
+    ++mCount;
+    return packet;
+  }
+
+ private:
+  ByteReader mReader;
+  std::uint32_t mCount = 0;
+};
+
+// What was asked, for comparison with what was answered.
+struct Asked {
+  std::vector<SyncReply> sync;
+  std::map<StreamKey, std::size_t> transfers;
+
+  void Note(const VelPacket& packet) {
+    const CommandInfo* command = FindCommand(packet.GetCommand());
+    if (command != nullptr && command->reply == ReplyKind::kSync) {
+      sync.push_back({ReplyCode(command->command), packet.GetReqId(), packet.GetDevId()});
+    } else if (command != nullptr && command->reply == ReplyKind::kAsync) {
+      ByteReader reader(packet.PayloadBytes());
+      reader.Skip(sizeof(std::uint32_t));  // Endpoint. A stream id that is missing counts as 0.
+      ++transfers[{ReplyCode(command->command), reader.Host<std::uint32_t>()}];
+    }
+  }
+};
+
+void Run(std::uint8_t choice, std::span<const std::uint8_t> input) {
+  constexpr std::array<std::uint16_t, 7> kProducts = {0xFF01, 0xFF02, 0xFF03, 0xFF04,
+                                                      0xFF05, 0xFF10, 0xFFFE};
+  constexpr std::uint8_t kAnswersFailures = 0x80;
+  constexpr std::uint8_t kLogs = 0x40;
+  const bool answersFailures = (choice & kAnswersFailures) != 0;
+  oskeloLogSetLevel((choice & kLogs) != 0 ? OSKELO_LOG_DEBUG : OSKELO_LOG_OFF);
+  Remote remote(kProducts[(choice & 0x3FU) % kProducts.size()], answersFailures);
+  auto driver = std::make_unique<VirtUsbDriver>(&remote);
+  Require(driver->Init() == 0, "a driver opens");
+  Asked asked;
+  for (PacketSource source(input); !source.AtEnd();) {
+    auto packet = source.Next();
+    asked.Note(*packet);
+    driver->onEvent(std::move(packet));
+  }
+  auto status = std::make_unique<VelPacket>(VelPacket::kHeaderSize);
+  status->InitHeader(0, static_cast<std::uint16_t>(Command::kGetDeviceSpeed), UINT32_MAX);
+  asked.Note(*status);
+  driver->onEvent(std::move(status));
+  Require(remote.AwaitSync(asked.sync.size()), "the device still answers");
+  driver->Close(0);
+  driver.reset();
+  Require(remote.Sync() == asked.sync, "each synchronous command is answered once, in order");
+  const auto given = remote.Transfers();
+  if (answersFailures) {
+    Require(given == asked.transfers, "each transfer is answered once");
+  }
+  for (const auto& [key, count] : given) {
+    const auto wanted = asked.transfers.find(key);
+    Require(wanted != asked.transfers.end() && count <= wanted->second,
+            "no transfer is answered twice");
+  }
+}
+
+}  // namespace
+}  // namespace vel
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  // Formats every line and writes none.
+  oskeloLogSetSink([](void*, int, const char*, const char*) {}, nullptr);
+  if (size > 0) {
+    vel::Run(data[0], std::span(data, size).subspan(1));
+  }
+  return 0;
+}

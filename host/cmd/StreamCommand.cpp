@@ -1,0 +1,219 @@
+#include <algorithm>
+#include <charconv>
+#include <chrono>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+
+#include "cmd/Commands.h"
+#include "cmd/Devices.h"
+#include "cmd/Output.h"
+#include "cmd/UsbNames.h"
+#include "cmd/stream/GuestCamera.h"
+#include "cmd/stream/PictureBytes.h"
+#include "cmd/stream/PictureFile.h"
+#include "cmd/stream/PictureReader.h"
+#include "cmd/stream/Snapshot.h"
+#include "cmd/stream/StopWatcher.h"
+#include "cmd/stream/StreamReport.h"
+#include "cmd/stream/StreamStatistics.h"
+#include "remote/ModuleChannel.h"
+
+namespace vel {
+namespace {
+
+using Clock = PictureReader::Clock;
+
+// A camera that has shown nothing for so long has failed, whatever its reads say.
+constexpr std::chrono::seconds kSilence{5};
+constexpr std::int32_t kCompleted = 0;  // enum libusb_transfer_status
+constexpr std::int32_t kTimedOut = 2;
+constexpr std::int32_t kNoDevice = 5;
+
+std::optional<PictureSize> ParseSize(const std::string& text) {
+  if (text.empty()) {
+    return std::nullopt;
+  }
+  PictureSize size;
+  const char* const end = text.data() + text.size();
+  const auto width = std::from_chars(text.data(), end, size.width);
+  if (width.ec == std::errc() && width.ptr != end && *width.ptr == 'x') {
+    const auto height = std::from_chars(width.ptr + 1, end, size.height);
+    if (height.ec == std::errc() && height.ptr == end) {
+      return size;
+    }
+  }
+  throw UsageError("\"" + text + "\" is no size: give WIDTHxHEIGHT, for example 640x480");
+}
+
+// Files that the pictures go to; opened before the camera is touched.
+struct Outputs {
+  explicit Outputs(const StreamOptions& options) {
+    if (!options.file.empty()) {
+      file.emplace(options.file);
+    }
+    if (!options.snapshot.empty()) {
+      snapshotFile.emplace(options.snapshot);
+    }
+  }
+
+  // Takes the picture over.
+  void Take(PictureFormat format, std::vector<std::uint8_t> picture) {
+    if (file) {
+      file->Write(picture);
+    }
+    if (snapshotFile && IsKeyPicture(format, picture)) {
+      snapshot.Keep(format, std::move(picture));
+    }
+  }
+
+  void Finish(const PictureSize& size) {
+    if (file) {
+      file->Close();
+    }
+    if (snapshotFile) {
+      snapshot.WritePng(*snapshotFile, size);
+    }
+  }
+
+  std::optional<PictureFile> file;
+  std::optional<PictureFile> snapshotFile;
+  Snapshot snapshot;
+};
+
+// One stream, from the first read to the last picture that is wanted.
+class StreamRun {
+ public:
+  StreamRun(GuestCamera& camera, const GuestCamera::Stream& stream, const StreamOptions& options,
+            Outputs& outputs)
+      : mCamera(camera), mStream(stream), mOptions(options), mOutputs(outputs) {}
+
+  // Throws RemoteError when the camera goes away or shows nothing any more.
+  void Run(PictureReader& reader) {
+    reader.Start();
+    while (!IsDone()) {
+      std::optional<PictureReader::Arrival> arrival = reader.Next(NextDeadline());
+      if (reader.IsStopped()) {
+        mInterrupted = true;
+        return;
+      }
+      if (arrival) {
+        Take(*std::move(arrival));
+      }
+      if (Clock::now() >= mLive.Due()) {
+        mLive.Show(mStatistics.Figures());
+      }
+      if (Clock::now() - mStatistics.LastPicture() >= kSilence) {
+        throw RemoteError(Format("the camera has sent no picture for %lld seconds: %s",
+                                 static_cast<long long>(kSilence.count()), mLastFailure.c_str()));
+      }
+    }
+  }
+
+  StreamResult Result() const {
+    return {.camera = mCamera.Name(),
+            .stream = mStream,
+            .format = mFormat.value_or(mStream.mode.format),
+            .figures = mStatistics.Figures(),
+            .interrupted = mInterrupted,
+            .file = mOptions.file,
+            .snapshot = mOptions.snapshot};
+  }
+
+ private:
+  bool IsDone() const {
+    return (mOptions.frames > 0 && mStatistics.Frames() >= mOptions.frames) ||
+           (mOptions.seconds > 0 && Clock::now() >= End());
+  }
+  Clock::time_point End() const {
+    return mStatistics.Begin() + std::chrono::duration_cast<Clock::duration>(
+                                     std::chrono::duration<double>(mOptions.seconds));
+  }
+  Clock::time_point NextDeadline() const {
+    const Clock::time_point due = std::min(mLive.Due(), mStatistics.LastPicture() + kSilence);
+    return mOptions.seconds > 0 ? std::min(due, End()) : due;
+  }
+
+  void Take(PictureReader::Arrival arrival) {
+    const std::int32_t status = arrival.reply.status;
+    if (status == kTimedOut || status == kNoDevice) {
+      mStatistics.AddTimeout(arrival);
+      mLastFailure = "its reads time out";
+      if (status == kNoDevice || !mCamera.IsThere()) {
+        throw RemoteError("the camera is gone");
+      }
+      return;
+    }
+    const auto format =
+        status == kCompleted ? FormatOfPicture(arrival.reply.data, mStream) : std::nullopt;
+    mFormat = mFormat ? mFormat : format;
+    if (!format || format != mFormat) {
+      mStatistics.AddBroken(arrival);
+      mLastFailure = status == kCompleted
+                         ? "what it sends is no whole picture"
+                         : "its reads end with \"" + std::string(TransferStatusName(status)) + "\"";
+      return;
+    }
+    const bool encodedOnTheWay =
+        *format == PictureFormat::kH264 && mStream.mode.format == PictureFormat::kYuyv;
+    mStatistics.AddPicture(arrival,
+                           encodedOnTheWay ? mStream.pictureBytes : arrival.reply.data.size());
+    mOutputs.Take(*format, std::move(arrival.reply.data));
+  }
+
+  GuestCamera& mCamera;
+  const GuestCamera::Stream mStream;
+  const StreamOptions& mOptions;
+  Outputs& mOutputs;
+  StreamStatistics mStatistics;
+  LiveLine mLive;
+  std::optional<PictureFormat> mFormat;
+  std::string mLastFailure = "its reads are not answered";
+  bool mInterrupted = false;
+};
+
+std::unique_ptr<GuestCamera> TakeCamera(RemoteDevice& remote, bool transcode,
+                                        const std::string& source) {
+  try {
+    return std::make_unique<GuestCamera>(remote, transcode);
+  } catch (const RemoteError& error) {
+    if (source.empty()) {
+      throw;
+    }
+    throw RemoteError(std::string(error.what()) + " (is the camera source \"" + source +
+                      "\" there, and free?)");
+  }
+}
+
+}  // namespace
+
+int RunStream(const CommonOptions& common, const StreamOptions& options, const StopSignal& stop) {
+  const std::optional<PictureSize> size = ParseSize(options.size);
+  const DeviceIdentity identity = FindDevice(common.device, common.cameraSource);
+  Outputs outputs(options);
+  RemoteDevice remote(
+      std::make_unique<ModuleChannel>(ModuleLibrary::Load(common.modulePath), identity, true));
+  const std::unique_ptr<GuestCamera> camera = TakeCamera(remote, !options.untouched, identity.args);
+  const GuestCamera::Stream stream = camera->Negotiate(size);
+  std::optional<StreamResult> result;
+  {
+    PictureReader reader(remote, camera->Endpoint(), stream.payloadBytes);
+    const StopWatcher watcher(stop, [&reader] { reader.Stop(); });
+    StreamRun run(*camera, stream, options, outputs);
+    camera->Start(stream);
+    run.Run(reader);
+    result = run.Result();
+    reader.Withdraw();
+    camera->Stop();
+  }
+  camera->GiveBack();
+  if (result->figures.frames == 0) {
+    throw RemoteError("the camera sent no picture");
+  }
+  outputs.Finish({stream.mode.width, stream.mode.height});
+  Print(common.json ? StreamJson(*result).dump(2) + "\n" : StreamText(*result));
+  return 0;
+}
+
+}  // namespace vel

@@ -1,0 +1,32 @@
+#include "cmd/stream/PictureFile.h"
+
+#include <cerrno>
+#include <cstring>
+#include <stdexcept>
+
+namespace vel {
+
+PictureFile::PictureFile(const std::string& path)
+    : mPath(path), mFile(std::fopen(path.c_str(), "wbe")) {
+  if (mFile == nullptr) {
+    Fail();
+  }
+}
+
+void PictureFile::Fail() const {
+  throw std::runtime_error("cannot write " + mPath + ": " + std::strerror(errno));
+}
+
+void PictureFile::Write(std::span<const std::uint8_t> picture) {
+  if (std::fwrite(picture.data(), 1, picture.size(), mFile.get()) != picture.size()) {
+    Fail();
+  }
+}
+
+void PictureFile::Close() {
+  if (std::fclose(mFile.release()) != 0) {
+    Fail();
+  }
+}
+
+}  // namespace vel

@@ -1,0 +1,37 @@
+#ifndef VIRTUSB_HOST_CMD_STREAM_PICTURE_FILE_H
+#define VIRTUSB_HOST_CMD_STREAM_PICTURE_FILE_H
+
+#include <cstdint>
+#include <cstdio>
+#include <memory>
+#include <span>
+#include <string>
+
+namespace vel {
+
+// Pictures in a file, one behind the other and nothing between them. One thread. Everything throws
+// std::runtime_error that names the file.
+class PictureFile {
+ public:
+  // Replaces the file.
+  explicit PictureFile(const std::string& path);
+
+  const std::string& Path() const { return mPath; }
+  void Write(std::span<const std::uint8_t> picture);
+  // What was written is in the file then, or has failed to be. Nothing is written after it.
+  void Close();
+
+ private:
+  struct Closer {
+    void operator()(std::FILE* file) const { static_cast<void>(std::fclose(file)); }
+  };
+
+  [[noreturn]] void Fail() const;
+
+  const std::string mPath;
+  std::unique_ptr<std::FILE, Closer> mFile;
+};
+
+}  // namespace vel
+
+#endif

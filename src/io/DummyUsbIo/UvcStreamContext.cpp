@@ -1,0 +1,91 @@
+#include "io/DummyUsbIo/UvcStreamContext.h"
+
+#include <algorithm>
+#include <cstring>
+#include <utility>
+
+namespace vel {
+
+void UvcStreamContext::Open() {
+  const MutexLock lock(mMutex);
+  mOpen = true;
+}
+
+void UvcStreamContext::Close() {
+  _UsbIoXferInfo* left = nullptr;
+  {
+    const MutexLock lock(mMutex);
+    mOpen = false;
+    left = std::exchange(mPending, nullptr);
+  }
+  if (left != nullptr) {
+    FailXfer(left, kXferCancelled);
+  }
+}
+
+void UvcStreamContext::SetPending(_UsbIoXferInfo* info, int width, int height) {
+  _UsbIoXferInfo* cancelled = info;
+  {
+    const MutexLock lock(mMutex);
+    mSize = {width, height};
+    if (mOpen) {
+      cancelled = std::exchange(mPending, info);
+    }
+  }
+  if (cancelled != nullptr) {
+    FailXfer(cancelled, kXferCancelled);
+  }
+}
+
+void UvcStreamContext::Cancel(std::uint32_t localXferId) {
+  _UsbIoXferInfo* cancelled = nullptr;
+  {
+    const MutexLock lock(mMutex);
+    if (mPending == nullptr || mPending->localXferId != localXferId) {
+      return;
+    }
+    cancelled = std::exchange(mPending, nullptr);
+  }
+  FailXfer(cancelled, kXferCancelled);
+}
+
+void UvcStreamContext::Deliver(std::span<const std::uint8_t> picture) {
+  _UsbIoXferInfo* info = nullptr;
+  {
+    const MutexLock lock(mMutex);
+    info = std::exchange(mPending, nullptr);
+  }
+  Complete(info, picture);
+}
+
+void UvcStreamContext::Deliver(std::span<const std::uint8_t> picture, const void* only) {
+  _UsbIoXferInfo* info = nullptr;
+  {
+    const MutexLock lock(mMutex);
+    if (mPending == only) {
+      info = std::exchange(mPending, nullptr);
+    }
+  }
+  Complete(info, picture);
+}
+
+UvcStreamContext::FrameSize UvcStreamContext::Size() const {
+  const MutexLock lock(mMutex);
+  return mSize;
+}
+
+// The transfer was taken out, so that its copy needs no lock.
+void UvcStreamContext::Complete(_UsbIoXferInfo* info, std::span<const std::uint8_t> picture) {
+  if (info == nullptr) {
+    return;
+  }
+  std::size_t length = 0;
+  if (info->data != nullptr) {
+    length = std::min<std::size_t>(picture.size(), info->length);
+    std::memcpy(info->data, picture.data(), length);
+  }
+  info->length = static_cast<std::uint32_t>(length);
+  CompleteXfer(info);
+}
+
+}  // namespace vel

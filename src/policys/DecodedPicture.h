@@ -1,0 +1,27 @@
+#ifndef VEL_POLICYS_DECODED_PICTURE_H
+#define VEL_POLICYS_DECODED_PICTURE_H
+
+#include <cstddef>
+#include <cstdint>
+
+#include "policys/UVCDecoder.h"
+
+namespace vel {
+
+// What block a picture of this size takes, in either output format: width * height * 2 bytes.
+std::size_t DecodedPictureBytes(const AVFrame& picture);
+
+// Converts a picture of a decoder of this type into a block of DecodedPictureBytes. Returns the
+// bytes that the picture takes there; 0, with an Error line, when this type has no such output
+// format. In a pixel format that is not known the picture takes its bytes without writing them: see
+// FillUnknownWithBlack.
+std::uint32_t ConvertDecodedPicture(const AVFrame& picture, _UVC_DECODER_TYPE type,
+                                    _UVC_DECODER_OUTPUT_FORMAT format, std::uint8_t* out);
+
+// Makes the block black, if the conversion is not going to write it.
+void FillUnknownWithBlack(const AVFrame& picture, _UVC_DECODER_TYPE type,
+                          _UVC_DECODER_OUTPUT_FORMAT format, std::uint8_t* out);
+
+}  // namespace vel
+
+#endif

@@ -1,0 +1,24 @@
+#ifndef VEL_POLICYS_UVC_DECODER_HANDLER_H
+#define VEL_POLICYS_UVC_DECODER_HANDLER_H
+
+#include <cstdint>
+
+namespace vel {
+
+class UVCDecoderHandler {
+ public:
+  // One picture: its bytes, which stay the decoder's and are valid during the call, and the index
+  // of the frame that it was made of. The decoder's worker thread; no lock is held; must not
+  // release the decoder.
+  virtual void OnFinishDecode(std::uint8_t* data, std::uint32_t length, std::int64_t index) = 0;
+  virtual ~UVCDecoderHandler() = default;
+
+ protected:
+  UVCDecoderHandler() = default;
+  UVCDecoderHandler(const UVCDecoderHandler&) = default;
+  UVCDecoderHandler& operator=(const UVCDecoderHandler&) = default;
+};
+
+}  // namespace vel
+
+#endif

@@ -1,0 +1,310 @@
+#include "policys/UVCEncoder.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cstring>
+#include <limits>
+#include <system_error>
+#include <utility>
+
+#include "VelLog.h"
+#include "policys/Encoder/FFmpegEncoder.h"
+#include "policys/PixelConvert.h"
+
+namespace vel {
+namespace {
+
+// One numbering of pictures for all encoders of the process.
+std::atomic<std::int64_t> gPictureNumber{0};
+
+struct Settings {
+  int belowHeight;
+  std::int64_t bitRate;
+  int framesPerSecond;
+  int gopSize;
+};
+constexpr Settings kSettings[] = {
+    {481, 800000, 15, 5},
+    {1080, 1000000, 25, 25},
+    {1536, 1500000, 25, 25},
+    {std::numeric_limits<int>::max(), 1500000, 25, 25},
+};
+
+EncoderParam ParamFor(int width, int height) {
+  const Settings& settings =
+      *std::find_if(std::begin(kSettings), std::end(kSettings) - 1,
+                    [height](const Settings& row) { return height < row.belowHeight; });
+  EncoderParam param;
+  param.width = width;
+  param.height = height;
+  param.bitRate = settings.bitRate;
+  param.gopSize = settings.gopSize;
+  param.timeBase = {1, settings.framesPerSecond};
+  param.frameRate = {settings.framesPerSecond, 1};
+  return param;
+}
+
+std::size_t PackedBytes(int width, int height) {
+  return static_cast<std::size_t>(width) * static_cast<std::size_t>(height) * 2;
+}
+
+PlaneOut Plane(const AVFrame& frame, int plane) {
+  return {frame.data[plane], frame.linesize[plane]};
+}
+
+}  // namespace
+
+UVCEncoder::~UVCEncoder() {
+  Release();
+}
+
+int UVCEncoder::Init(_UVC_ENCODER_TYPE type, int width, int height, UVCEncoderHandler* handler,
+                     CameraFuns* camera) {
+  Release();
+  VEL_DEBUG("UVCEncoderType[%d], width[%d], height[%d]", static_cast<int>(type), width, height);
+  mLogRoute.emplace();
+  {
+    const MutexLock lock(mCodecMutex);
+    mWidth = width;
+    mHeight = height;
+    if (!OpenEncoder(type)) {
+      mEncoder.reset();
+      mFrame.reset();
+      mPacket.reset();
+      mLogRoute.reset();
+      return -1;
+    }
+  }
+  mBlocks.emplace();
+  mHandler = handler;
+  mCamera = camera;
+  {
+    const MutexLock lock(mListMutex);
+    mRunning = true;
+  }
+  try {
+    mThread = std::thread([this] { EncodeThread(); });
+  } catch (const std::system_error&) {
+    // Deliberately no failure: an encoder without worker still encodes on the caller's thread.
+    VEL_ERROR("init decoder failed\n");
+  }
+  return 0;
+}
+
+bool UVCEncoder::OpenEncoder(_UVC_ENCODER_TYPE type) {
+  mPacket.reset(av_packet_alloc());
+  if (mPacket == nullptr) {
+    VEL_ERROR("alloc packet failed\n");
+    return false;
+  }
+  EncoderParam param = ParamFor(mWidth, mHeight);
+  if (type == UVC_ENCODER_TYPE_H265) {
+    VEL_ERROR("Do not support H265 in this platform.\n");
+    return false;
+  }
+  mEncoderType = EncoderType::kSoftware;
+  mFrame.reset(av_frame_alloc());
+  if (mFrame == nullptr) {
+    VEL_ERROR("Could not allocate video frame\n");
+    return false;
+  }
+  mFrame->format = param.pixelFormat;
+  mFrame->width = mWidth;
+  mFrame->height = mHeight;
+  if (av_frame_get_buffer(mFrame.get(), 0) < 0) {
+    VEL_ERROR("Could not allocate the video frame data\n");
+    return false;
+  }
+  mEncoder = std::make_unique<FFmpegEncoder>(false);
+  if (mEncoder->open(param) != 0) {
+    VEL_ERROR("Encoder open failed\n");
+    return false;
+  }
+  return true;
+}
+
+int UVCEncoder::EncodeAsync(UVC_FRAME* frame) {
+  std::size_t waiting = 0;
+  {
+    const MutexLock lock(mListMutex);
+    if (!mRunning) {
+      VEL_ERROR("Encoder thread is not ready");
+      return -1;
+    }
+    if (frame == nullptr) {
+      return -1;
+    }
+    if (mFrames.size() > kFrameListLimit) {
+      FrameListResize(kFrameListCacheSize, mFrames);
+      VEL_DEBUG("UVC: encoder queue size after resize: %lu \n",
+                static_cast<unsigned long>(mFrames.size()));
+    }
+    mFrames.push_back(UVCFramePtr(frame));
+    waiting = mFrames.size();
+  }
+  mListChanged.NotifyOne();
+  VEL_DEBUG("[UVC tuning] Encoder in framelist size[%lu]", static_cast<unsigned long>(waiting));
+  return 0;
+}
+
+UVC_FRAME* UVCEncoder::AwaitFrame() {
+  MutexLock lock(mListMutex);
+  while (mRunning && mFrames.empty()) {
+    mListChanged.Wait(lock);
+  }
+  return mRunning ? mFrames.front().get() : nullptr;
+}
+
+void UVCEncoder::EncodeThread() {
+  // Thinning never takes the front frame, so it may be read without the lock.
+  while (const UVC_FRAME* frame = AwaitFrame()) {
+    EncodeFrame(*frame);
+  }
+  VEL_DEBUG("Encode thread exit.");
+}
+
+void UVCEncoder::EncodeFrame(const UVC_FRAME& frame) {
+  HeapBlock out;
+  std::uint32_t outLength = 0;
+  int result = -1;
+  {
+    const MutexLock lock(mCodecMutex);
+    result = EncodePicture(frame.data, frame.length);
+    if (result == 0) {
+      outLength = static_cast<std::uint32_t>(mPacket->size);
+      out = FrameBlocks::Take(outLength);
+      if (out == nullptr) {
+        result = AVERROR(ENOMEM);
+      } else {
+        std::memcpy(out.get(), mPacket->data, outLength);
+      }
+    }
+    av_packet_unref(mPacket.get());
+  }
+  const std::uint32_t index = frame.index;
+  UVCFramePtr done;
+  {
+    const MutexLock lock(mListMutex);
+    done = std::move(mFrames.front());
+    mFrames.pop_front();
+  }
+  done.reset();
+  if (result < 0) {
+    VEL_ERROR("encode failed[%d]\n", result);
+  } else if (mHandler != nullptr) {
+    mHandler->OnFinishEncode(index, out.release(), outLength, result);
+  }
+}
+
+int UVCEncoder::Encode(const std::uint8_t* data, std::uint32_t length, std::uint8_t* out,
+                       std::uint32_t* outLength) {
+  *outLength = 0;
+  const MutexLock lock(mCodecMutex);
+  int result = EncodePicture(data, length);
+  if (result == 0) {
+    const auto size = static_cast<std::size_t>(mPacket->size);
+    if (size > PackedBytes(mWidth, mHeight)) {
+      VEL_ERROR("the access unit has %zu bytes, more than the picture", size);
+      result = AVERROR(ENOSPC);
+    } else {
+      std::memcpy(out, mPacket->data, size);
+      *outLength = static_cast<std::uint32_t>(size);
+    }
+  }
+  if (mPacket != nullptr) {
+    av_packet_unref(mPacket.get());
+  }
+  return result;
+}
+
+int UVCEncoder::EncodePicture(const std::uint8_t* data, std::uint32_t length) {
+  if (mEncoder == nullptr) {
+    VEL_ERROR("Encoder is not ready\n");
+    return -1;
+  }
+  if (av_frame_make_writable(mFrame.get()) < 0) {
+    VEL_ERROR("the frame is unwriteable\n");
+    return -1;
+  }
+  mFrame->pts = gPictureNumber.fetch_add(1, std::memory_order_relaxed);
+  if (data == nullptr || length < PackedBytes(mWidth, mHeight)) {
+    SetDummyPicData(mEncoderType, mFrame.get());
+  } else if (mEncoderType == EncoderType::kSoftware) {
+    YuyvToPlanar(data, Plane(*mFrame, 0), Plane(*mFrame, 1), Plane(*mFrame, 2), mWidth, mHeight);
+  } else {
+    YuyvToSemiPlanar(data, Plane(*mFrame, 0), Plane(*mFrame, 1), mWidth, mHeight);
+  }
+  return mEncoder->encode(mFrame.get(), mPacket.get());
+}
+
+int UVCEncoder::Release() {
+  {
+    const MutexLock lock(mListMutex);
+    mRunning = false;
+  }
+  mListChanged.NotifyAll();
+  if (mThread.joinable()) {
+    mThread.join();
+  }
+  const MutexLock lock(mCodecMutex);
+  if (mEncoder == nullptr) {
+    return 0;
+  }
+  UVCFrameList unencoded;
+  {
+    const MutexLock listLock(mListMutex);
+    unencoded.swap(mFrames);
+  }
+  unencoded.clear();
+  mEncoder->encode(nullptr, mPacket.get());
+  av_packet_unref(mPacket.get());
+  mEncoder->close();
+  mEncoder.reset();
+  mFrame.reset();
+  mPacket.reset();
+  mBlocks.reset();
+  mLogRoute.reset();
+  VEL_DEBUG("resource release done\n");
+  return 0;
+}
+
+void UVCEncoder::YUYVToNV12(const std::uint8_t* src, std::uint8_t* dstY, std::uint8_t* dstUV,
+                            int width, int height) {
+  if (width <= 0 || height <= 0) {
+    return;
+  }
+  std::uint8_t* uv = dstUV != nullptr ? dstUV : dstY + PackedBytes(width, height) / 2;
+  YuyvToSemiPlanar(src, {dstY, width}, {uv, width / 2 * 2}, width, height);
+}
+
+void UVCEncoder::YUYVToYUV420P(const std::uint8_t* src, std::uint8_t* dst, int width, int height) {
+  if (width <= 0 || height <= 0) {
+    return;
+  }
+  const std::size_t pixels = PackedBytes(width, height) / 2;
+  YuyvToPlanar(src, {dst, width}, {dst + pixels, width / 2}, {dst + pixels * 5 / 4, width / 2},
+               width, height);
+}
+
+void UVCEncoder::SetDummyPicData(EncoderType type, AVFrame* frame) {
+  const std::int64_t i = frame->pts;
+  for (int y = 0; y < frame->height; ++y) {
+    for (int x = 0; x < frame->width; ++x) {
+      frame->data[0][y * frame->linesize[0] + x] = static_cast<std::uint8_t>(x + y + i * 3);
+    }
+  }
+  // Chroma samples are beside each other in NV12, and in planes of their own otherwise.
+  const bool interleaved = type == EncoderType::kHardware;
+  const int step = interleaved ? 2 : 1;
+  std::uint8_t* const cb = frame->data[1];
+  std::uint8_t* const cr = interleaved ? frame->data[1] + 1 : frame->data[2];
+  const int crStride = interleaved ? frame->linesize[1] : frame->linesize[2];
+  for (int y = 0; y < (frame->height + 1) / 2; ++y) {
+    for (int x = 0; x < (frame->width + 1) / 2; ++x) {
+      cb[y * frame->linesize[1] + x * step] = static_cast<std::uint8_t>(128 + y + i * 2);
+      cr[y * crStride + x * step] = static_cast<std::uint8_t>(64 + x + i * 5);
+    }
+  }
+}
+
+}  // namespace vel

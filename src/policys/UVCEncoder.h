@@ -1,0 +1,105 @@
+#ifndef VEL_POLICYS_UVC_ENCODER_H
+#define VEL_POLICYS_UVC_ENCODER_H
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <thread>
+
+#include "ModuleExport.h"
+#include "policys/Encoder/IEncoder.h"
+#include "policys/FfmpegLog.h"
+#include "policys/FfmpegPtr.h"
+#include "policys/FrameBlocks.h"
+#include "policys/UVCEncoderHandler.h"
+#include "policys/UVCFrame.h"
+#include "vel/Mutex.h"
+
+namespace vel {
+
+struct CameraFuns;
+
+enum _UVC_ENCODER_TYPE : std::uint32_t {
+  UVC_ENCODER_TYPE_H264 = 0,
+  UVC_ENCODER_TYPE_H265 = 1,  // Refused.
+};
+
+// What pictures the encoder behind takes.
+enum class EncoderType {
+  kSoftware = 0,  // Planar 4:2:0. The one in use.
+  kHardware = 1,  // NV12, for a hardware encoder.
+};
+
+// Turns YUYV frames into an H.264 elementary stream (Annex B): each frame gives one access unit
+// with the same index. Bit rate, frame rate and distance of key frames follow from the picture's
+// height.
+class VEL_MODULE_CLASS UVCEncoder {
+ public:
+  UVCEncoder() = default;
+  UVCEncoder(const UVCEncoder&) = delete;
+  UVCEncoder& operator=(const UVCEncoder&) = delete;
+  ~UVCEncoder();
+
+  // Opens the codec and starts the worker. Size in pixels. The handler outlives the encoder's
+  // release; `camera` is kept and not used. Returns 0, or -1 with an Error line; an encoder that
+  // was in use is released first. Any thread, but not along with Release.
+  int Init(_UVC_ENCODER_TYPE type, int width, int height, UVCEncoderHandler* handler,
+           CameraFuns* camera);
+
+  // Queues a frame for the worker, and thins the queue when it holds more than kFrameListLimit.
+  // Returns 0, and the frame is the encoder's, or -1, and it stays the caller's: null, not
+  // initialised, or released. A frame that is too short for a picture gives a synthetic one. Any
+  // thread; does not block.
+  int EncodeAsync(UVC_FRAME* frame);
+
+  // Encodes one picture on the calling thread, past the queue. `out` has width * height * 2 bytes;
+  // an access unit that is larger, which only pictures of a few pixels have, is refused. Returns 0
+  // and the size, or a negative code and 0. Any thread.
+  int Encode(const std::uint8_t* data, std::uint32_t length, std::uint8_t* out,
+             std::uint32_t* outLength);
+
+  // Ends the worker after the picture that it is at, frees what is queued, closes the codec.
+  // Returns 0, also without Init. Any thread but the worker's.
+  int Release();
+
+  // `dstUV` may be null: then it is behind the luma. `src` has width * height * 2 bytes, the
+  // destination width * height * 3 / 2 in all. Chroma comes from the even rows. Any thread.
+  static void YUYVToNV12(const std::uint8_t* src, std::uint8_t* dstY, std::uint8_t* dstUV,
+                         int width, int height);
+  // The same sizes; chroma comes from the odd rows, other than above.
+  static void YUYVToYUV420P(const std::uint8_t* src, std::uint8_t* dst, int width, int height);
+
+  // Fills the frame's planes with the moving pattern of picture number `frame->pts`.
+  static void SetDummyPicData(EncoderType type, AVFrame* frame);
+
+ private:
+  bool OpenEncoder(_UVC_ENCODER_TYPE type) VEL_REQUIRES(mCodecMutex);
+  int EncodePicture(const std::uint8_t* data, std::uint32_t length) VEL_REQUIRES(mCodecMutex);
+  void EncodeThread();
+  // The oldest queued frame, which stays in the queue until it is encoded; null at the end.
+  UVC_FRAME* AwaitFrame();
+  void EncodeFrame(const UVC_FRAME& frame);
+
+  Mutex mCodecMutex;
+  std::unique_ptr<IEncoder> mEncoder VEL_GUARDED_BY(mCodecMutex);
+  EncoderType mEncoderType VEL_GUARDED_BY(mCodecMutex) = EncoderType::kSoftware;
+  int mWidth VEL_GUARDED_BY(mCodecMutex) = 0;
+  int mHeight VEL_GUARDED_BY(mCodecMutex) = 0;
+  FramePtr mFrame VEL_GUARDED_BY(mCodecMutex);
+  PacketPtr mPacket VEL_GUARDED_BY(mCodecMutex);
+  std::optional<FfmpegLogRoute> mLogRoute;
+
+  std::thread mThread;
+  UVCEncoderHandler* mHandler = nullptr;
+  CameraFuns* mCamera = nullptr;
+  std::optional<FrameBlocks::User> mBlocks;
+
+  Mutex mListMutex;
+  CondVar mListChanged;  // A frame was added, or the worker is to end.
+  bool mRunning VEL_GUARDED_BY(mListMutex) = false;
+  UVCFrameList mFrames VEL_GUARDED_BY(mListMutex);
+};
+
+}  // namespace vel
+
+#endif

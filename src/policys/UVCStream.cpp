@@ -1,0 +1,51 @@
+#include "policys/UVCStream.h"
+
+#include <utility>
+
+#include "VelLog.h"
+
+namespace vel {
+
+UVCStream::UVCStream(IUsbIo& io, const Format& format, const UVCCameraReader::Source& source)
+    : mFormat(format),
+      mSource(source),
+      mFrames(format.in, format.out),
+      mIntake(mFrames, mTally, source.frameSize),
+      mAnswerer(mFrames, mTally),
+      mReader(io, *this, source) {}
+
+UVCStream::~UVCStream() {
+  Stop();
+}
+
+void UVCStream::Stop() {
+  mReader.Stop();
+  mFrames.Release();
+  mAnswerer.Stop();
+}
+
+bool UVCStream::Init() {
+  return mFrames.Init(mFormat.width, mFormat.height, mFormat.in, mFormat.out, nullptr) == 0;
+}
+
+void UVCStream::FrameRequestCB(XferPtr record) {
+  if (record->status != kXferCompleted) {
+    VEL_ERROR("Error submitting transfer, %d", record->status);
+  } else if (mReader.IsActive()) {
+    const MutexLock lock(mIntakeMutex);
+    switch (mSource.kind) {
+      case UVCCameraReader::Kind::kWholeFrame:
+        mIntake.TakeWholeFrame(*record);
+        break;
+      case UVCCameraReader::Kind::kIsochronous:
+        mIntake.TakePackets(*record);
+        break;
+      case UVCCameraReader::Kind::kBulk:
+        mIntake.TakePayload(*record);
+        break;
+    }
+  }
+  mReader.Resubmit(std::move(record));
+}
+
+}  // namespace vel

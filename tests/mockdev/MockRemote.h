@@ -1,0 +1,104 @@
+#ifndef VIRTUSB_TESTS_MOCKDEV_MOCK_REMOTE_H
+#define VIRTUSB_TESTS_MOCKDEV_MOCK_REMOTE_H
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <map>
+#include <memory>
+#include <utility>
+#include <vector>
+
+#include "mockdev/MockUsbDevice.h"
+#include "protocol/ByteReader.h"
+#include "remote/ModuleChannel.h"
+#include "remote/RemoteDevice.h"
+
+namespace vel {
+
+constexpr std::chrono::seconds kLimit{30};  // Only a failure reaches it.
+
+// The statuses of all replies to transfers, by stream id: how often each was answered, and how.
+class Tally {
+ public:
+  using Statuses = std::map<std::uint32_t, std::vector<int>>;
+
+  void Note(const VelPacket& packet) VEL_EXCLUDES(mMutex) {
+    const auto code = static_cast<std::uint16_t>(packet.GetCommand() - 1);
+    const CommandInfo* request = FindCommand(code);
+    if (request != nullptr && request->reply == ReplyKind::kAsync) {
+      ByteReader reader(packet.PayloadBytes());
+      const auto streamId = reader.Host<std::uint32_t>();
+      Note(streamId, static_cast<int>(reader.Host<std::uint32_t>()));
+    }
+  }
+  void Note(std::uint32_t streamId, int status) VEL_EXCLUDES(mMutex) {
+    const MutexLock lock(mMutex);
+    mStatuses[streamId].push_back(status);
+    mChanged.NotifyAll();
+  }
+  // Once that many transfers were answered; as they are after the time limit otherwise.
+  Statuses Await(std::size_t count) VEL_EXCLUDES(mMutex) {
+    const auto deadline = std::chrono::steady_clock::now() + kLimit;
+    MutexLock lock(mMutex);
+    while (mStatuses.size() < count && mChanged.WaitUntil(lock, deadline)) {
+    }
+    return mStatuses;
+  }
+
+ private:
+  Mutex mMutex;
+  CondVar mChanged;
+  Statuses mStatuses VEL_GUARDED_BY(mMutex);
+};
+
+// A channel that counts the replies which pass.
+class TalliedChannel final : public PacketChannel {
+ public:
+  TalliedChannel(std::unique_ptr<PacketChannel> channel, Tally& tally)
+      : mChannel(std::move(channel)), mTally(tally) {}
+  void Start(Receiver receiver) override {
+    const auto note = [this,
+                       next = std::move(receiver.onPacket)](std::unique_ptr<VelPacket> reply) {
+      mTally.Note(*reply);
+      next(std::move(reply));
+    };
+    mChannel->Start({.onPacket = note, .onClosed = std::move(receiver.onClosed)});
+  }
+  bool Send(std::unique_ptr<VelPacket> packet) override {
+    return mChannel->Send(std::move(packet));
+  }
+  void Close() override { mChannel->Close(); }
+
+ private:
+  const std::unique_ptr<PacketChannel> mChannel;
+  Tally& mTally;
+};
+
+inline std::unique_ptr<RemoteDevice> Redirect(const MockUsbDevice& device, Tally& tally,
+                                              bool answersFailures = true) {
+  const DeviceIdentity identity{MockUsbDevice::kBus, device.Address(), MockUsbDevice::kVendor,
+                                MockUsbDevice::kProduct, ""};
+  return std::make_unique<RemoteDevice>(std::make_unique<TalliedChannel>(
+      std::make_unique<ModuleChannel>(ModuleLibrary::Load(VIRTUSB_MODULE), identity,
+                                      answersFailures),
+      tally));
+}
+
+// Opens, detaches the drivers, claims, and chooses the setting with isochronous endpoints.
+inline void Take(RemoteDevice& remote) {
+  ASSERT_EQ(remote.Status(Command::kOpenUsbDev), 0);
+  ASSERT_EQ(remote.Status(Command::kDetachKernelDriver), 0);
+  ASSERT_EQ(remote.Status(Command::kClaimAllInterface), 0);
+  ASSERT_EQ(remote.SetInterfaceAltSetting(1, 1), 0);
+}
+
+inline std::uint32_t Submit(RemoteDevice& remote, Command command, std::uint8_t endpoint,
+                            std::uint32_t length) {
+  return remote.SubmitTransfer(command, endpoint, length, MockUsbDevice::Pattern(length),
+                               [](const TransferReply&) {});
+}
+
+}  // namespace vel
+
+#endif

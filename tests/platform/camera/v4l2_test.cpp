@@ -1,0 +1,320 @@
+// Capture devices, on a kernel of the test's own.
+#include <gmock/gmock.h>
+#include <linux/videodev2.h>
+
+#include <cerrno>
+#include <cstring>
+#include <deque>
+#include <functional>
+#include <map>
+#include <thread>
+
+#include "V4l2Source.h"
+#include "support/CapturingLog.h"
+#include "support/Limits.h"
+#include "vel/Mutex.h"
+
+namespace oskelo {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+
+using Bytes = std::vector<std::uint8_t>;
+
+struct Size {
+  std::uint32_t width;
+  std::uint32_t height;
+};
+
+// A camera as the test wants it. It outlives its device.
+struct FakeCamera {
+  std::uint32_t capabilities = V4L2_CAP_VIDEO_CAPTURE | V4L2_CAP_STREAMING;
+  std::vector<std::pair<std::uint32_t, std::vector<Size>>> formats = {
+      {V4L2_PIX_FMT_YUYV, {{4, 2}, {8, 2}}}};
+  bool stepwise = false;
+  std::uint32_t rowPadding = 0;
+  std::function<int(unsigned long request)> fail = [](unsigned long) { return 0; };
+
+  vel::Mutex mutex;
+  vel::CondVar changed;
+  std::deque<Bytes> pictures VEL_GUARDED_BY(mutex);  // To come; an empty one is broken.
+  bool unplugged VEL_GUARDED_BY(mutex) = false;
+  bool woken VEL_GUARDED_BY(mutex) = false;
+  std::deque<std::uint32_t> queued VEL_GUARDED_BY(mutex);
+  int mapped VEL_GUARDED_BY(mutex) = 0;
+  std::vector<Bytes> memory = std::vector<Bytes>(4, Bytes(64));
+
+  void Give(Bytes picture) {
+    const vel::MutexLock lock(mutex);
+    pictures.push_back(std::move(picture));
+    changed.NotifyAll();
+  }
+  void Unplug() {
+    const vel::MutexLock lock(mutex);
+    unplugged = true;
+    changed.NotifyAll();
+  }
+};
+
+class FakeDevice final : public V4l2Device {
+ public:
+  explicit FakeDevice(FakeCamera& camera) : mCamera(camera) {}
+
+  int Ioctl(unsigned long request, void* argument) override {
+    if (const int failure = mCamera.fail(request); failure != 0) {
+      return failure;
+    }
+    switch (request) {
+      case VIDIOC_QUERYCAP:
+        static_cast<v4l2_capability*>(argument)->capabilities = V4L2_CAP_DEVICE_CAPS;
+        static_cast<v4l2_capability*>(argument)->device_caps = mCamera.capabilities;
+        return 0;
+      case VIDIOC_ENUM_FMT: {
+        auto& format = *static_cast<v4l2_fmtdesc*>(argument);
+        if (format.index >= mCamera.formats.size()) {
+          return -EINVAL;
+        }
+        format.pixelformat = mCamera.formats[format.index].first;
+        return 0;
+      }
+      case VIDIOC_ENUM_FRAMESIZES:
+        return EnumSize(*static_cast<v4l2_frmsizeenum*>(argument));
+      case VIDIOC_S_FMT: {
+        auto& pix = static_cast<v4l2_format*>(argument)->fmt.pix;
+        pix.bytesperline = 2 * pix.width + mCamera.rowPadding;
+        return 0;
+      }
+      case VIDIOC_S_PARM:
+        return -EINVAL;
+      case VIDIOC_REQBUFS:
+        return 0;
+      case VIDIOC_QUERYBUF: {
+        auto& buffer = *static_cast<v4l2_buffer*>(argument);
+        buffer.length = 64;
+        buffer.m.offset = buffer.index;
+        return 0;
+      }
+      case VIDIOC_QBUF: {
+        const vel::MutexLock lock(mCamera.mutex);
+        mCamera.queued.push_back(static_cast<v4l2_buffer*>(argument)->index);
+        return 0;
+      }
+      case VIDIOC_DQBUF:
+        return Dequeue(*static_cast<v4l2_buffer*>(argument));
+      case VIDIOC_STREAMON:
+      case VIDIOC_STREAMOFF: {
+        const vel::MutexLock lock(mCamera.mutex);
+        mCamera.queued.resize(request == VIDIOC_STREAMON ? mCamera.queued.size() : 0);
+        return 0;
+      }
+      default:
+        return -ENOTTY;
+    }
+  }
+  void* Map(std::size_t /*length*/, std::uint32_t offset) override {
+    const vel::MutexLock lock(mCamera.mutex);
+    ++mCamera.mapped;
+    return mCamera.memory[offset].data();
+  }
+  void Unmap(void* /*memory*/, std::size_t /*length*/) override {
+    const vel::MutexLock lock(mCamera.mutex);
+    --mCamera.mapped;
+  }
+  Event Wait() override {
+    vel::MutexLock lock(mCamera.mutex);
+    while (!mCamera.woken && mCamera.pictures.empty() && !mCamera.unplugged) {
+      mCamera.changed.Wait(lock);
+    }
+    return mCamera.woken ? Event::kWoken : Event::kPicture;
+  }
+  void Wake() override {
+    const vel::MutexLock lock(mCamera.mutex);
+    mCamera.woken = true;
+    mCamera.changed.NotifyAll();
+  }
+  void ClearWake() override {
+    const vel::MutexLock lock(mCamera.mutex);
+    mCamera.woken = false;
+  }
+
+ private:
+  int EnumSize(v4l2_frmsizeenum& entry) {
+    for (const auto& [fourcc, sizes] : mCamera.formats) {
+      if (fourcc == entry.pixel_format && entry.index < sizes.size()) {
+        entry.type = mCamera.stepwise ? V4L2_FRMSIZE_TYPE_STEPWISE : V4L2_FRMSIZE_TYPE_DISCRETE;
+        entry.discrete = {sizes[entry.index].width, sizes[entry.index].height};
+        if (mCamera.stepwise) {
+          entry.stepwise = {32, sizes[0].width, 16, 30, sizes[0].height, 30};
+        }
+        return 0;
+      }
+    }
+    return -EINVAL;
+  }
+  int Dequeue(v4l2_buffer& buffer) {
+    const vel::MutexLock lock(mCamera.mutex);
+    if (mCamera.unplugged) {
+      return -ENODEV;
+    }
+    if (mCamera.pictures.empty() || mCamera.queued.empty()) {
+      return -EAGAIN;
+    }
+    const Bytes picture = std::move(mCamera.pictures.front());
+    mCamera.pictures.pop_front();
+    buffer.index = mCamera.queued.front();
+    mCamera.queued.pop_front();
+    buffer.flags = picture.empty() ? V4L2_BUF_FLAG_ERROR : 0;
+    buffer.bytesused = static_cast<std::uint32_t>(picture.size());
+    std::copy(
+        picture.begin(),
+        picture.begin() + static_cast<std::ptrdiff_t>(std::min<std::size_t>(picture.size(), 64)),
+        mCamera.memory[buffer.index].begin());
+    return 0;
+  }
+
+  FakeCamera& mCamera;
+};
+
+class Pictures final : public PictureSink {
+ public:
+  void OnPicture(std::span<std::uint8_t> picture) override {
+    const vel::MutexLock lock(mMutex);
+    mGot.emplace_back(picture.begin(), picture.end());
+    mChanged.NotifyAll();
+  }
+  std::vector<Bytes> Await(std::size_t n) {
+    const auto deadline = std::chrono::steady_clock::now() + vel::kDeadline;
+    vel::MutexLock lock(mMutex);
+    while (mGot.size() < n && mChanged.WaitUntil(lock, deadline)) {
+    }
+    return mGot;
+  }
+
+ private:
+  vel::Mutex mMutex;
+  vel::CondVar mChanged;
+  std::vector<Bytes> mGot VEL_GUARDED_BY(mMutex);
+};
+
+std::unique_ptr<V4l2Source> Make(FakeCamera& camera) {
+  return V4l2Source::Create("/dev/video9", std::make_unique<FakeDevice>(camera));
+}
+
+std::vector<std::string> ParamsOf(FakeCamera& camera) {
+  std::vector<std::string> texts;
+  if (const auto source = Make(camera)) {
+    for (const _CameraParam& param : source->Params()) {
+      texts.push_back(std::to_string(param.width) + "x" + std::to_string(param.height) + " " +
+                      std::to_string(param.pixelFormat));
+    }
+  }
+  return texts;
+}
+
+TEST(V4l2, ListsWhatTheDeviceHas) {
+  const vel::CapturingLog log(OSKELO_LOG_ERROR);
+  FakeCamera camera;
+  camera.formats = {{V4L2_PIX_FMT_NV12, {{640, 480}}},
+                    {V4L2_PIX_FMT_MJPEG, {{1280, 720}, {641, 480}}},
+                    {V4L2_PIX_FMT_YUYV, {{641, 480}, {640, 480}, {9000, 2}, {0, 0}}}};
+  EXPECT_THAT(ParamsOf(camera), ElementsAre("1280x720 3", "641x480 3", "640x480 2"));
+  camera.formats = {{V4L2_PIX_FMT_YUYV, {{1280, 900}}}};
+  camera.stepwise = true;
+  EXPECT_THAT(ParamsOf(camera), ElementsAre("320x240 2", "640x480 2", "800x600 2", "1280x720 2"));
+  EXPECT_THAT(log.Messages(), IsEmpty());
+  camera.formats = {{V4L2_PIX_FMT_NV12, {{640, 480}}}};
+  EXPECT_THAT(ParamsOf(camera), IsEmpty());
+  EXPECT_EQ(log.Count("has neither YUYV nor MJPEG pictures"), 1U);
+  camera.capabilities = V4L2_CAP_VIDEO_OUTPUT | V4L2_CAP_STREAMING;
+  EXPECT_THAT(ParamsOf(camera), IsEmpty());
+  EXPECT_EQ(log.Count("captures no pictures"), 1U);
+}
+
+TEST(V4l2, DeliversWholePicturesWithoutPadding) {
+  for (const std::uint32_t padding : {0U, 3U}) {
+    FakeCamera camera;
+    camera.rowPadding = padding;
+    const auto source = Make(camera);
+    ASSERT_NE(source, nullptr);
+    Pictures pictures;
+    std::thread stream([&] { EXPECT_TRUE(source->Stream(pictures)); });
+    Bytes raw;
+    Bytes expected;
+    for (std::uint8_t row = 0; row < 2; ++row) {
+      for (std::uint8_t i = 0; i < 8; ++i) {
+        raw.push_back(static_cast<std::uint8_t>(16 * row + i));
+      }
+      expected.insert(expected.end(), raw.end() - 8, raw.end());
+      raw.resize(raw.size() + padding, 0xEE);
+    }
+    camera.Give(raw);
+    camera.Give({});         // Marked as broken.
+    camera.Give({1, 2, 3});  // Cut short.
+    for (int i = 0; i < 8; ++i) {
+      camera.Give(raw);  // More than there are buffers: they are given back.
+    }
+    EXPECT_EQ(pictures.Await(9), std::vector<Bytes>(9, expected));
+    source->Stop();
+    stream.join();
+    EXPECT_TRUE(source->Stream(pictures)) << "stopped until armed";
+    const vel::MutexLock lock(camera.mutex);
+    EXPECT_EQ(camera.mapped, 0);
+  }
+}
+
+TEST(V4l2, DeliversMjpegAsItIs) {
+  FakeCamera camera;
+  camera.formats = {{V4L2_PIX_FMT_MJPEG, {{640, 480}}}};
+  const auto source = Make(camera);
+  Pictures pictures;
+  std::thread stream([&] { EXPECT_TRUE(source->Stream(pictures)); });
+  camera.Give({0xFF, 0xD8, 1});
+  camera.Give(Bytes(100, 7));  // Longer than the buffer that it claims to fill.
+  EXPECT_THAT(pictures.Await(2), ElementsAre(Bytes{0xFF, 0xD8, 1}, Bytes(64, 7)));
+  source->Stop();
+  stream.join();
+}
+
+TEST(V4l2, EndsWhenUnplugged) {
+  const vel::CapturingLog log(OSKELO_LOG_ERROR);
+  FakeCamera camera;
+  const auto source = Make(camera);
+  Pictures pictures;
+  std::thread stream([&] { EXPECT_FALSE(source->Stream(pictures)); });
+  camera.Give(Bytes(16, 1));
+  pictures.Await(1);
+  camera.Unplug();
+  stream.join();
+  EXPECT_EQ(log.Count("camera \"/dev/video9\": stopped capturing: it was unplugged"), 1U);
+}
+
+TEST(V4l2, ReportsEachStepThatFails) {
+  struct Row {
+    unsigned long request;
+    const char* text;
+  };
+  for (const Row& row :
+       {Row{VIDIOC_QUERYCAP, "captures no pictures"},
+        Row{VIDIOC_S_FMT, "does not take the size: Device or resource busy"},
+        Row{VIDIOC_REQBUFS, "cannot start to capture: Device or resource busy"},
+        Row{VIDIOC_QUERYBUF, "cannot start"}, Row{VIDIOC_QBUF, "cannot start"},
+        Row{VIDIOC_STREAMON, "cannot start"}, Row{VIDIOC_DQBUF, "stopped capturing"}}) {
+    SCOPED_TRACE(row.text);
+    const vel::CapturingLog log(OSKELO_LOG_ERROR);
+    FakeCamera camera;
+    camera.fail = [&row](unsigned long request) { return request == row.request ? -EBUSY : 0; };
+    camera.Give(Bytes(16, 1));
+    Pictures pictures;
+    if (const auto source = Make(camera)) {
+      EXPECT_FALSE(source->Stream(pictures));
+    }
+    EXPECT_EQ(log.Count(row.text), 1U);
+    const vel::MutexLock lock(camera.mutex);
+    EXPECT_EQ(camera.mapped, 0);
+  }
+}
+
+}  // namespace
+}  // namespace oskelo

@@ -1,0 +1,33 @@
+#ifndef VIRTUSB_TESTS_POLICYS_CODEC_JPEG_WRITER_H
+#define VIRTUSB_TESTS_POLICYS_CODEC_JPEG_WRITER_H
+
+#include <array>
+#include <cstdint>
+#include <vector>
+
+namespace vel::test {
+
+// A baseline JPEG of flat 8x8 blocks (their mean is the only coefficient that is not 0), which
+// every decoder gives back without loss: what a picture decodes to is known exactly.
+struct JpegWriter {
+  int width = 32;  // Pixels.
+  int height = 32;
+  std::array<int, 2> lumaSampling = {2,
+                                     1};  // Horizontal, vertical; chroma has 1, 1. {2, 1} is 4:2:2.
+  bool grey = false;                      // One component.
+  int restartInterval = 0;                // Units between restart markers; 0: none.
+  bool huffmanTables = true;              // Cameras leave the standard ones out.
+
+  // The value of a component's block number `x`, `y`.
+  static int Value(int component, int x, int y) {
+    return 40 + (component * 67 + x * 13 + y * 29) % 170;
+  }
+
+  std::vector<std::uint8_t> Write() const;
+  // The picture as packed YUYV, by the rule: the chroma of a pair is that of its first pixel.
+  std::vector<std::uint8_t> Yuyv() const;
+};
+
+}  // namespace vel::test
+
+#endif

@@ -1,0 +1,96 @@
+// Video through the pipeline at full speed, with the process's memory watched: codec_soak [SECONDS
+// OF VIDEO]. MJPEG in, H.264 out, a broken frame and an unread stretch now and then. Fails when
+// memory grows after the first tenth.
+#include <sys/resource.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <vector>
+
+#include "Scene.h"
+#include "oskelo/log.h"
+#include "policys/UVCFrameManager.h"
+#include "support/Limits.h"
+
+namespace vel::test {
+namespace {
+
+constexpr int kWidth = 1280;
+constexpr int kHeight = 720;
+constexpr int kFramesPerSecond = 25;
+constexpr int kWaitMs = 60000;  // Only a failure waits that long.
+constexpr long kAllowedGrowthKiB = 4096;
+
+long PeakKiB() {
+  rusage usage{};
+  getrusage(RUSAGE_SELF, &usage);
+  return usage.ru_maxrss;
+}
+
+class Soak {
+ public:
+  Soak() {
+    const Scene scene(kWidth, kHeight);
+    for (int i = 0; i < 50; ++i) {
+      mJpegs.push_back(EncodeJpeg(scene.Draw(i), kWidth, kHeight));
+    }
+  }
+
+  // One frame in; returns whether it came out, where it has to.
+  bool Step(UVCFrameManager& manager, std::uint32_t number) {
+    const Bytes& jpeg = mJpegs[number % mJpegs.size()];
+    const bool broken = number % 97 == 96;
+    const Bytes cut(jpeg.begin(),
+                    jpeg.begin() + static_cast<std::ptrdiff_t>(jpeg.size() / (broken ? 2 : 1)));
+    if (manager.EnqueueFrame(MakeFrame(cut, number).release()) != 0) {
+      return false;
+    }
+    const bool unread = number % 200 >= 150 && number % 200 < 160;
+    // A burst that nobody waits for costs frames, also one or the other of those behind it.
+    const bool settling = number % 200 >= 160 && number % 200 < 180;
+    while (!broken && !unread) {
+      const UVCFramePtr frame(manager.DequeueFrame(kWaitMs));
+      if (frame == nullptr || frame->index == number || settling) {
+        return frame != nullptr;
+      }
+    }
+    return true;
+  }
+
+ private:
+  std::vector<Bytes> mJpegs;
+};
+
+int Run(int seconds) {
+  oskeloLogSetLevel(OSKELO_LOG_OFF);
+  Soak soak;
+  UVCFrameManager manager(UVC_FRAME_TYPE_MJPEG, UVC_FRAME_TYPE_H264);
+  if (manager.Init(kWidth, kHeight, UVC_FRAME_TYPE_MJPEG, UVC_FRAME_TYPE_H264, nullptr) != 0) {
+    return 1;
+  }
+  const auto frames = static_cast<std::uint32_t>(seconds * kFramesPerSecond);
+  long settled = 0;
+  for (std::uint32_t number = 0; number < frames; ++number) {
+    if (number == std::max(frames / 10, 250U)) {
+      settled = PeakKiB();
+    }
+    if (!soak.Step(manager, number)) {
+      std::printf("frame %u did not come out\n", number);
+      return 1;
+    }
+  }
+  const long growth = settled == 0 ? 0 : PeakKiB() - settled;
+  std::printf("%u frames, peak memory %ld KiB, growth after the first tenth %ld KiB\n", frames,
+              PeakKiB(), growth);
+  // A sanitizer keeps freed memory for a while.
+  return growth > kAllowedGrowthKiB && !kSanitized ? 1 : 0;
+}
+
+}  // namespace
+}  // namespace vel::test
+
+int main(int argc, char** argv) {
+  const int seconds = argc > 1 ? std::atoi(argv[1]) : (vel::kSanitized ? 2 : 20);
+  return vel::test::Run(std::max(seconds, 1));
+}

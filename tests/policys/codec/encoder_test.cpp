@@ -1,0 +1,265 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+#include <numeric>
+#include <string>
+#include <vector>
+
+extern "C" {
+#include <libavutil/opt.h>
+}
+
+#include "EncodedFrames.h"
+#include "H264Stream.h"
+#include "Scene.h"
+#include "policys/Encoder/FFmpegEncoder.h"
+#include "policys/UVCDecoder.h"
+#include "policys/UVCEncoder.h"
+#include "support/CapturingLog.h"
+#include "support/Limits.h"
+
+namespace vel::test {
+namespace {
+
+using testing::Contains;
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+struct Setting {
+  const char* name;
+  int width;
+  int height;
+  int bitRate;  // Bit/s.
+  int framesPerSecond;
+  int gopSize;
+};
+
+class EncoderStreamTest : public testing::TestWithParam<Setting> {};
+
+// What a receiver sees of six seconds of video.
+TEST_P(EncoderStreamTest, IsWhatAReceiverLikes) {
+  const Setting& setting = GetParam();
+  const Scene scene(setting.width, setting.height);
+  UVCEncoder encoder;
+  ASSERT_EQ(encoder.Init(UVC_ENCODER_TYPE_H264, setting.width, setting.height, nullptr, nullptr),
+            0);
+  UVCDecoder decoder;
+  ASSERT_EQ(decoder.Init(UVC_DECODER_TYPE_H264, UVC_DECODER_OUTPUT_YUYV, setting.width,
+                         setting.height, nullptr),
+            0);
+
+  // The instrumented build is there for memory and threads; rates need not be seen again.
+  const int frames = setting.framesPerSecond * (kSanitized ? 1 : 6);
+  Bytes picture = scene.Draw(0);
+  Bytes unit(picture.size());
+  Bytes decoded(picture.size());
+  Bytes stream;
+  std::vector<double> sizes;
+  double psnr = 0;
+  for (int i = 0; i < frames; ++i) {
+    scene.Draw(i, picture);
+    std::uint32_t size = 0;
+    ASSERT_EQ(encoder.Encode(picture.data(), static_cast<std::uint32_t>(picture.size()),
+                             unit.data(), &size),
+              0);
+    stream.insert(stream.end(), unit.begin(), unit.begin() + size);
+    sizes.push_back(size);
+    const std::vector<int> nals = NalTypes({unit.data(), size});
+    const auto firstOf = [&nals](int type) {
+      return std::find(nals.begin(), nals.end(), type) - nals.begin();
+    };
+    const bool key = firstOf(5) < static_cast<std::ptrdiff_t>(nals.size());
+    EXPECT_EQ(key, i % setting.gopSize == 0) << "picture " << i;
+    EXPECT_TRUE(!key || (firstOf(7) < firstOf(8) && firstOf(8) < firstOf(5))) << "picture " << i;
+    std::uint32_t decodedSize = 0;
+    ASSERT_EQ(decoder.Decode(unit.data(), size, decoded.data(), &decodedSize), 1)
+        << "picture " << i;
+    ASSERT_EQ(decodedSize, decoded.size());
+    psnr += LumaPsnr(picture, decoded) / frames;
+  }
+  EXPECT_GT(psnr, 36);
+
+  const std::vector<ParsedPicture> parsed = ParseH264(stream);
+  EXPECT_EQ(parsed.size(), static_cast<std::size_t>(frames));
+  for (const ParsedPicture& each : parsed) {
+    EXPECT_NE(each.type, AV_PICTURE_TYPE_B);
+    EXPECT_EQ(each.width, setting.width);
+    EXPECT_EQ(each.height, setting.height);
+  }
+
+  const double average = std::accumulate(sizes.begin(), sizes.end(), 0.0) / frames;
+  EXPECT_LE(*std::max_element(sizes.begin(), sizes.end()), 12 * average);
+  double lowest = 2;
+  double highest = 0;
+  const int window = 4 * setting.framesPerSecond;
+  for (int begin = setting.framesPerSecond; begin + window <= frames; ++begin) {
+    const double bits =
+        8 * std::accumulate(sizes.begin() + begin, sizes.begin() + begin + window, 0.0);
+    lowest = std::min(lowest, bits / 4 / setting.bitRate);
+    highest = std::max(highest, bits / 4 / setting.bitRate);
+  }
+  if (!kSanitized) {
+    EXPECT_GE(lowest, 0.85);
+    EXPECT_LE(highest, 1.15);
+  }
+  RecordProperty("psnr", std::to_string(psnr));
+  RecordProperty("rate", std::to_string(lowest) + " to " + std::to_string(highest));
+  RecordProperty("largest",
+                 std::to_string(*std::max_element(sizes.begin(), sizes.end()) / average));
+}
+
+INSTANTIATE_TEST_SUITE_P(EachSetting, EncoderStreamTest,
+                         testing::Values(Setting{"Height480", 640, 480, 800000, 15, 5},
+                                         Setting{"Height720", 1280, 720, 1000000, 25, 25},
+                                         Setting{"Height1080", 1920, 1080, 1500000, 25, 25}),
+                         [](const auto& setting) { return setting.param.name; });
+
+// A file's worth of frames through the queue, no faster than they are encoded.
+TEST(EncoderTest, EachQueuedFrameGivesOneUnitWithItsIndex) {
+  const Scene scene(320, 240);
+  Deliveries deliveries;
+  UVCEncoder encoder;
+  ASSERT_EQ(encoder.Init(UVC_ENCODER_TYPE_H264, 320, 240, &deliveries, nullptr), 0);
+  Bytes stream;
+  for (std::uint32_t i = 0; i < 30; ++i) {
+    // A short frame gives a picture too.
+    UVCFramePtr frame =
+        MakeFrame(i % 10 == 3 ? Bytes(100) : scene.Draw(static_cast<int>(i)), 1000 + 7 * i);
+    ASSERT_EQ(encoder.EncodeAsync(frame.release()), 0);
+    const std::vector<Delivered> units = deliveries.Await(i + 1);
+    ASSERT_EQ(units.size(), i + 1);
+    EXPECT_EQ(units.back().index, 1000 + 7 * i);
+    stream.insert(stream.end(), units.back().bytes.begin(), units.back().bytes.end());
+  }
+  EXPECT_EQ(ParseH264(stream).size(), 30U);
+  EXPECT_EQ(encoder.Release(), 0);
+  UVCFramePtr late = MakeFrame(Bytes(100), 1);
+  EXPECT_EQ(encoder.EncodeAsync(late.get()), -1);  // Still ours.
+}
+
+// Holds the worker in its first delivery, so that what is queued meanwhile stays queued.
+class HeldHandler : public UVCEncoderHandler {
+ public:
+  void OnFinishEncode(std::uint32_t index, std::uint8_t* data, std::uint32_t /*length*/,
+                      int /*result*/) override {
+    const HeapBlock block(data);
+    MutexLock lock(mMutex);
+    mIndices.push_back(index);
+    mChanged.NotifyAll();
+    while (mHeld) {
+      mChanged.Wait(lock);
+    }
+  }
+  void AwaitUnits(std::size_t count) {
+    MutexLock lock(mMutex);
+    while (mIndices.size() < count) {
+      mChanged.Wait(lock);
+    }
+  }
+  void LetGo() {
+    const MutexLock lock(mMutex);
+    mHeld = false;
+    mChanged.NotifyAll();
+  }
+  std::vector<std::uint32_t> Indices() {
+    const MutexLock lock(mMutex);
+    return mIndices;
+  }
+
+ private:
+  Mutex mMutex;
+  CondVar mChanged;
+  bool mHeld VEL_GUARDED_BY(mMutex) = true;
+  std::vector<std::uint32_t> mIndices VEL_GUARDED_BY(mMutex);
+};
+
+TEST(EncoderTest, ThinsItsQueueAndFreesItAtRelease) {
+  HeldHandler handler;
+  UVCEncoder encoder;
+  ASSERT_EQ(encoder.Init(UVC_ENCODER_TYPE_H264, 64, 64, &handler, nullptr), 0);
+  const auto queue = [&encoder](std::uint32_t index) {
+    EXPECT_EQ(encoder.EncodeAsync(MakeFrame(Bytes(8192), index).release()), 0);
+  };
+  queue(0);
+  handler.AwaitUnits(1);
+  const CapturingLog log;
+  for (std::uint32_t index = 1; index <= 5; ++index) {
+    queue(index);  // The fifth meets four: the first of them and the last stay.
+  }
+  EXPECT_EQ(log.Count("UVC: encoder queue size after resize: 2 "), 1U);
+  EXPECT_EQ(log.Count("[UVC tuning] Encoder in framelist size[3]"), 2U);
+  handler.LetGo();
+  handler.AwaitUnits(4);
+  EXPECT_THAT(handler.Indices(), ElementsAre(0, 1, 4, 5));
+  for (std::uint32_t index = 6; index <= 8; ++index) {
+    queue(index);
+  }
+  EXPECT_EQ(encoder.Release(), 0);
+  EXPECT_EQ(encoder.Release(), 0);
+}
+
+TEST(EncoderTest, RefusesWhatItCannotDo) {
+  const CapturingLog log;
+  UVCEncoder encoder;
+  std::uint32_t size = 7;
+  EXPECT_EQ(encoder.Encode(nullptr, 0, nullptr, &size), -1);
+  EXPECT_EQ(size, 0U);
+  EXPECT_EQ(encoder.Init(UVC_ENCODER_TYPE_H265, 640, 480, nullptr, nullptr), -1);
+  EXPECT_EQ(encoder.Init(UVC_ENCODER_TYPE_H264, 0, 480, nullptr, nullptr), -1);
+  EXPECT_EQ(encoder.Init(UVC_ENCODER_TYPE_H264, 641, 480, nullptr, nullptr), -1);
+  EXPECT_EQ(encoder.EncodeAsync(nullptr), -1);
+  EXPECT_THAT(
+      log.Messages("OpenEncoder"),
+      ElementsAre("Error:Do not support H265 in this platform.",
+                  "Error:Could not allocate the video frame data", "Error:Encoder open failed"));
+  EXPECT_THAT(log.Messages("EncodePicture"), ElementsAre("Error:Encoder is not ready"));
+  EXPECT_THAT(log.Messages("EncodeAsync"), ElementsAre("Error:Encoder thread is not ready"));
+  // An access unit that is larger than its picture does not leave the block.
+  ASSERT_EQ(encoder.Init(UVC_ENCODER_TYPE_H264, 16, 16, nullptr, nullptr), 0);
+  Bytes block(16 * 16 * 2);
+  EXPECT_LT(encoder.Encode(block.data(), 512, block.data(), &size), 0);
+  EXPECT_EQ(size, 0U);
+}
+
+TEST(EncoderTest, SyntheticPictureFollowsItsFormula) {
+  for (const auto& [type, format] : {std::pair(EncoderType::kSoftware, AV_PIX_FMT_YUV420P),
+                                     std::pair(EncoderType::kHardware, AV_PIX_FMT_NV12)}) {
+    const FramePtr frame(av_frame_alloc());
+    frame->format = format;
+    frame->width = 6;
+    frame->height = 4;
+    ASSERT_EQ(av_frame_get_buffer(frame.get(), 0), 0);
+    frame->pts = 100;
+    UVCEncoder::SetDummyPicData(type, frame.get());
+    const bool planar = type == EncoderType::kSoftware;
+    EXPECT_EQ(frame->data[0][3 * frame->linesize[0] + 5], (5 + 3 + 300) % 256);
+    EXPECT_EQ(frame->data[1][frame->linesize[1] + (planar ? 2 : 4)], (128 + 1 + 200) % 256);
+    EXPECT_EQ(
+        planar ? frame->data[2][frame->linesize[2] + 2] : frame->data[1][frame->linesize[1] + 5],
+        (64 + 2 + 500) % 256);
+  }
+}
+
+TEST(EncoderTest, SaysWhichEncoderItUses) {
+  const CapturingLog log;
+  FFmpegEncoder encoder(true);
+  EncoderParam param{.width = 64,
+                     .height = 64,
+                     .bitRate = 100000,
+                     .gopSize = 5,
+                     .timeBase = {1, 15},
+                     .frameRate = {15, 1}};
+  ASSERT_EQ(encoder.open(param), 0);
+  const bool first = avcodec_find_encoder_by_name("libopenh264") != nullptr;
+  EXPECT_EQ(encoder.Name(), first ? "libopenh264" : "libx264");
+  EXPECT_EQ(log.Count("Warn:FFmpeg has no libopenh264, using libx264"), first ? 0U : 1U);
+  EXPECT_EQ(log.Count("Debug:not support hw encoder, force to openh264."), 1U);
+  EXPECT_EQ(log.Count("Debug:useFfmpegHwEncoder: 1"), 1U);
+  encoder.close();
+  EXPECT_LT(encoder.encode(nullptr, nullptr), 0);
+}
+
+}  // namespace
+}  // namespace vel::test

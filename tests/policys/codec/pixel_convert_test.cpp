@@ -1,0 +1,175 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "policys/PixelConvert.h"
+#include "policys/UVCDecoder.h"
+#include "policys/UVCEncoder.h"
+
+namespace vel {
+namespace {
+
+using Bytes = std::vector<std::uint8_t>;
+
+constexpr std::uint8_t kUntouched = 0xEE;
+
+Bytes RandomBytes(std::size_t count) {
+  static std::mt19937 random(7);
+  Bytes bytes(count);
+  for (std::uint8_t& byte : bytes) {
+    byte = static_cast<std::uint8_t>(random());
+  }
+  return bytes;
+}
+
+// A plane with room behind each row, in which every byte that is not written keeps its mark.
+struct Plane {
+  Plane(int planeWidth, int planeHeight, int gap)
+      : width(planeWidth),
+        height(planeHeight),
+        stride(planeWidth + gap),
+        bytes(static_cast<std::size_t>(stride) * static_cast<std::size_t>(height), kUntouched) {}
+  PlaneOut Out() { return {bytes.data(), stride}; }
+  PlaneIn In() const { return {bytes.data(), stride}; }
+  std::uint8_t& At(int x, int y) { return bytes[static_cast<std::size_t>(y * stride + x)]; }
+
+  int width;
+  int height;
+  int stride;
+  Bytes bytes;
+};
+
+class PixelConvertTest : public testing::TestWithParam<const PixelRows*> {
+ protected:
+  // Every size and both kinds of stride, and one long row for the widest steps and their rests.
+  template <class Check>
+  static void ForEverySize(Check check) {
+    for (int gap : {0, 5}) {
+      for (int height = 1; height <= 65; ++height) {
+        for (int width = 1; width <= 65; ++width) {
+          check(width, height, gap);
+          if (HasFailure()) {
+            FAIL() << width << "x" << height << ", stride + " << gap;
+          }
+        }
+      }
+      for (int width = 126; width <= 200; ++width) {
+        check(width, 3, gap);
+      }
+    }
+  }
+};
+
+TEST_P(PixelConvertTest, PackedToPlanarTakesChromaOfOddRows) {
+  ForEverySize([](int width, int height, int gap) {
+    const Bytes packed = RandomBytes(static_cast<std::size_t>(width * height * 2));
+    Plane y(width, height, gap), u(width / 2, height / 2, gap), v(width / 2, height / 2, gap);
+    Plane wantY = y, wantU = u, wantV = v;
+    for (int row = 0; row < height; ++row) {
+      for (int x = 0; x < width; ++x) {
+        wantY.At(x, row) = packed[static_cast<std::size_t>((row * width + x) * 2)];
+      }
+    }
+    for (int row = 0; row < height / 2; ++row) {
+      for (int x = 0; x < width / 2; ++x) {
+        const auto pair = static_cast<std::size_t>(((2 * row + 1) * width + 2 * x) * 2);
+        wantU.At(x, row) = packed[pair + 1];
+        wantV.At(x, row) = packed[pair + 3];
+      }
+    }
+    YuyvToPlanar(packed.data(), y.Out(), u.Out(), v.Out(), width, height, *GetParam());
+    EXPECT_TRUE(y.bytes == wantY.bytes && u.bytes == wantU.bytes && v.bytes == wantV.bytes);
+  });
+}
+
+TEST_P(PixelConvertTest, PackedToSemiPlanarTakesChromaOfEvenRows) {
+  ForEverySize([](int width, int height, int gap) {
+    const Bytes packed = RandomBytes(static_cast<std::size_t>(width * height * 2));
+    Plane y(width, height, gap), uv(width / 2 * 2, height / 2, gap);
+    Plane wantUv = uv;
+    for (int row = 0; row < height / 2; ++row) {
+      for (int x = 0; x < width / 2 * 2; ++x) {
+        wantUv.At(x, row) = packed[static_cast<std::size_t>((2 * row * width + x) * 2 + 1)];
+      }
+    }
+    YuyvToSemiPlanar(packed.data(), y.Out(), uv.Out(), width, height, *GetParam());
+    EXPECT_TRUE(uv.bytes == wantUv.bytes);
+    EXPECT_EQ(y.At(width - 1, height - 1), packed[packed.size() - 2]);
+  });
+}
+
+TEST_P(PixelConvertTest, PlanarToPackedOfEachLayout) {
+  struct Layout {
+    ChromaLayout layout;
+    int across;  // Pixels for each chroma sample.
+    int down;
+  };
+  for (const Layout& layout :
+       {Layout{ChromaLayout::k420, 2, 2}, {ChromaLayout::k422, 2, 1}, {ChromaLayout::k444, 1, 1}}) {
+    ForEverySize([&layout](int width, int height, int gap) {
+      const int chromaWidth = (width + layout.across - 1) / layout.across;
+      const int chromaHeight = (height + layout.down - 1) / layout.down;
+      Plane y(width, height, gap), u(chromaWidth, chromaHeight, gap),
+          v(chromaWidth, chromaHeight, gap);
+      for (Plane* plane : {&y, &u, &v}) {
+        plane->bytes = RandomBytes(plane->bytes.size());
+      }
+      Bytes want;
+      for (int row = 0; row < height; ++row) {
+        for (int x = 0; x < width; ++x) {
+          Plane& chroma = x % 2 == 0 ? u : v;
+          want.push_back(y.At(x, row));
+          want.push_back(chroma.At(x / 2 * 2 / layout.across, row / layout.down));
+        }
+      }
+      // The last marks show that nothing is written behind the picture.
+      Bytes packed(want.size() + 64, kUntouched);
+      want.resize(packed.size(), kUntouched);
+      PlanarToYuyv(layout.layout, y.In(), u.In(), v.In(), packed.data(), width, height,
+                   *GetParam());
+      EXPECT_TRUE(packed == want);
+    });
+  }
+}
+
+std::vector<const PixelRows*> Versions() {
+  const PixelRowsChoice choice = AvailablePixelRows();
+  return {choice.versions, choice.versions + choice.count};
+}
+
+INSTANTIATE_TEST_SUITE_P(EveryVersion, PixelConvertTest, testing::ValuesIn(Versions()),
+                         [](const auto& version) {
+                           return version.param == &kPixelRowsScalar
+                                      ? "Scalar"
+                                      : "Vector" + std::to_string(version.index);
+                         });
+
+TEST(PixelConvertLayout, PackedOutputsOfTheExportedOperations) {
+  // 6x3: odd height; 18 luma samples, chroma 3x1 behind them at 18 and, for planes, 22.
+  Bytes packed(36);
+  for (std::size_t i = 0; i < packed.size(); ++i) {
+    packed[i] = static_cast<std::uint8_t>(i);
+  }
+  Bytes planar(27, kUntouched);
+  UVCEncoder::YUYVToYUV420P(packed.data(), planar.data(), 6, 3);
+  EXPECT_EQ(Bytes(planar.begin() + 16, planar.end()),
+            (Bytes{32, 34, 13, 17, 21, kUntouched, 15, 19, 23, kUntouched, kUntouched}));
+  Bytes semiPlanar(27, kUntouched);
+  UVCEncoder::YUYVToNV12(packed.data(), semiPlanar.data(), nullptr, 6, 3);
+  EXPECT_EQ(Bytes(semiPlanar.begin() + 16, semiPlanar.end()),
+            (Bytes{32, 34, 1, 3, 5, 7, 9, 11, kUntouched, kUntouched, kUntouched}));
+  UVCEncoder::YUYVToYUV420P(nullptr, nullptr, 0, -1);
+  UVCEncoder::YUYVToNV12(nullptr, nullptr, nullptr, -4, 4);
+
+  const std::uint8_t* const planes[3] = {packed.data(), packed.data() + 8, packed.data() + 12};
+  const int lineSizes[3] = {4, 2, 2};
+  Bytes yuyv(16);
+  UVCDecoder::YUV420PToYUV422(planes, lineSizes, yuyv.data(), 4, 2);
+  EXPECT_EQ(yuyv, (Bytes{0, 8, 1, 12, 2, 9, 3, 13, 4, 8, 5, 12, 6, 9, 7, 13}));
+}
+
+}  // namespace
+}  // namespace vel

@@ -1,0 +1,141 @@
+#ifndef VIRTUSB_TESTS_POLICYS_STREAM_CAMERA_GUEST_H
+#define VIRTUSB_TESTS_POLICYS_STREAM_CAMERA_GUEST_H
+
+#include <array>
+#include <cstdint>
+#include <cstring>
+#include <deque>
+#include <memory>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "policys/UVCStreamCtrl.h"
+#include "remote/ModuleChannel.h"
+#include "remote/RemoteDevice.h"
+#include "support/Limits.h"
+#include "vel/Mutex.h"
+
+namespace vel::test {
+
+using Bytes = std::vector<std::uint8_t>;
+
+// A guest's camera driver at the far side of a module, by packets alone. One thread.
+class CameraGuest {
+ public:
+  static constexpr std::uint8_t kEndpoint = 0x81;
+  static constexpr std::uint16_t kInterface = 1;
+
+  explicit CameraGuest(const DeviceIdentity& identity)
+      : mRemote(std::make_unique<RemoteDevice>(
+            std::make_unique<ModuleChannel>(ModuleLibrary::Load(VIRTUSB_MODULE), identity, true), 1,
+            kDeadline)) {}
+  CameraGuest(const CameraGuest&) = delete;
+  CameraGuest& operator=(const CameraGuest&) = delete;
+  // Reads that are outstanding are forgotten.
+  ~CameraGuest() = default;
+
+  RemoteDevice& Remote() { return *mRemote; }
+
+  void AllowTranscoding() {
+    constexpr std::string_view kText = "video";
+    EXPECT_EQ(mRemote->SetRedirPolicy(Bytes(kText.begin(), kText.end())), 0);
+  }
+  void Open() {
+    for (const Command command :
+         {Command::kOpenUsbDev, Command::kDetachKernelDriver, Command::kClaimAllInterface}) {
+      ASSERT_EQ(mRemote->Status(command), 0);
+    }
+  }
+  Bytes Configuration(std::uint16_t length = 4096) {
+    RemoteDevice::Result result = mRemote->ControlTransfer({0x80, 6, 0x0200, 0, length});
+    result.data.resize(static_cast<std::size_t>(std::max(result.value, 0)));
+    return result.data;
+  }
+
+  // Probe and commit, as a driver does it. What was agreed on.
+  UVCStreamCtrl Negotiate(std::uint8_t format, std::uint8_t frame) {
+    constexpr std::uint16_t kSize = 26;
+    UVCStreamCtrl ctrl{};
+    ctrl.bmHint = 1;
+    ctrl.bFormatIndex = format;
+    ctrl.bFrameIndex = frame;
+    ctrl.dwFrameInterval = 333333;
+    std::array<std::uint8_t, kSize> block{};
+    std::memcpy(block.data(), &ctrl, kSize);
+    EXPECT_EQ(mRemote->ControlTransfer({0x21, 0x01, 0x0100, kInterface, kSize}, block).value,
+              kSize);
+    const auto answer = mRemote->ControlTransfer({0xA1, 0x81, 0x0100, kInterface, kSize});
+    EXPECT_EQ(answer.value, kSize);
+    EXPECT_EQ(answer.data.size(), kSize);
+    std::memcpy(&ctrl, answer.data.data(), std::min<std::size_t>(answer.data.size(), kSize));
+    EXPECT_EQ(mRemote->ControlTransfer({0x21, 0x01, 0x0200, kInterface, kSize}, answer.data).value,
+              kSize);
+    return ctrl;
+  }
+  void Start(std::uint32_t altSetting = 1) {
+    EXPECT_EQ(mRemote->SetInterfaceAltSetting(kInterface, altSetting), 0);
+  }
+  void Stop() { Start(0); }
+
+  // A read of one frame. Its packet is small: the answer is as large as the frame.
+  std::uint32_t Read() {
+    constexpr std::array<std::uint32_t, 1> kPackets = {1};
+    ++mReads;
+    return mRemote->SubmitIsoTransfer(kEndpoint, kPackets, {},
+                                      [this](TransferReply reply) { Take(std::move(reply)); });
+  }
+  // The next reply, of status -1 when none comes by the deadline.
+  TransferReply Next() {
+    const auto deadline = std::chrono::steady_clock::now() + kDeadline;
+    MutexLock lock(mMutex);
+    while (mReplies.empty() && mReplied.WaitUntil(lock, deadline)) {
+    }
+    if (mReplies.empty()) {
+      return {.status = -1, .data = {}, .isoPackets = 0};
+    }
+    TransferReply reply = std::move(mReplies.front());
+    mReplies.pop_front();
+    --mReads;
+    return reply;
+  }
+  // The next frame, with `ahead` more reads under way, as drivers keep them.
+  Bytes Picture(int ahead = 3) {
+    while (mReads <= ahead) {
+      Read();
+    }
+    TransferReply reply = Next();
+    EXPECT_EQ(reply.status, 0);
+    return std::move(reply.data);
+  }
+  // The replies to all reads under way.
+  std::vector<TransferReply> Rest() {
+    std::vector<TransferReply> rest;
+    while (mReads > 0) {
+      rest.push_back(Next());
+      if (rest.back().status == -1) {
+        break;
+      }
+    }
+    return rest;
+  }
+
+ private:
+  void Take(TransferReply reply) {
+    const MutexLock lock(mMutex);
+    mReplies.push_back(std::move(reply));
+    mReplied.NotifyAll();
+  }
+
+  int mReads = 0;
+  Mutex mMutex;
+  CondVar mReplied;
+  std::deque<TransferReply> mReplies VEL_GUARDED_BY(mMutex);
+  const std::unique_ptr<RemoteDevice> mRemote;  // Last: its thread uses what is above.
+};
+
+}  // namespace vel::test
+
+#endif

@@ -1,0 +1,235 @@
+// Raw video-streaming blocks: the tree, the lookup in it, the filter, and what becomes of broken
+// ones.
+#include <algorithm>
+#include <iterator>
+#include <string>
+
+#include <gmock/gmock.h>
+
+#include "VsBlock.h"
+#include "policys/UVCUtil.h"
+#include "support/CapturingLog.h"
+
+namespace vel {
+namespace {
+
+using ::testing::ElementsAre;
+using Bytes = VsBlock::Bytes;
+
+constexpr const char* kTwo = "mjpeg 480 720 1080#4 still color yuyv 240x5 still color";
+
+// What is in a tree, in the words of VsBlock.
+std::string Text(const UVCInputHeaderPtr& header) {
+  std::string text;
+  for (int i = 0; header != nullptr && i < header->bNumFormats; ++i) {
+    const UVCFormatDesc& format = header->formats[i];
+    text += format.bDescriptorSubtype == 4   ? " yuyv"
+            : format.bDescriptorSubtype == 6 ? " mjpeg"
+                                             : " based";
+    for (int j = 0; j < format.bNumFrameDescriptors; ++j) {
+      const UVCFrameDesc& frame = format.frames[j];
+      text += " " + std::to_string(frame.wHeight);
+      text += frame.bFrameIndex == j + 1 ? "" : "#" + std::to_string(frame.bFrameIndex);
+      text += frame.bFrameIntervalType == 1 ? "" : "x" + std::to_string(frame.bFrameIntervalType);
+    }
+    text += format.stillImage == nullptr ? "" : " still";
+    text += format.colorMatching == nullptr ? "" : " color";
+  }
+  return text.empty() ? text : text.substr(1);
+}
+
+// From heap blocks of exactly their size, so that a read beyond them is noticed.
+UVCInputHeaderPtr Parse(std::span<const std::uint8_t> bytes) {
+  const Bytes exact(bytes.begin(), bytes.end());
+  return UVCUtil::ParseUVCInputHeader(std::span(exact));
+}
+
+TEST(UVCBlock, BecomesATreeOfItsDescriptors) {
+  struct Case {
+    std::string block;
+    std::vector<std::string> log;
+  };
+  const std::string missing = "Error:no still image desc found";
+  for (const Case& test :
+       {Case{kTwo, {}},
+        {"yuyv 480 yuyv 240 still color", {missing, missing}},
+        {"yuyv 480 still yuyv 240 still color", {missing}},
+        {"yuyv 480 color yuyv 240 still color", {missing}},
+        {"based 480 720 still color mjpeg 240", {missing, missing}},
+        {"yuyv 480x6 720 still color", {"Error:error: Unsupport camera interval type[6]"}}}) {
+    const CapturingLog log;
+    EXPECT_EQ(Text(Parse(VsBlock(test.block).bytes)), test.block);
+    EXPECT_EQ(log.Messages(), test.log);
+  }
+}
+
+TEST(UVCBlock, IsCopiedByteByByte) {
+  // A plus reads a field of a packed record; no reference may bind to it.
+  const auto header = Parse(VsBlock("based 480x5 720x6 800 still color", 0x83).bytes);
+  EXPECT_EQ(+header->wTotalLength, 14 + 28 + 46 + 50 + 30 + 10 + 6);
+  EXPECT_EQ(header->bEndpointAddress, 0x83);
+  EXPECT_EQ(header->bControlSize, 1);
+  const UVCFormatDesc& format = header->formats[0];
+  EXPECT_EQ(format.bFormatIndex, 1);
+  EXPECT_EQ(format.rest[22], 0xFB);
+  EXPECT_EQ(+format.frames[0].wWidth, 1480);
+  EXPECT_EQ(+format.frames[0].dwFrameInterval[4], 0xF5000000);
+  EXPECT_EQ(+format.frames[1].dwFrameInterval[4], 0U) << "the sixth is the one that is set";
+  EXPECT_EQ(+format.frames[2].dwFrameInterval[0], 0xF1000000);
+  EXPECT_EQ(+format.frames[2].dwFrameInterval[1], 0U) << "beyond its bLength";
+  EXPECT_EQ(Bytes(format.stillImage, format.stillImage + 10),
+            Bytes({10, 36, 3, 0, 1, 0x80, 2, 0xE0, 1, 0}));
+  EXPECT_EQ(Bytes(format.colorMatching, format.colorMatching + 6), Bytes({6, 36, 13, 1, 1, 4}));
+  UVCUtil::FreeInputHeader(Parse(VsBlock(kTwo).bytes).release());
+  UVCUtil::FreeInputHeader(nullptr);
+}
+
+TEST(UVCBlock, CutAnywhereGivesTheWholeDescriptorsBeforeTheCut) {
+  const VsBlock block(kTwo);
+  const std::string words = kTwo;
+  for (std::size_t size = 0; size < block.bytes.size(); ++size) {
+    SCOPED_TRACE(size);
+    const auto next = std::ranges::upper_bound(block.starts, size);
+    const auto whole = std::distance(block.starts.begin(), next) - 1;
+    std::size_t end = 0;  // Of the words of the whole ones behind the header.
+    for (std::ptrdiff_t i = 1; i < whole; ++i) {
+      end = words.find(' ', end + 1);
+    }
+    const CapturingLog log;
+    Bytes cut(block.bytes.begin(), block.bytes.begin() + static_cast<std::ptrdiff_t>(size));
+    EXPECT_EQ(Text(Parse(cut)), words.substr(0, whole < 2 ? 0 : end));
+    EXPECT_EQ(Parse(cut) == nullptr, whole == 0);
+    // Two whole descriptors behind the last frame need not be there.
+    const bool mayEndHere = size == block.starts[8] + 46 || size == block.starts[9] + 10;
+    EXPECT_EQ(log.Count("descriptors are broken"), mayEndHere ? 0U : 2U);
+    EXPECT_EQ(UVCUtil::FilterFrameDescriptors(std::span(cut), 5000),
+              whole == 0 ? size : *std::prev(next));
+  }
+}
+
+TEST(UVCBlock, BrokenLengthsAndCountsEndIt) {
+  struct Case {
+    const char* name;
+    std::size_t descriptor, byte;
+    std::uint8_t value;
+    std::string tree;
+    std::size_t errors;
+  };
+  const std::string first = "mjpeg 480 720 1080#4 still color";
+  for (const Case& test : {
+           Case{"header of no length", 0, 0, 0, "", 1},
+           {"header of length 1", 0, 0, 1, "", 1},
+           {"header beyond the block", 0, 0, 255, "", 1},
+           {"header without a count", 0, 0, 3, "", 0},
+           {"more formats than there are", 0, 3, 255, kTwo, 1},
+           {"format of no length", 1, 0, 0, "", 1},
+           {"still image as the fourth frame", 1, 4, 4,
+            "mjpeg 480 720 1080#4 480#0x0 color yuyv 240x5 still color", 0},
+           {"frame of length 1", 3, 0, 1, "mjpeg 480", 1},
+           {"still image of no length", 5, 0, 0, "mjpeg 480 720 1080#4", 1},
+           {"second format beyond the block", 7, 0, 200, first, 1},
+           {"more frames than there are", 7, 4, 255, first + " yuyv 240x5 480#0x0 0#1x0", 1},
+           {"last descriptor beyond the block", 9 + 1, 0, 7, first + " yuyv 240x5 still", 1},
+       }) {
+    SCOPED_TRACE(test.name);
+    VsBlock block(kTwo);
+    block.bytes[block.starts[test.descriptor] + test.byte] = test.value;
+    const CapturingLog log;
+    EXPECT_EQ(Text(Parse(block.bytes)), test.tree);
+    EXPECT_EQ(log.Count("descriptors are broken"), test.errors);
+    EXPECT_TRUE(test.errors == 0 || log.Lines().size() == 1)
+        << "what is missing behind is not told";
+  }
+}
+
+// The total tells no more than whether the optional descriptors at the very end are there.
+TEST(UVCBlock, WithoutItsSizeIsTrusted) {
+  for (const int total : {0, 20, -1, 0xFFFF}) {
+    VsBlock block(kTwo);
+    if (total >= 0) {
+      block.bytes[4] = static_cast<std::uint8_t>(total);
+      block.bytes[5] = static_cast<std::uint8_t>(total >> 8);
+    }
+    EXPECT_EQ(Text(UVCUtil::ParseUVCInputHeader(block.bytes.data())), kTwo);
+  }
+  const VsBlock open("yuyv 480");
+  const Bytes ended(open.bytes.begin(), open.bytes.end());  // Of exactly its size.
+  EXPECT_EQ(Text(UVCUtil::ParseUVCInputHeader(ended.data())), "yuyv 480");
+  VsBlock broken(kTwo);
+  broken.bytes[broken.starts[3]] = 0;
+  EXPECT_EQ(Text(UVCUtil::ParseUVCInputHeader(broken.bytes.data())), "mjpeg 480");
+}
+
+TEST(UVCFrameLookup, GoesByPositionAndFallsBackToTheLastFormat) {
+  struct Case {
+    std::uint8_t format, frame;
+    int height;
+    std::vector<std::string> errors;
+  };
+  const auto header = Parse(VsBlock(kTwo).bytes);
+  for (const Case& test : {Case{1, 1, 480, {}},
+                           {1, 3, 1080, {}},  // Its bFrameIndex is 4.
+                           {1, 4, 0, {"Error:Invalid frameIndex [4], format index[1]"}},
+                           {1, 0, 0, {"Error:Invalid frameIndex [0], format index[1]"}},
+                           {2, 1, 240, {}},
+                           {0, 1, 240, {}},
+                           {3, 1, 0, {"Error:Invalid formatIndex[3]"}}}) {
+    const CapturingLog log(OSKELO_LOG_ERROR);
+    const UVCFrameDesc* frame = UVCUtil::GetFrameTypeDesc(header.get(), test.format, test.frame);
+    EXPECT_EQ(frame == nullptr ? 0 : frame->wHeight, test.height)
+        << int{test.format} << '/' << int{test.frame};
+    EXPECT_EQ(log.Messages(), test.errors);
+  }
+  const CapturingLog log;
+  EXPECT_NE(UVCUtil::GetFrameTypeDesc(header.get(), 2, 1), nullptr);
+  EXPECT_EQ(UVCUtil::GetFrameTypeDesc(nullptr, 1, 1), nullptr);
+  EXPECT_EQ(UVCUtil::GetFrameTypeDesc(Parse(VsBlock("").bytes).get(), 0, 1), nullptr);
+  EXPECT_THAT(log.Messages(),
+              ElementsAre("Debug:Format subtype = 6, index = 1, formatIndex = 2",
+                          "Debug:Format subtype = 4, index = 2, formatIndex = 2",
+                          "Error:InputHeader is null", "Error:Invalid formatIndex[0]"));
+}
+
+TEST(UVCFilter, TakesTallFramesOut) {
+  struct Case {
+    std::uint32_t limit;
+    std::string before, after;
+  };
+  const std::string tall = "mjpeg 480 720 1080 2160 still color";
+  for (const Case& test :
+       {Case{1080, tall, "mjpeg 480 720 1080 still color"},
+        {2160, tall, tall},
+        {479, tall, "mjpeg still color"},
+        {1079, kTwo, "mjpeg 480 720 still color yuyv 240x5 still color"},
+        {600, "yuyv 480 1080 600 still color mjpeg 480 still color",
+         "yuyv 480 600#3 still color mjpeg 480 still color"},
+        {480, "yuyv 1 2 3 4 5 6 7 8 481 9 10", "yuyv 1 2 3 4 5 6 7 8 9#10 10#11"},
+        {480, "yuyv 481 480 mjpeg 60000 1 color", "yuyv 480#2 mjpeg 1#2 color"},
+        {480, "yuyv 481x9 480x40 still color", "yuyv 480x40#2 still color"}}) {
+    SCOPED_TRACE(test.before);
+    const Bytes after = VsBlock(test.after).bytes;
+    VsBlock bounded(test.before);
+    VsBlock trusted(test.before);
+    ASSERT_EQ(UVCUtil::FilterFrameDescriptors(std::span(bounded.bytes), test.limit), after.size());
+    ASSERT_EQ(UVCUtil::FilterFrameDescriptors(trusted.bytes.data(), test.limit), after.size());
+    bounded.bytes.resize(after.size());
+    trusted.bytes.resize(after.size());
+    EXPECT_EQ(bounded.bytes, after);
+    EXPECT_EQ(trusted.bytes, after);
+  }
+  VsBlock block(tall);
+  EXPECT_EQ(UVCUtil::FilterFrameDescriptors(block.bytes.data()), block.bytes.size() - 30)
+      << "the limit is 1080";
+}
+
+TEST(UVCFilter, CorrectsTheCountsOfABrokenBlock) {
+  VsBlock block(kTwo);
+  block.bytes[block.starts[4]] = 0;  // The third frame; the second one is too tall.
+  const Bytes after = VsBlock("mjpeg 480").bytes;
+  ASSERT_EQ(UVCUtil::FilterFrameDescriptors(std::span(block.bytes), 480), after.size());
+  block.bytes.resize(after.size());
+  EXPECT_EQ(block.bytes, after);
+}
+
+}  // namespace
+}  // namespace vel

@@ -1,0 +1,162 @@
+#include "support/CommandProcess.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <csignal>
+#include <stdexcept>
+#include <utility>
+
+#include "remote/StreamChannel.h"
+
+namespace vel {
+namespace {
+
+struct Pipe {
+  Pipe() {
+    std::array<int, 2> ends{};
+    if (pipe2(ends.data(), O_CLOEXEC) != 0) {
+      throw std::runtime_error("no pipe");
+    }
+    read = UniqueFd(ends[0]);
+    write = UniqueFd(ends[1]);
+  }
+  UniqueFd read;
+  UniqueFd write;
+};
+
+UniqueFd Copy(const UniqueFd& fd) {
+  return UniqueFd(fcntl(fd.Get(), F_DUPFD_CLOEXEC, 0));
+}
+
+bool IsReadable(const UniqueFd& fd, std::chrono::steady_clock::time_point deadline) {
+  pollfd ready{fd.Get(), POLLIN, 0};
+  const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+      deadline - std::chrono::steady_clock::now());
+  return poll(&ready, 1, static_cast<int>(std::max<std::int64_t>(left.count(), 0))) == 1;
+}
+
+std::size_t ReadSome(const UniqueFd& fd, std::string& text) {
+  std::array<char, 4096> buffer{};
+  const ssize_t count = read(fd.Get(), buffer.data(), buffer.size());
+  text.append(buffer.data(), static_cast<std::size_t>(count < 0 ? 0 : count));
+  return static_cast<std::size_t>(count < 0 ? 0 : count);
+}
+
+int Count(const std::string& text, const std::string& wanted) {
+  int count = 0;
+  for (std::size_t at = text.find(wanted); at != std::string::npos;
+       at = text.find(wanted, at + 1)) {
+    ++count;
+  }
+  return count;
+}
+
+}  // namespace
+
+CommandProcess::CommandProcess(std::vector<std::string> words, std::chrono::seconds deadline)
+    : mDeadline(deadline) {
+  Pipe input;
+  Pipe output;
+  Pipe messages;
+  std::vector<char*> arguments;
+  for (std::string& word : words) {
+    arguments.push_back(word.data());
+  }
+  arguments.push_back(nullptr);
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_adddup2(&actions, input.read.Get(), STDIN_FILENO);
+  posix_spawn_file_actions_adddup2(&actions, output.write.Get(), STDOUT_FILENO);
+  posix_spawn_file_actions_adddup2(&actions, messages.write.Get(), STDERR_FILENO);
+  const int error = posix_spawnp(&mPid, arguments[0], &actions, nullptr, arguments.data(), environ);
+  posix_spawn_file_actions_destroy(&actions);
+  if (error != 0) {
+    throw std::runtime_error("cannot run " + words[0]);
+  }
+  mInput = std::move(input.write);
+  mOutput = std::move(output.read);
+  mReader = std::thread(
+      [this, fd = std::move(messages.read)]() mutable { TakeMessagesDown(std::move(fd)); });
+}
+
+CommandProcess::~CommandProcess() {
+  mRemote.reset();
+  if (mPid > 0) {
+    kill(mPid, SIGKILL);
+    waitpid(mPid, nullptr, 0);
+  }
+  mReader.join();
+}
+
+void CommandProcess::TakeMessagesDown(UniqueFd messages) {
+  std::string text;
+  while (ReadSome(messages, text) > 0) {
+    const MutexLock lock(mMutex);
+    mMessages += std::exchange(text, {});
+    mChanged.NotifyAll();
+  }
+  const MutexLock lock(mMutex);
+  mEnded = true;
+  mChanged.NotifyAll();
+}
+
+RemoteDevice& CommandProcess::Remote() {
+  if (mRemote == nullptr) {
+    mRemote = std::make_unique<RemoteDevice>(
+        std::make_unique<StreamChannel>(Copy(mOutput), Copy(mInput)), 1, mDeadline);
+  }
+  return *mRemote;
+}
+
+void CommandProcess::AwaitMessage(const std::string& text, int times) {
+  const auto deadline = std::chrono::steady_clock::now() + mDeadline;
+  MutexLock lock(mMutex);
+  while (Count(mMessages, text) < times) {
+    if (mEnded || !mChanged.WaitUntil(lock, deadline)) {
+      throw std::runtime_error("no \"" + text + "\" in: " + mMessages);
+    }
+  }
+}
+
+CommandProcess::Ending CommandProcess::Leave(std::span<const std::uint8_t> lastBytes) {
+  if (!lastBytes.empty() && write(mInput.Get(), lastBytes.data(), lastBytes.size()) < 0) {
+    throw std::runtime_error("the command takes no more bytes");
+  }
+  mRemote.reset();
+  mInput = UniqueFd();
+  return Await();
+}
+
+CommandProcess::Ending CommandProcess::Kill(int signal) {
+  kill(mPid, signal);
+  return Await();
+}
+
+CommandProcess::Ending CommandProcess::Await() {
+  const auto deadline = std::chrono::steady_clock::now() + mDeadline;
+  Ending ending;
+  while (mRemote == nullptr && IsReadable(mOutput, deadline) &&
+         ReadSome(mOutput, ending.output) > 0) {
+  }
+  {
+    MutexLock lock(mMutex);
+    while (!mEnded && mChanged.WaitUntil(lock, deadline)) {
+    }
+    ending.messages = mMessages;
+    if (!mEnded) {
+      throw std::runtime_error("the command does not end; it said: " + mMessages);
+    }
+  }
+  int status = 0;
+  waitpid(std::exchange(mPid, -1), &status, 0);
+  ending.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  return ending;
+}
+
+}  // namespace vel
