@@ -35,7 +35,7 @@ constexpr std::uint8_t kGoodRest[] = {
     0x00, 0xF2, 0x7A, 0xBB, 0x59, 0x55, 0xD7, 0x57, 0xFF, 0xD9};
 constexpr std::array<std::uint8_t, 4> kGoodStart = {40, 107, 40, 174};
 constexpr std::array<std::uint8_t, 4> kGoodEnd = {53, 107, 53, 174};
-constexpr std::size_t kGoodBytes = 16 * 8 * 2;
+constexpr std::size_t kGoodBytes = std::size_t{16} * 8 * 2;
 
 Bytes GoodFrame() {
   Bytes frame(std::begin(kGoodHead), std::end(kGoodHead));

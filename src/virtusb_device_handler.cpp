@@ -361,7 +361,7 @@ void VirtUsb::velPrintData(const std::uint8_t* data, int n) const {
   }
   std::array<char, kShown * kCell + 1> text{};
   for (int i = 0; i < std::min(n, kShown); ++i) {
-    std::snprintf(text.data() + std::ptrdiff_t{i} * kCell, kCell + 1, "0x%.2x ", unsigned{data[i]});
+    static_cast<void>(std::snprintf(text.data() + std::ptrdiff_t{i} * kCell, kCell + 1, "0x%.2x ", unsigned{data[i]}));
   }
   VEL_DEVICE_DEBUG(mDeviceBase, "ret:%s", text.data());
 }

@@ -23,7 +23,7 @@ class FrameDump {
 
  private:
   struct FileCloser {
-    void operator()(std::FILE* file) const { std::fclose(file); }
+    void operator()(std::FILE* file) const { static_cast<void>(std::fclose(file)); }
   };
   using File = std::unique_ptr<std::FILE, FileCloser>;
 

@@ -1,6 +1,7 @@
 #include "policys/UVCDecoder.h"
 
 #include <system_error>
+#include <utility>
 
 #include "VelLog.h"
 #include "policys/DecodedPicture.h"
@@ -162,31 +163,43 @@ int UVCDecoder::GetOutputData(std::uint8_t* out, std::uint32_t* outSize) {
 }
 
 int UVCDecoder::DecodeAsync(std::uint8_t* in, std::uint32_t inSize, std::uint32_t index) {
-  HeapBlock block(in);
-  const int result = DecodeAsync(block, inSize, index);
-  static_cast<void>(block.release());  // Null when it was taken.
+  bool taken = false;
+  const int result = Submit(in, inSize, index, taken);
+  if (taken) {
+    FrameBlocks::Give(HeapBlock(in), inSize);
+  }
   return result;
 }
 
 int UVCDecoder::DecodeAsync(HeapBlock& in, std::uint32_t inSize, std::uint32_t index) {
+  bool taken = false;
+  const int result = Submit(in.get(), inSize, index, taken);
+  if (taken) {
+    FrameBlocks::Give(std::move(in), inSize);
+  }
+  return result;
+}
+
+int UVCDecoder::Submit(const std::uint8_t* in, std::uint32_t inSize, std::uint32_t index,
+                       bool& taken) {
   int result = 0;
   {
     const MutexLock lock(mCodecMutex);
     if (mContext == nullptr || mFrame == nullptr || in == nullptr || inSize == 0) {
       VEL_ERROR("inbuf: %p, inbufSize: %u, decoder ctx: %p, avframe: %p\n",
-                static_cast<void*>(in.get()), inSize, static_cast<void*>(mContext.get()),
+                static_cast<const void*>(in), inSize, static_cast<void*>(mContext.get()),
                 static_cast<void*>(mFrame.get()));
       return -1;
     }
+    taken = true;
     const std::int64_t now = Now();
     mStartTime = now;
     VEL_DEBUG("[UVC tuning] Start decode frame[%lld] at [%lld]", static_cast<long long>(index),
               static_cast<long long>(now));
-    result = Send(in.get(), inSize, index);
+    result = Send(in, inSize, index);
     mSent = true;
   }
   mCodecChanged.NotifyOne();
-  FrameBlocks::Give(std::move(in), inSize);
   if (result != 0) {
     VEL_ERROR("Do async decode fail (%d), frame size:%d\n", result, static_cast<int>(inSize));
     return -1;

@@ -274,7 +274,7 @@ void UVCEncoder::YUYVToNV12(const std::uint8_t* src, std::uint8_t* dstY, std::ui
     return;
   }
   std::uint8_t* uv = dstUV != nullptr ? dstUV : dstY + PackedBytes(width, height) / 2;
-  YuyvToSemiPlanar(src, {dstY, width}, {uv, width / 2 * 2}, width, height);
+  YuyvToSemiPlanar(src, {dstY, width}, {uv, std::ptrdiff_t{width / 2} * 2}, width, height);
 }
 
 void UVCEncoder::YUYVToYUV420P(const std::uint8_t* src, std::uint8_t* dst, int width, int height) {

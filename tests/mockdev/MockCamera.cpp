@@ -14,6 +14,8 @@
 #include <stdexcept>
 #include <utility>
 
+#include "mockdev/MockCameraDescriptors.h"
+
 namespace vel {
 namespace {
 
@@ -23,88 +25,7 @@ constexpr char kNode[] = "/dev/bus/usb/001/002";
 constexpr char kSysPath[] = "/sys/devices/usb1/1-1";
 constexpr std::array<std::uint8_t, 4096> kFifoFill{};
 constexpr std::size_t kSetupBytes = 8;
-constexpr std::size_t kHeaderBytes = 12;
 constexpr std::chrono::microseconds kMicroframe{125};
-constexpr unsigned kEof = 2;
-constexpr unsigned kErr = 0x40;
-
-constexpr std::array<std::array<int, 2>, 2> kSizes = {{{640, 480}, {320, 240}}};
-
-constexpr std::uint8_t Low(std::size_t value) {
-  return static_cast<std::uint8_t>(value);
-}
-constexpr std::uint8_t High(std::size_t value) {
-  return static_cast<std::uint8_t>(value >> 8U);
-}
-
-void Append(Bytes& bytes, const Bytes& more) {
-  bytes.insert(bytes.end(), more.begin(), more.end());
-}
-
-const Bytes kDevice = {18,
-                       1,
-                       0x00,
-                       0x02,
-                       0xEF,
-                       2,
-                       1,
-                       64,
-                       Low(MockCamera::kVendor),
-                       High(MockCamera::kVendor),
-                       Low(MockCamera::kProduct),
-                       High(MockCamera::kProduct),
-                       0,
-                       1,
-                       0,
-                       0,
-                       0,
-                       1};
-
-Bytes StreamingBlock() {
-  Bytes block = {15, 0x24, 1, 2, 0, 0, MockCamera::kEndpoint, 0, 2, 0, 0, 0, 1, 0, 0};
-  for (std::uint8_t format = 1; format <= 2; ++format) {
-    if (format == 1) {
-      Append(block, {27, 0x24, 4,    1, 2,    0x59, 0x55, 0x59, 0x32, 0, 0, 0x10, 0, 0x80,
-                     0,  0,    0xAA, 0, 0x38, 0x9B, 0x71, 16,   1,    0, 0, 0,    0});
-    } else {
-      Append(block, {11, 0x24, 6, 2, 2, 0, 1, 0, 0, 0, 0});
-    }
-    for (std::uint8_t frame = 1; frame <= 2; ++frame) {
-      const auto width = static_cast<std::size_t>(kSizes[frame - 1U][0]);
-      const auto height = static_cast<std::size_t>(kSizes[frame - 1U][1]);
-      Append(block, {30,          0x24,        Low(format == 1 ? 5 : 7),
-                     frame,       0,           Low(width),
-                     High(width), Low(height), High(height),
-                     0,           0,           0,
-                     1,           0,           0,
-                     0,           1,           0,
-                     0x60,        9,           0,
-                     0x15,        0x16,        5,
-                     0,           1,           0x15,
-                     0x16,        5,           0});
-    }
-    Append(block, {6, 0x24, 13, 1, 1, 4});
-  }
-  block[4] = Low(block.size());
-  block[5] = High(block.size());
-  return block;
-}
-
-Bytes Configuration(bool bulk) {
-  Bytes bytes = {9, 2, 0, 0, 2, 1, 0, 0x80, 250, 8, 11, 0, 2, 14, 3, 0, 0};
-  Append(bytes, {9, 4, 0, 0, 0, 14, 1, 0, 0, 13, 0x24, 1, 0, 1, 13, 0, 0, 0, 0, 0, 1, 1});
-  Append(bytes, {9, 4, 1, 0, Low(bulk ? 1 : 0), 14, 2, 0, 0});
-  Append(bytes, StreamingBlock());
-  if (bulk) {
-    Append(bytes, {7, 5, MockCamera::kEndpoint, 2, 0x00, 0x02, 0});
-  } else {
-    // 3 packets of 1024 bytes in a microframe.
-    Append(bytes, {9, 4, 1, 1, 1, 14, 2, 0, 0, 7, 5, MockCamera::kEndpoint, 5, 0x00, 0x14, 1});
-  }
-  bytes[2] = Low(bytes.size());
-  bytes[3] = High(bytes.size());
-  return bytes;
-}
 
 // A device in umockdev's notation.
 std::string DeviceText(const std::string& path, int number, const Bytes& descriptors) {
@@ -143,16 +64,16 @@ UMockdevIoctlData* Buffer(UMockdevIoctlData& urb, std::size_t length) {
 
 MockCamera::MockCamera(const Options& options)
     : mOptions(options),
-      mConfig(Configuration(options.bulk)),
+      mConfig(MockCameraConfiguration(options.bulk)),
+      mPayloads(options.faults, kPacketsPerFrame),
       mTestbed(umockdev_testbed_new()),
       mHandler(umockdev_ioctl_base_new()) {
   g_signal_connect(mHandler.get(), "handle-ioctl", G_CALLBACK(&MockCamera::OnIoctl), this);
   g_signal_connect(mHandler.get(), "client-connected", G_CALLBACK(&MockCamera::OnOpened), this);
   umockdev_testbed_attach_ioctl(mTestbed.get(), kNode, mHandler.get(), nullptr);
-  Bytes descriptors = kDevice;
-  Append(descriptors, mConfig);
-  Bytes hub = kDevice;
-  hub[4] = 9;
+  Bytes descriptors = MockCameraDevice(0xEF);
+  descriptors.insert(descriptors.end(), mConfig.begin(), mConfig.end());
+  const Bytes hub = MockCameraDevice(9);
   const std::string text = DeviceText("/devices/usb1", 1, hub) + "\n" +
                            DeviceText("/devices/usb1/1-1", kAddress, descriptors);
   if (umockdev_testbed_add_from_string(mTestbed.get(), text.c_str(), nullptr) == FALSE) {
@@ -186,14 +107,12 @@ MockCamera::~MockCamera() {
 
 void MockCamera::Show(std::vector<Bytes> pictures) {
   const MutexLock lock(mMutex);
-  mPictures = std::move(pictures);
-  mFrames = mAllowed = 0;
-  mSent.clear();
+  mPayloads.Show(std::move(pictures));
 }
 
 void MockCamera::Allow(int frames) {
   const MutexLock lock(mMutex);
-  mAllowed += frames;
+  mPayloads.Allow(frames);
   mChanged.NotifyAll();
 }
 
@@ -219,7 +138,7 @@ void MockCamera::Unplug() {
 
 std::vector<Bytes> MockCamera::Sent() {
   const MutexLock lock(mMutex);
-  return mSent;
+  return mPayloads.Sent();
 }
 
 MockCamera::State MockCamera::Look() {
@@ -372,13 +291,14 @@ void MockCamera::ServeControl(Urb& urb) {
   answer.resize(std::min(answer.size(), room));
   urb.moved = answer.size();
   urb.in.assign(data.begin(), data.begin() + kSetupBytes);
-  Append(urb.in, answer);
+  urb.in.insert(urb.in.end(), answer.begin(), answer.end());
 }
 
 // The sizes of what the guest asks for (UVC 1.1, table 4-47).
 void MockCamera::Agree() {
-  const std::size_t frame = std::clamp<std::size_t>(mControl[3], 1, kSizes.size()) - 1;
-  const std::uint32_t size = 2U * static_cast<std::uint32_t>(kSizes[frame][0] * kSizes[frame][1]);
+  const std::size_t frame = std::clamp<std::size_t>(mControl[3], 1, kMockCameraSizes.size()) - 1;
+  const std::uint32_t size =
+      2U * static_cast<std::uint32_t>(kMockCameraSizes[frame][0] * kMockCameraSizes[frame][1]);
   const std::uint32_t payload = mOptions.bulk ? kBulkPayload : kPayload;
   std::memcpy(&mControl[18], &size, sizeof size);
   std::memcpy(&mControl[22], &payload, sizeof payload);
@@ -386,7 +306,8 @@ void MockCamera::Agree() {
 
 // Isochronous transfers move on without data, bulk ones wait for it.
 bool MockCamera::IsReady() const {
-  return !mPending.empty() && (!mOptions.bulk || mGap > 0 || HasData());
+  return !mPending.empty() &&
+         (!mOptions.bulk || mPayloads.IsBetweenFrames() || mPayloads.HasData());
 }
 
 void MockCamera::RunBus() {
@@ -414,74 +335,24 @@ void MockCamera::RunBus() {
 void MockCamera::ServeStream() {
   Urb& urb = mPending.front();
   if (mOptions.bulk) {
-    if (mGap > 0) {  // The time between two frames.
-      mGap = 0;
-      return;
-    }
-    if (!HasData()) {
+    if (!mPayloads.HasData()) {
+      mPayloads.SkipGap();
       return;
     }
     urb.in.resize(urb.length);
-    urb.moved = static_cast<std::size_t>(NextPayload(urb.in));
+    urb.moved = static_cast<std::size_t>(mPayloads.Next(urb.in));
     urb.in.resize(urb.moved);
   } else {
     urb.in.resize(urb.length);
     std::size_t place = 0;
     for (usbdevfs_iso_packet_desc& packet : Packets(*urb.data)) {
-      const int moved = NextPayload(std::span(urb.in).subspan(place, packet.length));
+      const int moved = mPayloads.Next(std::span(urb.in).subspan(place, packet.length));
       packet.status = static_cast<unsigned>(moved < 0 ? -EPROTO : 0);
       packet.actual_length = static_cast<unsigned>(std::max(moved, 0));
       place += packet.length;
     }
   }
   mDone.splice(mDone.end(), mPending, mPending.begin());
-}
-
-int MockCamera::Header(std::span<std::uint8_t> room, unsigned flags) const {
-  std::ranges::fill(room.first(kHeaderBytes), std::uint8_t{0xEE});
-  room[0] = kHeaderBytes;
-  room[1] = static_cast<std::uint8_t>(mFid | 0x80U | flags);
-  return static_cast<int>(kHeaderBytes);
-}
-
-int MockCamera::NextPayload(std::span<std::uint8_t> room) {
-  if (!HasData()) {
-    mGap -= mGap > 0 ? 1 : 0;
-    mFid ^= 1U;  // Of the frame before, which this ends again.
-    const int moved = Header(room, kEof);
-    mFid ^= 1U;
-    return moved;
-  }
-  ++mSpent;
-  const unsigned chance = static_cast<unsigned>(mRandom() % 1000);
-  if (chance < mOptions.headersAlone) {
-    return Header(room, 0);
-  }
-  const Bytes& picture = mPictures[static_cast<std::size_t>(mFrames) % mPictures.size()];
-  const std::size_t count = std::min(room.size() - kHeaderBytes, picture.size() - mOffset);
-  const bool ends = mOffset + count == picture.size();
-  if (!mResends && chance < mOptions.headersAlone + mOptions.errors) {
-    mResends = true;
-    std::ranges::fill(room.subspan(kHeaderBytes, count), std::uint8_t{0xBD});
-    return Header(room, kErr | (ends ? kEof : 0)) + static_cast<int>(count);
-  }
-  mResends = false;
-  const bool lost = 999 - chance < mOptions.lost;
-  const auto from = picture.begin() + static_cast<std::ptrdiff_t>(mOffset);
-  if (!lost) {
-    std::copy_n(from, count, room.begin() + kHeaderBytes);
-    mArrived.insert(mArrived.end(), from, from + static_cast<std::ptrdiff_t>(count));
-  }
-  const int moved = Header(room, ends ? kEof : 0) + static_cast<int>(count);
-  mOffset += count;
-  if (ends) {
-    mSent.push_back(std::exchange(mArrived, {}));
-    ++mFrames;
-    mOffset = 0;
-    mFid ^= 1U;
-    mGap = std::max(kPacketsPerFrame - std::exchange(mSpent, 0), 1);
-  }
-  return lost ? -1 : moved;
 }
 
 std::size_t MockCamera::Kill(int status, std::uintptr_t only) {

@@ -5,18 +5,15 @@
 #include <cstdint>
 #include <list>
 #include <memory>
-#include <random>
-#include <span>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include <umockdev.h>
 
+#include "mockdev/MockPayloads.h"
 #include "remote/FdStream.h"
 #include "vel/Mutex.h"
-
-struct usbdevfs_iso_packet_desc;
 
 namespace vel {
 
@@ -40,11 +37,7 @@ class MockCamera {
 
   struct Options {
     bool bulk = false;
-    // What happens to how many of 1000 packets: lost on the bus, sent with the error bit and again
-    // without, preceded by one that is a header alone.
-    unsigned lost = 0;
-    unsigned errors = 0;
-    unsigned headersAlone = 0;
+    MockPayloads::Faults faults{};
   };
 
   explicit MockCamera(const Options& options);
@@ -101,11 +94,6 @@ class MockCamera {
   bool IsReady() const VEL_REQUIRES(mMutex);
   // Completes the first transfer that waits.
   void ServeStream() VEL_REQUIRES(mMutex);
-  bool HasData() const VEL_REQUIRES(mMutex) { return mGap == 0 && mFrames < mAllowed; }
-  // Writes the next payload, of at most `room` bytes; what it has. Negative when it is lost.
-  int NextPayload(std::span<std::uint8_t> room) VEL_REQUIRES(mMutex);
-  int Header(std::span<std::uint8_t> room, unsigned flags) const VEL_REQUIRES(mMutex);
-
   std::size_t Kill(int status, std::uintptr_t only = 0) VEL_REQUIRES(mMutex);
   // Tells poll() and those who wait here.
   void Changed() VEL_REQUIRES(mMutex);
@@ -126,17 +114,7 @@ class MockCamera {
   Bytes mControl VEL_GUARDED_BY(mMutex) = Bytes(34);  // Probe and commit.
   int mSetting VEL_GUARDED_BY(mMutex) = 0;
   bool mHalted VEL_GUARDED_BY(mMutex) = false;
-  std::vector<Bytes> mPictures VEL_GUARDED_BY(mMutex);
-  int mAllowed VEL_GUARDED_BY(mMutex) = 0;
-  int mFrames VEL_GUARDED_BY(mMutex) = 0;          // Begun and ended.
-  std::size_t mOffset VEL_GUARDED_BY(mMutex) = 0;  // In the picture.
-  int mGap VEL_GUARDED_BY(mMutex) = 0;             // Packets until the next frame is due.
-  int mSpent VEL_GUARDED_BY(mMutex) = 0;           // Packets for this one.
-  std::uint8_t mFid VEL_GUARDED_BY(mMutex) = 0;
-  bool mResends VEL_GUARDED_BY(mMutex) = false;
-  Bytes mArrived VEL_GUARDED_BY(mMutex);  // Of the frame under way.
-  std::vector<Bytes> mSent VEL_GUARDED_BY(mMutex);
-  std::mt19937 mRandom VEL_GUARDED_BY(mMutex){20240117};
+  MockPayloads mPayloads VEL_GUARDED_BY(mMutex);
 
   // Their threads use what is above.
   const ObjectPtr<UMockdevTestbed> mTestbed;

@@ -63,8 +63,8 @@ struct Streaming {
 
   void Start(std::uint8_t format, std::uint8_t frame) {
     camera->Show(pictures = Pictures(format, frame));
-    const UVCStreamCtrl ctrl = guest.Negotiate(format, frame);
-    EXPECT_EQ(ctrl.dwMaxVideoFrameSize, frame == kLarge ? 614400U : 153600U);
+    const std::uint32_t size = guest.Negotiate(format, frame).dwMaxVideoFrameSize;
+    EXPECT_EQ(size, frame == kLarge ? 614400U : 153600U);
     // A camera that streams over bulk has no such setting, and the stream starts all the same.
     EXPECT_EQ(guest.Remote().SetInterfaceAltSetting(1, 1) == 0, !bulk);
   }
@@ -88,8 +88,8 @@ struct Streaming {
 };
 
 TEST(RealCamera, PicturesComeOutBitExact) {
-  const Options faults{.bulk = false, .lost = 3, .errors = 30, .headersAlone = 200};
-  const Options bulkFaults{.bulk = true, .lost = 0, .errors = 30, .headersAlone = 200};
+  const Options faults{.bulk = false, .faults = {.lost = 3, .errors = 30, .headersAlone = 200}};
+  const Options bulkFaults{.bulk = true, .faults = {.lost = 0, .errors = 30, .headersAlone = 200}};
   struct Case {
     const char* name;
     Options options;
@@ -107,7 +107,7 @@ TEST(RealCamera, PicturesComeOutBitExact) {
     const std::vector<Bytes> received = stream.Receive(12);
     const std::vector<Bytes> sent = stream.camera->Sent();
     EXPECT_TRUE(received == sent);
-    if (test.options.lost == 0) {
+    if (test.options.faults.lost == 0) {
       for (std::size_t i = 0; i < sent.size(); ++i) {
         EXPECT_TRUE(sent[i] == stream.pictures[i % stream.pictures.size()]) << i;
       }
@@ -135,6 +135,9 @@ TEST(RealCamera, TranscodedPicturesDecode) {
 
 // The camera sends by its own clock, and the guest keeps up with it.
 TEST(RealCamera, NoFrameIsLostAtThirtyASecond) {
+  if (kSanitized) {
+    GTEST_SKIP() << "an instrumented build does not keep up with a camera's clock";
+  }
   constexpr int kFrames = 60;
   Streaming stream({});
   const auto begin = Clock::now();

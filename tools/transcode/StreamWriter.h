@@ -32,7 +32,7 @@ class StreamWriter {
 
  private:
   struct FileCloser {
-    void operator()(std::FILE* file) const { std::fclose(file); }
+    void operator()(std::FILE* file) const { static_cast<void>(std::fclose(file)); }
   };
   void Run();
 

@@ -58,12 +58,13 @@ class Progress {
     if (now < mNext) {
       return;
     }
-    std::fprintf(stderr, mTerminal ? "\r%u frames in, %u out" : "%u frames in, %u out\n", in, out);
+    static_cast<void>(std::fprintf(
+        stderr, mTerminal ? "\r%u frames in, %u out" : "%u frames in, %u out\n", in, out));
     mNext = now + (mTerminal ? std::chrono::milliseconds(200) : std::chrono::seconds(5));
   }
   void End() const {
     if (mTerminal) {
-      std::fputs("\r\033[K", stderr);
+      static_cast<void>(std::fputs("\r\033[K", stderr));
     }
   }
 
@@ -158,7 +159,7 @@ void PrintJson(const Summary& summary) {
 }
 
 int Fail(int status, const std::string& text) {
-  std::fprintf(stderr, "virtusb-transcode: %s\n", text.c_str());
+  static_cast<void>(std::fprintf(stderr, "virtusb-transcode: %s\n", text.c_str()));
   return status;
 }
 

@@ -13,11 +13,13 @@ namespace {
 
 constexpr char kFallbackName[] = "libx264";
 
-// The receiver's buffer that the rate control keeps from running dry, in milliseconds of the bit rate. A key frame takes
-// up to 0.6 of it: at 25 pictures per second this keeps it below 12 times the average, where a second does not.
+// The receiver's buffer that the rate control keeps from running dry, in milliseconds of the bit
+// rate. A key frame takes up to 0.6 of it: at 25 pictures per second this keeps it below 12 times
+// the average, where a second does not.
 constexpr std::int64_t kRateBufferMs = 700;
 
-// How freely libx264 moves bits between pictures, 0 to 1. Its 0.6 falls short of the rate with this buffer.
+// How freely libx264 moves bits between pictures, 0 to 1. Its 0.6 falls short of the rate with this
+// buffer.
 constexpr float kRateCompression = 0.3F;
 
 }  // namespace
@@ -44,6 +46,11 @@ int FFmpegEncoder::open(const EncoderParam& param) {
   mCodec = FindCodec();
   if (mCodec == nullptr) {
     VEL_ERROR("FFmpeg has no H.264 encoder");
+    return -1;
+  }
+  if (param.width % 2 != 0 || param.height % 2 != 0) {
+    // No encoder takes halves of a chroma sample, and finding that out in libx264 leaks.
+    VEL_ERROR("Could not open codec:%d", AVERROR(EINVAL));
     return -1;
   }
   mEncCtx.reset(avcodec_alloc_context3(mCodec));

@@ -195,7 +195,7 @@ TEST(Capture, KeepsTheRateOfTheFile) {
   const auto times = stream.Times();
   const auto took = times[12] - times[0];
   EXPECT_GE(took, std::chrono::milliseconds(575));
-  EXPECT_LT(took, std::chrono::milliseconds(600 + 200 * kSlowdown));
+  EXPECT_LT(took, std::chrono::milliseconds(600 + 1000 * kSlowdown));
 }
 
 TEST(Capture, SaysWhatIsWrongWithABadSource) {
@@ -353,7 +353,7 @@ TEST(Capture, StopsAndClosesAtOnceAtAnyMoment) {
       CamClose(slow.Path().c_str());
     }
   }
-  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2 * kSlowdown));
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5 * kSlowdown));
 }
 
 // The callback of the test below, and where it is.

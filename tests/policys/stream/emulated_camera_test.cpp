@@ -19,8 +19,6 @@ namespace vel::test {
 namespace {
 
 using Clock = std::chrono::steady_clock;
-using ::testing::Each;
-using ::testing::Field;
 using ::testing::SizeIs;
 
 std::chrono::seconds gSoak{3};
@@ -125,7 +123,8 @@ TEST(EmulatedCamera, DeliversEachPictureOfItsSourceWholeAndInOrder) {
   guest.Open();
   for (const Size& size : kSizes) {  // A second application of another size.
     SCOPED_TRACE(size.height);
-    EXPECT_EQ(guest.Negotiate(1, size.frame).dwMaxVideoFrameSize, size.Bytes());
+    const std::uint32_t frameSize = guest.Negotiate(1, size.frame).dwMaxVideoFrameSize;
+    EXPECT_EQ(frameSize, size.Bytes());
     guest.Start();
     std::uint32_t number = 0;
     for (int i = 0; i < 20; ++i) {

@@ -10,11 +10,8 @@
 namespace vel::test {
 namespace {
 
-using ::testing::Contains;
-using ::testing::Each;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
-using ::testing::Not;
 using ::testing::SizeIs;
 
 constexpr std::uint32_t kMax = kMaxVideoFrameSize;

@@ -16,12 +16,8 @@
 namespace vel::test {
 namespace {
 
-using ::testing::Contains;
 using ::testing::Each;
 using ::testing::ElementsAre;
-using ::testing::Field;
-using ::testing::IsEmpty;
-using ::testing::Not;
 using ::testing::SizeIs;
 
 using C = ScriptedCamera;
