@@ -5,6 +5,7 @@
 #include <time.h>
 
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
@@ -81,17 +82,21 @@ void Compare(const std::string& name, double goal, int rounds, const Work& ours,
 class ColdBlocks {
  public:
   explicit ColdBlocks(std::size_t bytes)
-      : mBytes(bytes), mCount(std::max<std::size_t>(kTotal / bytes, 2)) {
-    mMemory.resize(mBytes * mCount, 1);
-  }
-  std::uint8_t* Next() { return mMemory.data() + mBytes * (mNext++ % mCount); }
+      : mBytes(bytes),
+        mCount(std::max<std::size_t>(kTotal / bytes, 2)),
+        mMemory(mBytes * mCount / sizeof(Line) + 1) {}
+  std::uint8_t* Next() { return mMemory.front().bytes.data() + mBytes * (mNext++ % mCount); }
 
  private:
+  // Aligned as FFmpeg's and large malloc blocks' lines are.
+  struct alignas(64) Line {
+    std::array<std::uint8_t, 64> bytes{};
+  };
   static constexpr std::size_t kTotal = std::size_t{160} << 20U;
   const std::size_t mBytes;
   const std::size_t mCount;
   std::size_t mNext = 0;
-  Bytes mMemory;
+  std::vector<Line> mMemory;
 };
 
 constexpr int kFramesInRound = 8;

@@ -1,6 +1,6 @@
-// Bulk IN transfers of a real device: through the module, and with libusb directly, in turns. The kernel is a mock, so
-// that the times are its own; what the module adds is in the differences. `libusb_bench [ROUNDS]`, under
-// umockdev-wrapper.
+// Bulk IN transfers of a real device: through the module, and with libusb directly, in turns. The
+// kernel is a mock, so that the times are its own; what the module adds is in the differences.
+// `libusb_bench [ROUNDS]`, under umockdev-wrapper.
 #include <libusb-1.0/libusb.h>
 
 #include <algorithm>
@@ -42,15 +42,17 @@ class Direct {
  public:
   explicit Direct(std::uint32_t bytes) {
     libusb_init(&mContext);
-    mHandle = libusb_open_device_with_vid_pid(mContext, MockUsbDevice::kVendor, MockUsbDevice::kProduct);
-    if (mHandle == nullptr || libusb_detach_kernel_driver(mHandle, 0) != 0 || libusb_claim_interface(mHandle, 0) != 0) {
+    mHandle =
+        libusb_open_device_with_vid_pid(mContext, MockUsbDevice::kVendor, MockUsbDevice::kProduct);
+    if (mHandle == nullptr || libusb_detach_kernel_driver(mHandle, 0) != 0 ||
+        libusb_claim_interface(mHandle, 0) != 0) {
       throw std::runtime_error("the mocked device cannot be taken");
     }
     for (std::uint32_t i = 0; i < kWindow; ++i) {
       mBuffers.emplace_back(bytes);
       libusb_transfer* transfer = libusb_alloc_transfer(0);
-      libusb_fill_bulk_transfer(transfer, mHandle, kSource, mBuffers.back().data(), static_cast<int>(bytes), &OnDone,
-                                this, 0);
+      libusb_fill_bulk_transfer(transfer, mHandle, kSource, mBuffers.back().data(),
+                                static_cast<int>(bytes), &OnDone, this, 0);
       mTransfers.push_back(transfer);
     }
     mThread = std::thread([this] {
@@ -141,7 +143,7 @@ class Through {
 };
 
 struct Times {
-  std::vector<double> streams;     // Microseconds of kTransfers, kWindow in flight; one value a round.
+  std::vector<double> streams;  // Microseconds of kTransfers, kWindow in flight; one value a round.
   std::vector<double> roundTrips;  // One in flight; one value a transfer.
 };
 
@@ -173,10 +175,10 @@ void RunAll(int rounds) {
     const double moduleRate = moved / Median(module.streams);
     const double directTrip = Median(direct.roundTrips);
     const double moduleTrip = Median(module.roundTrips);
-    std::printf("%6u B  throughput  [MB/s]     %10.2f  %10.2f   %5.1f %%\n", bytes, directRate, moduleRate,
-                100 * moduleRate / directRate);
-    std::printf("          round trip  [us]       %10.1f  %10.1f   %+5.1f\n", directTrip, moduleTrip,
-                moduleTrip - directTrip);
+    std::printf("%6u B  throughput  [MB/s]     %10.2f  %10.2f   %5.1f %%\n", bytes, directRate,
+                moduleRate, 100 * moduleRate / directRate);
+    std::printf("          round trip  [us]       %10.1f  %10.1f   %+5.1f\n", directTrip,
+                moduleTrip, moduleTrip - directTrip);
   }
 }
 
@@ -185,7 +187,7 @@ void RunAll(int rounds) {
 
 int main(int argc, char** argv) {
   try {
-    vel::RunAll(argc > 1 ? std::max(1, std::atoi(argv[1])) : 15);
+    vel::RunAll(argc > 1 ? static_cast<int>(std::max(1L, std::strtol(argv[1], nullptr, 10))) : 15);
   } catch (const std::exception& error) {
     std::fprintf(stderr, "libusb_bench: %s (run it under umockdev-wrapper)\n", error.what());
     return 1;

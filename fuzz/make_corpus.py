@@ -90,6 +90,7 @@ SEEDS = {
         "camera": bytes([CAMERA | ANSWERS_FAILURES]) + ENUMERATE + STREAM,
         "camera_transcoding": bytes([CAMERA | ANSWERS_FAILURES]) + packet(POLICY, struct.pack("<I", 1) + b"x") + STREAM,
         "camera_at_close": bytes([CAMERA]) + STREAM[:-40],
+        "camera_not_opened": bytes([CAMERA | ANSWERS_FAILURES]) + packet(DEVICE) + packet(CONFIG) + STREAM[4:],
         "odd_packets": bytes([RAW]) + ODD,
         "odd_packets_logged": bytes([CH9102 | LOGS]) + ODD + ENUMERATE,
         "pending_at_close": bytes([KEYBOARD | ANSWERS_FAILURES]) + transfer(INTERRUPT, 0x81, 1, 8) * 3 + packet(CLOSE) +

@@ -38,7 +38,18 @@ void Luma(const Byte* packed, Byte* y, std::size_t pixels) {
   kPixelRowsSse2.luma(packed + 2 * x, y + x, pixels - x);
 }
 
-void Planar(const Byte* packed, Byte* y, Byte* u, Byte* v, std::size_t pixels) {
+// Past the caches; aligned.
+template <bool kStream>
+void StoreChroma(Byte* to, __m256i bytes) {
+  if constexpr (kStream) {
+    _mm256_stream_si256(reinterpret_cast<__m256i*>(to), bytes);
+  } else {
+    Store(to, bytes);
+  }
+}
+
+template <bool kStream>
+void PlanarRow(const Byte* packed, Byte* y, Byte* u, Byte* v, std::size_t pixels) {
   std::size_t x = 0;
   for (; x + 64 <= pixels; x += 64) {
     const __m256i a = Load(packed + 2 * x);
@@ -49,10 +60,24 @@ void Planar(const Byte* packed, Byte* y, Byte* u, Byte* v, std::size_t pixels) {
     Store(y + x + 32, Even(c, d));
     const __m256i uvLow = Odd(a, b);
     const __m256i uvHigh = Odd(c, d);
-    Store(u + x / 2, Even(uvLow, uvHigh));
-    Store(v + x / 2, Odd(uvLow, uvHigh));
+    StoreChroma<kStream>(u + x / 2, Even(uvLow, uvHigh));
+    StoreChroma<kStream>(v + x / 2, Odd(uvLow, uvHigh));
+  }
+  if constexpr (kStream) {
+    _mm_sfence();
   }
   kPixelRowsSse2.planar(packed + 2 * x, y + x, u + x / 2, v + x / 2, pixels - x);
+}
+
+void Planar(const Byte* packed, Byte* y, Byte* u, Byte* v, std::size_t pixels) {
+  const bool aligned = (reinterpret_cast<std::uintptr_t>(u) | reinterpret_cast<std::uintptr_t>(v)) %
+                           sizeof(__m256i) ==
+                       0;
+  if (aligned && pixels >= kStreamFromPixels) {
+    PlanarRow<true>(packed, y, u, v, pixels);
+  } else {
+    PlanarRow<false>(packed, y, u, v, pixels);
+  }
 }
 
 void SemiPlanar(const Byte* packed, Byte* y, Byte* uv, std::size_t pixels) {

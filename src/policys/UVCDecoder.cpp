@@ -258,7 +258,7 @@ void UVCDecoder::PassOn(const AVFrame& picture, _UVC_DECODER_TYPE type,
     VEL_DEBUG("decode success, frame size[%d]\n", static_cast<int>(size));
   }
   if (size > 0 && mHandler != nullptr) {
-    mHandler->OnFinishDecode(out.get(), size, picture.pts);
+    mHandler->OnFinishDecodeBlock(out, size, picture.pts);
   }
   FrameBlocks::Give(std::move(out), bytes);
 }

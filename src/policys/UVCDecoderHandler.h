@@ -3,6 +3,8 @@
 
 #include <cstdint>
 
+#include "policys/FrameBlocks.h"
+
 namespace vel {
 
 class UVCDecoderHandler {
@@ -11,6 +13,11 @@ class UVCDecoderHandler {
   // of the frame that it was made of. The decoder's worker thread; no lock is held; must not
   // release the decoder.
   virtual void OnFinishDecode(std::uint8_t* data, std::uint32_t length, std::int64_t index) = 0;
+  // The same with the picture's block, which the handler may take. Otherwise it stays the
+  // decoder's.
+  virtual void OnFinishDecodeBlock(HeapBlock& block, std::uint32_t length, std::int64_t index) {
+    OnFinishDecode(block.get(), length, index);
+  }
   virtual ~UVCDecoderHandler() = default;
 
  protected:

@@ -171,13 +171,20 @@ void UVCFrameManager::OnFinishEncode(std::uint32_t index, std::uint8_t* data, st
 }
 
 void UVCFrameManager::OnFinishDecode(std::uint8_t* data, std::uint32_t length, std::int64_t index) {
-  const std::shared_ptr<Stream> stream = CurrentStream();
   HeapBlock copy = FrameBlocks::Take(length);
-  if (stream == nullptr || copy == nullptr) {
+  if (copy != nullptr) {
+    std::memcpy(copy.get(), data, length);
+    OnFinishDecodeBlock(copy, length, index);
+  }
+}
+
+void UVCFrameManager::OnFinishDecodeBlock(HeapBlock& block, std::uint32_t length,
+                                          std::int64_t index) {
+  const std::shared_ptr<Stream> stream = CurrentStream();
+  if (stream == nullptr) {
     return;
   }
-  std::memcpy(copy.get(), data, length);
-  UVCFramePtr frame = MakeUvcFrame(std::move(copy), length, static_cast<std::uint32_t>(index));
+  UVCFramePtr frame = MakeUvcFrame(std::move(block), length, static_cast<std::uint32_t>(index));
   if (frame == nullptr) {
     return;
   }

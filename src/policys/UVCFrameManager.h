@@ -49,6 +49,8 @@ class VEL_MODULE_CLASS UVCFrameManager : private UVCUtil,
                       int result) override;
   // Copies the bytes.
   void OnFinishDecode(std::uint8_t* data, std::uint32_t length, std::int64_t index) override;
+  // Takes the block: what the decoder itself calls, so that its pictures are not copied.
+  void OnFinishDecodeBlock(HeapBlock& block, std::uint32_t length, std::int64_t index) override;
 
   // Starts writing the frames that come in (kDumpRaw), or those that were encoded (kDumpEncoded),
   // to a file, which is replaced. A null path does nothing. Any thread.

@@ -9,11 +9,10 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <cstdio>
-#include <cstring>
 #include <numeric>
 #include <span>
 #include <stdexcept>
+#include <string_view>
 #include <utility>
 
 namespace vel {
@@ -54,7 +53,7 @@ Bytes DeviceDescriptor(std::uint8_t usbClass, std::uint16_t vendor, std::uint16_
 }
 
 // clang-format off
-const Bytes kConfig = {
+constexpr std::array<std::uint8_t, 106> kConfig = {
     9, 2, 106, 0, 2, 1, 0, 0x80, 50,
     9, 4, 0, 0, 8, 0xFF, 0, 0, 0,
     7, 5, 0x01, 2, 0x00, 0x02, 0,
@@ -84,9 +83,8 @@ Bytes StringDescriptor(std::uint8_t index) {
 }
 
 std::string NodeOf(std::uint8_t address) {
-  std::array<char, 32> node{};
-  std::snprintf(node.data(), node.size(), "bus/usb/001/%03u", unsigned{address});
-  return node.data();
+  const std::string digits = std::to_string(address);
+  return "bus/usb/001/" + std::string(3 - digits.size(), '0') + digits;
 }
 
 // A device in umockdev's notation.
@@ -314,7 +312,8 @@ long MockUsbDevice::Handle(UMockdevIoctlClient* client) {
           (!mState.driverBound[query.interface] && mClaims[query.interface] == nullptr)) {
         return -ENODATA;
       }
-      std::strcpy(query.driver, mState.driverBound[query.interface] ? "mocked" : "usbfs");
+      const std::string_view driver = mState.driverBound[query.interface] ? "mocked" : "usbfs";
+      query.driver[driver.copy(query.driver, driver.size())] = '\0';
       return 0;
     }
     case USBDEVFS_IOCTL: {
@@ -470,7 +469,7 @@ bool MockUsbDevice::ServeControl(Urb& urb, const Bytes& data) {
   Bytes answer;
   if (type == 0x80 && request == 6 && data[3] >= 1 && data[3] <= 3) {
     answer = data[3] == 1   ? DeviceDescriptor(0, kVendor, kProduct)
-             : data[3] == 2 ? kConfig
+             : data[3] == 2 ? Bytes(kConfig.begin(), kConfig.end())
                             : StringDescriptor(data[2]);
   } else if (type == 0xC0 && request == kFetch) {
     answer = mTaken[0];

@@ -15,7 +15,6 @@ namespace {
 using State = MockUsbDevice::State;
 using testing::Each;
 using testing::HasSubstr;
-using testing::Not;
 using testing::StartsWith;
 
 std::vector<std::string> Words(std::vector<std::string> words) {

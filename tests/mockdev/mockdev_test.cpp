@@ -24,7 +24,8 @@ using testing::Pair;
 using testing::SizeIs;
 
 constexpr std::chrono::milliseconds kPrompt{500};  // Half of libusb's wait for events.
-std::chrono::milliseconds gSoak{1500};
+constexpr int kShortSoak = 2;                      // Seconds.
+int gSoak = kShortSoak;
 
 class MockDeviceTest : public testing::Test {
  protected:
@@ -285,7 +286,8 @@ TEST_F(MockDeviceTest, RandomCancelsClosesAndUnplugsLeaveNothingBehind) {
   ASSERT_TRUE(mDevice.Await([](const State& state) { return state.openFiles == 0; }));
   const std::size_t before = OpenDescriptors();
   int sessions = 1;
-  for (const auto end = Clock::now() + gSoak; Clock::now() < end && !HasFailure(); ++sessions) {
+  for (const auto end = Clock::now() + std::chrono::seconds(gSoak);
+       Clock::now() < end && !HasFailure(); ++sessions) {
     RandomSession(mDevice, random);
   }
   ASSERT_TRUE(mDevice.Await([](const State& state) { return state.openFiles == 0; }));
@@ -299,7 +301,7 @@ TEST_F(MockDeviceTest, RandomCancelsClosesAndUnplugsLeaveNothingBehind) {
 int main(int argc, char** argv) {
   testing::InitGoogleMock(&argc, argv);
   if (argc == 3 && std::string_view(argv[1]) == "--soak") {
-    vel::gSoak = std::chrono::seconds(std::atoi(argv[2]));
+    vel::gSoak = static_cast<int>(std::strtol(argv[2], nullptr, 10));
   }
   return RUN_ALL_TESTS();
 }

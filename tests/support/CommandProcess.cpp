@@ -65,6 +65,7 @@ CommandProcess::CommandProcess(std::vector<std::string> words, std::chrono::seco
   Pipe output;
   Pipe messages;
   std::vector<char*> arguments;
+  arguments.reserve(words.size() + 1);
   for (std::string& word : words) {
     arguments.push_back(word.data());
   }

@@ -49,12 +49,13 @@ PipelineTimes TimedPipeline::Times() {
   return mTimes;
 }
 
-void TimedPipeline::OnFinishDecode(std::uint8_t* data, std::uint32_t length, std::int64_t index) {
+void TimedPipeline::OnFinishDecodeBlock(HeapBlock& block, std::uint32_t length,
+                                        std::int64_t index) {
   {
     const MutexLock lock(mMutex);
     Mark(static_cast<std::uint32_t>(index), mTimes.decode);
   }
-  UVCFrameManager::OnFinishDecode(data, length, index);
+  UVCFrameManager::OnFinishDecodeBlock(block, length, index);
 }
 
 void TimedPipeline::OnFinishEncode(std::uint32_t index, std::uint8_t* data, std::uint32_t length,

@@ -35,7 +35,7 @@ class TimedPipeline : public UVCFrameManager {
 
   PipelineTimes Times();
 
-  void OnFinishDecode(std::uint8_t* data, std::uint32_t length, std::int64_t index) override;
+  void OnFinishDecodeBlock(HeapBlock& block, std::uint32_t length, std::int64_t index) override;
   void OnFinishEncode(std::uint32_t index, std::uint8_t* data, std::uint32_t length,
                       int result) override;
 

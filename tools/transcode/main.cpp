@@ -26,8 +26,9 @@ using Clock = std::chrono::steady_clock;
 constexpr int kFailed = 1;
 constexpr int kUsage = 2;
 
-// At full speed: enough to keep every stage at work, too few to be thinned.
-constexpr std::uint32_t kInFlight = 3;
+// At full speed: as many as the decoder takes before its first picture was fetched. One more is
+// refused or thinned.
+constexpr std::uint32_t kInFlight = 2;
 // How long frames that fail may hold up the next one.
 constexpr int kFailedFrameMs = 200;
 

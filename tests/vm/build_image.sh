@@ -1,0 +1,25 @@
+#!/bin/sh
+# Builds the initramfs: busybox, the kernel modules, the guest's scripts, the programs and the libraries they load.
+#
+# build_image.sh IMAGE MODULES_TREE GUEST_SCRIPTS PROGRAM...
+set -eu
+image=$1 modules=$2 scripts=$3
+shift 3
+root=$image.root
+rm -rf "$root"
+mkdir -p "$root"/bin "$root"/lib "$root"/opt "$root"/proc "$root"/sys "$root"/dev "$root"/run "$root"/tmp \
+  "$root"/etc/udev/rules.d
+cp -a "$modules/lib/modules" "$root/lib/"
+cp -r "$scripts" "$root/vm"
+cp "$(command -v busybox)" "$root/bin/"
+for applet in $(busybox --list); do
+  [ "$applet" = busybox ] || ln -s busybox "$root/bin/$applet"
+done
+cp "$(command -v udevadm)" "$root/bin/systemd-udevd"
+cp "$(command -v lsusb)" "$root/bin/lsusb"
+cp "$@" "$root/opt/"
+ldd "$(command -v udevadm)" "$(command -v lsusb)" "$@" | awk '/=> \// { print $3 } /^\t\// { print $1 }' | sort -u |
+  xargs cp -L --parents -t "$root"
+strip -d "$root"/opt/*
+(cd "$root" && find . | cpio -o -H newc --quiet) >"$image"
+rm -rf "$root"

@@ -1,0 +1,67 @@
+# For the guest's scripts; sourced.
+# shellcheck shell=sh
+
+export VIRTUSB=/opt/virtusb VIRTUSB_MODULE=/opt/virtusb-redir.so
+gadgets=/sys/kernel/config/usb_gadget
+results=/tmp/results
+console=/dev/ttyS0
+
+virtusb() { $VIRTUSB --module $VIRTUSB_MODULE "$@"; }
+remote() { /opt/vm_remote "$@"; }
+fail() {
+  echo "$*" >&2
+  exit 1
+}
+
+# await WHAT COMMAND...: polls until the command succeeds; fails after the deadline.
+await() {
+  what=$1
+  shift
+  tries=1000
+  until "$@" >/dev/null 2>&1; do
+    tries=$((tries - 1))
+    [ $tries -gt 0 ] || fail "waited in vain: $what"
+    usleep 20000
+  done
+}
+
+# device_of VID:PID: prints the name under /sys/bus/usb/devices; fails while there is none.
+device_of() {
+  for folder in /sys/bus/usb/devices/*; do
+    [ -f "$folder/idVendor" ] && [ "$(cat "$folder/idVendor"):$(cat "$folder/idProduct")" = "$1" ] &&
+      echo "${folder##*/}" && return
+  done
+  return 1
+}
+place_of() { echo "$(cat "/sys/bus/usb/devices/$1/busnum"):$(cat "/sys/bus/usb/devices/$1/devnum")"; }
+
+# has_driver VID:PID INTERFACE DRIVER
+has_driver() {
+  name=$(device_of "$1") &&
+    [ "$(basename "$(readlink "/sys/bus/usb/devices/$name:1.$2/driver")")" = "$3" ]
+}
+
+# gadget NAME VID:PID: makes a gadget with one configuration.
+gadget() {
+  folder=$gadgets/$1
+  mkdir -p "$folder/strings/0x409" "$folder/configs/c.1/strings/0x409"
+  echo "0x${2%:*}" >"$folder/idVendor"
+  echo "0x${2#*:}" >"$folder/idProduct"
+  echo "Emulated maker" >"$folder/strings/0x409/manufacturer"
+  echo "Gadget $1" >"$folder/strings/0x409/product"
+  echo "serial-$1" >"$folder/strings/0x409/serialnumber"
+  echo "configuration of $1" >"$folder/configs/c.1/strings/0x409/configuration"
+  echo 120 >"$folder/configs/c.1/MaxPower"
+}
+# add_function GADGET FUNCTION [ATTRIBUTE=VALUE...]
+add_function() {
+  folder=$gadgets/$1 function=$2
+  shift 2
+  mkdir "$folder/functions/$function"
+  for setting in "$@"; do
+    echo "${setting#*=}" >"$folder/functions/$function/${setting%%=*}"
+  done
+  ln -s "$folder/functions/$function" "$folder/configs/c.1/"
+}
+# plug NAME CONTROLLER
+plug() { echo "dummy_udc.$2" >"$gadgets/$1/UDC"; }

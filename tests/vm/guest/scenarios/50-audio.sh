@@ -1,0 +1,2 @@
+# shellcheck shell=sh
+remote audio "$(device_of 46f4:0002)" 3000 $results/sound.frames

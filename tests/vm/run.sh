@@ -1,0 +1,58 @@
+#!/bin/sh
+# Boots a small virtual machine under software emulation, in which the command redirects USB devices of a real kernel
+# and a test remote uses them. What the guest says on its serial console is the result.
+#
+# run.sh WORK_DIR PROGRAM...   VM_SCENARIOS=a,b leaves all other scenarios out
+set -eu
+PATH=$PATH:/sbin:/usr/sbin
+here=$(cd "$(dirname "$0")" && pwd)
+work=$1
+shift
+skip() {
+  echo "skipped: $1"
+  exit 77
+}
+[ -z "${SANITIZED:-}" ] || skip "under emulation a sanitizer takes too long; the plain build is tested"
+for tool in qemu-system-x86_64 busybox cpio depmod lsusb udevadm xz; do
+  command -v $tool >/dev/null || skip "no $tool here; vm_packages in scripts/lib.sh names what to install"
+done
+
+mkdir -p "$work"
+# shellcheck disable=SC2046 # One module a line.
+"$here/fetch_kernel.sh" "$work/kernel" $(cat "$here/guest/modules")
+"$here/build_image.sh" "$work/image" "$work/kernel/modules" "$here/guest" "$@"
+cd "$work"
+rm -rf results results.tar monitor.in monitor.out serial.out sound.wav console.log
+mkfifo monitor.in monitor.out
+head -c 4194304 /dev/urandom >disk.img
+
+# Answers what the guest asks for, passes on and keeps what it says.
+listen() {
+  while IFS= read -r line; do
+    case $line in
+      "@key "*) echo "sendkey ${line#@key }" >monitor.in ;;
+      *) echo "$line" ;;
+    esac
+    echo "$line" >>console.log
+  done
+}
+limit=235 # Seconds; the test takes less than half of it on an idle machine.
+timeout -k 5 $limit qemu-system-x86_64 -accel tcg -smp 2 -m 1024 -display none -no-reboot -nodefaults \
+  -kernel kernel/vmlinux -initrd image \
+  -append "console=ttyS0 quiet panic=-1 rdinit=/vm/init ${VM_SCENARIOS:+vm.scenarios=$VM_SCENARIOS}" \
+  -serial file:/dev/stdout -serial file:results.tar -monitor pipe:monitor \
+  -device qemu-xhci -device usb-kbd \
+  -drive if=none,id=disk,format=raw,file=disk.img -device usb-storage,drive=disk \
+  -audiodev wav,id=sound,path=sound.wav,out.frequency=48000 -device usb-audio,audiodev=sound \
+  -chardev file,id=serial,path=serial.out -device usb-serial,always-plugged=on,chardev=serial \
+  </dev/null 2>qemu.log | listen
+cat qemu.log
+mkdir results
+status=0
+tar -xf results.tar -C results || status=1
+"$here/check_results.py" . "${VM_SCENARIOS:-describe,audio,serial}" || status=1
+grep -q '^@result passed=[1-9][0-9]* failed=0$' console.log || {
+  echo "the machine ended without a good result (it has $limit s)" >&2
+  status=1
+}
+exit $status
