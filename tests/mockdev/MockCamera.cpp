@@ -15,6 +15,7 @@
 #include <utility>
 
 #include "mockdev/MockCameraDescriptors.h"
+#include "mockdev/MockedUsbfs.h"
 
 namespace vel {
 namespace {
@@ -26,35 +27,6 @@ constexpr char kSysPath[] = "/sys/devices/usb1/1-1";
 constexpr std::array<std::uint8_t, 4096> kFifoFill{};
 constexpr std::size_t kSetupBytes = 8;
 constexpr std::chrono::microseconds kMicroframe{125};
-
-// A device in umockdev's notation.
-std::string DeviceText(const std::string& path, int number, const Bytes& descriptors) {
-  const std::string digits = std::to_string(number);
-  std::string text =
-      "P: " + path + "\nN: bus/usb/001/00" + digits +
-      "\nE: SUBSYSTEM=usb\nE: DEVTYPE=usb_device\nE: BUSNUM=001\nE: DEVNUM=" + digits +
-      "\nE: DEVNAME=/dev/bus/usb/001/00" + digits + "\nA: busnum=1\\n\nA: devnum=" + digits +
-      "\\n\nA: bConfigurationValue=1\\n\nA: speed=480\\n\nH: descriptors=";
-  for (const std::uint8_t byte : descriptors) {
-    constexpr char kDigits[] = "0123456789ABCDEF";
-    text += {kDigits[byte >> 4U], kDigits[byte & 15U]};
-  }
-  return text + "\n";
-}
-
-// A view of what the client's memory holds there; copied back when the call completes.
-template <class T>
-T& As(UMockdevIoctlData& data) {
-  return *reinterpret_cast<T*>(data.data);
-}
-
-usbdevfs_urb& Raw(UMockdevIoctlData& data) {
-  return As<usbdevfs_urb>(data);
-}
-
-std::span<usbdevfs_iso_packet_desc> Packets(UMockdevIoctlData& data) {
-  return {Raw(data).iso_frame_desc, static_cast<std::size_t>(Raw(data).number_of_packets)};
-}
 
 UMockdevIoctlData* Buffer(UMockdevIoctlData& urb, std::size_t length) {
   return umockdev_ioctl_data_resolve(&urb, offsetof(usbdevfs_urb, buffer), length, nullptr);

@@ -15,6 +15,8 @@
 #include <string_view>
 #include <utility>
 
+#include "mockdev/MockedUsbfs.h"
+
 namespace vel {
 namespace {
 
@@ -80,40 +82,6 @@ Bytes StringDescriptor(std::uint8_t index) {
     bytes.insert(bytes.end(), {static_cast<std::uint8_t>(letter), 0});
   }
   return bytes;
-}
-
-std::string NodeOf(std::uint8_t address) {
-  const std::string digits = std::to_string(address);
-  return "bus/usb/001/" + std::string(3 - digits.size(), '0') + digits;
-}
-
-// A device in umockdev's notation.
-std::string DeviceText(const std::string& path, std::uint8_t address, const Bytes& descriptors) {
-  std::string text = "P: " + path + "\nN: " + NodeOf(address) + "\n";
-  text += "E: SUBSYSTEM=usb\nE: DEVTYPE=usb_device\nE: BUSNUM=001\nE: DEVNUM=" +
-          std::to_string(address) + "\n";
-  text += "E: DEVNAME=/dev/" + NodeOf(address) +
-          "\nA: busnum=1\\n\nA: devnum=" + std::to_string(address) + "\\n\n";
-  text += "A: bConfigurationValue=1\\n\nA: speed=480\\n\nH: descriptors=";
-  for (const std::uint8_t byte : descriptors) {
-    constexpr char kDigits[] = "0123456789ABCDEF";
-    text += {kDigits[byte >> 4U], kDigits[byte & 15U]};
-  }
-  return text + "\n";
-}
-
-// A view of what the client's memory holds there; copied back when the call completes.
-template <class T>
-T& As(UMockdevIoctlData& data) {
-  return *reinterpret_cast<T*>(data.data);
-}
-
-usbdevfs_urb& Raw(UMockdevIoctlData& data) {
-  return As<usbdevfs_urb>(data);
-}
-
-std::span<usbdevfs_iso_packet_desc> Packets(UMockdevIoctlData& data) {
-  return {Raw(data).iso_frame_desc, static_cast<std::size_t>(Raw(data).number_of_packets)};
 }
 
 bool IsIn(std::uint8_t endpoint) {
