@@ -17,8 +17,8 @@ namespace {
 constexpr std::uint8_t kEndpoint = 0x81;
 
 std::vector<std::uint8_t> Configuration(int width, int height) {
-  const std::array sizes = {_CameraParam{static_cast<std::uint32_t>(width),
-                                         static_cast<std::uint32_t>(height), CAM_FORMAT_YUYV, 0}};
+  const std::array sizes = {
+      _CameraParam{static_cast<std::uint32_t>(width), static_cast<std::uint32_t>(height), CAM_FORMAT_YUYV, 0}};
   UvcConfigBuilder builder(false);
   builder.CreateConfigHeader();
   builder.CreateCtrlInterface();
@@ -38,8 +38,8 @@ class BenchCamera::Io final : public NullUsbIo {
   int OpenUsbDev() override { return 0; }
   libusb_config_descriptor* GetConfigDesc() override { return mCamera.mConfig.Get(); }
   int SetInterfaceAltSetting(int, int) override { return 0; }
-  int ControlTransfer(std::uint8_t, std::uint8_t, std::uint16_t, std::uint16_t, std::uint8_t*,
-                      std::uint16_t wLength, std::uint32_t) override {
+  int ControlTransfer(std::uint8_t, std::uint8_t, std::uint16_t, std::uint16_t, std::uint8_t*, std::uint16_t wLength,
+                      std::uint32_t) override {
     return wLength;
   }
   int CancelTransfer(std::uint32_t) override {
@@ -74,11 +74,8 @@ IUsbIo* BenchCamera::MakeIo(std::uint32_t /*type*/, VelDeviceBase* device) {
   return new Io(*static_cast<BenchCamera*>(device));
 }
 
-BenchCamera::BenchCamera(int width, int height, bool transcode,
-                         std::function<void(std::size_t)> onReply)
-    : mOnReply(std::move(onReply)),
-      mConfig(Configuration(width, height)),
-      mDevice(this, &BenchCamera::MakeIo) {
+BenchCamera::BenchCamera(int width, int height, bool transcode, std::function<void(std::size_t)> onReply)
+    : mOnReply(std::move(onReply)), mConfig(Configuration(width, height)), mDevice(this, &BenchCamera::MakeIo) {
   mDevice.Init();
   if (transcode) {
     mDevice.SetRedirPolicy("");
@@ -102,8 +99,7 @@ void BenchCamera::Read() {
   constexpr std::uint32_t kLength = sizeof(IsoPacketRecord) + 1;
   auto* context = static_cast<TransferContext*>(std::calloc(1, sizeof(TransferContext)));
   context->deviceBase = this;
-  mDevice.IsoTransfer(kEndpoint, ++mStreamId, 1, kLength,
-                      static_cast<std::uint8_t*>(std::calloc(1, kLength)), context);
+  mDevice.IsoTransfer(kEndpoint, ++mStreamId, 1, kLength, static_cast<std::uint8_t*>(std::calloc(1, kLength)), context);
 }
 
 void BenchCamera::Picture(std::span<const std::uint8_t> picture) {

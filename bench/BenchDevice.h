@@ -29,8 +29,7 @@ struct Workload {
 class BenchDevice final : public VelDeviceBase {
  public:
   // The emulated raw device where none is named.
-  explicit BenchDevice(const std::string& modulePath,
-                       const DeviceIdentity& identity = {0, 0x86, 0xFF00, 0xFF10, ""});
+  explicit BenchDevice(const std::string& modulePath, const DeviceIdentity& identity = {0, 0x86, 0xFF00, 0xFF10, ""});
   ~BenchDevice() override;
 
   VelDriver& Driver() { return *mDriver; }

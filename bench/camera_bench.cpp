@@ -103,18 +103,16 @@ void Measure(int width, int height, int pictures) {
     const double cpuBetween = ProcessorTime();
     const auto encodeBegin = Clock::now();
     std::uint32_t length = 0;
-    encoder.Encode(picture.data(), static_cast<std::uint32_t>(picture.size()), unit.data(),
-                   &length);
+    encoder.Encode(picture.data(), static_cast<std::uint32_t>(picture.size()), unit.data(), &length);
     const auto encodeEnd = Clock::now();
     encoderCpu += ProcessorTime() - cpuBetween;
     latency.values.push_back(Milliseconds(sent - begin));
     encoding.values.push_back(Milliseconds(encodeEnd - encodeBegin));
     beyond.values.push_back(latency.values.back() - encoding.values.back());
   }
-  std::printf("| %dx%d | %.2f / %.2f | %.2f / %.2f | %.2f / %.2f | %.2f | %.2f | %.2f |\n", width,
-              height, latency.At(0.5), latency.At(0.99), encoding.At(0.5), encoding.At(0.99),
-              beyond.At(0.5), beyond.At(0.99), pathCpu / pictures, encoderCpu / pictures,
-              pathCpu / encoderCpu);
+  std::printf("| %dx%d | %.2f / %.2f | %.2f / %.2f | %.2f / %.2f | %.2f | %.2f | %.2f |\n", width, height,
+              latency.At(0.5), latency.At(0.99), encoding.At(0.5), encoding.At(0.99), beyond.At(0.5), beyond.At(0.99),
+              pathCpu / pictures, encoderCpu / pictures, pathCpu / encoderCpu);
 }
 
 }  // namespace

@@ -35,9 +35,8 @@ int main() {
     StartCounting();
     stream(kPictures);
     const Counts counts = StopCounting();
-    std::printf(
-        "| %dx%d | %.2f | %.3f |\n", width, height,
-        static_cast<double>(counts.allocations) / static_cast<double>(kPictures),
-        static_cast<double>(counts.bytesCopied) / static_cast<double>(kPictures * picture.size()));
+    std::printf("| %dx%d | %.2f | %.3f |\n", width, height,
+                static_cast<double>(counts.allocations) / static_cast<double>(kPictures),
+                static_cast<double>(counts.bytesCopied) / static_cast<double>(kPictures * picture.size()));
   }
 }

@@ -30,9 +30,7 @@ namespace {
 struct Size {
   int width;
   int height;
-  std::size_t Pixels() const {
-    return static_cast<std::size_t>(width) * static_cast<std::size_t>(height);
-  }
+  std::size_t Pixels() const { return static_cast<std::size_t>(width) * static_cast<std::size_t>(height); }
   std::string Name() const { return std::to_string(width) + "x" + std::to_string(height); }
 };
 constexpr Size kSizes[] = {{640, 480}, {1280, 720}, {1920, 1080}};
@@ -44,9 +42,7 @@ double CpuMicroseconds() {
 }
 
 double WallMicroseconds() {
-  return std::chrono::duration<double, std::micro>(
-             std::chrono::steady_clock::now().time_since_epoch())
-      .count();
+  return std::chrono::duration<double, std::micro>(std::chrono::steady_clock::now().time_since_epoch()).count();
 }
 
 double At(std::vector<double> values, double share) {
@@ -57,8 +53,7 @@ double At(std::vector<double> values, double share) {
 using Work = std::function<void()>;
 
 // Runs both in turns and prints the row.
-void Compare(const std::string& name, double goal, int rounds, const Work& ours,
-             const Work& yardstick) {
+void Compare(const std::string& name, double goal, int rounds, const Work& ours, const Work& yardstick) {
   std::vector<double> oursTimes;
   std::vector<double> yardstickTimes;
   for (int i = -1; i < rounds; ++i) {
@@ -73,8 +68,8 @@ void Compare(const std::string& name, double goal, int rounds, const Work& ours,
     }
   }
   const double ratio = At(oursTimes, 0.5) / At(yardstickTimes, 0.5);
-  std::printf("| %s | %.0f | %.0f | %.2f | %.2f | %s |\n", name.c_str(), At(oursTimes, 0.5),
-              At(yardstickTimes, 0.5), ratio, goal, ratio <= goal ? "yes" : "NO");
+  std::printf("| %s | %.0f | %.0f | %.2f | %.2f | %s |\n", name.c_str(), At(oursTimes, 0.5), At(yardstickTimes, 0.5),
+              ratio, goal, ratio <= goal ? "yes" : "NO");
   std::fflush(stdout);
 }
 
@@ -82,9 +77,7 @@ void Compare(const std::string& name, double goal, int rounds, const Work& ours,
 class ColdBlocks {
  public:
   explicit ColdBlocks(std::size_t bytes)
-      : mBytes(bytes),
-        mCount(std::max<std::size_t>(kTotal / bytes, 2)),
-        mMemory(mBytes * mCount / sizeof(Line) + 1) {}
+      : mBytes(bytes), mCount(std::max<std::size_t>(kTotal / bytes, 2)), mMemory(mBytes * mCount / sizeof(Line) + 1) {}
   std::uint8_t* Next() { return mMemory.front().bytes.data() + mBytes * (mNext++ % mCount); }
 
  private:
@@ -113,16 +106,11 @@ void BenchUnpacking(const Size& size) {
   ColdBlocks planar(pixels * 2);
   Compare(
       "YUYV to planar, " + size.Name(), 0.75, 40,
-      [&] {
-        Repeat([&] {
-          UVCEncoder::YUYVToYUV420P(packed.Next(), planar.Next(), size.width, size.height);
-        });
-      },
+      [&] { Repeat([&] { UVCEncoder::YUYVToYUV420P(packed.Next(), planar.Next(), size.width, size.height); }); },
       [&] { Repeat([&] { std::memcpy(planar.Next(), packed.Next(), pixels * 2); }); });
 }
 
-void BenchPacking(const char* name, ChromaLayout layout, std::size_t chromaWidth,
-                  std::size_t chromaHeight) {
+void BenchPacking(const char* name, ChromaLayout layout, std::size_t chromaWidth, std::size_t chromaHeight) {
   constexpr Size kSize{1280, 720};
   const std::size_t pixels = kSize.Pixels();
   const std::size_t chroma = chromaWidth * chromaHeight;
@@ -139,8 +127,8 @@ void BenchPacking(const char* name, ChromaLayout layout, std::size_t chromaWidth
       [&] {
         Repeat([&] {
           const std::uint8_t* y = planar.Next();
-          PlanarToYuyv(layout, {y, kSize.width}, {y + pixels, stride},
-                       {y + pixels + chroma, stride}, packed.Next(), kSize.width, kSize.height);
+          PlanarToYuyv(layout, {y, kSize.width}, {y + pixels, stride}, {y + pixels + chroma, stride}, packed.Next(),
+                       kSize.width, kSize.height);
         });
       },
       [&] { Repeat([&] { std::memcpy(to.Next(), from.Next(), moved); }); });
@@ -168,9 +156,8 @@ class PlainEncoder {
       frame->width = size.width;
       frame->height = size.height;
       av_frame_get_buffer(frame.get(), 0);
-      YuyvToPlanar(picture.data(), {frame->data[0], frame->linesize[0]},
-                   {frame->data[1], frame->linesize[1]}, {frame->data[2], frame->linesize[2]},
-                   size.width, size.height);
+      YuyvToPlanar(picture.data(), {frame->data[0], frame->linesize[0]}, {frame->data[1], frame->linesize[1]},
+                   {frame->data[2], frame->linesize[2]}, size.width, size.height);
       mFrames.push_back(std::move(frame));
     }
   }
@@ -243,13 +230,12 @@ void BenchPipeline(const Size& size) {
   UVCFrameManager raw(UVC_FRAME_TYPE_YUYV, UVC_FRAME_TYPE_H264);
   raw.Init(width, height, UVC_FRAME_TYPE_YUYV, UVC_FRAME_TYPE_H264, nullptr);
   Compare(
-      "YUYV frame to access unit, " + size.Name() + " (25 frames)", 1.15, 21,
-      [&] { PassAll(raw, pictures); }, [&] { encoder.EncodeAll(); });
+      "YUYV frame to access unit, " + size.Name() + " (25 frames)", 1.15, 21, [&] { PassAll(raw, pictures); },
+      [&] { encoder.EncodeAll(); });
   UVCFrameManager mjpeg(UVC_FRAME_TYPE_MJPEG, UVC_FRAME_TYPE_H264);
   mjpeg.Init(width, height, UVC_FRAME_TYPE_MJPEG, UVC_FRAME_TYPE_H264, nullptr);
   Compare(
-      "MJPEG frame to access unit, " + size.Name() + " (25 frames)", 1.15, 21,
-      [&] { PassAll(mjpeg, jpegs); },
+      "MJPEG frame to access unit, " + size.Name() + " (25 frames)", 1.15, 21, [&] { PassAll(mjpeg, jpegs); },
       [&] {
         std::for_each(jpegs.begin(), jpegs.end(), Produce);
         decoder.DecodeAll();
@@ -289,8 +275,7 @@ void BenchLatency() {
       if (out == UVC_FRAME_TYPE_H264) {
         std::uint32_t size = 0;
         const double begin = WallMicroseconds();
-        alone.Encode(picture.data(), static_cast<std::uint32_t>(picture.size()), unit.data(),
-                     &size);
+        alone.Encode(picture.data(), static_cast<std::uint32_t>(picture.size()), unit.data(), &size);
         own = WallMicroseconds() - begin;
       }
       UVCFramePtr frame = MakeFrame(picture, 0);
@@ -305,9 +290,7 @@ void BenchLatency() {
     }
     manager.Release();
     consumer.join();
-    PrintLatency(
-        out == UVC_FRAME_TYPE_H264 ? "encoded, beyond the encoder's own time" : "passed through",
-        latencies);
+    PrintLatency(out == UVC_FRAME_TYPE_H264 ? "encoded, beyond the encoder's own time" : "passed through", latencies);
   }
 }
 

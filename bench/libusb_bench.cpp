@@ -42,17 +42,15 @@ class Direct {
  public:
   explicit Direct(std::uint32_t bytes) {
     libusb_init(&mContext);
-    mHandle =
-        libusb_open_device_with_vid_pid(mContext, MockUsbDevice::kVendor, MockUsbDevice::kProduct);
-    if (mHandle == nullptr || libusb_detach_kernel_driver(mHandle, 0) != 0 ||
-        libusb_claim_interface(mHandle, 0) != 0) {
+    mHandle = libusb_open_device_with_vid_pid(mContext, MockUsbDevice::kVendor, MockUsbDevice::kProduct);
+    if (mHandle == nullptr || libusb_detach_kernel_driver(mHandle, 0) != 0 || libusb_claim_interface(mHandle, 0) != 0) {
       throw std::runtime_error("the mocked device cannot be taken");
     }
     for (std::uint32_t i = 0; i < kWindow; ++i) {
       mBuffers.emplace_back(bytes);
       libusb_transfer* transfer = libusb_alloc_transfer(0);
-      libusb_fill_bulk_transfer(transfer, mHandle, kSource, mBuffers.back().data(),
-                                static_cast<int>(bytes), &OnDone, this, 0);
+      libusb_fill_bulk_transfer(transfer, mHandle, kSource, mBuffers.back().data(), static_cast<int>(bytes), &OnDone,
+                                this, 0);
       mTransfers.push_back(transfer);
     }
     mThread = std::thread([this] {
@@ -117,8 +115,8 @@ class Direct {
 class Through {
  public:
   Through(const MockUsbDevice& mock, std::uint32_t bytes)
-      : mDevice(VIRTUSB_MODULE, {MockUsbDevice::kBus, mock.Address(), MockUsbDevice::kVendor,
-                                 MockUsbDevice::kProduct, ""}),
+      : mDevice(VIRTUSB_MODULE,
+                {MockUsbDevice::kBus, mock.Address(), MockUsbDevice::kVendor, MockUsbDevice::kProduct, ""}),
         mWorkload{Command::kBulkTransfer, bytes, kSource} {
     for (const Command command : {Command::kDetachKernelDriver, Command::kClaimAllInterface}) {
       mDevice.Driver().onEvent(BuildRequest(command, {}));
@@ -143,7 +141,7 @@ class Through {
 };
 
 struct Times {
-  std::vector<double> streams;  // Microseconds of kTransfers, kWindow in flight; one value a round.
+  std::vector<double> streams;     // Microseconds of kTransfers, kWindow in flight; one value a round.
   std::vector<double> roundTrips;  // One in flight; one value a transfer.
 };
 
@@ -175,10 +173,10 @@ void RunAll(int rounds) {
     const double moduleRate = moved / Median(module.streams);
     const double directTrip = Median(direct.roundTrips);
     const double moduleTrip = Median(module.roundTrips);
-    std::printf("%6u B  throughput  [MB/s]     %10.2f  %10.2f   %5.1f %%\n", bytes, directRate,
-                moduleRate, 100 * moduleRate / directRate);
-    std::printf("          round trip  [us]       %10.1f  %10.1f   %+5.1f\n", directTrip,
-                moduleTrip, moduleTrip - directTrip);
+    std::printf("%6u B  throughput  [MB/s]     %10.2f  %10.2f   %5.1f %%\n", bytes, directRate, moduleRate,
+                100 * moduleRate / directRate);
+    std::printf("          round trip  [us]       %10.1f  %10.1f   %+5.1f\n", directTrip, moduleTrip,
+                moduleTrip - directTrip);
   }
 }
 

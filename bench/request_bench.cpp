@@ -27,8 +27,8 @@ struct Size {
 
 const std::vector<Size>& Sizes() {
   static const std::vector<Size> sizes = {
-      {"status", {vel::Command::kResetDevice, 0}},       {"64B", {vel::Command::kBulkTransfer, 64}},
-      {"512B", {vel::Command::kBulkTransfer, 512}},      {"16KiB", {vel::Command::kBulkTransfer, 16U << 10U}},
+      {"status", {vel::Command::kResetDevice, 0}},        {"64B", {vel::Command::kBulkTransfer, 64}},
+      {"512B", {vel::Command::kBulkTransfer, 512}},       {"16KiB", {vel::Command::kBulkTransfer, 16U << 10U}},
       {"1MiB", {vel::Command::kBulkTransfer, 1U << 20U}},
   };
   return sizes;
@@ -37,7 +37,9 @@ const std::vector<Size>& Sizes() {
 void ReportPercentiles(benchmark::State& state, std::vector<double>& microseconds) {
   std::sort(microseconds.begin(), microseconds.end());
   const auto at = [&](double share) {
-    return microseconds.empty() ? 0.0 : microseconds[static_cast<std::size_t>(share * static_cast<double>(microseconds.size() - 1))];
+    return microseconds.empty()
+               ? 0.0
+               : microseconds[static_cast<std::size_t>(share * static_cast<double>(microseconds.size() - 1))];
   };
   state.counters["p50_us"] = at(0.50);
   state.counters["p99_us"] = at(0.99);
@@ -182,8 +184,9 @@ class Medians : public benchmark::ConsoleReporter {
   }
 
   void PrintTable() const {
-    std::printf("\n| request | one in flight, p50 / p99 us | x hand-over (p50) | 16 in flight, ns each | requests/s "
-                "| 16 from a thread that sleeps, ns each | x memcpy (16 in flight) |\n|---|---|---|---|---|---|---|\n");
+    std::printf(
+        "\n| request | one in flight, p50 / p99 us | x hand-over (p50) | 16 in flight, ns each | requests/s "
+        "| 16 from a thread that sleeps, ns each | x memcpy (16 in flight) |\n|---|---|---|---|---|---|---|\n");
     const double handOver = At("hand-over").p50;
     for (const Size& size : Sizes()) {
       const Row one = At(std::string("one/") + size.name);

@@ -31,16 +31,13 @@ class HostileConfig {
  public:
   explicit HostileConfig(Input recipe) : mReader(recipe) {
     Fields(mConfig, &libusb_config_descriptor::bLength, &libusb_config_descriptor::bDescriptorType,
-           &libusb_config_descriptor::bConfigurationValue,
-           &libusb_config_descriptor::iConfiguration, &libusb_config_descriptor::bmAttributes,
-           &libusb_config_descriptor::MaxPower);
+           &libusb_config_descriptor::bConfigurationValue, &libusb_config_descriptor::iConfiguration,
+           &libusb_config_descriptor::bmAttributes, &libusb_config_descriptor::MaxPower);
     mConfig.wTotalLength = mReader.Host<std::uint16_t>();
     Extra(mConfig);
     mConfig.bNumInterfaces = mReader.Host<std::uint8_t>();
-    if (Array<libusb_interface>& interfaces = New(mInterfaces, mConfig.bNumInterfaces);
-        !interfaces.empty()) {
-      std::for_each(interfaces.begin(), interfaces.end(),
-                    [this](auto& interface) { Fill(interface); });
+    if (Array<libusb_interface>& interfaces = New(mInterfaces, mConfig.bNumInterfaces); !interfaces.empty()) {
+      std::for_each(interfaces.begin(), interfaces.end(), [this](auto& interface) { Fill(interface); });
       mConfig.interface = interfaces.data();
     }
   }
@@ -74,8 +71,7 @@ class HostileConfig {
   }
   void Fill(libusb_interface& interface) {
     interface.num_altsetting = static_cast<std::int8_t>(mReader.Host<std::uint8_t>());
-    auto& settings =
-        New(mSettings, static_cast<std::size_t>(std::max(interface.num_altsetting, 1)));
+    auto& settings = New(mSettings, static_cast<std::size_t>(std::max(interface.num_altsetting, 1)));
     if (!settings.empty()) {
       std::for_each(settings.begin(), settings.end(), [this](auto& setting) { Fill(setting); });
       interface.altsetting = settings.data();
@@ -83,9 +79,9 @@ class HostileConfig {
   }
   void Fill(libusb_interface_descriptor& setting) {
     using Desc = libusb_interface_descriptor;
-    Fields(setting, &Desc::bLength, &Desc::bDescriptorType, &Desc::bInterfaceNumber,
-           &Desc::bAlternateSetting, &Desc::bNumEndpoints, &Desc::bInterfaceClass,
-           &Desc::bInterfaceSubClass, &Desc::bInterfaceProtocol, &Desc::iInterface);
+    Fields(setting, &Desc::bLength, &Desc::bDescriptorType, &Desc::bInterfaceNumber, &Desc::bAlternateSetting,
+           &Desc::bNumEndpoints, &Desc::bInterfaceClass, &Desc::bInterfaceSubClass, &Desc::bInterfaceProtocol,
+           &Desc::iInterface);
     Extra(setting);
     if (auto& endpoints = New(mEndpoints, setting.bNumEndpoints); !endpoints.empty()) {
       std::for_each(endpoints.begin(), endpoints.end(), [this](auto& endpoint) { Fill(endpoint); });
@@ -94,8 +90,8 @@ class HostileConfig {
   }
   void Fill(libusb_endpoint_descriptor& endpoint) {
     using Desc = libusb_endpoint_descriptor;
-    Fields(endpoint, &Desc::bLength, &Desc::bDescriptorType, &Desc::bEndpointAddress,
-           &Desc::bmAttributes, &Desc::bInterval, &Desc::bRefresh, &Desc::bSynchAddress);
+    Fields(endpoint, &Desc::bLength, &Desc::bDescriptorType, &Desc::bEndpointAddress, &Desc::bmAttributes,
+           &Desc::bInterval, &Desc::bRefresh, &Desc::bSynchAddress);
     endpoint.wMaxPacketSize = mReader.Host<std::uint16_t>();
     Extra(endpoint);
   }
@@ -117,12 +113,10 @@ bool Same(const libusb_interface_descriptor& setting, const AltSettingModel& mod
   const std::size_t count = setting.endpoint == nullptr ? 0U : setting.bNumEndpoints;
   const std::span endpoints(setting.endpoint, count);
   return model.bInterfaceClass == setting.bInterfaceClass && SameExtra(setting, model.extra) &&
-         std::equal(endpoints.begin(), endpoints.end(), model.endpoints.begin(),
-                    model.endpoints.end(),
+         std::equal(endpoints.begin(), endpoints.end(), model.endpoints.begin(), model.endpoints.end(),
                     [](const libusb_endpoint_descriptor& endpoint, const EndpointModel& read) {
                       return read.bEndpointAddress == endpoint.bEndpointAddress &&
-                             read.wMaxPacketSize == endpoint.wMaxPacketSize &&
-                             SameExtra(endpoint, read.extra);
+                             read.wMaxPacketSize == endpoint.wMaxPacketSize && SameExtra(endpoint, read.extra);
                     });
 }
 
@@ -140,14 +134,10 @@ void SerialiseAndRead(const libusb_config_descriptor& config) {
   Require(reply.Wire().size() == reply.GetPacketSize(), "the reply holds the whole configuration");
   const auto model = ReadConfigModel(reply.PayloadBytes());
   Require(model.has_value(), "what was serialised can be read");
-  const std::span interfaces(config.interface,
-                             config.interface == nullptr ? 0U : config.bNumInterfaces);
+  const std::span interfaces(config.interface, config.interface == nullptr ? 0U : config.bNumInterfaces);
   Require(SameExtra(config, model->extra) && model->bmAttributes == config.bmAttributes &&
-              std::equal(interfaces.begin(), interfaces.end(), model->interfaces.begin(),
-                         model->interfaces.end(),
-                         [](const auto& interface, const auto& models) {
-                           return Same(interface, models);
-                         }),
+              std::equal(interfaces.begin(), interfaces.end(), model->interfaces.begin(), model->interfaces.end(),
+                         [](const auto& interface, const auto& models) { return Same(interface, models); }),
           "what was read is what was serialised");
 }
 
@@ -167,8 +157,8 @@ void Rebuild(libusb_config_descriptor& config) {
   RedirPolicy policy(&io);
   policy.ProbePolicy(nullptr, nullptr);
   std::array<std::uint8_t, UINT16_MAX> raw{};
-  const int length = policy.GetVirtControlData(0x80, LIBUSB_REQUEST_GET_DESCRIPTOR,
-                                               LIBUSB_DT_CONFIG << 8U, 0, raw.data(), raw.size());
+  const int length =
+      policy.GetVirtControlData(0x80, LIBUSB_REQUEST_GET_DESCRIPTOR, LIBUSB_DT_CONFIG << 8U, 0, raw.data(), raw.size());
   Require(length == 0 || (length >= LIBUSB_DT_CONFIG_SIZE && raw[2] + raw[3] * 256 == length),
           "the rebuilt descriptor counts its own bytes");
 }
@@ -177,10 +167,8 @@ void ReadAndPrint(Input input) {
   Enumeration found;
   found.config = ReadConfigModel(input);
   const bool whole = found.config.has_value();
-  Require(whole == DescriptorJson(found)["configuration"].is_object(),
-          "a configuration is printed when it is whole");
-  Require(!DescriptorText(found).empty() && !DescriptorSummary(found).empty(),
-          "every device has a text");
+  Require(whole == DescriptorJson(found)["configuration"].is_object(), "a configuration is printed when it is whole");
+  Require(!DescriptorText(found).empty() && !DescriptorSummary(found).empty(), "every device has a text");
 }
 
 }  // namespace

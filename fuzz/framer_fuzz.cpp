@@ -28,14 +28,12 @@ struct Outcome {
 Outcome Frame(std::span<const std::uint8_t> stream, std::span<const std::uint8_t> sizes) {
   Outcome outcome;
   PacketFramer framer([&outcome](std::unique_ptr<VelPacket> packet) {
-    Require(packet->GetPacketSize() == packet->Wire().size(),
-            "a packet holds what its header counts");
+    Require(packet->GetPacketSize() == packet->Wire().size(), "a packet holds what its header counts");
     outcome.packets.emplace_back(packet->Wire().begin(), packet->Wire().end());
   });
   bool goesOn = true;
   for (std::size_t i = 0; !stream.empty(); ++i) {
-    const std::size_t size =
-        sizes.empty() || sizes[i % sizes.size()] == 0 ? stream.size() : sizes[i % sizes.size()];
+    const std::size_t size = sizes.empty() || sizes[i % sizes.size()] == 0 ? stream.size() : sizes[i % sizes.size()];
     const auto piece = stream.first(std::min(size, stream.size()));
     const Bytes copy(piece.begin(),
                      piece.end());  // Of its own, so that reading on into the next one shows.
@@ -58,7 +56,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const std::span<const std::uint8_t> input(data, size);
   const auto sizes = input.first(std::min(kSizes, size));
   const auto stream = input.subspan(sizes.size());
-  vel::Require(vel::Frame(stream, sizes) == vel::Frame(stream, {}),
-               "pieces give what the whole gives");
+  vel::Require(vel::Frame(stream, sizes) == vel::Frame(stream, {}), "pieces give what the whole gives");
   return 0;
 }

@@ -26,13 +26,12 @@ constexpr std::int64_t kGoodIndex = 7;
 // are 64 quantisers, all 8.
 constexpr std::uint8_t kGoodHead[] = {0xFF, 0xD8, 0xFF, 0xDB, 0x00, 0x43, 0x00};
 constexpr std::uint8_t kGoodRest[] = {
-    0xFF, 0xC0, 0x00, 0x11, 0x08, 0x00, 0x08, 0x00, 0x10, 0x03, 0x01, 0x21, 0x00, 0x02, 0x11,
-    0x00, 0x03, 0x11, 0x00, 0xFF, 0xC4, 0x00, 0x1F, 0x00, 0x00, 0x01, 0x05, 0x01, 0x01, 0x01,
-    0x01, 0x01, 0x01, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x01, 0x02, 0x03, 0x04,
-    0x05, 0x06, 0x07, 0x08, 0x09, 0x0A, 0x0B, 0xFF, 0xC4, 0x00, 0x17, 0x10, 0x00, 0x02, 0x01,
-    0x01, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x01, 0x02,
-    0x03, 0x00, 0xFF, 0xDA, 0x00, 0x0C, 0x03, 0x01, 0x00, 0x02, 0x00, 0x03, 0x00, 0x00, 0x3F,
-    0x00, 0xF2, 0x7A, 0xBB, 0x59, 0x55, 0xD7, 0x57, 0xFF, 0xD9};
+    0xFF, 0xC0, 0x00, 0x11, 0x08, 0x00, 0x08, 0x00, 0x10, 0x03, 0x01, 0x21, 0x00, 0x02, 0x11, 0x00, 0x03,
+    0x11, 0x00, 0xFF, 0xC4, 0x00, 0x1F, 0x00, 0x00, 0x01, 0x05, 0x01, 0x01, 0x01, 0x01, 0x01, 0x01, 0x00,
+    0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x01, 0x02, 0x03, 0x04, 0x05, 0x06, 0x07, 0x08, 0x09, 0x0A,
+    0x0B, 0xFF, 0xC4, 0x00, 0x17, 0x10, 0x00, 0x02, 0x01, 0x01, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00,
+    0x00, 0x00, 0x00, 0x00, 0x00, 0x01, 0x02, 0x03, 0x00, 0xFF, 0xDA, 0x00, 0x0C, 0x03, 0x01, 0x00, 0x02,
+    0x00, 0x03, 0x00, 0x00, 0x3F, 0x00, 0xF2, 0x7A, 0xBB, 0x59, 0x55, 0xD7, 0x57, 0xFF, 0xD9};
 constexpr std::array<std::uint8_t, 4> kGoodStart = {40, 107, 40, 174};
 constexpr std::array<std::uint8_t, 4> kGoodEnd = {53, 107, 53, 174};
 constexpr std::size_t kGoodBytes = std::size_t{16} * 8 * 2;
@@ -57,8 +56,7 @@ class Pictures final : public UVCDecoderHandler {
     const Bytes whole(data, data + length);  // Every byte is there.
     const MutexLock lock(mMutex);
     if (index == kGoodIndex) {
-      Require(IsGoodPicture(whole.data(), whole.size()),
-              "a good frame after a broken one is as it should be");
+      Require(IsGoodPicture(whole.data(), whole.size()), "a good frame after a broken one is as it should be");
       mGoodCame = true;
       mCame.NotifyOne();
     }
@@ -85,16 +83,13 @@ std::uint8_t* Block(const std::uint8_t* data, std::size_t size) {
 
 void DecodeHere(const std::uint8_t* data, std::size_t size, const Bytes& good) {
   UVCDecoder decoder;
-  Require(
-      decoder.Init(UVC_DECODER_TYPE_MJPEG, UVC_DECODER_OUTPUT_YUYV, kWidth, kHeight, nullptr) == 0,
-      "opens");
+  Require(decoder.Init(UVC_DECODER_TYPE_MJPEG, UVC_DECODER_OUTPUT_YUYV, kWidth, kHeight, nullptr) == 0, "opens");
   Bytes out(std::size_t{kWidth} * kHeight * 2);
   std::uint32_t outSize = 0;
   if (decoder.Decode(data, static_cast<std::uint32_t>(size), out.data(), &outSize) == 1) {
     Require(outSize > 0 && outSize <= out.size(), "a picture fits what was negotiated");
   }
-  Require(decoder.Decode(good.data(), static_cast<std::uint32_t>(good.size()), out.data(),
-                         &outSize) == 1 &&
+  Require(decoder.Decode(good.data(), static_cast<std::uint32_t>(good.size()), out.data(), &outSize) == 1 &&
               IsGoodPicture(out.data(), outSize),
           "a good frame after a broken one is as it should be");
 }
@@ -102,13 +97,11 @@ void DecodeHere(const std::uint8_t* data, std::size_t size, const Bytes& good) {
 void DecodeOnWorker(const std::uint8_t* data, std::size_t size, const Bytes& good) {
   Pictures pictures;
   UVCDecoder decoder;
-  Require(decoder.Init(UVC_DECODER_TYPE_MJPEG, UVC_DECODER_OUTPUT_YUYV, kWidth, kHeight,
-                       &pictures) == 0,
-          "opens");
+  Require(decoder.Init(UVC_DECODER_TYPE_MJPEG, UVC_DECODER_OUTPUT_YUYV, kWidth, kHeight, &pictures) == 0, "opens");
   decoder.DecodeAsync(Block(data, size), static_cast<std::uint32_t>(size), 1);
-  Require(decoder.DecodeAsync(Block(good.data(), good.size()),
-                              static_cast<std::uint32_t>(good.size()), kGoodIndex) == 0,
-          "a good frame is taken");
+  Require(
+      decoder.DecodeAsync(Block(good.data(), good.size()), static_cast<std::uint32_t>(good.size()), kGoodIndex) == 0,
+      "a good frame is taken");
   pictures.AwaitGood();
 }
 

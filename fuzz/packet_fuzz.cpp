@@ -27,9 +27,8 @@
 namespace vel {
 namespace {
 
-constexpr std::chrono::seconds kReplyTime{
-    60};                                 // That a session which hangs is found, not how fast it is.
-constexpr std::uint8_t kAddress = 0x85;  // Above 0x7F: emulated.
+constexpr std::chrono::seconds kReplyTime{60};  // That a session which hangs is found, not how fast it is.
+constexpr std::uint8_t kAddress = 0x85;         // Above 0x7F: emulated.
 
 constexpr std::uint32_t kLastDevId = UINT32_MAX;  // Of the status request behind all others.
 
@@ -46,8 +45,7 @@ struct SyncReply {
 // The remote side of the device: keeps which replies came. Any thread.
 class Remote final : public VelDeviceBase {
  public:
-  Remote(std::uint16_t productId, bool answersFailures)
-      : mProductId(productId), mAnswersFailures(answersFailures) {}
+  Remote(std::uint16_t productId, bool answersFailures) : mProductId(productId), mAnswersFailures(answersFailures) {}
 
   std::uint8_t GetBusNumber() const override { return 0; }
   std::uint8_t GetDeviceAddress() const override { return kAddress; }
@@ -62,11 +60,9 @@ class Remote final : public VelDeviceBase {
   void Trace(std::uint64_t, const char*, const VelTraceAttribute*, std::size_t) override {}
 
   int Send(std::unique_ptr<VelPacket> packet, std::uint32_t /*waitMs*/) override {
-    Require(packet->Wire().size() == packet->GetPacketSize(),
-            "a reply holds what its header counts");
+    Require(packet->Wire().size() == packet->GetPacketSize(), "a reply holds what its header counts");
     const CommandInfo* request = FindCommand(static_cast<std::uint16_t>(packet->GetCommand() - 1));
-    Require(request != nullptr && request->reply != ReplyKind::kNone,
-            "a reply has the command of a request, + 1");
+    Require(request != nullptr && request->reply != ReplyKind::kNone, "a reply has the command of a request, + 1");
     const MutexLock lock(mMutex);
     if (request->reply == ReplyKind::kSync) {
       mSync.push_back({packet->GetCommand(), packet->GetReqId(), packet->GetDevId()});
@@ -133,23 +129,19 @@ class PacketSource {
     constexpr std::uint8_t kFalseLength = 2;
     const auto choice = mReader.Host<std::uint8_t>();
     const auto oddities = mReader.Host<std::uint8_t>();
-    const auto code = choice == kAnyCode ? mReader.Host<std::uint16_t>()
-                                         : kCommands[choice % kCommands.size()].Code();
+    const auto code = choice == kAnyCode ? mReader.Host<std::uint16_t>() : kCommands[choice % kCommands.size()].Code();
     const auto falseLength = (oddities & kFalseLength) != 0 ? mReader.Host<std::uint32_t>() : 0;
     const auto wanted = mReader.Host<std::uint16_t>();
     const auto payload = mReader.Bytes(std::min<std::size_t>(wanted, mReader.Rest().size()));
     // The block has the packet's exact size.
-    auto packet = std::make_unique<VelPacket>(VelPacket::kHeaderSize +
-                                              static_cast<std::uint32_t>(payload.size()));
+    auto packet = std::make_unique<VelPacket>(VelPacket::kHeaderSize + static_cast<std::uint32_t>(payload.size()));
     packet->InitHeader(static_cast<std::uint8_t>(oddities ^ mCount), code, mCount);
     packet->Append(payload.data(), static_cast<std::uint32_t>(payload.size()));
     const std::span<std::uint8_t> wire = packet->MutableWire();
-    if (const CommandInfo* command = FindCommand(code);
-        command != nullptr && command->reply == ReplyKind::kAsync) {
+    if (const CommandInfo* command = FindCommand(code); command != nullptr && command->reply == ReplyKind::kAsync) {
       const auto own = wire.subspan(VelPacket::kHeaderSize);
       ShortenLength(own, command->fieldBytes - sizeof(std::uint32_t));
-      for (std::size_t record = command->fieldBytes; record < own.size();
-           record += sizeof(IsoPacketRecord)) {
+      for (std::size_t record = command->fieldBytes; record < own.size(); record += sizeof(IsoPacketRecord)) {
         ShortenLength(own, record + offsetof(IsoPacketRecord, length));
       }
     }
@@ -198,8 +190,7 @@ bool IsAnswer(std::span<const SyncReply> replies, std::span<const SyncReply> ask
 
 void Run(std::uint8_t choice, std::span<const std::uint8_t> input) {
   constexpr std::uint16_t kCamera = 0xFFFE;
-  constexpr std::array<std::uint16_t, 7> kProducts = {0xFF01, 0xFF02, 0xFF03, 0xFF04,
-                                                      0xFF05, 0xFF10, kCamera};
+  constexpr std::array<std::uint16_t, 7> kProducts = {0xFF01, 0xFF02, 0xFF03, 0xFF04, 0xFF05, 0xFF10, kCamera};
   constexpr std::uint8_t kAnswersFailures = 0x80;
   constexpr std::uint8_t kLogs = 0x40;
   const bool answersFailures = (choice & kAnswersFailures) != 0;
@@ -229,8 +220,7 @@ void Run(std::uint8_t choice, std::span<const std::uint8_t> input) {
   }
   for (const auto& [key, count] : given) {
     const auto wanted = asked.transfers.find(key);
-    Require(wanted != asked.transfers.end() && count <= wanted->second,
-            "no transfer is answered twice");
+    Require(wanted != asked.transfers.end() && count <= wanted->second, "no transfer is answered twice");
   }
 }
 

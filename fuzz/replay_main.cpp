@@ -35,8 +35,7 @@ std::vector<Path> FilesOf(std::span<char* const> arguments) {
 
 void Replay(const Path& file) {
   std::ifstream stream(file, std::ios::binary);
-  const std::string content{std::istreambuf_iterator<char>(stream),
-                            std::istreambuf_iterator<char>()};
+  const std::string content{std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};
   if (!stream) {
     throw std::runtime_error("cannot read " + file.string());
   }
@@ -50,8 +49,7 @@ void Replay(const Path& file) {
 
 int main(int argc, char** argv) {
   try {
-    const std::vector<Path> files =
-        FilesOf(std::span(argv, static_cast<std::size_t>(argc)).subspan(1));
+    const std::vector<Path> files = FilesOf(std::span(argv, static_cast<std::size_t>(argc)).subspan(1));
     if (files.empty()) {
       throw std::runtime_error("no input to replay");
     }

@@ -22,8 +22,7 @@ Bytes Exact(std::span<const std::uint8_t> bytes) {
 }
 
 std::span<const UVCFormatDesc> Formats(const UVCInputHeaderPtr& header) {
-  return header == nullptr ? std::span<const UVCFormatDesc>{}
-                           : std::span(header->formats, header->bNumFormats);
+  return header == nullptr ? std::span<const UVCFormatDesc>{} : std::span(header->formats, header->bNumFormats);
 }
 
 std::span<const UVCFrameDesc> FramesOf(const UVCFormatDesc& format) {
@@ -35,8 +34,7 @@ std::size_t CountFrames(const UVCInputHeaderPtr& header, std::uint32_t maxHeight
   std::size_t count = 0;
   for (const UVCFormatDesc& format : Formats(header)) {
     count += static_cast<std::size_t>(std::ranges::count_if(
-        FramesOf(format),
-        [maxHeight](const UVCFrameDesc& frame) { return frame.wHeight <= maxHeight; }));
+        FramesOf(format), [maxHeight](const UVCFrameDesc& frame) { return frame.wHeight <= maxHeight; }));
   }
   return count;
 }
@@ -44,8 +42,7 @@ std::size_t CountFrames(const UVCInputHeaderPtr& header, std::uint32_t maxHeight
 void CheckCopies(const UVCInputHeaderPtr& header, const Bytes& block) {
   for (const UVCFormatDesc& format : Formats(header)) {
     for (const std::uint8_t* copy : {format.stillImage, format.colorMatching}) {
-      Require(copy == nullptr ||
-                  std::search(block.begin(), block.end(), copy, copy + copy[0]) != block.end(),
+      Require(copy == nullptr || std::search(block.begin(), block.end(), copy, copy + copy[0]) != block.end(),
               "a descriptor is copied as it was");
     }
   }
@@ -55,8 +52,8 @@ void LookUp(const UVCInputHeaderPtr& header) {
   const auto formats = Formats(header);
   for (unsigned format = 0; format <= std::min<std::size_t>(formats.size() + 1, 255); ++format) {
     for (const unsigned frame : {0U, 1U, 2U, 3U, 254U, 255U}) {
-      const UVCFrameDesc* const found = UVCUtil::GetFrameTypeDesc(
-          header.get(), static_cast<std::uint8_t>(format), static_cast<std::uint8_t>(frame));
+      const UVCFrameDesc* const found =
+          UVCUtil::GetFrameTypeDesc(header.get(), static_cast<std::uint8_t>(format), static_cast<std::uint8_t>(frame));
       Require(found == nullptr || std::any_of(formats.begin(), formats.end(),
                                               [&](const UVCFormatDesc& candidate) {
                                                 return frame <= candidate.bNumFrameDescriptors &&
@@ -73,25 +70,21 @@ void Filter(const Bytes& block, std::uint32_t maxHeight) {
   const std::uint32_t length = UVCUtil::FilterFrameDescriptors(std::span(filtered), maxHeight);
   Require(length <= block.size(), "a filtered block is not longer");
   if (before == nullptr) {
-    Require(length == block.size() && filtered == block,
-            "a block without input header stays as it is");
+    Require(length == block.size() && filtered == block, "a block without input header stays as it is");
     return;
   }
   filtered = Exact(std::span(filtered).first(length));
-  const UVCInputHeaderPtr after =
-      UVCUtil::ParseUVCInputHeader(std::span<const std::uint8_t>(filtered));
+  const UVCInputHeaderPtr after = UVCUtil::ParseUVCInputHeader(std::span<const std::uint8_t>(filtered));
   Require(after != nullptr && after->bNumFormats == before->bNumFormats, "every format stays");
   Require(CountFrames(after, UINT32_MAX) == CountFrames(before, maxHeight),
           "the frames that may stay do, and no other");
   Bytes again = filtered;
-  Require(
-      UVCUtil::FilterFrameDescriptors(std::span(again), maxHeight) == length && again == filtered,
-      "a filtered block has nothing left to filter");
+  Require(UVCUtil::FilterFrameDescriptors(std::span(again), maxHeight) == length && again == filtered,
+          "a filtered block has nothing left to filter");
   constexpr std::size_t kTotalEnd = offsetof(UVCInputHeader, wTotalLength) + 2;
   if (filtered[0] >= kTotalEnd && length <= UINT16_MAX) {
     Require(after->wTotalLength == length, "the total is what was written");
-    Require(TrustedUVCBlockLength(filtered.data()) == length,
-            "a whole block ends where its counts say");
+    Require(TrustedUVCBlockLength(filtered.data()) == length, "a whole block ends where its counts say");
   }
 }
 

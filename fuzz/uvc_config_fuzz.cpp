@@ -36,8 +36,7 @@ class Recipe {
     const std::uint8_t kind = mReader.Host<std::uint8_t>();
     const std::uint8_t shape = mReader.Host<std::uint8_t>();
     auto& settings = mSettings.emplace_back(shape % 4U);
-    mInterfaces.push_back(
-        {(shape & 0x04U) != 0 ? nullptr : settings.data(), static_cast<int>(settings.size())});
+    mInterfaces.push_back({(shape & 0x04U) != 0 ? nullptr : settings.data(), static_cast<int>(settings.size())});
     libusb_endpoint_descriptor& endpoint = mEndpoints.emplace_back();
     libusb_interface_descriptor unused{};
     libusb_interface_descriptor& first = settings.empty() ? unused : settings.front();
@@ -71,8 +70,7 @@ void Search(const libusb_config_descriptor* config) {
   const std::uint32_t endpoint = UVCUtil::GetVSEndpointFromConfig(config);
   const bool overBulk = UVCUtil::IsStreamOverBulk(config);
   const UVCInputHeaderPtr header = UVCUtil::ParseUVCInputHeader(config);
-  Require(position == UVCUtil::kNoInterface || position < config->bNumInterfaces,
-          "an interface is one of those there");
+  Require(position == UVCUtil::kNoInterface || position < config->bNumInterfaces, "an interface is one of those there");
   Require(endpoint == UVCUtil::kNoEndpoint || endpoint <= UINT8_MAX, "an endpoint has an address");
   if (position == UVCUtil::kNoInterface) {
     Require(endpoint == UVCUtil::kNoEndpoint && overBulk && header == nullptr,

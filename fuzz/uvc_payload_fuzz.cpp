@@ -28,8 +28,7 @@ class Frames final : public UVCFrameReceiver {
     return mBlock;
   }
   void TakeFrame(std::span<std::uint8_t> frame, const UVCFrameStamp& stamp) override {
-    Require(!frame.empty() && frame.size() <= mSize,
-            "a frame has data, and never more than was negotiated");
+    Require(!frame.empty() && frame.size() <= mSize, "a frame has data, and never more than was negotiated");
     Require(frame.data() == mBlock.data(), "a frame lies in the block that was handed out for it");
     Require(stamp.index == count, "frames are counted");
     ++count;
@@ -73,8 +72,7 @@ Bytes NextTransfer(ByteReader& reader, std::size_t packets, Bound& bound) {
     const auto packet = reader.Bytes(std::min(wanted, reader.Rest().size()));
     bound.Add(packet);
     const auto length = static_cast<std::uint32_t>(packet.size());
-    StoreIsoRecord(transfer.data(), i,
-                   {static_cast<std::uint32_t>(transfer.size()), length, length, 0});
+    StoreIsoRecord(transfer.data(), i, {static_cast<std::uint32_t>(transfer.size()), length, length, 0});
     transfer.insert(transfer.end(), packet.begin(), packet.end());
   }
   transfer.shrink_to_fit();

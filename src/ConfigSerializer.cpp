@@ -63,9 +63,8 @@ std::unique_ptr<EndpointRecord, FreeDeleter> get_vep_desc(const libusb_endpoint_
   VEL_DEBUG(
       "endpoint bLength[%d] bDescriptorType[%d] bEndpointAddress[%d] bmAttributes[%d] bRefresh[%d] "
       "bSynchAddress[%d] extra_length[%d]\n",
-      int{record->bLength}, int{record->bDescriptorType}, int{record->bEndpointAddress},
-      int{record->bmAttributes}, int{record->bRefresh}, int{record->bSynchAddress},
-      static_cast<int>(record->extraLength));
+      int{record->bLength}, int{record->bDescriptorType}, int{record->bEndpointAddress}, int{record->bmAttributes},
+      int{record->bRefresh}, int{record->bSynchAddress}, static_cast<int>(record->extraLength));
   return record;
 }
 

@@ -33,8 +33,7 @@ int VirtUsbDriver::onEvent(std::unique_ptr<VelPacket> packet) {
   if (packet == nullptr) {
     return 0;
   }
-  VEL_DEVICE_DEBUG(mDeviceBase, "getPacket devId=%u,reqID=%u \n", packet->GetDevId(),
-                   unsigned{packet->GetReqId()});
+  VEL_DEVICE_DEBUG(mDeviceBase, "getPacket devId=%u,reqID=%u \n", packet->GetDevId(), unsigned{packet->GetReqId()});
   if (mSession == nullptr) {
     return 0;
   }

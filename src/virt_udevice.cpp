@@ -140,7 +140,9 @@ int VirtUDevice::CancelTransfer(std::uint32_t streamId) {
   return mPolicy->CancelTransfer(streamId) ? LIBUSB_SUCCESS : mIo->CancelTransfer(streamId);
 }
 
-int VirtUDevice::SetRedirPolicy(const char* policyText) { return mPolicy->SetPolicy(policyText); }
+int VirtUDevice::SetRedirPolicy(const char* policyText) {
+  return mPolicy->SetPolicy(policyText);
+}
 
 int VirtUDevice::GetStringDescriptor(std::uint8_t index, std::uint16_t langId, std::uint8_t* buffer,
                                      std::uint32_t length) {
@@ -168,8 +170,8 @@ int VirtUDevice::ControlTransfer(std::uint8_t bmRequestType, std::uint8_t bReque
   return std::min(ret, int{wLength});
 }
 
-XferPtr VirtUDevice::NewXfer(std::uint32_t xferType, std::uint8_t epAddr, std::uint32_t streamId,
-                             std::uint32_t length, std::uint8_t* data, void* reqCtx) {
+XferPtr VirtUDevice::NewXfer(std::uint32_t xferType, std::uint8_t epAddr, std::uint32_t streamId, std::uint32_t length,
+                             std::uint8_t* data, void* reqCtx) {
   XferPtr info = MakeXfer();
   if (info == nullptr) {
     // Nothing is left to answer with; the request ends here.
@@ -201,8 +203,8 @@ int VirtUDevice::SubmitBulkLike(std::uint32_t xferType, std::uint8_t epAddr, std
   return xferType == kXferBulk ? mIo->BulkTransfer(info.release()) : mIo->InterruptTransfer(info.release());
 }
 
-int VirtUDevice::BulkTransfer(std::uint8_t epAddr, std::uint32_t streamId, std::uint32_t length,
-                              std::uint8_t* data, void* reqCtx) {
+int VirtUDevice::BulkTransfer(std::uint8_t epAddr, std::uint32_t streamId, std::uint32_t length, std::uint8_t* data,
+                              void* reqCtx) {
   const int ret = SubmitBulkLike(kXferBulk, epAddr, streamId, length, data, reqCtx);
   if (ret < 0) {
     VEL_ERROR("bulkTransfer error ret[%d] len[%u]", ret, length);
@@ -239,8 +241,8 @@ int VirtUDevice::IsoTransfer(std::uint8_t epAddr, std::uint32_t streamId, std::u
       std::memcpy(info->isoDescCopy, data, table);
     }
   }
-  const int ret = mPolicy->IsPolicyEndpoint(epAddr) ? mPolicy->DoTransfer(info.release())
-                                                    : mIo->IsochTransfer(info.release());
+  const int ret =
+      mPolicy->IsPolicyEndpoint(epAddr) ? mPolicy->DoTransfer(info.release()) : mIo->IsochTransfer(info.release());
   if (ret < 0) {
     VEL_ERROR("Error submitting iso transfer, %d", ret);
     return ret;

@@ -70,13 +70,12 @@ class VirtUDevice : private UsbIoTransferCallback {
   int CancelTransfer(std::uint32_t streamId);
 
   // Bytes transferred (at most wLength) or a negative status.
-  int ControlTransfer(std::uint8_t bmRequestType, std::uint8_t bRequest, std::uint16_t wValue,
-                      std::uint16_t wIndex, std::uint8_t* data, std::uint16_t wLength, std::uint32_t timeout);
+  int ControlTransfer(std::uint8_t bmRequestType, std::uint8_t bRequest, std::uint16_t wValue, std::uint16_t wIndex,
+                      std::uint8_t* data, std::uint16_t wLength, std::uint32_t timeout);
 
   // Asynchronous. `data` (a malloc block of `length` bytes, never null) and `reqCtx` (a TransferContext in a malloc
   // block) belong to the transfer from the call on, whatever it returns; it is given back exactly once.
-  int BulkTransfer(std::uint8_t epAddr, std::uint32_t streamId, std::uint32_t length, std::uint8_t* data,
-                   void* reqCtx);
+  int BulkTransfer(std::uint8_t epAddr, std::uint32_t streamId, std::uint32_t length, std::uint8_t* data, void* reqCtx);
   int InterruptTransfer(std::uint8_t epAddr, std::uint32_t streamId, std::uint32_t length, std::uint8_t* data,
                         void* reqCtx);
   // `data` begins with the table of `isoPacketNum` packets.

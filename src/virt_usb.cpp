@@ -13,14 +13,15 @@ namespace {
 // so that a flood of empty packets is bounded as well.
 constexpr std::uint64_t kQueuedOverhead = 256;
 
-std::uint64_t QueuedCost(const VelPacket& packet) { return packet.GetCapacity() + kQueuedOverhead; }
+std::uint64_t QueuedCost(const VelPacket& packet) {
+  return packet.GetCapacity() + kQueuedOverhead;
+}
 
 // Payload bytes that are kept of a request that does not fit the queue: enough for the fields of every command, so
 // that the loop can refuse it by name and stream id.
 constexpr std::size_t kKeptOfRefused = 16;
 
-std::shared_ptr<VirtUDevice> OrUnavailable(VelDeviceBase* deviceBase,
-                                           const std::shared_ptr<VirtUDevice>& device) {
+std::shared_ptr<VirtUDevice> OrUnavailable(VelDeviceBase* deviceBase, const std::shared_ptr<VirtUDevice>& device) {
   return device != nullptr ? device : std::make_shared<VirtUDevice>(deviceBase);
 }
 
@@ -71,14 +72,16 @@ const VirtUsb::HandlerEntry& VirtUsb::EntryAt(std::size_t index) {
       {Command::kSetRedirPolicy, &VirtUsb::onSetRedirPolicy},
       {Command::kPing, &VirtUsb::doPingProcess},
   }};
-  static_assert([] {
-    for (std::size_t i = 0; i < kCommands.size(); ++i) {
-      if (kHandlers[i].command != kCommands[i].command) {
-        return false;
-      }
-    }
-    return true;
-  }(), "one handler for each command, in the table's order");
+  static_assert(
+      [] {
+        for (std::size_t i = 0; i < kCommands.size(); ++i) {
+          if (kHandlers[i].command != kCommands[i].command) {
+            return false;
+          }
+        }
+        return true;
+      }(),
+      "one handler for each command, in the table's order");
   return kHandlers[index];
 }
 
@@ -101,7 +104,9 @@ VirtUsb::~VirtUsb() {
   VEL_DEVICE_DEBUG(mDeviceBase, "handler reset\n");
 }
 
-int VirtUsb::IsRedirected() const { return mDeviceBase == nullptr ? 0 : mDeviceBase->IsRedirected(); }
+int VirtUsb::IsRedirected() const {
+  return mDeviceBase == nullptr ? 0 : mDeviceBase->IsRedirected();
+}
 
 int VirtUsb::Stop() {
   VEL_DEVICE_DEBUG(mDeviceBase, "stop\n");

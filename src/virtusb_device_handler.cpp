@@ -41,7 +41,9 @@ std::uint8_t* NewDataBlock(const TransferRequest& transfer) {
 
 }  // namespace
 
-DeviceHandlerAA::~DeviceHandlerAA() { VEL_DEBUG("~devicehandler end\n"); }
+DeviceHandlerAA::~DeviceHandlerAA() {
+  VEL_DEBUG("~devicehandler end\n");
+}
 
 std::unique_ptr<VelPacket> VirtUsb::MakeReply(const VelPacket& request, std::uint32_t capacity) const {
   auto reply = std::make_unique<VelPacket>(capacity);
@@ -66,8 +68,8 @@ void VirtUsb::LogBadPayload(const VelPacket& request, PayloadError error) const 
   const CommandInfo* command = FindCommand(request.GetCommand());
   VEL_DEVICE_ERROR(mDeviceBase, "%.*s (0x%.4x): bad payload of %zu bytes, fields take %u: %.*s",
                    static_cast<int>(command->name.size()), command->name.data(), unsigned{command->Code()},
-                   request.PayloadBytes().size(), command->fieldBytes,
-                   static_cast<int>(PayloadErrorText(error).size()), PayloadErrorText(error).data());
+                   request.PayloadBytes().size(), command->fieldBytes, static_cast<int>(PayloadErrorText(error).size()),
+                   PayloadErrorText(error).data());
 }
 
 int VirtUsb::RefuseSync(const VelPacket& request) {
@@ -185,8 +187,7 @@ int VirtUsb::onSetConfiguration(PacketPtr packet) {
     return RefuseSync(*packet);
   }
   const int ret = mDevice->SetConfiguration(static_cast<int>(*configuration));
-  VEL_DEVICE_DEBUG(mDeviceBase, "onSetConfiguration configuration:%d ret:%d", static_cast<int>(*configuration),
-                   ret);
+  VEL_DEVICE_DEBUG(mDeviceBase, "onSetConfiguration configuration:%d ret:%d", static_cast<int>(*configuration), ret);
   return ReplyStatus(*packet, ret);
 }
 
@@ -238,9 +239,8 @@ int VirtUsb::onControlTransfer(PacketPtr packet) {
                    "timeout[%d]",
                    unsigned{request->bmRequestType}, unsigned{request->bRequest}, unsigned{request->wValue},
                    unsigned{request->wIndex}, int{request->wLength}, static_cast<int>(request->timeout));
-  const std::int32_t ret =
-      mDevice->ControlTransfer(request->bmRequestType, request->bRequest, request->wValue, request->wIndex,
-                               data.data(), request->wLength, request->timeout);
+  const std::int32_t ret = mDevice->ControlTransfer(request->bmRequestType, request->bRequest, request->wValue,
+                                                    request->wIndex, data.data(), request->wLength, request->timeout);
   VEL_DEVICE_DEBUG(mDeviceBase, "onControlTransfer ret:%d", ret);
   PacketPtr reply = MakeReply(*packet, request->wLength + kReplyCapacity);
   reply->Append(&ret, sizeof ret);

@@ -39,16 +39,15 @@ void PrintIsoTable(const TransferReply& reply) {
 void RunTransfers(RemoteDevice& remote) {
   constexpr std::array<std::uint8_t, 16> kOut = {'h', 'e', 'l', 'l', 'o', ' ', 'd', 'e',
                                                  'v', 'i', 'c', 'e', ' ', '.', '.', '.'};
-  const ControlSetup readString{.bmRequestType = 0x80, .bRequest = 6, .wValue = 0x0305, .wIndex = 0x0409,
-                                .wLength = 255};
+  const ControlSetup readString{
+      .bmRequestType = 0x80, .bRequest = 6, .wValue = 0x0305, .wIndex = 0x0409, .wLength = 255};
   const RemoteDevice::Result string = remote.ControlTransfer(readString);
   Print(Format("  %-34s -> %d bytes  %s\n", "control IN, string descriptor 5", string.value,
                HexStart(string.data).c_str()));
   PrintTransfer("bulk OUT 0x01, 16 bytes", remote.Transfer(Command::kBulkTransfer, 0x01, kOut.size(), kOut));
   PrintTransfer("bulk IN 0x81, 512 bytes", remote.Transfer(Command::kBulkTransfer, 0x81, 512));
   PrintTransfer("bulk IN 0x81, 1 MiB", remote.Transfer(Command::kBulkTransfer, 0x81, 1U << 20U));
-  PrintTransfer("interrupt OUT 0x02, 16 bytes",
-                remote.Transfer(Command::kInterruptTransfer, 0x02, kOut.size(), kOut));
+  PrintTransfer("interrupt OUT 0x02, 16 bytes", remote.Transfer(Command::kInterruptTransfer, 0x02, kOut.size(), kOut));
   PrintTransfer("interrupt IN 0x82, 64 bytes", remote.Transfer(Command::kInterruptTransfer, 0x82, 64));
   constexpr std::array<std::uint32_t, 2> kOutPackets = {8, 8};
   PrintTransfer("isochronous OUT 0x03, 2 packets", remote.IsoTransfer(0x03, kOutPackets, kOut));

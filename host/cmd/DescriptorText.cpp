@@ -10,7 +10,9 @@ constexpr std::uint8_t kDescriptorHid = 0x21;          // HID 1.11, 6.2.1
 constexpr std::uint8_t kDescriptorCsInterface = 0x24;  // CDC 1.2, table 12
 constexpr std::uint8_t kClassCommunications = 0x02;
 
-std::string Bcd(std::uint16_t value) { return Format("%x.%02x", value >> 8U, value & 0xFFU); }
+std::string Bcd(std::uint16_t value) {
+  return Format("%x.%02x", value >> 8U, value & 0xFFU);
+}
 
 std::string StringOf(const Enumeration& found, std::uint8_t index) {
   const auto text = found.strings.find(index);
@@ -231,8 +233,8 @@ nlohmann::ordered_json ConfigJson(const Enumeration& found) {
 
 std::string DescriptorText(const Enumeration& found) {
   const DeviceModel& device = found.device;
-  std::string out = Format("Bus %03d Device %03d: ID %04x:%04x ", found.bus, found.address,
-                           unsigned{device.idVendor}, unsigned{device.idProduct}) +
+  std::string out = Format("Bus %03d Device %03d: ID %04x:%04x ", found.bus, found.address, unsigned{device.idVendor},
+                           unsigned{device.idProduct}) +
                     StringOf(found, device.iProduct) + "\n";
   FieldPrinter printer(out, 0);
   printer.Heading("Device Descriptor");
@@ -285,9 +287,9 @@ nlohmann::ordered_json DescriptorJson(const Enumeration& found) {
 
 std::string DescriptorSummary(const Enumeration& found) {
   const DeviceModel& device = found.device;
-  std::string out = Format("%04x:%04x  USB %s, %s speed, class %s\n", unsigned{device.idVendor},
-                           unsigned{device.idProduct}, Bcd(device.bcdUSB).c_str(), SpeedName(found.speed).data(),
-                           ClassName(device.bDeviceClass).data());
+  std::string out =
+      Format("%04x:%04x  USB %s, %s speed, class %s\n", unsigned{device.idVendor}, unsigned{device.idProduct},
+             Bcd(device.bcdUSB).c_str(), SpeedName(found.speed).data(), ClassName(device.bDeviceClass).data());
   if (!found.config) {
     return out;
   }

@@ -9,8 +9,7 @@
 
 namespace vel {
 
-DevicePresence::DevicePresence(const std::string& device, bool wait, const std::string& cameraSource)
-    : mWait(wait) {
+DevicePresence::DevicePresence(const std::string& device, bool wait, const std::string& cameraSource) : mWait(wait) {
   const DeviceChoice choice = ParseDevice(device, cameraSource);
   if (const auto* emulated = std::get_if<DeviceIdentity>(&choice)) {
     mPresent = *emulated;

@@ -12,8 +12,8 @@
 
 namespace vel {
 
-// Whether the device that is served is there, and what its coming and going means for the service. An emulated device is
-// always there. Used by one thread, beside the watch's own.
+// Whether the device that is served is there, and what its coming and going means for the service. An emulated device
+// is always there. Used by one thread, beside the watch's own.
 class DevicePresence {
  public:
   // With `wait`, a local device may be absent: it is waited for, and taken back when it returns. Without, one that

@@ -33,12 +33,15 @@ std::string EmulatedNames() {
 
 }  // namespace
 
-std::span<const EmulatedDevice> EmulatedDevices() { return kEmulated; }
+std::span<const EmulatedDevice> EmulatedDevices() {
+  return kEmulated;
+}
 
 DeviceChoice ParseDevice(const std::string& device, std::string_view cameraSource) {
   for (const EmulatedDevice& emulated : kEmulated) {
     if (emulated.name == device && device == kCamera && cameraSource != kTestCamera) {
-      return DeviceIdentity{0, kCapturedCameraAddress, emulated.vendorId, emulated.productId, std::string(cameraSource)};
+      return DeviceIdentity{0, kCapturedCameraAddress, emulated.vendorId, emulated.productId,
+                            std::string(cameraSource)};
     }
     if (emulated.name == device) {
       return DeviceIdentity{0, emulated.address, emulated.vendorId, emulated.productId, ""};
@@ -78,8 +81,8 @@ DeviceIdentity FindDevice(const std::string& device, std::string_view cameraSour
 }
 
 std::string Describe(const DeviceIdentity& identity) {
-  return Format("bus %03u address %03u, %04x:%04x", unsigned{identity.bus},
-                unsigned{identity.address}, unsigned{identity.vendorId}, unsigned{identity.productId});
+  return Format("bus %03u address %03u, %04x:%04x", unsigned{identity.bus}, unsigned{identity.address},
+                unsigned{identity.vendorId}, unsigned{identity.productId});
 }
 
 }  // namespace vel

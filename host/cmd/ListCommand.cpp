@@ -51,8 +51,8 @@ void PrintLocal(const LocalDevice& device) {
     }
   }
   Print(Format("  %u:%-6u %04x:%04x  %-5s %s\n", unsigned{device.identity.bus}, unsigned{device.identity.address},
-               unsigned{device.identity.vendorId}, unsigned{device.identity.productId},
-               SpeedName(device.speed).data(), Join(names, " ").c_str()));
+               unsigned{device.identity.vendorId}, unsigned{device.identity.productId}, SpeedName(device.speed).data(),
+               Join(names, " ").c_str()));
   Print(Format("           redirects: %s\n", Join(WhatIsRedirected(device), ", ").c_str()));
   if (device.openError == LIBUSB_ERROR_ACCESS) {
     Print(Format("           may not be opened by this user: install %s into /etc/udev/rules.d and plug it in again\n",

@@ -33,8 +33,8 @@ std::optional<DeviceIdentity> IdentityOf(libusb_device* device) {
   if (libusb_get_device_descriptor(device, &desc) != 0 || desc.bDeviceClass == LIBUSB_CLASS_HUB) {
     return std::nullopt;
   }
-  return DeviceIdentity{libusb_get_bus_number(device), libusb_get_device_address(device), desc.idVendor,
-                        desc.idProduct, ""};
+  return DeviceIdentity{libusb_get_bus_number(device), libusb_get_device_address(device), desc.idVendor, desc.idProduct,
+                        ""};
 }
 
 // Calls visit(device, identity) for each device.
@@ -106,9 +106,8 @@ bool IsWanted(const std::optional<T>& wanted, T value) {
 
 std::vector<LocalDevice> LocalDevices() {
   std::vector<LocalDevice> devices;
-  ForEachDevice([&](libusb_device* device, const DeviceIdentity& identity) {
-    devices.push_back(LookAt(device, identity));
-  });
+  ForEachDevice(
+      [&](libusb_device* device, const DeviceIdentity& identity) { devices.push_back(LookAt(device, identity)); });
   std::sort(devices.begin(), devices.end(), [](const LocalDevice& a, const LocalDevice& b) {
     return std::pair(a.identity.bus, a.identity.address) < std::pair(b.identity.bus, b.identity.address);
   });
@@ -116,8 +115,8 @@ std::vector<LocalDevice> LocalDevices() {
 }
 
 bool LocalSelector::Matches(const DeviceIdentity& identity) const {
-  return IsWanted(bus, identity.bus) && IsWanted(address, identity.address) &&
-         IsWanted(vendorId, identity.vendorId) && IsWanted(productId, identity.productId);
+  return IsWanted(bus, identity.bus) && IsWanted(address, identity.address) && IsWanted(vendorId, identity.vendorId) &&
+         IsWanted(productId, identity.productId);
 }
 
 std::optional<DeviceIdentity> FindLocalDevice(const LocalSelector& selector) {
@@ -136,9 +135,9 @@ DeviceWatch::DeviceWatch(const LocalSelector& selector, Callbacks callbacks)
     throw std::runtime_error("this machine's libusb cannot tell when devices come and go");
   }
   const int error = libusb_hotplug_register_callback(
-      mContext.get(), LIBUSB_HOTPLUG_EVENT_DEVICE_ARRIVED | LIBUSB_HOTPLUG_EVENT_DEVICE_LEFT,
-      LIBUSB_HOTPLUG_ENUMERATE, LIBUSB_HOTPLUG_MATCH_ANY, LIBUSB_HOTPLUG_MATCH_ANY, LIBUSB_HOTPLUG_MATCH_ANY,
-      &DeviceWatch::OnHotplug, this, &mHotplug);
+      mContext.get(), LIBUSB_HOTPLUG_EVENT_DEVICE_ARRIVED | LIBUSB_HOTPLUG_EVENT_DEVICE_LEFT, LIBUSB_HOTPLUG_ENUMERATE,
+      LIBUSB_HOTPLUG_MATCH_ANY, LIBUSB_HOTPLUG_MATCH_ANY, LIBUSB_HOTPLUG_MATCH_ANY, &DeviceWatch::OnHotplug, this,
+      &mHotplug);
   if (error != 0) {
     throw std::runtime_error(std::string("cannot watch for USB devices: ") + libusb_strerror(error));
   }
@@ -159,8 +158,8 @@ void DeviceWatch::HandleEvents() {
   }
 }
 
-int LIBUSB_CALL DeviceWatch::OnHotplug(libusb_context* /*context*/, libusb_device* device,
-                                       libusb_hotplug_event event, void* self) {
+int LIBUSB_CALL DeviceWatch::OnHotplug(libusb_context* /*context*/, libusb_device* device, libusb_hotplug_event event,
+                                       void* self) {
   const auto& watch = *static_cast<const DeviceWatch*>(self);
   const std::optional<DeviceIdentity> identity = IdentityOf(device);
   if (identity && watch.mSelector.Matches(*identity)) {

@@ -14,8 +14,7 @@ std::string Format(const char* format, ...) {
   va_start(arguments, format);
   std::va_list again;
   va_copy(again, arguments);
-  std::string text(
-      static_cast<std::size_t>(std::max(std::vsnprintf(nullptr, 0, format, arguments), 0)), '\0');
+  std::string text(static_cast<std::size_t>(std::max(std::vsnprintf(nullptr, 0, format, arguments), 0)), '\0');
   const int written = std::vsnprintf(text.data(), text.size() + 1, format, again);
   va_end(again);
   va_end(arguments);
@@ -24,8 +23,7 @@ std::string Format(const char* format, ...) {
 
 void Print(const std::string& text) {
   if (std::fputs(text.c_str(), stdout) < 0 || std::fflush(stdout) != 0) {
-    throw std::runtime_error(std::string("cannot write to standard output: ") +
-                             std::strerror(errno));
+    throw std::runtime_error(std::string("cannot write to standard output: ") + std::strerror(errno));
   }
 }
 

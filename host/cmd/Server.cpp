@@ -152,8 +152,7 @@ void Server::Ask(Command command, bool forRemote) {
   Post(BuildRequest(command, kOwnId));
   const auto deadline = std::chrono::steady_clock::now() + kOwnTime;
   MutexLock lock(mMutex);
-  while (mAwaited != 0 && !(forRemote && mWritten != FdStream::Result::kOk) &&
-         mChanged.WaitUntil(lock, deadline)) {
+  while (mAwaited != 0 && !(forRemote && mWritten != FdStream::Result::kOk) && mChanged.WaitUntil(lock, deadline)) {
   }
 }
 

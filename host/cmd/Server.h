@@ -52,7 +52,7 @@ class Server {
   std::string mError;
   Mutex mMutex;
   CondVar mChanged;
-  std::uint16_t mAwaited VEL_GUARDED_BY(mMutex) = 0;  // The reply that Ask waits for; 0: none.
+  std::uint16_t mAwaited VEL_GUARDED_BY(mMutex) = 0;                         // The reply that Ask waits for; 0: none.
   FdStream::Result mWritten VEL_GUARDED_BY(mMutex) = FdStream::Result::kOk;  // Of the reply that could not be sent.
   bool mDeviceGone VEL_GUARDED_BY(mMutex) = false;
   Mutex mSessionMutex;  // Posting, and exchanging the session. Nothing else is taken with it held.

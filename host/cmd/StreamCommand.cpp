@@ -85,8 +85,7 @@ struct Outputs {
 // One stream, from the first read to the last picture that is wanted.
 class StreamRun {
  public:
-  StreamRun(GuestCamera& camera, const GuestCamera::Stream& stream, const StreamOptions& options,
-            Outputs& outputs)
+  StreamRun(GuestCamera& camera, const GuestCamera::Stream& stream, const StreamOptions& options, Outputs& outputs)
       : mCamera(camera), mStream(stream), mOptions(options), mOutputs(outputs) {}
 
   // Throws RemoteError when the camera goes away or shows nothing any more.
@@ -127,8 +126,8 @@ class StreamRun {
            (mOptions.seconds > 0 && Clock::now() >= End());
   }
   Clock::time_point End() const {
-    return mStatistics.Begin() + std::chrono::duration_cast<Clock::duration>(
-                                     std::chrono::duration<double>(mOptions.seconds));
+    return mStatistics.Begin() +
+           std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(mOptions.seconds));
   }
   Clock::time_point NextDeadline() const {
     const Clock::time_point due = std::min(mLive.Due(), mStatistics.LastPicture() + kSilence);
@@ -145,20 +144,16 @@ class StreamRun {
       }
       return;
     }
-    const auto format =
-        status == kCompleted ? FormatOfPicture(arrival.reply.data, mStream) : std::nullopt;
+    const auto format = status == kCompleted ? FormatOfPicture(arrival.reply.data, mStream) : std::nullopt;
     mFormat = mFormat ? mFormat : format;
     if (!format || format != mFormat) {
       mStatistics.AddBroken(arrival);
-      mLastFailure = status == kCompleted
-                         ? "what it sends is no whole picture"
-                         : "its reads end with \"" + std::string(TransferStatusName(status)) + "\"";
+      mLastFailure = status == kCompleted ? "what it sends is no whole picture"
+                                          : "its reads end with \"" + std::string(TransferStatusName(status)) + "\"";
       return;
     }
-    const bool encodedOnTheWay =
-        *format == PictureFormat::kH264 && mStream.mode.format == PictureFormat::kYuyv;
-    mStatistics.AddPicture(arrival,
-                           encodedOnTheWay ? mStream.pictureBytes : arrival.reply.data.size());
+    const bool encodedOnTheWay = *format == PictureFormat::kH264 && mStream.mode.format == PictureFormat::kYuyv;
+    mStatistics.AddPicture(arrival, encodedOnTheWay ? mStream.pictureBytes : arrival.reply.data.size());
     mOutputs.Take(*format, std::move(arrival.reply.data));
   }
 
@@ -173,16 +168,14 @@ class StreamRun {
   bool mInterrupted = false;
 };
 
-std::unique_ptr<GuestCamera> TakeCamera(RemoteDevice& remote, bool transcode,
-                                        const std::string& source) {
+std::unique_ptr<GuestCamera> TakeCamera(RemoteDevice& remote, bool transcode, const std::string& source) {
   try {
     return std::make_unique<GuestCamera>(remote, transcode);
   } catch (const RemoteError& error) {
     if (source.empty()) {
       throw;
     }
-    throw RemoteError(std::string(error.what()) + " (is the camera source \"" + source +
-                      "\" there, and free?)");
+    throw RemoteError(std::string(error.what()) + " (is the camera source \"" + source + "\" there, and free?)");
   }
 }
 
@@ -192,8 +185,7 @@ int RunStream(const CommonOptions& common, const StreamOptions& options, const S
   const std::optional<PictureSize> size = ParseSize(options.size);
   const DeviceIdentity identity = FindDevice(common.device, common.cameraSource);
   Outputs outputs(options);
-  RemoteDevice remote(
-      std::make_unique<ModuleChannel>(ModuleLibrary::Load(common.modulePath), identity, true));
+  RemoteDevice remote(std::make_unique<ModuleChannel>(ModuleLibrary::Load(common.modulePath), identity, true));
   const std::unique_ptr<GuestCamera> camera = TakeCamera(remote, !options.untouched, identity.args);
   const GuestCamera::Stream stream = camera->Negotiate(size);
   std::optional<StreamResult> result;

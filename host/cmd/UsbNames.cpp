@@ -45,11 +45,11 @@ constexpr std::array kUsageTypes = {Name{0, "Data"}, Name{1, "Feedback"}, Name{2
                                     Name{3, "(reserved)"}};
 constexpr std::array kSpeeds = {Name{0, "unknown"}, Name{1, "low"},   Name{2, "full"},
                                 Name{3, "high"},    Name{4, "super"}, Name{5, "super plus"}};
-constexpr std::array kStatuses = {Name{0, "completed"}, Name{1, "error"},  Name{2, "timed out"},
+constexpr std::array kStatuses = {Name{0, "completed"}, Name{1, "error"},   Name{2, "timed out"},
                                   Name{3, "cancelled"}, Name{4, "stalled"}, Name{5, "no device"},
                                   Name{6, "overflow"}};
-constexpr std::array kCdcSubtypes = {Name{0x00, "CDC Header"}, Name{0x01, "CDC Call Management"},
-                                     Name{0x02, "CDC ACM"}, Name{0x06, "CDC Union"}};
+constexpr std::array kCdcSubtypes = {Name{0x00, "CDC Header"}, Name{0x01, "CDC Call Management"}, Name{0x02, "CDC ACM"},
+                                     Name{0x06, "CDC Union"}};
 
 std::string_view Find(std::span<const Name> names, int number) {
   const auto found =
@@ -59,12 +59,26 @@ std::string_view Find(std::span<const Name> names, int number) {
 
 }  // namespace
 
-std::string_view ClassName(std::uint8_t usbClass) { return Find(kClasses, usbClass); }
-std::string_view TransferTypeName(std::uint8_t attributes) { return Find(kTransferTypes, attributes & 3); }
-std::string_view SynchTypeName(std::uint8_t attributes) { return Find(kSynchTypes, (attributes >> 2) & 3); }
-std::string_view UsageTypeName(std::uint8_t attributes) { return Find(kUsageTypes, (attributes >> 4) & 3); }
-std::string_view SpeedName(int speed) { return Find(kSpeeds, speed); }
-std::string_view TransferStatusName(int status) { return Find(kStatuses, status); }
-std::string_view CdcSubtypeName(std::uint8_t subtype) { return Find(kCdcSubtypes, subtype); }
+std::string_view ClassName(std::uint8_t usbClass) {
+  return Find(kClasses, usbClass);
+}
+std::string_view TransferTypeName(std::uint8_t attributes) {
+  return Find(kTransferTypes, attributes & 3);
+}
+std::string_view SynchTypeName(std::uint8_t attributes) {
+  return Find(kSynchTypes, (attributes >> 2) & 3);
+}
+std::string_view UsageTypeName(std::uint8_t attributes) {
+  return Find(kUsageTypes, (attributes >> 4) & 3);
+}
+std::string_view SpeedName(int speed) {
+  return Find(kSpeeds, speed);
+}
+std::string_view TransferStatusName(int status) {
+  return Find(kStatuses, status);
+}
+std::string_view CdcSubtypeName(std::uint8_t subtype) {
+  return Find(kCdcSubtypes, subtype);
+}
 
 }  // namespace vel

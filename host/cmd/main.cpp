@@ -42,8 +42,8 @@ int Fail(int status, const std::string& text) {
 std::string UsageProblem(const CLI::App& app, const CLI::ParseError& error) {
   const std::vector<CLI::App*> chosen = app.get_subcommands();
   const std::vector<std::string> unknown = app.remaining(true);
-  const std::string help = chosen.empty() ? " (see virtusb --help)"
-                                          : " (see virtusb " + chosen[0]->get_name() + " --help)";
+  const std::string help =
+      chosen.empty() ? " (see virtusb --help)" : " (see virtusb " + chosen[0]->get_name() + " --help)";
   if (unknown.empty()) {
     return (chosen.empty() ? "no command is given" : error.what()) + help;
   }
@@ -63,41 +63,29 @@ int main(int argc, char** argv) {
     vel::CommonOptions common;
     common.modulePath = vel::ModuleLibrary::DefaultPath();
     std::string level;
-    app.add_option("--module", common.modulePath, "The module to load")
-        ->type_name("PATH")
-        ->capture_default_str();
+    app.add_option("--module", common.modulePath, "The module to load")->type_name("PATH")->capture_default_str();
     app.add_option("--camera-source", common.cameraSource,
                    "What the emulated camera shows: test, /dev/videoN or a file")
         ->type_name("SOURCE")
         ->capture_default_str();
-    app.add_option("--log", level,
-                   "Log level: debug, info, warn, error or off; VEL_LOG_LEVEL does the same")
+    app.add_option("--log", level, "Log level: debug, info, warn, error or off; VEL_LOG_LEVEL does the same")
         ->type_name("LEVEL")
         ->check(CLI::IsMember({"debug", "info", "warn", "error", "off"}));
 
     const auto addDevice = [&common](CLI::App* command) {
-      command
-          ->add_option("DEVICE", common.device,
-                       "A name from \"virtusb list\", BUS:ADDRESS or VID:PID")
-          ->required();
+      command->add_option("DEVICE", common.device, "A name from \"virtusb list\", BUS:ADDRESS or VID:PID")->required();
     };
     CLI::App* list = app.add_subcommand("list", "Show what can be redirected")->fallthrough();
     list->add_flag("--json", common.json, "One JSON document");
     CLI::App* describe =
-        app.add_subcommand("describe",
-                           "Enumerate a device as a guest would and print its descriptors")
-            ->fallthrough();
+        app.add_subcommand("describe", "Enumerate a device as a guest would and print its descriptors")->fallthrough();
     addDevice(describe);
     describe->add_flag("--json", common.json, "One JSON document");
     CLI::App* stream =
-        app.add_subcommand("stream",
-                           "Stream a camera as a guest's driver would, and save its pictures")
-            ->fallthrough();
+        app.add_subcommand("stream", "Stream a camera as a guest's driver would, and save its pictures")->fallthrough();
     addDevice(stream);
     vel::StreamOptions streamOptions;
-    stream
-        ->add_option("--size", streamOptions.size,
-                     "Of the pictures, in pixels; the camera's choice without")
+    stream->add_option("--size", streamOptions.size, "Of the pictures, in pixels; the camera's choice without")
         ->type_name("WxH");
     const CLI::Validator aboveZero(
         [](const std::string& text) {
@@ -106,19 +94,13 @@ int main(int argc, char** argv) {
                      : std::string();
         },
         "");
-    CLI::Option_group* until =
-        stream->add_option_group("until", "As long as; until interrupted without");
-    until->add_option("--frames", streamOptions.frames, "This many pictures")
-        ->type_name("N")
-        ->check(aboveZero);
-    until->add_option("--seconds", streamOptions.seconds, "This long")
-        ->type_name("S")
-        ->check(aboveZero);
+    CLI::Option_group* until = stream->add_option_group("until", "As long as; until interrupted without");
+    until->add_option("--frames", streamOptions.frames, "This many pictures")->type_name("N")->check(aboveZero);
+    until->add_option("--seconds", streamOptions.seconds, "This long")->type_name("S")->check(aboveZero);
     until->require_option(0, 1);
     stream->add_flag("--no-transcode", streamOptions.untouched,
                      "Pictures as the camera gives them; without, raw ones come as H.264");
-    stream
-        ->add_option("-o,--output", streamOptions.file, "Write the pictures, one behind the other")
+    stream->add_option("-o,--output", streamOptions.file, "Write the pictures, one behind the other")
         ->type_name("FILE");
     stream->add_option("--snapshot", streamOptions.snapshot, "Decode a picture and write it as PNG")
         ->type_name("FILE.png");
@@ -127,26 +109,20 @@ int main(int argc, char** argv) {
         "Latency is what can be seen from this side: the time from when a read is the oldest one "
         "in flight to the\n"
         "reply with its picture. The camera's interval between two pictures is in it.");
-    CLI::App* serve =
-        app.add_subcommand("serve", "Carry a device's packets over a byte stream")->fallthrough();
+    CLI::App* serve = app.add_subcommand("serve", "Carry a device's packets over a byte stream")->fallthrough();
     addDevice(serve);
     vel::ServeOptions serveOptions;
     CLI::Option_group* where = serve->add_option_group("where");
     where->add_flag("--stdio", serveOptions.stdio, "Over standard input and output");
-    where
-        ->add_option("--listen", serveOptions.listen,
-                     "On ADDR:PORT, or on PORT of the loopback address")
+    where->add_option("--listen", serveOptions.listen, "On ADDR:PORT, or on PORT of the loopback address")
         ->type_name("[ADDR:]PORT");
     where->require_option(1);
-    serve->add_flag(
-        "--answer-failures", serveOptions.answerFailures,
-        "Answer transfers that failed or were cancelled, with their status and no data");
-    serve->add_flag(
-        "--wait", serveOptions.wait,
-        "Wait for a local device that is not there yet, and take it back when it returns");
+    serve->add_flag("--answer-failures", serveOptions.answerFailures,
+                    "Answer transfers that failed or were cancelled, with their status and no data");
+    serve->add_flag("--wait", serveOptions.wait,
+                    "Wait for a local device that is not there yet, and take it back when it returns");
     CLI::App* demo =
-        app.add_subcommand("demo", "Describe the emulated devices and run transfers of each kind")
-            ->fallthrough();
+        app.add_subcommand("demo", "Describe the emulated devices and run transfers of each kind")->fallthrough();
 
     try {
       app.parse(argc, argv);

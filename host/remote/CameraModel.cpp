@@ -121,12 +121,10 @@ std::uint32_t BytesPerInterval(const EndpointModel& endpoint) {
   return (endpoint.wMaxPacketSize & 0x7FFU) * (((endpoint.wMaxPacketSize >> 11U) & 3U) + 1);
 }
 
-std::vector<CameraSetting> ReadSettings(const std::vector<AltSettingModel>& settings,
-                                        std::uint8_t endpointAddress) {
+std::vector<CameraSetting> ReadSettings(const std::vector<AltSettingModel>& settings, std::uint8_t endpointAddress) {
   std::vector<CameraSetting> found;
   for (const AltSettingModel& setting : settings) {
-    const auto endpoint =
-        std::ranges::find(setting.endpoints, endpointAddress, &EndpointModel::bEndpointAddress);
+    const auto endpoint = std::ranges::find(setting.endpoints, endpointAddress, &EndpointModel::bEndpointAddress);
     if (setting.bAlternateSetting != 0 && endpoint != setting.endpoints.end()) {
       found.push_back({setting.bAlternateSetting, BytesPerInterval(*endpoint)});
     }
@@ -142,8 +140,8 @@ std::optional<CameraModel> ReadCameraModel(const ConfigModel& config) {
       continue;
     }
     const auto descriptors = SplitDescriptors(settings[0].extra);
-    const auto header = std::ranges::find_if(
-        descriptors, [](Descriptor descriptor) { return Is(descriptor, kInputHeader, 13); });
+    const auto header =
+        std::ranges::find_if(descriptors, [](Descriptor descriptor) { return Is(descriptor, kInputHeader, 13); });
     if (header == descriptors.end()) {
       continue;
     }

@@ -27,7 +27,9 @@ UniqueFd::~UniqueFd() {
   }
 }
 
-int UniqueFd::Release() { return std::exchange(mFd, -1); }
+int UniqueFd::Release() {
+  return std::exchange(mFd, -1);
+}
 
 StopSignal::StopSignal() {
   std::array<int, 2> ends{};

@@ -32,14 +32,16 @@ std::shared_ptr<ModuleLibrary> ModuleLibrary::Load(const std::string& path) {
   return std::shared_ptr<ModuleLibrary>(new ModuleLibrary(handle, descriptor));
 }
 
-ModuleLibrary::~ModuleLibrary() { dlclose(mHandle); }
+ModuleLibrary::~ModuleLibrary() {
+  dlclose(mHandle);
+}
 
 std::string ModuleLibrary::DefaultPath() {
   std::error_code error;
   const std::filesystem::path program = std::filesystem::read_symlink("/proc/self/exe", error);
   const std::filesystem::path folder = program.parent_path();
   const std::array<std::filesystem::path, 2> places = {
-      folder / ".." / "src" / kModuleFile,                        // In the build folder.
+      folder / ".." / "src" / kModuleFile,                    // In the build folder.
       folder / VIRTUSB_BIN_TO_LIB / "virtusb" / kModuleFile,  // As installed.
   };
   for (const std::filesystem::path& place : places) {

@@ -10,8 +10,7 @@ namespace vel {
 
 class ModuleSession::Device final : public VelDeviceBase {
  public:
-  Device(DeviceIdentity identity, Options options)
-      : mIdentity(std::move(identity)), mOptions(std::move(options)) {}
+  Device(DeviceIdentity identity, Options options) : mIdentity(std::move(identity)), mOptions(std::move(options)) {}
 
   std::uint8_t GetBusNumber() const override { return mIdentity.bus; }
   std::uint8_t GetDeviceAddress() const override { return mIdentity.address; }
@@ -63,7 +62,9 @@ ModuleSession::ModuleSession(std::shared_ptr<ModuleLibrary> library, DeviceIdent
   }
 }
 
-ModuleSession::~ModuleSession() { Close(); }
+ModuleSession::~ModuleSession() {
+  Close();
+}
 
 void ModuleSession::Post(std::unique_ptr<VelPacket> packet) {
   if (mDriver != nullptr) {

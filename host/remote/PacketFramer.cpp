@@ -69,9 +69,9 @@ bool PacketFramer::BeginPacket() {
   std::uint32_t length = 0;
   std::memcpy(&length, mHeader.data() + VelPacket::kLengthOffset, sizeof length);
   if (mHeader[0] != VelPacket::kMagic || length < VelPacket::kHeaderSize) {
-    mError = "the stream holds no packet: magic " + std::to_string(mHeader[0]) + ", length " +
-             std::to_string(length) + " (a packet begins with " + std::to_string(VelPacket::kMagic) +
-             " and has at least " + std::to_string(VelPacket::kHeaderSize) + " bytes)";
+    mError = "the stream holds no packet: magic " + std::to_string(mHeader[0]) + ", length " + std::to_string(length) +
+             " (a packet begins with " + std::to_string(VelPacket::kMagic) + " and has at least " +
+             std::to_string(VelPacket::kHeaderSize) + " bytes)";
     return false;
   }
   const std::uint32_t kept = length > kMaxPacketBytes ? kKeptOfOversized : length;

@@ -40,8 +40,8 @@ class PacketFramer {
   std::array<std::uint8_t, VelPacket::kHeaderSize> mHeader{};
   std::size_t mHeaderFilled = 0;
   std::unique_ptr<VelPacket> mPacket;
-  std::size_t mFilled = 0;      // Bytes of mPacket that are there.
-  std::size_t mToSkip = 0;      // Bytes of an oversized packet that are still to come and be dropped.
+  std::size_t mFilled = 0;  // Bytes of mPacket that are there.
+  std::size_t mToSkip = 0;  // Bytes of an oversized packet that are still to come and be dropped.
   std::string mError;
 };
 

@@ -13,7 +13,9 @@ std::uint64_t KeyOf(std::uint16_t replyCommand, std::uint32_t id) {
   return (std::uint64_t{replyCommand} << 32U) | id;
 }
 
-std::vector<std::uint8_t> ToVector(std::span<const std::uint8_t> bytes) { return {bytes.begin(), bytes.end()}; }
+std::vector<std::uint8_t> ToVector(std::span<const std::uint8_t> bytes) {
+  return {bytes.begin(), bytes.end()};
+}
 
 }  // namespace
 
@@ -24,7 +26,9 @@ RemoteDevice::RemoteDevice(std::unique_ptr<PacketChannel> channel, std::uint32_t
                    .onClosed = [this] { OnClosed(); }});
 }
 
-RemoteDevice::~RemoteDevice() { mChannel->Close(); }
+RemoteDevice::~RemoteDevice() {
+  mChannel->Close();
+}
 
 void RemoteDevice::OnClosed() {
   const MutexLock lock(mMutex);
@@ -70,8 +74,8 @@ void RemoteDevice::OnPacket(std::unique_ptr<VelPacket> packet) {
   done(std::move(reply));
 }
 
-std::vector<std::uint8_t> RemoteDevice::Exchange(
-    Command command, const std::function<std::unique_ptr<VelPacket>(RequestId)>& build) {
+std::vector<std::uint8_t> RemoteDevice::Exchange(Command command,
+                                                 const std::function<std::unique_ptr<VelPacket>(RequestId)>& build) {
   RequestId id{0, mDevId};
   Key key = 0;
   {
@@ -95,15 +99,15 @@ std::vector<std::uint8_t> RemoteDevice::Exchange(
   mSync.erase(key);
   if (!reply) {
     const std::string name(FindCommand(static_cast<std::uint16_t>(command))->name);
-    throw RemoteError(sent && !mClosed ? "no reply to \"" + name + "\" within " +
-                                             std::to_string(mReplyTime.count()) + " ms"
-                                       : "the device is gone (while waiting for \"" + name + "\")");
+    throw RemoteError(sent && !mClosed
+                          ? "no reply to \"" + name + "\" within " + std::to_string(mReplyTime.count()) + " ms"
+                          : "the device is gone (while waiting for \"" + name + "\")");
   }
   return *std::move(reply);
 }
 
-RemoteDevice::Result RemoteDevice::ExchangeResult(
-    Command command, const std::function<std::unique_ptr<VelPacket>(RequestId)>& build) {
+RemoteDevice::Result RemoteDevice::ExchangeResult(Command command,
+                                                  const std::function<std::unique_ptr<VelPacket>(RequestId)>& build) {
   const std::vector<std::uint8_t> payload = Exchange(command, build);
   ByteReader reader(payload);
   Result result;
@@ -126,15 +130,13 @@ std::int32_t RemoteDevice::Status(Command command) {
 }
 
 std::int32_t RemoteDevice::SetConfiguration(std::uint32_t configuration) {
-  return ExchangeStatus(Command::kSetConfiguration, [&](RequestId id) {
-    return BuildU32Request(Command::kSetConfiguration, id, configuration);
-  });
+  return ExchangeStatus(Command::kSetConfiguration,
+                        [&](RequestId id) { return BuildU32Request(Command::kSetConfiguration, id, configuration); });
 }
 
 std::int32_t RemoteDevice::SetInterfaceAltSetting(std::uint32_t interfaceNumber, std::uint32_t altSetting) {
-  return ExchangeStatus(Command::kSetInterfaceAltSetting, [&](RequestId id) {
-    return BuildAltSettingRequest(id, interfaceNumber, altSetting);
-  });
+  return ExchangeStatus(Command::kSetInterfaceAltSetting,
+                        [&](RequestId id) { return BuildAltSettingRequest(id, interfaceNumber, altSetting); });
 }
 
 std::int32_t RemoteDevice::SetRedirPolicy(std::span<const std::uint8_t> text) {
@@ -142,9 +144,8 @@ std::int32_t RemoteDevice::SetRedirPolicy(std::span<const std::uint8_t> text) {
 }
 
 std::int32_t RemoteDevice::CancelTransfer(std::uint32_t streamId) {
-  return ExchangeStatus(Command::kCancelTransfer, [&](RequestId id) {
-    return BuildU32Request(Command::kCancelTransfer, id, streamId);
-  });
+  return ExchangeStatus(Command::kCancelTransfer,
+                        [&](RequestId id) { return BuildU32Request(Command::kCancelTransfer, id, streamId); });
 }
 
 std::vector<std::uint8_t> RemoteDevice::GetDeviceDescriptor() {
@@ -152,12 +153,10 @@ std::vector<std::uint8_t> RemoteDevice::GetDeviceDescriptor() {
 }
 
 std::vector<std::uint8_t> RemoteDevice::GetConfiguration() {
-  return Exchange(Command::kGetDeviceConfig,
-                  [](RequestId id) { return BuildRequest(Command::kGetDeviceConfig, id); });
+  return Exchange(Command::kGetDeviceConfig, [](RequestId id) { return BuildRequest(Command::kGetDeviceConfig, id); });
 }
 
-RemoteDevice::Result RemoteDevice::GetStringDescriptor(std::uint8_t index, std::uint16_t langId,
-                                                       std::uint32_t length) {
+RemoteDevice::Result RemoteDevice::GetStringDescriptor(std::uint8_t index, std::uint16_t langId, std::uint32_t length) {
   return ExchangeResult(Command::kGetStringDescriptor,
                         [&](RequestId id) { return BuildStringRequest(id, index, langId, length); });
 }
@@ -224,16 +223,14 @@ TransferReply RemoteDevice::Await(Command command, const std::function<std::uint
 
 TransferReply RemoteDevice::Transfer(Command command, std::uint8_t endpoint, std::uint32_t length,
                                      std::span<const std::uint8_t> data) {
-  return Await(command, [&](TransferDone done) {
-    return SubmitTransfer(command, endpoint, length, data, std::move(done));
-  });
+  return Await(command,
+               [&](TransferDone done) { return SubmitTransfer(command, endpoint, length, data, std::move(done)); });
 }
 
 TransferReply RemoteDevice::IsoTransfer(std::uint8_t endpoint, std::span<const std::uint32_t> lengths,
                                         std::span<const std::uint8_t> payload) {
-  return Await(Command::kIsochTransfer, [&](TransferDone done) {
-    return SubmitIsoTransfer(endpoint, lengths, payload, std::move(done));
-  });
+  return Await(Command::kIsochTransfer,
+               [&](TransferDone done) { return SubmitIsoTransfer(endpoint, lengths, payload, std::move(done)); });
 }
 
 }  // namespace vel

@@ -89,7 +89,8 @@ class RemoteDevice {
   void OnPacket(std::unique_ptr<VelPacket> packet);
   void OnClosed();
   // Sends what `build` makes for a fresh reqID and waits for the reply's payload.
-  std::vector<std::uint8_t> Exchange(Command command, const std::function<std::unique_ptr<VelPacket>(RequestId)>& build);
+  std::vector<std::uint8_t> Exchange(Command command,
+                                     const std::function<std::unique_ptr<VelPacket>(RequestId)>& build);
   std::int32_t ExchangeStatus(Command command, const std::function<std::unique_ptr<VelPacket>(RequestId)>& build);
   Result ExchangeResult(Command command, const std::function<std::unique_ptr<VelPacket>(RequestId)>& build);
   std::uint32_t Submit(Command command, TransferDone done,

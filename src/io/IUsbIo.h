@@ -56,7 +56,8 @@ class IUsbIo {
   virtual int SetInterfaceAltSetting(int interfaceNumber, int altSetting) = 0;
   // The transfer's completion still arrives, as cancelled unless it was faster.
   virtual int CancelTransfer(std::uint32_t localXferId) = 0;
-  // Bytes transferred (at most `wLength`) or a negative status. Blocks for at most `timeout` milliseconds (0: without limit).
+  // Bytes transferred (at most `wLength`) or a negative status. Blocks for at most `timeout` milliseconds (0: without
+  // limit).
   virtual int ControlTransfer(std::uint8_t bmRequestType, std::uint8_t bRequest, std::uint16_t wValue,
                               std::uint16_t wIndex, std::uint8_t* data, std::uint16_t wLength,
                               std::uint32_t timeout) = 0;

@@ -54,9 +54,8 @@ IUsbIo* CreateEmulated(VelDeviceBase& device) {
 
 IUsbIo* CreateUsbIo(std::uint32_t type, VelDeviceBase* device) {
   VEL_DEBUG("UsbIo type[%d], bus[0x%x], addr[0x%x], vid[0x%x], pid[0x%x], args[%s]", static_cast<int>(type),
-            unsigned{device->GetBusNumber()}, unsigned{device->GetDeviceAddress()},
-            unsigned{device->GetVendorId()}, unsigned{device->GetProductId()},
-            EscapeForLog(device->GetArgs()).c_str());
+            unsigned{device->GetBusNumber()}, unsigned{device->GetDeviceAddress()}, unsigned{device->GetVendorId()},
+            unsigned{device->GetProductId()}, EscapeForLog(device->GetArgs()).c_str());
   switch (type) {
     case kIoTypeEmulated:
       return CreateEmulated(*device);

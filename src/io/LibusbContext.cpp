@@ -57,8 +57,7 @@ int LibusbContext::HandleEvents(std::chrono::milliseconds limit) {
   const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(limit);
   timeval wait{};
   wait.tv_sec = static_cast<decltype(wait.tv_sec)>(seconds.count());
-  wait.tv_usec =
-      static_cast<decltype(wait.tv_usec)>(std::chrono::microseconds(limit - seconds).count());
+  wait.tv_usec = static_cast<decltype(wait.tv_usec)>(std::chrono::microseconds(limit - seconds).count());
   const int result = libusb_handle_events_timeout_completed(mContext.get(), &wait, nullptr);
   return result == LIBUSB_ERROR_INTERRUPTED ? LIBUSB_SUCCESS : result;
 }

@@ -10,8 +10,7 @@ namespace vel {
 namespace {
 
 struct ControlFlight {
-  ControlFlight(LibusbHandle& handle, LibusbTransferPtr transfer,
-                std::unique_ptr<std::uint8_t[]> bytes)
+  ControlFlight(LibusbHandle& handle, LibusbTransferPtr transfer, std::unique_ptr<std::uint8_t[]> bytes)
       : owner(handle), buffer(std::move(bytes)), flight(std::move(transfer), LibusbFlight::kNoId) {}
 
   LibusbHandle& owner;
@@ -47,31 +46,30 @@ int ToError(libusb_transfer_status status) {
 
 }  // namespace
 
-int LibusbControl(LibusbHandle& owner, libusb_device_handle* handle,
-                  const LibusbControlRequest& request, std::uint8_t* data) {
+int LibusbControl(LibusbHandle& owner, libusb_device_handle* handle, const LibusbControlRequest& request,
+                  std::uint8_t* data) {
   if (data == nullptr && request.wLength > 0) {
     return LIBUSB_ERROR_INVALID_PARAM;
   }
   const bool isIn = (request.bmRequestType & LIBUSB_ENDPOINT_IN) != 0;
   LibusbTransferPtr transfer(libusb_alloc_transfer(0));
-  std::unique_ptr<std::uint8_t[]> buffer(
-      new (std::nothrow) std::uint8_t[LIBUSB_CONTROL_SETUP_SIZE + std::size_t{request.wLength}]);
+  std::unique_ptr<std::uint8_t[]> buffer(new (std::nothrow)
+                                             std::uint8_t[LIBUSB_CONTROL_SETUP_SIZE + std::size_t{request.wLength}]);
   if (transfer == nullptr || buffer == nullptr) {
     return LIBUSB_ERROR_NO_MEM;
   }
-  libusb_fill_control_setup(buffer.get(), request.bmRequestType, request.bRequest, request.wValue,
-                            request.wIndex, request.wLength);
+  libusb_fill_control_setup(buffer.get(), request.bmRequestType, request.bRequest, request.wValue, request.wIndex,
+                            request.wLength);
   if (!isIn && request.wLength > 0) {
     std::memcpy(buffer.get() + LIBUSB_CONTROL_SETUP_SIZE, data, request.wLength);
   }
-  std::unique_ptr<ControlFlight> control(
-      new (std::nothrow) ControlFlight(owner, std::move(transfer), std::move(buffer)));
+  std::unique_ptr<ControlFlight> control(new (std::nothrow)
+                                             ControlFlight(owner, std::move(transfer), std::move(buffer)));
   if (control == nullptr) {
     return LIBUSB_ERROR_NO_MEM;
   }
   libusb_transfer& filled = *control->flight.transfer;
-  libusb_fill_control_transfer(&filled, handle, control->buffer.get(), ControlDone, control.get(),
-                               request.timeout);
+  libusb_fill_control_transfer(&filled, handle, control->buffer.get(), ControlDone, control.get(), request.timeout);
   const int submitted = owner.Submit(control->flight);
   if (submitted < 0) {
     return submitted;
@@ -86,8 +84,7 @@ int LibusbControl(LibusbHandle& owner, libusb_device_handle* handle,
   }
   const int moved = std::clamp<int>(filled.actual_length, 0, request.wLength);
   if (isIn && moved > 0) {
-    std::memcpy(data, control->buffer.get() + LIBUSB_CONTROL_SETUP_SIZE,
-                static_cast<std::size_t>(moved));
+    std::memcpy(data, control->buffer.get() + LIBUSB_CONTROL_SETUP_SIZE, static_cast<std::size_t>(moved));
   }
   return moved;
 }

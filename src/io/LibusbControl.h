@@ -20,8 +20,8 @@ struct LibusbControlRequest {
 // close of `owner` ends it with LIBUSB_ERROR_IO. `data` has room for wLength bytes and is not
 // touched after the return. Called with a LibusbUse held, of which `handle` is; not from the thread
 // that handles events.
-int LibusbControl(LibusbHandle& owner, libusb_device_handle* handle,
-                  const LibusbControlRequest& request, std::uint8_t* data);
+int LibusbControl(LibusbHandle& owner, libusb_device_handle* handle, const LibusbControlRequest& request,
+                  std::uint8_t* data);
 
 }  // namespace vel
 

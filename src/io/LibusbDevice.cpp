@@ -4,8 +4,7 @@
 
 namespace vel {
 
-bool LibusbDevice::Find(std::span<libusb_device* const> list, std::uint8_t bus,
-                        std::uint8_t address) {
+bool LibusbDevice::Find(std::span<libusb_device* const> list, std::uint8_t bus, std::uint8_t address) {
   for (libusb_device* const device : list) {
     if (libusb_get_bus_number(device) == bus && libusb_get_device_address(device) == address) {
       mDevice.reset(libusb_ref_device(device));

@@ -27,8 +27,7 @@ struct LibusbFlight {
   // Of a synchronous transfer, which has no id of its own.
   static constexpr std::uint64_t kNoId = std::uint64_t{1} << 32U;
 
-  LibusbFlight(LibusbTransferPtr filled, std::uint64_t key)
-      : transfer(std::move(filled)), id(key) {}
+  LibusbFlight(LibusbTransferPtr filled, std::uint64_t key) : transfer(std::move(filled)), id(key) {}
 
   const LibusbTransferPtr transfer;
   const std::uint64_t id;

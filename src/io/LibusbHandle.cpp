@@ -175,8 +175,7 @@ void LibusbHandle::BeginLull(const LibusbEndpoints& endpoints) {
   MutexLock lock(mMutex);
   ++mLulls;
   for (const auto& [id, flight] : mPending) {
-    if (id != LibusbFlight::kNoId && !flight->cancelled &&
-        endpoints.test(flight->transfer->endpoint)) {
+    if (id != LibusbFlight::kNoId && !flight->cancelled && endpoints.test(flight->transfer->endpoint)) {
       CancelFlight(*flight);
     }
   }

@@ -19,13 +19,11 @@ constexpr std::uint8_t kHubPortOut = 0x23;
 constexpr std::uint16_t kPortResetFeature = 4;
 
 bool IsPortReset(std::uint8_t bmRequestType, std::uint8_t bRequest, std::uint16_t wValue) {
-  return bmRequestType == kHubPortOut && bRequest == LIBUSB_REQUEST_SET_FEATURE &&
-         (wValue & kPortResetFeature) != 0;
+  return bmRequestType == kHubPortOut && bRequest == LIBUSB_REQUEST_SET_FEATURE && (wValue & kPortResetFeature) != 0;
 }
 
 bool IsClearHalt(std::uint8_t bmRequestType, std::uint8_t bRequest, std::uint16_t wValue) {
-  return bmRequestType == LIBUSB_RECIPIENT_ENDPOINT && bRequest == LIBUSB_REQUEST_CLEAR_FEATURE &&
-         wValue == 0;
+  return bmRequestType == LIBUSB_RECIPIENT_ENDPOINT && bRequest == LIBUSB_REQUEST_CLEAR_FEATURE && wValue == 0;
 }
 
 const LibusbEndpoints kAllEndpoints = LibusbEndpoints().set();
@@ -74,8 +72,7 @@ void LibusbIo::GetLibusbDev() {
     VEL_WARN("Starting LibusbEventHandler failed\n");
   }
   const std::size_t found = count < 0 ? 0 : static_cast<std::size_t>(count);
-  if (!mDevice.Find({list.get(), found}, mDeviceBase->GetBusNumber(),
-                    mDeviceBase->GetDeviceAddress())) {
+  if (!mDevice.Find({list.get(), found}, mDeviceBase->GetBusNumber(), mDeviceBase->GetDeviceAddress())) {
     VEL_ERROR("GetLibusbDev failed\n");
     return;
   }
@@ -108,8 +105,7 @@ int LibusbIo::CloseUsbDev() {
     VEL_ERROR(
         "CloseUsbDev "
         "[bus=0x%02X,port=0x%02X,address=0x%02X,VID=0x%04X,PID=0x%04X]",
-        unsigned{mDeviceBase->GetBusNumber()},
-        device == nullptr ? 0U : unsigned{libusb_get_port_number(device)},
+        unsigned{mDeviceBase->GetBusNumber()}, device == nullptr ? 0U : unsigned{libusb_get_port_number(device)},
         unsigned{mDeviceBase->GetDeviceAddress()}, unsigned{mDeviceBase->GetVendorId()},
         unsigned{mDeviceBase->GetProductId()});
   }
@@ -175,8 +171,7 @@ std::uint8_t LibusbIo::GetDeviceSpeed() {
   return static_cast<std::uint8_t>(libusb_get_device_speed(mDevice.Get()));
 }
 
-int LibusbIo::GetStringDescriptor(std::uint8_t index, std::uint16_t langId, std::uint8_t* buffer,
-                                  int length) {
+int LibusbIo::GetStringDescriptor(std::uint8_t index, std::uint16_t langId, std::uint8_t* buffer, int length) {
   const LibusbUse use(mHandle);
   if (use.Get() == nullptr) {
     VEL_ERROR("GetStringDescriptor failed LIBUSB_ERROR_NOT_FOUND\n");
@@ -321,8 +316,7 @@ int LibusbIo::SetInterfaceAltSetting(int interfaceNumber, int altSetting) {
     VEL_ERROR("SetInterfaceAltSetting failed LIBUSB_ERROR_NOT_FOUND\n");
     return LIBUSB_ERROR_NOT_FOUND;
   }
-  const LibusbLull lull(
-      mHandle, mHandle.IsBusy() ? mDevice.ReadEndpoints(interfaceNumber) : LibusbEndpoints());
+  const LibusbLull lull(mHandle, mHandle.IsBusy() ? mDevice.ReadEndpoints(interfaceNumber) : LibusbEndpoints());
   // libusb up to 1.0.26 unlocks a lock that it does not hold when this is asked of a device that is
   // gone, and then aborts the process when it is closed. This asks first, for nothing else.
   int result = libusb_kernel_driver_active(use.Get(), interfaceNumber);
@@ -346,9 +340,8 @@ int LibusbIo::CancelTransfer(std::uint32_t localXferId) {
   return result;
 }
 
-int LibusbIo::ControlTransfer(std::uint8_t bmRequestType, std::uint8_t bRequest,
-                              std::uint16_t wValue, std::uint16_t wIndex, std::uint8_t* data,
-                              std::uint16_t wLength, std::uint32_t timeout) {
+int LibusbIo::ControlTransfer(std::uint8_t bmRequestType, std::uint8_t bRequest, std::uint16_t wValue,
+                              std::uint16_t wIndex, std::uint8_t* data, std::uint16_t wLength, std::uint32_t timeout) {
   const LibusbUse use(mHandle);
   if (use.Get() == nullptr) {
     VEL_ERROR("ControlTransfer failed LIBUSB_ERROR_NOT_FOUND\n");
@@ -389,8 +382,8 @@ int LibusbIo::BulkTransfer(_UsbIoXferInfo* info) {
     VEL_ERROR("BulkTransfer failed LIBUSB_ERROR_NOT_FOUND\n");
     return LIBUSB_ERROR_NOT_FOUND;
   }
-  VEL_DEBUG("BulkTransfer streamid[%d] epaddr[%d] len[%d]", static_cast<int>(info->streamId),
-            int{info->epAddr}, static_cast<int>(info->length));
+  VEL_DEBUG("BulkTransfer streamid[%d] epaddr[%d] len[%d]", static_cast<int>(info->streamId), int{info->epAddr},
+            static_cast<int>(info->length));
   info->owner = this;
   const int result = LibusbTransfer::Submit(mHandle, use.Get(), *info, LIBUSB_TRANSFER_TYPE_BULK);
   if (result < 0) {
@@ -412,11 +405,10 @@ int LibusbIo::InterruptTransfer(_UsbIoXferInfo* info) {
     VEL_ERROR("InterruptTransfer failed LIBUSB_ERROR_NOT_FOUND\n");
     return LIBUSB_ERROR_NOT_FOUND;
   }
-  VEL_DEBUG("InterruptTransfer streamid[%d] epaddr[%d] len[%d]", static_cast<int>(info->streamId),
-            int{info->epAddr}, static_cast<int>(info->length));
+  VEL_DEBUG("InterruptTransfer streamid[%d] epaddr[%d] len[%d]", static_cast<int>(info->streamId), int{info->epAddr},
+            static_cast<int>(info->length));
   info->owner = this;
-  const int result =
-      LibusbTransfer::Submit(mHandle, use.Get(), *info, LIBUSB_TRANSFER_TYPE_INTERRUPT);
+  const int result = LibusbTransfer::Submit(mHandle, use.Get(), *info, LIBUSB_TRANSFER_TYPE_INTERRUPT);
   if (result < 0) {
     std::printf("Error submitting interrupt transfer, %d", result);
     return result;
@@ -436,9 +428,8 @@ int LibusbIo::IsochTransfer(_UsbIoXferInfo* info) {
     VEL_ERROR("IsoTransfer failed LIBUSB_ERROR_NOT_FOUND\n");
     return LIBUSB_ERROR_NOT_FOUND;
   }
-  VEL_DEBUG("IsoTransfer streamid[0x%x] epaddr[0x%x] len[%d] isonum[%d]", info->streamId,
-            unsigned{info->epAddr}, static_cast<int>(info->length),
-            static_cast<int>(info->isoPacketNum));
+  VEL_DEBUG("IsoTransfer streamid[0x%x] epaddr[0x%x] len[%d] isonum[%d]", info->streamId, unsigned{info->epAddr},
+            static_cast<int>(info->length), static_cast<int>(info->isoPacketNum));
   info->owner = this;
   const int result = LibusbTransfer::SubmitIso(mHandle, use.Get(), *info);
   if (result < 0) {

@@ -54,8 +54,7 @@ class LibusbIo : public IUsbIo {
   std::uint8_t GetDeviceAddress() override;
   std::uint8_t GetDeviceSpeed() override;
   // Blocks for at most a second.
-  int GetStringDescriptor(std::uint8_t index, std::uint16_t langId, std::uint8_t* buffer,
-                          int length) override;
+  int GetStringDescriptor(std::uint8_t index, std::uint16_t langId, std::uint8_t* buffer, int length) override;
   // Like the release of interfaces and, for its own endpoints, a new alternate setting, it ends the
   // transfers in flight as cancelled.
   int ResetDevice() override;
@@ -71,9 +70,8 @@ class LibusbIo : public IUsbIo {
   // The newest transfer with this id; LIBUSB_ERROR_NOT_FOUND when there is none or it was cancelled
   // before.
   int CancelTransfer(std::uint32_t localXferId) override;
-  int ControlTransfer(std::uint8_t bmRequestType, std::uint8_t bRequest, std::uint16_t wValue,
-                      std::uint16_t wIndex, std::uint8_t* data, std::uint16_t wLength,
-                      std::uint32_t timeout) override;
+  int ControlTransfer(std::uint8_t bmRequestType, std::uint8_t bRequest, std::uint16_t wValue, std::uint16_t wIndex,
+                      std::uint8_t* data, std::uint16_t wLength, std::uint32_t timeout) override;
   int BulkTransfer(_UsbIoXferInfo* info) override;
   int InterruptTransfer(_UsbIoXferInfo* info) override;
   int IsochTransfer(_UsbIoXferInfo* info) override;

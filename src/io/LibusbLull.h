@@ -13,9 +13,7 @@ namespace vel {
 // are in flight go on. Made with a LibusbUse held; any thread, also within a completion.
 class LibusbLull {
  public:
-  LibusbLull(LibusbHandle& owner, const LibusbEndpoints& endpoints) : mOwner(owner) {
-    owner.BeginLull(endpoints);
-  }
+  LibusbLull(LibusbHandle& owner, const LibusbEndpoints& endpoints) : mOwner(owner) { owner.BeginLull(endpoints); }
   LibusbLull(const LibusbLull&) = delete;
   LibusbLull& operator=(const LibusbLull&) = delete;
   ~LibusbLull() { mOwner.EndLull(); }

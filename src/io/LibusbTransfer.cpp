@@ -26,18 +26,13 @@ unsigned Moved(const libusb_iso_packet_descriptor& packet) {
 }
 
 bool HasTable(const _UsbIoXferInfo& info) {
-  return info.data != nullptr && info.isoPacketNum > 0 &&
-         IsoTableSize(info.isoPacketNum) <= info.length;
+  return info.data != nullptr && info.isoPacketNum > 0 && IsoTableSize(info.isoPacketNum) <= info.length;
 }
 
 }  // namespace
 
-LibusbTransfer::LibusbTransfer(LibusbHandle& owner, _UsbIoXferInfo& info,
-                               LibusbTransferPtr transfer, Block isoBuffer)
-    : mOwner(owner),
-      mInfo(&info),
-      mIsoBuffer(std::move(isoBuffer)),
-      mFlight(std::move(transfer), info.localXferId) {
+LibusbTransfer::LibusbTransfer(LibusbHandle& owner, _UsbIoXferInfo& info, LibusbTransferPtr transfer, Block isoBuffer)
+    : mOwner(owner), mInfo(&info), mIsoBuffer(std::move(isoBuffer)), mFlight(std::move(transfer), info.localXferId) {
   mFlight.transfer->user_data = this;
 }
 
@@ -50,15 +45,14 @@ int LibusbTransfer::Submit(LibusbHandle& owner, libusb_device_handle* handle, _U
   if (transfer == nullptr) {
     return LIBUSB_ERROR_NO_MEM;
   }
-  libusb_fill_bulk_transfer(transfer.get(), handle, info.epAddr, info.data,
-                            static_cast<int>(info.length), FuncAsyncTransferCB, nullptr, 0);
+  libusb_fill_bulk_transfer(transfer.get(), handle, info.epAddr, info.data, static_cast<int>(info.length),
+                            FuncAsyncTransferCB, nullptr, 0);
   transfer->type = static_cast<unsigned char>(type);
-  return Submit(std::unique_ptr<LibusbTransfer>(
-      new (std::nothrow) LibusbTransfer(owner, info, std::move(transfer), nullptr)));
+  return Submit(
+      std::unique_ptr<LibusbTransfer>(new (std::nothrow) LibusbTransfer(owner, info, std::move(transfer), nullptr)));
 }
 
-int LibusbTransfer::SubmitIso(LibusbHandle& owner, libusb_device_handle* handle,
-                              _UsbIoXferInfo& info) {
+int LibusbTransfer::SubmitIso(LibusbHandle& owner, libusb_device_handle* handle, _UsbIoXferInfo& info) {
   if (!HasTable(info)) {
     return LIBUSB_ERROR_INVALID_PARAM;
   }
@@ -75,14 +69,12 @@ int LibusbTransfer::SubmitIso(LibusbHandle& owner, libusb_device_handle* handle,
     total += packet.length;
   }
   // The data of an IN record is the table alone: what is behind it is not read.
-  if (total > (IsIn(info) ? kMaxIsoPayload
-                          : std::min<std::uint64_t>(kMaxIsoPayload, info.length - tableSize))) {
+  if (total > (IsIn(info) ? kMaxIsoPayload : std::min<std::uint64_t>(kMaxIsoPayload, info.length - tableSize))) {
     return LIBUSB_ERROR_INVALID_PARAM;
   }
   const std::size_t payload = static_cast<std::size_t>(total);
   // The completion of an OUT transfer writes the packet table into its buffer.
-  const std::size_t room =
-      std::max<std::size_t>(IsIn(info) ? payload : std::max(payload, tableSize), 1);
+  const std::size_t room = std::max<std::size_t>(IsIn(info) ? payload : std::max(payload, tableSize), 1);
   Block buffer(static_cast<std::uint8_t*>(std::malloc(room)));
   if (buffer == nullptr) {
     return LIBUSB_ERROR_NO_MEM;
@@ -91,9 +83,8 @@ int LibusbTransfer::SubmitIso(LibusbHandle& owner, libusb_device_handle* handle,
     std::memcpy(buffer.get(), info.data + tableSize, payload);
     std::memset(buffer.get() + payload, 0, room - payload);
   }
-  libusb_fill_iso_transfer(transfer.get(), handle, info.epAddr, buffer.get(),
-                           static_cast<int>(payload), static_cast<int>(info.isoPacketNum),
-                           FuncAsyncTransferCB, nullptr, 0);
+  libusb_fill_iso_transfer(transfer.get(), handle, info.epAddr, buffer.get(), static_cast<int>(payload),
+                           static_cast<int>(info.isoPacketNum), FuncAsyncTransferCB, nullptr, 0);
   return Submit(std::unique_ptr<LibusbTransfer>(
       new (std::nothrow) LibusbTransfer(owner, info, std::move(transfer), std::move(buffer))));
 }
@@ -128,13 +119,12 @@ void LIBUSB_CALL LibusbTransfer::FuncAsyncTransferCB(libusb_transfer* transfer) 
 void LibusbTransfer::Complete() {
   libusb_transfer& transfer = *mFlight.transfer;
   if (transfer.status != LIBUSB_TRANSFER_COMPLETED) {
-    VEL_ERROR("Libusb transfer status error[%d]!, transfer_type[%d]",
-              static_cast<int>(transfer.status), int{transfer.type});
+    VEL_ERROR("Libusb transfer status error[%d]!, transfer_type[%d]", static_cast<int>(transfer.status),
+              int{transfer.type});
     FailXfer(mInfo, transfer.status);
     return;
   }
-  const auto moved =
-      static_cast<std::uint32_t>(std::clamp(transfer.actual_length, 0, transfer.length));
+  const auto moved = static_cast<std::uint32_t>(std::clamp(transfer.actual_length, 0, transfer.length));
   mInfo->status = kXferCompleted;
   mInfo->length = moved;
   if (transfer.type == LIBUSB_TRANSFER_TYPE_ISOCHRONOUS) {
@@ -145,8 +135,8 @@ void LibusbTransfer::Complete() {
       return;
     }
   }
-  VEL_DEBUG("async transfer[%d] cb, streamid[0x%x] length[%d] actual_length[%d]",
-            int{transfer.type}, mInfo->streamId, transfer.length, transfer.actual_length);
+  VEL_DEBUG("async transfer[%d] cb, streamid[0x%x] length[%d] actual_length[%d]", int{transfer.type}, mInfo->streamId,
+            transfer.length, transfer.actual_length);
   CompleteXfer(mInfo);
 }
 

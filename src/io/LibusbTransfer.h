@@ -20,8 +20,7 @@ class LibusbTransfer {
   // Submits `info` as `type` (bulk or interrupt). Called with a LibusbUse held, of which `handle`
   // is. On success the record belongs to its completion and may be gone; after a failure it is as
   // it was, and the caller completes it.
-  static int Submit(LibusbHandle& owner, libusb_device_handle* handle, _UsbIoXferInfo& info,
-                    libusb_transfer_type type);
+  static int Submit(LibusbHandle& owner, libusb_device_handle* handle, _UsbIoXferInfo& info, libusb_transfer_type type);
   // The same for an isochronous record. LIBUSB_ERROR_INVALID_PARAM when the packet table does not
   // fit the record's data, or the packets do not (OUT) or are absurd (IN).
   static int SubmitIso(LibusbHandle& owner, libusb_device_handle* handle, _UsbIoXferInfo& info);
@@ -32,8 +31,7 @@ class LibusbTransfer {
   };
   using Block = std::unique_ptr<std::uint8_t, Free>;
 
-  LibusbTransfer(LibusbHandle& owner, _UsbIoXferInfo& info, LibusbTransferPtr transfer,
-                 Block isoBuffer);
+  LibusbTransfer(LibusbHandle& owner, _UsbIoXferInfo& info, LibusbTransferPtr transfer, Block isoBuffer);
 
   static int Submit(std::unique_ptr<LibusbTransfer> self);
   static void LIBUSB_CALL FuncAsyncTransferCB(libusb_transfer* transfer);

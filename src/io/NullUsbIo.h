@@ -19,9 +19,7 @@ class NullUsbIo : public IUsbIo {
   std::uint8_t GetBusNumber() override { return 0; }
   std::uint8_t GetDeviceAddress() override { return 0; }
   std::uint8_t GetDeviceSpeed() override { return 0; }
-  int GetStringDescriptor(std::uint8_t, std::uint16_t, std::uint8_t*, int) override {
-    return LIBUSB_ERROR_NOT_FOUND;
-  }
+  int GetStringDescriptor(std::uint8_t, std::uint16_t, std::uint8_t*, int) override { return LIBUSB_ERROR_NOT_FOUND; }
   int ResetDevice() override { return LIBUSB_ERROR_NOT_FOUND; }
   int AttachKernelDriver() override { return LIBUSB_ERROR_NOT_FOUND; }
   int DetachKernelDriver() override { return LIBUSB_ERROR_NOT_FOUND; }

@@ -69,7 +69,9 @@ static_assert(sizeof(void*) != 8 || offsetof(_UsbIoXferInfo, reqBuf) == 32);
 static_assert(sizeof(void*) != 8 || offsetof(_UsbIoXferInfo, data) == 48);
 static_assert(sizeof(void*) != 8 || offsetof(_UsbIoXferInfo, owner) == 80);
 
-constexpr bool IsIn(const _UsbIoXferInfo& info) { return (info.epAddr & 0x80U) != 0; }
+constexpr bool IsIn(const _UsbIoXferInfo& info) {
+  return (info.epAddr & 0x80U) != 0;
+}
 
 // Replaces the record's data by another malloc block (or null) and frees the one before.
 void ReplaceXferData(_UsbIoXferInfo& info, std::uint8_t* data, std::uint32_t length);

@@ -43,15 +43,13 @@ std::uint32_t ConvertToYuyv(const AVFrame& picture, _UVC_DECODER_TYPE type, std:
     }
     return bytes;
   }
-  PlanarToYuyv(*layout, Plane(picture, 0), Plane(picture, 1), Plane(picture, 2), out, picture.width,
-               picture.height);
+  PlanarToYuyv(*layout, Plane(picture, 0), Plane(picture, 1), Plane(picture, 2), out, picture.width, picture.height);
   return bytes;
 }
 
 void CopyPlane(PlaneIn from, std::uint8_t* to, std::size_t width, std::size_t height) {
   for (std::size_t row = 0; row < height; ++row) {
-    std::memcpy(to + row * width, from.data + static_cast<std::ptrdiff_t>(row) * from.stride,
-                width);
+    std::memcpy(to + row * width, from.data + static_cast<std::ptrdiff_t>(row) * from.stride, width);
   }
 }
 
@@ -75,8 +73,8 @@ std::size_t DecodedPictureBytes(const AVFrame& picture) {
   return static_cast<std::size_t>(picture.width) * static_cast<std::size_t>(picture.height) * 2;
 }
 
-std::uint32_t ConvertDecodedPicture(const AVFrame& picture, _UVC_DECODER_TYPE type,
-                                    _UVC_DECODER_OUTPUT_FORMAT format, std::uint8_t* out) {
+std::uint32_t ConvertDecodedPicture(const AVFrame& picture, _UVC_DECODER_TYPE type, _UVC_DECODER_OUTPUT_FORMAT format,
+                                    std::uint8_t* out) {
   switch (format) {
     case UVC_DECODER_OUTPUT_YUYV:
       return ConvertToYuyv(picture, type, out);
@@ -91,10 +89,9 @@ std::uint32_t ConvertDecodedPicture(const AVFrame& picture, _UVC_DECODER_TYPE ty
   return 0;
 }
 
-void FillUnknownWithBlack(const AVFrame& picture, _UVC_DECODER_TYPE type,
-                          _UVC_DECODER_OUTPUT_FORMAT format, std::uint8_t* out) {
-  constexpr std::uint8_t kBlackLuma =
-      16;  // Limited range, as receivers take YUYV to be (ITU-R BT.601).
+void FillUnknownWithBlack(const AVFrame& picture, _UVC_DECODER_TYPE type, _UVC_DECODER_OUTPUT_FORMAT format,
+                          std::uint8_t* out) {
+  constexpr std::uint8_t kBlackLuma = 16;  // Limited range, as receivers take YUYV to be (ITU-R BT.601).
   constexpr std::uint8_t kNoColour = 128;
   if (LayoutOf(picture, type)) {
     return;

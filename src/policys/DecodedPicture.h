@@ -15,12 +15,12 @@ std::size_t DecodedPictureBytes(const AVFrame& picture);
 // bytes that the picture takes there; 0, with an Error line, when this type has no such output
 // format. In a pixel format that is not known the picture takes its bytes without writing them: see
 // FillUnknownWithBlack.
-std::uint32_t ConvertDecodedPicture(const AVFrame& picture, _UVC_DECODER_TYPE type,
-                                    _UVC_DECODER_OUTPUT_FORMAT format, std::uint8_t* out);
+std::uint32_t ConvertDecodedPicture(const AVFrame& picture, _UVC_DECODER_TYPE type, _UVC_DECODER_OUTPUT_FORMAT format,
+                                    std::uint8_t* out);
 
 // Makes the block black, if the conversion is not going to write it.
-void FillUnknownWithBlack(const AVFrame& picture, _UVC_DECODER_TYPE type,
-                          _UVC_DECODER_OUTPUT_FORMAT format, std::uint8_t* out);
+void FillUnknownWithBlack(const AVFrame& picture, _UVC_DECODER_TYPE type, _UVC_DECODER_OUTPUT_FORMAT format,
+                          std::uint8_t* out);
 
 }  // namespace vel
 

@@ -38,8 +38,7 @@ extern "C" void FfmpegMessage(void* object, int level, const char* format, va_li
   }
   std::array<char, 512> text{};
   int printPrefix = 1;
-  av_log_format_line2(object, level, format, arguments, text.data(), static_cast<int>(text.size()),
-                      &printPrefix);
+  av_log_format_line2(object, level, format, arguments, text.data(), static_cast<int>(text.size()), &printPrefix);
   std::string_view line(text.data());
   line = line.substr(0, line.find_last_not_of("\r\n") + 1);
   const std::string escaped = EscapeForLog(line, text.size());

@@ -10,8 +10,8 @@ const PixelRows& BestPixelRows() {
   return best;
 }
 
-void YuyvToPlanar(const std::uint8_t* packed, PlaneOut y, PlaneOut u, PlaneOut v, int width,
-                  int height, const PixelRows& rows) {
+void YuyvToPlanar(const std::uint8_t* packed, PlaneOut y, PlaneOut u, PlaneOut v, int width, int height,
+                  const PixelRows& rows) {
   if (width <= 0 || height <= 0) {
     return;
   }
@@ -48,8 +48,8 @@ void YuyvToSemiPlanar(const std::uint8_t* packed, PlaneOut y, PlaneOut uv, int w
   }
 }
 
-void PlanarToYuyv(ChromaLayout layout, PlaneIn y, PlaneIn u, PlaneIn v, std::uint8_t* packed,
-                  int width, int height, const PixelRows& rows) {
+void PlanarToYuyv(ChromaLayout layout, PlaneIn y, PlaneIn u, PlaneIn v, std::uint8_t* packed, int width, int height,
+                  const PixelRows& rows) {
   if (width <= 0 || height <= 0) {
     return;
   }
@@ -57,8 +57,7 @@ void PlanarToYuyv(ChromaLayout layout, PlaneIn y, PlaneIn u, PlaneIn v, std::uin
   const auto pack = layout == ChromaLayout::k444 ? rows.packFull : rows.pack;
   for (int row = 0; row < height; ++row) {
     const std::ptrdiff_t chromaRow = layout == ChromaLayout::k420 ? row / 2 : row;
-    pack(y.data + row * y.stride, u.data + chromaRow * u.stride, v.data + chromaRow * v.stride,
-         packed, pixels);
+    pack(y.data + row * y.stride, u.data + chromaRow * u.stride, v.data + chromaRow * v.stride, packed, pixels);
     packed += 2 * pixels;
   }
 }

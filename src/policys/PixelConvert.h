@@ -29,16 +29,16 @@ enum class ChromaLayout { k420, k422, k444 };
 const PixelRows& BestPixelRows();
 
 // Planar 4:2:0; chroma from the odd rows. `packed` has width * height * 2 bytes.
-void YuyvToPlanar(const std::uint8_t* packed, PlaneOut y, PlaneOut u, PlaneOut v, int width,
-                  int height, const PixelRows& rows = BestPixelRows());
+void YuyvToPlanar(const std::uint8_t* packed, PlaneOut y, PlaneOut u, PlaneOut v, int width, int height,
+                  const PixelRows& rows = BestPixelRows());
 
 // Luma and interleaved chroma (NV12); chroma from the even rows.
 void YuyvToSemiPlanar(const std::uint8_t* packed, PlaneOut y, PlaneOut uv, int width, int height,
                       const PixelRows& rows = BestPixelRows());
 
 // Packed YUYV; 4:2:0 repeats each chroma row, 4:4:4 drops every second chroma sample.
-void PlanarToYuyv(ChromaLayout layout, PlaneIn y, PlaneIn u, PlaneIn v, std::uint8_t* packed,
-                  int width, int height, const PixelRows& rows = BestPixelRows());
+void PlanarToYuyv(ChromaLayout layout, PlaneIn y, PlaneIn u, PlaneIn v, std::uint8_t* packed, int width, int height,
+                  const PixelRows& rows = BestPixelRows());
 
 }  // namespace vel
 

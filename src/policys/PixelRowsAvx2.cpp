@@ -70,9 +70,8 @@ void PlanarRow(const Byte* packed, Byte* y, Byte* u, Byte* v, std::size_t pixels
 }
 
 void Planar(const Byte* packed, Byte* y, Byte* u, Byte* v, std::size_t pixels) {
-  const bool aligned = (reinterpret_cast<std::uintptr_t>(u) | reinterpret_cast<std::uintptr_t>(v)) %
-                           sizeof(__m256i) ==
-                       0;
+  const bool aligned =
+      (reinterpret_cast<std::uintptr_t>(u) | reinterpret_cast<std::uintptr_t>(v)) % sizeof(__m256i) == 0;
   if (aligned && pixels >= kStreamFromPixels) {
     PlanarRow<true>(packed, y, u, v, pixels);
   } else {
@@ -113,8 +112,7 @@ void PackFull(const Byte* y, const Byte* u, const Byte* v, Byte* packed, std::si
   const __m256i low = _mm256_set1_epi16(0x00FF);
   std::size_t x = 0;
   for (; x + 32 <= pixels; x += 32) {
-    const __m256i uv =
-        _mm256_or_si256(_mm256_and_si256(Load(u + x), low), _mm256_slli_epi16(Load(v + x), 8));
+    const __m256i uv = _mm256_or_si256(_mm256_and_si256(Load(u + x), low), _mm256_slli_epi16(Load(v + x), 8));
     StorePacked(packed + 2 * x, Load(y + x), uv);
   }
   kPixelRowsSse2.packFull(y + x, u + x, v + x, packed + 2 * x, pixels - x);

@@ -63,9 +63,8 @@ void PlanarRow(const Byte* packed, Byte* y, Byte* u, Byte* v, std::size_t pixels
 }
 
 void Planar(const Byte* packed, Byte* y, Byte* u, Byte* v, std::size_t pixels) {
-  const bool aligned = (reinterpret_cast<std::uintptr_t>(u) | reinterpret_cast<std::uintptr_t>(v)) %
-                           sizeof(__m128i) ==
-                       0;
+  const bool aligned =
+      (reinterpret_cast<std::uintptr_t>(u) | reinterpret_cast<std::uintptr_t>(v)) % sizeof(__m128i) == 0;
   if (aligned && pixels >= kStreamFromPixels) {
     PlanarRow<true>(packed, y, u, v, pixels);
   } else {
@@ -104,8 +103,7 @@ void PackFull(const Byte* y, const Byte* u, const Byte* v, Byte* packed, std::si
   const __m128i low = _mm_set1_epi16(0x00FF);
   std::size_t x = 0;
   for (; x + 16 <= pixels; x += 16) {
-    const __m128i uv =
-        _mm_or_si128(_mm_and_si128(Load(u + x), low), _mm_slli_epi16(Load(v + x), 8));
+    const __m128i uv = _mm_or_si128(_mm_and_si128(Load(u + x), low), _mm_slli_epi16(Load(v + x), 8));
     StorePacked(packed + 2 * x, Load(y + x), uv);
   }
   kPixelRowsScalar.packFull(y + x, u + x, v + x, packed + 2 * x, pixels - x);

@@ -14,8 +14,7 @@ namespace {
 constexpr std::uint8_t kTypeMask = 0x60;
 constexpr std::uint8_t kTypeStandard = 0x00;
 constexpr std::uint8_t kTypeClass = 0x20;
-constexpr std::uint8_t kRecipientMask =
-    0x06;  // Bits 1 and 2 only: an interface recipient passes, as meant.
+constexpr std::uint8_t kRecipientMask = 0x06;  // Bits 1 and 2 only: an interface recipient passes, as meant.
 constexpr std::uint8_t kRecipientEndpoint = 0x02;
 constexpr std::uint8_t kClassVideo = 14;  // UVC 1.1, tables.
 constexpr std::uint8_t kSubclassVideoStreaming = 2;
@@ -36,15 +35,13 @@ int CopyBounded(std::span<const std::uint8_t> bytes, std::uint8_t* data, std::ui
   return static_cast<int>(count);
 }
 
-std::array<std::uint8_t, LIBUSB_DT_DEVICE_SIZE> DeviceDescBytes(
-    const libusb_device_descriptor& desc) {
+std::array<std::uint8_t, LIBUSB_DT_DEVICE_SIZE> DeviceDescBytes(const libusb_device_descriptor& desc) {
   const auto low = [](std::uint16_t value) { return static_cast<std::uint8_t>(value); };
   const auto high = [](std::uint16_t value) { return static_cast<std::uint8_t>(value >> 8U); };
-  return {desc.bLength,        desc.bDescriptorType,   low(desc.bcdUSB),     high(desc.bcdUSB),
-          desc.bDeviceClass,   desc.bDeviceSubClass,   desc.bDeviceProtocol, desc.bMaxPacketSize0,
-          low(desc.idVendor),  high(desc.idVendor),    low(desc.idProduct),  high(desc.idProduct),
-          low(desc.bcdDevice), high(desc.bcdDevice),   desc.iManufacturer,   desc.iProduct,
-          desc.iSerialNumber,  desc.bNumConfigurations};
+  return {desc.bLength,         desc.bDescriptorType, low(desc.bcdUSB),       high(desc.bcdUSB),    desc.bDeviceClass,
+          desc.bDeviceSubClass, desc.bDeviceProtocol, desc.bMaxPacketSize0,   low(desc.idVendor),   high(desc.idVendor),
+          low(desc.idProduct),  high(desc.idProduct), low(desc.bcdDevice),    high(desc.bcdDevice), desc.iManufacturer,
+          desc.iProduct,        desc.iSerialNumber,   desc.bNumConfigurations};
 }
 
 // Standard descriptors are written with their standard sizes, whatever a device says of its own
@@ -78,25 +75,23 @@ void WriteEndpoint(DescriptorWriter& writer, const libusb_endpoint_descriptor& e
   const auto low = static_cast<std::uint8_t>(endpoint.wMaxPacketSize);
   const auto high = static_cast<std::uint8_t>(endpoint.wMaxPacketSize >> 8U);
   if (endpoint.bLength >= LIBUSB_DT_ENDPOINT_AUDIO_SIZE) {
-    writer.Standard({endpoint.bDescriptorType, endpoint.bEndpointAddress, endpoint.bmAttributes,
-                     low, high, endpoint.bInterval, endpoint.bRefresh, endpoint.bSynchAddress});
+    writer.Standard({endpoint.bDescriptorType, endpoint.bEndpointAddress, endpoint.bmAttributes, low, high,
+                     endpoint.bInterval, endpoint.bRefresh, endpoint.bSynchAddress});
   } else {
-    writer.Standard({endpoint.bDescriptorType, endpoint.bEndpointAddress, endpoint.bmAttributes,
-                     low, high, endpoint.bInterval});
+    writer.Standard(
+        {endpoint.bDescriptorType, endpoint.bEndpointAddress, endpoint.bmAttributes, low, high, endpoint.bInterval});
   }
   writer.Extra(endpoint.extra, endpoint.extra_length);
 }
 
 bool IsVideoStreaming(const libusb_interface_descriptor& setting) {
-  return setting.bInterfaceClass == kClassVideo &&
-         setting.bInterfaceSubClass == kSubclassVideoStreaming;
+  return setting.bInterfaceClass == kClassVideo && setting.bInterfaceSubClass == kSubclassVideoStreaming;
 }
 
-void WriteAltSetting(DescriptorWriter& writer, const libusb_interface_descriptor& setting,
-                     const UVCPolicy* camera) {
-  writer.Standard({setting.bDescriptorType, setting.bInterfaceNumber, setting.bAlternateSetting,
-                   setting.bNumEndpoints, setting.bInterfaceClass, setting.bInterfaceSubClass,
-                   setting.bInterfaceProtocol, setting.iInterface});
+void WriteAltSetting(DescriptorWriter& writer, const libusb_interface_descriptor& setting, const UVCPolicy* camera) {
+  writer.Standard({setting.bDescriptorType, setting.bInterfaceNumber, setting.bAlternateSetting, setting.bNumEndpoints,
+                   setting.bInterfaceClass, setting.bInterfaceSubClass, setting.bInterfaceProtocol,
+                   setting.iInterface});
   if (camera != nullptr && setting.bAlternateSetting == 0 && IsVideoStreaming(setting)) {
     writer.Extra(setting.extra, setting.extra_length, *camera);
   } else {
@@ -135,11 +130,9 @@ void RedirPolicy::ProbeCamera() {
   mUvcPolicy.reset();
   mPolicyInterface = kNoPolicy;
   mPolicyEndpoint = kNoPolicy;
-  const std::span interfaces(mConfig->interface,
-                             mConfig->interface == nullptr ? 0U : mConfig->bNumInterfaces);
+  const std::span interfaces(mConfig->interface, mConfig->interface == nullptr ? 0U : mConfig->bNumInterfaces);
   if (std::ranges::none_of(interfaces, [](const libusb_interface& each) {
-        return each.num_altsetting > 0 && each.altsetting != nullptr &&
-               IsVideoStreaming(each.altsetting[0]);
+        return each.num_altsetting > 0 && each.altsetting != nullptr && IsVideoStreaming(each.altsetting[0]);
       })) {
     return;
   }
@@ -154,17 +147,14 @@ void RedirPolicy::ProbeCamera() {
   mUvcPolicy->ParseDescriptors(mConfig);
   mPolicyInterface = mUvcPolicy->GetVSInterface();
   mPolicyEndpoint = mUvcPolicy->GetVSEndpoint();
-  VEL_DEBUG("Apply UVC policy, Interface[%d], Endpoint[0x%x]", int{mPolicyInterface},
-            unsigned{mPolicyEndpoint});
+  VEL_DEBUG("Apply UVC policy, Interface[%d], Endpoint[0x%x]", int{mPolicyInterface}, unsigned{mPolicyEndpoint});
 }
 
-std::vector<std::uint8_t> RedirPolicy::MakeRawConfigDesc(
-    const libusb_config_descriptor& config) const {
+std::vector<std::uint8_t> RedirPolicy::MakeRawConfigDesc(const libusb_config_descriptor& config) const {
   DescriptorWriter writer;
   writer.Standard({config.bDescriptorType, static_cast<std::uint8_t>(config.wTotalLength),
                    static_cast<std::uint8_t>(config.wTotalLength >> 8U), config.bNumInterfaces,
-                   config.bConfigurationValue, config.iConfiguration, config.bmAttributes,
-                   config.MaxPower});
+                   config.bConfigurationValue, config.iConfiguration, config.bmAttributes, config.MaxPower});
   writer.Extra(config.extra, config.extra_length);
   for (int i = 0; i < config.bNumInterfaces && config.interface != nullptr; ++i) {
     const libusb_interface& interface = config.interface[i];
@@ -173,8 +163,7 @@ std::vector<std::uint8_t> RedirPolicy::MakeRawConfigDesc(
     }
   }
   std::vector<std::uint8_t> raw = writer.Take();
-  VEL_DEBUG("configDesc wTotalLength = %d, total_if_len = %d", int{config.wTotalLength},
-            static_cast<int>(raw.size()));
+  VEL_DEBUG("configDesc wTotalLength = %d, total_if_len = %d", int{config.wTotalLength}, static_cast<int>(raw.size()));
   if (raw.size() > std::numeric_limits<std::uint16_t>::max()) {
     VEL_ERROR("configuration descriptor of %zu bytes is larger than a device can have", raw.size());
     return {};
@@ -189,17 +178,14 @@ int RedirPolicy::SetInterface(std::uint32_t interfaceNumber, std::uint32_t altSe
   if (mUvcPolicy == nullptr) {
     return -1;
   }
-  return IsPolicyInterface(interfaceNumber) ? mUvcPolicy->SetInterface(interfaceNumber, altSetting)
-                                            : 0;
+  return IsPolicyInterface(interfaceNumber) ? mUvcPolicy->SetInterface(interfaceNumber, altSetting) : 0;
 }
 
 int RedirPolicy::SetInterfacePost(std::uint32_t interfaceNumber, std::uint32_t altSetting) {
   if (mUvcPolicy == nullptr) {
     return -1;
   }
-  return IsPolicyInterface(interfaceNumber)
-             ? mUvcPolicy->SetInterfacePost(interfaceNumber, altSetting)
-             : 0;
+  return IsPolicyInterface(interfaceNumber) ? mUvcPolicy->SetInterfacePost(interfaceNumber, altSetting) : 0;
 }
 
 int RedirPolicy::DoTransfer(_UsbIoXferInfo* info) {
@@ -216,9 +202,8 @@ void RedirPolicy::Release() {
   }
 }
 
-int RedirPolicy::PeekControlTransfer(std::uint8_t bmRequestType, std::uint8_t bRequest,
-                                     std::uint16_t wValue, std::uint16_t wIndex, std::uint8_t* data,
-                                     std::uint16_t wLength) {
+int RedirPolicy::PeekControlTransfer(std::uint8_t bmRequestType, std::uint8_t bRequest, std::uint16_t wValue,
+                                     std::uint16_t wIndex, std::uint8_t* data, std::uint16_t wLength) {
   const auto type = static_cast<std::uint8_t>(bmRequestType & kTypeMask);
   if (type != kTypeStandard && type != kTypeClass) {
     return 0;
@@ -228,32 +213,27 @@ int RedirPolicy::PeekControlTransfer(std::uint8_t bmRequestType, std::uint8_t bR
       mIo->GetIoType() == kIoTypeEmulated) {
     return 1;
   }
-  if (type == kTypeStandard && bRequest == LIBUSB_REQUEST_CLEAR_FEATURE &&
-      bmRequestType == kRecipientEndpoint) {
+  if (type == kTypeStandard && bRequest == LIBUSB_REQUEST_CLEAR_FEATURE && bmRequestType == kRecipientEndpoint) {
     const int status = mIo->ClearHalt(wIndex);
-    VEL_ERROR("Clear feature status[%d], rt[0x%x], r[0x%x], v[0x%x], i[0x%x]", status,
-              unsigned{bmRequestType}, unsigned{bRequest}, unsigned{wValue}, unsigned{wIndex});
+    VEL_ERROR("Clear feature status[%d], rt[0x%x], r[0x%x], v[0x%x], i[0x%x]", status, unsigned{bmRequestType},
+              unsigned{bRequest}, unsigned{wValue}, unsigned{wIndex});
   }
   if (mUvcPolicy != nullptr) {
-    mUvcPolicy->PeekClassControlTransfer(
-        {bmRequestType, bRequest, wValue, wIndex, Data(data, wLength)});
+    mUvcPolicy->PeekClassControlTransfer({bmRequestType, bRequest, wValue, wIndex, Data(data, wLength)});
   }
   return 0;
 }
 
-int RedirPolicy::PeekControlTransferRet(std::uint8_t bmRequestType, std::uint8_t bRequest,
-                                        std::uint16_t wValue, std::uint16_t wIndex,
-                                        std::uint8_t* data, std::uint16_t wLength) {
+int RedirPolicy::PeekControlTransferRet(std::uint8_t bmRequestType, std::uint8_t bRequest, std::uint16_t wValue,
+                                        std::uint16_t wIndex, std::uint8_t* data, std::uint16_t wLength) {
   if ((bmRequestType & kTypeMask) == kTypeClass && mUvcPolicy != nullptr) {
-    mUvcPolicy->PeekClassControlTransferRet(
-        {bmRequestType, bRequest, wValue, wIndex, Data(data, wLength)});
+    mUvcPolicy->PeekClassControlTransferRet({bmRequestType, bRequest, wValue, wIndex, Data(data, wLength)});
   }
   return 0;
 }
 
-int RedirPolicy::GetVirtControlData(std::uint8_t bmRequestType, std::uint8_t bRequest,
-                                    std::uint16_t wValue, std::uint16_t /*wIndex*/,
-                                    std::uint8_t* data, std::uint16_t wLength) {
+int RedirPolicy::GetVirtControlData(std::uint8_t bmRequestType, std::uint8_t bRequest, std::uint16_t wValue,
+                                    std::uint16_t /*wIndex*/, std::uint8_t* data, std::uint16_t wLength) {
   if ((bmRequestType & kRecipientMask) != 0 || bRequest != LIBUSB_REQUEST_GET_DESCRIPTOR) {
     return 0;
   }

@@ -32,9 +32,7 @@ class RedirPolicy {
   // backend has none.
   int ProbePolicy(const void* unused1, const void* unused2);
 
-  bool IsPolicyInterface(std::uint32_t interfaceNumber) const {
-    return interfaceNumber == mPolicyInterface;
-  }
+  bool IsPolicyInterface(std::uint32_t interfaceNumber) const { return interfaceNumber == mPolicyInterface; }
   bool IsPolicyEndpoint(std::uint8_t epAddr) const { return epAddr == mPolicyEndpoint; }
 
   // Before and after an alternate setting is selected. -1 for a device without video streaming.
@@ -49,15 +47,14 @@ class RedirPolicy {
   void Release();
 
   // Before a control request goes to the backend. 1: GetVirtControlData answers it instead.
-  int PeekControlTransfer(std::uint8_t bmRequestType, std::uint8_t bRequest, std::uint16_t wValue,
-                          std::uint16_t wIndex, std::uint8_t* data, std::uint16_t wLength);
+  int PeekControlTransfer(std::uint8_t bmRequestType, std::uint8_t bRequest, std::uint16_t wValue, std::uint16_t wIndex,
+                          std::uint8_t* data, std::uint16_t wLength);
   // After the backend answered; `data` holds its answer. Returns 0.
-  int PeekControlTransferRet(std::uint8_t bmRequestType, std::uint8_t bRequest,
-                             std::uint16_t wValue, std::uint16_t wIndex, std::uint8_t* data,
-                             std::uint16_t wLength);
+  int PeekControlTransferRet(std::uint8_t bmRequestType, std::uint8_t bRequest, std::uint16_t wValue,
+                             std::uint16_t wIndex, std::uint8_t* data, std::uint16_t wLength);
   // Bytes written to `data`, at most `wLength`.
-  int GetVirtControlData(std::uint8_t bmRequestType, std::uint8_t bRequest, std::uint16_t wValue,
-                         std::uint16_t wIndex, std::uint8_t* data, std::uint16_t wLength);
+  int GetVirtControlData(std::uint8_t bmRequestType, std::uint8_t bRequest, std::uint16_t wValue, std::uint16_t wIndex,
+                         std::uint8_t* data, std::uint16_t wLength);
 
  private:
   static constexpr std::uint8_t kNoPolicy = 0xFF;

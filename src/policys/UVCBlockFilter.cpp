@@ -10,8 +10,7 @@ namespace {
 
 std::uint32_t FrameHeight(std::span<const std::uint8_t> frame) {
   constexpr std::size_t kAt = offsetof(UVCFrameDesc, wHeight);
-  return DescriptorByte(frame, kAt) | static_cast<std::uint32_t>(DescriptorByte(frame, kAt + 1))
-                                          << 8U;
+  return DescriptorByte(frame, kAt) | static_cast<std::uint32_t>(DescriptorByte(frame, kAt + 1)) << 8U;
 }
 
 // Moves descriptors to the front of their block. Each was behind the end when its turn comes, so

@@ -18,8 +18,7 @@ constexpr std::size_t kIntervalRoom = sizeof(UVCFrameDesc::dwFrameInterval) / 4;
 // Hands out whole descriptors until one is not whole, and none from then on.
 class DescriptorCursor {
  public:
-  explicit DescriptorCursor(std::span<const std::uint8_t> block)
-      : mReader(block), mSize(block.size()) {}
+  explicit DescriptorCursor(std::span<const std::uint8_t> block) : mReader(block), mSize(block.size()) {}
 
   // The next descriptor, which has to be there.
   std::span<const std::uint8_t> Next() {
@@ -52,8 +51,7 @@ class DescriptorCursor {
 
   void Stop() {
     if (!mStopped) {
-      VEL_ERROR("video streaming descriptors are broken behind byte %zu of %zu",
-                mSize - mReader.Rest().size(), mSize);
+      VEL_ERROR("video streaming descriptors are broken behind byte %zu of %zu", mSize - mReader.Rest().size(), mSize);
     }
     mStopped = true;
   }
@@ -114,9 +112,7 @@ std::size_t TrustedUVCBlockLength(const std::uint8_t* block) {
     return at < kMinLength ? kMinLength : at;
   }
   const std::size_t total =
-      at > kTotalLengthAt + 1
-          ? std::size_t{block[kTotalLengthAt]} | std::size_t{block[kTotalLengthAt + 1]} << 8U
-          : 0;
+      at > kTotalLengthAt + 1 ? std::size_t{block[kTotalLengthAt]} | std::size_t{block[kTotalLengthAt + 1]} << 8U : 0;
   for (int formats = block[kNumFormatsAt]; formats > 0; --formats) {
     const std::uint8_t* const format = block + at;
     int descriptors = 1 + (format[0] > kNumFramesAt ? format[kNumFramesAt] : 0);

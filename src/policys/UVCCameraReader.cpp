@@ -140,8 +140,7 @@ bool UVCCameraReader::Prepare(_UsbIoXferInfo& info) const {
   info.status = kXferCompleted;
   info.length = bytes;
   for (std::uint32_t i = 0; mSource.kind == Kind::kIsochronous && i < kPackets; ++i) {
-    StoreIsoRecord(info.data, i,
-                   {.offset = 0, .length = mSource.payloadSize, .actual_length = 0, .status = 0});
+    StoreIsoRecord(info.data, i, {.offset = 0, .length = mSource.payloadSize, .actual_length = 0, .status = 0});
   }
   return true;
 }
@@ -153,8 +152,8 @@ int UVCCameraReader::Submit(XferPtr record) {
     mCallback.UsbIoXferCb(record.release());
     return LIBUSB_ERROR_NO_MEM;
   }
-  const int result = mSource.kind == Kind::kBulk ? mIo.BulkTransfer(record.release())
-                                                 : mIo.IsochTransfer(record.release());
+  const int result =
+      mSource.kind == Kind::kBulk ? mIo.BulkTransfer(record.release()) : mIo.IsochTransfer(record.release());
   if (result < 0) {
     VEL_ERROR("Submit transfer error[%d]", result);
     const MutexLock lock(mMutex);
@@ -202,9 +201,7 @@ void UVCCameraReader::FrameManagerThread() {
       }
       mOut += static_cast<std::uint32_t>(failed.size());
     }
-    const auto stalled = [](const XferPtr& record) {
-      return record->status == LIBUSB_TRANSFER_STALL;
-    };
+    const auto stalled = [](const XferPtr& record) { return record->status == LIBUSB_TRANSFER_STALL; };
     if (std::ranges::any_of(failed, stalled)) {
       const int result = mIo.ClearHalt(mSource.endpoint);
       VEL_DEBUG("endpoint 0x%x halted, cleared: %d", unsigned{mSource.endpoint}, result);

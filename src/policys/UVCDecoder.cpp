@@ -41,8 +41,8 @@ UVCDecoder::~UVCDecoder() {
   Release();
 }
 
-int UVCDecoder::Init(_UVC_DECODER_TYPE type, _UVC_DECODER_OUTPUT_FORMAT format, int width,
-                     int height, UVCDecoderHandler* handler) {
+int UVCDecoder::Init(_UVC_DECODER_TYPE type, _UVC_DECODER_OUTPUT_FORMAT format, int width, int height,
+                     UVCDecoderHandler* handler) {
   VEL_DEBUG("Decoder init, w[%d], h[%d]", width, height);
   const MutexLock lock(mCodecMutex);
   if (mContext != nullptr) {
@@ -87,8 +87,7 @@ int UVCDecoder::OpenCodec(_UVC_DECODER_TYPE type) {
     return -2;
   }
   const CodecParametersPtr parameters(avcodec_parameters_alloc());
-  if (parameters == nullptr ||
-      avcodec_parameters_from_context(parameters.get(), mContext.get()) < 0) {
+  if (parameters == nullptr || avcodec_parameters_from_context(parameters.get(), mContext.get()) < 0) {
     VEL_ERROR("Failed to copy avcodec parameters from codec context.");
     return -3;
   }
@@ -112,15 +111,13 @@ int UVCDecoder::Send(const std::uint8_t* in, std::uint32_t inSize, std::int64_t 
   return packet == nullptr ? AVERROR(ENOMEM) : avcodec_send_packet(mContext.get(), packet);
 }
 
-int UVCDecoder::Decode(const std::uint8_t* in, std::uint32_t inSize, std::uint8_t* out,
-                       std::uint32_t* outSize) {
+int UVCDecoder::Decode(const std::uint8_t* in, std::uint32_t inSize, std::uint8_t* out, std::uint32_t* outSize) {
   const MutexLock lock(mCodecMutex);
   if (mContext == nullptr || mFrame == nullptr || in == nullptr || inSize == 0 || out == nullptr ||
       outSize == nullptr) {
-    VEL_ERROR(
-        "inbuf: %p, inbufSize: %u, outYUVBuf: %p, outSize: %p, decoder ctx: %p, avframe: %p\n",
-        static_cast<const void*>(in), inSize, static_cast<void*>(out), static_cast<void*>(outSize),
-        static_cast<void*>(mContext.get()), static_cast<void*>(mFrame.get()));
+    VEL_ERROR("inbuf: %p, inbufSize: %u, outYUVBuf: %p, outSize: %p, decoder ctx: %p, avframe: %p\n",
+              static_cast<const void*>(in), inSize, static_cast<void*>(out), static_cast<void*>(outSize),
+              static_cast<void*>(mContext.get()), static_cast<void*>(mFrame.get()));
     return -1;
   }
   av_frame_unref(mFrame.get());
@@ -140,8 +137,7 @@ int UVCDecoder::Decode(const std::uint8_t* in, std::uint32_t inSize, std::uint8_
   }
   const auto room = static_cast<std::int64_t>(mWidth) * mHeight * 2;
   if (static_cast<std::int64_t>(DecodedPictureBytes(*mFrame)) > room) {
-    VEL_ERROR("a picture of %dx%d does not fit %dx%d", mFrame->width, mFrame->height, mWidth,
-              mHeight);
+    VEL_ERROR("a picture of %dx%d does not fit %dx%d", mFrame->width, mFrame->height, mWidth, mHeight);
     return -1;
   }
   FillUnknownWithBlack(*mFrame, mType, mFormat, out);
@@ -180,15 +176,13 @@ int UVCDecoder::DecodeAsync(HeapBlock& in, std::uint32_t inSize, std::uint32_t i
   return result;
 }
 
-int UVCDecoder::Submit(const std::uint8_t* in, std::uint32_t inSize, std::uint32_t index,
-                       bool& taken) {
+int UVCDecoder::Submit(const std::uint8_t* in, std::uint32_t inSize, std::uint32_t index, bool& taken) {
   int result = 0;
   {
     const MutexLock lock(mCodecMutex);
     if (mContext == nullptr || mFrame == nullptr || in == nullptr || inSize == 0) {
-      VEL_ERROR("inbuf: %p, inbufSize: %u, decoder ctx: %p, avframe: %p\n",
-                static_cast<const void*>(in), inSize, static_cast<void*>(mContext.get()),
-                static_cast<void*>(mFrame.get()));
+      VEL_ERROR("inbuf: %p, inbufSize: %u, decoder ctx: %p, avframe: %p\n", static_cast<const void*>(in), inSize,
+                static_cast<void*>(mContext.get()), static_cast<void*>(mFrame.get()));
       return -1;
     }
     taken = true;
@@ -240,8 +234,7 @@ void UVCDecoder::DecodeThread(_UVC_DECODER_TYPE type, _UVC_DECODER_OUTPUT_FORMAT
   VEL_DEBUG("UVC decode thread exit\n");
 }
 
-void UVCDecoder::PassOn(const AVFrame& picture, _UVC_DECODER_TYPE type,
-                        _UVC_DECODER_OUTPUT_FORMAT format) {
+void UVCDecoder::PassOn(const AVFrame& picture, _UVC_DECODER_TYPE type, _UVC_DECODER_OUTPUT_FORMAT format) {
   const std::size_t bytes = DecodedPictureBytes(picture);
   HeapBlock out = FrameBlocks::Take(bytes);
   if (out == nullptr) {
@@ -252,9 +245,8 @@ void UVCDecoder::PassOn(const AVFrame& picture, _UVC_DECODER_TYPE type,
   const std::uint32_t size = ConvertDecodedPicture(picture, type, format, out.get());
   if (oskeloLogIsOn(OSKELO_LOG_DEBUG) != 0) {
     const std::int64_t now = Now();
-    VEL_DEBUG("[UVC tuning] Finish decode frame index[%lld] at [%lld], cost[%lld]",
-              static_cast<long long>(picture.pts), static_cast<long long>(now),
-              static_cast<long long>(now - mStartTime));
+    VEL_DEBUG("[UVC tuning] Finish decode frame index[%lld] at [%lld], cost[%lld]", static_cast<long long>(picture.pts),
+              static_cast<long long>(now), static_cast<long long>(now - mStartTime));
     VEL_DEBUG("decode success, frame size[%d]\n", static_cast<int>(size));
   }
   if (size > 0 && mHandler != nullptr) {
@@ -280,10 +272,10 @@ int UVCDecoder::Release() {
   return 0;
 }
 
-void UVCDecoder::YUV420PToYUV422(const std::uint8_t* const planes[3], const int lineSizes[3],
-                                 std::uint8_t* out, int width, int height) {
-  PlanarToYuyv(ChromaLayout::k420, {planes[0], lineSizes[0]}, {planes[1], lineSizes[1]},
-               {planes[2], lineSizes[2]}, out, width, height);
+void UVCDecoder::YUV420PToYUV422(const std::uint8_t* const planes[3], const int lineSizes[3], std::uint8_t* out,
+                                 int width, int height) {
+  PlanarToYuyv(ChromaLayout::k420, {planes[0], lineSizes[0]}, {planes[1], lineSizes[1]}, {planes[2], lineSizes[2]}, out,
+               width, height);
 }
 
 }  // namespace vel

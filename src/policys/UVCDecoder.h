@@ -49,8 +49,7 @@ class VEL_MODULE_CLASS UVCDecoder {
   // Decodes a frame on the calling thread; not along with DecodeAsync. `out` has room for the
   // negotiated width * height * 2 bytes; a picture that needs more is refused. Returns 1 when a
   // picture was written to `out`, with its size, or -1.
-  int Decode(const std::uint8_t* in, std::uint32_t inSize, std::uint8_t* out,
-             std::uint32_t* outSize);
+  int Decode(const std::uint8_t* in, std::uint32_t inSize, std::uint8_t* out, std::uint32_t* outSize);
 
   // Feeds the codec; the worker passes the picture on. Takes `in`, a malloc block, and frees it,
   // but for a call that it refuses as a whole: not initialised or released, null, or size 0.
@@ -69,13 +68,12 @@ class VEL_MODULE_CLASS UVCDecoder {
   int GetOutputData(std::uint8_t* out, std::uint32_t* outSize);
 
   // Planar 4:2:0 to YUYV, each chroma row twice. `out` has width * height * 2 bytes. Any thread.
-  static void YUV420PToYUV422(const std::uint8_t* const planes[3], const int lineSizes[3],
-                              std::uint8_t* out, int width, int height);
+  static void YUV420PToYUV422(const std::uint8_t* const planes[3], const int lineSizes[3], std::uint8_t* out, int width,
+                              int height);
 
  private:
   int OpenCodec(_UVC_DECODER_TYPE type) VEL_REQUIRES(mCodecMutex);
-  int Send(const std::uint8_t* in, std::uint32_t inSize, std::int64_t pts)
-      VEL_REQUIRES(mCodecMutex);
+  int Send(const std::uint8_t* in, std::uint32_t inSize, std::int64_t pts) VEL_REQUIRES(mCodecMutex);
   // DecodeAsync but for freeing the block: `taken` unless the call was refused as a whole.
   int Submit(const std::uint8_t* in, std::uint32_t inSize, std::uint32_t index, bool& taken);
   void DecodeThread(_UVC_DECODER_TYPE type, _UVC_DECODER_OUTPUT_FORMAT format);

@@ -31,9 +31,8 @@ constexpr Settings kSettings[] = {
 };
 
 EncoderParam ParamFor(int width, int height) {
-  const Settings& settings =
-      *std::find_if(std::begin(kSettings), std::end(kSettings) - 1,
-                    [height](const Settings& row) { return height < row.belowHeight; });
+  const Settings& settings = *std::find_if(std::begin(kSettings), std::end(kSettings) - 1,
+                                           [height](const Settings& row) { return height < row.belowHeight; });
   EncoderParam param;
   param.width = width;
   param.height = height;
@@ -58,8 +57,7 @@ UVCEncoder::~UVCEncoder() {
   Release();
 }
 
-int UVCEncoder::Init(_UVC_ENCODER_TYPE type, int width, int height, UVCEncoderHandler* handler,
-                     CameraFuns* camera) {
+int UVCEncoder::Init(_UVC_ENCODER_TYPE type, int width, int height, UVCEncoderHandler* handler, CameraFuns* camera) {
   Release();
   VEL_DEBUG("UVCEncoderType[%d], width[%d], height[%d]", static_cast<int>(type), width, height);
   mLogRoute.emplace();
@@ -136,8 +134,7 @@ int UVCEncoder::EncodeAsync(UVC_FRAME* frame) {
     }
     if (mFrames.size() > kFrameListLimit) {
       FrameListResize(kFrameListCacheSize, mFrames);
-      VEL_DEBUG("UVC: encoder queue size after resize: %lu \n",
-                static_cast<unsigned long>(mFrames.size()));
+      VEL_DEBUG("UVC: encoder queue size after resize: %lu \n", static_cast<unsigned long>(mFrames.size()));
     }
     mFrames.push_back(UVCFramePtr(frame));
     waiting = mFrames.size();
@@ -196,8 +193,7 @@ void UVCEncoder::EncodeFrame(const UVC_FRAME& frame) {
   }
 }
 
-int UVCEncoder::Encode(const std::uint8_t* data, std::uint32_t length, std::uint8_t* out,
-                       std::uint32_t* outLength) {
+int UVCEncoder::Encode(const std::uint8_t* data, std::uint32_t length, std::uint8_t* out, std::uint32_t* outLength) {
   *outLength = 0;
   const MutexLock lock(mCodecMutex);
   int result = EncodePicture(data, length);
@@ -268,8 +264,7 @@ int UVCEncoder::Release() {
   return 0;
 }
 
-void UVCEncoder::YUYVToNV12(const std::uint8_t* src, std::uint8_t* dstY, std::uint8_t* dstUV,
-                            int width, int height) {
+void UVCEncoder::YUYVToNV12(const std::uint8_t* src, std::uint8_t* dstY, std::uint8_t* dstUV, int width, int height) {
   if (width <= 0 || height <= 0) {
     return;
   }
@@ -282,8 +277,7 @@ void UVCEncoder::YUYVToYUV420P(const std::uint8_t* src, std::uint8_t* dst, int w
     return;
   }
   const std::size_t pixels = PackedBytes(width, height) / 2;
-  YuyvToPlanar(src, {dst, width}, {dst + pixels, width / 2}, {dst + pixels * 5 / 4, width / 2},
-               width, height);
+  YuyvToPlanar(src, {dst, width}, {dst + pixels, width / 2}, {dst + pixels * 5 / 4, width / 2}, width, height);
 }
 
 void UVCEncoder::SetDummyPicData(EncoderType type, AVFrame* frame) {

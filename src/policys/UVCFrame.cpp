@@ -50,8 +50,7 @@ int FrameListResize(std::uint32_t cacheSize, UVCFrameList& list) {
     ++place;
     for (std::size_t i = 0; i < interval; ++i) {
       if (place == list.end()) {
-        VEL_DEBUG("UVC: reach frame list end:%d, %d \n", static_cast<int>(group),
-                  static_cast<int>(i));
+        VEL_DEBUG("UVC: reach frame list end:%d, %d \n", static_cast<int>(group), static_cast<int>(i));
         break;
       }
       place = list.erase(place);

@@ -8,8 +8,7 @@
 
 namespace vel {
 
-UVCFrameIntake::UVCFrameIntake(UVCFrameManager& frames, UVCStreamTally& tally,
-                               std::uint32_t frameSize)
+UVCFrameIntake::UVCFrameIntake(UVCFrameManager& frames, UVCStreamTally& tally, std::uint32_t frameSize)
     : mFrames(frames), mTally(tally), mFrameSize(frameSize) {}
 
 void UVCFrameIntake::TakePackets(const _UsbIoXferInfo& info) {
@@ -22,8 +21,7 @@ void UVCFrameIntake::TakePayload(const _UsbIoXferInfo& info) {
 
 void UVCFrameIntake::TakeWholeFrame(_UsbIoXferInfo& info) {
   const auto now = static_cast<std::int64_t>(UVCUtil::GetTimeMs());
-  VEL_DEBUG("frame interval [%lld], timstamp [%lld]",
-            static_cast<long long>(now - mLastWholeFrame.value_or(now)),
+  VEL_DEBUG("frame interval [%lld], timstamp [%lld]", static_cast<long long>(now - mLastWholeFrame.value_or(now)),
             static_cast<long long>(now));
   mLastWholeFrame = now;
   if (info.length == 0 || info.length > mFrameSize) {
@@ -46,8 +44,7 @@ std::span<std::uint8_t> UVCFrameIntake::NextBlock() {
 }
 
 void UVCFrameIntake::TakeFrame(std::span<std::uint8_t> frame, const UVCFrameStamp& stamp) {
-  UVCFramePtr record =
-      MakeUvcFrame(std::move(mBlock), static_cast<std::uint32_t>(frame.size()), stamp.index);
+  UVCFramePtr record = MakeUvcFrame(std::move(mBlock), static_cast<std::uint32_t>(frame.size()), stamp.index);
   if (record == nullptr) {
     return;
   }

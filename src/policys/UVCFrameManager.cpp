@@ -35,18 +35,17 @@ struct UVCFrameManager::Stream {
   }
 };
 
-UVCFrameManager::UVCFrameManager(_UVC_FRAME_TYPE in, _UVC_FRAME_TYPE out)
-    : mInFrameType(in), mOutFrameType(out) {}
+UVCFrameManager::UVCFrameManager(_UVC_FRAME_TYPE in, _UVC_FRAME_TYPE out) : mInFrameType(in), mOutFrameType(out) {}
 
 UVCFrameManager::~UVCFrameManager() {
   const MutexLock control(mControlMutex);
   ReplaceStream(nullptr);
 }
 
-int UVCFrameManager::Init(std::uint16_t width, std::uint16_t height, _UVC_FRAME_TYPE in,
-                          _UVC_FRAME_TYPE out, CameraFuns* camera) {
-  VEL_DEBUG("width: %d, height: %d, inFrameType: %d, outFrameType: %d", int{width}, int{height},
-            static_cast<int>(in), static_cast<int>(out));
+int UVCFrameManager::Init(std::uint16_t width, std::uint16_t height, _UVC_FRAME_TYPE in, _UVC_FRAME_TYPE out,
+                          CameraFuns* camera) {
+  VEL_DEBUG("width: %d, height: %d, inFrameType: %d, outFrameType: %d", int{width}, int{height}, static_cast<int>(in),
+            static_cast<int>(out));
   const MutexLock control(mControlMutex);
   ReplaceStream(nullptr);
   {
@@ -62,10 +61,8 @@ int UVCFrameManager::Init(std::uint16_t width, std::uint16_t height, _UVC_FRAME_
   return 0;
 }
 
-std::unique_ptr<UVCFrameManager::Stream> UVCFrameManager::MakeStream(int width, int height,
-                                                                     _UVC_FRAME_TYPE in,
-                                                                     _UVC_FRAME_TYPE out,
-                                                                     CameraFuns* camera) {
+std::unique_ptr<UVCFrameManager::Stream> UVCFrameManager::MakeStream(int width, int height, _UVC_FRAME_TYPE in,
+                                                                     _UVC_FRAME_TYPE out, CameraFuns* camera) {
   auto stream = std::make_unique<Stream>();
   if (in == out) {
     return stream;
@@ -82,8 +79,7 @@ std::unique_ptr<UVCFrameManager::Stream> UVCFrameManager::MakeStream(int width, 
   if (in == UVC_FRAME_TYPE_MJPEG) {
     VEL_DEBUG("Init decoder");
     stream->decoder = std::make_unique<UVCDecoder>();
-    if (stream->decoder->Init(UVC_DECODER_TYPE_MJPEG, UVC_DECODER_OUTPUT_YUYV, width, height,
-                              this) != 0) {
+    if (stream->decoder->Init(UVC_DECODER_TYPE_MJPEG, UVC_DECODER_OUTPUT_YUYV, width, height, this) != 0) {
       VEL_ERROR("UVC encoder init fail!");  // The same text for both, deliberately.
       return nullptr;
     }
@@ -148,8 +144,7 @@ UVC_FRAME* UVCFrameManager::DequeueFrame(int timeoutMs) {
   return stream->out.Pop(timeoutMs).release();
 }
 
-void UVCFrameManager::OnFinishEncode(std::uint32_t index, std::uint8_t* data, std::uint32_t length,
-                                     int /*result*/) {
+void UVCFrameManager::OnFinishEncode(std::uint32_t index, std::uint8_t* data, std::uint32_t length, int /*result*/) {
   HeapBlock block(data);
   if (length == 0) {
     return;
@@ -162,10 +157,9 @@ void UVCFrameManager::OnFinishEncode(std::uint32_t index, std::uint8_t* data, st
   }
   frame->timestamp = now;
   frame->deltaTime = delta;
-  VEL_DEBUG(
-      "[UVC tuning] Get new encoded frame: index[%d] length[%d] timestamp[%lld] deltatime[%lld]\n",
-      static_cast<int>(index), static_cast<int>(length), static_cast<long long>(now),
-      static_cast<long long>(delta));
+  VEL_DEBUG("[UVC tuning] Get new encoded frame: index[%d] length[%d] timestamp[%lld] deltatime[%lld]\n",
+            static_cast<int>(index), static_cast<int>(length), static_cast<long long>(now),
+            static_cast<long long>(delta));
   DumpStream(frame->data, length, kDumpEncoded);
   PushFrameToOutQ(frame.release());
 }
@@ -178,8 +172,7 @@ void UVCFrameManager::OnFinishDecode(std::uint8_t* data, std::uint32_t length, s
   }
 }
 
-void UVCFrameManager::OnFinishDecodeBlock(HeapBlock& block, std::uint32_t length,
-                                          std::int64_t index) {
+void UVCFrameManager::OnFinishDecodeBlock(HeapBlock& block, std::uint32_t length, std::int64_t index) {
   const std::shared_ptr<Stream> stream = CurrentStream();
   if (stream == nullptr) {
     return;
@@ -217,8 +210,7 @@ void UVCFrameManager::DisableDumpStream() {
   mEncodedDump.Close();
 }
 
-void UVCFrameManager::DumpStream(const std::uint8_t* data, std::uint32_t length,
-                                 std::uint8_t type) {
+void UVCFrameManager::DumpStream(const std::uint8_t* data, std::uint32_t length, std::uint8_t type) {
   if (type == kDumpRaw) {
     mRawDump.Write(data, length);
   } else if (type == kDumpEncoded) {

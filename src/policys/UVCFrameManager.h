@@ -18,9 +18,7 @@ namespace vel {
 // Takes a producer's frames and keeps finished ones ready for the consumer: unchanged, decoded,
 // encoded, or decoded and then encoded, by the types of the two sides. Init makes it ready, Release
 // ends that; both may be repeated.
-class VEL_MODULE_CLASS UVCFrameManager : private UVCUtil,
-                                         public UVCEncoderHandler,
-                                         public UVCDecoderHandler {
+class VEL_MODULE_CLASS UVCFrameManager : private UVCUtil, public UVCEncoderHandler, public UVCDecoderHandler {
  public:
   enum DumpType : std::uint8_t { kDumpEncoded = 0, kDumpRaw = 1 };
 
@@ -31,8 +29,7 @@ class VEL_MODULE_CLASS UVCFrameManager : private UVCUtil,
 
   // Size in pixels; `camera` is passed on to the encoder. Returns 0, or -1 with an Error line, and
   // is not ready then. A manager that was ready is released first. Any thread.
-  int Init(std::uint16_t width, std::uint16_t height, _UVC_FRAME_TYPE in, _UVC_FRAME_TYPE out,
-           CameraFuns* camera);
+  int Init(std::uint16_t width, std::uint16_t height, _UVC_FRAME_TYPE in, _UVC_FRAME_TYPE out, CameraFuns* camera);
 
   // Hands a frame in. Returns 0, and the frame is the manager's whatever becomes of it, or -1, and
   // it stays the caller's: null, or not ready. With equal types the very same record comes out. Any
@@ -45,8 +42,7 @@ class VEL_MODULE_CLASS UVCFrameManager : private UVCUtil,
   UVC_FRAME* DequeueFrame(int timeoutMs);
 
   // Takes the block over. A length of 0 gives no frame.
-  void OnFinishEncode(std::uint32_t index, std::uint8_t* data, std::uint32_t length,
-                      int result) override;
+  void OnFinishEncode(std::uint32_t index, std::uint8_t* data, std::uint32_t length, int result) override;
   // Copies the bytes.
   void OnFinishDecode(std::uint8_t* data, std::uint32_t length, std::int64_t index) override;
   // Takes the block: what the decoder itself calls, so that its pictures are not copied.

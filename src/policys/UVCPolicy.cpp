@@ -9,8 +9,7 @@
 
 namespace vel {
 
-UVCPolicy::UVCPolicy(IUsbIo* io, std::uint32_t heightLimit, std::int8_t /*unused*/,
-                     std::uint8_t transcode)
+UVCPolicy::UVCPolicy(IUsbIo* io, std::uint32_t heightLimit, std::int8_t /*unused*/, std::uint8_t transcode)
     : mIo(*io), mHeightLimit(heightLimit), mTranscode(transcode) {}
 
 UVCPolicy::~UVCPolicy() {
@@ -79,10 +78,8 @@ void UVCPolicy::Release() {
 
 UVCStream::Format UVCPolicy::StreamFormat() const {
   const UVCFrameDesc& frame = *mNegotiation.Frame();
-  UVCStream::Format format{.width = frame.wWidth,
-                           .height = frame.wHeight,
-                           .in = UVC_FRAME_TYPE_MJPEG,
-                           .out = UVC_FRAME_TYPE_MJPEG};
+  UVCStream::Format format{
+      .width = frame.wWidth, .height = frame.wHeight, .in = UVC_FRAME_TYPE_MJPEG, .out = UVC_FRAME_TYPE_MJPEG};
   // The encoder takes YUYV: other uncompressed formats go through as they are.
   if (mNegotiation.IsYuyv() && mTranscode != 0) {
     const bool jpegSource = mIo.GetIoType() == kIoTypeEmulated && mIo.GetIoCapability() == 1;

@@ -16,15 +16,13 @@ void TimeOut(_UsbIoXferInfo& read) {
 
 }  // namespace
 
-UVCReadAnswerer::UVCReadAnswerer(UVCFrameManager& frames, UVCStreamTally& tally)
-    : mFrames(frames), mTally(tally) {
+UVCReadAnswerer::UVCReadAnswerer(UVCFrameManager& frames, UVCStreamTally& tally) : mFrames(frames), mTally(tally) {
   try {
     mThread = std::thread(&UVCReadAnswerer::Run, this);
     const MutexLock lock(mMutex);
     mHasThread = true;
   } catch (const std::system_error& error) {
-    VEL_WARN("no thread to answer camera reads, they keep other requests waiting: %s",
-             error.what());
+    VEL_WARN("no thread to answer camera reads, they keep other requests waiting: %s", error.what());
   }
 }
 
@@ -53,9 +51,9 @@ bool UVCReadAnswerer::Cancel(std::uint32_t localXferId) {
   _UsbIoXferInfo* read = nullptr;
   {
     const MutexLock lock(mMutex);
-    const auto found = std::find_if(
-        mReads.rbegin(), mReads.rend(),
-        [localXferId](const _UsbIoXferInfo* each) { return each->localXferId == localXferId; });
+    const auto found = std::find_if(mReads.rbegin(), mReads.rend(), [localXferId](const _UsbIoXferInfo* each) {
+      return each->localXferId == localXferId;
+    });
     if (found == mReads.rend()) {
       return false;
     }
@@ -95,8 +93,7 @@ int UVCReadAnswerer::RequestFrame(_UsbIoXferInfo& read) {
     return -1;
   }
   VEL_DEBUG("Poped one frame, frameLength: %d\n", static_cast<int>(frame->length));
-  mTally.FrameSent(frame->index, read.streamId, frame->length,
-                   static_cast<std::int64_t>(UVCUtil::GetTimeMs()));
+  mTally.FrameSent(frame->index, read.streamId, frame->length, static_cast<std::int64_t>(UVCUtil::GetTimeMs()));
   ReplaceXferData(read, TakeFrameData(*frame).release(), frame->length);
   return 0;
 }

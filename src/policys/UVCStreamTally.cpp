@@ -26,8 +26,7 @@ void UVCStreamTally::FrameCompleted(std::uint32_t index, std::int64_t now) {
   mLatencies[index % kRemembered] = {.index = index, .completed = now, .sent = 0, .length = 0};
 }
 
-void UVCStreamTally::FrameSent(std::uint32_t index, std::uint32_t streamId, std::uint32_t length,
-                               std::int64_t now) {
+void UVCStreamTally::FrameSent(std::uint32_t index, std::uint32_t streamId, std::uint32_t length, std::int64_t now) {
   Latency sent{};
   std::int64_t sentBefore = 0;
   {
@@ -43,15 +42,13 @@ void UVCStreamTally::FrameSent(std::uint32_t index, std::uint32_t streamId, std:
   VEL_DEBUG(
       "[UVC tuning]Poped one frame, frameLength: %d, streamid= %ld frame index= %ld camera time "
       "test start at %lld time\n",
-      static_cast<int>(length), static_cast<long>(streamId), static_cast<long>(index),
-      static_cast<long long>(now));
+      static_cast<int>(length), static_cast<long>(streamId), static_cast<long>(index), static_cast<long long>(now));
   if (sent.index == index && sent.completed != 0) {
     CameraTimeProcess(sent, streamId, sentBefore == 0 ? sent.completed : sentBefore);
   }
 }
 
-void UVCStreamTally::CameraTimeProcess(const Latency& latency, std::uint32_t streamId,
-                                       std::int64_t sentBefore) {
+void UVCStreamTally::CameraTimeProcess(const Latency& latency, std::uint32_t streamId, std::int64_t sentBefore) {
   VEL_DEBUG(
       "[UVC tuning] streamid = %ld camera process time total cost = %lld send "
       "(uint32)frameLength=%d pipeline total cost(include rtt) =%lld\n",

@@ -23,8 +23,7 @@ class UVCStreamTally {
   void FrameCompleted(std::uint32_t index, std::int64_t now);
   // It goes to the remote side, and what came before it does not wait any more: a coder that fails
   // at a frame gives none. Logs at Debug what it cost.
-  void FrameSent(std::uint32_t index, std::uint32_t streamId, std::uint32_t length,
-                 std::int64_t now);
+  void FrameSent(std::uint32_t index, std::uint32_t streamId, std::uint32_t length, std::int64_t now);
 
  private:
   struct Latency {
@@ -35,12 +34,11 @@ class UVCStreamTally {
   };
   static constexpr std::size_t kRemembered = 16;  // More than there are frames on their way.
 
-  static void CameraTimeProcess(const Latency& latency, std::uint32_t streamId,
-                                std::int64_t sentBefore);
+  static void CameraTimeProcess(const Latency& latency, std::uint32_t streamId, std::int64_t sentBefore);
 
   Mutex mMutex;
-  std::uint32_t mLetIn VEL_GUARDED_BY(mMutex) = 0;    // Counts as the frames' indexes do.
-  std::uint32_t mPending VEL_GUARDED_BY(mMutex) = 0;  // The last ones of them.
+  std::uint32_t mLetIn VEL_GUARDED_BY(mMutex) = 0;                       // Counts as the frames' indexes do.
+  std::uint32_t mPending VEL_GUARDED_BY(mMutex) = 0;                     // The last ones of them.
   std::array<Latency, kRemembered> mLatencies VEL_GUARDED_BY(mMutex){};  // By index, modulo.
   std::int64_t mLastSent VEL_GUARDED_BY(mMutex) = 0;
 };

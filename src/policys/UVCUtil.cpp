@@ -25,11 +25,9 @@ struct RequestName {
   const char* name;
 };
 constexpr std::array kRequestNames = {
-    RequestName{0x00, "[UVC_RC_UNDEFINED]"}, RequestName{0x01, "[UVC_SET_CUR]"},
-    RequestName{0x81, "[UVC_GET_CUR]"},      RequestName{0x82, "[UVC_GET_MIN]"},
-    RequestName{0x83, "[UVC_GET_MAX]"},      RequestName{0x84, "[UVC_GET_RES]"},
-    RequestName{0x85, "[UVC_GET_LEN]"},      RequestName{0x86, "[UVC_GET_INFO]"},
-    RequestName{0x87, "[UVC_GET_DEF]"},
+    RequestName{0x00, "[UVC_RC_UNDEFINED]"}, RequestName{0x01, "[UVC_SET_CUR]"},  RequestName{0x81, "[UVC_GET_CUR]"},
+    RequestName{0x82, "[UVC_GET_MIN]"},      RequestName{0x83, "[UVC_GET_MAX]"},  RequestName{0x84, "[UVC_GET_RES]"},
+    RequestName{0x85, "[UVC_GET_LEN]"},      RequestName{0x86, "[UVC_GET_INFO]"}, RequestName{0x87, "[UVC_GET_DEF]"},
 };
 constexpr std::uint8_t kMaxCtrlSelector = 20;
 
@@ -46,9 +44,7 @@ const libusb_interface_descriptor* VsSetting(const libusb_interface& interface) 
     return nullptr;
   }
   const libusb_interface_descriptor& first = interface.altsetting[0];
-  return first.bInterfaceClass == kClassVideo && first.bInterfaceSubClass == kSubclassStreaming
-             ? &first
-             : nullptr;
+  return first.bInterfaceClass == kClassVideo && first.bInterfaceSubClass == kSubclassStreaming ? &first : nullptr;
 }
 
 template <class Desc>
@@ -75,8 +71,7 @@ std::span<const std::uint8_t> VsBlock(const libusb_interface_descriptor& setting
   }
   const std::span<const std::uint8_t> extra = Extra(*endpoint);
   if (extra.size() < kInputHeaderSize) {
-    VEL_ERROR("Get InputHeader fail in ep[0x%x] extra data\n",
-              unsigned{endpoint->bEndpointAddress});
+    VEL_ERROR("Get InputHeader fail in ep[0x%x] extra data\n", unsigned{endpoint->bEndpointAddress});
     return {};
   }
   return extra;
@@ -141,8 +136,8 @@ void UVCUtil::FreeInputHeader(UVCInputHeader* header) {
   UVCInputHeaderPtr{header}.reset();
 }
 
-const UVCFrameDesc* UVCUtil::GetFrameTypeDesc(const UVCInputHeader* header,
-                                              std::uint8_t formatIndex, std::uint8_t frameIndex) {
+const UVCFrameDesc* UVCUtil::GetFrameTypeDesc(const UVCInputHeader* header, std::uint8_t formatIndex,
+                                              std::uint8_t frameIndex) {
   if (header == nullptr) {
     VEL_ERROR("InputHeader is null\n");
     return nullptr;
@@ -181,8 +176,7 @@ bool UVCUtil::IsStreamOverBulk(const libusb_config_descriptor* config) {
   return !iso;
 }
 
-std::uint32_t UVCUtil::FilterFrameDescriptors(std::span<std::uint8_t> block,
-                                              std::uint32_t maxHeight) {
+std::uint32_t UVCUtil::FilterFrameDescriptors(std::span<std::uint8_t> block, std::uint32_t maxHeight) {
   return FilterUVCBlock(block, maxHeight);
 }
 
@@ -207,9 +201,8 @@ void UVCUtil::PrintStreamCtrl(const UVCStreamCtrl& ctrl) {
 }
 
 void UVCUtil::DumpRequest(std::uint8_t bRequest) {
-  const auto* const found =
-      std::find_if(kRequestNames.begin(), kRequestNames.end(),
-                   [bRequest](const RequestName& entry) { return entry.request == bRequest; });
+  const auto* const found = std::find_if(kRequestNames.begin(), kRequestNames.end(),
+                                         [bRequest](const RequestName& entry) { return entry.request == bRequest; });
   VEL_ERROR("%s", found == kRequestNames.end() ? "[Invalid reqeust]" : found->name);
 }
 
@@ -224,9 +217,8 @@ void UVCUtil::ParseUVCFrameHeader(const std::uint8_t* packet, int length) {
     VEL_ERROR("Invalid header len:[%d]: ", length);
     return;
   }
-  VEL_DEBUG("%x %x %x %x %x %x %x %x", unsigned{packet[0]}, unsigned{packet[1]},
-            unsigned{packet[2]}, unsigned{packet[3]}, unsigned{packet[4]}, unsigned{packet[5]},
-            unsigned{packet[6]}, unsigned{packet[7]});
+  VEL_DEBUG("%x %x %x %x %x %x %x %x", unsigned{packet[0]}, unsigned{packet[1]}, unsigned{packet[2]},
+            unsigned{packet[3]}, unsigned{packet[4]}, unsigned{packet[5]}, unsigned{packet[6]}, unsigned{packet[7]});
 }
 
 void UVCUtil::SavePicture(const std::uint8_t* data, std::uint32_t length, const char* path) {
@@ -244,8 +236,7 @@ void UVCUtil::SavePicture(const std::uint8_t* data, std::uint32_t length, const 
 std::uint64_t UVCUtil::GetTimeMs() {
   // The calendar's local time, turned back into seconds, is the system's clock again.
   const auto now = std::chrono::system_clock::now().time_since_epoch();
-  return static_cast<std::uint64_t>(
-      std::chrono::duration_cast<std::chrono::milliseconds>(now).count());
+  return static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(now).count());
 }
 
 }  // namespace vel

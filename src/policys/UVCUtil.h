@@ -54,8 +54,8 @@ class UVCUtil {
   // The frame that a probe or commit control names, inside the tree; null when it names none.
   // Frames are chosen by position, which devices number 1 to n. An index that no format has, but
   // that is not above their count, means the last format.
-  static const UVCFrameDesc* GetFrameTypeDesc(const UVCInputHeader* header,
-                                              std::uint8_t formatIndex, std::uint8_t frameIndex);
+  static const UVCFrameDesc* GetFrameTypeDesc(const UVCInputHeader* header, std::uint8_t formatIndex,
+                                              std::uint8_t frameIndex);
 
   // True unless a VS interface has more than one alternate setting, also without any VS interface.
   static bool IsStreamOverBulk(const libusb_config_descriptor* config);
@@ -63,10 +63,8 @@ class UVCUtil {
   // Rewrites a raw VS block in place without the frames taller than `maxHeight` pixels
   // (FilterUVCBlock) and returns its new length. Enclosing lengths, and the bytes behind the new
   // end, are the caller's to see to.
-  static std::uint32_t FilterFrameDescriptors(std::span<std::uint8_t> block,
-                                              std::uint32_t maxHeight = kMaxFrameHeight);
-  static std::uint32_t FilterFrameDescriptors(std::uint8_t* block,
-                                              std::uint32_t maxHeight = kMaxFrameHeight);
+  static std::uint32_t FilterFrameDescriptors(std::span<std::uint8_t> block, std::uint32_t maxHeight = kMaxFrameHeight);
+  static std::uint32_t FilterFrameDescriptors(std::uint8_t* block, std::uint32_t maxHeight = kMaxFrameHeight);
 
   // Logs the fields up to dwMaxPayloadTransferSize and the interface number, a Debug line each.
   static void PrintStreamCtrl(const UVCStreamCtrl& ctrl);
@@ -82,8 +80,7 @@ class UVCUtil {
   static void ParseUVCFrameHeader(const std::uint8_t* packet, int length);
 
   // Debugging aid: writes the bytes to a file, which is replaced.
-  static void SavePicture(const std::uint8_t* data, std::uint32_t length,
-                          const char* path = kPicturePath);
+  static void SavePicture(const std::uint8_t* data, std::uint32_t length, const char* path = kPicturePath);
 
   // The wall clock in milliseconds since 1970; steps of one.
   static std::uint64_t GetTimeMs();

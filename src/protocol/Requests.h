@@ -22,9 +22,9 @@ inline constexpr std::uint8_t kDirectionIn = 0x80;
 
 enum class PayloadError {
   kNone,
-  kTooShort,   // The fields, or data that has to be there, are missing.
-  kTooLong,    // A length or a packet count above its bound.
-  kIsoTable,   // The table or the packets that it describes do not fit the data.
+  kTooShort,  // The fields, or data that has to be there, are missing.
+  kTooLong,   // A length or a packet count above its bound.
+  kIsoTable,  // The table or the packets that it describes do not fit the data.
 };
 std::string_view PayloadErrorText(PayloadError error);
 

@@ -113,10 +113,18 @@ T VelPacket::LoadHeader(std::size_t offset) const {
   return value;
 }
 
-std::uint16_t VelPacket::GetCommand() const { return LoadHeader<std::uint16_t>(kCommandOffset); }
-std::uint32_t VelPacket::GetDevId() const { return LoadHeader<std::uint32_t>(kDevIdOffset); }
-std::uint8_t VelPacket::GetReqId() const { return LoadHeader<std::uint8_t>(kReqIdOffset); }
-std::uint32_t VelPacket::GetPacketSize() const { return LoadHeader<std::uint32_t>(kLengthOffset); }
+std::uint16_t VelPacket::GetCommand() const {
+  return LoadHeader<std::uint16_t>(kCommandOffset);
+}
+std::uint32_t VelPacket::GetDevId() const {
+  return LoadHeader<std::uint32_t>(kDevIdOffset);
+}
+std::uint8_t VelPacket::GetReqId() const {
+  return LoadHeader<std::uint8_t>(kReqIdOffset);
+}
+std::uint32_t VelPacket::GetPacketSize() const {
+  return LoadHeader<std::uint32_t>(kLengthOffset);
+}
 
 const std::uint8_t* VelPacket::GetPayload() const {
   if (mBuffer == nullptr || std::uint64_t{kHeaderSize} + mCursor > mCapacity) {
@@ -142,10 +150,16 @@ int VelPacket::Read(T* out) {
   return 0;
 }
 
-int VelPacket::ReadU32(std::uint32_t* out) { return Read(out); }
-int VelPacket::ReadU64(std::uint64_t* out) { return Read(out); }
+int VelPacket::ReadU32(std::uint32_t* out) {
+  return Read(out);
+}
+int VelPacket::ReadU64(std::uint64_t* out) {
+  return Read(out);
+}
 
-std::uint32_t VelPacket::BytesInBlock() const { return std::min(GetPacketSize(), mCapacity); }
+std::uint32_t VelPacket::BytesInBlock() const {
+  return std::min(GetPacketSize(), mCapacity);
+}
 
 std::span<const std::uint8_t> VelPacket::PayloadBytes() const {
   const std::uint32_t end = BytesInBlock();
@@ -156,7 +170,11 @@ std::span<const std::uint8_t> VelPacket::PayloadBytes() const {
   return {mBuffer.get() + begin, mBuffer.get() + end};
 }
 
-std::span<const std::uint8_t> VelPacket::Wire() const { return {mBuffer.get(), BytesInBlock()}; }
-std::span<std::uint8_t> VelPacket::MutableWire() { return {mBuffer.get(), BytesInBlock()}; }
+std::span<const std::uint8_t> VelPacket::Wire() const {
+  return {mBuffer.get(), BytesInBlock()};
+}
+std::span<std::uint8_t> VelPacket::MutableWire() {
+  return {mBuffer.get(), BytesInBlock()};
+}
 
 }  // namespace vel

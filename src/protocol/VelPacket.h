@@ -37,8 +37,7 @@ class VelPacket {
 
   // A packet as it came over the wire: `total` bytes (header included) of which the caller fills those behind the
   // header through MutableWire. The header's length field becomes `total`.
-  static std::unique_ptr<VelPacket> ForReceived(std::span<const std::uint8_t, kHeaderSize> header,
-                                                std::uint32_t total);
+  static std::unique_ptr<VelPacket> ForReceived(std::span<const std::uint8_t, kHeaderSize> header, std::uint32_t total);
 
   // Returns 0, or -1 without a buffer. Leaves the length as it is.
   int InitHeader(std::uint8_t reqId, std::uint16_t command, std::uint32_t devId);

@@ -12,23 +12,18 @@ using testing::SizeIs;
 
 // Two interfaces, the first with two alternate settings; extra bytes at every level. 0xEE: what a
 // reader ignores.
-const Bytes kConfig = {9,    2,    0x4B, 0x01, 2,    1,    4,  0xA0,
-                       50,   0xEE, 0xEE, 0xEE, 4,    0,    0,  0,  // configuration, 4 extra bytes
-                       2,    0,    0,    0,  // alternate settings of interface 0
-                       9,    4,    0,    0,    0,    3,    1,  2,
-                       5,    0xEE, 0xEE, 0xEE, 3,    0,    0,  0,  // setting 0, 3 extra bytes
-                       3,    0x21, 0x10,                           //
-                       9,    4,    0,    1,    2,    3,    1,  2,
-                       6,    0xEE, 0xEE, 0xEE, 0,    0,    0,  0,  // setting 1
-                       7,    5,    0x81, 3,    0x08, 0x00, 10, 0,
-                       0,    0xEE, 0xEE, 0xEE, 2,    0,    0,  0,  // endpoint 1 IN, 2 extra bytes
-                       2,    0x30,                                 //
-                       9,    5,    0x02, 1,    0x00, 0x04, 1,  7,
-                       0x83, 0xEE, 0xEE, 0xEE, 0,    0,    0,  0,  // endpoint 2 OUT
-                       1,    0,    0,    0,  // alternate settings of interface 1
-                       9,    4,    1,    0,    0,    0xFF, 0,  0,
-                       0,    0xEE, 0xEE, 0xEE, 0,    0,    0,  0,  // setting 0
-                       4,    0x0B, 0xAA, 0xBB};  // the configuration's extra bytes
+const Bytes kConfig = {
+    9, 2,    0x4B, 0x01, 2,    1,    4,  0xA0, 50,   0xEE, 0xEE, 0xEE, 4, 0, 0, 0,  // configuration, 4 extra bytes
+    2, 0,    0,    0,                                                               // alternate settings of interface 0
+    9, 4,    0,    0,    0,    3,    1,  2,    5,    0xEE, 0xEE, 0xEE, 3, 0, 0, 0,  // setting 0, 3 extra bytes
+    3, 0x21, 0x10,                                                                  //
+    9, 4,    0,    1,    2,    3,    1,  2,    6,    0xEE, 0xEE, 0xEE, 0, 0, 0, 0,  // setting 1
+    7, 5,    0x81, 3,    0x08, 0x00, 10, 0,    0,    0xEE, 0xEE, 0xEE, 2, 0, 0, 0,  // endpoint 1 IN, 2 extra bytes
+    2, 0x30,                                                                        //
+    9, 5,    0x02, 1,    0x00, 0x04, 1,  7,    0x83, 0xEE, 0xEE, 0xEE, 0, 0, 0, 0,  // endpoint 2 OUT
+    1, 0,    0,    0,                                                               // alternate settings of interface 1
+    9, 4,    1,    0,    0,    0xFF, 0,  0,    0,    0xEE, 0xEE, 0xEE, 0, 0, 0, 0,  // setting 0
+    4, 0x0B, 0xAA, 0xBB};                                                           // the configuration's extra bytes
 constexpr std::size_t kNumInterfaces = 4;
 constexpr std::size_t kConfigExtra = 12;
 constexpr std::size_t kSettings = 16;
@@ -84,21 +79,18 @@ TEST(ConfigModelTest, CountsThatLieAreRefusedAtOnce) {
     const char* name;
     std::size_t offset;
     std::size_t size;
-  } const cases[] = {
-      {"interfaces", kNumInterfaces, 1},      {"extra of the configuration", kConfigExtra, 4},
-      {"alternate settings", kSettings, 4},   {"endpoints", kFirstNumEndpoints, 1},
-      {"extra of a setting", kFirstExtra, 4}, {"extra of an endpoint", kEndpointExtra, 4}};
+  } const cases[] = {{"interfaces", kNumInterfaces, 1},      {"extra of the configuration", kConfigExtra, 4},
+                     {"alternate settings", kSettings, 4},   {"endpoints", kFirstNumEndpoints, 1},
+                     {"extra of a setting", kFirstExtra, 4}, {"extra of an endpoint", kEndpointExtra, 4}};
   for (const auto& test : cases) {
     Bytes lying = kConfig;
-    std::fill_n(lying.begin() + static_cast<std::ptrdiff_t>(test.offset), test.size,
-                std::uint8_t{0xFF});
+    std::fill_n(lying.begin() + static_cast<std::ptrdiff_t>(test.offset), test.size, std::uint8_t{0xFF});
     EXPECT_FALSE(ReadConfigModel(lying).has_value()) << test.name;
   }
 }
 
 TEST(DeviceModelTest, NeedsAllEighteenBytes) {
-  const Bytes bytes = {18,   1,    0x10, 0x02, 0xEF, 2, 1, 64, 0x86,
-                       0x1A, 0x23, 0x75, 0x64, 0x02, 1, 2, 3,  4};
+  const Bytes bytes = {18, 1, 0x10, 0x02, 0xEF, 2, 1, 64, 0x86, 0x1A, 0x23, 0x75, 0x64, 0x02, 1, 2, 3, 4};
   for (std::size_t n = 0; n < bytes.size(); ++n) {
     EXPECT_FALSE(ReadDeviceModel(std::span(bytes).first(n)).has_value()) << n;
   }

@@ -20,8 +20,7 @@ Enumeration Sample() {
   found.strings = {{1, "Maker"}, {2, "Port & Keys"}, {4, "Keys"}};
   AltSettingModel keys{9, 4, 0, 0, 1, 3, 1, 1, 4, {}, {9, 0x21, 0x11, 0x01, 0, 1, 0x22, 0x3F, 0}};
   keys.endpoints.push_back({7, 5, 0x81, 3, 8, 10, 0, 0, {}});
-  AltSettingModel serial{
-      9, 4, 1, 1, 1, 2, 2, 0, 0, {}, {5, 0x24, 0, 0x20, 0x01, 4, 0x24, 2, 6, 5, 0x24, 6, 1, 2}};
+  AltSettingModel serial{9, 4, 1, 1, 1, 2, 2, 0, 0, {}, {5, 0x24, 0, 0x20, 0x01, 4, 0x24, 2, 6, 5, 0x24, 6, 1, 2}};
   serial.endpoints.push_back({9, 5, 0x02, 0x15, 0x0C00, 1, 2, 0x83, {3, 0x30, 0xAB}});
   found.config = ConfigModel{9, 2, 0x4B, 2, 1, 0, 0xE0, 49, {{keys}, {serial}}, {}};
   return found;
@@ -117,23 +116,22 @@ Device Descriptor:
 }
 
 TEST(DescriptorTextTest, JsonHoldsTheSameAsData) {
-  EXPECT_EQ(
-      DescriptorJson(Sample()).dump(),
-      R"({"bus":3,"address":130,"port":1,"speed":"full","device":{"bcdUSB":"2.10","bDeviceClass":239,)"
-      R"("className":"Miscellaneous Device","bDeviceSubClass":2,"bDeviceProtocol":1,"bMaxPacketSize0":64,)"
-      R"("idVendor":6790,"idProduct":29987,"bcdDevice":"2.64","iManufacturer":1,"manufacturer":"Maker",)"
-      R"("iProduct":2,"product":"Port & Keys","iSerialNumber":0,"serialNumber":"","bNumConfigurations":1},)"
-      R"("configuration":{"wTotalLength":75,"bNumInterfaces":2,"bConfigurationValue":1,"iConfiguration":0,)"
-      R"("configuration":"","bmAttributes":224,"maxPowerMilliamperes":98,"extra":"","interfaces":[[{)"
-      R"("bInterfaceNumber":0,"bAlternateSetting":0,"bInterfaceClass":3,"className":"Human Interface Device",)"
-      R"("bInterfaceSubClass":1,"bInterfaceProtocol":1,"iInterface":4,"interface":"Keys",)"
-      R"("extra":"09 21 11 01 00 01 22 3f 00","endpoints":[{"bEndpointAddress":129,"direction":"in",)"
-      R"("bmAttributes":3,"transferType":"Interrupt","wMaxPacketSize":8,"bInterval":10,"extra":""}]}],[{)"
-      R"("bInterfaceNumber":1,"bAlternateSetting":1,"bInterfaceClass":2,"className":"Communications",)"
-      R"("bInterfaceSubClass":2,"bInterfaceProtocol":0,"iInterface":0,"interface":"",)"
-      R"("extra":"05 24 00 20 01 04 24 02 06 05 24 06 01 02","endpoints":[{"bEndpointAddress":2,)"
-      R"("direction":"out","bmAttributes":21,"transferType":"Isochronous","wMaxPacketSize":3072,)"
-      R"("bInterval":1,"extra":"03 30 ab"}]}]]}})");
+  EXPECT_EQ(DescriptorJson(Sample()).dump(),
+            R"({"bus":3,"address":130,"port":1,"speed":"full","device":{"bcdUSB":"2.10","bDeviceClass":239,)"
+            R"("className":"Miscellaneous Device","bDeviceSubClass":2,"bDeviceProtocol":1,"bMaxPacketSize0":64,)"
+            R"("idVendor":6790,"idProduct":29987,"bcdDevice":"2.64","iManufacturer":1,"manufacturer":"Maker",)"
+            R"("iProduct":2,"product":"Port & Keys","iSerialNumber":0,"serialNumber":"","bNumConfigurations":1},)"
+            R"("configuration":{"wTotalLength":75,"bNumInterfaces":2,"bConfigurationValue":1,"iConfiguration":0,)"
+            R"("configuration":"","bmAttributes":224,"maxPowerMilliamperes":98,"extra":"","interfaces":[[{)"
+            R"("bInterfaceNumber":0,"bAlternateSetting":0,"bInterfaceClass":3,"className":"Human Interface Device",)"
+            R"("bInterfaceSubClass":1,"bInterfaceProtocol":1,"iInterface":4,"interface":"Keys",)"
+            R"("extra":"09 21 11 01 00 01 22 3f 00","endpoints":[{"bEndpointAddress":129,"direction":"in",)"
+            R"("bmAttributes":3,"transferType":"Interrupt","wMaxPacketSize":8,"bInterval":10,"extra":""}]}],[{)"
+            R"("bInterfaceNumber":1,"bAlternateSetting":1,"bInterfaceClass":2,"className":"Communications",)"
+            R"("bInterfaceSubClass":2,"bInterfaceProtocol":0,"iInterface":0,"interface":"",)"
+            R"("extra":"05 24 00 20 01 04 24 02 06 05 24 06 01 02","endpoints":[{"bEndpointAddress":2,)"
+            R"("direction":"out","bmAttributes":21,"transferType":"Isochronous","wMaxPacketSize":3072,)"
+            R"("bInterval":1,"extra":"03 30 ab"}]}]]}})");
 }
 
 TEST(DescriptorTextTest, DeviceWithoutAConfigurationIsDescribedAsFarAsItIsKnown) {
@@ -141,8 +139,7 @@ TEST(DescriptorTextTest, DeviceWithoutAConfigurationIsDescribedAsFarAsItIsKnown)
   found.config.reset();
   EXPECT_THAT(DescriptorText(found), Not(HasSubstr("Configuration Descriptor")));
   EXPECT_TRUE(DescriptorJson(found)["configuration"].is_null());
-  EXPECT_EQ(DescriptorSummary(found),
-            "1a86:7523  USB 2.10, full speed, class Miscellaneous Device\n");
+  EXPECT_EQ(DescriptorSummary(found), "1a86:7523  USB 2.10, full speed, class Miscellaneous Device\n");
 }
 
 TEST(DescriptorTextTest, SummaryListsInterfacesAndEndpoints) {
@@ -159,28 +156,25 @@ TEST(DescriptorTextTest, NumbersWithoutANameAreNotPrintedAsNull) {
   found.speed = -99;
   found.device.bDeviceClass = 0x99;
   found.config->interfaces[0][0].bInterfaceClass = 0x98;
-  for (const std::string& text :
-       {DescriptorText(found), DescriptorSummary(found), DescriptorJson(found).dump()}) {
+  for (const std::string& text : {DescriptorText(found), DescriptorSummary(found), DescriptorJson(found).dump()}) {
     EXPECT_THAT(text, Not(HasSubstr("null")));
   }
 }
 
 TEST(DescriptorTextTest, ClassSpecificDescriptorsThatAreTooShortAreShownAsBytes) {
-  const std::vector<Bytes> cases = {
-      {8, 0x21, 0x11, 0x01, 0, 1, 0x22, 0x3F},  // HID without a whole report entry
-      {4, 0x24, 0, 0x20},                       // CDC header
-      {4, 0x24, 1, 0},                          // CDC call management
-      {4, 0x24, 6, 1},                          // CDC union
-      {3, 0x24, 2},                             // CDC ACM
-      {2, 0x24},
-      {2, 0x21}};
+  const std::vector<Bytes> cases = {{8, 0x21, 0x11, 0x01, 0, 1, 0x22, 0x3F},  // HID without a whole report entry
+                                    {4, 0x24, 0, 0x20},                       // CDC header
+                                    {4, 0x24, 1, 0},                          // CDC call management
+                                    {4, 0x24, 6, 1},                          // CDC union
+                                    {3, 0x24, 2},                             // CDC ACM
+                                    {2, 0x24},
+                                    {2, 0x21}};
   for (const Bytes& extra : cases) {
     Enumeration found = Sample();
     found.config->interfaces[1][0].extra = extra;
     found.config->interfaces[0][0].extra.clear();
     found.config->interfaces[1][0].endpoints.clear();
-    EXPECT_THAT(DescriptorText(found), HasSubstr("** UNRECOGNIZED:"))
-        << testing::PrintToString(extra);
+    EXPECT_THAT(DescriptorText(found), HasSubstr("** UNRECOGNIZED:")) << testing::PrintToString(extra);
   }
 }
 

@@ -24,15 +24,14 @@ Bytes Record(Bytes fields, std::size_t extra) {
   return fields;
 }
 
-Bytes Interface(std::uint8_t subclass, std::uint8_t setting, const Bytes& extra,
-                std::uint16_t maxPacketSize = 0) {
+Bytes Interface(std::uint8_t subclass, std::uint8_t setting, const Bytes& extra, std::uint16_t maxPacketSize = 0) {
   const auto number = static_cast<std::uint8_t>(subclass - 1);
   const auto endpoints = static_cast<std::uint8_t>(maxPacketSize > 0 ? 1 : 0);
   Bytes bytes = Record({9, 4, number, setting, endpoints, 0x0E, subclass}, extra.size());
   if (maxPacketSize > 0) {
-    const Bytes endpoint = Record({7, 5, 0x81, 5, static_cast<std::uint8_t>(maxPacketSize),
-                                   static_cast<std::uint8_t>(maxPacketSize >> 8U), 1},
-                                  0);
+    const Bytes endpoint = Record(
+        {7, 5, 0x81, 5, static_cast<std::uint8_t>(maxPacketSize), static_cast<std::uint8_t>(maxPacketSize >> 8U), 1},
+        0);
     bytes.insert(bytes.end(), endpoint.begin(), endpoint.end());
   }
   bytes.insert(bytes.end(), extra.begin(), extra.end());
@@ -55,9 +54,9 @@ Bytes Configuration() {
     block.insert(block.end(), part.begin(), part.end());
   }
   Bytes all;
-  for (const Bytes& part : {Record({9, 2, 0, 0, 2, 1}, 0), Bytes{1, 0, 0, 0}, Interface(1, 0, {}),
-                            Bytes{4, 0, 0, 0}, Interface(2, 0, block), Interface(2, 1, {}, 192),
-                            Interface(2, 2, {}, 1024), Interface(2, 3, {}, 512)}) {
+  for (const Bytes& part :
+       {Record({9, 2, 0, 0, 2, 1}, 0), Bytes{1, 0, 0, 0}, Interface(1, 0, {}), Bytes{4, 0, 0, 0},
+        Interface(2, 0, block), Interface(2, 1, {}, 192), Interface(2, 2, {}, 1024), Interface(2, 3, {}, 512)}) {
     all.insert(all.end(), part.begin(), part.end());
   }
   return all;
@@ -143,8 +142,7 @@ TEST_F(GuestCameraTest, FormatIsTheOneThatCanBeTranscodedOrTheFirst) {
 }
 
 TEST_F(GuestCameraTest, SettingIsTheSmallestThatCarriesThePayloads) {
-  const std::pair<std::uint32_t, std::uint8_t> tests[] = {
-      {100, 1}, {192, 1}, {193, 3}, {513, 2}, {3000, 2}};
+  const std::pair<std::uint32_t, std::uint8_t> tests[] = {{100, 1}, {192, 1}, {193, 3}, {513, 2}, {3000, 2}};
   GuestCamera camera(mRemote, false);
   for (const auto& [payloadBytes, setting] : tests) {
     mCamera.change = [bytes = payloadBytes](Bytes& control) {
@@ -152,8 +150,7 @@ TEST_F(GuestCameraTest, SettingIsTheSmallestThatCarriesThePayloads) {
       control[23] = static_cast<std::uint8_t>(bytes >> 8U);
     };
     camera.Start(camera.Negotiate(std::nullopt));
-    EXPECT_EQ(mCamera.Sent(Command::kSetInterfaceAltSetting), (Bytes{1, 0, 0, 0, setting, 0, 0, 0}))
-        << payloadBytes;
+    EXPECT_EQ(mCamera.Sent(Command::kSetInterfaceAltSetting), (Bytes{1, 0, 0, 0, setting, 0, 0, 0})) << payloadBytes;
   }
 }
 
@@ -164,8 +161,7 @@ TEST_F(GuestCameraTest, WhatCannotBeAgreedOnIsSaid) {
         camera.Negotiate(PictureSize{48, 48});
       },
       ThrowsMessage<std::runtime_error>(HasSubstr("give one of 64x48, 32x48")));
-  for (const std::function<void(Bytes&)>& change :
-       std::initializer_list<std::function<void(Bytes&)>>{
+  for (const std::function<void(Bytes&)>& change : std::initializer_list<std::function<void(Bytes&)>>{
            [](Bytes& control) { control[2] ^= 3U; }, [](Bytes& control) { control[3] = 9; },
            [](Bytes& control) { control.resize(25); }}) {
     mCamera.change = change;

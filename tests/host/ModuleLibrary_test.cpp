@@ -45,9 +45,7 @@ class LoadedModule : public testing::Test {
 TEST_F(LoadedModule, DescriptorHasItsFortyEightBytes) {
   Dl_info info{};
   const ElfW(Sym)* symbol = nullptr;
-  ASSERT_NE(dladdr1(mBytes, &info, reinterpret_cast<void**>(const_cast<ElfW(Sym)**>(&symbol)),
-                    RTLD_DL_SYMENT),
-            0);
+  ASSERT_NE(dladdr1(mBytes, &info, reinterpret_cast<void**>(const_cast<ElfW(Sym)**>(&symbol)), RTLD_DL_SYMENT), 0);
   ASSERT_NE(symbol, nullptr);
   EXPECT_STREQ(info.dli_sname, "VEL_DRV_MODULE");
   EXPECT_EQ(symbol->st_size, 48U);
@@ -56,8 +54,7 @@ TEST_F(LoadedModule, DescriptorHasItsFortyEightBytes) {
   EXPECT_EQ(At<void*>(0), dlsym(mHandle, "virtusb_open"));
   EXPECT_NE(At<void*>(0), nullptr);
   EXPECT_EQ(At<std::uint64_t>(8), 0U);
-  EXPECT_THAT((At<std::array<std::uint8_t, 8>>(16)),
-              testing::ElementsAre(0x10, 0, 0xFF, 0xFF, 0xFF, 0xFF, 0, 0));
+  EXPECT_THAT((At<std::array<std::uint8_t, 8>>(16)), testing::ElementsAre(0x10, 0, 0xFF, 0xFF, 0xFF, 0xFF, 0, 0));
   EXPECT_STREQ(At<const char*>(24), "virtusb-redir");
   EXPECT_THAT((At<std::array<std::uint8_t, 16>>(32)),
               testing::ElementsAre(1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0));
@@ -98,8 +95,7 @@ TEST(ModuleLibraryTest, RefusesWhatIsNoModuleAndSaysWhatToDo) {
       ModuleLibrary::Load(test.path);
       ADD_FAILURE() << "was loaded";
     } catch (const std::runtime_error& error) {
-      EXPECT_THAT(error.what(), testing::AllOf(testing::HasSubstr(test.reason),
-                                               testing::HasSubstr("--module PATH"),
+      EXPECT_THAT(error.what(), testing::AllOf(testing::HasSubstr(test.reason), testing::HasSubstr("--module PATH"),
                                                testing::Not(testing::HasSubstr("\n"))));
     }
   }

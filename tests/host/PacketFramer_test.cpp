@@ -20,8 +20,7 @@ class PacketFramerTest : public testing::Test {
   bool Feed(const Bytes& bytes) { return mFramer.Feed(bytes); }
 
   std::vector<std::unique_ptr<VelPacket>> mPackets;
-  PacketFramer mFramer{
-      [this](std::unique_ptr<VelPacket> packet) { mPackets.push_back(std::move(packet)); }};
+  PacketFramer mFramer{[this](std::unique_ptr<VelPacket> packet) { mPackets.push_back(std::move(packet)); }};
 };
 
 Bytes WireOf(const VelPacket& packet) {
@@ -90,8 +89,7 @@ TEST_F(PacketFramerTest, OversizedPacketLosesItsDataAndTheNextOneIsWhole) {
     EXPECT_EQ(mPackets[0]->GetPacketSize(), 32U);
     EXPECT_EQ(mPackets[0]->GetCommand(), 0x1024);
     EXPECT_THAT(mPackets[0]->PayloadBytes(), testing::Each(0x5A));
-    EXPECT_THAT(WireOf(*mPackets[1]),
-                ElementsAre(0x27, 1, 2, 0x10, 2, 0, 0, 0, 16, 0, 0, 0, 0, 0, 0, 0));
+    EXPECT_THAT(WireOf(*mPackets[1]), ElementsAre(0x27, 1, 2, 0x10, 2, 0, 0, 0, 16, 0, 0, 0, 0, 0, 0, 0));
   }
 }
 
@@ -99,10 +97,8 @@ TEST_F(PacketFramerTest, GarbageEndsTheStreamWithAReason) {
   struct {
     Bytes header;
     const char* reason;
-  } const cases[] = {{Header(16, 0x26), "magic 38"},
-                     {Header(15), "length 15"},
-                     {Header(0), "length 0"},
-                     {Bytes(16, 'G'), "magic 71"}};
+  } const cases[] = {
+      {Header(16, 0x26), "magic 38"}, {Header(15), "length 15"}, {Header(0), "length 0"}, {Bytes(16, 'G'), "magic 71"}};
   for (const auto& test : cases) {
     SCOPED_TRACE(test.reason);
     int packets = 0;
@@ -124,18 +120,10 @@ TEST_F(PacketFramerTest, HeaderOfTheOtherByteOrderIsReadWhicheverWayItWasWritten
     Bytes header;
     std::uint16_t command;
   } const cases[] = {
-      {"request in the writer's order",
-       {0x27, 9, 0x00, 0x04, 0, 0, 0, 3, 0, 0, 0, 28, 1, 0, 0, 0},
-       0x0004},
-      {"request in this host's order",
-       {0x27, 9, 0x04, 0x00, 3, 0, 0, 0, 28, 0, 0, 0, 1, 0, 0, 0},
-       0x0004},
-      {"reply in the writer's order",
-       {0x27, 9, 0x10, 0x2D, 0, 0, 0, 3, 0, 0, 0, 28, 1, 0, 0, 0},
-       0x102D},
-      {"reply in this host's order",
-       {0x27, 9, 0x2D, 0x10, 3, 0, 0, 0, 28, 0, 0, 0, 1, 0, 0, 0},
-       0x102D},
+      {"request in the writer's order", {0x27, 9, 0x00, 0x04, 0, 0, 0, 3, 0, 0, 0, 28, 1, 0, 0, 0}, 0x0004},
+      {"request in this host's order", {0x27, 9, 0x04, 0x00, 3, 0, 0, 0, 28, 0, 0, 0, 1, 0, 0, 0}, 0x0004},
+      {"reply in the writer's order", {0x27, 9, 0x10, 0x2D, 0, 0, 0, 3, 0, 0, 0, 28, 1, 0, 0, 0}, 0x102D},
+      {"reply in this host's order", {0x27, 9, 0x2D, 0x10, 3, 0, 0, 0, 28, 0, 0, 0, 1, 0, 0, 0}, 0x102D},
       {"unknown command", {0x27, 9, 0x77, 0x66, 3, 0, 0, 0, 28, 0, 0, 0, 1, 0, 0, 0}, 0x6677}};
   const Bytes payload = {0x01, 0x02, 0x03, 0x04, 0x05, 0x06, 0x07, 0x08, 0x09, 0x0A, 0x0B, 0x0C};
   for (const auto& test : cases) {

@@ -107,8 +107,7 @@ TEST_F(RemoteDeviceTest, EachCallSendsItsCommandAndReadsItsReply) {
       {0x101E, [](RemoteDevice& remote) { return remote.SetInterfaceAltSetting(1, 2); }},
       {0x102C, [&](RemoteDevice& remote) { return remote.SetRedirPolicy(text); }},
       {0x1020, [](RemoteDevice& remote) { return remote.CancelTransfer(5); }},
-      {0x100E,
-       [](RemoteDevice& remote) { return remote.GetStringDescriptor(1, 0x0409, 255).value; }},
+      {0x100E, [](RemoteDevice& remote) { return remote.GetStringDescriptor(1, 0x0409, 255).value; }},
       {0x1022, [](RemoteDevice& remote) { return remote.ControlTransfer({}).value; }}};
   std::size_t sent = 0;
   for (const auto& [code, call] : calls) {
@@ -147,11 +146,8 @@ TEST_F(RemoteDeviceTest, SynchronousReplyIsMatchedByCommandAndReqId) {
 
 TEST_F(RemoteDeviceTest, ReplyWithoutAResultIsAnError) {
   Make();
-  Channel().answer = [&](const VelPacket& request) {
-    Channel().Reply(0x1011, request.GetReqId(), {1, 2, 3});
-  };
-  EXPECT_EQ(ErrorOf([&] { Remote().Status(Command::kResetDevice); }),
-            "the reply to \"reset device\" holds no result");
+  Channel().answer = [&](const VelPacket& request) { Channel().Reply(0x1011, request.GetReqId(), {1, 2, 3}); };
+  EXPECT_EQ(ErrorOf([&] { Remote().Status(Command::kResetDevice); }), "the reply to \"reset device\" holds no result");
 }
 
 TEST_F(RemoteDeviceTest, CallGivesUpAfterTheReplyTimeAndALateReplyIsIgnored) {
@@ -162,22 +158,18 @@ TEST_F(RemoteDeviceTest, CallGivesUpAfterTheReplyTimeAndALateReplyIsIgnored) {
             "no reply to a transfer within 20 ms");
   Channel().Reply(0x102B, Channel().AwaitSent(2)[0]->GetReqId(), {1, 0, 0, 0});
   Channel().Reply(0x1025, 0, {1, 0, 0, 0, 0, 0, 0, 0});
-  Channel().answer = [&](const VelPacket& request) {
-    Channel().Reply(0x102B, request.GetReqId(), {2, 0, 0, 0});
-  };
+  Channel().answer = [&](const VelPacket& request) { Channel().Reply(0x102B, request.GetReqId(), {2, 0, 0, 0}); };
   EXPECT_EQ(Remote().Status(Command::kGetDeviceSpeed), 2);
 }
 
 TEST_F(RemoteDeviceTest, EndOfTheStreamWakesWhoeverWaits) {
   Make();
-  auto status = std::async(
-      std::launch::async, [&] { return ErrorOf([&] { Remote().Status(Command::kResetDevice); }); });
-  auto bulk = std::async(std::launch::async, [&] {
-    return ErrorOf([&] { Remote().Transfer(Command::kBulkTransfer, 0x81, 4); });
-  });
-  auto iso = std::async(std::launch::async, [&] {
-    return ErrorOf([&] { Remote().IsoTransfer(0x83, std::array{8U}); });
-  });
+  auto status =
+      std::async(std::launch::async, [&] { return ErrorOf([&] { Remote().Status(Command::kResetDevice); }); });
+  auto bulk = std::async(std::launch::async,
+                         [&] { return ErrorOf([&] { Remote().Transfer(Command::kBulkTransfer, 0x81, 4); }); });
+  auto iso =
+      std::async(std::launch::async, [&] { return ErrorOf([&] { Remote().IsoTransfer(0x83, std::array{8U}); }); });
   Channel().AwaitSent(3);
   const auto start = std::chrono::steady_clock::now();
   Channel().EndStream();
@@ -185,21 +177,17 @@ TEST_F(RemoteDeviceTest, EndOfTheStreamWakesWhoeverWaits) {
   EXPECT_EQ(bulk.get(), "the device is gone (while waiting for a transfer)");
   EXPECT_EQ(iso.get(), "the device is gone (while waiting for a transfer)");
   EXPECT_LT(std::chrono::steady_clock::now() - start, 15s);
-  EXPECT_THAT(ErrorOf([&] { Remote().Status(Command::kResetDevice); }),
-              HasSubstr("the device is gone"));
-  EXPECT_THAT(ErrorOf([&] { Remote().Transfer(Command::kBulkTransfer, 0x81, 4); }),
-              HasSubstr("the device is gone"));
+  EXPECT_THAT(ErrorOf([&] { Remote().Status(Command::kResetDevice); }), HasSubstr("the device is gone"));
+  EXPECT_THAT(ErrorOf([&] { Remote().Transfer(Command::kBulkTransfer, 0x81, 4); }), HasSubstr("the device is gone"));
 }
 
 TEST_F(RemoteDeviceTest, RefusedSendIsAnErrorAtOnce) {
   Make();
   Channel().refuses = true;
-  EXPECT_THAT(ErrorOf([&] { Remote().Status(Command::kResetDevice); }),
-              HasSubstr("the device is gone"));
+  EXPECT_THAT(ErrorOf([&] { Remote().Status(Command::kResetDevice); }), HasSubstr("the device is gone"));
   const auto mark = std::make_shared<int>(0);
   EXPECT_EQ(ErrorOf([&] {
-              Remote().SubmitTransfer(Command::kBulkTransfer, 0x81, 4, {},
-                                      [mark](const TransferReply&) { FAIL(); });
+              Remote().SubmitTransfer(Command::kBulkTransfer, 0x81, 4, {}, [mark](const TransferReply&) { FAIL(); });
             }),
             "the device is gone");
   EXPECT_EQ(mark.use_count(), 1) << "the callback is kept";
@@ -245,8 +233,7 @@ TEST_F(RemoteDeviceTest, AllReqIdsMayBeInFlightAndOneMoreIsRefused) {
   Make();
   std::vector<std::future<std::int32_t>> calls;
   for (int i = 0; i < 256; ++i) {
-    calls.push_back(
-        std::async(std::launch::async, [&] { return Remote().Status(Command::kGetDeviceSpeed); }));
+    calls.push_back(std::async(std::launch::async, [&] { return Remote().Status(Command::kGetDeviceSpeed); }));
   }
   const auto sent = Channel().AwaitSent(256);
   EXPECT_EQ(ErrorOf([&] { Remote().Status(Command::kGetDeviceSpeed); }),

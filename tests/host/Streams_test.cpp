@@ -38,9 +38,7 @@ struct Pair {
 
 class StreamsTest : public testing::Test {
  protected:
-  StreamsTest() {
-    std::signal(SIGPIPE, SIG_IGN);
-  }  // As the command does: a write to nobody is a result.
+  StreamsTest() { std::signal(SIGPIPE, SIG_IGN); }  // As the command does: a write to nobody is a result.
 
   // Everything that comes until the other side ends.
   static std::size_t Drain(int fd) {
@@ -130,8 +128,7 @@ TEST_F(StreamsTest, EachOfSeveralWritersWritesInOnePiece) {
   std::array<std::size_t, 4> pieces{};
   for (std::size_t i = 0; i < 3 * kPieces; ++i) {
     Bytes piece(kPiece);
-    ASSERT_EQ(recv(mPair.far.Get(), piece.data(), piece.size(), MSG_WAITALL),
-              static_cast<ssize_t>(kPiece));
+    ASSERT_EQ(recv(mPair.far.Get(), piece.data(), piece.size(), MSG_WAITALL), static_cast<ssize_t>(kPiece));
     ASSERT_THAT(piece, Each(piece.front()));
     ++pieces.at(piece.front());
   }
@@ -205,8 +202,7 @@ TEST_F(StreamChannelTest, EndAndGarbageCloseTheDevice) {
     RemoteDevice remote(MakeChannel());
     auto serving = std::async(std::launch::async, [&] {
       ReadRequest();
-      EXPECT_EQ(write(mPair.far.Get(), bytes, std::strlen(bytes)),
-                static_cast<ssize_t>(std::strlen(bytes)));
+      EXPECT_EQ(write(mPair.far.Get(), bytes, std::strlen(bytes)), static_cast<ssize_t>(std::strlen(bytes)));
       shutdown(mPair.far.Get(), SHUT_WR);
     });
     EXPECT_THROW(remote.Status(Command::kGetDeviceSpeed), RemoteError);
@@ -216,8 +212,7 @@ TEST_F(StreamChannelTest, EndAndGarbageCloseTheDevice) {
 TEST_F(StreamChannelTest, CloseEndsABlockedReaderAndReportsNothing) {
   int closed = 0;
   const auto channel = MakeChannel();
-  channel->Start(
-      {.onPacket = [](const std::unique_ptr<VelPacket>&) {}, .onClosed = [&] { ++closed; }});
+  channel->Start({.onPacket = [](const std::unique_ptr<VelPacket>&) {}, .onClosed = [&] { ++closed; }});
   channel->Close();
   channel->Close();
   EXPECT_EQ(closed, 0);

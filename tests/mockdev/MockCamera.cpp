@@ -46,18 +46,16 @@ MockCamera::MockCamera(const Options& options)
   Bytes descriptors = MockCameraDevice(0xEF);
   descriptors.insert(descriptors.end(), mConfig.begin(), mConfig.end());
   const Bytes hub = MockCameraDevice(9);
-  const std::string text = DeviceText("/devices/usb1", 1, hub) + "\n" +
-                           DeviceText("/devices/usb1/1-1", kAddress, descriptors);
+  const std::string text =
+      DeviceText("/devices/usb1", 1, hub) + "\n" + DeviceText("/devices/usb1/1-1", kAddress, descriptors);
   if (umockdev_testbed_add_from_string(mTestbed.get(), text.c_str(), nullptr) == FALSE) {
     throw std::runtime_error("umockdev does not take the device");
   }
-  const std::unique_ptr<gchar, decltype(&g_free)> root(
-      umockdev_testbed_get_root_dir(mTestbed.get()), &g_free);
+  const std::unique_ptr<gchar, decltype(&g_free)> root(umockdev_testbed_get_root_dir(mTestbed.get()), &g_free);
   const std::string fifo = std::string(root.get()) + kNode;
   unlink(fifo.c_str());
   const MutexLock lock(mMutex);
-  mFifo = UniqueFd(
-      mkfifo(fifo.c_str(), 0666) == 0 ? open(fifo.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC) : -1);
+  mFifo = UniqueFd(mkfifo(fifo.c_str(), 0666) == 0 ? open(fifo.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC) : -1);
   if (!mFifo.IsValid() || fcntl(mFifo.Get(), F_SETPIPE_SZ, int{kFifoFill.size()}) < 0) {
     throw std::runtime_error("no FIFO at " + fifo);
   }
@@ -123,8 +121,8 @@ void MockCamera::Changed() {
   const bool full = mDone.empty();
   if (mFifo.IsValid() && full != mFull) {
     std::array<std::uint8_t, kFifoFill.size()> drain{};
-    const ssize_t count = full ? write(mFifo.Get(), kFifoFill.data(), kFifoFill.size())
-                               : read(mFifo.Get(), drain.data(), drain.size());
+    const ssize_t count =
+        full ? write(mFifo.Get(), kFifoFill.data(), kFifoFill.size()) : read(mFifo.Get(), drain.data(), drain.size());
     mFull = full && count > 0;
   }
   mChanged.NotifyAll();
@@ -140,23 +138,19 @@ void MockCamera::OnOpened(UMockdevIoctlBase* /*base*/, UMockdevIoctlClient* clie
 void MockCamera::OnClosed(gpointer self, GObject* client) {
   auto& camera = *static_cast<MockCamera*>(self);
   const MutexLock lock(camera.mMutex);
-  const auto isOfClient = [gone = static_cast<const void*>(client)](const Urb& urb) {
-    return urb.client == gone;
-  };
+  const auto isOfClient = [gone = static_cast<const void*>(client)](const Urb& urb) { return urb.client == gone; };
   camera.mPending.remove_if(isOfClient);
   camera.mDone.remove_if(isOfClient);
   --camera.mOpenFiles;
   camera.Changed();
 }
 
-gboolean MockCamera::OnIoctl(UMockdevIoctlBase* /*base*/, UMockdevIoctlClient* client,
-                             gpointer self) {
+gboolean MockCamera::OnIoctl(UMockdevIoctlBase* /*base*/, UMockdevIoctlClient* client, gpointer self) {
   auto& camera = *static_cast<MockCamera*>(self);
   const MutexLock lock(camera.mMutex);
   const long result = camera.Handle(client);
   camera.Changed();
-  umockdev_ioctl_client_complete(client, result < 0 ? -1 : result,
-                                 result < 0 ? static_cast<int>(-result) : 0);
+  umockdev_ioctl_client_complete(client, result < 0 ? -1 : result, result < 0 ? static_cast<int>(-result) : 0);
   return TRUE;
 }
 
@@ -229,10 +223,9 @@ long MockCamera::Submit(UMockdevIoctlClient* client) {
     urb.data.reset(umockdev_ioctl_data_resolve(
         &arg, 0, sizeof(usbdevfs_urb) + packets * sizeof(usbdevfs_iso_packet_desc), nullptr));
     const std::span all = Packets(*urb.data);
-    urb.length = std::accumulate(all.begin(), all.end(), std::size_t{0},
-                                 [](std::size_t sum, const usbdevfs_iso_packet_desc& packet) {
-                                   return sum + packet.length;
-                                 });
+    urb.length =
+        std::accumulate(all.begin(), all.end(), std::size_t{0},
+                        [](std::size_t sum, const usbdevfs_iso_packet_desc& packet) { return sum + packet.length; });
   }
   if ((urb.type == USBDEVFS_URB_TYPE_BULK) != mOptions.bulk || (!mOptions.bulk && mSetting == 0)) {
     return -ENOENT;
@@ -269,8 +262,7 @@ void MockCamera::ServeControl(Urb& urb) {
 // The sizes of what the guest asks for (UVC 1.1, table 4-47).
 void MockCamera::Agree() {
   const std::size_t frame = std::clamp<std::size_t>(mControl[3], 1, kMockCameraSizes.size()) - 1;
-  const std::uint32_t size =
-      2U * static_cast<std::uint32_t>(kMockCameraSizes[frame][0] * kMockCameraSizes[frame][1]);
+  const std::uint32_t size = 2U * static_cast<std::uint32_t>(kMockCameraSizes[frame][0] * kMockCameraSizes[frame][1]);
   const std::uint32_t payload = mOptions.bulk ? kBulkPayload : kPayload;
   std::memcpy(&mControl[18], &size, sizeof size);
   std::memcpy(&mControl[22], &payload, sizeof payload);
@@ -278,8 +270,7 @@ void MockCamera::Agree() {
 
 // Isochronous transfers move on without data, bulk ones wait for it.
 bool MockCamera::IsReady() const {
-  return !mPending.empty() &&
-         (!mOptions.bulk || mPayloads.IsBetweenFrames() || mPayloads.HasData());
+  return !mPending.empty() && (!mOptions.bulk || mPayloads.IsBetweenFrames() || mPayloads.HasData());
 }
 
 void MockCamera::RunBus() {
@@ -343,8 +334,7 @@ std::size_t MockCamera::Kill(int status, std::uintptr_t only) {
 }
 
 long MockCamera::Reap(UMockdevIoctlClient* client) {
-  const auto done = std::find_if(mDone.begin(), mDone.end(),
-                                 [client](const Urb& urb) { return urb.client == client; });
+  const auto done = std::find_if(mDone.begin(), mDone.end(), [client](const Urb& urb) { return urb.client == client; });
   if (done == mDone.end()) {
     return mPlugged ? -EAGAIN : -ENODEV;
   }
@@ -356,8 +346,7 @@ long MockCamera::Reap(UMockdevIoctlClient* client) {
     std::ranges::copy(done->in, buffer->data);
   }
   UMockdevIoctlData* const arg = umockdev_ioctl_client_get_arg(client);
-  const ObjectPtr<UMockdevIoctlData> place(
-      umockdev_ioctl_data_resolve(arg, 0, sizeof(void*), nullptr));
+  const ObjectPtr<UMockdevIoctlData> place(umockdev_ioctl_data_resolve(arg, 0, sizeof(void*), nullptr));
   umockdev_ioctl_data_set_ptr(place.get(), 0, &data);
   mDone.erase(done);
   return 0;

@@ -22,8 +22,7 @@ class MockPayloads {
     unsigned headersAlone = 0;
   };
 
-  MockPayloads(const Faults& faults, int packetsPerFrame)
-      : mFaults(faults), mPacketsPerFrame(packetsPerFrame) {}
+  MockPayloads(const Faults& faults, int packetsPerFrame) : mFaults(faults), mPacketsPerFrame(packetsPerFrame) {}
 
   // From the first of these pictures on, whatever was under way.
   void Show(std::vector<Bytes> pictures) {

@@ -55,19 +55,15 @@ class Tally {
 // A channel that counts the replies which pass.
 class TalliedChannel final : public PacketChannel {
  public:
-  TalliedChannel(std::unique_ptr<PacketChannel> channel, Tally& tally)
-      : mChannel(std::move(channel)), mTally(tally) {}
+  TalliedChannel(std::unique_ptr<PacketChannel> channel, Tally& tally) : mChannel(std::move(channel)), mTally(tally) {}
   void Start(Receiver receiver) override {
-    const auto note = [this,
-                       next = std::move(receiver.onPacket)](std::unique_ptr<VelPacket> reply) {
+    const auto note = [this, next = std::move(receiver.onPacket)](std::unique_ptr<VelPacket> reply) {
       mTally.Note(*reply);
       next(std::move(reply));
     };
     mChannel->Start({.onPacket = note, .onClosed = std::move(receiver.onClosed)});
   }
-  bool Send(std::unique_ptr<VelPacket> packet) override {
-    return mChannel->Send(std::move(packet));
-  }
+  bool Send(std::unique_ptr<VelPacket> packet) override { return mChannel->Send(std::move(packet)); }
   void Close() override { mChannel->Close(); }
 
  private:
@@ -75,14 +71,11 @@ class TalliedChannel final : public PacketChannel {
   Tally& mTally;
 };
 
-inline std::unique_ptr<RemoteDevice> Redirect(const MockUsbDevice& device, Tally& tally,
-                                              bool answersFailures = true) {
-  const DeviceIdentity identity{MockUsbDevice::kBus, device.Address(), MockUsbDevice::kVendor,
-                                MockUsbDevice::kProduct, ""};
+inline std::unique_ptr<RemoteDevice> Redirect(const MockUsbDevice& device, Tally& tally, bool answersFailures = true) {
+  const DeviceIdentity identity{MockUsbDevice::kBus, device.Address(), MockUsbDevice::kVendor, MockUsbDevice::kProduct,
+                                ""};
   return std::make_unique<RemoteDevice>(std::make_unique<TalliedChannel>(
-      std::make_unique<ModuleChannel>(ModuleLibrary::Load(VIRTUSB_MODULE), identity,
-                                      answersFailures),
-      tally));
+      std::make_unique<ModuleChannel>(ModuleLibrary::Load(VIRTUSB_MODULE), identity, answersFailures), tally));
 }
 
 // Opens, detaches the drivers, claims, and chooses the setting with isochronous endpoints.
@@ -93,10 +86,8 @@ inline void Take(RemoteDevice& remote) {
   ASSERT_EQ(remote.SetInterfaceAltSetting(1, 1), 0);
 }
 
-inline std::uint32_t Submit(RemoteDevice& remote, Command command, std::uint8_t endpoint,
-                            std::uint32_t length) {
-  return remote.SubmitTransfer(command, endpoint, length, MockUsbDevice::Pattern(length),
-                               [](const TransferReply&) {});
+inline std::uint32_t Submit(RemoteDevice& remote, Command command, std::uint8_t endpoint, std::uint32_t length) {
+  return remote.SubmitTransfer(command, endpoint, length, MockUsbDevice::Pattern(length), [](const TransferReply&) {});
 }
 
 }  // namespace vel

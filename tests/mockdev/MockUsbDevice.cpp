@@ -34,24 +34,8 @@ constexpr std::uint8_t kHigh(std::size_t value) {
 }
 
 Bytes DeviceDescriptor(std::uint8_t usbClass, std::uint16_t vendor, std::uint16_t product) {
-  return {18,
-          1,
-          0x00,
-          0x02,
-          usbClass,
-          0,
-          0,
-          64,
-          kLow(vendor),
-          kHigh(vendor),
-          kLow(product),
-          kHigh(product),
-          0,
-          1,
-          1,
-          2,
-          0,
-          1};
+  return {18, 1, 0x00, 0x02, usbClass, 0, 0, 64, kLow(vendor), kHigh(vendor), kLow(product), kHigh(product),
+          0,  1, 1,    2,    0,        1};
 }
 
 // clang-format off
@@ -93,8 +77,7 @@ std::size_t InterfaceOf(std::uint8_t endpoint) {
 
 }  // namespace
 
-MockUsbDevice::MockUsbDevice()
-    : mTestbed(umockdev_testbed_new()), mHandler(umockdev_ioctl_base_new()) {
+MockUsbDevice::MockUsbDevice() : mTestbed(umockdev_testbed_new()), mHandler(umockdev_ioctl_base_new()) {
   g_signal_connect(mHandler.get(), "handle-ioctl", G_CALLBACK(&MockUsbDevice::OnIoctl), this);
   g_signal_connect(mHandler.get(), "client-connected", G_CALLBACK(&MockUsbDevice::OnOpened), this);
   const std::string hub = DeviceText("/devices/usb1", 1, DeviceDescriptor(9, 0x1D6B, 2));
@@ -119,8 +102,7 @@ void MockUsbDevice::Plug() {
   unlink(fifo.c_str());
   {
     const MutexLock lock(mMutex);
-    mFifo = UniqueFd(
-        mkfifo(fifo.c_str(), 0666) == 0 ? open(fifo.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC) : -1);
+    mFifo = UniqueFd(mkfifo(fifo.c_str(), 0666) == 0 ? open(fifo.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC) : -1);
     if (!mFifo.IsValid() || fcntl(mFifo.Get(), F_SETPIPE_SZ, int{kFifoFill.size()}) < 0) {
       throw std::runtime_error("no FIFO at " + fifo);
     }
@@ -150,8 +132,7 @@ void MockUsbDevice::Unplug() {
 }
 
 std::string MockUsbDevice::NodeFile() const {
-  const std::unique_ptr<gchar, decltype(&g_free)> root(
-      umockdev_testbed_get_root_dir(mTestbed.get()), &g_free);
+  const std::unique_ptr<gchar, decltype(&g_free)> root(umockdev_testbed_get_root_dir(mTestbed.get()), &g_free);
   return root.get() + ("/dev/" + NodeOf(mAddress));
 }
 
@@ -196,8 +177,8 @@ void MockUsbDevice::Changed() {
   const bool full = mDone.empty();
   if (mFifo.IsValid() && full != mFull) {
     std::array<std::uint8_t, kFifoFill.size()> drain{};
-    const ssize_t count = full ? write(mFifo.Get(), kFifoFill.data(), kFifoFill.size())
-                               : read(mFifo.Get(), drain.data(), drain.size());
+    const ssize_t count =
+        full ? write(mFifo.Get(), kFifoFill.data(), kFifoFill.size()) : read(mFifo.Get(), drain.data(), drain.size());
     mFull = full && count > 0;
   }
   mState.pending = mPending.size();
@@ -207,8 +188,7 @@ void MockUsbDevice::Changed() {
   mChanged.NotifyAll();
 }
 
-void MockUsbDevice::OnOpened(UMockdevIoctlBase* /*base*/, UMockdevIoctlClient* client,
-                             gpointer self) {
+void MockUsbDevice::OnOpened(UMockdevIoctlBase* /*base*/, UMockdevIoctlClient* client, gpointer self) {
   auto& device = *static_cast<MockUsbDevice*>(self);
   const MutexLock lock(device.mMutex);
   ++device.mState.openFiles;
@@ -229,14 +209,12 @@ void MockUsbDevice::OnClosed(gpointer self, GObject* client) {
   device.Changed();
 }
 
-gboolean MockUsbDevice::OnIoctl(UMockdevIoctlBase* /*base*/, UMockdevIoctlClient* client,
-                                gpointer self) {
+gboolean MockUsbDevice::OnIoctl(UMockdevIoctlBase* /*base*/, UMockdevIoctlClient* client, gpointer self) {
   auto& device = *static_cast<MockUsbDevice*>(self);
   const MutexLock lock(device.mMutex);
   const long result = device.Handle(client);
   device.Changed();
-  umockdev_ioctl_client_complete(client, result < 0 ? -1 : result,
-                                 result < 0 ? static_cast<int>(-result) : 0);
+  umockdev_ioctl_client_complete(client, result < 0 ? -1 : result, result < 0 ? static_cast<int>(-result) : 0);
   return TRUE;
 }
 
@@ -255,29 +233,23 @@ long MockUsbDevice::Handle(UMockdevIoctlClient* client) {
   switch (request) {
     case USBDEVFS_GET_CAPABILITIES:
       As<std::uint32_t>(*argument(sizeof(std::uint32_t))) =
-          USBDEVFS_CAP_ZERO_PACKET | USBDEVFS_CAP_BULK_CONTINUATION |
-          USBDEVFS_CAP_NO_PACKET_SIZE_LIM | USBDEVFS_CAP_BULK_SCATTER_GATHER |
-          USBDEVFS_CAP_REAP_AFTER_DISCONNECT;
+          USBDEVFS_CAP_ZERO_PACKET | USBDEVFS_CAP_BULK_CONTINUATION | USBDEVFS_CAP_NO_PACKET_SIZE_LIM |
+          USBDEVFS_CAP_BULK_SCATTER_GATHER | USBDEVFS_CAP_REAP_AFTER_DISCONNECT;
       return 0;
     case USBDEVFS_SUBMITURB:
       return Submit(client);
     case USBDEVFS_DISCARDURB: {
       const auto address = As<unsigned long>(arg);
-      return Kill(-ENOENT,
-                  [&](const Urb& urb) {
-                    return urb.client == client && urb.data->client_addr == address;
-                  }) > 0
+      return Kill(-ENOENT, [&](const Urb& urb) { return urb.client == client && urb.data->client_addr == address; }) > 0
                  ? 0
                  : -EINVAL;
     }
     case USBDEVFS_CLAIMINTERFACE:
     case USBDEVFS_RELEASEINTERFACE:
-      return DriverCall(client, As<unsigned>(*argument(sizeof(unsigned))),
-                        static_cast<int>(request));
+      return DriverCall(client, As<unsigned>(*argument(sizeof(unsigned))), static_cast<int>(request));
     case USBDEVFS_GETDRIVER: {
       auto& query = As<usbdevfs_getdriver>(*argument(sizeof(usbdevfs_getdriver)));
-      if (query.interface > 1 ||
-          (!mState.driverBound[query.interface] && mClaims[query.interface] == nullptr)) {
+      if (query.interface > 1 || (!mState.driverBound[query.interface] && mClaims[query.interface] == nullptr)) {
         return -ENODATA;
       }
       const std::string_view driver = mState.driverBound[query.interface] ? "mocked" : "usbfs";
@@ -296,15 +268,12 @@ long MockUsbDevice::Handle(UMockdevIoctlClient* client) {
       Kill(-ENOENT, [interface = wanted.interface](const Urb& urb) {
         return urb.type != USBDEVFS_URB_TYPE_CONTROL && InterfaceOf(urb.endpoint) == interface;
       });
-      mState.altSetting =
-          wanted.interface == 1 ? static_cast<int>(wanted.altsetting) : mState.altSetting;
+      mState.altSetting = wanted.interface == 1 ? static_cast<int>(wanted.altsetting) : mState.altSetting;
       return 0;
     }
     case USBDEVFS_SETCONFIGURATION:
-      return mState.driverBound[0] || mState.driverBound[1] || mClaims[0] != nullptr ||
-                     mClaims[1] != nullptr
-                 ? -EBUSY
-                 : 0;
+      return mState.driverBound[0] || mState.driverBound[1] || mClaims[0] != nullptr || mClaims[1] != nullptr ? -EBUSY
+                                                                                                              : 0;
     case USBDEVFS_CLEAR_HALT:
       mHalted = mHalted && As<unsigned>(*argument(sizeof(unsigned))) != 0x85;
       return 0;
@@ -370,10 +339,9 @@ long MockUsbDevice::Submit(UMockdevIoctlClient* client) {
     urb.data.reset(umockdev_ioctl_data_resolve(
         &arg, 0, sizeof(usbdevfs_urb) + packets * sizeof(usbdevfs_iso_packet_desc), nullptr));
     const std::span all = Packets(*urb.data);
-    urb.length = std::accumulate(all.begin(), all.end(), 0,
-                                 [](int sum, const usbdevfs_iso_packet_desc& packet) {
-                                   return sum + static_cast<int>(packet.length);
-                                 });
+    urb.length = std::accumulate(all.begin(), all.end(), 0, [](int sum, const usbdevfs_iso_packet_desc& packet) {
+      return sum + static_cast<int>(packet.length);
+    });
   }
   const std::size_t interface = InterfaceOf(urb.endpoint);
   if (urb.type != USBDEVFS_URB_TYPE_CONTROL && mState.driverBound[interface]) {
@@ -393,9 +361,8 @@ bool MockUsbDevice::Serve(Urb& urb) {
   const bool reads = !IsIn(urb.endpoint) || urb.type == USBDEVFS_URB_TYPE_CONTROL;
   Bytes data;
   if (reads && urb.length > 0) {
-    const ObjectPtr<UMockdevIoctlData> buffer(
-        umockdev_ioctl_data_resolve(urb.data.get(), offsetof(usbdevfs_urb, buffer),
-                                    static_cast<std::size_t>(urb.length), nullptr));
+    const ObjectPtr<UMockdevIoctlData> buffer(umockdev_ioctl_data_resolve(
+        urb.data.get(), offsetof(usbdevfs_urb, buffer), static_cast<std::size_t>(urb.length), nullptr));
     data.assign(buffer->data, buffer->data + buffer->data_len);
   }
   if (urb.type == USBDEVFS_URB_TYPE_CONTROL) {
@@ -431,8 +398,7 @@ bool MockUsbDevice::Serve(Urb& urb) {
 bool MockUsbDevice::ServeControl(Urb& urb, const Bytes& data) {
   const std::uint8_t type = data[0];
   const std::uint8_t request = data[1];
-  const std::size_t wLength =
-      std::min<std::size_t>(data[6] + 256U * data[7], data.size() - kSetupBytes);
+  const std::size_t wLength = std::min<std::size_t>(data[6] + 256U * data[7], data.size() - kSetupBytes);
   const Bytes payload(data.begin() + kSetupBytes, data.end());
   Bytes answer;
   if (type == 0x80 && request == 6 && data[3] >= 1 && data[3] <= 3) {
@@ -462,8 +428,7 @@ void MockUsbDevice::ServeIso(Urb& urb) {
   urb.in = IsIn(urb.endpoint) ? Pattern(static_cast<std::size_t>(urb.length)) : Bytes();
   std::size_t index = 0;
   for (usbdevfs_iso_packet_desc& packet : Packets(*urb.data)) {
-    const int status =
-        mPacketStatuses.empty() ? 0 : mPacketStatuses[index++ % mPacketStatuses.size()];
+    const int status = mPacketStatuses.empty() ? 0 : mPacketStatuses[index++ % mPacketStatuses.size()];
     packet.status = static_cast<unsigned>(status);
     packet.actual_length = status == 0 ? packet.length : packet.length / 2;
   }
@@ -503,8 +468,7 @@ std::size_t MockUsbDevice::Kill(int status, const std::function<bool(const Urb&)
 }
 
 long MockUsbDevice::Reap(UMockdevIoctlClient* client) {
-  const auto done = std::find_if(mDone.begin(), mDone.end(),
-                                 [client](const Urb& urb) { return urb.client == client; });
+  const auto done = std::find_if(mDone.begin(), mDone.end(), [client](const Urb& urb) { return urb.client == client; });
   if (done == mDone.end()) {
     return mNode == umockdev_ioctl_client_get_devnode(client) ? -EAGAIN : -ENODEV;
   }
@@ -517,8 +481,7 @@ long MockUsbDevice::Reap(UMockdevIoctlClient* client) {
     std::copy(done->in.begin(), done->in.end(), buffer->data);
   }
   UMockdevIoctlData* const arg = umockdev_ioctl_client_get_arg(client);
-  const ObjectPtr<UMockdevIoctlData> place(
-      umockdev_ioctl_data_resolve(arg, 0, sizeof(void*), nullptr));
+  const ObjectPtr<UMockdevIoctlData> place(umockdev_ioctl_data_resolve(arg, 0, sizeof(void*), nullptr));
   umockdev_ioctl_data_set_ptr(place.get(), 0, &data);
   mDone.erase(done);
   return 0;

@@ -102,8 +102,7 @@ class MockUsbDevice {
   long Handle(UMockdevIoctlClient* client) VEL_REQUIRES(mMutex);
   long Submit(UMockdevIoctlClient* client) VEL_REQUIRES(mMutex);
   long Reap(UMockdevIoctlClient* client) VEL_REQUIRES(mMutex);
-  long DriverCall(const UMockdevIoctlClient* client, unsigned interface, int code)
-      VEL_REQUIRES(mMutex);
+  long DriverCall(const UMockdevIoctlClient* client, unsigned interface, int code) VEL_REQUIRES(mMutex);
   // True when the device is done with the transfer.
   bool Serve(Urb& urb) VEL_REQUIRES(mMutex);
   bool ServeControl(Urb& urb, const Bytes& data) VEL_REQUIRES(mMutex);
@@ -119,9 +118,8 @@ class MockUsbDevice {
   std::uint8_t mAddress = 1;
   Mutex mMutex;
   CondVar mChanged;
-  std::string mNode
-      VEL_GUARDED_BY(mMutex);             // Of the device that is plugged in; empty when none is.
-  UniqueFd mFifo VEL_GUARDED_BY(mMutex);  // Full while nothing is done.
+  std::string mNode VEL_GUARDED_BY(mMutex);  // Of the device that is plugged in; empty when none is.
+  UniqueFd mFifo VEL_GUARDED_BY(mMutex);     // Full while nothing is done.
   bool mFull VEL_GUARDED_BY(mMutex) = false;
   State mState VEL_GUARDED_BY(mMutex);
   std::array<const void*, 2> mClaims VEL_GUARDED_BY(mMutex){};

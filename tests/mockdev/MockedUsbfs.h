@@ -23,10 +23,8 @@ inline std::string NodeOf(std::uint8_t address) {
 inline std::string DeviceText(const std::string& path, std::uint8_t address,
                               const std::vector<std::uint8_t>& descriptors) {
   std::string text = "P: " + path + "\nN: " + NodeOf(address) + "\n";
-  text += "E: SUBSYSTEM=usb\nE: DEVTYPE=usb_device\nE: BUSNUM=001\nE: DEVNUM=" +
-          std::to_string(address) + "\n";
-  text += "E: DEVNAME=/dev/" + NodeOf(address) +
-          "\nA: busnum=1\\n\nA: devnum=" + std::to_string(address) + "\\n\n";
+  text += "E: SUBSYSTEM=usb\nE: DEVTYPE=usb_device\nE: BUSNUM=001\nE: DEVNUM=" + std::to_string(address) + "\n";
+  text += "E: DEVNAME=/dev/" + NodeOf(address) + "\nA: busnum=1\\n\nA: devnum=" + std::to_string(address) + "\\n\n";
   text += "A: bConfigurationValue=1\\n\nA: speed=480\\n\nH: descriptors=";
   for (const std::uint8_t byte : descriptors) {
     constexpr char kDigits[] = "0123456789ABCDEF";

@@ -48,8 +48,8 @@ const std::vector<Bytes>& Pictures(std::uint8_t format, std::uint8_t frame) {
 
 // A guest at a camera that is streaming.
 struct Streaming {
-  explicit Streaming(const Options& options, std::uint8_t format = kYuyv,
-                     std::uint8_t frame = kLarge, bool transcode = false)
+  explicit Streaming(const Options& options, std::uint8_t format = kYuyv, std::uint8_t frame = kLarge,
+                     bool transcode = false)
       : bulk(options.bulk), camera(std::make_unique<MockCamera>(options)) {
     if (transcode) {
       guest.AllowTranscoding();
@@ -83,8 +83,7 @@ struct Streaming {
   const bool bulk;
   std::vector<Bytes> pictures;
   std::unique_ptr<MockCamera> camera;
-  CameraGuest guest{
-      {MockCamera::kBus, MockCamera::kAddress, MockCamera::kVendor, MockCamera::kProduct, ""}};
+  CameraGuest guest{{MockCamera::kBus, MockCamera::kAddress, MockCamera::kVendor, MockCamera::kProduct, ""}};
 };
 
 TEST(RealCamera, PicturesComeOutBitExact) {
@@ -100,8 +99,7 @@ TEST(RealCamera, PicturesComeOutBitExact) {
        {Case{"YUYV", {}, kYuyv, false}, Case{"YUYV with faults", faults, kYuyv, false},
         Case{"MJPEG with faults", faults, kMjpeg, false},
         Case{"MJPEG passes also where transcoding is allowed", {}, kMjpeg, true},
-        Case{"bulk YUYV", bulkFaults, kYuyv, false},
-        Case{"bulk MJPEG", {.bulk = true}, kMjpeg, false}}) {
+        Case{"bulk YUYV", bulkFaults, kYuyv, false}, Case{"bulk MJPEG", {.bulk = true}, kMjpeg, false}}) {
     SCOPED_TRACE(test.name);
     Streaming stream(test.options, test.format, kLarge, test.transcode);
     const std::vector<Bytes> received = stream.Receive(12);
@@ -125,9 +123,7 @@ TEST(RealCamera, TranscodedPicturesDecode) {
     for (std::size_t i = 0; i < units.size(); ++i) {
       Bytes picture(614400);
       std::uint32_t size = 0;
-      ASSERT_EQ(decoder.Decode(units[i].data(), static_cast<std::uint32_t>(units[i].size()),
-                               picture.data(), &size),
-                1);
+      ASSERT_EQ(decoder.Decode(units[i].data(), static_cast<std::uint32_t>(units[i].size()), picture.data(), &size), 1);
       EXPECT_GT(test::LumaPsnr(picture, stream.pictures[i % stream.pictures.size()]), 25) << i;
     }
   }
@@ -195,8 +191,7 @@ TEST(RealCamera, UnpluggedInMidStreamLeavesNothing) {
         EXPECT_NE(stream.guest.Remote().SetInterfaceAltSetting(1, 0), 0);
       }
       EXPECT_THAT(stream.guest.Rest(),
-                  Each(testing::Field(&TransferReply::status,
-                                      testing::AnyOf(kXferCompleted, kXferTimedOut))));
+                  Each(testing::Field(&TransferReply::status, testing::AnyOf(kXferCompleted, kXferTimedOut))));
     }
   }
 }

@@ -24,9 +24,7 @@ std::vector<std::string> Words(std::vector<std::string> words) {
 
 class CommandTest : public testing::Test {
  protected:
-  std::string Place() const {
-    return std::to_string(MockUsbDevice::kBus) + ":" + std::to_string(mDevice.Address());
-  }
+  std::string Place() const { return std::to_string(MockUsbDevice::kBus) + ":" + std::to_string(mDevice.Address()); }
   static CommandProcess::Ending Run(const std::vector<std::string>& words) {
     return CommandProcess(words, kLimit).Leave();
   }
@@ -68,8 +66,7 @@ TEST_F(CommandTest, ListSaysWhenADeviceMayNotBeOpened) {
     return Run(words).output;
   };
   EXPECT_THAT(withoutRights({"list"}), HasSubstr("70-virtusb.rules into /etc/udev/rules.d"));
-  EXPECT_EQ(nlohmann::json::parse(withoutRights({"list", "--json"}))["local"][0]["accessible"],
-            false);
+  EXPECT_EQ(nlohmann::json::parse(withoutRights({"list", "--json"}))["local"][0]["accessible"], false);
 }
 
 TEST_F(CommandTest, DescribeFindsTheDeviceByPlaceAndByIds) {
@@ -122,19 +119,17 @@ constexpr std::array<std::uint8_t, 16> kNoPacket = {'G', 'E', 'T', ' ', '/'};
 
 INSTANTIATE_TEST_SUITE_P(
     All, ServeEnd,
-    testing::Values(
-        Manner{"Done", [](CommandProcess& command) { return command.Leave(); }, 0},
-        Manner{"ClosedWithoutAttaching",
-               [](CommandProcess& command) {
-                 EXPECT_EQ(command.Remote().Status(Command::kCloseUsbDev), 0);
-                 return command.Leave();
-               },
-               0},
-        Manner{"WithinAPacket", [](CommandProcess& command) { return command.Leave(kHalfPacket); },
-               1},
-        Manner{"NoPacket", [](CommandProcess& command) { return command.Leave(kNoPacket); }, 1},
-        Manner{"Interrupt", [](CommandProcess& command) { return command.Kill(SIGINT); }, 0},
-        Manner{"Terminate", [](CommandProcess& command) { return command.Kill(SIGTERM); }, 0}),
+    testing::Values(Manner{"Done", [](CommandProcess& command) { return command.Leave(); }, 0},
+                    Manner{"ClosedWithoutAttaching",
+                           [](CommandProcess& command) {
+                             EXPECT_EQ(command.Remote().Status(Command::kCloseUsbDev), 0);
+                             return command.Leave();
+                           },
+                           0},
+                    Manner{"WithinAPacket", [](CommandProcess& command) { return command.Leave(kHalfPacket); }, 1},
+                    Manner{"NoPacket", [](CommandProcess& command) { return command.Leave(kNoPacket); }, 1},
+                    Manner{"Interrupt", [](CommandProcess& command) { return command.Kill(SIGINT); }, 0},
+                    Manner{"Terminate", [](CommandProcess& command) { return command.Kill(SIGTERM); }, 0}),
     testing::PrintToStringParamName());
 
 TEST_F(CommandTest, ServeEndsWithAMessageWhenTheDeviceLeaves) {
@@ -187,9 +182,8 @@ TEST_F(CommandTest, FailedTransfersAreAnsweredOnDemand) {
     command.Remote().SubmitTransfer(Command::kBulkTransfer, 0x85, 8, {}, note(1));
     command.Remote().SubmitTransfer(Command::kBulkTransfer, 0x82, 8, {}, note(2));
     const auto statuses = tally.Await(answers ? 2 : 1);
-    const Tally::Statuses expected = answers
-                                         ? Tally::Statuses{{1, {LIBUSB_TRANSFER_STALL}}, {2, {0}}}
-                                         : Tally::Statuses{{2, {0}}};
+    const Tally::Statuses expected =
+        answers ? Tally::Statuses{{1, {LIBUSB_TRANSFER_STALL}}, {2, {0}}} : Tally::Statuses{{2, {0}}};
     EXPECT_EQ(statuses, expected);
     EXPECT_EQ(command.Leave().status, 0);
     ExpectDriversBack();

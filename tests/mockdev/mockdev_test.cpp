@@ -59,10 +59,8 @@ TEST_F(MockDeviceTest, ControlCarriesDataStallsAndTimesOut) {
   EXPECT_EQ(remote->ControlTransfer({0x40, MockUsbDevice::kStore, 0, 0, 300}, data).value, 300);
   EXPECT_EQ(remote->ControlTransfer({0xC0, MockUsbDevice::kFetch, 0, 0, 300}).data, data);
   EXPECT_EQ(remote->ControlTransfer({0xC0, MockUsbDevice::kFetch, 0, 0, 4096}).value, 300);
-  EXPECT_EQ(remote->ControlTransfer({0x40, MockUsbDevice::kStall, 0, 0, 0}).value,
-            LIBUSB_ERROR_PIPE);
-  EXPECT_EQ(remote->ControlTransfer({0xC0, MockUsbDevice::kSilent, 0, 0, 8}, {}, 20).value,
-            LIBUSB_ERROR_TIMEOUT);
+  EXPECT_EQ(remote->ControlTransfer({0x40, MockUsbDevice::kStall, 0, 0, 0}).value, LIBUSB_ERROR_PIPE);
+  EXPECT_EQ(remote->ControlTransfer({0xC0, MockUsbDevice::kSilent, 0, 0, 8}, {}, 20).value, LIBUSB_ERROR_TIMEOUT);
   EXPECT_EQ(remote->GetStringDescriptor(2, 0x0409, 255).value,
             static_cast<int>(2 + 2 * std::string_view(MockUsbDevice::kName).size()));
   // A port reset meant for a hub becomes the device's own.
@@ -75,9 +73,9 @@ TEST_F(MockDeviceTest, IsochronousPacketsKeepTheirLengthsAndStatuses) {
   mDevice.SetPacketStatuses({0, -EPROTO, 0, -EPIPE, -EOVERFLOW, -ENODEV});
   const std::vector<std::uint32_t> lengths = {100, 64, 0, 1024, 8, 30};
   const std::vector<std::uint32_t> moved = {100, 32, 0, 512, 4, 15};
-  const std::vector<std::uint32_t> statuses = {
-      LIBUSB_TRANSFER_COMPLETED, LIBUSB_TRANSFER_ERROR,    LIBUSB_TRANSFER_COMPLETED,
-      LIBUSB_TRANSFER_STALL,     LIBUSB_TRANSFER_OVERFLOW, LIBUSB_TRANSFER_NO_DEVICE};
+  const std::vector<std::uint32_t> statuses = {LIBUSB_TRANSFER_COMPLETED, LIBUSB_TRANSFER_ERROR,
+                                               LIBUSB_TRANSFER_COMPLETED, LIBUSB_TRANSFER_STALL,
+                                               LIBUSB_TRANSFER_OVERFLOW,  LIBUSB_TRANSFER_NO_DEVICE};
   const Bytes data = MockUsbDevice::Pattern(100 + 64 + 1024 + 8 + 30);
 
   const TransferReply in = remote->IsoTransfer(0x86, lengths);
@@ -90,8 +88,7 @@ TEST_F(MockDeviceTest, IsochronousPacketsKeepTheirLengthsAndStatuses) {
     EXPECT_EQ(std::tie(packet.offset, packet.length, packet.actual_length, packet.status),
               std::tuple(place, lengths[i], moved[i], statuses[i]));
     const auto begin = data.begin() + static_cast<std::ptrdiff_t>(source);
-    EXPECT_TRUE(
-        std::equal(begin, begin + moved[i], in.data.begin() + static_cast<std::ptrdiff_t>(place)))
+    EXPECT_TRUE(std::equal(begin, begin + moved[i], in.data.begin() + static_cast<std::ptrdiff_t>(place)))
         << "packet " << i;
     place += moved[i];
     source += lengths[i];
@@ -131,8 +128,7 @@ TEST_F(MockDeviceTest, CancelEndsTheOneThatIsMeant) {
   }
   ASSERT_TRUE(mDevice.Await([](const State& state) { return state.pending == 3; }));
   EXPECT_EQ(remote->CancelTransfer(ids[1]), 0);
-  EXPECT_THAT(mTally.Await(1),
-              ElementsAre(Pair(ids[1], ElementsAre(int{LIBUSB_TRANSFER_CANCELLED}))));
+  EXPECT_THAT(mTally.Await(1), ElementsAre(Pair(ids[1], ElementsAre(int{LIBUSB_TRANSFER_CANCELLED}))));
   EXPECT_EQ(remote->CancelTransfer(ids[1]), LIBUSB_ERROR_NOT_FOUND);
   EXPECT_EQ(mDevice.Look().pending, 2U);
 }
@@ -215,20 +211,16 @@ TEST_P(EndWithPending, EachOf32IsAnsweredOnceAndAtOnce) {
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(All, EndWithPending,
-                         testing::Values(End::kCloseCommand, End::kSessionEnd, End::kUnplug),
+INSTANTIATE_TEST_SUITE_P(All, EndWithPending, testing::Values(End::kCloseCommand, End::kSessionEnd, End::kUnplug),
                          testing::PrintToStringParamName());
 
 std::size_t OpenDescriptors() {
-  return static_cast<std::size_t>(
-      std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}));
+  return static_cast<std::size_t>(std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}));
 }
 
 // One session of random transfers, cancels and perhaps an unplug, ended in one of three ways.
 void RandomSession(MockUsbDevice& device, std::mt19937& random) {
-  const auto pick = [&random](std::size_t count) {
-    return static_cast<std::uint32_t>(random() % count);
-  };
+  const auto pick = [&random](std::size_t count) { return static_cast<std::uint32_t>(random() % count); };
   Tally tally;
   auto remote = Redirect(device, tally);
   Take(*remote);
@@ -246,9 +238,8 @@ void RandomSession(MockUsbDevice& device, std::mt19937& random) {
   const std::uint32_t unplugAt = pick(3) == 0 ? 1 + pick(count) : 0;
   while (last < count) {
     if (pick(8) == 0) {
-      last =
-          remote->SubmitIsoTransfer(pick(2) == 0 ? 0x06 : 0x86, std::vector<std::uint32_t>(8, 64),
-                                    Bytes(512), [](const TransferReply&) {});
+      last = remote->SubmitIsoTransfer(pick(2) == 0 ? 0x06 : 0x86, std::vector<std::uint32_t>(8, 64), Bytes(512),
+                                       [](const TransferReply&) {});
     } else {
       const auto [command, endpoint] = kTargets[pick(kTargets.size())];
       last = Submit(*remote, command, endpoint, 1 + pick(4096));
@@ -286,8 +277,7 @@ TEST_F(MockDeviceTest, RandomCancelsClosesAndUnplugsLeaveNothingBehind) {
   ASSERT_TRUE(mDevice.Await([](const State& state) { return state.openFiles == 0; }));
   const std::size_t before = OpenDescriptors();
   int sessions = 1;
-  for (const auto end = Clock::now() + std::chrono::seconds(gSoak);
-       Clock::now() < end && !HasFailure(); ++sessions) {
+  for (const auto end = Clock::now() + std::chrono::seconds(gSoak); Clock::now() < end && !HasFailure(); ++sessions) {
     RandomSession(mDevice, random);
   }
   ASSERT_TRUE(mDevice.Await([](const State& state) { return state.openFiles == 0; }));

@@ -25,8 +25,7 @@ class LogTest : public testing::Test {
   LogTest() : mLevel(oskeloLogGetLevel()) {
     oskeloLogSetSink(
         [](void* context, int level, const char* tag, const char* text) {
-          static_cast<LogTest*>(context)->mLines.push_back(std::to_string(level) + " " + tag + " " +
-                                                           text);
+          static_cast<LogTest*>(context)->mLines.push_back(std::to_string(level) + " " + tag + " " + text);
         },
         this);
   }
@@ -70,8 +69,8 @@ TEST_F(LogTest, LineIsFormattedTextWithoutItsLineFeeds) {
   oskeloLogPrint(0, OSKELO_LOG_DEBUG, "VEL_LOG", "two\n\n");
   oskeloLogPrint(0, OSKELO_LOG_DEBUG, "VEL_LOG", "in\nside");
   oskeloLogPrint(0, OSKELO_LOG_DEBUG, "VEL_LOG", "%s", "\n");
-  EXPECT_THAT(mLines, ElementsAre("4 VEL_LOG a b 7", "1 VEL_LOG one", "1 VEL_LOG two",
-                                  "1 VEL_LOG in\nside", "1 VEL_LOG "));
+  EXPECT_THAT(mLines,
+              ElementsAre("4 VEL_LOG a b 7", "1 VEL_LOG one", "1 VEL_LOG two", "1 VEL_LOG in\nside", "1 VEL_LOG "));
 }
 
 TEST_F(LogTest, LongLineIsCut) {
@@ -80,8 +79,7 @@ TEST_F(LogTest, LongLineIsCut) {
     SCOPED_TRACE(length);
     mLines.clear();
     oskeloLogPrint(0, OSKELO_LOG_WARN, "T", "%s", std::string(length, 'x').c_str());
-    EXPECT_THAT(mLines,
-                ElementsAre("3 T " + std::string(std::min<std::size_t>(length, 4095), 'x')));
+    EXPECT_THAT(mLines, ElementsAre("3 T " + std::string(std::min<std::size_t>(length, 4095), 'x')));
   }
 }
 
@@ -101,12 +99,10 @@ TEST_F(LogTest, LevelsHaveNames) {
   struct {
     const char* name;
     int level;
-  } const cases[] = {{"debug", 1}, {"info", 2},   {"warn", 3},   {"error", 4},
-                     {"off", 5},   {"Debug", -1}, {"", -1},      {"warn ", -1},
-                     {"war", -1},  {"3", -1},     {nullptr, -1}, {"warning", -1}};
+  } const cases[] = {{"debug", 1}, {"info", 2},   {"warn", 3}, {"error", 4}, {"off", 5},    {"Debug", -1},
+                     {"", -1},     {"warn ", -1}, {"war", -1}, {"3", -1},    {nullptr, -1}, {"warning", -1}};
   for (const auto& test : cases) {
-    EXPECT_EQ(oskeloLogLevelByName(test.name), test.level)
-        << (test.name == nullptr ? "null" : test.name);
+    EXPECT_EQ(oskeloLogLevelByName(test.name), test.level) << (test.name == nullptr ? "null" : test.name);
   }
 }
 
@@ -126,17 +122,15 @@ TEST(LogEnvironmentTest, VariableChoosesTheLevelAndTheDefaultIsWarn) {
   struct {
     const char* environment;
     int level;
-  } const cases[] = {{"env -u VEL_LOG_LEVEL", 3}, {"VEL_LOG_LEVEL=debug", 1},
-                     {"VEL_LOG_LEVEL=info", 2},   {"VEL_LOG_LEVEL=warn", 3},
-                     {"VEL_LOG_LEVEL=error", 4},  {"VEL_LOG_LEVEL=off", 5},
+  } const cases[] = {{"env -u VEL_LOG_LEVEL", 3}, {"VEL_LOG_LEVEL=debug", 1}, {"VEL_LOG_LEVEL=info", 2},
+                     {"VEL_LOG_LEVEL=warn", 3},   {"VEL_LOG_LEVEL=error", 4}, {"VEL_LOG_LEVEL=off", 5},
                      {"VEL_LOG_LEVEL=", 3},       {"VEL_LOG_LEVEL=loud", 3}};
   for (const auto& test : cases) {
     SCOPED_TRACE(test.environment);
     const std::string text = Probe(test.environment);
     EXPECT_THAT(text, testing::StartsWith("level " + std::to_string(test.level) + "\n"));
     for (int level = OSKELO_LOG_DEBUG; level <= OSKELO_LOG_OFF; ++level) {
-      const bool written =
-          text.find(" PROBE line of level " + std::to_string(level) + "\n") != std::string::npos;
+      const bool written = text.find(" PROBE line of level " + std::to_string(level) + "\n") != std::string::npos;
       EXPECT_EQ(written, level >= test.level && level < OSKELO_LOG_OFF) << text;
     }
   }

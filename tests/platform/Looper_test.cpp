@@ -164,8 +164,7 @@ TEST(LooperTest, DestructionWithoutStartFreesWhatWaits) {
 }
 
 TEST(LooperTest, StopWhileIdleEndsTheThread) {
-  for (int i = 0; i < 200;
-       ++i) {  // Before the thread runs, while it goes to sleep, while it sleeps.
+  for (int i = 0; i < 200; ++i) {  // Before the thread runs, while it goes to sleep, while it sleeps.
     Looper looper;
     looper.Start();
     if (i % 2 == 1) {

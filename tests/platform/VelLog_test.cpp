@@ -57,8 +57,7 @@ class VelLogLineTest : public testing::Test {
     oskeloLogSetSink(
         [](void* context, int level, const char* tag, const char* text) {
           EXPECT_STREQ(tag, "VEL_LOG");
-          static_cast<VelLogLineTest*>(context)->mLines.push_back(std::to_string(level) + " " +
-                                                                  text);
+          static_cast<VelLogLineTest*>(context)->mLines.push_back(std::to_string(level) + " " + text);
         },
         this);
   }
@@ -103,17 +102,14 @@ TEST_F(VelLogLineTest, LinesHaveTheirTwoShapes) {
   lines.push_back(__LINE__ - 1);
   VEL_DEVICE_ERROR(none, "f");
   lines.push_back(__LINE__ - 1);
-  const auto prefix = [&](std::size_t i) {
-    return " VelLog_test.cpp TestBody(" + std::to_string(lines[i]) + "): ";
-  };
+  const auto prefix = [&](std::size_t i) { return " VelLog_test.cpp TestBody(" + std::to_string(lines[i]) + "): "; };
   std::array<char, 32> address{};
   std::snprintf(address.data(), address.size(), "%p", static_cast<const void*>(&device));
-  EXPECT_THAT(mLines, testing::ElementsAre(
-                          "1" + prefix(0) + "Debug:a 1", "3" + prefix(1) + "Warn: b",
-                          "4" + prefix(2) + "Error:c",
-                          "1" + prefix(3) + "[bus:" + address.data() +
-                              " devid:3000000000 cid:4 0xff00:0x0010]Debug:d e",
-                          "4" + prefix(4) + "[bus:(nil) devid:0 cid:0 0x0000:0x0000]Error:f"));
+  EXPECT_THAT(mLines,
+              testing::ElementsAre(
+                  "1" + prefix(0) + "Debug:a 1", "3" + prefix(1) + "Warn: b", "4" + prefix(2) + "Error:c",
+                  "1" + prefix(3) + "[bus:" + address.data() + " devid:3000000000 cid:4 0xff00:0x0010]Debug:d e",
+                  "4" + prefix(4) + "[bus:(nil) devid:0 cid:0 0x0000:0x0000]Error:f"));
 }
 
 TEST_F(VelLogLineTest, ArgumentsAreEvaluatedOnlyWhenTheLevelIsOn) {

@@ -33,13 +33,7 @@ struct VsBlock {
   void AddWord(const std::string& word) {
     if (word == "yuyv" || word == "mjpeg" || word == "based") {
       mFormat = bytes.size();
-      Add(word == "yuyv"    ? 27
-          : word == "mjpeg" ? 11
-                            : 28,
-          word == "yuyv"    ? 4
-          : word == "mjpeg" ? 6
-                            : 16,
-          {++bytes[3]});
+      Add(word == "yuyv" ? 27 : word == "mjpeg" ? 11 : 28, word == "yuyv" ? 4 : word == "mjpeg" ? 6 : 16, {++bytes[3]});
       bytes.back() = 0xFB;
     } else if (word == "still") {
       Add(10, 3, {0, 1, 0x80, 2, 0xE0, 1});
@@ -59,8 +53,7 @@ struct VsBlock {
     const int index = number('#', ++bytes[mFormat + 4]);
     const auto low = [](int value) { return static_cast<std::uint8_t>(value); };
     Add(26 + 4 * intervals, 5,
-        {low(index), 0, low(height + 1000), low((height + 1000) >> 8), low(height),
-         low(height >> 8)});
+        {low(index), 0, low(height + 1000), low((height + 1000) >> 8), low(height), low(height >> 8)});
     bytes[starts.back() + 25] = low(intervals);
     bytes.back() = low(0xF0 + intervals);  // The last interval ends here.
   }

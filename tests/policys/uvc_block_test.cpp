@@ -23,9 +23,7 @@ std::string Text(const UVCInputHeaderPtr& header) {
   std::string text;
   for (int i = 0; header != nullptr && i < header->bNumFormats; ++i) {
     const UVCFormatDesc& format = header->formats[i];
-    text += format.bDescriptorSubtype == 4   ? " yuyv"
-            : format.bDescriptorSubtype == 6 ? " mjpeg"
-                                             : " based";
+    text += format.bDescriptorSubtype == 4 ? " yuyv" : format.bDescriptorSubtype == 6 ? " mjpeg" : " based";
     for (int j = 0; j < format.bNumFrameDescriptors; ++j) {
       const UVCFrameDesc& frame = format.frames[j];
       text += " " + std::to_string(frame.wHeight);
@@ -50,13 +48,12 @@ TEST(UVCBlock, BecomesATreeOfItsDescriptors) {
     std::vector<std::string> log;
   };
   const std::string missing = "Error:no still image desc found";
-  for (const Case& test :
-       {Case{kTwo, {}},
-        {"yuyv 480 yuyv 240 still color", {missing, missing}},
-        {"yuyv 480 still yuyv 240 still color", {missing}},
-        {"yuyv 480 color yuyv 240 still color", {missing}},
-        {"based 480 720 still color mjpeg 240", {missing, missing}},
-        {"yuyv 480x6 720 still color", {"Error:error: Unsupport camera interval type[6]"}}}) {
+  for (const Case& test : {Case{kTwo, {}},
+                           {"yuyv 480 yuyv 240 still color", {missing, missing}},
+                           {"yuyv 480 still yuyv 240 still color", {missing}},
+                           {"yuyv 480 color yuyv 240 still color", {missing}},
+                           {"based 480 720 still color mjpeg 240", {missing, missing}},
+                           {"yuyv 480x6 720 still color", {"Error:error: Unsupport camera interval type[6]"}}}) {
     const CapturingLog log;
     EXPECT_EQ(Text(Parse(VsBlock(test.block).bytes)), test.block);
     EXPECT_EQ(log.Messages(), test.log);
@@ -77,8 +74,7 @@ TEST(UVCBlock, IsCopiedByteByByte) {
   EXPECT_EQ(+format.frames[1].dwFrameInterval[4], 0U) << "the sixth is the one that is set";
   EXPECT_EQ(+format.frames[2].dwFrameInterval[0], 0xF1000000);
   EXPECT_EQ(+format.frames[2].dwFrameInterval[1], 0U) << "beyond its bLength";
-  EXPECT_EQ(Bytes(format.stillImage, format.stillImage + 10),
-            Bytes({10, 36, 3, 0, 1, 0x80, 2, 0xE0, 1, 0}));
+  EXPECT_EQ(Bytes(format.stillImage, format.stillImage + 10), Bytes({10, 36, 3, 0, 1, 0x80, 2, 0xE0, 1, 0}));
   EXPECT_EQ(Bytes(format.colorMatching, format.colorMatching + 6), Bytes({6, 36, 13, 1, 1, 4}));
   UVCUtil::FreeInputHeader(Parse(VsBlock(kTwo).bytes).release());
   UVCUtil::FreeInputHeader(nullptr);
@@ -102,8 +98,7 @@ TEST(UVCBlock, CutAnywhereGivesTheWholeDescriptorsBeforeTheCut) {
     // Two whole descriptors behind the last frame need not be there.
     const bool mayEndHere = size == block.starts[8] + 46 || size == block.starts[9] + 10;
     EXPECT_EQ(log.Count("descriptors are broken"), mayEndHere ? 0U : 2U);
-    EXPECT_EQ(UVCUtil::FilterFrameDescriptors(std::span(cut), 5000),
-              whole == 0 ? size : *std::prev(next));
+    EXPECT_EQ(UVCUtil::FilterFrameDescriptors(std::span(cut), 5000), whole == 0 ? size : *std::prev(next));
   }
 }
 
@@ -123,8 +118,7 @@ TEST(UVCBlock, BrokenLengthsAndCountsEndIt) {
            {"header without a count", 0, 0, 3, "", 0},
            {"more formats than there are", 0, 3, 255, kTwo, 1},
            {"format of no length", 1, 0, 0, "", 1},
-           {"still image as the fourth frame", 1, 4, 4,
-            "mjpeg 480 720 1080#4 480#0x0 color yuyv 240x5 still color", 0},
+           {"still image as the fourth frame", 1, 4, 4, "mjpeg 480 720 1080#4 480#0x0 color yuyv 240x5 still color", 0},
            {"frame of length 1", 3, 0, 1, "mjpeg 480", 1},
            {"still image of no length", 5, 0, 0, "mjpeg 480 720 1080#4", 1},
            {"second format beyond the block", 7, 0, 200, first, 1},
@@ -137,8 +131,7 @@ TEST(UVCBlock, BrokenLengthsAndCountsEndIt) {
     const CapturingLog log;
     EXPECT_EQ(Text(Parse(block.bytes)), test.tree);
     EXPECT_EQ(log.Count("descriptors are broken"), test.errors);
-    EXPECT_TRUE(test.errors == 0 || log.Lines().size() == 1)
-        << "what is missing behind is not told";
+    EXPECT_TRUE(test.errors == 0 || log.Lines().size() == 1) << "what is missing behind is not told";
   }
 }
 
@@ -176,18 +169,16 @@ TEST(UVCFrameLookup, GoesByPositionAndFallsBackToTheLastFormat) {
                            {3, 1, 0, {"Error:Invalid formatIndex[3]"}}}) {
     const CapturingLog log(OSKELO_LOG_ERROR);
     const UVCFrameDesc* frame = UVCUtil::GetFrameTypeDesc(header.get(), test.format, test.frame);
-    EXPECT_EQ(frame == nullptr ? 0 : frame->wHeight, test.height)
-        << int{test.format} << '/' << int{test.frame};
+    EXPECT_EQ(frame == nullptr ? 0 : frame->wHeight, test.height) << int{test.format} << '/' << int{test.frame};
     EXPECT_EQ(log.Messages(), test.errors);
   }
   const CapturingLog log;
   EXPECT_NE(UVCUtil::GetFrameTypeDesc(header.get(), 2, 1), nullptr);
   EXPECT_EQ(UVCUtil::GetFrameTypeDesc(nullptr, 1, 1), nullptr);
   EXPECT_EQ(UVCUtil::GetFrameTypeDesc(Parse(VsBlock("").bytes).get(), 0, 1), nullptr);
-  EXPECT_THAT(log.Messages(),
-              ElementsAre("Debug:Format subtype = 6, index = 1, formatIndex = 2",
-                          "Debug:Format subtype = 4, index = 2, formatIndex = 2",
-                          "Error:InputHeader is null", "Error:Invalid formatIndex[0]"));
+  EXPECT_THAT(log.Messages(), ElementsAre("Debug:Format subtype = 6, index = 1, formatIndex = 2",
+                                          "Debug:Format subtype = 4, index = 2, formatIndex = 2",
+                                          "Error:InputHeader is null", "Error:Invalid formatIndex[0]"));
 }
 
 TEST(UVCFilter, TakesTallFramesOut) {
@@ -196,16 +187,15 @@ TEST(UVCFilter, TakesTallFramesOut) {
     std::string before, after;
   };
   const std::string tall = "mjpeg 480 720 1080 2160 still color";
-  for (const Case& test :
-       {Case{1080, tall, "mjpeg 480 720 1080 still color"},
-        {2160, tall, tall},
-        {479, tall, "mjpeg still color"},
-        {1079, kTwo, "mjpeg 480 720 still color yuyv 240x5 still color"},
-        {600, "yuyv 480 1080 600 still color mjpeg 480 still color",
-         "yuyv 480 600#3 still color mjpeg 480 still color"},
-        {480, "yuyv 1 2 3 4 5 6 7 8 481 9 10", "yuyv 1 2 3 4 5 6 7 8 9#10 10#11"},
-        {480, "yuyv 481 480 mjpeg 60000 1 color", "yuyv 480#2 mjpeg 1#2 color"},
-        {480, "yuyv 481x9 480x40 still color", "yuyv 480x40#2 still color"}}) {
+  for (const Case& test : {Case{1080, tall, "mjpeg 480 720 1080 still color"},
+                           {2160, tall, tall},
+                           {479, tall, "mjpeg still color"},
+                           {1079, kTwo, "mjpeg 480 720 still color yuyv 240x5 still color"},
+                           {600, "yuyv 480 1080 600 still color mjpeg 480 still color",
+                            "yuyv 480 600#3 still color mjpeg 480 still color"},
+                           {480, "yuyv 1 2 3 4 5 6 7 8 481 9 10", "yuyv 1 2 3 4 5 6 7 8 9#10 10#11"},
+                           {480, "yuyv 481 480 mjpeg 60000 1 color", "yuyv 480#2 mjpeg 1#2 color"},
+                           {480, "yuyv 481x9 480x40 still color", "yuyv 480x40#2 still color"}}) {
     SCOPED_TRACE(test.before);
     const Bytes after = VsBlock(test.after).bytes;
     VsBlock bounded(test.before);
@@ -218,8 +208,7 @@ TEST(UVCFilter, TakesTallFramesOut) {
     EXPECT_EQ(trusted.bytes, after);
   }
   VsBlock block(tall);
-  EXPECT_EQ(UVCUtil::FilterFrameDescriptors(block.bytes.data()), block.bytes.size() - 30)
-      << "the limit is 1080";
+  EXPECT_EQ(UVCUtil::FilterFrameDescriptors(block.bytes.data()), block.bytes.size() - 30) << "the limit is 1080";
 }
 
 TEST(UVCFilter, CorrectsTheCountsOfABrokenBlock) {

@@ -85,19 +85,18 @@ TEST(UVCConfig, IsSearchedForItsStreamingInterface) {
     std::vector<std::string> errors;
   };
   const std::string inEndpoint = "Error:Get InputHeader fail in ep[0x85] extra data";
-  for (const Case& test :
-       {Case{"", 255, kNone, true, -1, {}},
-        {"audio control", 255, kNone, true, -1, {}},
-        {"control vs2=81", 1, 0x81, false, 0x81, {}},
-        {"control vs1=82 audio", 1, 0x82, true, 0x82, {}},
-        {"vs1=81 control vs2=82", 0, 0x82, false, 0x81, {}},
-        {"vs1=81 vs1", 0, 0x81, true, 0x81, {}},
-        {"vs1 +ep21", 0, 0x83, true, 0x83, {}},
-        {"vs1 +ep20", 0, 0x83, true, -1, {inEndpoint}},
-        {"vs1 +ep20 vs1=84", 0, 0x84, true, 0x84, {inEndpoint}},
-        {"vs1=81 +ep21", 0, 0x81, true, 0x81, {}},
-        {"audio vs3", 1, kNone, false, -1, {"Error:Get InputHeader fail in if[1] extra data"}},
-        {"vs0=81", 255, kNone, true, -1, {}}}) {
+  for (const Case& test : {Case{"", 255, kNone, true, -1, {}},
+                           {"audio control", 255, kNone, true, -1, {}},
+                           {"control vs2=81", 1, 0x81, false, 0x81, {}},
+                           {"control vs1=82 audio", 1, 0x82, true, 0x82, {}},
+                           {"vs1=81 control vs2=82", 0, 0x82, false, 0x81, {}},
+                           {"vs1=81 vs1", 0, 0x81, true, 0x81, {}},
+                           {"vs1 +ep21", 0, 0x83, true, 0x83, {}},
+                           {"vs1 +ep20", 0, 0x83, true, -1, {inEndpoint}},
+                           {"vs1 +ep20 vs1=84", 0, 0x84, true, 0x84, {inEndpoint}},
+                           {"vs1=81 +ep21", 0, 0x81, true, 0x81, {}},
+                           {"audio vs3", 1, kNone, false, -1, {"Error:Get InputHeader fail in if[1] extra data"}},
+                           {"vs0=81", 255, kNone, true, -1, {}}}) {
     SCOPED_TRACE(test.config);
     const Config config(test.config);
     EXPECT_EQ(UVCUtil::GetVSInterfaceFromConfig(&config.config), test.interface);
@@ -113,16 +112,13 @@ TEST(UVCConfig, ThatContradictsItselfHasNoHeader) {
   const auto spoilt = [](auto spoil) {
     Config config("vs2=81");
     spoil(config, config.settings[0][0]);
-    return std::pair(UVCUtil::GetVSEndpointFromConfig(&config.config),
-                     TreeEndpoint(&config.config));
+    return std::pair(UVCUtil::GetVSEndpointFromConfig(&config.config), TreeEndpoint(&config.config));
   };
   const std::pair none(kNone, -1);
   EXPECT_EQ(spoilt([](Config&, auto& setting) { setting.extra = nullptr; }), none);
   EXPECT_EQ(spoilt([](Config&, auto& setting) { setting.extra_length = -1; }), none);
   EXPECT_EQ(spoilt([](Config&, auto& setting) { setting.extra_length = 6; }), none);
-  EXPECT_EQ(
-      spoilt([](Config&, auto& setting) { setting.extra_length = 0, setting.bNumEndpoints = 3; }),
-      none);
+  EXPECT_EQ(spoilt([](Config&, auto& setting) { setting.extra_length = 0, setting.bNumEndpoints = 3; }), none);
   EXPECT_EQ(spoilt([](Config& config, auto&) { config.interfaces[0].altsetting = nullptr; }), none);
   EXPECT_EQ(spoilt([](Config& config, auto&) { config.interfaces[0].num_altsetting = -1; }), none);
   EXPECT_EQ(spoilt([](Config& config, auto&) { config.config.interface = nullptr; }), none);
@@ -135,10 +131,9 @@ TEST(UVCConfig, SaysWhatItFound) {
   UVCUtil::GetVSEndpointFromConfig(&config.config);
   UVCUtil::IsStreamOverBulk(&config.config);
   UVCUtil::IsStreamOverBulk(nullptr);
-  EXPECT_THAT(log.Messages(), ElementsAre("Debug:Find UVC video stream interface: 1",
-                                          "Debug:Find UVC video stream endpoint: 129",
-                                          "Debug:UVC stream is over iso xfer",
-                                          "Debug:UVC stream is over bulk xfer"));
+  EXPECT_THAT(log.Messages(),
+              ElementsAre("Debug:Find UVC video stream interface: 1", "Debug:Find UVC video stream endpoint: 129",
+                          "Debug:UVC stream is over iso xfer", "Debug:UVC stream is over bulk xfer"));
 }
 
 }  // namespace

@@ -29,28 +29,24 @@ TEST(UVCLog, StreamCtrlFieldByField) {
   UVCUtil::PrintStreamCtrl(ctrl);
   EXPECT_THAT(
       log.Messages(),
-      ElementsAre(
-          "Debug:[UVC CTRL] ", "Debug:[UVC CTRL] bmHint: 0201", "Debug:[UVC CTRL] bFormatIndex: 3",
-          "Debug:[UVC CTRL] bFrameIndex: 4", "Debug:[UVC CTRL] dwFrameInterval: 134678021",
-          "Debug:[UVC CTRL] wKeyFrameRate: 2569", "Debug:[UVC CTRL] wPFrameRate: 3083",
-          "Debug:[UVC CTRL] wCompQuality: 3597", "Debug:[UVC CTRL] wCompWindowSize: 4111",
-          "Debug:[UVC CTRL] wDelay: 4625", "Debug:[UVC CTRL] dwMaxVideoFrameSize: 370480147",
-          "Debug:[UVC CTRL] dwMaxPayloadTransferSize: 437852183",
-          "Debug:[UVC CTRL] bInterfaceNumber: 35"));
+      ElementsAre("Debug:[UVC CTRL] ", "Debug:[UVC CTRL] bmHint: 0201", "Debug:[UVC CTRL] bFormatIndex: 3",
+                  "Debug:[UVC CTRL] bFrameIndex: 4", "Debug:[UVC CTRL] dwFrameInterval: 134678021",
+                  "Debug:[UVC CTRL] wKeyFrameRate: 2569", "Debug:[UVC CTRL] wPFrameRate: 3083",
+                  "Debug:[UVC CTRL] wCompQuality: 3597", "Debug:[UVC CTRL] wCompWindowSize: 4111",
+                  "Debug:[UVC CTRL] wDelay: 4625", "Debug:[UVC CTRL] dwMaxVideoFrameSize: 370480147",
+                  "Debug:[UVC CTRL] dwMaxPayloadTransferSize: 437852183", "Debug:[UVC CTRL] bInterfaceNumber: 35"));
 }
 
 TEST(UVCLog, ClassRequestsByName) {
   const CapturingLog log(OSKELO_LOG_ERROR);
-  for (const int request :
-       {0x00, 0x01, 0x81, 0x82, 0x83, 0x84, 0x85, 0x86, 0x87, 0x02, 0x80, 0x88, 0xFF}) {
+  for (const int request : {0x00, 0x01, 0x81, 0x82, 0x83, 0x84, 0x85, 0x86, 0x87, 0x02, 0x80, 0x88, 0xFF}) {
     UVCUtil::DumpRequest(static_cast<std::uint8_t>(request));
   }
   EXPECT_THAT(log.Messages(),
               ElementsAre("Error:[UVC_RC_UNDEFINED]", "Error:[UVC_SET_CUR]", "Error:[UVC_GET_CUR]",
-                          "Error:[UVC_GET_MIN]", "Error:[UVC_GET_MAX]", "Error:[UVC_GET_RES]",
-                          "Error:[UVC_GET_LEN]", "Error:[UVC_GET_INFO]", "Error:[UVC_GET_DEF]",
-                          "Error:[Invalid reqeust]", "Error:[Invalid reqeust]",
-                          "Error:[Invalid reqeust]", "Error:[Invalid reqeust]"));
+                          "Error:[UVC_GET_MIN]", "Error:[UVC_GET_MAX]", "Error:[UVC_GET_RES]", "Error:[UVC_GET_LEN]",
+                          "Error:[UVC_GET_INFO]", "Error:[UVC_GET_DEF]", "Error:[Invalid reqeust]",
+                          "Error:[Invalid reqeust]", "Error:[Invalid reqeust]", "Error:[Invalid reqeust]"));
 }
 
 TEST(UVCLog, ControlSelectorsAboveTwenty) {
@@ -70,15 +66,13 @@ TEST(UVCLog, PayloadHeaderByBytes) {
   UVCUtil::ParseUVCFrameHeader(header.data(), 12);
   UVCUtil::ParseUVCFrameHeader(header.data(), 11);
   UVCUtil::ParseUVCFrameHeader(header.data(), -1);
-  EXPECT_THAT(log.Messages(),
-              ElementsAre("Debug:c 8d 0 1 2 ff 10 7",
-                          "Error:Invalid header len:[11]: ", "Error:Invalid header len:[-1]: "));
+  EXPECT_THAT(log.Messages(), ElementsAre("Debug:c 8d 0 1 2 ff 10 7",
+                                          "Error:Invalid header len:[11]: ", "Error:Invalid header len:[-1]: "));
 }
 
 TEST(UVCTools, PictureReplacesTheOneBefore) {
   EXPECT_STREQ(UVCUtil::kPicturePath, "/tmp/test.pic");
-  const auto folder =
-      std::filesystem::temp_directory_path() / ("uvc_test." + std::to_string(getpid()));
+  const auto folder = std::filesystem::temp_directory_path() / ("uvc_test." + std::to_string(getpid()));
   std::filesystem::create_directory(folder);
   const std::string path = folder / "picture";
   const auto content = [&path] {
@@ -99,8 +93,7 @@ TEST(UVCTools, PictureReplacesTheOneBefore) {
 TEST(UVCTools, TimeIsTheWallClockInMilliseconds) {
   const auto clock = [] {
     const auto now = std::chrono::system_clock::now().time_since_epoch();
-    return static_cast<std::uint64_t>(
-        std::chrono::duration_cast<std::chrono::milliseconds>(now).count());
+    return static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(now).count());
   };
   const std::uint64_t before = clock();
   const std::uint64_t time = UVCUtil::GetTimeMs();
@@ -110,11 +103,8 @@ TEST(UVCTools, TimeIsTheWallClockInMilliseconds) {
 
 TEST(UVCTools, FrameSizesThatAStreamCanHave) {
   constexpr std::uint32_t kMiB = 1U << 20U;
-  for (const auto& [size, usable] : {std::pair{0U, false},
-                                     {1U, true},
-                                     {64 * kMiB, true},
-                                     {64 * kMiB + 1, false},
-                                     {0xFFFFFFFFU, false}}) {
+  for (const auto& [size, usable] :
+       {std::pair{0U, false}, {1U, true}, {64 * kMiB, true}, {64 * kMiB + 1, false}, {0xFFFFFFFFU, false}}) {
     UVCStreamCtrl ctrl{};
     ctrl.dwMaxVideoFrameSize = size;
     EXPECT_EQ(IsFrameSizeUsable(ctrl), usable) << size;

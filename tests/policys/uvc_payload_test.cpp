@@ -77,8 +77,7 @@ class Frames : public UVCFrameReceiver {
   std::vector<std::uint8_t> mBlock;
 };
 
-std::vector<std::string> Assembled(std::span<const Payload> payloads, std::size_t frameSize,
-                                   std::size_t perTransfer) {
+std::vector<std::string> Assembled(std::span<const Payload> payloads, std::size_t frameSize, std::size_t perTransfer) {
   Frames frames(frameSize);
   UVCFrameAssembler assembler(frames);
   while (!payloads.empty()) {
@@ -97,9 +96,7 @@ TEST(UVCPayloads, BecomeFramesByTheRules) {
   };
   const std::vector<Case> cases = {
       {"toggle", {{0, "ab"}, {0, "cd"}, {kFid, "ef"}, {0, "gh"}}, {"abcd", "ef"}},
-      {"end of frame",
-       {{0, "ab"}, {kEof, "cd"}, {kFid, "ef"}, {kFid | kEof, "gh"}},
-       {"abcd", "efgh"}},
+      {"end of frame", {{0, "ab"}, {kEof, "cd"}, {kFid, "ef"}, {kFid | kEof, "gh"}}, {"abcd", "efgh"}},
       {"end of frame without toggle", {{kEof, "ab"}, {kEof, "cd"}}, {"ab", "cd"}},
       {"first frame has the other identifier", {{kFid, "ab"}, {0, "c"}}, {"ab"}},
       {"header-only toggle", {{0, "ab"}, {kFid, ""}, {kFid, "cd"}, {0, ""}}, {"ab", "cd"}},
@@ -111,12 +108,8 @@ TEST(UVCPayloads, BecomeFramesByTheRules) {
        {{0, "ab"}, {kEof, "", 11}, {kFid, "", 2}, {0, "", 1}, {0, "", 0}, {kEof, "cd"}},
        {"abcd"}},
       {"lost end and toggle join frames", {{0, "ab"}, {0, "cd"}, {kFid, ""}}, {"abcd"}},
-      {"overflow loses its packet alone",
-       {{0, "abcdef"}, {0, "xyz"}, {0, "gh"}, {0, "x"}, {kFid, ""}},
-       {"abcdefgh"}},
-      {"overflow at the end",
-       {{0, "abcdef"}, {kEof, "xyz"}, {kFid, "gh"}, {0, ""}},
-       {"abcdef", "gh"}},
+      {"overflow loses its packet alone", {{0, "abcdef"}, {0, "xyz"}, {0, "gh"}, {0, "x"}, {kFid, ""}}, {"abcdefgh"}},
+      {"overflow at the end", {{0, "abcdef"}, {kEof, "xyz"}, {kFid, "gh"}, {0, ""}}, {"abcdef", "gh"}},
       {"overflow at once", {{kEof, "123456789"}, {kFid, "ab"}, {0, ""}}, {"ab"}},
       {"exactly full", {{kEof, "12345678"}}, {"12345678"}},
   };
@@ -135,14 +128,13 @@ TEST(UVCPayloads, SayWhatHappens) {
   const std::string time = std::to_string(frames.stamps.at(0).timestamp);
   const std::string time2 = std::to_string(frames.stamps.at(1).timestamp);
   const std::string delta = std::to_string(frames.stamps.at(1).deltaTime);
-  EXPECT_THAT(log.Messages(),
-              ElementsAre("Debug:Error frame length: 3, iso num: 1, actural len: 14",
-                          "Debug:ee 0 ee ee ee ee ee ee", "Debug:[UVC tuning] fid @ 2, header: 0x3",
-                          "Debug:[UVC tuning] Get new raw frame: index[0] length[3] timestamp[" +
-                              time + "] deltatime[0]",
-                          "Debug:[UVC tuning]eof @ 2, header: 0x3",
-                          "Debug:[UVC tuning] Get new raw frame: index[1] length[1] timestamp[" +
-                              time2 + "] deltatime[" + delta + "]"));
+  EXPECT_THAT(log.Messages(), ElementsAre("Debug:Error frame length: 3, iso num: 1, actural len: 14",
+                                          "Debug:ee 0 ee ee ee ee ee ee", "Debug:[UVC tuning] fid @ 2, header: 0x3",
+                                          "Debug:[UVC tuning] Get new raw frame: index[0] length[3] timestamp[" + time +
+                                              "] deltatime[0]",
+                                          "Debug:[UVC tuning]eof @ 2, header: 0x3",
+                                          "Debug:[UVC tuning] Get new raw frame: index[1] length[1] timestamp[" +
+                                              time2 + "] deltatime[" + delta + "]"));
 }
 
 TEST(UVCPayloads, AreStampedAndCounted) {
@@ -160,8 +152,7 @@ TEST(UVCPayloads, AreStampedAndCounted) {
   EXPECT_LE(frames.stamps.back().timestamp, after);
   for (std::size_t i = 1; i < frames.stamps.size(); ++i) {
     EXPECT_EQ(frames.stamps[i].index, i);
-    EXPECT_EQ(frames.stamps[i].deltaTime,
-              frames.stamps[i].timestamp - frames.stamps[i - 1].timestamp);
+    EXPECT_EQ(frames.stamps[i].deltaTime, frames.stamps[i].timestamp - frames.stamps[i - 1].timestamp);
   }
 }
 
@@ -297,8 +288,7 @@ TEST(UVCPayloads, CutFromPicturesGiveThemBack) {
     ASSERT_EQ(Assembled(payloads, kFrameSize, 32), pictures);
     generator.Cut(generator.Picture(3 * kFrameSize), payloads);
     generator.Spoil(payloads);
-    ASSERT_EQ(Assembled(payloads, kFrameSize, 1 + generator.Below(40)),
-              Expected(payloads, kFrameSize));
+    ASSERT_EQ(Assembled(payloads, kFrameSize, 1 + generator.Below(40)), Expected(payloads, kFrameSize));
   }
 }
 

@@ -26,9 +26,7 @@ class Payload {
     mBytes.insert(mBytes.end(), n, value);
     return std::move(*this);
   }
-  Payload IsoPacket(std::uint32_t length) && {
-    return std::move(*this).U32(0).U32(length).U32(0).U32(0);
-  }
+  Payload IsoPacket(std::uint32_t length) && { return std::move(*this).U32(0).U32(length).U32(0).U32(0); }
   std::vector<std::uint8_t> Exact() const { return {mBytes.begin(), mBytes.end()}; }
 
  private:
@@ -108,8 +106,7 @@ TEST_P(TransferRequestTest, IsCheckedAgainstWhatIsThere) {
   EXPECT_EQ(request.streamId, test.streamId);
   if (test.error == PayloadError::kNone) {
     EXPECT_EQ(request.data.size(), test.dataSize);
-    EXPECT_TRUE(request.data.empty() ||
-                request.data.data() == payload.data() + (test.iso ? 16 : 12));
+    EXPECT_TRUE(request.data.empty() || request.data.data() == payload.data() + (test.iso ? 16 : 12));
   }
 }
 
@@ -120,22 +117,21 @@ constexpr PayloadError kTable = PayloadError::kIsoTable;
 
 INSTANTIATE_TEST_SUITE_P(
     BulkAndInterrupt, TransferRequestTest,
-    testing::Values(
-        TransferCase{"Empty", false, Payload(), kShort, 0, 0},
-        TransferCase{"NoStreamId", false, Payload().U32(0x81).Fill(3), kShort, 0, 0},
-        TransferCase{"NoLength", false, Payload().U32(0x81).U32(7).Fill(3), kShort, 7, 0},
-        TransferCase{"OutComplete", false, Bulk(0x01, 5).Fill(5), kNone, 7, 5},
-        TransferCase{"OutLastByteMissing", false, Bulk(0x01, 5).Fill(4), kShort, 7, 0},
-        TransferCase{"OutWithoutData", false, Bulk(0x01, 1), kShort, 7, 0},
-        TransferCase{"OutOfNothing", false, Bulk(0x01, 0), kNone, 7, 0},
-        TransferCase{"BytesBehindTheDataAreIgnored", false, Bulk(0x01, 5).Fill(9), kNone, 7, 5},
-        TransferCase{"InWithFiller", false, Bulk(0x81, 5).Fill(5), kNone, 7, 5},
-        TransferCase{"InWithPartOfItsFiller", false, Bulk(0x81, 5).Fill(2), kNone, 7, 2},
-        TransferCase{"InWithoutFiller", false, Bulk(0x81, 64 * kMiB), kNone, 7, 0},
-        TransferCase{"InAboveTheBound", false, Bulk(0x81, 64 * kMiB + 1), kLong, 7, 0},
-        TransferCase{"OutAboveTheBound", false, Bulk(0x01, 64 * kMiB + 1), kLong, 7, 0},
-        TransferCase{"LargestLength", false, Bulk(0x81, 0xFFFFFFFF), kLong, 7, 0},
-        TransferCase{"OnlyTheLowByteNamesTheEndpoint", false, Bulk(0xFFFFFF01, 1), kShort, 7, 0}),
+    testing::Values(TransferCase{"Empty", false, Payload(), kShort, 0, 0},
+                    TransferCase{"NoStreamId", false, Payload().U32(0x81).Fill(3), kShort, 0, 0},
+                    TransferCase{"NoLength", false, Payload().U32(0x81).U32(7).Fill(3), kShort, 7, 0},
+                    TransferCase{"OutComplete", false, Bulk(0x01, 5).Fill(5), kNone, 7, 5},
+                    TransferCase{"OutLastByteMissing", false, Bulk(0x01, 5).Fill(4), kShort, 7, 0},
+                    TransferCase{"OutWithoutData", false, Bulk(0x01, 1), kShort, 7, 0},
+                    TransferCase{"OutOfNothing", false, Bulk(0x01, 0), kNone, 7, 0},
+                    TransferCase{"BytesBehindTheDataAreIgnored", false, Bulk(0x01, 5).Fill(9), kNone, 7, 5},
+                    TransferCase{"InWithFiller", false, Bulk(0x81, 5).Fill(5), kNone, 7, 5},
+                    TransferCase{"InWithPartOfItsFiller", false, Bulk(0x81, 5).Fill(2), kNone, 7, 2},
+                    TransferCase{"InWithoutFiller", false, Bulk(0x81, 64 * kMiB), kNone, 7, 0},
+                    TransferCase{"InAboveTheBound", false, Bulk(0x81, 64 * kMiB + 1), kLong, 7, 0},
+                    TransferCase{"OutAboveTheBound", false, Bulk(0x01, 64 * kMiB + 1), kLong, 7, 0},
+                    TransferCase{"LargestLength", false, Bulk(0x81, 0xFFFFFFFF), kLong, 7, 0},
+                    TransferCase{"OnlyTheLowByteNamesTheEndpoint", false, Bulk(0xFFFFFF01, 1), kShort, 7, 0}),
     [](const auto& test) { return test.param.name; });
 
 INSTANTIATE_TEST_SUITE_P(
@@ -144,23 +140,18 @@ INSTANTIATE_TEST_SUITE_P(
         TransferCase{"NoLength", true, Payload().U32(0x83).U32(7).U32(1).Fill(3), kShort, 7, 0},
         TransferCase{"NoPackets", true, Iso(0x83, 0, 0), kNone, 7, 0},
         TransferCase{"NoPacketsButData", true, Iso(0x03, 0, 4).Fill(4), kNone, 7, 4},
-        TransferCase{"OutExactFit", true, Iso(0x03, 2, 40).IsoPacket(3).IsoPacket(5).Fill(8), kNone,
-                     7, 40},
-        TransferCase{"OutPacketsBeyondTheData", true,
-                     Iso(0x03, 2, 40).IsoPacket(3).IsoPacket(6).Fill(8), kTable, 7, 0},
+        TransferCase{"OutExactFit", true, Iso(0x03, 2, 40).IsoPacket(3).IsoPacket(5).Fill(8), kNone, 7, 40},
+        TransferCase{"OutPacketsBeyondTheData", true, Iso(0x03, 2, 40).IsoPacket(3).IsoPacket(6).Fill(8), kTable, 7, 0},
         TransferCase{"OutDataMissing", true, Iso(0x03, 1, 24).IsoPacket(8).Fill(7), kShort, 7, 0},
-        TransferCase{"TableBeyondTheLength", true, Iso(0x83, 2, 31).IsoPacket(0).IsoPacket(0),
-                     kTable, 7, 0},
+        TransferCase{"TableBeyondTheLength", true, Iso(0x83, 2, 31).IsoPacket(0).IsoPacket(0), kTable, 7, 0},
         TransferCase{"TableAlone", true, Iso(0x83, 2, 32).IsoPacket(0).IsoPacket(0), kNone, 7, 32},
         TransferCase{"InTableWithoutFiller", true, Iso(0x83, 1, 16).IsoPacket(1024), kNone, 7, 16},
         TransferCase{"InWithoutItsTable", true, Iso(0x83, 4, 64), kNone, 7, 0},
         TransferCase{"InWithHalfARecord", true, Iso(0x83, 1, 16).Fill(6), kNone, 7, 6},
-        TransferCase{"InAnswerAtTheBound", true, Iso(0x83, 1, 16).IsoPacket(64 * kMiB - 16), kNone,
-                     7, 16},
-        TransferCase{"InAnswerAboveTheBound", true, Iso(0x83, 1, 16).IsoPacket(64 * kMiB - 15),
-                     kTable, 7, 0},
-        TransferCase{"LengthsThatWrapAround", true,
-                     Iso(0x03, 2, 40).IsoPacket(0xFFFFFFFF).IsoPacket(9).Fill(8), kTable, 7, 0},
+        TransferCase{"InAnswerAtTheBound", true, Iso(0x83, 1, 16).IsoPacket(64 * kMiB - 16), kNone, 7, 16},
+        TransferCase{"InAnswerAboveTheBound", true, Iso(0x83, 1, 16).IsoPacket(64 * kMiB - 15), kTable, 7, 0},
+        TransferCase{"LengthsThatWrapAround", true, Iso(0x03, 2, 40).IsoPacket(0xFFFFFFFF).IsoPacket(9).Fill(8), kTable,
+                     7, 0},
         TransferCase{"MostPackets", true, Iso(0x83, 1024, 16384), kNone, 7, 0},
         TransferCase{"OnePacketTooMany", true, Iso(0x83, 1025, 16400), kLong, 7, 0},
         TransferCase{"TableSizeThatWrapsAround", true, Iso(0x83, 0x10000000, 0), kLong, 7, 0},
@@ -183,15 +174,13 @@ TEST(TransferFieldsTest, AreThoseOfThePayload) {
 }
 
 TEST(TransferFieldsTest, ErrorsHaveTextsOfTheirOwn) {
-  const std::set<std::string_view> texts = {PayloadErrorText(kNone), PayloadErrorText(kShort),
-                                            PayloadErrorText(kLong), PayloadErrorText(kTable),
-                                            PayloadErrorText(static_cast<PayloadError>(99))};
+  const std::set<std::string_view> texts = {PayloadErrorText(kNone), PayloadErrorText(kShort), PayloadErrorText(kLong),
+                                            PayloadErrorText(kTable), PayloadErrorText(static_cast<PayloadError>(99))};
   EXPECT_EQ(texts.size(), 5U);
 }
 
 TEST(ControlRequestTest, CarriesItsFields) {
-  const auto payload =
-      Payload().U8(0x80).U8(6).U16(0x0305).U16(0x0409).U16(4).U32(5000).Fill(3, 9).Exact();
+  const auto payload = Payload().U8(0x80).U8(6).U16(0x0305).U16(0x0409).U16(4).U32(5000).Fill(3, 9).Exact();
   const auto request = ReadControlRequest(payload);
   ASSERT_TRUE(request.has_value());
   EXPECT_EQ(request->bmRequestType, 0x80);
@@ -214,8 +203,7 @@ TEST(ControlRequestTest, NeedsItsFieldsAndForOutItsData) {
                      {0x00, 4, 9, true},   {0x7F, 0xFFFF, 0, false}, {0x21, 0xFFFF, 0xFFFE, false}};
   for (const auto& test : cases) {
     SCOPED_TRACE(testing::Message() << int{test.type} << " " << test.length << " " << test.data);
-    const auto payload =
-        Payload().U8(test.type).U8(0).U16(0).U16(0).U16(test.length).U32(0).Fill(test.data).Exact();
+    const auto payload = Payload().U8(test.type).U8(0).U16(0).U16(0).U16(test.length).U32(0).Fill(test.data).Exact();
     const auto request = ReadControlRequest(payload);
     ASSERT_EQ(request.has_value(), test.accepted);
     if (request) {
@@ -229,8 +217,7 @@ TEST(FixedRequestsTest, AreRefusedAtEveryShorterLength) {
   const auto bytes = Payload().U8(0x80).U16(0x0409).U32(0xA1B2C3D4).Fill(9).Exact();
   for (std::size_t n = 0; n <= bytes.size(); ++n) {
     SCOPED_TRACE(n);
-    const std::vector<std::uint8_t> cut(bytes.begin(),
-                                        bytes.begin() + static_cast<std::ptrdiff_t>(n));
+    const std::vector<std::uint8_t> cut(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(n));
     EXPECT_EQ(ReadU32Request(cut).has_value(), n >= 4);
     EXPECT_EQ(ReadStringRequest(cut).has_value(), n >= 7);
     EXPECT_EQ(ReadAltSettingRequest(cut).has_value(), n >= 8);
@@ -251,9 +238,8 @@ TEST(PolicyRequestTest, TextHasToBeThereAndWithinItsBound) {
     std::uint32_t length;
     std::size_t there;
     bool accepted;
-  } const cases[] = {{0, 0, true},          {3, 3, true},         {3, 2, false},
-                     {3, 5, true},          {65536, 65536, true}, {65537, 65537, false},
-                     {0xFFFFFFFF, 8, false}};
+  } const cases[] = {{0, 0, true},         {3, 3, true},          {3, 2, false},         {3, 5, true},
+                     {65536, 65536, true}, {65537, 65537, false}, {0xFFFFFFFF, 8, false}};
   for (const auto& test : cases) {
     SCOPED_TRACE(test.length);
     const auto payload = Payload().U32(test.length).Fill(test.there, 'p').Exact();

@@ -51,9 +51,8 @@ TEST(VelPacketTest, StatusReplyIsRightToTheByte) {
   ASSERT_EQ(packet.InitHeader(7, 0x1017, 3), 0);
   const std::int32_t result = -5;
   ASSERT_EQ(packet.Append(&result, sizeof result), 0);
-  EXPECT_THAT(packet.Wire(),
-              ElementsAre(0x27, 7, 0x17, 0x10, 3, 0, 0, 0, 20, 0, 0, 0, 0, 0, 0, 0,  //
-                          0xFB, 0xFF, 0xFF, 0xFF));
+  EXPECT_THAT(packet.Wire(), ElementsAre(0x27, 7, 0x17, 0x10, 3, 0, 0, 0, 20, 0, 0, 0, 0, 0, 0, 0,  //
+                                         0xFB, 0xFF, 0xFF, 0xFF));
 }
 
 TEST(VelPacketTest, InitHeaderChangesTheFieldsAndKeepsLengthAndPayload) {
@@ -71,8 +70,7 @@ TEST(VelPacketTest, InitHeaderTurnsAReceivedHeaderIntoOneOfThisHost) {
   const Header foreign = {0x99, 1, 0x10, 0x24, 0, 0, 0, 9, 0, 0, 0, 16, 1, 0, 0, 0};
   const auto packet = VelPacket::ForReceived(foreign, 16);
   packet->InitHeader(2, 0x1025, 4);
-  EXPECT_THAT(packet->Wire(),
-              ElementsAre(0x27, 2, 0x25, 0x10, 4, 0, 0, 0, 16, 0, 0, 0, 0, 0, 0, 0));
+  EXPECT_THAT(packet->Wire(), ElementsAre(0x27, 2, 0x25, 0x10, 4, 0, 0, 0, 16, 0, 0, 0, 0, 0, 0, 0));
 }
 
 struct AppendCase {
@@ -103,8 +101,7 @@ TEST_P(VelPacketAppendTest, LooksAtTheLastSizeAloneAndGrowsInWholeSteps) {
   const std::vector<std::uint8_t> bytes = Counting(test.result == 0 ? test.last : 0, 99);
   testing::internal::CaptureStdout();
   EXPECT_EQ(packet.Append(bytes.data(), test.last), test.result);
-  EXPECT_EQ(testing::internal::GetCapturedStdout(),
-            test.result == 0 ? "" : "payload size larger than packet size\n");
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), test.result == 0 ? "" : "payload size larger than packet size\n");
   if (test.result == 0) {
     expected.insert(expected.end(), bytes.begin(), bytes.end());
   }
@@ -118,25 +115,15 @@ constexpr std::uint32_t kStep = 131072;
 INSTANTIATE_TEST_SUITE_P(
     Sizes, VelPacketAppendTest,
     testing::Values(
-        AppendCase{"NothingIntoAHeader", 0, {}, 0, 0, 16, 16},
-        AppendCase{"NothingAtTheEnd", 20, {4}, 0, 0, 20, 20},
-        AppendCase{"OneIntoAHeader", 0, {}, 1, -1, 16, 16},
-        AppendCase{"ExactFit", 20, {}, 4, 0, 20, 20},
-        AppendCase{"FirstTooLong", 20, {}, 5, -1, 16, 20},
-        AppendCase{"SecondTooLong", 20, {2}, 5, -1, 18, 20},
+        AppendCase{"NothingIntoAHeader", 0, {}, 0, 0, 16, 16}, AppendCase{"NothingAtTheEnd", 20, {4}, 0, 0, 20, 20},
+        AppendCase{"OneIntoAHeader", 0, {}, 1, -1, 16, 16}, AppendCase{"ExactFit", 20, {}, 4, 0, 20, 20},
+        AppendCase{"FirstTooLong", 20, {}, 5, -1, 16, 20}, AppendCase{"SecondTooLong", 20, {2}, 5, -1, 18, 20},
         AppendCase{"LargestNumber", 1024, {}, 0xFFFFFFF0, -1, 16, 1024},
         AppendCase{"TwoFillTheBlock", 24, {4}, 4, 0, 24, 24},
         AppendCase{"OneByteBeyond", 24, {8}, 1, 0, 25, 24 + kStep},
-        AppendCase{
-            "OneStepIsJustEnough", 16 + kStep, {kStep}, kStep, 0, 16 + 2 * kStep, 16 + 2 * kStep},
+        AppendCase{"OneStepIsJustEnough", 16 + kStep, {kStep}, kStep, 0, 16 + 2 * kStep, 16 + 2 * kStep},
         AppendCase{"TwoSteps", 16 + 200000, {200000}, 200000, 0, 400016, 200016 + 2 * kStep},
-        AppendCase{"EightSteps",
-                   16 + 8 * kStep,
-                   {8 * kStep - 1},
-                   8 * kStep,
-                   0,
-                   15 + 16 * kStep,
-                   16 + 16 * kStep},
+        AppendCase{"EightSteps", 16 + 8 * kStep, {8 * kStep - 1}, 8 * kStep, 0, 15 + 16 * kStep, 16 + 16 * kStep},
         AppendCase{"GrownRoomCounts", 24, {8, 8}, kStep, 0, 32 + kStep, 24 + 2 * kStep}),
     [](const auto& test) { return test.param.name; });
 
@@ -261,8 +248,7 @@ TEST(VelPacketTest, LengthFieldNeverLeadsOutOfTheBlock) {
     std::uint32_t length;
     std::size_t wire;
     std::size_t payload;
-  } const cases[] = {{0, 0, 0},   {15, 15, 0}, {16, 16, 0},        {20, 20, 4},
-                     {24, 24, 8}, {25, 24, 8}, {0xFFFFFFFF, 24, 8}};
+  } const cases[] = {{0, 0, 0}, {15, 15, 0}, {16, 16, 0}, {20, 20, 4}, {24, 24, 8}, {25, 24, 8}, {0xFFFFFFFF, 24, 8}};
   for (const auto& test : cases) {
     SCOPED_TRACE(test.length);
     VelPacket packet(24);

@@ -44,9 +44,7 @@ class SessionFixture : public ::testing::Test {
   // Whatever was posted is done when this returns; costs one call of GetDeviceSpeed and one reply.
   void Drain() { EXPECT_THAT(Ask(BuildRequest(Command::kGetDeviceSpeed, {})).wellFormed, true); }
 
-  std::shared_ptr<VirtUsb> Session() const {
-    return std::dynamic_pointer_cast<VirtUsb>(driver->GetDriverObj());
-  }
+  std::shared_ptr<VirtUsb> Session() const { return std::dynamic_pointer_cast<VirtUsb>(driver->GetDriverObj()); }
 
   RecordingDeviceBase remote;
   ScriptedUsbIo io;

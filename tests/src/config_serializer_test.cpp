@@ -28,9 +28,8 @@ std::optional<ConfigModel> Serialised(const DescriptorTree& tree) {
 
 Bytes Extra(std::size_t size, std::uint8_t seed) {
   Bytes bytes(size);
-  std::generate(bytes.begin(), bytes.end(), [value = seed]() mutable {
-    return value = static_cast<std::uint8_t>(value * 5 + 1);
-  });
+  std::generate(bytes.begin(), bytes.end(),
+                [value = seed]() mutable { return value = static_cast<std::uint8_t>(value * 5 + 1); });
   return bytes;
 }
 
@@ -73,8 +72,7 @@ TEST(SerialisedConfiguration, HoldsTheWholeTree) {
 }
 
 TEST(SerialisedConfiguration, GrowsForExtraBytesAboveTheReplysCapacity) {
-  for (const std::size_t size :
-       {std::size_t{8192}, std::size_t{16384 - 16 + 1}, std::size_t{200'001}}) {
+  for (const std::size_t size : {std::size_t{8192}, std::size_t{16384 - 16 + 1}, std::size_t{200'001}}) {
     SCOPED_TRACE(size);
     const Bytes configExtra = Extra(size, 1);
     const Bytes settingExtra = Extra(size, 2);
@@ -134,11 +132,9 @@ TEST(DescriptorRecords, OfEndpointsAloneAreLogged) {
   get_vep_desc(&tree.endpoint);
   get_vif_desc(&tree.settings[0]);
   get_vconfig_desc(&tree.config);
-  EXPECT_THAT(
-      log.Messages(),
-      ElementsAre(
-          "Debug:endpoint bLength[7] bDescriptorType[5] bEndpointAddress[129] bmAttributes[5] "
-          "bRefresh[177] bSynchAddress[178] extra_length[0]"));
+  EXPECT_THAT(log.Messages(),
+              ElementsAre("Debug:endpoint bLength[7] bDescriptorType[5] bEndpointAddress[129] bmAttributes[5] "
+                          "bRefresh[177] bSynchAddress[178] extra_length[0]"));
 }
 
 }  // namespace

@@ -87,10 +87,9 @@ TEST(DriverWithoutBackend, AnswersThatTheDeviceIsNotOpen) {
   driver.onEvent(BuildRequest(Command::kGetDeviceConfig, kId));
   ASSERT_TRUE(remote.WaitForReplies(3));
   driver.Close(0);
-  EXPECT_THAT(remote.Replies(),
-              ElementsAre(IsStatusReply(Command::kOpenUsbDev, kId.reqId, kId.devId, -5),
-                          IsBulkReply(4, kXferError, ElementsAre(0, 0)),
-                          IsReply(Command::kGetDeviceConfig, kId.reqId, kId.devId, IsEmpty())));
+  EXPECT_THAT(remote.Replies(), ElementsAre(IsStatusReply(Command::kOpenUsbDev, kId.reqId, kId.devId, -5),
+                                            IsBulkReply(4, kXferError, ElementsAre(0, 0)),
+                                            IsReply(Command::kGetDeviceConfig, kId.reqId, kId.devId, IsEmpty())));
 }
 
 TEST(SessionWithoutDevice, IsBuiltAllTheSame) {

@@ -68,22 +68,20 @@ class PacketSource {
 
   std::uint32_t Interesting() {
     constexpr std::array<std::uint32_t, 14> kValues = {
-        0,    1,         2,          7,          16,         18,         300,
-        4096, 0x4000001, 0x7FFFFFFF, 0x80000000, 0xFFFFFFF0, 0xFFFFFFFE, 0xFFFFFFFF};
+        0, 1, 2, 7, 16, 18, 300, 4096, 0x4000001, 0x7FFFFFFF, 0x80000000, 0xFFFFFFF0, 0xFFFFFFFE, 0xFFFFFFFF};
     return kValues[Below(kValues.size())];
   }
 
   Bytes RandomBytes(std::uint32_t size) {
     Bytes bytes(size);
-    std::generate(bytes.begin(), bytes.end(),
-                  [this] { return static_cast<std::uint8_t>(mRandom()); });
+    std::generate(bytes.begin(), bytes.end(), [this] { return static_cast<std::uint8_t>(mRandom()); });
     return bytes;
   }
 
   // Any code, or a known one, with anything as payload.
   std::unique_ptr<VelPacket> Noise() {
-    const Command command = Below(2) == 0 ? static_cast<Command>(mRandom())
-                                          : kCommands[Below(kCommands.size())].command;
+    const Command command =
+        Below(2) == 0 ? static_cast<Command>(mRandom()) : kCommands[Below(kCommands.size())].command;
     Bytes payload = RandomBytes(Below(48));
     const CommandInfo* info = FindCommand(static_cast<std::uint16_t>(command));
     if (info != nullptr && info->reply == ReplyKind::kAsync && payload.size() >= info->fieldBytes) {
@@ -102,21 +100,19 @@ class PacketSource {
         return BuildTransferRequest(Command::kBulkTransfer, id, endpoint, stream, Interesting(),
                                     RandomBytes(Below(300)));
       case 1:
-        return BuildTransferRequest(Command::kInterruptTransfer, id, endpoint, stream,
-                                    Interesting(), RandomBytes(Below(64)));
+        return BuildTransferRequest(Command::kInterruptTransfer, id, endpoint, stream, Interesting(),
+                                    RandomBytes(Below(64)));
       case 2: {
         std::vector<std::uint32_t> lengths(Below(40));
-        std::generate(lengths.begin(), lengths.end(),
-                      [this] { return Below(16) == 0 ? Interesting() : Below(200); });
+        std::generate(lengths.begin(), lengths.end(), [this] { return Below(16) == 0 ? Interesting() : Below(200); });
         return BuildIsoRequest(id, endpoint, stream, lengths, RandomBytes(Below(3000)));
       }
       case 3:
-        return BuildControlRequest(
-            id,
-            {static_cast<std::uint8_t>(mRandom()), static_cast<std::uint8_t>(Below(16)),
-             static_cast<std::uint16_t>(Below(0x400)), static_cast<std::uint16_t>(Below(8)),
-             static_cast<std::uint16_t>(Below(300))},
-            Below(1000));
+        return BuildControlRequest(id,
+                                   {static_cast<std::uint8_t>(mRandom()), static_cast<std::uint8_t>(Below(16)),
+                                    static_cast<std::uint16_t>(Below(0x400)), static_cast<std::uint16_t>(Below(8)),
+                                    static_cast<std::uint16_t>(Below(300))},
+                                   Below(1000));
       case 4:
         return BuildStringRequest(id, static_cast<std::uint8_t>(mRandom()), 0x0409, Interesting());
       case 5:
@@ -198,8 +194,8 @@ TEST_P(Flood, LeavesTheDeviceAnsweringAndClosable) {
 
 INSTANTIATE_TEST_SUITE_P(Devices, Flood,
                          ::testing::Values(Device{"Keyboard", 0xFF01}, Device{"Printer", 0xFF02},
-                                           Device{"Ch340", 0xFF03}, Device{"Ch9102", 0xFF04},
-                                           Device{"Winusb", 0xFF05}, Device{"Raw", 0xFF06}),
+                                           Device{"Ch340", 0xFF03}, Device{"Ch9102", 0xFF04}, Device{"Winusb", 0xFF05},
+                                           Device{"Raw", 0xFF06}),
                          [](const auto& test) { return std::string(test.param.name); });
 
 }  // namespace

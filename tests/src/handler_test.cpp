@@ -84,13 +84,8 @@ TEST_F(Handler, StatusCommandsAnswerWhatTheirOperationDid) {
       {Command::kReleaseAllInterface, "ReleaseAllInterface", {}, "", LIBUSB_ERROR_IO},
       {Command::kClaimAllInterface, "ClaimAllInterface", {}, "", LIBUSB_ERROR_OTHER},
       {Command::kSetConfiguration, "SetConfiguration", twoNumbers, " 2", LIBUSB_ERROR_TIMEOUT},
-      {Command::kSetInterfaceAltSetting, "SetInterfaceAltSetting", twoNumbers, " 2 -1",
-       LIBUSB_ERROR_OVERFLOW},
-      {Command::kCancelTransfer,
-       "CancelTransfer",
-       {0xFF, 0xFF, 0xFF, 0xFF},
-       " 4294967295",
-       LIBUSB_ERROR_NO_MEM},
+      {Command::kSetInterfaceAltSetting, "SetInterfaceAltSetting", twoNumbers, " 2 -1", LIBUSB_ERROR_OVERFLOW},
+      {Command::kCancelTransfer, "CancelTransfer", {0xFF, 0xFF, 0xFF, 0xFF}, " 4294967295", LIBUSB_ERROR_NO_MEM},
   };
   std::vector<std::string> calls = {"Init"};
   for (const Row& row : rows) {
@@ -129,9 +124,8 @@ TEST_F(Handler, StringRepliesHoldNoMoreThanTheBufferWhateverTheBackendClaims) {
     int backend;
     std::int32_t result;
   };
-  for (const Row& row :
-       {Row{0, 0, 0, 0}, Row{4, 4, 4, 4}, Row{4, 4, 9, 4}, Row{256, 256, 256, 256},
-        Row{257, 256, 300, 256}, Row{0xFFFFFFFF, 256, 2, 2}, Row{255, 255, -9, -9}}) {
+  for (const Row& row : {Row{0, 0, 0, 0}, Row{4, 4, 4, 4}, Row{4, 4, 9, 4}, Row{256, 256, 256, 256},
+                         Row{257, 256, 300, 256}, Row{0xFFFFFFFF, 256, 2, 2}, Row{255, 255, -9, -9}}) {
     SCOPED_TRACE(row.asked);
     int room = -1;
     io.AnswerString([&](std::span<std::uint8_t> buffer) {
@@ -140,9 +134,8 @@ TEST_F(Handler, StringRepliesHoldNoMoreThanTheBufferWhateverTheBackendClaims) {
       return row.backend;
     });
     const Bytes data(static_cast<std::size_t>(std::max(row.result, 0)), 0x5A);
-    EXPECT_THAT(
-        Ask(BuildStringRequest(kId, 2, 0x0409, row.asked)),
-        IsReply(Command::kGetStringDescriptor, kId.reqId, kId.devId, Answer(row.result, data)));
+    EXPECT_THAT(Ask(BuildStringRequest(kId, 2, 0x0409, row.asked)),
+                IsReply(Command::kGetStringDescriptor, kId.reqId, kId.devId, Answer(row.result, data)));
     EXPECT_EQ(room, row.passedOn);
   }
   EXPECT_THAT(io.Calls(), Contains("GetStringDescriptor 2 1033 256"));
@@ -154,9 +147,8 @@ TEST_F(Handler, ControlRepliesHoldWhatTheDeviceMoved) {
     int backend;
     Bytes expected;
   };
-  for (const Row& row :
-       {Row{3, Answer(3, {1, 2, 3})}, Row{0, Answer(0)}, Row{LIBUSB_ERROR_PIPE, Answer(-9)},
-        Row{4, Answer(4, {1, 2, 3, 0xEE})}, Row{99, Answer(4, {1, 2, 3, 0xEE})}}) {
+  for (const Row& row : {Row{3, Answer(3, {1, 2, 3})}, Row{0, Answer(0)}, Row{LIBUSB_ERROR_PIPE, Answer(-9)},
+                         Row{4, Answer(4, {1, 2, 3, 0xEE})}, Row{99, Answer(4, {1, 2, 3, 0xEE})}}) {
     SCOPED_TRACE(row.backend);
     io.AnswerControl([&](std::span<std::uint8_t> data) {
       EXPECT_THAT(Bytes(data.begin(), data.end()), ElementsAre(0xEE, 0xEE, 0xEE, 0xEE));
@@ -164,11 +156,9 @@ TEST_F(Handler, ControlRepliesHoldWhatTheDeviceMoved) {
       return row.backend;
     });
     const auto request = [] {
-      return BuildControlRequest(kId, {0xC0, 0x33, 0x1234, 0xABCD, 4}, 70'000,
-                                 Bytes{0xEE, 0xEE, 0xEE, 0xEE});
+      return BuildControlRequest(kId, {0xC0, 0x33, 0x1234, 0xABCD, 4}, 70'000, Bytes{0xEE, 0xEE, 0xEE, 0xEE});
     };
-    EXPECT_THAT(Ask(request()),
-                IsReply(Command::kControlTransfer, kId.reqId, kId.devId, row.expected));
+    EXPECT_THAT(Ask(request()), IsReply(Command::kControlTransfer, kId.reqId, kId.devId, row.expected));
     EXPECT_EQ(io.Calls().back(), "ControlTransfer 192 51 4660 43981 4 70000");
   }
 }
@@ -190,9 +180,9 @@ TEST_F(Handler, TransfersArriveWithTheirFieldsAndData) {
   ASSERT_TRUE(io.Complete(8, {.status = kXferCompleted, .bytes = {{6, 7}}}));
   ASSERT_TRUE(io.CompleteNext({.status = kXferCompleted, .bytes = {}}));
   ASSERT_TRUE(io.CompleteNext({.status = kXferCompleted, .bytes = {{}}}));
-  EXPECT_THAT(remote.Replies(), ElementsAre(IsInterruptReply(8, 0, ElementsAre(6, 7)),
-                                            IsBulkReply(7, 0, ElementsAre(1, 2, 3)),
-                                            IsIsoReply(0xFFFFFFFF, 0, 2, IsEmpty())));
+  EXPECT_THAT(remote.Replies(),
+              ElementsAre(IsInterruptReply(8, 0, ElementsAre(6, 7)), IsBulkReply(7, 0, ElementsAre(1, 2, 3)),
+                          IsIsoReply(0xFFFFFFFF, 0, 2, IsEmpty())));
   for (const Reply& reply : remote.Replies()) {
     EXPECT_EQ(reply.reqId, 0x31);  // The framework's number, not the request's.
     EXPECT_EQ(reply.devId, kId.devId);
@@ -202,23 +192,20 @@ TEST_F(Handler, TransfersArriveWithTheirFieldsAndData) {
 TEST_F(Handler, IsochronousReplyCanBeMeasuredByOnePing) {
   const CapturingLog log;
   Ask(BuildIsoRequest(kId, 0x83, 0x01020304, std::array{2U}, {}));
-  auto swapped = BuildRequest(Command::kPing, kId,
-                              Bytes{1, 2, 3, 4, 0x11, 0x22, 0x33, 0x44, 0x55, 0x66, 0x77, 0x88});
+  auto swapped = BuildRequest(Command::kPing, kId, Bytes{1, 2, 3, 4, 0x11, 0x22, 0x33, 0x44, 0x55, 0x66, 0x77, 0x88});
   swapped->MutableWire()[VelPacket::kByteOrderOffset] = 1;
   Post(std::move(swapped));
   Post(BuildPing(kId, 0x01020304, 5));  // Measured already.
   Post(BuildPing(kId, 77, 5));          // Never sent.
   Post(BuildRequest(Command::kPing, kId, Bytes(11)));
   Drain();
-  EXPECT_THAT(
-      log.Messages("Ping"),
-      ElementsAre(AllOf(StartsWith("Debug:[UVC tuning] streamid = 16909060 reply to ping = "),
-                        HasSubstr(", remote timestamp = 1234605616436508552"))));
-  EXPECT_THAT(log.Messages("doPingProcess"),
-              ElementsAre("Debug:streamid = 16909060 camera time test end at time  ",
-                          "Debug:streamid = 16909060 camera time test end at time  ",
-                          "Debug:streamid = 77 camera time test end at time  ",
-                          "Debug:streamid = 0 camera time test end at time  "));
+  EXPECT_THAT(log.Messages("Ping"),
+              ElementsAre(AllOf(StartsWith("Debug:[UVC tuning] streamid = 16909060 reply to ping = "),
+                                HasSubstr(", remote timestamp = 1234605616436508552"))));
+  EXPECT_THAT(log.Messages("doPingProcess"), ElementsAre("Debug:streamid = 16909060 camera time test end at time  ",
+                                                         "Debug:streamid = 16909060 camera time test end at time  ",
+                                                         "Debug:streamid = 77 camera time test end at time  ",
+                                                         "Debug:streamid = 0 camera time test end at time  "));
   EXPECT_EQ(log.Count("Error:ping (0x0004): bad payload of 11 bytes, fields take 12"), 1U);
   EXPECT_THAT(remote.Replies(), SizeIs(2));
 }
@@ -236,23 +223,22 @@ TEST_F(Handler, EachLogsItsFamilyOfLines) {
   io.AnswerControl([](std::span<std::uint8_t>) { return 0; });
   std::vector<Row> rows;
   rows.push_back(plain("onGetDeviceDesc", Command::kGetDeviceDesc, {"onGetDeviceDesc"}));
-  rows.push_back(
-      plain("onOpenUsbDev", Command::kOpenUsbDev, {"onOpenUsbDev start", "onOpenUsbDev ret:0"}));
+  rows.push_back(plain("onOpenUsbDev", Command::kOpenUsbDev, {"onOpenUsbDev start", "onOpenUsbDev ret:0"}));
   rows.push_back(plain("onCloseUsbDev", Command::kCloseUsbDev, {"ENTER", "onCloseUsbDev ret:0"}));
   rows.push_back(plain("onGetDeviceconfig", Command::kGetDeviceConfig,
                        {"onGetDeviceconfig", "GetPayloadSize[16],GetPacketSize[32]"}));
   rows.push_back({"onGetStringDescriptor", BuildStringRequest(kId, 1, 2, 3), {"ENTER"}});
-  for (const auto& [function, command] : std::vector<std::pair<std::string, Command>>{
-           {"onGetDevicePortNumber", Command::kGetDevicePortNumber},
-           {"onGetBusNumber", Command::kGetBusNumber},
-           {"onGetDeviceAddress", Command::kGetDeviceAddress},
-           {"onResetDevice", Command::kResetDevice},
-           {"onAttachKernelDriver", Command::kAttachKernelDriver},
-           {"onDetachKernelDriver", Command::kDetachKernelDriver},
-           {"onClearHalt", Command::kClearHalt},
-           {"onReleaseAllInterface", Command::kReleaseAllInterface},
-           {"onClaimAllInterface", Command::kClaimAllInterface},
-           {"onGetDeviceSpeed", Command::kGetDeviceSpeed}}) {
+  for (const auto& [function, command] :
+       std::vector<std::pair<std::string, Command>>{{"onGetDevicePortNumber", Command::kGetDevicePortNumber},
+                                                    {"onGetBusNumber", Command::kGetBusNumber},
+                                                    {"onGetDeviceAddress", Command::kGetDeviceAddress},
+                                                    {"onResetDevice", Command::kResetDevice},
+                                                    {"onAttachKernelDriver", Command::kAttachKernelDriver},
+                                                    {"onDetachKernelDriver", Command::kDetachKernelDriver},
+                                                    {"onClearHalt", Command::kClearHalt},
+                                                    {"onReleaseAllInterface", Command::kReleaseAllInterface},
+                                                    {"onClaimAllInterface", Command::kClaimAllInterface},
+                                                    {"onGetDeviceSpeed", Command::kGetDeviceSpeed}}) {
     rows.push_back(plain(function, command, {"ENTER", function + " ret:0"}));
   }
   rows.push_back({"onSetConfiguration",
@@ -265,19 +251,15 @@ TEST_F(Handler, EachLogsItsFamilyOfLines) {
   rows.push_back({"onCancelTransfer",
                   BuildU32Request(Command::kCancelTransfer, kId, 7),
                   {"ENTER", "onCancelTransfer  streamid:7", "onCancelTransfer ret:-5"}});
+  rows.push_back({"onControlTransfer",
+                  BuildControlRequest(kId, {0xC0, 0x0B, 0x123, 0x45, 6}, 1000),
+                  {"ENTER",
+                   "controlTransfer requestType[0xc0],bRequest[0xb],wValue[0x123],wIndex[0x45],wLength[6],"
+                   "timeout[1000]",
+                   "onControlTransfer ret:0"}});
+  rows.push_back({"onBulkTransfer", BuildTransferRequest(Command::kBulkTransfer, kId, 1, 2, 0, {}), {"ENTER"}});
   rows.push_back(
-      {"onControlTransfer",
-       BuildControlRequest(kId, {0xC0, 0x0B, 0x123, 0x45, 6}, 1000),
-       {"ENTER",
-        "controlTransfer requestType[0xc0],bRequest[0xb],wValue[0x123],wIndex[0x45],wLength[6],"
-        "timeout[1000]",
-        "onControlTransfer ret:0"}});
-  rows.push_back({"onBulkTransfer",
-                  BuildTransferRequest(Command::kBulkTransfer, kId, 1, 2, 0, {}),
-                  {"ENTER"}});
-  rows.push_back({"onInterruptTransfer",
-                  BuildTransferRequest(Command::kInterruptTransfer, kId, 1, 2, 0, {}),
-                  {"ENTER"}});
+      {"onInterruptTransfer", BuildTransferRequest(Command::kInterruptTransfer, kId, 1, 2, 0, {}), {"ENTER"}});
   rows.push_back({"onIsochTransfer", BuildIsoRequest(kId, 0x83, 5, {}, {}), {"ENTER"}});
   rows.push_back({"onSetRedirPolicy",
                   BuildPolicyRequest(kId, Bytes{'a', '\n', 'b', 0x1B}),
@@ -295,23 +277,20 @@ TEST_F(Handler, EachLogsItsFamilyOfLines) {
       expected.push_back("Debug:" + message);
     }
     EXPECT_THAT(log.Messages(row.function), ElementsAreArray(expected));
-    EXPECT_THAT(log.Messages("EventHandler"),
-                ElementsAre("Debug:EventHandler cmd:" + std::to_string(code)));
+    EXPECT_THAT(log.Messages("EventHandler"), ElementsAre("Debug:EventHandler cmd:" + std::to_string(code)));
     EXPECT_THAT(log.Messages("onEvent"), ElementsAre("Debug:getPacket devId=287454020,reqID=165 "));
   }
   log.Clear();
   Ask(BuildRequest(Command::kCloseUsbDev, kId));
   const std::vector<LogLine> lines = log.Lines();
-  const auto line = std::find_if(lines.begin(), lines.end(),
-                                 [](const LogLine& l) { return l.message == "Debug:ENTER"; });
+  const auto line =
+      std::find_if(lines.begin(), lines.end(), [](const LogLine& l) { return l.message == "Debug:ENTER"; });
   ASSERT_NE(line, lines.end());
-  EXPECT_THAT(line->text,
-              MatchesRegex("virtusb_device_handler.cpp onCloseUsbDev\\([0-9]+\\): "
-                           "\\[bus:0x[0-9a-f]+ devid:9 cid:4 0xff00:0xff06\\]Debug:ENTER"));
+  EXPECT_THAT(line->text, MatchesRegex("virtusb_device_handler.cpp onCloseUsbDev\\([0-9]+\\): "
+                                       "\\[bus:0x[0-9a-f]+ devid:9 cid:4 0xff00:0xff06\\]Debug:ENTER"));
   // The one handler line that does not name its device.
-  const auto bare = std::find_if(lines.begin(), lines.end(), [](const LogLine& l) {
-    return l.message == "Debug:onCloseUsbDev ret:0";
-  });
+  const auto bare = std::find_if(lines.begin(), lines.end(),
+                                 [](const LogLine& l) { return l.message == "Debug:onCloseUsbDev ret:0"; });
   ASSERT_NE(bare, lines.end());
   EXPECT_EQ(bare->device, "");
 }
@@ -335,16 +314,13 @@ TEST_F(Handler, DataIsDumpedUpTo32BytesButForInterrupts) {
   };
   const Bytes three = {0x01, 0xAB, 0xFF};
   std::vector<Row> rows;
-  rows.push_back({BuildTransferRequest(Command::kBulkTransfer, kId, 1, 1, 3, three),
-                  {"Debug:ret:0x01 0xab 0xff "}});
-  rows.push_back(
-      {BuildTransferRequest(Command::kBulkTransfer, kId, 1, 1, 100, hundred), {first32}});
+  rows.push_back({BuildTransferRequest(Command::kBulkTransfer, kId, 1, 1, 3, three), {"Debug:ret:0x01 0xab 0xff "}});
+  rows.push_back({BuildTransferRequest(Command::kBulkTransfer, kId, 1, 1, 100, hundred), {first32}});
   rows.push_back({BuildTransferRequest(Command::kBulkTransfer, kId, 1, 1, 0, {}), {}});
-  rows.push_back({BuildTransferRequest(Command::kBulkTransfer, kId, 0x81, 1, 50, three),
-                  {"Debug:ret:0x01 0xab 0xff "}});
-  rows.push_back({BuildTransferRequest(Command::kInterruptTransfer, kId, 1, 1, 3, three), {}});
   rows.push_back(
-      {BuildControlRequest(kId, {0x40, 0, 0, 0, 3}, 0, three), {"Debug:ret:0x01 0xab 0xff "}});
+      {BuildTransferRequest(Command::kBulkTransfer, kId, 0x81, 1, 50, three), {"Debug:ret:0x01 0xab 0xff "}});
+  rows.push_back({BuildTransferRequest(Command::kInterruptTransfer, kId, 1, 1, 3, three), {}});
+  rows.push_back({BuildControlRequest(kId, {0x40, 0, 0, 0, 3}, 0, three), {"Debug:ret:0x01 0xab 0xff "}});
   rows.push_back({BuildIsoRequest(kId, 3, 1, std::array{1U}, Bytes{0x7F}),
                   {"Debug:ret:0x10 0x00 0x00 0x00 0x01 0x00 0x00 0x00 0x00 0x00 0x00 0x00 0x00 "
                    "0x00 0x00 0x00 0x7f "}});

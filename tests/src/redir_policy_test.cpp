@@ -27,14 +27,12 @@ using ::testing::StartsWith;
 using Bytes = std::vector<std::uint8_t>;
 
 struct Policed {
-  explicit Policed(std::uint8_t address)
-      : remote({.address = address}), device(&remote, &ScriptedUsbIo::Create) {
+  explicit Policed(std::uint8_t address) : remote({.address = address}), device(&remote, &ScriptedUsbIo::Create) {
     device.Init();
     io.Describe(&deviceDesc, &tree.config);
   }
 
-  int Control(std::uint8_t bmRequestType, std::uint8_t bRequest, std::uint16_t wValue,
-              Bytes& data) {
+  int Control(std::uint8_t bmRequestType, std::uint8_t bRequest, std::uint16_t wValue, Bytes& data) {
     return device.ControlTransfer(bmRequestType, bRequest, wValue, 0x81, data.data(),
                                   static_cast<std::uint16_t>(data.size()), 9);
   }
@@ -71,15 +69,12 @@ TEST(Policy, ClaimsDescriptorRequestsOfEmulatedDevicesOnly) {
     bool claimed;
   };
   for (const Row& row :
-       {Row{"device", 0x80, 0x80, 6, 0x0100, true},
-        Row{"configuration", 0x80, 0x80, 6, 0x0200, true},
+       {Row{"device", 0x80, 0x80, 6, 0x0100, true}, Row{"configuration", 0x80, 0x80, 6, 0x0200, true},
         Row{"any index", 0x80, 0x80, 6, 0x02FF, true},
         Row{"other recipient is claimed and gets nothing", 0x80, 0x82, 6, 0x0100, true},
-        Row{"string", 0x80, 0x80, 6, 0x0300, false},
-        Row{"other request", 0x80, 0x80, 8, 0x0100, false},
+        Row{"string", 0x80, 0x80, 6, 0x0300, false}, Row{"other request", 0x80, 0x80, 8, 0x0100, false},
         Row{"class", 0x80, 0xA0, 6, 0x0100, false}, Row{"vendor", 0x80, 0xC0, 6, 0x0100, false},
-        Row{"real device", 0x7F, 0x80, 6, 0x0100, false},
-        Row{"real configuration", 0x7F, 0x80, 6, 0x0200, false}}) {
+        Row{"real device", 0x7F, 0x80, 6, 0x0100, false}, Row{"real configuration", 0x7F, 0x80, 6, 0x0200, false}}) {
     SCOPED_TRACE(row.what);
     Policed policed(row.address);
     policed.io.Answer("ControlTransfer", 3);
@@ -115,10 +110,8 @@ TEST(Policy, ClearFeatureOfAnEndpointClearsTheHaltAndReachesTheDevice) {
     const CapturingLog log(OSKELO_LOG_ERROR);
     Bytes none;
     EXPECT_EQ(policed.Control(2, 1, 0, none), 0);
-    EXPECT_THAT(policed.io.Calls(),
-                ElementsAre("Init", "ClearHalt 129", "ControlTransfer 2 1 0 129 0 9"));
-    EXPECT_THAT(log.Messages(),
-                ElementsAre("Error:Clear feature status[-9], rt[0x2], r[0x1], v[0x0], i[0x81]"));
+    EXPECT_THAT(policed.io.Calls(), ElementsAre("Init", "ClearHalt 129", "ControlTransfer 2 1 0 129 0 9"));
+    EXPECT_THAT(log.Messages(), ElementsAre("Error:Clear feature status[-9], rt[0x2], r[0x1], v[0x0], i[0x81]"));
     for (const std::uint8_t other : Bytes{0x00, 0x01, 0x82, 0x22, 0x42}) {
       policed.Control(other, 1, 0, none);
     }
@@ -150,17 +143,15 @@ TEST(RebuiltConfiguration, IsTheTreeInWireOrder) {
   DescriptorTree::SetExtra(tree.settings[0], settingExtra);
   DescriptorTree::SetExtra(tree.endpoint, endpointExtra);
   tree.endpoint.bLength = LIBUSB_DT_ENDPOINT_AUDIO_SIZE;
-  EXPECT_THAT(
-      Rebuilt(tree),
-      ElementsAreArray({
-          9, 2,    45,   0, 1,    2,    6,    0xC0, 25,    // configuration
-          3, 0x41, 1,                                      // its extra bytes
-          9, 4,    3,    0, 0,    0xFF, 0xFE, 0xFD, 8,     // setting 0
-          2, 0x42,                                         //
-          9, 4,    3,    1, 1,    0xFF, 0xFE, 0xFD, 8,     // setting 1
-          9, 5,    0x81, 5, 0x02, 0x04, 1,    0xB1, 0xB2,  // endpoint, with the audio fields
-          4, 0x43, 1,    2,
-      }));
+  EXPECT_THAT(Rebuilt(tree), ElementsAreArray({
+                                 9, 2,    45,   0, 1,    2,    6,    0xC0, 25,    // configuration
+                                 3, 0x41, 1,                                      // its extra bytes
+                                 9, 4,    3,    0, 0,    0xFF, 0xFE, 0xFD, 8,     // setting 0
+                                 2, 0x42,                                         //
+                                 9, 4,    3,    1, 1,    0xFF, 0xFE, 0xFD, 8,     // setting 1
+                                 9, 5,    0x81, 5, 0x02, 0x04, 1,    0xB1, 0xB2,  // endpoint, with the audio fields
+                                 4, 0x43, 1,    2,
+                             }));
 }
 
 TEST(RebuiltConfiguration, IsSizedByWhatIsThereWhateverTheTreeClaims) {
@@ -216,10 +207,8 @@ TEST(RebuiltConfiguration, OfMoreThan64KiBIsNone) {
   DescriptorTree::SetExtra(tree.settings[0], extra);
   const CapturingLog log(OSKELO_LOG_ERROR);
   EXPECT_THAT(Rebuilt(tree), IsEmpty());
-  EXPECT_THAT(
-      log.Messages(),
-      ElementsAre(
-          "Error:configuration descriptor of 65536 bytes is larger than a device can have"));
+  EXPECT_THAT(log.Messages(),
+              ElementsAre("Error:configuration descriptor of 65536 bytes is larger than a device can have"));
   --tree.settings[0].extra_length;
   const Bytes largest = Rebuilt(tree);
   ASSERT_EQ(largest.size(), 0xFFFFU);

@@ -28,8 +28,8 @@ class Session : public SessionFixture {};
 std::unique_ptr<VelPacket> LargeRequest(Command command, std::uint32_t payloadBytes,
                                         std::span<const std::uint32_t> fields = {}) {
   const auto header = BuildRequest(command, kId);
-  auto request = VelPacket::ForReceived(header->Wire().first<VelPacket::kHeaderSize>(),
-                                        VelPacket::kHeaderSize + payloadBytes);
+  auto request =
+      VelPacket::ForReceived(header->Wire().first<VelPacket::kHeaderSize>(), VelPacket::kHeaderSize + payloadBytes);
   std::ranges::copy(std::as_bytes(fields),
                     std::as_writable_bytes(request->MutableWire()).begin() + VelPacket::kHeaderSize);
   return request;
@@ -41,15 +41,13 @@ TEST_F(Session, HandlersAndRepliesRunOnOneThreadThatIsNotThePosters) {
   const std::vector<std::thread::id> threads = io.CallThreads();
   ASSERT_GE(threads.size(), 3U);
   EXPECT_EQ(threads[0], std::this_thread::get_id());  // Init
-  EXPECT_THAT(std::vector(threads.begin() + 1, threads.end()),
-              Each(AllOf(Ne(std::this_thread::get_id()), threads[1])));
+  EXPECT_THAT(std::vector(threads.begin() + 1, threads.end()), Each(AllOf(Ne(std::this_thread::get_id()), threads[1])));
   EXPECT_EQ(remote.Replies().at(0).thread, threads[1]);
 }
 
 TEST_F(Session, RequestsRunInOrderEachAfterTheOneBeforeIsDone) {
   io.Block("ResetDevice");
-  for (const Command command :
-       {Command::kResetDevice, Command::kGetBusNumber, Command::kDetachKernelDriver}) {
+  for (const Command command : {Command::kResetDevice, Command::kGetBusNumber, Command::kDetachKernelDriver}) {
     Post(BuildRequest(command, kId));
   }
   ASSERT_TRUE(io.WaitForCall("ResetDevice"));
@@ -57,12 +55,10 @@ TEST_F(Session, RequestsRunInOrderEachAfterTheOneBeforeIsDone) {
   EXPECT_THAT(remote.Replies(), IsEmpty());
   io.Release("ResetDevice");
   ASSERT_TRUE(remote.WaitForReplies(3));
-  EXPECT_THAT(io.Calls(), ElementsAre("Init", "ResetDevice", "ResetDevice done", "GetBusNumber",
-                                      "DetachKernelDriver"));
-  EXPECT_THAT(remote.Replies(),
-              ElementsAre(IsStatusReply(Command::kResetDevice, kId.reqId, kId.devId, 0),
-                          IsStatusReply(Command::kGetBusNumber, kId.reqId, kId.devId, 0),
-                          IsStatusReply(Command::kDetachKernelDriver, kId.reqId, kId.devId, 0)));
+  EXPECT_THAT(io.Calls(), ElementsAre("Init", "ResetDevice", "ResetDevice done", "GetBusNumber", "DetachKernelDriver"));
+  EXPECT_THAT(remote.Replies(), ElementsAre(IsStatusReply(Command::kResetDevice, kId.reqId, kId.devId, 0),
+                                            IsStatusReply(Command::kGetBusNumber, kId.reqId, kId.devId, 0),
+                                            IsStatusReply(Command::kDetachKernelDriver, kId.reqId, kId.devId, 0)));
 }
 
 TEST_F(Session, TwoSessionsDoNotWaitForEachOther) {
@@ -77,8 +73,7 @@ TEST_F(Session, TwoSessionsDoNotWaitForEachOther) {
   other.onEvent(BuildRequest(Command::kGetDevicePortNumber, {.reqId = 1, .devId = 2}));
   ASSERT_TRUE(otherRemote.WaitForReplies(1));
   other.Close(0);
-  EXPECT_THAT(otherRemote.Replies(),
-              ElementsAre(IsStatusReply(Command::kGetDevicePortNumber, 1, 2, 7)));
+  EXPECT_THAT(otherRemote.Replies(), ElementsAre(IsStatusReply(Command::kGetDevicePortNumber, 1, 2, 7)));
   EXPECT_THAT(remote.Replies(), IsEmpty());
   io.Release("ResetDevice");
   EXPECT_TRUE(remote.WaitForReplies(1));
@@ -96,8 +91,7 @@ TEST_F(Session, TransfersOf256MiBMayWaitAndOnesThatAreDoneMakeRoom) {
   ASSERT_TRUE(io.Complete(2, {.status = kXferTimedOut, .bytes = {}}));
   Post(BuildTransferRequest(Command::kBulkTransfer, kId, 0x81, 6, 64 * kMiB, {}));
   ASSERT_TRUE(io.WaitForHeld(4));
-  EXPECT_THAT(Ask(BuildIsoRequest(kId, 0x83, 7, std::array{1U}, {})),
-              IsIsoReply(7, kXferError, 0, IsEmpty()));
+  EXPECT_THAT(Ask(BuildIsoRequest(kId, 0x83, 7, std::array{1U}, {})), IsIsoReply(7, kXferError, 0, IsEmpty()));
   ASSERT_TRUE(io.Complete(6, {.status = kXferCompleted, .bytes = {{1, 2, 3}}}));
   ASSERT_TRUE(remote.WaitForReplies(3));
   Post(BuildTransferRequest(Command::kBulkTransfer, kId, 0x81, 8, 64 * kMiB, {}));

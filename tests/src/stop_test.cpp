@@ -66,10 +66,9 @@ TEST_F(Stop, RunningHandlerIsInterruptedByTheCloseAndStillAnswers) {
   Post(BuildControlRequest(kId, {.bmRequestType = 0xC0}, 0));
   ASSERT_TRUE(io.WaitForCall("ControlTransfer 192 0 0 0 0 0"));
   driver->Close(0);
-  EXPECT_THAT(CallsAfterInit(), ElementsAre("ControlTransfer 192 0 0 0 0 0", "AttachKernelDriver",
-                                            "ResetDevice", "CloseUsbDev", "ControlTransfer done"));
-  EXPECT_THAT(remote.Replies(),
-              ElementsAre(IsStatusReply(Command::kControlTransfer, kId.reqId, kId.devId, 0)));
+  EXPECT_THAT(CallsAfterInit(), ElementsAre("ControlTransfer 192 0 0 0 0 0", "AttachKernelDriver", "ResetDevice",
+                                            "CloseUsbDev", "ControlTransfer done"));
+  EXPECT_THAT(remote.Replies(), ElementsAre(IsStatusReply(Command::kControlTransfer, kId.reqId, kId.devId, 0)));
 }
 
 TEST_F(Stop, ThousandWaitingRequestsAreDropped) {
@@ -82,9 +81,8 @@ TEST_F(Stop, ThousandWaitingRequestsAreDropped) {
   }
   driver->Close(0);
   driver.reset();
-  EXPECT_THAT(CallsAfterInit(),
-              ElementsAre("DetachKernelDriver", "AttachKernelDriver", "ResetDevice", "CloseUsbDev",
-                          "DetachKernelDriver done"));
+  EXPECT_THAT(CallsAfterInit(), ElementsAre("DetachKernelDriver", "AttachKernelDriver", "ResetDevice", "CloseUsbDev",
+                                            "DetachKernelDriver done"));
   EXPECT_THAT(remote.Replies(), SizeIs(1));
 }
 
@@ -104,15 +102,14 @@ TEST_F(Stop, PendingTransfersAreCancelledWithoutAReply) {
 TEST_F(Stop, PendingTransfersAreAnsweredAsCancelledWhereTheRemoteSideWantsIt) {
   remote.AnswerFailedTransfers();
   io.HoldTransfers();
-  Post(BuildTransferRequest(Command::kBulkTransfer, kId, 0x02, 1, 2,
-                            std::array<std::uint8_t, 2>{8, 9}));
+  Post(BuildTransferRequest(Command::kBulkTransfer, kId, 0x02, 1, 2, std::array<std::uint8_t, 2>{8, 9}));
   Post(BuildTransferRequest(Command::kInterruptTransfer, kId, 0x81, 2, 8, {}));
   Post(BuildIsoRequest(kId, 0x83, 3, std::array{4U, 4U}, {}));
   ASSERT_TRUE(io.WaitForHeld(3));
   driver->Close(0);
-  EXPECT_THAT(remote.Replies(), ElementsAre(IsBulkReply(1, kXferCancelled, IsEmpty()),
-                                            IsInterruptReply(2, kXferCancelled, IsEmpty()),
-                                            IsIsoReply(3, kXferCancelled, 0, IsEmpty())));
+  EXPECT_THAT(remote.Replies(),
+              ElementsAre(IsBulkReply(1, kXferCancelled, IsEmpty()), IsInterruptReply(2, kXferCancelled, IsEmpty()),
+                          IsIsoReply(3, kXferCancelled, 0, IsEmpty())));
 }
 
 TEST_F(Stop, CompletionsOfTheBackendsThreadRaceWithItEachOnce) {
@@ -150,8 +147,7 @@ TEST_F(Stop, TwoThreadsMayStopAtOnceAndBothFindItStopped) {
   io.Release("ResetDevice");
   first.join();
   second.join();
-  EXPECT_THAT(CallsAfterInit(),
-              ElementsAre("AttachKernelDriver", "ResetDevice", "ResetDevice done", "CloseUsbDev"));
+  EXPECT_THAT(CallsAfterInit(), ElementsAre("AttachKernelDriver", "ResetDevice", "ResetDevice done", "CloseUsbDev"));
 }
 
 TEST_F(Stop, LastReferenceMayGoOnAnotherThreadAfterTheDriver) {
@@ -169,8 +165,8 @@ TEST_F(Stop, LastReferenceMayGoOnAnotherThreadAfterTheDriver) {
   EXPECT_TRUE(io.IsDestroyed());
   EXPECT_THAT(remote.Replies(), ElementsAre(IsInterruptReply(1, kXferCancelled, IsEmpty())));
   EXPECT_EQ(log.Count("Debug:~devicehandler end"), 1U);
-  EXPECT_THAT(log.Messages("~VirtUsb"), ElementsAre("Debug:operator dev is NULL",
-                                                    "Debug:handler stop", "Debug:handler reset"));
+  EXPECT_THAT(log.Messages("~VirtUsb"),
+              ElementsAre("Debug:operator dev is NULL", "Debug:handler stop", "Debug:handler reset"));
 }
 
 TEST_F(Stop, DriverMayBeDeletedWithoutCloseWhileRequestsWait) {
@@ -225,8 +221,7 @@ void PrintTo(const LockedHandler& handler, std::ostream* out) {
   *out << handler.name;
 }
 
-class StopAndLockedHandler : public SessionFixture,
-                             public ::testing::WithParamInterface<LockedHandler> {};
+class StopAndLockedHandler : public SessionFixture, public ::testing::WithParamInterface<LockedHandler> {};
 
 TEST_P(StopAndLockedHandler, TakeTurns) {
   const LockedHandler& handler = GetParam();
@@ -246,13 +241,12 @@ TEST_P(StopAndLockedHandler, TakeTurns) {
 
 INSTANTIATE_TEST_SUITE_P(
     Handlers, StopAndLockedHandler,
-    ::testing::Values(
-        LockedHandler{"Open", "OpenUsbDev", "OpenUsbDev",
-                      [] { return BuildRequest(Command::kOpenUsbDev, kId); }},
-        LockedHandler{"AltSetting", "SetInterfaceAltSetting", "SetInterfaceAltSetting 1 2",
-                      [] { return BuildAltSettingRequest(kId, 1, 2); }},
-        LockedHandler{"Isochronous", "IsochTransfer", "IsochTransfer 131 5 20",
-                      [] { return BuildIsoRequest(kId, 0x83, 5, std::array{4U}, {}); }}),
+    ::testing::Values(LockedHandler{"Open", "OpenUsbDev", "OpenUsbDev",
+                                    [] { return BuildRequest(Command::kOpenUsbDev, kId); }},
+                      LockedHandler{"AltSetting", "SetInterfaceAltSetting", "SetInterfaceAltSetting 1 2",
+                                    [] { return BuildAltSettingRequest(kId, 1, 2); }},
+                      LockedHandler{"Isochronous", "IsochTransfer", "IsochTransfer 131 5 20",
+                                    [] { return BuildIsoRequest(kId, 0x83, 5, std::array{4U}, {}); }}),
     [](const auto& test) { return test.param.name; });
 
 // A request that is past the enabled flag when stopping begins, and gets the mutex only when the
@@ -268,8 +262,7 @@ void PrintTo(const LateRequest& late, std::ostream* out) {
   *out << late.name;
 }
 
-class StopAndLateRequest : public SessionFixture,
-                           public ::testing::WithParamInterface<LateRequest> {};
+class StopAndLateRequest : public SessionFixture, public ::testing::WithParamInterface<LateRequest> {};
 
 TEST_P(StopAndLateRequest, NeverReopensTheDevice) {
   const LateRequest& late = GetParam();
@@ -285,19 +278,15 @@ TEST_P(StopAndLateRequest, NeverReopensTheDevice) {
   driver->Close(0);
   EXPECT_EQ(io.Calls().back(), "CloseUsbDev");
   EXPECT_THAT(io.Calls(), Not(Contains(::testing::StartsWith(late.operation))));
-  EXPECT_THAT(remote.Replies(), ElementsAre(IsStatusReply(late.command, kId.reqId, kId.devId,
-                                                          LIBUSB_ERROR_NOT_FOUND)));
+  EXPECT_THAT(remote.Replies(), ElementsAre(IsStatusReply(late.command, kId.reqId, kId.devId, LIBUSB_ERROR_NOT_FOUND)));
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Requests, StopAndLateRequest,
     ::testing::Values(LateRequest{"Open", "onOpenUsbDev start", "OpenUsbDev",
-                                  [] { return BuildRequest(Command::kOpenUsbDev, kId); },
-                                  Command::kOpenUsbDev},
-                      LateRequest{"AltSetting", "interfaceNumber:1 ,alternateSetting:2",
-                                  "SetInterfaceAltSetting",
-                                  [] { return BuildAltSettingRequest(kId, 1, 2); },
-                                  Command::kSetInterfaceAltSetting}),
+                                  [] { return BuildRequest(Command::kOpenUsbDev, kId); }, Command::kOpenUsbDev},
+                      LateRequest{"AltSetting", "interfaceNumber:1 ,alternateSetting:2", "SetInterfaceAltSetting",
+                                  [] { return BuildAltSettingRequest(kId, 1, 2); }, Command::kSetInterfaceAltSetting}),
     [](const auto& test) { return test.param.name; });
 
 }  // namespace

@@ -57,8 +57,7 @@ struct TestedDevice {
 
   RecordingDeviceBase remote;
   ScriptedUsbIo io{remote};
-  std::unique_ptr<VirtUDevice> device =
-      std::make_unique<VirtUDevice>(&remote, &ScriptedUsbIo::Create);
+  std::unique_ptr<VirtUDevice> device = std::make_unique<VirtUDevice>(&remote, &ScriptedUsbIo::Create);
 };
 
 class Emulated : public ::testing::Test, protected TestedDevice {
@@ -88,8 +87,8 @@ TEST_F(Real, EndpointZeroIsSaidToTake64BytesForNearlyEveryDevice) {
     std::uint8_t configurations;
     std::uint8_t expected;
   };
-  for (const Row& row : {Row{8, 0x40, 8}, Row{8, 1, 64}, Row{8, 0x41, 64}, Row{16, 0x40, 64},
-                         Row{64, 0x40, 64}, Row{64, 1, 64}, Row{0, 0, 64}}) {
+  for (const Row& row : {Row{8, 0x40, 8}, Row{8, 1, 64}, Row{8, 0x41, 64}, Row{16, 0x40, 64}, Row{64, 0x40, 64},
+                         Row{64, 1, 64}, Row{0, 0, 64}}) {
     SCOPED_TRACE(unsigned{row.maxPacketSize} * 1000 + row.configurations);
     libusb_device_descriptor desc{};
     desc.bMaxPacketSize0 = row.maxPacketSize;
@@ -99,8 +98,7 @@ TEST_F(Real, EndpointZeroIsSaidToTake64BytesForNearlyEveryDevice) {
     EXPECT_EQ(device->GetDevDescript(), &desc);
     EXPECT_EQ(desc.bMaxPacketSize0, row.expected);
     const bool kept = row.expected == 8;
-    EXPECT_EQ(log.Count("Debug:bMaxPacketSize0[" + std::to_string(row.maxPacketSize) + "]-[64]"),
-              kept ? 0U : 1U);
+    EXPECT_EQ(log.Count("Debug:bMaxPacketSize0[" + std::to_string(row.maxPacketSize) + "]-[64]"), kept ? 0U : 1U);
   }
 }
 
@@ -108,23 +106,19 @@ TEST_F(Emulated, FailedOpenReportsBothEventsAndStillLooksAtTheConfiguration) {
   const CapturingLog log(OSKELO_LOG_ERROR);
   io.Answer("OpenUsbDev", LIBUSB_ERROR_ACCESS);
   EXPECT_EQ(device->OpenUsbDev(), LIBUSB_ERROR_ACCESS);
-  EXPECT_THAT(
-      remote.Events(),
-      ElementsAre(
-          "LOCAL_CAMERA_CREATE status=error, message=create camera fail, success=false",
-          "LOCAL_CAMERA_CREATE status=success, message=create camera success, success=true"));
+  EXPECT_THAT(remote.Events(),
+              ElementsAre("LOCAL_CAMERA_CREATE status=error, message=create camera fail, success=false",
+                          "LOCAL_CAMERA_CREATE status=success, message=create camera success, success=true"));
   EXPECT_NE(remote.SpanIds()[0], remote.SpanIds()[1]);
   EXPECT_THAT(io.Calls(), ElementsAre("Init", "OpenUsbDev", "GetConfigDesc"));
-  EXPECT_THAT(log.Messages("OpenUsbDev"),
-              ElementsAre("Error:libusb_open error: -3 - LIBUSB_ERROR_ACCESS "
-                          "[b=0x03,a=0x80,VID=0xFF00,PID=0xFF06]"));
+  EXPECT_THAT(log.Messages("OpenUsbDev"), ElementsAre("Error:libusb_open error: -3 - LIBUSB_ERROR_ACCESS "
+                                                      "[b=0x03,a=0x80,VID=0xFF00,PID=0xFF06]"));
 }
 
 TEST_F(Emulated, OpeningReportsOneEventEachTime) {
   device->OpenUsbDev();
   device->OpenUsbDev();
-  EXPECT_THAT(remote.Events(), ElementsAre(::testing::HasSubstr("success=true"),
-                                           ::testing::HasSubstr("success=true")));
+  EXPECT_THAT(remote.Events(), ElementsAre(::testing::HasSubstr("success=true"), ::testing::HasSubstr("success=true")));
 }
 
 TEST_F(Real, ReportsNoEventsAtAll) {
@@ -138,10 +132,8 @@ TEST_F(Real, ReportsNoEventsAtAll) {
 }
 
 TEST_F(Emulated, FirstDataAfterStreamingStartsIsReportedOnce) {
-  const std::string opened =
-      "LOCAL_DEVICE_OPEN status=success, message=streamon camera success, success=true";
-  const std::string data =
-      "LOCAL_CAMERA_DATA status=success, message=get camera data success, success=true";
+  const std::string opened = "LOCAL_DEVICE_OPEN status=success, message=streamon camera success, success=true";
+  const std::string data = "LOCAL_CAMERA_DATA status=success, message=get camera data success, success=true";
   Bulk(1, {1});  // Not streaming yet.
   device->SetInterfaceAltSetting(1, 4);
   Bulk(2, {});  // No data.
@@ -175,9 +167,8 @@ TEST_F(Emulated, CompletedTransferIsGivenBackWithWhatTheBackendLeft) {
   device->BulkTransfer(0x81, 10, 2, Block({9, 9}), Context(2));
   io.CompleteNext({.status = kXferTimedOut, .bytes = {{1, 2}}});  // A failure that kept its data.
   EXPECT_THAT(remote.Replies(),
-              ElementsAre(IsBulkReply(7, 0, ElementsAre(1, 2, 3, 4, 5, 6)),
-                          IsInterruptReply(8, 0, IsEmpty()), IsIsoReply(9, 0, 0, ElementsAre(8, 9)),
-                          IsBulkReply(10, kXferTimedOut, ElementsAre(1, 2))));
+              ElementsAre(IsBulkReply(7, 0, ElementsAre(1, 2, 3, 4, 5, 6)), IsInterruptReply(8, 0, IsEmpty()),
+                          IsIsoReply(9, 0, 0, ElementsAre(8, 9)), IsBulkReply(10, kXferTimedOut, ElementsAre(1, 2))));
   for (const Reply& reply : remote.Replies()) {
     EXPECT_EQ(reply.reqId, 0xFE);
     EXPECT_EQ(reply.devId, 0x55U);
@@ -203,9 +194,8 @@ TEST_F(Emulated, TransferThatFailedIsGivenBackEmptyWhereTheRemoteSideWantsIt) {
   for (const std::int32_t status : {2, 4, 5}) {
     ASSERT_TRUE(io.CompleteNext({.status = status, .bytes = {}}));
   }
-  EXPECT_THAT(remote.Replies(),
-              ElementsAre(IsBulkReply(1, 2, IsEmpty()), IsInterruptReply(2, 4, IsEmpty()),
-                          IsIsoReply(3, 5, 0, IsEmpty())));
+  EXPECT_THAT(remote.Replies(), ElementsAre(IsBulkReply(1, 2, IsEmpty()), IsInterruptReply(2, 4, IsEmpty()),
+                                            IsIsoReply(3, 5, 0, IsEmpty())));
 }
 
 TEST_F(Real, RefusedTransferReturnsTheRequestsBytesAndZerosForWhatItDidNotBring) {
@@ -214,21 +204,19 @@ TEST_F(Real, RefusedTransferReturnsTheRequestsBytesAndZerosForWhatItDidNotBring)
     io.Answer(operation, LIBUSB_ERROR_NO_DEVICE);
   }
   // 0xAA stands for what a fresh block holds.
-  EXPECT_EQ(device->BulkTransfer(0x81, 1, 4, Block({1, 2, 0xAA, 0xAA}), Context(2)),
-            LIBUSB_ERROR_NO_DEVICE);
-  EXPECT_EQ(device->InterruptTransfer(0x01, 2, 2, Block({3, 4}), Context(2)),
-            LIBUSB_ERROR_NO_DEVICE);
+  EXPECT_EQ(device->BulkTransfer(0x81, 1, 4, Block({1, 2, 0xAA, 0xAA}), Context(2)), LIBUSB_ERROR_NO_DEVICE);
+  EXPECT_EQ(device->InterruptTransfer(0x01, 2, 2, Block({3, 4}), Context(2)), LIBUSB_ERROR_NO_DEVICE);
   Bytes iso(18, 0xAA);
   std::fill_n(iso.begin(), 16, std::uint8_t{7});
   EXPECT_EQ(device->IsoTransfer(0x83, 3, 1, 18, Block(iso), Context(16)), LIBUSB_ERROR_NO_DEVICE);
   Bytes isoBack(18, 7);
   isoBack[16] = isoBack[17] = 0;
-  EXPECT_THAT(remote.Replies(), ElementsAre(IsBulkReply(1, kXferError, ElementsAre(1, 2, 0, 0)),
-                                            IsInterruptReply(2, kXferError, ElementsAre(3, 4)),
-                                            IsIsoReply(3, kXferError, 1, isoBack)));
-  EXPECT_THAT(log.Messages(), ElementsAre("Error:bulkTransfer error ret[-4] len[4]",
-                                          "Error:Error submitting interrupt transfer, -4",
-                                          "Error:Error submitting iso transfer, -4"));
+  EXPECT_THAT(remote.Replies(),
+              ElementsAre(IsBulkReply(1, kXferError, ElementsAre(1, 2, 0, 0)),
+                          IsInterruptReply(2, kXferError, ElementsAre(3, 4)), IsIsoReply(3, kXferError, 1, isoBack)));
+  EXPECT_THAT(log.Messages(),
+              ElementsAre("Error:bulkTransfer error ret[-4] len[4]", "Error:Error submitting interrupt transfer, -4",
+                          "Error:Error submitting iso transfer, -4"));
 }
 
 TEST_F(Real, PacketTableIsKeptForTheBackendAsFarAsItIsThere) {
@@ -249,9 +237,8 @@ TEST_F(Emulated, RefusalGivesStatusAndNoDataForEachType) {
   device->RefuseTransfer(kXferBulk, 1, Context());
   device->RefuseTransfer(kXferInterrupt, 2, Context());
   device->RefuseTransfer(kXferIsochronous, 3, Context());
-  EXPECT_THAT(remote.Replies(),
-              ElementsAre(IsBulkReply(1, 1, IsEmpty()), IsInterruptReply(2, 1, IsEmpty()),
-                          IsIsoReply(3, 1, 0, IsEmpty())));
+  EXPECT_THAT(remote.Replies(), ElementsAre(IsBulkReply(1, 1, IsEmpty()), IsInterruptReply(2, 1, IsEmpty()),
+                                            IsIsoReply(3, 1, 0, IsEmpty())));
   EXPECT_THAT(io.Calls(), ElementsAre("Init"));
 }
 
@@ -280,23 +267,20 @@ TEST(ReplyCommand, FollowsTheTransferType) {
   EXPECT_THAT(log.Lines(), IsEmpty());
   EXPECT_EQ(VirtUDevice::transfer_type_to_proto_type(4), 0xFFFF);
   EXPECT_EQ(VirtUDevice::transfer_type_to_proto_type(255), 0xFFFF);
-  EXPECT_THAT(log.Messages(), ElementsAre("Error:unsupport Transfer type[4]",
-                                          "Error:unsupport Transfer type[255]"));
+  EXPECT_THAT(log.Messages(), ElementsAre("Error:unsupport Transfer type[4]", "Error:unsupport Transfer type[255]"));
 }
 
 TEST_F(Emulated, GivingBackLogsTheTransfer) {
   CapturingLog log;
   device->IsoTransfer(0x83, 0x1F, 0, 3, Block({1, 2, 3}), Context(3));
-  EXPECT_THAT(log.Messages("IsoTransfer"),
-              ElementsAre("Debug:IsoTransfer streamid[1f] epaddr[83] len[3]"));
+  EXPECT_THAT(log.Messages("IsoTransfer"), ElementsAre("Debug:IsoTransfer streamid[1f] epaddr[83] len[3]"));
   EXPECT_THAT(log.Messages("GivebackPackToRemote"),
               ElementsAre("Debug:Give back pack total len: 1027, streamId[31], tranfer type[1]"));
   log.Clear();
   Bulk(1, {});
   device->InterruptTransfer(0x81, 2, 0, Block({}), Context());
   EXPECT_THAT(log.Messages("BulkTransfer"), ElementsAre("Debug:BulkTransfer finished ret[0]"));
-  EXPECT_THAT(log.Messages("InterruptTransfer"),
-              ElementsAre("Debug:InterruptTransfer finished ret[0]"));
+  EXPECT_THAT(log.Messages("InterruptTransfer"), ElementsAre("Debug:InterruptTransfer finished ret[0]"));
 }
 
 TEST_F(Real, FailuresOfTheLifecycleAreNamed) {
@@ -308,14 +292,11 @@ TEST_F(Real, FailuresOfTheLifecycleAreNamed) {
   EXPECT_EQ(device->ResetDevice(), LIBUSB_ERROR_NO_DEVICE);
   EXPECT_EQ(device->CloseUsbDev(), LIBUSB_ERROR_NO_DEVICE);
   EXPECT_THAT(log.Messages("AttachKernelDriver"), ElementsAre("Debug:enter", "Debug:exit"));
-  EXPECT_THAT(
-      log.Messages("ResetDevice"),
-      ElementsAre("Debug:enter", "Error:libusb_reset_device: error LIBUSB_ERROR_NO_DEVICE [-4]",
-                  "Debug:exit"));
+  EXPECT_THAT(log.Messages("ResetDevice"),
+              ElementsAre("Debug:enter", "Error:libusb_reset_device: error LIBUSB_ERROR_NO_DEVICE [-4]", "Debug:exit"));
   EXPECT_THAT(
       log.Messages("CloseUsbDev"),
-      ElementsAre("Debug:enter", "Error:CloseUsbDev error:[b=0x03,a=0x7F,VID=0xFF00,PID=0xFF06]",
-                  "Debug:exit"));
+      ElementsAre("Debug:enter", "Error:CloseUsbDev error:[b=0x03,a=0x7F,VID=0xFF00,PID=0xFF06]", "Debug:exit"));
 }
 
 TEST_F(Emulated, DestructionCompletesWhatIsPending) {

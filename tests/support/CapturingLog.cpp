@@ -28,8 +28,7 @@ LogLine Parse(int level, std::string text) {
 
 }  // namespace
 
-CapturingLog::CapturingLog(int level, Hook hook)
-    : mFormerLevel(oskeloLogGetLevel()), mHook(std::move(hook)) {
+CapturingLog::CapturingLog(int level, Hook hook) : mFormerLevel(oskeloLogGetLevel()), mHook(std::move(hook)) {
   oskeloLogSetSink(&CapturingLog::Take, this);
   oskeloLogSetLevel(level);
 }
@@ -69,8 +68,7 @@ std::vector<std::string> CapturingLog::Messages(std::string_view function) const
 std::size_t CapturingLog::Count(std::string_view part) const {
   const std::vector<LogLine> lines = Lines();
   return static_cast<std::size_t>(std::count_if(
-      lines.begin(), lines.end(),
-      [part](const LogLine& line) { return line.text.find(part) != std::string::npos; }));
+      lines.begin(), lines.end(), [part](const LogLine& line) { return line.text.find(part) != std::string::npos; }));
 }
 
 void CapturingLog::Clear() {

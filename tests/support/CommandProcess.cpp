@@ -36,8 +36,7 @@ UniqueFd Copy(const UniqueFd& fd) {
 
 bool IsReadable(const UniqueFd& fd, std::chrono::steady_clock::time_point deadline) {
   pollfd ready{fd.Get(), POLLIN, 0};
-  const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-      deadline - std::chrono::steady_clock::now());
+  const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
   return poll(&ready, 1, static_cast<int>(std::max<std::int64_t>(left.count(), 0))) == 1;
 }
 
@@ -50,8 +49,7 @@ std::size_t ReadSome(const UniqueFd& fd, std::string& text) {
 
 int Count(const std::string& text, const std::string& wanted) {
   int count = 0;
-  for (std::size_t at = text.find(wanted); at != std::string::npos;
-       at = text.find(wanted, at + 1)) {
+  for (std::size_t at = text.find(wanted); at != std::string::npos; at = text.find(wanted, at + 1)) {
     ++count;
   }
   return count;
@@ -59,8 +57,7 @@ int Count(const std::string& text, const std::string& wanted) {
 
 }  // namespace
 
-CommandProcess::CommandProcess(std::vector<std::string> words, std::chrono::seconds deadline)
-    : mDeadline(deadline) {
+CommandProcess::CommandProcess(std::vector<std::string> words, std::chrono::seconds deadline) : mDeadline(deadline) {
   Pipe input;
   Pipe output;
   Pipe messages;
@@ -82,8 +79,7 @@ CommandProcess::CommandProcess(std::vector<std::string> words, std::chrono::seco
   }
   mInput = std::move(input.write);
   mOutput = std::move(output.read);
-  mReader = std::thread(
-      [this, fd = std::move(messages.read)]() mutable { TakeMessagesDown(std::move(fd)); });
+  mReader = std::thread([this, fd = std::move(messages.read)]() mutable { TakeMessagesDown(std::move(fd)); });
 }
 
 CommandProcess::~CommandProcess() {
@@ -109,8 +105,8 @@ void CommandProcess::TakeMessagesDown(UniqueFd messages) {
 
 RemoteDevice& CommandProcess::Remote() {
   if (mRemote == nullptr) {
-    mRemote = std::make_unique<RemoteDevice>(
-        std::make_unique<StreamChannel>(Copy(mOutput), Copy(mInput)), 1, mDeadline);
+    mRemote =
+        std::make_unique<RemoteDevice>(std::make_unique<StreamChannel>(Copy(mOutput), Copy(mInput)), 1, mDeadline);
   }
   return *mRemote;
 }
@@ -142,8 +138,7 @@ CommandProcess::Ending CommandProcess::Kill(int signal) {
 CommandProcess::Ending CommandProcess::Await() {
   const auto deadline = std::chrono::steady_clock::now() + mDeadline;
   Ending ending;
-  while (mRemote == nullptr && IsReadable(mOutput, deadline) &&
-         ReadSome(mOutput, ending.output) > 0) {
+  while (mRemote == nullptr && IsReadable(mOutput, deadline) && ReadSome(mOutput, ending.output) > 0) {
   }
   {
     MutexLock lock(mMutex);

@@ -19,9 +19,8 @@ Reply ReadReply(const VelPacket& packet) {
               .thread = std::this_thread::get_id()};
   if (wire.size() >= VelPacket::kHeaderSize) {
     const auto tail = wire.subspan(VelPacket::kByteOrderOffset, 4);  // Byte order and reserved.
-    reply.wellFormed =
-        wire[0] == VelPacket::kMagic && packet.GetPacketSize() == wire.size() &&
-        std::all_of(tail.begin(), tail.end(), [](std::uint8_t byte) { return byte == 0; });
+    reply.wellFormed = wire[0] == VelPacket::kMagic && packet.GetPacketSize() == wire.size() &&
+                       std::all_of(tail.begin(), tail.end(), [](std::uint8_t byte) { return byte == 0; });
     reply.payload.assign(wire.begin() + VelPacket::kHeaderSize, wire.end());
   }
   return reply;
@@ -44,8 +43,8 @@ int RecordingDeviceBase::Send(std::unique_ptr<VelPacket> packet, std::uint32_t w
   return 0;
 }
 
-void RecordingDeviceBase::Trace(std::uint64_t spanId, const char* event,
-                                const VelTraceAttribute* attributes, std::size_t count) {
+void RecordingDeviceBase::Trace(std::uint64_t spanId, const char* event, const VelTraceAttribute* attributes,
+                                std::size_t count) {
   std::string text = event;
   for (std::size_t i = 0; i < count; ++i) {
     text += std::string(i == 0 ? " " : ", ") + attributes[i].key + "=" + attributes[i].value;

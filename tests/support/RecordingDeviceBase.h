@@ -21,8 +21,7 @@ struct Reply {
   std::uint8_t reqId = 0;
   std::uint32_t devId = 0;
   std::vector<std::uint8_t> payload;
-  bool wellFormed =
-      false;  // Magic, byte order, reserved bytes and the length field are what they have to be.
+  bool wellFormed = false;  // Magic, byte order, reserved bytes and the length field are what they have to be.
   std::thread::id thread;
 };
 
@@ -70,8 +69,7 @@ class RecordingDeviceBase final : public VelDeviceBase {
   const char* GetArgs() const override { return mIdentity.args.c_str(); }
   std::uint8_t TakeReplyReqId(std::uint16_t, std::uint32_t) override { return mReplyReqId; }
   int Send(std::unique_ptr<VelPacket> packet, std::uint32_t waitMs) override;
-  void Trace(std::uint64_t spanId, const char* event, const VelTraceAttribute* attributes,
-             std::size_t count) override;
+  void Trace(std::uint64_t spanId, const char* event, const VelTraceAttribute* attributes, std::size_t count) override;
   bool AnswersFailedTransfers() const override { return mAnswersFailedTransfers; }
 
  private:

@@ -16,8 +16,7 @@ std::vector<std::uint8_t> Words(std::initializer_list<std::uint32_t> values) {
 }
 
 ReplyMatcher HasCommand(Command request) {
-  return AllOf(Field("wellFormed", &Reply::wellFormed, true),
-               Field("command", &Reply::command, ReplyCode(request)));
+  return AllOf(Field("wellFormed", &Reply::wellFormed, true), Field("command", &Reply::command, ReplyCode(request)));
 }
 
 // A payload that begins with `fields` and goes on with `data`.
@@ -26,48 +25,42 @@ MATCHER_P2(BeginsWith, fields, data, "") {
     *result_listener << "other fields than " << ::testing::PrintToString(fields);
     return false;
   }
-  const std::vector<std::uint8_t> rest(arg.begin() + static_cast<std::ptrdiff_t>(fields.size()),
-                                       arg.end());
+  const std::vector<std::uint8_t> rest(arg.begin() + static_cast<std::ptrdiff_t>(fields.size()), arg.end());
   return ::testing::ExplainMatchResult(data, rest, result_listener);
 }
 
 }  // namespace
 
 void PrintTo(const Reply& reply, std::ostream* out) {
-  *out << (reply.wellFormed ? "" : "malformed ") << "command 0x" << std::hex << reply.command
-       << std::dec << " reqId " << unsigned{reply.reqId} << " devId " << reply.devId << " payload "
-       << ::testing::PrintToString(reply.payload);
+  *out << (reply.wellFormed ? "" : "malformed ") << "command 0x" << std::hex << reply.command << std::dec << " reqId "
+       << unsigned{reply.reqId} << " devId " << reply.devId << " payload " << ::testing::PrintToString(reply.payload);
 }
 
-ReplyMatcher IsReply(Command request, std::uint8_t reqId, std::uint32_t devId,
-                     BytesMatcher payload) {
-  return AllOf(HasCommand(request), Field("reqId", &Reply::reqId, reqId),
-               Field("devId", &Reply::devId, devId), Field("payload", &Reply::payload, payload));
+ReplyMatcher IsReply(Command request, std::uint8_t reqId, std::uint32_t devId, BytesMatcher payload) {
+  return AllOf(HasCommand(request), Field("reqId", &Reply::reqId, reqId), Field("devId", &Reply::devId, devId),
+               Field("payload", &Reply::payload, payload));
 }
 
-ReplyMatcher IsStatusReply(Command request, std::uint8_t reqId, std::uint32_t devId,
-                           std::int32_t value) {
+ReplyMatcher IsStatusReply(Command request, std::uint8_t reqId, std::uint32_t devId, std::int32_t value) {
   return IsReply(request, reqId, devId, ::testing::Eq(Words({static_cast<std::uint32_t>(value)})));
 }
 
 ReplyMatcher IsBulkReply(std::uint32_t streamId, std::int32_t status, BytesMatcher data) {
-  return AllOf(HasCommand(Command::kBulkTransfer),
-               Field("payload", &Reply::payload,
-                     BeginsWith(Words({streamId, static_cast<std::uint32_t>(status)}), data)));
+  return AllOf(
+      HasCommand(Command::kBulkTransfer),
+      Field("payload", &Reply::payload, BeginsWith(Words({streamId, static_cast<std::uint32_t>(status)}), data)));
 }
 
 ReplyMatcher IsInterruptReply(std::uint32_t streamId, std::int32_t status, BytesMatcher data) {
-  return AllOf(HasCommand(Command::kInterruptTransfer),
-               Field("payload", &Reply::payload,
-                     BeginsWith(Words({streamId, static_cast<std::uint32_t>(status)}), data)));
+  return AllOf(
+      HasCommand(Command::kInterruptTransfer),
+      Field("payload", &Reply::payload, BeginsWith(Words({streamId, static_cast<std::uint32_t>(status)}), data)));
 }
 
-ReplyMatcher IsIsoReply(std::uint32_t streamId, std::int32_t status, std::uint32_t packets,
-                        BytesMatcher data) {
-  return AllOf(
-      HasCommand(Command::kIsochTransfer),
-      Field("payload", &Reply::payload,
-            BeginsWith(Words({streamId, static_cast<std::uint32_t>(status), packets}), data)));
+ReplyMatcher IsIsoReply(std::uint32_t streamId, std::int32_t status, std::uint32_t packets, BytesMatcher data) {
+  return AllOf(HasCommand(Command::kIsochTransfer),
+               Field("payload", &Reply::payload,
+                     BeginsWith(Words({streamId, static_cast<std::uint32_t>(status), packets}), data)));
 }
 
 }  // namespace vel

@@ -20,18 +20,15 @@ using BytesMatcher = ::testing::Matcher<const std::vector<std::uint8_t>&>;
 void PrintTo(const Reply& reply, std::ostream* out);
 
 // The reply to `request` whose payload matches.
-ReplyMatcher IsReply(Command request, std::uint8_t reqId, std::uint32_t devId,
-                     BytesMatcher payload);
+ReplyMatcher IsReply(Command request, std::uint8_t reqId, std::uint32_t devId, BytesMatcher payload);
 
 // 20 bytes: a header and `value`.
-ReplyMatcher IsStatusReply(Command request, std::uint8_t reqId, std::uint32_t devId,
-                           std::int32_t value);
+ReplyMatcher IsStatusReply(Command request, std::uint8_t reqId, std::uint32_t devId, std::int32_t value);
 
 // Give-backs.
 ReplyMatcher IsBulkReply(std::uint32_t streamId, std::int32_t status, BytesMatcher data);
 ReplyMatcher IsInterruptReply(std::uint32_t streamId, std::int32_t status, BytesMatcher data);
-ReplyMatcher IsIsoReply(std::uint32_t streamId, std::int32_t status, std::uint32_t packets,
-                        BytesMatcher data);
+ReplyMatcher IsIsoReply(std::uint32_t streamId, std::int32_t status, std::uint32_t packets, BytesMatcher data);
 
 }  // namespace vel
 

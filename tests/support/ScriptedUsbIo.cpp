@@ -22,8 +22,7 @@ void Finish(_UsbIoXferInfo* info, const ScriptedUsbIo::Result& result) {
     return;
   }
   if (result.bytes) {
-    auto* data =
-        static_cast<std::uint8_t*>(std::malloc(std::max<std::size_t>(result.bytes->size(), 1)));
+    auto* data = static_cast<std::uint8_t*>(std::malloc(std::max<std::size_t>(result.bytes->size(), 1)));
     std::copy(result.bytes->begin(), result.bytes->end(), data);
     ReplaceXferData(*info, data, static_cast<std::uint32_t>(result.bytes->size()));
   }
@@ -114,8 +113,7 @@ struct ScriptedUsbIo::Script {
   }
 
   void CancelAll() {
-    while (CompleteOne([](const _UsbIoXferInfo*) { return true; },
-                       {.status = kXferCancelled, .bytes = {}})) {
+    while (CompleteOne([](const _UsbIoXferInfo*) { return true; }, {.status = kXferCancelled, .bytes = {}})) {
     }
     MutexLock lock(mutex);
     while (completing > 0) {
@@ -177,8 +175,7 @@ class ScriptedUsbIo::Backend final : public IUsbIo {
   std::uint8_t GetBusNumber() override { return CallForByte("GetBusNumber"); }
   std::uint8_t GetDeviceAddress() override { return CallForByte("GetDeviceAddress"); }
   std::uint8_t GetDeviceSpeed() override { return CallForByte("GetDeviceSpeed"); }
-  int GetStringDescriptor(std::uint8_t index, std::uint16_t langId, std::uint8_t* buffer,
-                          int length) override {
+  int GetStringDescriptor(std::uint8_t index, std::uint16_t langId, std::uint8_t* buffer, int length) override {
     const int result = mScript->Call("GetStringDescriptor", {index, langId, length});
     const DataHook hook = CopyHook(&Script::onString);
     return hook ? hook({buffer, static_cast<std::size_t>(length)}) : result;
@@ -188,26 +185,20 @@ class ScriptedUsbIo::Backend final : public IUsbIo {
   int DetachKernelDriver() override { return mScript->Call("DetachKernelDriver"); }
   int ClearHalt(int endpoint) override { return mScript->Call("ClearHalt", {endpoint}); }
   int ReleaseAllInterface() override { return mScript->Call("ReleaseAllInterface"); }
-  int SetConfiguration(int configuration) override {
-    return mScript->Call("SetConfiguration", {configuration});
-  }
+  int SetConfiguration(int configuration) override { return mScript->Call("SetConfiguration", {configuration}); }
   int ClaimAllInterface() override { return mScript->Call("ClaimAllInterface"); }
   int SetInterfaceAltSetting(int interfaceNumber, int altSetting) override {
     return mScript->Call("SetInterfaceAltSetting", {interfaceNumber, altSetting});
   }
   int CancelTransfer(std::uint32_t localXferId) override {
     const int result = mScript->Call("CancelTransfer", {localXferId});
-    const auto wanted = [localXferId](const _UsbIoXferInfo* info) {
-      return info->localXferId == localXferId;
-    };
+    const auto wanted = [localXferId](const _UsbIoXferInfo* info) { return info->localXferId == localXferId; };
     const bool found = mScript->CompleteOne(wanted, {.status = kXferCancelled, .bytes = {}});
     return result == 0 && !found ? LIBUSB_ERROR_NOT_FOUND : result;
   }
-  int ControlTransfer(std::uint8_t bmRequestType, std::uint8_t bRequest, std::uint16_t wValue,
-                      std::uint16_t wIndex, std::uint8_t* data, std::uint16_t wLength,
-                      std::uint32_t timeout) override {
-    const int result = mScript->Call("ControlTransfer",
-                                     {bmRequestType, bRequest, wValue, wIndex, wLength, timeout});
+  int ControlTransfer(std::uint8_t bmRequestType, std::uint8_t bRequest, std::uint16_t wValue, std::uint16_t wIndex,
+                      std::uint8_t* data, std::uint16_t wLength, std::uint32_t timeout) override {
+    const int result = mScript->Call("ControlTransfer", {bmRequestType, bRequest, wValue, wIndex, wLength, timeout});
     const DataHook hook = CopyHook(&Script::onControl);
     return hook ? hook({data, wLength}) : result;
   }
@@ -216,9 +207,7 @@ class ScriptedUsbIo::Backend final : public IUsbIo {
   int IsochTransfer(_UsbIoXferInfo* info) override { return Submit("IsochTransfer", info); }
 
  private:
-  std::uint8_t CallForByte(std::string_view operation) {
-    return static_cast<std::uint8_t>(mScript->Call(operation));
-  }
+  std::uint8_t CallForByte(std::string_view operation) { return static_cast<std::uint8_t>(mScript->Call(operation)); }
 
   DataHook CopyHook(DataHook Script::*hook) const {
     const MutexLock lock(mScript->mutex);
@@ -276,8 +265,7 @@ struct ScriptedUsbIo::Registry {
   }
 };
 
-ScriptedUsbIo::ScriptedUsbIo(const VelDeviceBase& device)
-    : mDevice(device), mScript(std::make_shared<Script>()) {
+ScriptedUsbIo::ScriptedUsbIo(const VelDeviceBase& device) : mDevice(device), mScript(std::make_shared<Script>()) {
   Registry& registry = Registry::Get();
   const MutexLock lock(registry.mutex);
   registry.scripts[&device] = mScript;
@@ -356,8 +344,7 @@ void ScriptedUsbIo::CompleteOnOwnThread() {
 }
 
 bool ScriptedUsbIo::Complete(std::uint32_t streamId, const Result& result) {
-  return mScript->CompleteOne(
-      [streamId](const _UsbIoXferInfo* info) { return info->streamId == streamId; }, result);
+  return mScript->CompleteOne([streamId](const _UsbIoXferInfo* info) { return info->streamId == streamId; }, result);
 }
 
 bool ScriptedUsbIo::CompleteNext(const Result& result) {

@@ -76,8 +76,7 @@ int FrameSource::Height() const {
 }
 
 double FrameSource::Rate() const {
-  const double rate =
-      av_q2d(mStream->avg_frame_rate.num > 0 ? mStream->avg_frame_rate : mStream->r_frame_rate);
+  const double rate = av_q2d(mStream->avg_frame_rate.num > 0 ? mStream->avg_frame_rate : mStream->r_frame_rate);
   return rate > 0 ? rate : 25;
 }
 

@@ -49,8 +49,7 @@ PipelineTimes TimedPipeline::Times() {
   return mTimes;
 }
 
-void TimedPipeline::OnFinishDecodeBlock(HeapBlock& block, std::uint32_t length,
-                                        std::int64_t index) {
+void TimedPipeline::OnFinishDecodeBlock(HeapBlock& block, std::uint32_t length, std::int64_t index) {
   {
     const MutexLock lock(mMutex);
     Mark(static_cast<std::uint32_t>(index), mTimes.decode);
@@ -58,8 +57,7 @@ void TimedPipeline::OnFinishDecodeBlock(HeapBlock& block, std::uint32_t length,
   UVCFrameManager::OnFinishDecodeBlock(block, length, index);
 }
 
-void TimedPipeline::OnFinishEncode(std::uint32_t index, std::uint8_t* data, std::uint32_t length,
-                                   int result) {
+void TimedPipeline::OnFinishEncode(std::uint32_t index, std::uint8_t* data, std::uint32_t length, int result) {
   {
     const MutexLock lock(mMutex);
     Mark(index, mTimes.encode);

@@ -36,8 +36,7 @@ class TimedPipeline : public UVCFrameManager {
   PipelineTimes Times();
 
   void OnFinishDecodeBlock(HeapBlock& block, std::uint32_t length, std::int64_t index) override;
-  void OnFinishEncode(std::uint32_t index, std::uint8_t* data, std::uint32_t length,
-                      int result) override;
+  void OnFinishEncode(std::uint32_t index, std::uint8_t* data, std::uint32_t length, int result) override;
 
  private:
   using Clock = std::chrono::steady_clock;
@@ -48,9 +47,8 @@ class TimedPipeline : public UVCFrameManager {
   CondVar mTaken;
   std::unordered_map<std::uint32_t, Clock::time_point> mSeen VEL_GUARDED_BY(mMutex);
   PipelineTimes mTimes VEL_GUARDED_BY(mMutex);
-  std::uint32_t mIn VEL_GUARDED_BY(mMutex) = 0;  // Frames that went in.
-  std::uint32_t mNewest VEL_GUARDED_BY(mMutex) =
-      0;  // One more than the index of the newest that was taken.
+  std::uint32_t mIn VEL_GUARDED_BY(mMutex) = 0;      // Frames that went in.
+  std::uint32_t mNewest VEL_GUARDED_BY(mMutex) = 0;  // One more than the index of the newest that was taken.
 };
 
 }  // namespace vel

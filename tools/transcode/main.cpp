@@ -59,8 +59,7 @@ class Progress {
     if (now < mNext) {
       return;
     }
-    static_cast<void>(std::fprintf(
-        stderr, mTerminal ? "\r%u frames in, %u out" : "%u frames in, %u out\n", in, out));
+    static_cast<void>(std::fprintf(stderr, mTerminal ? "\r%u frames in, %u out" : "%u frames in, %u out\n", in, out));
     mNext = now + (mTerminal ? std::chrono::milliseconds(200) : std::chrono::seconds(5));
   }
   void End() const {
@@ -78,9 +77,8 @@ Summary Transcode(const Options& options) {
   vel::FrameSource source(options.input, options.size);
   const double rate = options.rate > 0 ? options.rate : source.Rate();
   vel::TimedPipeline pipeline;
-  if (pipeline.Init(static_cast<std::uint16_t>(source.Width()),
-                    static_cast<std::uint16_t>(source.Height()), source.Type(),
-                    vel::UVC_FRAME_TYPE_H264, nullptr) != 0) {
+  if (pipeline.Init(static_cast<std::uint16_t>(source.Width()), static_cast<std::uint16_t>(source.Height()),
+                    source.Type(), vel::UVC_FRAME_TYPE_H264, nullptr) != 0) {
     throw std::runtime_error("cannot encode pictures of " + std::to_string(source.Width()) + "x" +
                              std::to_string(source.Height()) + "; --log error says why");
   }
@@ -90,8 +88,8 @@ Summary Transcode(const Options& options) {
   const Clock::time_point begin = Clock::now();
   while (vel::UVCFramePtr frame = source.Next()) {
     if (options.rate != 0) {
-      std::this_thread::sleep_until(begin + std::chrono::duration_cast<Clock::duration>(
-                                                std::chrono::duration<double>(summary.in / rate)));
+      std::this_thread::sleep_until(
+          begin + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(summary.in / rate)));
     } else {
       pipeline.AwaitRoom(kInFlight, kFailedFrameMs);
     }
@@ -123,14 +121,12 @@ double Percentile(vel::StageTimes times, double share) {
 }
 
 void Print(const Summary& summary) {
-  std::printf("frames in %u, out %u, thinned %u, not decoded %u\n", summary.in, summary.out,
-              summary.Thinned(), summary.failed);
-  std::printf("bit rate %.0f kbit/s, %.1f frames/s\n", summary.bitRate / 1000,
-              summary.in / summary.seconds);
+  std::printf("frames in %u, out %u, thinned %u, not decoded %u\n", summary.in, summary.out, summary.Thinned(),
+              summary.failed);
+  std::printf("bit rate %.0f kbit/s, %.1f frames/s\n", summary.bitRate / 1000, summary.in / summary.seconds);
   const auto stage = [](const char* name, const vel::StageTimes& times) {
     if (!times.empty()) {
-      std::printf("%-9s p50 %7.2f ms, p99 %7.2f ms\n", name, Percentile(times, 0.50),
-                  Percentile(times, 0.99));
+      std::printf("%-9s p50 %7.2f ms, p99 %7.2f ms\n", name, Percentile(times, 0.50), Percentile(times, 0.99));
     }
   };
   stage("decode", summary.times.decode);
@@ -140,9 +136,7 @@ void Print(const Summary& summary) {
 
 void PrintJson(const Summary& summary) {
   const auto stage = [](const vel::StageTimes& times) {
-    return nlohmann::json{{"frames", times.size()},
-                          {"p50", Percentile(times, 0.50)},
-                          {"p99", Percentile(times, 0.99)}};
+    return nlohmann::json{{"frames", times.size()}, {"p50", Percentile(times, 0.50)}, {"p99", Percentile(times, 0.99)}};
   };
   const nlohmann::json document = {
       {"framesIn", summary.in},
@@ -168,19 +162,16 @@ int Fail(int status, const std::string& text) {
 
 int main(int argc, char** argv) {
   try {
-    CLI::App app(
-        "Runs a file of MJPEG or raw YUYV frames through the camera pipeline into an H.264 stream.",
-        "virtusb-transcode");
+    CLI::App app("Runs a file of MJPEG or raw YUYV frames through the camera pipeline into an H.264 stream.",
+                 "virtusb-transcode");
     Options options;
     std::string level = "off";
     app.set_version_flag("--version", VIRTUSB_VERSION);
-    app.add_option("IN", options.input, "Any file with MJPEG or raw YUYV video that FFmpeg reads")
-        ->required();
+    app.add_option("IN", options.input, "Any file with MJPEG or raw YUYV video that FFmpeg reads")->required();
     app.add_option("-o,--output", options.output, "The H.264 stream to write")->required();
     app.add_option("--size", options.size, "WxH of the pictures of a raw YUYV file without header");
     CLI::Option* rate =
-        app.add_option("--rate", options.rate,
-                       "Not at full speed but so many frames per second, or as the file says");
+        app.add_option("--rate", options.rate, "Not at full speed but so many frames per second, or as the file says");
     rate->expected(0, 1)->check(CLI::PositiveNumber);
     app.add_flag("--json", options.json, "One JSON document");
     app.add_option("--log", level, "Log level: debug, info, warn, error or off")

@@ -32,8 +32,8 @@ constexpr std::size_t kShortestControl = 26;
 constexpr std::string_view kPolicy = "{\"video\":\"h264\"}";
 
 std::uint32_t U32(std::span<const std::uint8_t> control, std::size_t offset) {
-  return control[offset] | (std::uint32_t{control[offset + 1]} << 8U) |
-         (std::uint32_t{control[offset + 2]} << 16U) | (std::uint32_t{control[offset + 3]} << 24U);
+  return control[offset] | (std::uint32_t{control[offset + 1]} << 8U) | (std::uint32_t{control[offset + 2]} << 16U) |
+         (std::uint32_t{control[offset + 3]} << 24U);
 }
 
 void PutU32(std::span<std::uint8_t> control, std::size_t offset, std::uint32_t value) {
@@ -60,30 +60,26 @@ bool IsBetter(const CameraSetting& one, const CameraSetting& other, std::uint32_
   if (oneCarries != otherCarries) {
     return oneCarries;
   }
-  return oneCarries ? one.bytesPerInterval < other.bytesPerInterval
-                    : one.bytesPerInterval > other.bytesPerInterval;
+  return oneCarries ? one.bytesPerInterval < other.bytesPerInterval : one.bytesPerInterval > other.bytesPerInterval;
 }
 
 }  // namespace
 
-GuestCamera::GuestCamera(RemoteDevice& remote, bool transcode)
-    : mRemote(remote), mTranscode(transcode) {
+GuestCamera::GuestCamera(RemoteDevice& remote, bool transcode) : mRemote(remote), mTranscode(transcode) {
   if (transcode) {
     Require(mRemote.SetRedirPolicy(AsBytes(kPolicy)), "takes no policy");
   }
   const Enumeration found = Enumerate(mRemote);
   const auto model = found.config ? ReadCameraModel(*found.config) : std::nullopt;
   if (!model || model->modes.empty()) {
-    throw RemoteError(
-        "the device is no camera that streams (\"virtusb describe\" shows what it is)");
+    throw RemoteError("the device is no camera that streams (\"virtusb describe\" shows what it is)");
   }
   mModel = *model;
   const auto product = found.strings.find(found.device.iProduct);
   mName = Format("%s%s%04x:%04x", product == found.strings.end() ? "" : product->second.c_str(),
                  product == found.strings.end() ? "" : ", ", unsigned{found.device.idVendor},
                  unsigned{found.device.idProduct});
-  mRemote.Status(
-      Command::kDetachKernelDriver);  // Where there is none it fails, and claiming does not.
+  mRemote.Status(Command::kDetachKernelDriver);  // Where there is none it fails, and claiming does not.
   Require(mRemote.Status(Command::kClaimAllInterface), "cannot be claimed");
 }
 
@@ -113,18 +109,16 @@ const CameraMode& GuestCamera::Choose(const std::optional<PictureSize>& size) co
   for (const std::string& each : sizes) {
     list += (list.empty() ? "" : ", ") + each;
   }
-  throw std::runtime_error("the camera has no pictures of " + size->Text() + ": give one of " +
-                           list);
+  throw std::runtime_error("the camera has no pictures of " + size->Text() + ": give one of " + list);
 }
 
 std::vector<std::uint8_t> GuestCamera::Control(std::uint8_t request, std::uint8_t selector,
                                                std::span<const std::uint8_t> data) {
-  const ControlSetup setup{
-      .bmRequestType = static_cast<std::uint8_t>(request == kGetCur ? 0xA1 : 0x21),
-      .bRequest = request,
-      .wValue = static_cast<std::uint16_t>(selector << 8U),
-      .wIndex = mModel.interfaceNumber,
-      .wLength = mModel.controlLength};
+  const ControlSetup setup{.bmRequestType = static_cast<std::uint8_t>(request == kGetCur ? 0xA1 : 0x21),
+                           .bRequest = request,
+                           .wValue = static_cast<std::uint16_t>(selector << 8U),
+                           .wIndex = mModel.interfaceNumber,
+                           .wLength = mModel.controlLength};
   RemoteDevice::Result result = mRemote.ControlTransfer(setup, data);
   Require(result.value, selector == kProbe ? "refuses to negotiate" : "refuses what it agreed to");
   return std::move(result.data);
@@ -141,8 +135,8 @@ GuestCamera::Stream GuestCamera::Negotiate(const std::optional<PictureSize>& siz
   const std::vector<std::uint8_t> agreed = Control(kGetCur, kProbe, {});
   if (agreed.size() < kShortestControl || agreed[kFormatIndex] != mode.formatIndex ||
       agreed[kFrameIndex] != mode.frameIndex) {
-    throw RemoteError("the camera does not agree to " +
-                      PictureSize{mode.width, mode.height}.Text() + ", which it offers");
+    throw RemoteError("the camera does not agree to " + PictureSize{mode.width, mode.height}.Text() +
+                      ", which it offers");
   }
   Control(kSetCur, kCommit, agreed);
   return {.mode = mode,
@@ -152,13 +146,12 @@ GuestCamera::Stream GuestCamera::Negotiate(const std::optional<PictureSize>& siz
 }
 
 void GuestCamera::Start(const Stream& stream) {
-  const auto chosen = std::ranges::min_element(
-      mModel.settings, [&stream](const CameraSetting& one, const CameraSetting& other) {
+  const auto chosen =
+      std::ranges::min_element(mModel.settings, [&stream](const CameraSetting& one, const CameraSetting& other) {
         return IsBetter(one, other, stream.payloadBytes);
       });
   if (chosen != mModel.settings.end()) {
-    Require(mRemote.SetInterfaceAltSetting(mModel.interfaceNumber, chosen->number),
-            "does not start");
+    Require(mRemote.SetInterfaceAltSetting(mModel.interfaceNumber, chosen->number), "does not start");
     return;
   }
   // A camera that streams over bulk has no such setting, and its refusal says nothing: the request
@@ -171,8 +164,7 @@ void GuestCamera::Stop() {
 }
 
 bool GuestCamera::IsThere() {
-  constexpr ControlSetup kGetStatus{
-      .bmRequestType = 0x80, .bRequest = 0, .wValue = 0, .wIndex = 0, .wLength = 2};
+  constexpr ControlSetup kGetStatus{.bmRequestType = 0x80, .bRequest = 0, .wValue = 0, .wIndex = 0, .wLength = 2};
   return mRemote.ControlTransfer(kGetStatus).value != LIBUSB_ERROR_NO_DEVICE;
 }
 

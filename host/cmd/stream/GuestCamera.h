@@ -22,7 +22,7 @@ class GuestCamera {
   // What the camera has agreed to.
   struct Stream {
     CameraMode mode;
-    std::uint32_t interval = 0;  // Between two pictures, 100 ns; 0 where the camera does not say.
+    std::uint32_t interval = 0;      // Between two pictures, 100 ns; 0 where the camera does not say.
     std::uint32_t pictureBytes = 0;  // At most, before any transcoding.
     std::uint32_t payloadBytes = 0;  // In a (micro)frame, at most.
   };
@@ -51,8 +51,7 @@ class GuestCamera {
 
  private:
   const CameraMode& Choose(const std::optional<PictureSize>& size) const;
-  std::vector<std::uint8_t> Control(std::uint8_t request, std::uint8_t selector,
-                                    std::span<const std::uint8_t> data);
+  std::vector<std::uint8_t> Control(std::uint8_t request, std::uint8_t selector, std::span<const std::uint8_t> data);
 
   RemoteDevice& mRemote;
   const bool mTranscode;

@@ -26,8 +26,7 @@ bool IsAccessUnit(PictureView picture) {
 
 }  // namespace
 
-std::optional<PictureFormat> FormatOfPicture(PictureView picture,
-                                             const GuestCamera::Stream& stream) {
+std::optional<PictureFormat> FormatOfPicture(PictureView picture, const GuestCamera::Stream& stream) {
   const PictureFormat agreed = stream.mode.format;
   const std::size_t rawBytes = std::size_t{2} * stream.mode.width * stream.mode.height;
   const bool maybeRaw = agreed == PictureFormat::kYuyv;

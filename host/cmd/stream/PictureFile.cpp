@@ -6,8 +6,7 @@
 
 namespace vel {
 
-PictureFile::PictureFile(const std::string& path)
-    : mPath(path), mFile(std::fopen(path.c_str(), "wbe")) {
+PictureFile::PictureFile(const std::string& path) : mPath(path), mFile(std::fopen(path.c_str(), "wbe")) {
   if (mFile == nullptr) {
     Fail();
   }

@@ -58,8 +58,7 @@ std::optional<PictureReader::Arrival> PictureReader::Next(Clock::time_point dead
   Arrival arrival;
   {
     MutexLock lock(mInbox->mutex);
-    while (mInbox->arrivals.empty() && !mInbox->stopped &&
-           mInbox->changed.WaitUntil(lock, deadline)) {
+    while (mInbox->arrivals.empty() && !mInbox->stopped && mInbox->changed.WaitUntil(lock, deadline)) {
     }
     if (mInbox->arrivals.empty() || mInbox->stopped) {
       return std::nullopt;

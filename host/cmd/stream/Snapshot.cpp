@@ -88,20 +88,18 @@ FramePtr FromYuyv(const std::vector<std::uint8_t>& bytes, const PictureSize& siz
   const std::size_t row = std::size_t{2} * size.width;
   Require(bytes.size() >= row * size.height, "it is not whole");
   for (std::size_t y = 0; y < size.height; ++y) {
-    std::copy_n(bytes.data() + y * row, row,
-                frame->data[0] + y * static_cast<std::size_t>(frame->linesize[0]));
+    std::copy_n(bytes.data() + y * row, row, frame->data[0] + y * static_cast<std::size_t>(frame->linesize[0]));
   }
   return frame;
 }
 
 FramePtr ToRgb(const AVFrame& picture) {
   FramePtr rgb = NewFrame(AV_PIX_FMT_RGB24, picture.width, picture.height);
-  const std::unique_ptr<SwsContext, ScalerDeleter> scaler(sws_getContext(
-      picture.width, picture.height, static_cast<AVPixelFormat>(picture.format), picture.width,
-      picture.height, AV_PIX_FMT_RGB24, SWS_BICUBIC, nullptr, nullptr, nullptr));
+  const std::unique_ptr<SwsContext, ScalerDeleter> scaler(
+      sws_getContext(picture.width, picture.height, static_cast<AVPixelFormat>(picture.format), picture.width,
+                     picture.height, AV_PIX_FMT_RGB24, SWS_BICUBIC, nullptr, nullptr, nullptr));
   Require(scaler != nullptr, "its pixel format cannot be converted");
-  Require(sws_scale(scaler.get(), picture.data, picture.linesize, 0, picture.height, rgb->data,
-                    rgb->linesize),
+  Require(sws_scale(scaler.get(), picture.data, picture.linesize, 0, picture.height, rgb->data, rgb->linesize),
           "its pixel format cannot be converted");
   return rgb;
 }
@@ -124,8 +122,7 @@ PacketPtr EncodePng(const AVFrame& rgb) {
   return packet;
 }
 
-PacketPtr MakePng(PictureFormat format, const std::vector<std::uint8_t>& picture,
-                  const PictureSize& size) {
+PacketPtr MakePng(PictureFormat format, const std::vector<std::uint8_t>& picture, const PictureSize& size) {
   Require(!picture.empty(), "no picture came that can be decoded by itself");
   switch (format) {
     case PictureFormat::kYuyv:

@@ -51,32 +51,27 @@ std::string StreamText(const StreamResult& result) {
   const StreamFigures& figures = result.figures;
   const GuestCamera::Stream& stream = result.stream;
   const bool changed = result.format != stream.mode.format;
-  std::string text =
-      Format("%s: %ux%u, %s at %.2f per second%s%s%s\n", result.camera.c_str(),
-             unsigned{stream.mode.width}, unsigned{stream.mode.height},
-             FormatName(stream.mode.format), AgreedRate(stream), changed ? ", arrives as " : "",
-             changed ? FormatName(result.format) : "", result.interrupted ? " (interrupted)" : "");
+  std::string text = Format("%s: %ux%u, %s at %.2f per second%s%s%s\n", result.camera.c_str(),
+                            unsigned{stream.mode.width}, unsigned{stream.mode.height}, FormatName(stream.mode.format),
+                            AgreedRate(stream), changed ? ", arrives as " : "",
+                            changed ? FormatName(result.format) : "", result.interrupted ? " (interrupted)" : "");
   text += Row("frames", std::to_string(figures.frames));
   text += Row("frames per second", Format("%.2f", figures.framesPerSecond));
   text += Row("timeouts", std::to_string(figures.timeouts));
   if (figures.broken > 0) {
     text += Row("broken", std::to_string(figures.broken), "replies without a whole picture");
   }
-  text +=
-      Row("from the camera", Megabytes(figures.cameraBytes),
-          changed && result.format == PictureFormat::kH264 ? "as agreed, before transcoding" : "");
+  text += Row("from the camera", Megabytes(figures.cameraBytes),
+              changed && result.format == PictureFormat::kH264 ? "as agreed, before transcoding" : "");
   text += Row("over the wire", Megabytes(figures.wireBytes),
               Format("%.2f %%, %.2f Mbit/s",
-                     100.0 * static_cast<double>(figures.wireBytes) /
-                         static_cast<double>(figures.cameraBytes),
+                     100.0 * static_cast<double>(figures.wireBytes) / static_cast<double>(figures.cameraBytes),
                      BitRate(figures) / 1e6));
-  text += Row("first picture", Format("%.1f ms", figures.firstMilliseconds),
-              "from starting the stream");
+  text += Row("first picture", Format("%.1f ms", figures.firstMilliseconds), "from starting the stream");
   text += Row("latency p50", Format("%.1f ms", figures.waitP50),
               "of a read until its picture, the camera's interval included");
   text += Row("latency p99", Format("%.1f ms", figures.waitP99));
-  text += Row("CPU per frame", Format("%.2f ms", figures.cpuMillisecondsPerFrame),
-              "module and command");
+  text += Row("CPU per frame", Format("%.2f ms", figures.cpuMillisecondsPerFrame), "module and command");
   if (!result.file.empty()) {
     text += "pictures in " + result.file + "\n";
   }
@@ -89,9 +84,7 @@ std::string StreamText(const StreamResult& result) {
 nlohmann::ordered_json StreamJson(const StreamResult& result) {
   const StreamFigures& figures = result.figures;
   const GuestCamera::Stream& stream = result.stream;
-  const auto orNull = [](const std::string& path) {
-    return path.empty() ? nlohmann::json() : nlohmann::json(path);
-  };
+  const auto orNull = [](const std::string& path) { return path.empty() ? nlohmann::json() : nlohmann::json(path); };
   return {{"camera", result.camera},
           {"width", stream.mode.width},
           {"height", stream.mode.height},
@@ -113,8 +106,7 @@ nlohmann::ordered_json StreamJson(const StreamResult& result) {
           {"snapshot", orNull(result.snapshot)}};
 }
 
-LiveLine::LiveLine()
-    : mTerminal(isatty(STDERR_FILENO) != 0), mDue(StreamStatistics::Clock::now() + kLiveInterval) {}
+LiveLine::LiveLine() : mTerminal(isatty(STDERR_FILENO) != 0), mDue(StreamStatistics::Clock::now() + kLiveInterval) {}
 
 LiveLine::~LiveLine() {
   if (mTerminal) {
@@ -124,12 +116,11 @@ LiveLine::~LiveLine() {
 
 void LiveLine::Show(const StreamFigures& figures) {
   const double seconds = std::chrono::duration<double>(kLiveInterval).count();
-  const std::string line =
-      Format("%6llu pictures  %6.2f per second  %8.2f Mbit/s  latency p50 %.1f ms  timeouts %llu",
-             static_cast<unsigned long long>(figures.frames),
-             static_cast<double>(figures.frames - mLast.frames) / seconds,
-             8.0 * static_cast<double>(figures.wireBytes - mLast.wireBytes) / seconds / 1e6,
-             figures.waitP50, static_cast<unsigned long long>(figures.timeouts));
+  const std::string line = Format("%6llu pictures  %6.2f per second  %8.2f Mbit/s  latency p50 %.1f ms  timeouts %llu",
+                                  static_cast<unsigned long long>(figures.frames),
+                                  static_cast<double>(figures.frames - mLast.frames) / seconds,
+                                  8.0 * static_cast<double>(figures.wireBytes - mLast.wireBytes) / seconds / 1e6,
+                                  figures.waitP50, static_cast<unsigned long long>(figures.timeouts));
   static_cast<void>(std::fputs((mTerminal ? "\r" + line + "\x1b[K" : line + "\n").c_str(), stderr));
   mLast = figures;
   mDue += kLiveInterval;

@@ -23,16 +23,14 @@ double Seconds(StreamStatistics::Clock::duration time) {
 
 }  // namespace
 
-StreamStatistics::StreamStatistics()
-    : mBegin(Clock::now()), mCpuBegin(CpuTime()), mLastReply(mBegin) {}
+StreamStatistics::StreamStatistics() : mBegin(Clock::now()), mCpuBegin(CpuTime()), mLastReply(mBegin) {}
 
 void StreamStatistics::AddReply(const PictureReader::Arrival& arrival) {
   mLastReply = arrival.time;
   mWireBytes += kReplyFields + arrival.reply.data.size();
 }
 
-void StreamStatistics::AddPicture(const PictureReader::Arrival& arrival,
-                                  std::uint64_t cameraBytes) {
+void StreamStatistics::AddPicture(const PictureReader::Arrival& arrival, std::uint64_t cameraBytes) {
   AddReply(arrival);
   mWaits.Add(arrival.waited);
   mLastPicture = arrival.time;
@@ -66,8 +64,7 @@ StreamFigures StreamStatistics::Figures() const {
     figures.cpuMillisecondsPerFrame = cpu.count() / static_cast<double>(mFrames);
   }
   if (mFrames > 1 && *mLastPicture > *mFirstPicture) {
-    figures.framesPerSecond =
-        static_cast<double>(mFrames - 1) / Seconds(*mLastPicture - *mFirstPicture);
+    figures.framesPerSecond = static_cast<double>(mFrames - 1) / Seconds(*mLastPicture - *mFirstPicture);
   }
   return figures;
 }

@@ -55,14 +55,11 @@ int Camera::SetParam(const _CameraParam& param) {
   }
   source->Arm();
   const auto& params = source->Params();
-  const bool offered =
-      std::any_of(params.begin(), params.end(), [&param](const _CameraParam& entry) {
-        return entry.width == param.width && entry.height == param.height &&
-               entry.pixelFormat == param.pixelFormat;
-      });
+  const bool offered = std::any_of(params.begin(), params.end(), [&param](const _CameraParam& entry) {
+    return entry.width == param.width && entry.height == param.height && entry.pixelFormat == param.pixelFormat;
+  });
   if (!offered) {
-    CAMERA_ERROR(mId, "has no pictures of %ux%u in format %u", param.width, param.height,
-                 param.pixelFormat);
+    CAMERA_ERROR(mId, "has no pictures of %ux%u in format %u", param.width, param.height, param.pixelFormat);
   }
   const bool selected = offered && source->Select(param);
   End();

@@ -43,8 +43,7 @@ class Camera final : private PictureSink {
   vel::CondVar mChanged;
   std::unique_ptr<CameraSource> mSource VEL_GUARDED_BY(mMutex);
   Use mUse VEL_GUARDED_BY(mMutex) = Use::kNone;
-  std::uint64_t mUses VEL_GUARDED_BY(mMutex) =
-      0;  // How often it was reserved: tells one stream from the next.
+  std::uint64_t mUses VEL_GUARDED_BY(mMutex) = 0;  // How often it was reserved: tells one stream from the next.
   std::thread::id mUser VEL_GUARDED_BY(mMutex);
   CamStreamCallback mCallback VEL_GUARDED_BY(mMutex) = nullptr;
   void* mContext VEL_GUARDED_BY(mMutex) = nullptr;

@@ -4,8 +4,7 @@
 
 #include "oskelo/log.h"
 
-#define CAMERA_ERROR(id, format, ...)                                         \
-  oskeloLogPrint(0, OSKELO_LOG_ERROR, "VEL_CAMERA", "camera \"%s\": " format, \
-                 (id).c_str() __VA_OPT__(, ) __VA_ARGS__)
+#define CAMERA_ERROR(id, format, ...) \
+  oskeloLogPrint(0, OSKELO_LOG_ERROR, "VEL_CAMERA", "camera \"%s\": " format, (id).c_str() __VA_OPT__(, ) __VA_ARGS__)
 
 #endif

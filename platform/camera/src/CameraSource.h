@@ -47,8 +47,7 @@ class CameraSource {
   std::vector<_CameraParam> mParams;  // Filled before the source is handed out.
 };
 
-inline constexpr std::uint32_t kMaxDimension =
-    8192;  // Pixels; no camera exceeds it, broken files do.
+inline constexpr std::uint32_t kMaxDimension = 8192;  // Pixels; no camera exceeds it, broken files do.
 
 }  // namespace oskelo
 

@@ -5,14 +5,12 @@
 namespace oskelo {
 namespace {
 
-constexpr std::chrono::milliseconds kOpenLimit(
-    2500);  // Below the 3000 ms that a camera has to open.
+constexpr std::chrono::milliseconds kOpenLimit(2500);  // Below the 3000 ms that a camera has to open.
 constexpr std::chrono::milliseconds kReadLimit(5000);  // For one picture of a source that is live.
 
 }  // namespace
 
-std::unique_ptr<FileSource> FileSource::Open(const std::string& name,
-                                             const std::atomic<bool>& cancelled) {
+std::unique_ptr<FileSource> FileSource::Open(const std::string& name, const std::atomic<bool>& cancelled) {
   std::unique_ptr<FileSource> source(new FileSource(name));
   source->mLimit.isEnded = [&cancelled] { return cancelled.load(); };
   if (!source->BeginRound(kOpenLimit)) {
@@ -22,10 +20,8 @@ std::unique_ptr<FileSource> FileSource::Open(const std::string& name,
   const MediaPass& pass = *source->mPass;
   const auto width = static_cast<std::uint32_t>(pass.IsMjpeg() ? pass.Width() : pass.Width() & ~1);
   const auto height = static_cast<std::uint32_t>(pass.Height());
-  if (pass.Width() <= 0 || pass.Height() <= 0 || width == 0 || width > kMaxDimension ||
-      height > kMaxDimension) {
-    CAMERA_ERROR(name, "has pictures of %dx%d, which are not supported", pass.Width(),
-                 pass.Height());
+  if (pass.Width() <= 0 || pass.Height() <= 0 || width == 0 || width > kMaxDimension || height > kMaxDimension) {
+    CAMERA_ERROR(name, "has pictures of %dx%d, which are not supported", pass.Width(), pass.Height());
     return nullptr;
   }
   const std::uint32_t format = pass.IsMjpeg() ? CAM_FORMAT_MJPEG : CAM_FORMAT_YUYV;

@@ -19,8 +19,7 @@ namespace oskelo {
 class FileSource final : public CameraSource {
  public:
   // Null after an Error line: it cannot be read, or has no picture.
-  static std::unique_ptr<FileSource> Open(const std::string& name,
-                                          const std::atomic<bool>& cancelled);
+  static std::unique_ptr<FileSource> Open(const std::string& name, const std::atomic<bool>& cancelled);
 
   bool Select(const _CameraParam& param) override;
   bool Stream(PictureSink& sink) override;

@@ -14,12 +14,11 @@ namespace oskelo {
 namespace {
 
 constexpr std::chrono::nanoseconds kSecond(1'000'000'000);
-constexpr std::chrono::nanoseconds kLongestInterval =
-    2 * kSecond;                   // Beyond it a timestamp is taken for broken.
-constexpr double kUsualRate = 25;  // Pictures per second, where a source has no rate.
+constexpr std::chrono::nanoseconds kLongestInterval = 2 * kSecond;  // Beyond it a timestamp is taken for broken.
+constexpr double kUsualRate = 25;                                   // Pictures per second, where a source has no rate.
 constexpr double kHighestRate = 1000;
 constexpr int kQuiet = AV_LOG_DEBUG - AV_LOG_ERROR;  // Broken pictures are no news for the log.
-constexpr std::size_t kScalerSlack = 64;  // Bytes that the scaler may write behind the last row.
+constexpr std::size_t kScalerSlack = 64;             // Bytes that the scaler may write behind the last row.
 
 int IsExpired(void* context) {
   const auto& limit = *static_cast<const ReadLimit*>(context);
@@ -52,8 +51,8 @@ std::string Address(const std::string& name, std::string& error) {
     return {};
   }
   const char* protocol = avio_find_protocol_name(name.c_str());
-  const bool isPath = protocol == nullptr ? name.find("://") == std::string::npos
-                                          : std::string_view(protocol) == kFile.substr(0, 4);
+  const bool isPath =
+      protocol == nullptr ? name.find("://") == std::string::npos : std::string_view(protocol) == kFile.substr(0, 4);
   if (isPath) {
     error = failed.message();
     return {};
@@ -82,8 +81,7 @@ AVPixelFormat WithoutRange(int format) {
 
 }  // namespace
 
-std::unique_ptr<MediaPass> MediaPass::Open(const std::string& name, const ReadLimit& limit,
-                                           std::string& error) {
+std::unique_ptr<MediaPass> MediaPass::Open(const std::string& name, const ReadLimit& limit, std::string& error) {
   const std::string address = Address(name, error);
   if (address.empty()) {
     return nullptr;
@@ -164,8 +162,8 @@ bool MediaPass::DecodeFrame() {
   while (true) {
     const int result = avcodec_receive_frame(mDecoder.get(), mFrame.get());
     if (result == 0) {
-      if (mFrame->width > 0 && mFrame->width <= static_cast<int>(kMaxDimension) &&
-          mFrame->height > 0 && mFrame->height <= static_cast<int>(kMaxDimension)) {
+      if (mFrame->width > 0 && mFrame->width <= static_cast<int>(kMaxDimension) && mFrame->height > 0 &&
+          mFrame->height <= static_cast<int>(kMaxDimension)) {
         TakeTimestamp(mFrame->best_effort_timestamp);
         return true;
       }
@@ -206,13 +204,12 @@ std::span<std::uint8_t> MediaPass::Picture(int width, int height) {
     return {mPacket->data, static_cast<std::size_t>(mPacket->size)};
   }
   SwsContext* scaler = ScalerTo(width, height);
-  const std::size_t size =
-      std::size_t{2} * static_cast<std::size_t>(width) * static_cast<std::size_t>(height);
+  const std::size_t size = std::size_t{2} * static_cast<std::size_t>(width) * static_cast<std::size_t>(height);
   mYuyv.resize(size + kScalerSlack);
   const std::array<std::uint8_t*, 4> planes = {mYuyv.data(), nullptr, nullptr, nullptr};
   const std::array<int, 4> strides = {2 * width, 0, 0, 0};
-  if (scaler == nullptr || sws_scale(scaler, mFrame->data, mFrame->linesize, 0, mFrame->height,
-                                     planes.data(), strides.data()) != height) {
+  if (scaler == nullptr ||
+      sws_scale(scaler, mFrame->data, mFrame->linesize, 0, mFrame->height, planes.data(), strides.data()) != height) {
     return {};
   }
   return std::span(mYuyv).first(size);
@@ -227,9 +224,8 @@ SwsContext* MediaPass::ScalerTo(int width, int height) {
   mScaledFormat = mFrame->format;
   mScaledWidth = mFrame->width;
   mScaledHeight = mFrame->height;
-  mScaler.reset(sws_getContext(mFrame->width, mFrame->height, WithoutRange(mFrame->format), width,
-                               height, AV_PIX_FMT_YUYV422, SWS_BILINEAR, nullptr, nullptr,
-                               nullptr));
+  mScaler.reset(sws_getContext(mFrame->width, mFrame->height, WithoutRange(mFrame->format), width, height,
+                               AV_PIX_FMT_YUYV422, SWS_BILINEAR, nullptr, nullptr, nullptr));
   if (mScaler != nullptr && IsFullRange(*mFrame)) {
     const int* coefficients = sws_getCoefficients(SWS_CS_ITU601);
     sws_setColorspaceDetails(mScaler.get(), coefficients, 1, coefficients, 0, 0, 1 << 16, 1 << 16);

@@ -29,8 +29,7 @@ class MediaPass {
  public:
   // Null when the source cannot be read; `error` then says why. The limit is looked at as long as
   // the pass lives.
-  static std::unique_ptr<MediaPass> Open(const std::string& name, const ReadLimit& limit,
-                                         std::string& error);
+  static std::unique_ptr<MediaPass> Open(const std::string& name, const ReadLimit& limit, std::string& error);
   MediaPass(const MediaPass&) = delete;
   MediaPass& operator=(const MediaPass&) = delete;
 

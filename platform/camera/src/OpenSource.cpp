@@ -49,13 +49,10 @@ void SetDefaultSource(const std::string& source) {
   chosen.source = source;
 }
 
-std::unique_ptr<CameraSource> OpenSource(const std::string& id,
-                                         const std::atomic<bool>& cancelled) {
+std::unique_ptr<CameraSource> OpenSource(const std::string& id, const std::atomic<bool>& cancelled) {
   const std::string name = Resolve(id);
   if (name.empty()) {
-    CAMERA_ERROR(
-        id,
-        "no camera was found; name a device, a file or \"test\" in " OSKELO_CAMERA_SOURCE_VARIABLE);
+    CAMERA_ERROR(id, "no camera was found; name a device, a file or \"test\" in " OSKELO_CAMERA_SOURCE_VARIABLE);
     return nullptr;
   }
   if (name == kTest) {

@@ -57,8 +57,7 @@ void TestSource::Paint(std::span<std::uint8_t> picture, std::uint32_t number) co
     std::memcpy(&picture[y * row], picture.data(), row);
   }
   for (std::uint32_t i = 0; i < kLineRows; ++i) {
-    fill((number * kRowsPerPicture + i) % mSelected.height * row,
-         [](std::size_t) { return kWhite; });
+    fill((number * kRowsPerPicture + i) % mSelected.height * row, [](std::size_t) { return kWhite; });
   }
 }
 

@@ -50,8 +50,7 @@ class KernelDevice final : public V4l2Device {
   }
 
   void* Map(std::size_t length, std::uint32_t offset) override {
-    void* memory = mmap(nullptr, length, PROT_READ | PROT_WRITE, MAP_SHARED, mDevice.Get(),
-                        static_cast<off_t>(offset));
+    void* memory = mmap(nullptr, length, PROT_READ | PROT_WRITE, MAP_SHARED, mDevice.Get(), static_cast<off_t>(offset));
     return memory == MAP_FAILED ? nullptr : memory;
   }
 

@@ -30,8 +30,7 @@ bool IsReachable(std::uint32_t value, std::uint32_t least, std::uint32_t most, s
 
 }  // namespace
 
-std::unique_ptr<V4l2Source> V4l2Source::Create(std::string name,
-                                               std::unique_ptr<V4l2Device> device) {
+std::unique_ptr<V4l2Source> V4l2Source::Create(std::string name, std::unique_ptr<V4l2Device> device) {
   std::unique_ptr<V4l2Source> source(new V4l2Source(std::move(name), std::move(device)));
   if (!Captures(*source->mDevice)) {
     CAMERA_ERROR(source->mName, "captures no pictures");
@@ -50,21 +49,18 @@ bool V4l2Source::Captures(V4l2Device& device) {
   if (device.Ioctl(VIDIOC_QUERYCAP, &capability) < 0) {
     return false;
   }
-  const std::uint32_t can = (capability.capabilities & V4L2_CAP_DEVICE_CAPS) != 0
-                                ? capability.device_caps
-                                : capability.capabilities;
+  const std::uint32_t can =
+      (capability.capabilities & V4L2_CAP_DEVICE_CAPS) != 0 ? capability.device_caps : capability.capabilities;
   return (can & V4L2_CAP_VIDEO_CAPTURE) != 0 && (can & V4L2_CAP_STREAMING) != 0;
 }
 
 void V4l2Source::ListFormats() {
   v4l2_fmtdesc format{};
   format.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-  for (; format.index < kMostEntries && mDevice->Ioctl(VIDIOC_ENUM_FMT, &format) == 0;
-       ++format.index) {
+  for (; format.index < kMostEntries && mDevice->Ioctl(VIDIOC_ENUM_FMT, &format) == 0; ++format.index) {
     if (format.pixelformat == V4L2_PIX_FMT_YUYV) {
       ListSizes(format.pixelformat, CAM_FORMAT_YUYV);
-    } else if (format.pixelformat == V4L2_PIX_FMT_MJPEG ||
-               format.pixelformat == V4L2_PIX_FMT_JPEG) {
+    } else if (format.pixelformat == V4L2_PIX_FMT_MJPEG || format.pixelformat == V4L2_PIX_FMT_JPEG) {
       ListSizes(format.pixelformat, CAM_FORMAT_MJPEG);
     }
   }
@@ -73,8 +69,7 @@ void V4l2Source::ListFormats() {
 void V4l2Source::ListSizes(std::uint32_t fourcc, std::uint32_t pixelFormat) {
   v4l2_frmsizeenum entry{};
   entry.pixel_format = fourcc;
-  for (; entry.index < kMostEntries && mDevice->Ioctl(VIDIOC_ENUM_FRAMESIZES, &entry) == 0;
-       ++entry.index) {
+  for (; entry.index < kMostEntries && mDevice->Ioctl(VIDIOC_ENUM_FRAMESIZES, &entry) == 0; ++entry.index) {
     if (entry.type == V4L2_FRMSIZE_TYPE_DISCRETE) {
       AddSize(entry.discrete.width, entry.discrete.height, pixelFormat);
       continue;
@@ -93,8 +88,7 @@ void V4l2Source::ListSizes(std::uint32_t fourcc, std::uint32_t pixelFormat) {
 void V4l2Source::AddSize(std::uint32_t width, std::uint32_t height, std::uint32_t pixelFormat) {
   if (width > 0 && width <= kMaxDimension && height > 0 && height <= kMaxDimension &&
       (width % 2 == 0 || pixelFormat == CAM_FORMAT_MJPEG)) {
-    mParams.push_back(
-        {.width = width, .height = height, .pixelFormat = pixelFormat, .reserved = 0});
+    mParams.push_back({.width = width, .height = height, .pixelFormat = pixelFormat, .reserved = 0});
   }
 }
 
@@ -115,12 +109,10 @@ bool V4l2Source::Select(const _CameraParam& param) {
     return Fail("does not take the size", result);
   }
   const v4l2_pix_format& taken = format.fmt.pix;
-  const bool formatTaken =
-      mjpeg ? taken.pixelformat == V4L2_PIX_FMT_MJPEG || taken.pixelformat == V4L2_PIX_FMT_JPEG
-            : taken.pixelformat == V4L2_PIX_FMT_YUYV;
+  const bool formatTaken = mjpeg ? taken.pixelformat == V4L2_PIX_FMT_MJPEG || taken.pixelformat == V4L2_PIX_FMT_JPEG
+                                 : taken.pixelformat == V4L2_PIX_FMT_YUYV;
   if (taken.width != param.width || taken.height != param.height || !formatTaken) {
-    CAMERA_ERROR(mName, "took %ux%u instead of %ux%u", taken.width, taken.height, param.width,
-                 param.height);
+    CAMERA_ERROR(mName, "took %ux%u instead of %ux%u", taken.width, taken.height, param.width, param.height);
     return false;
   }
   mSelected = param;
@@ -178,9 +170,8 @@ void V4l2Source::Deliver(std::span<std::uint8_t> bytes, PictureSink& sink) {
 }
 
 bool V4l2Source::Fail(const char* what, int result) const {
-  CAMERA_ERROR(
-      mName, "%s: %s", what,
-      result == -ENODEV ? "it was unplugged" : std::generic_category().message(-result).c_str());
+  CAMERA_ERROR(mName, "%s: %s", what,
+               result == -ENODEV ? "it was unplugged" : std::generic_category().message(-result).c_str());
   return false;
 }
 

@@ -16,9 +16,8 @@ struct CamWorker {
 extern "C" {
 
 CamWorker* CreatQtWorker(void* /*parent*/, void (*function)(void*), void* context) {
-  return function == nullptr
-             ? nullptr
-             : new CamWorker{function, context, std::make_shared<std::atomic<bool>>(false), {}};
+  return function == nullptr ? nullptr
+                             : new CamWorker{function, context, std::make_shared<std::atomic<bool>>(false), {}};
 }
 
 int StartQtWroker(CamWorker* worker) {
@@ -26,11 +25,10 @@ int StartQtWroker(CamWorker* worker) {
     return -1;
   }
   try {
-    worker->thread = std::thread(
-        [function = worker->function, context = worker->context, returned = worker->returned] {
-          function(context);
-          *returned = true;
-        });
+    worker->thread = std::thread([function = worker->function, context = worker->context, returned = worker->returned] {
+      function(context);
+      *returned = true;
+    });
   } catch (const std::system_error&) {
     return -1;
   }

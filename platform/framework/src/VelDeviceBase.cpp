@@ -3,6 +3,8 @@
 namespace vel {
 
 VelDeviceBase::~VelDeviceBase() = default;
-bool VelDeviceBase::AnswersFailedTransfers() const { return false; }
+bool VelDeviceBase::AnswersFailedTransfers() const {
+  return false;
+}
 
 }  // namespace vel

@@ -92,8 +92,8 @@ int oskeloLogPrint(int /*id*/, int level, const char* tag, const char* format, .
     sink.function(sink.context, level, tag, text.data());
     return 1;
   }
-  const auto* found = std::find_if(kLevels.begin(), kLevels.end(),
-                                   [level](const LevelName& entry) { return entry.level == level; });
+  const auto* found =
+      std::find_if(kLevels.begin(), kLevels.end(), [level](const LevelName& entry) { return entry.level == level; });
   const auto spdlogLevel = found == kLevels.end() ? spdlog::level::err : found->spdlogLevel;
   StandardError().log(spdlogLevel, "{} {}", tag == nullptr ? "" : tag, std::string_view(text.data(), length));
   return 1;
@@ -103,7 +103,9 @@ void oskeloLogSetLevel(int level) {
   Level().store(std::clamp<int>(level, OSKELO_LOG_DEBUG, OSKELO_LOG_OFF), std::memory_order_relaxed);
 }
 
-int oskeloLogGetLevel(void) { return Level().load(std::memory_order_relaxed); }
+int oskeloLogGetLevel(void) {
+  return Level().load(std::memory_order_relaxed);
+}
 
 int oskeloLogLevelByName(const char* name) {
   for (const LevelName& entry : kLevels) {

@@ -37,13 +37,12 @@ void ConfigDescTree::Add(std::span<const std::uint8_t> descriptor) {
     if (mInterfaces.empty() || mInterfaces.back().number != descriptor[2]) {
       mInterfaces.emplace_back().number = descriptor[2];
     }
-    FillInterfaceDesc(mInterfaces.back().altSettings.emplace_back().desc, descriptor[2], descriptor[3],
-                      descriptor[4], descriptor[5], descriptor[6], descriptor[7], descriptor[8]);
+    FillInterfaceDesc(mInterfaces.back().altSettings.emplace_back().desc, descriptor[2], descriptor[3], descriptor[4],
+                      descriptor[5], descriptor[6], descriptor[7], descriptor[8]);
   } else if (descriptor[1] == LIBUSB_DT_ENDPOINT && descriptor.size() >= LIBUSB_DT_ENDPOINT_SIZE &&
              !mInterfaces.empty()) {
-    const EndpointPtr endpoint =
-        CreateEndpiontDesc(descriptor[2], descriptor[3],
-                           static_cast<std::uint16_t>(descriptor[4] | (descriptor[5] << 8U)), descriptor[6]);
+    const EndpointPtr endpoint = CreateEndpiontDesc(
+        descriptor[2], descriptor[3], static_cast<std::uint16_t>(descriptor[4] | (descriptor[5] << 8U)), descriptor[6]);
     if (endpoint != nullptr) {
       mInterfaces.back().altSettings.back().endpoints.push_back(*endpoint);
     }

@@ -145,8 +145,7 @@ int DummyCamera::ProbeParam(_CameraParam* /*param*/) {
 
 void DummyCamera::FrameHandler() {
   VEL_DEBUG("Camera thread in!");
-  std::vector<std::uint8_t>
-      picture;  // Kept, since a fresh block of this size costs more than the picture.
+  std::vector<std::uint8_t> picture;  // Kept, since a fresh block of this size costs more than the picture.
   VEL_DEBUG("Camera thread run!");
   while (AwaitRequest()) {
     DeliverPicture(picture);
@@ -179,8 +178,7 @@ void DummyCamera::DeliverPicture(std::vector<std::uint8_t>& picture) {
   CameraStreamCallback* callback = nullptr;
   void* context = nullptr;
   {
-    const MutexLock lock(
-        mMutex);  // Of whoever asks now: it may have changed while the picture was painted.
+    const MutexLock lock(mMutex);  // Of whoever asks now: it may have changed while the picture was painted.
     callback = mCallback;
     context = mContext;
   }
@@ -191,8 +189,7 @@ void DummyCamera::DeliverPicture(std::vector<std::uint8_t>& picture) {
   mPending -= mPending > 0 ? 1 : 0;  // A stop in the callback has cleared it.
 }
 
-void DummyCamera::Paint(std::span<std::uint8_t> picture, std::uint32_t width, std::uint32_t height,
-                        std::uint32_t n) {
+void DummyCamera::Paint(std::span<std::uint8_t> picture, std::uint32_t width, std::uint32_t height, std::uint32_t n) {
   if (width == 0 || height == 0) {
     return;
   }

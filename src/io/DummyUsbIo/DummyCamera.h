@@ -35,8 +35,7 @@ class DummyCamera final : public ICamera {
   int ProbeParam(_CameraParam* param) override;
 
   // Paints picture number `n`: two planes of width * height bytes each.
-  static void Paint(std::span<std::uint8_t> picture, std::uint32_t width, std::uint32_t height,
-                    std::uint32_t n);
+  static void Paint(std::span<std::uint8_t> picture, std::uint32_t width, std::uint32_t height, std::uint32_t n);
 
  private:
   void FrameHandler();

@@ -16,8 +16,8 @@ constexpr std::uint16_t kLanguageValue = 0x0300;
 
 constexpr std::array<std::uint8_t, 4> kLanguages = {0x04, 0x03, 0x09, 0x04};
 
-constexpr std::array<std::uint8_t, 22> kProductString = {
-    0x16, 0x03, 'U', 0, 'S', 0, 'B', 0, ' ', 0, 'C', 0, 'a', 0, 'm', 0, 'e', 0, 'r', 0, 'a', 0};
+constexpr std::array<std::uint8_t, 22> kProductString = {0x16, 0x03, 'U', 0,   'S', 0,   'B', 0,   ' ', 0,   'C',
+                                                         0,    'a',  0,   'm', 0,   'e', 0,   'r', 0,   'a', 0};
 
 constexpr bool Matches(int wanted, unsigned value) {
   return wanted == CannedAnswer::kAny || static_cast<unsigned>(wanted) == value;
@@ -25,11 +25,13 @@ constexpr bool Matches(int wanted, unsigned value) {
 
 }  // namespace
 
-DummyUsbFamily::DummyUsbFamily(const DummyUsbProfile& profile, std::uint8_t busNumber,
-                               std::uint8_t deviceAddress, std::uint16_t vid, std::uint16_t pid)
+DummyUsbFamily::DummyUsbFamily(const DummyUsbProfile& profile, std::uint8_t busNumber, std::uint8_t deviceAddress,
+                               std::uint16_t vid, std::uint16_t pid)
     : mProfile(profile), mBusNumber(busNumber), mDeviceAddress(deviceAddress), mVendorId(vid), mProductId(pid) {}
 
-DummyUsbFamily::~DummyUsbFamily() { mPending.CancelAll(); }
+DummyUsbFamily::~DummyUsbFamily() {
+  mPending.CancelAll();
+}
 
 void DummyUsbFamily::Init() {
   VEL_DEBUG("%04x:%04x", unsigned{mVendorId}, unsigned{mProductId});
@@ -41,7 +43,9 @@ void DummyUsbFamily::CreateCompositeDevice() {
   mConfigDesc = std::make_unique<ConfigDescTree>(mProfile.configDesc);
 }
 
-libusb_device_descriptor* DummyUsbFamily::GetDeviceDesc() { return mDeviceDesc.get(); }
+libusb_device_descriptor* DummyUsbFamily::GetDeviceDesc() {
+  return mDeviceDesc.get();
+}
 
 libusb_config_descriptor* DummyUsbFamily::GetConfigDesc() {
   return mConfigDesc == nullptr ? nullptr : mConfigDesc->Get();
@@ -115,8 +119,7 @@ int DummyUsbFamily::CancelTransfer(std::uint32_t localXferId) {
   return 0;  // Also when nothing was pending: no request of the family fails.
 }
 
-int DummyUsbFamily::GetStringDescriptor(std::uint8_t index, std::uint16_t langId, std::uint8_t* buffer,
-                                        int length) {
+int DummyUsbFamily::GetStringDescriptor(std::uint8_t index, std::uint16_t langId, std::uint8_t* buffer, int length) {
   VEL_DEBUG("strIndex[%d], langid[0x%x], len[%d]", int{index}, unsigned{langId}, length);
   return CopyAnswer(kProductString, buffer, length);
 }

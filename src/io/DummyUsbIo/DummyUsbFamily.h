@@ -49,8 +49,8 @@ struct DummyUsbProfile {
 // Control answers are chosen by wValue, whatever the request is, unless a canned answer says more.
 class DummyUsbFamily : public IUsbIo, private DummyUsbUtils {
  public:
-  DummyUsbFamily(const DummyUsbProfile& profile, std::uint8_t busNumber, std::uint8_t deviceAddress,
-                 std::uint16_t vid, std::uint16_t pid);
+  DummyUsbFamily(const DummyUsbProfile& profile, std::uint8_t busNumber, std::uint8_t deviceAddress, std::uint16_t vid,
+                 std::uint16_t pid);
   ~DummyUsbFamily() override;
 
   void* GetIoHandler() override;
@@ -74,9 +74,8 @@ class DummyUsbFamily : public IUsbIo, private DummyUsbUtils {
   int ClaimAllInterface() override;
   int SetInterfaceAltSetting(int interfaceNumber, int altSetting) override;
   int CancelTransfer(std::uint32_t localXferId) override;
-  int ControlTransfer(std::uint8_t bmRequestType, std::uint8_t bRequest, std::uint16_t wValue,
-                      std::uint16_t wIndex, std::uint8_t* data, std::uint16_t wLength,
-                      std::uint32_t timeout) override;
+  int ControlTransfer(std::uint8_t bmRequestType, std::uint8_t bRequest, std::uint16_t wValue, std::uint16_t wIndex,
+                      std::uint8_t* data, std::uint16_t wLength, std::uint32_t timeout) override;
   int BulkTransfer(_UsbIoXferInfo* info) override;
   int InterruptTransfer(_UsbIoXferInfo* info) override;
   int IsochTransfer(_UsbIoXferInfo* info) override;
@@ -92,7 +91,7 @@ class DummyUsbFamily : public IUsbIo, private DummyUsbUtils {
   const std::uint8_t mPortNumber = 0xFF;
   const std::uint8_t mDeviceAddress;
   const std::uint32_t mSpeed = LIBUSB_SPEED_FULL;
-  const std::uint16_t mVendorId;   // As constructed; the descriptors carry their own.
+  const std::uint16_t mVendorId;  // As constructed; the descriptors carry their own.
   const std::uint16_t mProductId;
   std::unique_ptr<libusb_device_descriptor> mDeviceDesc;
   std::unique_ptr<ConfigDescTree> mConfigDesc;

@@ -26,8 +26,7 @@ constexpr std::uint16_t ReadLe16(std::uint8_t low, std::uint8_t high) {
 }  // namespace
 
 DummyUsbUtils::EndpointPtr DummyUsbUtils::CreateEndpiontDesc(std::uint8_t address, std::uint8_t attributes,
-                                                             std::uint16_t maxPacketSize,
-                                                             std::uint8_t interval) {
+                                                             std::uint16_t maxPacketSize, std::uint8_t interval) {
   EndpointPtr endpoint(static_cast<libusb_endpoint_descriptor*>(std::calloc(1, sizeof(libusb_endpoint_descriptor))));
   if (endpoint != nullptr) {
     endpoint->bLength = LIBUSB_DT_ENDPOINT_SIZE;
@@ -56,8 +55,7 @@ void DummyUsbUtils::FillInterfaceDesc(libusb_interface_descriptor& record, std::
   record.iInterface = iInterface;
 }
 
-libusb_device_descriptor DummyUsbUtils::ReadDeviceDesc(
-    std::span<const std::uint8_t, LIBUSB_DT_DEVICE_SIZE> bytes) {
+libusb_device_descriptor DummyUsbUtils::ReadDeviceDesc(std::span<const std::uint8_t, LIBUSB_DT_DEVICE_SIZE> bytes) {
   libusb_device_descriptor desc{};
   desc.bLength = bytes[0];
   desc.bDescriptorType = bytes[1];

@@ -17,14 +17,13 @@ class DummyUsbUtils {
   using EndpointPtr = std::unique_ptr<libusb_endpoint_descriptor, FreeDeleter>;
 
   // A new endpoint record without extra bytes, to be copied where it belongs; null without memory.
-  static EndpointPtr CreateEndpiontDesc(std::uint8_t address, std::uint8_t attributes,
-                                        std::uint16_t maxPacketSize, std::uint8_t interval);
+  static EndpointPtr CreateEndpiontDesc(std::uint8_t address, std::uint8_t attributes, std::uint16_t maxPacketSize,
+                                        std::uint8_t interval);
 
   // Clears the record and fills in what an interface descriptor says.
   static void FillInterfaceDesc(libusb_interface_descriptor& record, std::uint8_t interfaceNumber,
-                                std::uint8_t alternateSetting, std::uint8_t numEndpoints,
-                                std::uint8_t interfaceClass, std::uint8_t subclass, std::uint8_t protocol,
-                                std::uint8_t iInterface);
+                                std::uint8_t alternateSetting, std::uint8_t numEndpoints, std::uint8_t interfaceClass,
+                                std::uint8_t subclass, std::uint8_t protocol, std::uint8_t iInterface);
 
   // A device descriptor from its 18 bytes.
   static libusb_device_descriptor ReadDeviceDesc(std::span<const std::uint8_t, LIBUSB_DT_DEVICE_SIZE> bytes);

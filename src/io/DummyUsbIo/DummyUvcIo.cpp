@@ -20,15 +20,14 @@ constexpr std::uint8_t kGetDescriptor = 6;
 // USB 2.00, miscellaneous class with interface association; vendor and product are the
 // constructor's.
 constexpr std::array<std::uint8_t, LIBUSB_DT_DEVICE_SIZE> kDeviceDesc = {
-    0x12, 0x01, 0x00, 0x02, 0xEF, 0x02, 0x01, 0x40, 0x00,
-    0x00, 0x00, 0x00, 0x02, 0x27, 0x01, 0x01, 0x00, 0x01,
+    0x12, 0x01, 0x00, 0x02, 0xEF, 0x02, 0x01, 0x40, 0x00, 0x00, 0x00, 0x00, 0x02, 0x27, 0x01, 0x01, 0x00, 0x01,
 };
 
 constexpr std::array<std::uint8_t, 4> kLanguages = {0x04, 0x03, 0x09, 0x04};
 
-constexpr std::array<std::uint8_t, 34> kProductString = {
-    0x22, 0x03, 'O', 0,   's', 0,   'k', 0,   'e', 0,   'l', 0,   'o', 0,   ' ', 0,   'C',
-    0,    'a',  0,   'm', 0,   'e', 0,   'r', 0,   'a', 0,   ' ', 0,   '#', 0,   '0', 0};
+constexpr std::array<std::uint8_t, 34> kProductString = {0x22, 0x03, 'O', 0, 's', 0, 'k', 0, 'e', 0, 'l', 0,
+                                                         'o',  0,    ' ', 0, 'C', 0, 'a', 0, 'm', 0, 'e', 0,
+                                                         'r',  0,    'a', 0, ' ', 0, '#', 0, '0', 0};
 
 bool IsRaw(const _CameraParam& param) {
   return param.pixelFormat == CAM_FORMAT_RAW || param.pixelFormat == CAM_FORMAT_YUYV;
@@ -44,8 +43,8 @@ unsigned ByteAt(const _UsbIoXferInfo& info, std::uint32_t i) {
 
 }  // namespace
 
-DummyUvcIo::DummyUvcIo(std::uint8_t busNumber, std::uint8_t deviceAddress, std::uint16_t vid,
-                       std::uint16_t pid, std::string args)
+DummyUvcIo::DummyUvcIo(std::uint8_t busNumber, std::uint8_t deviceAddress, std::uint16_t vid, std::uint16_t pid,
+                       std::string args)
     : mBusNumber(busNumber),
       mDeviceAddress(deviceAddress),
       mVendorId(vid),
@@ -80,8 +79,7 @@ bool DummyUvcIo::IsSupportMjpegForVM(std::uint16_t /*vid*/, std::uint16_t /*pid*
   return false;
 }
 
-bool DummyUvcIo::IsCustomDevice(std::uint16_t /*vid*/, std::uint16_t /*pid*/,
-                                std::uint32_t& /*type*/) {
+bool DummyUvcIo::IsCustomDevice(std::uint16_t /*vid*/, std::uint16_t /*pid*/, std::uint32_t& /*type*/) {
   return false;
 }
 
@@ -136,25 +134,22 @@ int DummyUvcIo::ReadCamParamList() {
 
 int DummyUvcIo::ParseCamParamList(const _CameraParam* list, int size) {
   VEL_DEBUG("size[%d]", size);
-  const std::span<const _CameraParam> params(
-      list, list == nullptr ? 0 : static_cast<std::size_t>(std::max(size, 0)));
+  const std::span<const _CameraParam> params(list, list == nullptr ? 0 : static_cast<std::size_t>(std::max(size, 0)));
   for (std::size_t i = 0; i < params.size(); ++i) {
-    VEL_DEBUG("Camera source param[%d]: width[%d], height[%d], pixelFormat[%d]",
-              static_cast<int>(i), static_cast<int>(params[i].width),
-              static_cast<int>(params[i].height), static_cast<int>(params[i].pixelFormat));
+    VEL_DEBUG("Camera source param[%d]: width[%d], height[%d], pixelFormat[%d]", static_cast<int>(i),
+              static_cast<int>(params[i].width), static_cast<int>(params[i].height),
+              static_cast<int>(params[i].pixelFormat));
   }
   mSourceHasMjpeg = std::any_of(params.begin(), params.end(), &IsMjpeg);
   mIoCapability = 0;
   mSupportedParams.clear();
-  std::copy_if(params.begin(), params.end(), std::back_inserter(mSupportedParams),
-               mSourceHasMjpeg ? &IsMjpeg : &IsRaw);
+  std::copy_if(params.begin(), params.end(), std::back_inserter(mSupportedParams), mSourceHasMjpeg ? &IsMjpeg : &IsRaw);
   if (mSupportedParams.empty()) {
     VEL_ERROR("Can not find any supported formats");
     return -1;
   }
   if (mSupportedParams.size() > UvcConfigBuilder::kMaxSizes) {
-    VEL_WARN("only the first %d of %d formats are offered",
-             static_cast<int>(UvcConfigBuilder::kMaxSizes),
+    VEL_WARN("only the first %d of %d formats are offered", static_cast<int>(UvcConfigBuilder::kMaxSizes),
              static_cast<int>(mSupportedParams.size()));
     mSupportedParams.resize(UvcConfigBuilder::kMaxSizes);
   }
@@ -212,24 +207,18 @@ libusb_config_descriptor* DummyUvcIo::GetConfigDesc() {
   return mDescriptors == nullptr ? nullptr : mDescriptors->config.Get();
 }
 
-int DummyUvcIo::GetStringDescriptor(std::uint8_t index, std::uint16_t langId, std::uint8_t* buffer,
-                                    int length) {
-  const int copied = index == 0 ? CopyAnswer(kLanguages, buffer, length)
-                                : CopyAnswer(kProductString, buffer, length);
-  VEL_DEBUG("strIndex[%d], langid[0x%x], len[%d], actlen[%d]", int{index}, unsigned{langId}, length,
-            copied);
+int DummyUvcIo::GetStringDescriptor(std::uint8_t index, std::uint16_t langId, std::uint8_t* buffer, int length) {
+  const int copied = index == 0 ? CopyAnswer(kLanguages, buffer, length) : CopyAnswer(kProductString, buffer, length);
+  VEL_DEBUG("strIndex[%d], langid[0x%x], len[%d], actlen[%d]", int{index}, unsigned{langId}, length, copied);
   return copied;
 }
 
-int DummyUvcIo::ControlTransfer(std::uint8_t bmRequestType, std::uint8_t bRequest,
-                                std::uint16_t wValue, std::uint16_t wIndex, std::uint8_t* data,
-                                std::uint16_t wLength, std::uint32_t timeout) {
-  VEL_DEBUG("wValue[0x%x], wIndex[0x%x], len[%d]", unsigned{wValue}, unsigned{wIndex},
-            int{wLength});
-  const int answered =
-      mControls.UvcParseCtrlCmd(bmRequestType, bRequest, wValue, wIndex, data, wLength, timeout);
-  if (bmRequestType == kStandardIn && bRequest == kGetDescriptor &&
-      (wValue >> 8U) == LIBUSB_DT_STRING) {
+int DummyUvcIo::ControlTransfer(std::uint8_t bmRequestType, std::uint8_t bRequest, std::uint16_t wValue,
+                                std::uint16_t wIndex, std::uint8_t* data, std::uint16_t wLength,
+                                std::uint32_t timeout) {
+  VEL_DEBUG("wValue[0x%x], wIndex[0x%x], len[%d]", unsigned{wValue}, unsigned{wIndex}, int{wLength});
+  const int answered = mControls.UvcParseCtrlCmd(bmRequestType, bRequest, wValue, wIndex, data, wLength, timeout);
+  if (bmRequestType == kStandardIn && bRequest == kGetDescriptor && (wValue >> 8U) == LIBUSB_DT_STRING) {
     return GetStringDescriptor(static_cast<std::uint8_t>(wValue), wIndex, data, wLength);
   }
   return answered;
@@ -257,8 +246,8 @@ void DummyUvcIo::StartSource() {
                      .height = frame->wHeight,
                      .pixelFormat = mjpeg ? CAM_FORMAT_MJPEG : CAM_FORMAT_YUYV,
                      .reserved = 0};
-  VEL_DEBUG("Camera stream on, width: %d, height: %d, type: %d", int{frame->wWidth},
-            int{frame->wHeight}, int{frame->bDescriptorSubtype});
+  VEL_DEBUG("Camera stream on, width: %d, height: %d, type: %d", int{frame->wWidth}, int{frame->wHeight},
+            int{frame->bDescriptorSubtype});
   int result = mCamera->SetParam(&param);
   if (result < 0) {
     VEL_ERROR("SetParam failed ret[%d]", result);
@@ -296,8 +285,8 @@ int DummyUvcIo::IsochTransfer(_UsbIoXferInfo* info) {
   if (info != nullptr) {
     info->status = kXferCompleted;
     info->owner = this;
-    VEL_DEBUG("xferInfo data len: %d, data: %x, %x, %x, %x", static_cast<int>(info->length),
-              ByteAt(*info, 0), ByteAt(*info, 1), ByteAt(*info, 2), ByteAt(*info, 3));
+    VEL_DEBUG("xferInfo data len: %d, data: %x, %x, %x, %x", static_cast<int>(info->length), ByteAt(*info, 0),
+              ByteAt(*info, 1), ByteAt(*info, 2), ByteAt(*info, 3));
   }
   const auto frame = mControls.CurrentFrame();
   mStreamContext.SetPending(info, frame ? frame->wWidth : 0, frame ? frame->wHeight : 0);
@@ -314,8 +303,7 @@ int DummyUvcIo::IsochTransfer(_UsbIoXferInfo* info) {
 void DummyUvcIo::CameraStreamCallbackQt(std::uint8_t* data, std::uint32_t length, void* context) {
   auto& stream = *static_cast<UvcStreamContext*>(context);
   const UvcStreamContext::FrameSize size = stream.Size();
-  VEL_DEBUG("Camera frame data Len[%d] width[%d] height[%d]", static_cast<int>(length), size.width,
-            size.height);
+  VEL_DEBUG("Camera frame data Len[%d] width[%d] height[%d]", static_cast<int>(length), size.width, size.height);
   stream.Deliver({data, length});
 }
 

@@ -36,8 +36,8 @@ class VEL_MODULE_CLASS DummyUvcIo final : public IUsbIo,
                                           private CameraStreamCallback {
  public:
   // At address 0x80 or 0x81 a local camera, which `args` names, and a synthetic one at any other.
-  DummyUvcIo(std::uint8_t busNumber, std::uint8_t deviceAddress, std::uint16_t vid,
-             std::uint16_t pid, std::string args);
+  DummyUvcIo(std::uint8_t busNumber, std::uint8_t deviceAddress, std::uint16_t vid, std::uint16_t pid,
+             std::string args);
   ~DummyUvcIo() override;
 
   void* GetIoHandler() override { return nullptr; }
@@ -53,8 +53,7 @@ class VEL_MODULE_CLASS DummyUvcIo final : public IUsbIo,
   std::uint8_t GetBusNumber() override { return mBusNumber; }
   std::uint8_t GetDeviceAddress() override { return mDeviceAddress; }
   std::uint8_t GetDeviceSpeed() override { return static_cast<std::uint8_t>(mSpeed); }
-  int GetStringDescriptor(std::uint8_t index, std::uint16_t langId, std::uint8_t* buffer,
-                          int length) override;
+  int GetStringDescriptor(std::uint8_t index, std::uint16_t langId, std::uint8_t* buffer, int length) override;
   int ResetDevice() override { return 0; }
   int AttachKernelDriver() override { return 0; }
   int DetachKernelDriver() override { return 0; }
@@ -64,9 +63,8 @@ class VEL_MODULE_CLASS DummyUvcIo final : public IUsbIo,
   int ClaimAllInterface() override { return 0; }
   int SetInterfaceAltSetting(int interfaceNumber, int altSetting) override;
   int CancelTransfer(std::uint32_t localXferId) override;
-  int ControlTransfer(std::uint8_t bmRequestType, std::uint8_t bRequest, std::uint16_t wValue,
-                      std::uint16_t wIndex, std::uint8_t* data, std::uint16_t wLength,
-                      std::uint32_t timeout) override;
+  int ControlTransfer(std::uint8_t bmRequestType, std::uint8_t bRequest, std::uint16_t wValue, std::uint16_t wIndex,
+                      std::uint8_t* data, std::uint16_t wLength, std::uint32_t timeout) override;
   // There are no such endpoints: the record is completed with status 1.
   int BulkTransfer(_UsbIoXferInfo* info) override;
   int InterruptTransfer(_UsbIoXferInfo* info) override;
@@ -75,8 +73,7 @@ class VEL_MODULE_CLASS DummyUvcIo final : public IUsbIo,
  private:
   // What GetDeviceDesc and GetConfigDesc hand out.
   struct Descriptors {
-    Descriptors(const libusb_device_descriptor& deviceDesc,
-                std::span<const std::uint8_t> configBytes)
+    Descriptors(const libusb_device_descriptor& deviceDesc, std::span<const std::uint8_t> configBytes)
         : device(deviceDesc), config(configBytes) {}
     libusb_device_descriptor device;
     ConfigDescTree config;

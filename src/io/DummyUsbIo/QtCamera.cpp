@@ -24,8 +24,7 @@ struct QtCamera::Opening {
   bool running VEL_GUARDED_BY(mutex) = true;  // The camera is wanted.
   bool done VEL_GUARDED_BY(mutex) = false;
   int result VEL_GUARDED_BY(mutex) = -1;
-  std::shared_ptr<Opening> self
-      VEL_GUARDED_BY(mutex);  // The worker's share, until its function takes it.
+  std::shared_ptr<Opening> self VEL_GUARDED_BY(mutex);  // The worker's share, until its function takes it.
 
   void Finish(int withResult) VEL_EXCLUDES(mutex) {
     const MutexLock lock(mutex);
@@ -192,8 +191,7 @@ int QtCamera::StreamOn() {
   ReleaseStreamThread();
   mStreaming = std::make_shared<Streaming>();
   try {
-    mStreamThread =
-        std::thread([streaming = mStreaming, id = mCameraId] { Capture(*streaming, id); });
+    mStreamThread = std::thread([streaming = mStreaming, id = mCameraId] { Capture(*streaming, id); });
   } catch (const std::system_error&) {
     mStopped = true;
     return -1;

@@ -119,9 +119,8 @@ void UvcConfigBuilder::AppendVsIfInfo(std::span<const _CameraParam> sizes) {
   Store16(start + kInputHeaderLength, mBytes.size() - start);
 }
 
-void UvcConfigBuilder::AppendFormat(std::span<const std::uint8_t> format,
-                                    std::span<const std::uint8_t> frame, std::uint8_t formatIndex,
-                                    std::span<const _CameraParam> sizes) {
+void UvcConfigBuilder::AppendFormat(std::span<const std::uint8_t> format, std::span<const std::uint8_t> frame,
+                                    std::uint8_t formatIndex, std::span<const _CameraParam> sizes) {
   const std::size_t start = mBytes.size();
   Append(format);
   mBytes[start + kFormatIndex] = formatIndex;
@@ -135,8 +134,8 @@ void UvcConfigBuilder::AppendFormat(std::span<const std::uint8_t> format,
   }
 }
 
-void UvcConfigBuilder::AppendInterface(std::uint8_t number, std::uint8_t altSetting,
-                                       std::uint8_t endpoints, std::uint8_t subclass) {
+void UvcConfigBuilder::AppendInterface(std::uint8_t number, std::uint8_t altSetting, std::uint8_t endpoints,
+                                       std::uint8_t subclass) {
   Append(std::to_array<std::uint8_t>(
       {0x09, 0x04, number, altSetting, endpoints, kVideoClass, subclass, 0x00, kProductString}));
 }

@@ -36,10 +36,9 @@ class UvcConfigBuilder {
  private:
   void AppendCtrlIfInfo();
   void AppendVsIfInfo(std::span<const _CameraParam> sizes);
-  void AppendFormat(std::span<const std::uint8_t> format, std::span<const std::uint8_t> frame,
-                    std::uint8_t formatIndex, std::span<const _CameraParam> sizes);
-  void AppendInterface(std::uint8_t number, std::uint8_t altSetting, std::uint8_t endpoints,
-                       std::uint8_t subclass);
+  void AppendFormat(std::span<const std::uint8_t> format, std::span<const std::uint8_t> frame, std::uint8_t formatIndex,
+                    std::span<const _CameraParam> sizes);
+  void AppendInterface(std::uint8_t number, std::uint8_t altSetting, std::uint8_t endpoints, std::uint8_t subclass);
   void Append(std::span<const std::uint8_t> bytes);
   void Store16(std::size_t position, std::size_t value);
 

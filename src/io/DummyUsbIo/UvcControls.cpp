@@ -54,9 +54,9 @@ void UvcControls::InitCtrlInfo(const libusb_config_descriptor* config) {
   SelectFrame();
 }
 
-int UvcControls::UvcParseCtrlCmd(std::uint8_t bmRequestType, std::uint8_t /*bRequest*/,
-                                 std::uint16_t wValue, std::uint16_t wIndex, std::uint8_t* data,
-                                 std::uint16_t wLength, std::uint32_t /*timeout*/) {
+int UvcControls::UvcParseCtrlCmd(std::uint8_t bmRequestType, std::uint8_t /*bRequest*/, std::uint16_t wValue,
+                                 std::uint16_t wIndex, std::uint8_t* data, std::uint16_t wLength,
+                                 std::uint32_t /*timeout*/) {
   if (wValue == 0) {
     return wLength;
   }
@@ -72,8 +72,7 @@ int UvcControls::UvcParseCtrlCmd(std::uint8_t bmRequestType, std::uint8_t /*bReq
 
 // GET_CUR, GET_MIN, GET_MAX and the others are not told apart. What terminals and units answer is
 // left as it is.
-int UvcControls::Get(std::uint16_t wValue, std::uint16_t wIndex, std::uint8_t* data,
-                     std::uint16_t wLength) {
+int UvcControls::Get(std::uint16_t wValue, std::uint16_t wIndex, std::uint8_t* data, std::uint16_t wLength) {
   const std::uint8_t selector = HighByte(wValue);
   if (HighByte(wIndex) == kCameraTerminal) {
     VEL_DEBUG("Get IT, CS[0x%x]", unsigned{wValue});
@@ -85,10 +84,9 @@ int UvcControls::Get(std::uint16_t wValue, std::uint16_t wIndex, std::uint8_t* d
     if (data != nullptr) {
       std::memcpy(data, &mStreamCtrl, size);
     }
-    VEL_DEBUG(
-        "Get Interface, CS[0x%x], get param format index[%d], frame index[%d], maxVideoSize[%d]",
-        unsigned{selector}, int{mStreamCtrl.bFormatIndex}, int{mStreamCtrl.bFrameIndex},
-        static_cast<int>(mStreamCtrl.dwMaxVideoFrameSize));
+    VEL_DEBUG("Get Interface, CS[0x%x], get param format index[%d], frame index[%d], maxVideoSize[%d]",
+              unsigned{selector}, int{mStreamCtrl.bFormatIndex}, int{mStreamCtrl.bFrameIndex},
+              static_cast<int>(mStreamCtrl.dwMaxVideoFrameSize));
     return static_cast<int>(size);
   }
   return wLength;
@@ -103,12 +101,12 @@ void UvcControls::Set(std::uint8_t selector, const std::uint8_t* data, std::uint
     std::memcpy(&mStreamCtrl, data, std::min<std::size_t>(wLength, sizeof(UVCStreamCtrl)));
   }
   if (selector == kCommit) {
-    VEL_DEBUG("Interface, CS[0x%x], [COMMIT] need set param[%d][%d], maxVideoSize[%d]",
-              unsigned{selector}, int{mStreamCtrl.bFormatIndex}, int{mStreamCtrl.bFrameIndex},
+    VEL_DEBUG("Interface, CS[0x%x], [COMMIT] need set param[%d][%d], maxVideoSize[%d]", unsigned{selector},
+              int{mStreamCtrl.bFormatIndex}, int{mStreamCtrl.bFrameIndex},
               static_cast<int>(mStreamCtrl.dwMaxVideoFrameSize));
   } else {
-    VEL_DEBUG("Interface, CS[0x%x], [PROBE] need set param[%d][%d], maxVideoSize[%d]",
-              unsigned{selector}, int{mStreamCtrl.bFormatIndex}, int{mStreamCtrl.bFrameIndex},
+    VEL_DEBUG("Interface, CS[0x%x], [PROBE] need set param[%d][%d], maxVideoSize[%d]", unsigned{selector},
+              int{mStreamCtrl.bFormatIndex}, int{mStreamCtrl.bFrameIndex},
               static_cast<int>(mStreamCtrl.dwMaxVideoFrameSize));
   }
   SelectFrame();
@@ -117,15 +115,15 @@ void UvcControls::Set(std::uint8_t selector, const std::uint8_t* data, std::uint
 // A frame that there is not leaves the current one, whose size the control then says: whoever sizes
 // his blocks by it gets blocks for the pictures that will come.
 void UvcControls::SelectFrame() {
-  const UVCFrameDesc* frame = UVCUtil::GetFrameTypeDesc(
-      mStreamingInfo.get(), mStreamCtrl.bFormatIndex, mStreamCtrl.bFrameIndex);
+  const UVCFrameDesc* frame =
+      UVCUtil::GetFrameTypeDesc(mStreamingInfo.get(), mStreamCtrl.bFormatIndex, mStreamCtrl.bFrameIndex);
   if (frame != nullptr) {
     mCurrentFrame = *frame;
   }
   if (mCurrentFrame) {
     const std::uint64_t size = std::uint64_t{2} * mCurrentFrame->wWidth * mCurrentFrame->wHeight;
-    mStreamCtrl.dwMaxVideoFrameSize = static_cast<std::uint32_t>(
-        std::min<std::uint64_t>(size, std::numeric_limits<std::uint32_t>::max()));
+    mStreamCtrl.dwMaxVideoFrameSize =
+        static_cast<std::uint32_t>(std::min<std::uint64_t>(size, std::numeric_limits<std::uint32_t>::max()));
   }
 }
 

@@ -21,18 +21,15 @@ class UvcControls {
 
   // Carries out a control request; requests of others change nothing. Returns the bytes of its
   // answer: `wLength`, but not more of the probe and commit control than there is.
-  int UvcParseCtrlCmd(std::uint8_t bmRequestType, std::uint8_t bRequest, std::uint16_t wValue,
-                      std::uint16_t wIndex, std::uint8_t* data, std::uint16_t wLength,
-                      std::uint32_t timeout) VEL_EXCLUDES(mMutex);
+  int UvcParseCtrlCmd(std::uint8_t bmRequestType, std::uint8_t bRequest, std::uint16_t wValue, std::uint16_t wIndex,
+                      std::uint8_t* data, std::uint16_t wLength, std::uint32_t timeout) VEL_EXCLUDES(mMutex);
 
   // Of the last probe or commit that named a frame that there is. Empty before InitCtrlInfo.
   std::optional<UVCFrameDesc> CurrentFrame() const VEL_EXCLUDES(mMutex);
 
  private:
-  int Get(std::uint16_t wValue, std::uint16_t wIndex, std::uint8_t* data, std::uint16_t wLength)
-      VEL_EXCLUDES(mMutex);
-  void Set(std::uint8_t selector, const std::uint8_t* data, std::uint16_t wLength)
-      VEL_EXCLUDES(mMutex);
+  int Get(std::uint16_t wValue, std::uint16_t wIndex, std::uint8_t* data, std::uint16_t wLength) VEL_EXCLUDES(mMutex);
+  void Set(std::uint8_t selector, const std::uint8_t* data, std::uint16_t wLength) VEL_EXCLUDES(mMutex);
   void SelectFrame() VEL_REQUIRES(mMutex);
 
   mutable Mutex mMutex;

@@ -163,8 +163,8 @@ int CamGetParamList(const char* /*id*/, _CameraParam** list, int* count) {
 }
 
 int CamSetParam(const char* /*id*/, _CameraParam* param) {
-  gFake->Note("CamSetParam " + std::to_string(param->width) + "x" + std::to_string(param->height) +
-              " " + std::to_string(param->pixelFormat));
+  gFake->Note("CamSetParam " + std::to_string(param->width) + "x" + std::to_string(param->height) + " " +
+              std::to_string(param->pixelFormat));
   gFake->Arm();
   return gFake->setParamResult;
 }

@@ -19,8 +19,7 @@ class CameraControl : public ::testing::Test {
   }
 
   // The answer within a block of `size` bytes of 0xEE.
-  Bytes Get(std::uint8_t request, std::uint16_t value, std::uint16_t index, std::uint16_t size,
-            int expected) {
+  Bytes Get(std::uint8_t request, std::uint16_t value, std::uint16_t index, std::uint16_t size, int expected) {
     Bytes data(size, 0xEE);
     EXPECT_EQ(io.ControlTransfer(0xA1, request, value, index, data.data(), size, 100), expected);
     return data;
@@ -57,13 +56,11 @@ TEST_F(CameraControl, LeavesTheDataOfOtherRequestsAsItIs) {
     std::uint16_t index;
   };
   for (const Row& row :
-       {Row{0xA1, kGetCur, 0x0100, 0x0100}, Row{0xA1, kGetCur, 0x0200, 0x0201},
-        Row{0xA1, kGetCur, 0x0000, 1}, Row{0xA1, kGetCur, 0x0300, 1}, Row{0xA1, kGetCur, 0x0100, 2},
-        Row{0x80, 6, 0x0200, 0}, Row{0x80, 6, 0x0100, 0}, Row{0xC0, 1, 0x0100, 1},
-        Row{0x21, kSetCur, 0x0100, 0x0101}, Row{0x21, kSetCur, 0x0300, 1}}) {
+       {Row{0xA1, kGetCur, 0x0100, 0x0100}, Row{0xA1, kGetCur, 0x0200, 0x0201}, Row{0xA1, kGetCur, 0x0000, 1},
+        Row{0xA1, kGetCur, 0x0300, 1}, Row{0xA1, kGetCur, 0x0100, 2}, Row{0x80, 6, 0x0200, 0}, Row{0x80, 6, 0x0100, 0},
+        Row{0xC0, 1, 0x0100, 1}, Row{0x21, kSetCur, 0x0100, 0x0101}, Row{0x21, kSetCur, 0x0300, 1}}) {
     Bytes data(40, 0xEE);
-    EXPECT_EQ(io.ControlTransfer(row.type, row.request, row.value, row.index, data.data(), 40, 0),
-              40);
+    EXPECT_EQ(io.ControlTransfer(row.type, row.request, row.value, row.index, data.data(), 40, 0), 40);
     EXPECT_EQ(data, Bytes(40, 0xEE));
     EXPECT_EQ(Probe(), initial);
   }
@@ -80,9 +77,8 @@ TEST_F(CameraControl, NegotiatesTheSizeOfTheFrameThatIsNamed) {
   };
   for (const std::uint16_t selector : std::initializer_list<std::uint16_t>{0x0100, 0x0200}) {
     for (const Row& row : {Row{"second", 1, 2, kLarge}, Row{"no such frame", 1, 3, kLarge},
-                           Row{"frame 255", 1, 255, kLarge}, Row{"no frame", 1, 0, kLarge},
-                           Row{"first", 1, 1, kSmall}, Row{"no such format", 2, 2, kSmall},
-                           Row{"all ones", 255, 255, kSmall}}) {
+                           Row{"frame 255", 1, 255, kLarge}, Row{"no frame", 1, 0, kLarge}, Row{"first", 1, 1, kSmall},
+                           Row{"no such format", 2, 2, kSmall}, Row{"all ones", 255, 255, kSmall}}) {
       SCOPED_TRACE(row.what);
       Bytes wanted(35, 0xFF);
       wanted[2] = row.format;
@@ -111,23 +107,21 @@ TEST_F(CameraControl, TakesShortAndLongSets) {
 }
 
 TEST_F(CameraControl, AnswersStrings) {
-  const Bytes product = {0x22, 3, 'O', 0, 's', 0, 'k', 0, 'e', 0, 'l', 0, 'o', 0, ' ', 0, 'C', 0,
-                         'a',  0, 'm', 0, 'e', 0, 'r', 0, 'a', 0, ' ', 0, '#', 0, '0', 0};
+  const Bytes product = {0x22, 3,   'O', 0,   's', 0,   'k', 0,   'e', 0,   'l', 0,   'o', 0,   ' ', 0,   'C',
+                         0,    'a', 0,   'm', 0,   'e', 0,   'r', 0,   'a', 0,   ' ', 0,   '#', 0,   '0', 0};
   struct Row {
     std::uint8_t index;
     std::uint16_t language;
     std::uint16_t length;
     Bytes answer;
   };
-  for (const Row& row :
-       {Row{0, 0, 255, {4, 3, 9, 4}}, Row{0, 0, 3, {4, 3, 9}}, Row{1, 0x0409, 255, product},
-        Row{7, 0, 34, product}, Row{2, 0xFFFF, 2, {0x22, 3}}, Row{1, 0x0409, 0, {}}}) {
+  for (const Row& row : {Row{0, 0, 255, {4, 3, 9, 4}}, Row{0, 0, 3, {4, 3, 9}}, Row{1, 0x0409, 255, product},
+                         Row{7, 0, 34, product}, Row{2, 0xFFFF, 2, {0x22, 3}}, Row{1, 0x0409, 0, {}}}) {
     for (const bool overControl : {false, true}) {
       Bytes data(255, 0xEE);
-      const int count =
-          overControl ? io.ControlTransfer(0x80, 6, static_cast<std::uint16_t>(0x0300 | row.index),
-                                           row.language, data.data(), row.length, 0)
-                      : io.GetStringDescriptor(row.index, row.language, data.data(), row.length);
+      const int count = overControl ? io.ControlTransfer(0x80, 6, static_cast<std::uint16_t>(0x0300 | row.index),
+                                                         row.language, data.data(), row.length, 0)
+                                    : io.GetStringDescriptor(row.index, row.language, data.data(), row.length);
       ASSERT_EQ(count, static_cast<int>(row.answer.size()));
       Bytes expected = row.answer;
       expected.resize(255, 0xEE);
@@ -145,9 +139,8 @@ TEST(CameraControlBeforeOpen, ChangesAndAnswersNothing) {
   ASSERT_EQ(io.OpenUsbDev(), 0);
   EXPECT_EQ(io.ControlTransfer(0xA1, kGetCur, 0x0100, 1, data.data(), 35, 0), 35);
   EXPECT_EQ(data[2], 1);
-  for (const auto slot :
-       {&DummyUvcIo::ResetDevice, &DummyUvcIo::AttachKernelDriver, &DummyUvcIo::DetachKernelDriver,
-        &DummyUvcIo::ReleaseAllInterface, &DummyUvcIo::ClaimAllInterface}) {
+  for (const auto slot : {&DummyUvcIo::ResetDevice, &DummyUvcIo::AttachKernelDriver, &DummyUvcIo::DetachKernelDriver,
+                          &DummyUvcIo::ReleaseAllInterface, &DummyUvcIo::ClaimAllInterface}) {
     EXPECT_EQ((io.*slot)(), 0);
   }
 }

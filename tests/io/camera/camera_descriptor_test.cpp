@@ -21,8 +21,7 @@ using Sizes = std::vector<_CameraParam>;
 void AppendHex(Bytes& bytes, std::string_view hex) {
   for (std::size_t i = 0; i + 1 < hex.size(); ++i) {
     if (hex[i] != ' ') {
-      bytes.push_back(
-          static_cast<std::uint8_t>(std::stoul(std::string(hex.substr(i++, 2)), nullptr, 16)));
+      bytes.push_back(static_cast<std::uint8_t>(std::stoul(std::string(hex.substr(i++, 2)), nullptr, 16)));
     }
   }
 }
@@ -30,9 +29,9 @@ void AppendHex(Bytes& bytes, std::string_view hex) {
 void AppendFrames(Bytes& bytes, std::string_view head, std::string_view tail, const Sizes& sizes) {
   for (std::size_t i = 0; i < sizes.size(); ++i) {
     AppendHex(bytes, head);
-    for (const std::size_t byte : {i + 1, std::size_t{0}, std::size_t{sizes[i].width} & 0xFF,
-                                   std::size_t{sizes[i].width} >> 8, std::size_t{sizes[i].height},
-                                   std::size_t{sizes[i].height} >> 8}) {
+    for (const std::size_t byte :
+         {i + 1, std::size_t{0}, std::size_t{sizes[i].width} & 0xFF, std::size_t{sizes[i].width} >> 8,
+          std::size_t{sizes[i].height}, std::size_t{sizes[i].height} >> 8}) {
       bytes.push_back(static_cast<std::uint8_t>(byte));
     }
     AppendHex(bytes, tail);
@@ -43,21 +42,19 @@ void AppendFrames(Bytes& bytes, std::string_view head, std::string_view tail, co
 Bytes StreamingBlock(const Sizes& sizes, bool mjpeg) {
   Bytes block;
   const auto count = static_cast<std::uint8_t>(sizes.size());
-  AppendHex(block, mjpeg ? "0F 24 01 02 00 00 81 00 05 02 00 00 01 00 00"
-                         : "0E 24 01 01 00 00 81 00 05 02 00 00 01 00");
+  AppendHex(block,
+            mjpeg ? "0F 24 01 02 00 00 81 00 05 02 00 00 01 00 00" : "0E 24 01 01 00 00 81 00 05 02 00 00 01 00");
   if (mjpeg) {
     AppendHex(block, "0B 24 06 01");
     block.push_back(count);
     AppendHex(block, "00 01 00 00 00 00");
-    AppendFrames(block, "1E 24 07",
-                 "30 28 CC 08 30 28 CC 08 4D 62 09 00 15 16 05 00 01 15 16 05 00", sizes);
+    AppendFrames(block, "1E 24 07", "30 28 CC 08 30 28 CC 08 4D 62 09 00 15 16 05 00 01 15 16 05 00", sizes);
     AppendHex(block, "0A 24 03 00 01 80 02 E0 01 00 06 24 0D 01 01 04");
   }
   AppendHex(block, mjpeg ? "1B 24 04 02" : "1B 24 04 01");
   block.push_back(count);
   AppendHex(block, "59 55 59 32 00 00 10 00 80 00 00 AA 00 38 9B 71 10 01 00 00 00 00");
-  AppendFrames(block, "1E 24 05", "00 00 CA 08 00 00 CA 08 00 60 09 00 15 16 05 00 01 15 16 05 00",
-               sizes);
+  AppendFrames(block, "1E 24 05", "00 00 CA 08 00 00 CA 08 00 60 09 00 15 16 05 00 01 15 16 05 00", sizes);
   block[4] = static_cast<std::uint8_t>(block.size());
   block[5] = static_cast<std::uint8_t>(block.size() >> 8U);
   return block;
@@ -92,19 +89,16 @@ Bytes Flatten(const libusb_config_descriptor& config) {
   };
   const auto low = [](std::uint16_t value) { return static_cast<std::uint8_t>(value); };
   const auto high = [](std::uint16_t value) { return static_cast<std::uint8_t>(value >> 8U); };
-  bytes = {config.bLength,           config.bDescriptorType,
-           low(config.wTotalLength), high(config.wTotalLength),
-           config.bNumInterfaces,    config.bConfigurationValue,
-           config.iConfiguration,    config.bmAttributes,
+  bytes = {config.bLength,        config.bDescriptorType,     low(config.wTotalLength), high(config.wTotalLength),
+           config.bNumInterfaces, config.bConfigurationValue, config.iConfiguration,    config.bmAttributes,
            config.MaxPower};
   append(config.extra, config.extra_length);
   for (int i = 0; i < config.bNumInterfaces; ++i) {
     for (int a = 0; a < config.interface[i].num_altsetting; ++a) {
       const libusb_interface_descriptor& alt = config.interface[i].altsetting[a];
-      const Bytes head = {
-          alt.bLength,       alt.bDescriptorType, alt.bInterfaceNumber,   alt.bAlternateSetting,
-          alt.bNumEndpoints, alt.bInterfaceClass, alt.bInterfaceSubClass, alt.bInterfaceProtocol,
-          alt.iInterface};
+      const Bytes head = {alt.bLength,       alt.bDescriptorType, alt.bInterfaceNumber,   alt.bAlternateSetting,
+                          alt.bNumEndpoints, alt.bInterfaceClass, alt.bInterfaceSubClass, alt.bInterfaceProtocol,
+                          alt.iInterface};
       append(head.data(), 9);
       append(alt.extra, alt.extra_length);
       for (int e = 0; e < alt.bNumEndpoints; ++e) {
@@ -136,22 +130,16 @@ struct Source {
 
 TEST(CameraDescriptors, OfferWhatTheSourceListsAsYuy2) {
   const Sizes mjpeg = {{1920, 1080, 3, 0}, {640, 480, 3, 0}};
-  for (const Source& source : {Source{"one", {{640, 480, 2, 0}}, {{640, 480, 2, 0}}, 0},
-                               Source{"two in their order",
-                                      {{1280, 720, 2, 0}, {640, 480, 2, 0}},
-                                      {{1280, 720, 2, 0}, {640, 480, 2, 0}},
-                                      0},
-                               Source{"both raw formats, twice the same",
-                                      {{320, 240, 1, 0}, {320, 240, 2, 0}},
-                                      {{320, 240, 1, 0}, {320, 240, 2, 0}},
-                                      0},
-                               Source{"40 sizes", Many(40, 2), Many(40, 2), 0},
-                               Source{"more than a format counts", Many(300, 2), Many(255, 2), 0},
-                               Source{"MJPEG", mjpeg, mjpeg, 1},
-                               Source{"MJPEG among others",
-                                      {{800, 600, 2, 0}, mjpeg[0], {9, 9, 4, 0}, mjpeg[1]},
-                                      mjpeg,
-                                      1}}) {
+  for (const Source& source :
+       {Source{"one", {{640, 480, 2, 0}}, {{640, 480, 2, 0}}, 0},
+        Source{"two in their order", {{1280, 720, 2, 0}, {640, 480, 2, 0}}, {{1280, 720, 2, 0}, {640, 480, 2, 0}}, 0},
+        Source{"both raw formats, twice the same",
+               {{320, 240, 1, 0}, {320, 240, 2, 0}},
+               {{320, 240, 1, 0}, {320, 240, 2, 0}},
+               0},
+        Source{"40 sizes", Many(40, 2), Many(40, 2), 0},
+        Source{"more than a format counts", Many(300, 2), Many(255, 2), 0}, Source{"MJPEG", mjpeg, mjpeg, 1},
+        Source{"MJPEG among others", {{800, 600, 2, 0}, mjpeg[0], {9, 9, 4, 0}, mjpeg[1]}, mjpeg, 1}}) {
     SCOPED_TRACE(source.what);
     FakeCapture capture;
     capture.params = source.listed;
@@ -195,10 +183,9 @@ TEST(CameraDescriptors, OfTheDeviceCarryItsIds) {
   EXPECT_EQ(desc.idProduct, 0xABCD);
   EXPECT_EQ(desc.bcdUSB, 0x0200);
   EXPECT_EQ(desc.bcdDevice, 0x2702);
-  EXPECT_THAT(
-      (Bytes{desc.bDeviceClass, desc.bDeviceSubClass, desc.bDeviceProtocol, desc.bMaxPacketSize0,
-             desc.iManufacturer, desc.iProduct, desc.iSerialNumber, desc.bNumConfigurations}),
-      ElementsAre(0xEF, 2, 1, 0x40, 1, 1, 0, 1));
+  EXPECT_THAT((Bytes{desc.bDeviceClass, desc.bDeviceSubClass, desc.bDeviceProtocol, desc.bMaxPacketSize0,
+                     desc.iManufacturer, desc.iProduct, desc.iSerialNumber, desc.bNumConfigurations}),
+              ElementsAre(0xEF, 2, 1, 0x40, 1, 1, 0, 1));
   EXPECT_EQ(io.GetBusNumber(), 0x23);
   EXPECT_EQ(io.GetDeviceAddress(), 0x80);
   EXPECT_EQ(io.GetDevicePortNumber(), 0xFF);
@@ -219,8 +206,7 @@ TEST(CameraDescriptors, AreNotThereWithoutAUsableSource) {
         Row{0,
             0,
             {{640, 480, 4, 0}, {640, 480, 0, 0}},
-            {"Error:Can not find any supported formats",
-             "Error:Can not find any supported formats, ret[-1], size[2]"}},
+            {"Error:Can not find any supported formats", "Error:Can not find any supported formats, ret[-1], size[2]"}},
         Row{0, 0, {}, {"Error:Can not find any supported formats, ret[-1], size[0]"}}}) {
     FakeCapture capture;
     capture.openResult = row.open;
@@ -246,14 +232,12 @@ TEST(CameraDescriptors, AreAnnouncedInTheLog) {
   const CapturingLog log;
   DummyUvcIo io(0xA5, 0x80, 1, 1, "cam");
   ASSERT_EQ(io.OpenUsbDev(), 0);
-  EXPECT_THAT(log.Messages("DummyUvcIo"),
-              ElementsAre("Debug:Dummy UVC use real video data, sourc cameraID[2]"));
+  EXPECT_THAT(log.Messages("DummyUvcIo"), ElementsAre("Debug:Dummy UVC use real video data, sourc cameraID[2]"));
   EXPECT_THAT(log.Messages("ParseCamParamList"),
-              ElementsAre("Debug:size[1]",
-                          "Debug:Camera source param[0]: width[640], height[480], pixelFormat[2]"));
-  EXPECT_THAT(log.Messages("CreateUvcDevice"),
-              ElementsAre("Debug:config total length[17]", "Debug:config total length[103]",
-                          "Debug:config total length[247]"));
+              ElementsAre("Debug:size[1]", "Debug:Camera source param[0]: width[640], height[480], pixelFormat[2]"));
+  EXPECT_THAT(
+      log.Messages("CreateUvcDevice"),
+      ElementsAre("Debug:config total length[17]", "Debug:config total length[103]", "Debug:config total length[247]"));
 }
 
 }  // namespace

@@ -165,14 +165,13 @@ TEST(QtCamera, ClosesOnlyWhatItOpened) {
     EXPECT_EQ(camera.StreamOn(), 0);
     EXPECT_TRUE(capture.WaitForStream());
   }
-  EXPECT_THAT(capture.Calls(), ElementsAre("CamOpen busy", "CamOpen a", "CamClose a", "CamOpen b",
-                                           "CamStreamOn b", "CamStreamOff b", "CamClose b"));
+  EXPECT_THAT(capture.Calls(), ElementsAre("CamOpen busy", "CamOpen a", "CamClose a", "CamOpen b", "CamStreamOn b",
+                                           "CamStreamOff b", "CamClose b"));
 }
 
 TEST(BgrxToYuyv, ConvertsPairsAndSkipsAnOddColumn) {
   // Black, white, blue, green, red, and one that is skipped.
-  const Bytes row = {0, 0, 0, 9, 255, 255, 255, 9, 255, 0, 0, 9, 0, 255,
-                     0, 9, 0, 0, 255, 9,   1,   2, 3,   9, 4, 4, 4, 9};
+  const Bytes row = {0, 0, 0, 9, 255, 255, 255, 9, 255, 0, 0, 9, 0, 255, 0, 9, 0, 0, 255, 9, 1, 2, 3, 9, 4, 4, 4, 9};
   Bytes bgrx = row;
   bgrx.insert(bgrx.end(), row.begin(), row.end());
   Bytes yuyv(25, 0xEE);

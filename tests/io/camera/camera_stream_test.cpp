@@ -63,8 +63,7 @@ TEST_F(CameraStream, NeverWritesBeyondTheTransfersBlock) {
   capture.Picture({1});
   Submit(3, std::nullopt);
   capture.Picture({1});
-  EXPECT_THAT(completions.Take(),
-              ElementsAre(With(1, Bytes(4, 5)), With(2, {}), Done{3, 0, std::nullopt, {}}));
+  EXPECT_THAT(completions.Take(), ElementsAre(With(1, Bytes(4, 5)), With(2, {}), Done{3, 0, std::nullopt, {}}));
 }
 
 TEST_F(CameraStream, CancelsWhatIsReplacedWithdrawnCancelledOrLeft) {
@@ -96,8 +95,8 @@ TEST_F(CameraStream, CancelsWhatIsReplacedWithdrawnCancelledOrLeft) {
 TEST_F(CameraStream, HasNoBulkAndInterruptEndpoints) {
   EXPECT_EQ(io->BulkTransfer(completions.Record(1, 2)), 0);
   EXPECT_EQ(io->InterruptTransfer(completions.Record(2, 2)), 0);
-  EXPECT_THAT(completions.Take(), ElementsAre(Done{1, kXferError, Bytes{0xEE, 0xEE}, {}},
-                                              Done{2, kXferError, Bytes{0xEE, 0xEE}, {}}));
+  EXPECT_THAT(completions.Take(),
+              ElementsAre(Done{1, kXferError, Bytes{0xEE, 0xEE}, {}}, Done{2, kXferError, Bytes{0xEE, 0xEE}, {}}));
 }
 
 TEST_F(CameraStream, StartsTheSourceWithTheNegotiatedFrame) {
@@ -110,14 +109,12 @@ TEST_F(CameraStream, StartsTheSourceWithTheNegotiatedFrame) {
   EXPECT_THAT(log.Messages(), Contains("Error:StreamOff ret[-1]"));
   EXPECT_EQ(io->SetInterfaceAltSetting(1, 3), 0);
   ASSERT_TRUE(capture.WaitForStream());
-  EXPECT_THAT(log.Messages(),
-              Contains("Debug:Camera stream on, width: 1280, height: 720, type: 5"));
+  EXPECT_THAT(log.Messages(), Contains("Debug:Camera stream on, width: 1280, height: 720, type: 5"));
   EXPECT_EQ(io->SetInterfaceAltSetting(1, 4), 0);
   EXPECT_THAT(log.Messages("StreamOn"), ElementsAre("Debug:already start"));
   EXPECT_EQ(io->SetInterfaceAltSetting(1, 0), 0);
-  EXPECT_THAT(capture.Calls(),
-              ElementsAre("CamOpen cam", "CamSetParam 1280x720 2", "CamStreamOn cam",
-                          "CamSetParam 1280x720 2", "CamStreamOff cam"));
+  EXPECT_THAT(capture.Calls(), ElementsAre("CamOpen cam", "CamSetParam 1280x720 2", "CamStreamOn cam",
+                                           "CamSetParam 1280x720 2", "CamStreamOff cam"));
 }
 
 TEST_F(CameraStream, AsksASourceThatHasMjpegForMjpeg) {
@@ -212,8 +209,7 @@ TEST_F(CameraStream, CompletesEachTransferOnceInAllRaces) {
   for (const Done& done : completions.Take()) {
     ++seen[done.streamId];
     delivered += done.status == 0 ? 1 : 0;
-    EXPECT_EQ(done,
-              done.status == 0 ? With(done.streamId, Bytes(64, 1)) : Cancelled(done.streamId));
+    EXPECT_EQ(done, done.status == 0 ? With(done.streamId, Bytes(64, 1)) : Cancelled(done.streamId));
   }
   EXPECT_THAT(seen, SizeIs(kTransfers));
   for (const auto& [id, times] : seen) {
@@ -235,14 +231,11 @@ TEST_F(CameraStream, DestroyedWhileAPictureIsBeingDelivered) {
   }
 }
 
-std::uint8_t PatternByte(std::uint32_t width, std::uint32_t height, std::uint32_t n,
-                         std::size_t i) {
+std::uint8_t PatternByte(std::uint32_t width, std::uint32_t height, std::uint32_t n, std::size_t i) {
   const std::size_t plane = std::size_t{width} * height;
   const std::size_t y = i % plane / width;
   const std::size_t x = i % plane % width;
-  const std::size_t value = i < plane        ? x + y + 3 * n
-                            : width % 2 == 0 ? x + 5 * n + 64
-                                             : y + 2 * n + 128;
+  const std::size_t value = i < plane ? x + y + 3 * n : width % 2 == 0 ? x + 5 * n + 64 : y + 2 * n + 128;
   return static_cast<std::uint8_t>(value);
 }
 
@@ -272,8 +265,7 @@ TEST(SyntheticCamera, GivesTheExactPatternAtItsPace) {
     const Bytes& picture = done[n].data.value();
     ASSERT_EQ(picture.size(), kSize);
     for (std::size_t i = 0; i < kSize; ++i) {
-      ASSERT_EQ(picture[i], PatternByte(640, 480, first + n, i))
-          << "picture " << n << " byte " << i;
+      ASSERT_EQ(picture[i], PatternByte(640, 480, first + n, i)) << "picture " << n << " byte " << i;
     }
     if (n > 0) {
       EXPECT_GE(done[n].when - done[n - 1].when, std::chrono::milliseconds(29));

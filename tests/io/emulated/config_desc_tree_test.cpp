@@ -41,12 +41,8 @@ TEST(ConfigDescTree, CountsWhatIsThereAndNotWhatIsClaimed) {
 
 TEST(ConfigDescTree, StopsAtTheLastWholeDescriptor) {
   const Bytes whole = Join({kConfig, kInterface, kEndpoint});
-  for (const Bytes& tail : std::vector<Bytes>{{0, 5, 1, 2, 3, 4, 5},
-                                              {1, 5, 1, 2, 3, 4, 5},
-                                              {255, 5, 1, 2, 3, 4, 5},
-                                              {8, 5, 1, 2, 3, 4, 5},
-                                              {7},
-                                              {}}) {
+  for (const Bytes& tail : std::vector<Bytes>{
+           {0, 5, 1, 2, 3, 4, 5}, {1, 5, 1, 2, 3, 4, 5}, {255, 5, 1, 2, 3, 4, 5}, {8, 5, 1, 2, 3, 4, 5}, {7}, {}}) {
     SCOPED_TRACE(::testing::PrintToString(tail));
     ConfigDescTree tree(Join({whole, tail}));
     const libusb_config_descriptor& config = *tree.Get();
@@ -69,8 +65,8 @@ TEST(ConfigDescTree, CutOrMisplacedDescriptorsBecomeExtraBytesOfTheOneBefore) {
   const Bytes shortInterface = {5, 4, 1, 2, 3};
   const Bytes shortEndpoint = {3, 5, 0x82};
   const Bytes longClass = {4, 0x24, 1, 2};
-  ConfigDescTree tree(Join({kConfig, kEndpoint, shortInterface, kInterface, longClass,
-                            shortEndpoint, kEndpoint, longClass, shortInterface}));
+  ConfigDescTree tree(Join({kConfig, kEndpoint, shortInterface, kInterface, longClass, shortEndpoint, kEndpoint,
+                            longClass, shortInterface}));
   const libusb_config_descriptor& config = *tree.Get();
   EXPECT_EQ(ExtraOf(config), Join({kEndpoint, shortInterface}));
   ASSERT_EQ(config.bNumInterfaces, 1);

@@ -52,8 +52,8 @@ class Completions final : public UsbIoTransferCallback {
   }
 
   // A record with `size` bytes of 0xEE, or with none.
-  _UsbIoXferInfo* Record(std::uint8_t epAddr, std::uint32_t streamId,
-                         std::optional<std::uint32_t> size, std::uint32_t isoPackets = 0) {
+  _UsbIoXferInfo* Record(std::uint8_t epAddr, std::uint32_t streamId, std::optional<std::uint32_t> size,
+                         std::uint32_t isoPackets = 0) {
     XferPtr info = MakeXfer();
     info->epAddr = epAddr;
     info->streamId = info->localXferId = streamId;
@@ -68,12 +68,10 @@ class Completions final : public UsbIoTransferCallback {
   }
 
   // As it is, with a table of packets of these lengths at the start of its `size` bytes.
-  _UsbIoXferInfo* IsoRecord(std::uint8_t epAddr, const std::vector<std::uint32_t>& lengths,
-                            std::uint32_t size) {
+  _UsbIoXferInfo* IsoRecord(std::uint8_t epAddr, const std::vector<std::uint32_t>& lengths, std::uint32_t size) {
     _UsbIoXferInfo* info = Record(epAddr, 1, size, static_cast<std::uint32_t>(lengths.size()));
     for (std::size_t i = 0; i < lengths.size() && (i + 1) * sizeof(IsoPacketRecord) <= size; ++i) {
-      StoreIsoRecord(info->data, i,
-                     {.offset = 0xDEAD, .length = lengths[i], .actual_length = 0, .status = 7});
+      StoreIsoRecord(info->data, i, {.offset = 0xDEAD, .length = lengths[i], .actual_length = 0, .status = 7});
     }
     return info;
   }
@@ -84,8 +82,7 @@ class Completions final : public UsbIoTransferCallback {
 };
 
 auto IsCancelled(std::uint32_t streamId) {
-  return AllOf(Field(&Completions::Done::streamId, streamId),
-               Field(&Completions::Done::status, kXferCancelled),
+  return AllOf(Field(&Completions::Done::streamId, streamId), Field(&Completions::Done::status, kXferCancelled),
                Field(&Completions::Done::data, std::nullopt));
 }
 
@@ -96,12 +93,9 @@ constexpr std::uint16_t kRaw = 0xFF06;
 class EmulatedDevice : public ::testing::TestWithParam<std::uint16_t> {
  protected:
   EmulatedDevice() : EmulatedDevice(GetParam()) {}
-  explicit EmulatedDevice(std::uint16_t productId)
-      : remote({.productId = productId}), io(CreateUsbIo(1, &remote)) {}
+  explicit EmulatedDevice(std::uint16_t productId) : remote({.productId = productId}), io(CreateUsbIo(1, &remote)) {}
 
-  bool IsSilent() const {
-    return remote.GetProductId() == kKeyboard || remote.GetProductId() == kCh9102;
-  }
+  bool IsSilent() const { return remote.GetProductId() == kKeyboard || remote.GetProductId() == kCh9102; }
 
   RecordingDeviceBase remote;
   Completions completions;
@@ -141,13 +135,12 @@ TEST_P(EmulatedDevice, CompletesEachRecordOnceWithOrWithoutData) {
     for (const std::optional<std::uint32_t> size : {std::optional<std::uint32_t>{}, {0U}, {40U}}) {
       _UsbIoXferInfo* bulk = completions.Record(epAddr, 1, size);
       EXPECT_EQ(io->BulkTransfer(bulk), 0);
-      EXPECT_THAT(completions.Take(),
-                  ElementsAre(Field(&Completions::Done::status, kXferCompleted)));
+      EXPECT_THAT(completions.Take(), ElementsAre(Field(&Completions::Done::status, kXferCompleted)));
       EXPECT_EQ(io->InterruptTransfer(completions.Record(epAddr, 2, size)), 0);
       EXPECT_THAT(completions.Take(), SizeIs(IsSilent() ? 0 : 1));
       const int iso = io->IsochTransfer(completions.Record(epAddr, 3, size));
-      EXPECT_THAT(completions.Take(), ElementsAre(Field(&Completions::Done::status,
-                                                        size ? kXferCompleted : kXferError)));
+      EXPECT_THAT(completions.Take(),
+                  ElementsAre(Field(&Completions::Done::status, size ? kXferCompleted : kXferError)));
       EXPECT_EQ(iso < 0, !size.has_value());
     }
   }
@@ -157,24 +150,20 @@ TEST_P(EmulatedDevice, CompletesEachRecordOnceWithOrWithoutData) {
 
 TEST_P(EmulatedDevice, WithoutACallbackFreesTheRecord) {
   io->Init();
-  for (const auto transfer :
-       {&IUsbIo::BulkTransfer, &IUsbIo::InterruptTransfer, &IUsbIo::IsochTransfer}) {
+  for (const auto transfer : {&IUsbIo::BulkTransfer, &IUsbIo::InterruptTransfer, &IUsbIo::IsochTransfer}) {
     _UsbIoXferInfo* info = completions.Record(0x81, 1, 32);
     info->callback = nullptr;
     (io.get()->*transfer)(info);
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(All, EmulatedDevice,
-                         ::testing::Values(0xFF01, 0xFF02, 0xFF03, 0xFF04, 0xFF05, 0xFF06));
+INSTANTIATE_TEST_SUITE_P(All, EmulatedDevice, ::testing::Values(0xFF01, 0xFF02, 0xFF03, 0xFF04, 0xFF05, 0xFF06));
 
 class SilentEndpoint : public EmulatedDevice {
  protected:
   SilentEndpoint() { io->Init(); }
 
-  void Submit(std::uint32_t streamId) {
-    EXPECT_EQ(io->InterruptTransfer(completions.Record(0x81, streamId, 8)), 0);
-  }
+  void Submit(std::uint32_t streamId) { EXPECT_EQ(io->InterruptTransfer(completions.Record(0x81, streamId, 8)), 0); }
 };
 
 TEST_P(SilentEndpoint, CancelsTheLatestOfATransferAndLeavesTheOthers) {
@@ -238,14 +227,13 @@ TEST_P(RawDevice, RefusesAnIsochronousTableThatDoesNotFit) {
     std::vector<std::uint32_t> lengths;
     std::uint32_t size;
   };
-  for (const Row& row : {Row{{4}, 15}, Row{{4, 4}, 31}, Row{{kHuge}, 16},
-                         Row{{kHuge / 2, kHuge / 2, 2}, 48}, Row{{0xFFFFFFFF, 0xFFFFFFFF}, 32}}) {
+  for (const Row& row : {Row{{4}, 15}, Row{{4, 4}, 31}, Row{{kHuge}, 16}, Row{{kHuge / 2, kHuge / 2, 2}, 48},
+                         Row{{0xFFFFFFFF, 0xFFFFFFFF}, 32}}) {
     SCOPED_TRACE(::testing::PrintToString(row.lengths));
     EXPECT_LT(io->IsochTransfer(completions.IsoRecord(0x81, row.lengths, row.size)), 0);
-    EXPECT_THAT(
-        completions.Take(),
-        ElementsAre(AllOf(Field(&Completions::Done::status, kXferError),
-                          Field(&Completions::Done::data, ::testing::Optional(SizeIs(row.size))))));
+    EXPECT_THAT(completions.Take(),
+                ElementsAre(AllOf(Field(&Completions::Done::status, kXferError),
+                                  Field(&Completions::Done::data, ::testing::Optional(SizeIs(row.size))))));
   }
 }
 
@@ -255,8 +243,8 @@ TEST_P(RawDevice, AnswersLargeIsochronousTransfersWithinTheBlock) {
     std::uint32_t each;
     std::uint32_t header;  // Of 8 bits.
   };
-  for (const Row& row : {Row{15, 3000, 240}, Row{16, 1, 0}, Row{16, 100'000, 0}, Row{17, 0, 16},
-                         Row{1024, 0, 0}, Row{1024, 1, 0}, Row{1024, 3072, 0}, Row{4096, 2, 0}}) {
+  for (const Row& row : {Row{15, 3000, 240}, Row{16, 1, 0}, Row{16, 100'000, 0}, Row{17, 0, 16}, Row{1024, 0, 0},
+                         Row{1024, 1, 0}, Row{1024, 3072, 0}, Row{4096, 2, 0}}) {
     SCOPED_TRACE(row.packets);
     const std::uint32_t table = row.packets * 16;
     const std::vector<std::uint32_t> lengths(row.packets, row.each);

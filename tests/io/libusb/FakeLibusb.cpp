@@ -43,8 +43,7 @@ std::size_t SetupSize(const libusb_transfer& transfer) {
 }
 
 bool IsInTransfer(const libusb_transfer& transfer) {
-  return ((SetupSize(transfer) != 0 ? transfer.buffer[0] : transfer.endpoint) &
-          LIBUSB_ENDPOINT_IN) != 0;
+  return ((SetupSize(transfer) != 0 ? transfer.buffer[0] : transfer.endpoint) & LIBUSB_ENDPOINT_IN) != 0;
 }
 
 void Apply(libusb_transfer& transfer, const FakeResult& result) {
@@ -59,9 +58,8 @@ void Apply(libusb_transfer& transfer, const FakeResult& result) {
     std::size_t taken = 0;
     for (std::size_t i = 0; i < static_cast<std::size_t>(transfer.num_iso_packets); ++i) {
       libusb_iso_packet_descriptor& packet = transfer.iso_packet_desc[i];
-      const auto [bytes, status] = i < result.packets.size()
-                                       ? result.packets[i]
-                                       : std::pair(packet.length, LIBUSB_TRANSFER_COMPLETED);
+      const auto [bytes, status] =
+          i < result.packets.size() ? result.packets[i] : std::pair(packet.length, LIBUSB_TRANSFER_COMPLETED);
       packet.actual_length = bytes;
       packet.status = status;
       for (std::size_t n = 0; IsInTransfer(transfer) && n < std::min(bytes, packet.length); ++n) {
@@ -137,9 +135,8 @@ void FakeLibusb::AwaitInFlight(std::size_t count) {
 
 bool FakeLibusb::Complete(std::uint8_t endpoint, const FakeResult& result) {
   const Lock lock(mutex);
-  const auto found = std::ranges::find_if(mInFlight, [endpoint](const libusb_transfer* transfer) {
-    return transfer->endpoint == endpoint;
-  });
+  const auto found = std::ranges::find_if(
+      mInFlight, [endpoint](const libusb_transfer* transfer) { return transfer->endpoint == endpoint; });
   if (found == mInFlight.end()) {
     return false;
   }
@@ -325,8 +322,7 @@ int FakeLibusb::HandleEvents(libusb_context* context, std::chrono::milliseconds 
   }
   mHandling = true;
   changed.wait_until(lock, end, [&] {
-    return mEventErrors != 0 || context->interrupted ||
-           (!mDone.empty() && !mHeld.contains("events"));
+    return mEventErrors != 0 || context->interrupted || (!mDone.empty() && !mHeld.contains("events"));
   });
   int result = 0;
   if (mEventErrors != 0) {
@@ -353,10 +349,9 @@ int FakeLibusb::Submit(libusb_transfer* transfer) {
   mLastTimeout = transfer->timeout;
   mLastType = transfer->type;
   if (transfer->length > 0) {
-    mLastSubmitted.assign(
-        transfer->buffer,
-        transfer->buffer + (IsInTransfer(*transfer) ? SetupSize(*transfer)
-                                                    : static_cast<std::size_t>(transfer->length)));
+    mLastSubmitted.assign(transfer->buffer,
+                          transfer->buffer + (IsInTransfer(*transfer) ? SetupSize(*transfer)
+                                                                      : static_cast<std::size_t>(transfer->length)));
   }
   mInFlight.push_back(transfer);
   changed.notify_all();
@@ -386,11 +381,9 @@ int FakeLibusb::Cancel(libusb_transfer* transfer) {
 // excuses.
 void FakeLibusb::Close(libusb_device_handle* handle) {
   const Call call("libusb_close", nullptr);
-  const auto isOwn = [handle](const libusb_transfer* transfer) {
-    return transfer->dev_handle == handle;
-  };
-  const auto forgotten = std::erase_if(mInFlight, isOwn) +
-                         std::erase_if(mDone, [&](const auto& done) { return isOwn(done.first); });
+  const auto isOwn = [handle](const libusb_transfer* transfer) { return transfer->dev_handle == handle; };
+  const auto forgotten =
+      std::erase_if(mInFlight, isOwn) + std::erase_if(mDone, [&](const auto& done) { return isOwn(done.first); });
   if (forgotten != 0 && mEventErrors == 0) {
     Fail("libusb_close with transfers in flight");
   }
@@ -439,8 +432,7 @@ ssize_t LIBUSB_CALL libusb_get_device_list(libusb_context*, libusb_device*** lis
   if (call.Answer() != 0) {
     return call.Answer();
   }
-  auto** entries =
-      static_cast<libusb_device**>(std::calloc(Fake().devices.size() + 1, sizeof(libusb_device*)));
+  auto** entries = static_cast<libusb_device**>(std::calloc(Fake().devices.size() + 1, sizeof(libusb_device*)));
   for (std::size_t i = 0; i < Fake().devices.size(); ++i) {
     entries[i] = &Fake().devices[i];
     ++entries[i]->references;
@@ -481,8 +473,7 @@ int LIBUSB_CALL libusb_get_device_speed(libusb_device* device) {
   return device->speed;
 }
 
-int LIBUSB_CALL libusb_get_device_descriptor(libusb_device* device,
-                                             libusb_device_descriptor* descriptor) {
+int LIBUSB_CALL libusb_get_device_descriptor(libusb_device* device, libusb_device_descriptor* descriptor) {
   const FakeLibusb::Call call("libusb_get_device_descriptor", nullptr);
   if (call.Answer() == 0) {
     *descriptor = device->descriptor;
@@ -490,8 +481,7 @@ int LIBUSB_CALL libusb_get_device_descriptor(libusb_device* device,
   return call.Answer();
 }
 
-int LIBUSB_CALL libusb_get_active_config_descriptor(libusb_device* device,
-                                                    libusb_config_descriptor** config) {
+int LIBUSB_CALL libusb_get_active_config_descriptor(libusb_device* device, libusb_config_descriptor** config) {
   const FakeLibusb::Call call("libusb_get_active_config_descriptor", nullptr);
   if (call.Answer() != 0 || device->active < 0) {
     return call.Answer() != 0 ? call.Answer() : LIBUSB_ERROR_NOT_FOUND;
@@ -554,8 +544,7 @@ int LIBUSB_CALL libusb_release_interface(libusb_device_handle* handle, int numbe
   return SimpleCall("libusb_release_interface", handle, number);
 }
 
-int LIBUSB_CALL libusb_set_interface_alt_setting(libusb_device_handle* handle, int number,
-                                                 int setting) {
+int LIBUSB_CALL libusb_set_interface_alt_setting(libusb_device_handle* handle, int number, int setting) {
   return FakeLibusb::Call("libusb_set_interface_alt_setting", handle,
                           ' ' + std::to_string(number) + ' ' + std::to_string(setting))
       .Answer();
@@ -571,8 +560,7 @@ int LIBUSB_CALL libusb_reset_device(libusb_device_handle* handle) {
 
 int LIBUSB_CALL libusb_kernel_driver_active(libusb_device_handle* handle, int number) {
   const FakeLibusb::Call call("libusb_kernel_driver_active", handle, ' ' + std::to_string(number));
-  return call.Answer() != 0 ? call.Answer()
-                            : static_cast<int>(handle->device->kernelDrivers.contains(number));
+  return call.Answer() != 0 ? call.Answer() : static_cast<int>(handle->device->kernelDrivers.contains(number));
 }
 
 int LIBUSB_CALL libusb_detach_kernel_driver(libusb_device_handle* handle, int number) {
@@ -588,8 +576,8 @@ libusb_transfer* LIBUSB_CALL libusb_alloc_transfer(int packets) {
   if (call.Answer() != 0) {
     return nullptr;
   }
-  const std::size_t size = sizeof(libusb_transfer) +
-                           static_cast<std::size_t>(packets) * sizeof(libusb_iso_packet_descriptor);
+  const std::size_t size =
+      sizeof(libusb_transfer) + static_cast<std::size_t>(packets) * sizeof(libusb_iso_packet_descriptor);
   auto* transfer = static_cast<libusb_transfer*>(std::calloc(1, size));
   Fake().transfers.insert(transfer);
   return transfer;
@@ -605,10 +593,8 @@ int LIBUSB_CALL libusb_cancel_transfer(libusb_transfer* transfer) {
   return Fake().Cancel(transfer);
 }
 
-int LIBUSB_CALL libusb_handle_events_timeout_completed(libusb_context* context, timeval* wait,
-                                                       int*) {
-  return Fake().HandleEvents(context,
-                             std::chrono::milliseconds(wait->tv_sec * 1000 + wait->tv_usec / 1000));
+int LIBUSB_CALL libusb_handle_events_timeout_completed(libusb_context* context, timeval* wait, int*) {
+  return Fake().HandleEvents(context, std::chrono::milliseconds(wait->tv_sec * 1000 + wait->tv_usec / 1000));
 }
 
 void LIBUSB_CALL libusb_interrupt_event_handler(libusb_context* context) {

@@ -46,8 +46,7 @@ struct libusb_context {
 struct FakeResult {
   libusb_transfer_status status = LIBUSB_TRANSFER_COMPLETED;
   std::vector<std::uint8_t> bytes{};
-  std::vector<std::pair<unsigned, libusb_transfer_status>>
-      packets{};  // Isochronous: bytes moved, status.
+  std::vector<std::pair<unsigned, libusb_transfer_status>> packets{};  // Isochronous: bytes moved, status.
 };
 
 class FakeLibusb {

@@ -35,16 +35,14 @@ class LibusbIoClose : public LibusbIoTest {
     EXPECT_LT(std::chrono::steady_clock::now() - start, kSoon);
   }
 
-  static int ReadByte(LibusbIo& io, std::uint8_t& byte) {
-    return io.ControlTransfer(0xC0, 1, 0, 0, &byte, 1, 0);
-  }
+  static int ReadByte(LibusbIo& io, std::uint8_t& byte) { return io.ControlTransfer(0xC0, 1, 0, 0, &byte, 1, 0); }
 
   // Waits for the event thread to have ended on an error.
   void KillEventThread(int error = LIBUSB_ERROR_IO, int times = 1) {
     fake.FailEvents(error, times);
-    while (!log.Has(
-        "LibusbContext.cpp LibusbEventHandler: Debug:LibusbEventHandler: the thread aborted, "
-        "LIBUSB_ERROR_IO(-1)")) {
+    while (
+        !log.Has("LibusbContext.cpp LibusbEventHandler: Debug:LibusbEventHandler: the thread aborted, "
+                 "LIBUSB_ERROR_IO(-1)")) {
       std::this_thread::yield();
     }
   }
@@ -52,8 +50,7 @@ class LibusbIoClose : public LibusbIoTest {
   void ExpectAllCancelled(std::size_t count) {
     const std::vector<Completion> all = records.Await(count);
     EXPECT_EQ(all.size(), count);
-    EXPECT_THAT(all,
-                Each(AllOf(Field(&Completion::status, 3), Field(&Completion::hasData, false))));
+    EXPECT_THAT(all, Each(AllOf(Field(&Completion::status, 3), Field(&Completion::hasData, false))));
   }
 };
 
@@ -162,9 +159,7 @@ TEST_F(LibusbIoClose, SubmissionThatHasOnlyBegunIsRefused) {
   Open();
   fake.Hold("libusb_alloc_transfer");
   testing::internal::CaptureStdout();
-  std::thread loop([this] {
-    EXPECT_EQ(io->BulkTransfer(records.Make(1, 0x81, Bytes(4))), LIBUSB_ERROR_NOT_FOUND);
-  });
+  std::thread loop([this] { EXPECT_EQ(io->BulkTransfer(records.Make(1, 0x81, Bytes(4))), LIBUSB_ERROR_NOT_FOUND); });
   fake.AwaitHeld("libusb_alloc_transfer");
   std::thread stop([this] { EXPECT_EQ(io->CloseUsbDev(), 0); });
   AwaitClosing();

@@ -107,13 +107,11 @@ class Recorder : public UsbIoTransferCallback {
   }
 
   // A record whose table asks for these packets; `payload` lies behind the table.
-  _UsbIoXferInfo* MakeIso(std::uint32_t id, std::uint8_t endpoint,
-                          const std::vector<std::uint32_t>& lengths,
+  _UsbIoXferInfo* MakeIso(std::uint32_t id, std::uint8_t endpoint, const std::vector<std::uint32_t>& lengths,
                           const std::vector<std::uint8_t>& payload = {}) {
     std::vector<std::uint8_t> data(lengths.size() * sizeof(IsoPacketRecord));
     for (std::size_t i = 0; i < lengths.size(); ++i) {
-      StoreIsoRecord(data.data(), i,
-                     {.offset = 0, .length = lengths[i], .actual_length = 0, .status = 0});
+      StoreIsoRecord(data.data(), i, {.offset = 0, .length = lengths[i], .actual_length = 0, .status = 0});
     }
     const std::size_t tableSize = data.size();
     data.insert(data.end(), payload.begin(), payload.end());
@@ -149,8 +147,7 @@ class Recorder : public UsbIoTransferCallback {
   // The completions so far, at least `count` of them.
   std::vector<Completion> Await(std::size_t count) {
     std::unique_lock lock(mMutex);
-    EXPECT_TRUE(mChanged.wait_for(lock, std::chrono::seconds(20),
-                                  [&] { return mCompletions.size() >= count; }));
+    EXPECT_TRUE(mChanged.wait_for(lock, std::chrono::seconds(20), [&] { return mCompletions.size() >= count; }));
     std::vector<Completion> all = mCompletions;
     all.resize(std::max(count, all.size()));
     return all;

@@ -13,9 +13,7 @@ class LibusbIoAccess : public LibusbIoTest {
   // The calls of these functions, in order.
   std::vector<std::string> CallsOf(const std::set<std::string>& functions) {
     std::vector<std::string> calls = fake.Calls();
-    std::erase_if(calls, [&](const std::string& call) {
-      return !functions.contains(call.substr(0, call.find(' ')));
-    });
+    std::erase_if(calls, [&](const std::string& call) { return !functions.contains(call.substr(0, call.find(' '))); });
     return calls;
   }
 
@@ -33,8 +31,8 @@ class LibusbIoAccess : public LibusbIoTest {
   // A control request on its own thread.
   std::thread Control(int& result, std::uint8_t type, Bytes& data, std::uint32_t timeout = 0) {
     return std::thread([this, &result, type, &data, timeout] {
-      result = io->ControlTransfer(type, 0x55, 0x1234, 0x5678, data.data(),
-                                   static_cast<std::uint16_t>(data.size()), timeout);
+      result = io->ControlTransfer(type, 0x55, 0x1234, 0x5678, data.data(), static_cast<std::uint16_t>(data.size()),
+                                   timeout);
     });
   }
 };
@@ -59,18 +57,16 @@ TEST_F(LibusbIoAccess, DeviceThatHasGoneIsNotFound) {
   EXPECT_TRUE(log.Has("LibusbIo.cpp GetLibusbDev: Error:GetLibusbDev failed"));
   log.Clear();
   ExpectUnusable();
-  EXPECT_THAT(
-      log.Lines(),
-      ElementsAre(
-          "LibusbIo.cpp OpenUsbDev: Debug:OpenUsbDev",
-          "LibusbIo.cpp OpenUsbDev: Error:OpenUsbDev failed LIBUSB_ERROR_NOT_FOUND",
-          "LibusbIo.cpp GetDeviceDesc: Error:GetDevDescript failed LIBUSB_ERROR_NOT_FOUND",
-          "LibusbIo.cpp GetConfigDesc: Error:GetDeviceconfig failed LIBUSB_ERROR_NOT_FOUND",
-          "LibusbIo.cpp GetBusNumber: Error:GetBusNumber failed LIBUSB_ERROR_NOT_FOUND",
-          "LibusbIo.cpp GetDeviceAddress: Error:GetDeviceAddress failed LIBUSB_ERROR_NOT_FOUND",
-          "LibusbIo.cpp GetDevicePortNumber: Error:GetDevicePortNumber failed "
-          "LIBUSB_ERROR_NOT_FOUND",
-          "LibusbIo.cpp GetDeviceSpeed: Error:GetDeviceSpeed failed LIBUSB_ERROR_NOT_FOUND"));
+  EXPECT_THAT(log.Lines(),
+              ElementsAre("LibusbIo.cpp OpenUsbDev: Debug:OpenUsbDev",
+                          "LibusbIo.cpp OpenUsbDev: Error:OpenUsbDev failed LIBUSB_ERROR_NOT_FOUND",
+                          "LibusbIo.cpp GetDeviceDesc: Error:GetDevDescript failed LIBUSB_ERROR_NOT_FOUND",
+                          "LibusbIo.cpp GetConfigDesc: Error:GetDeviceconfig failed LIBUSB_ERROR_NOT_FOUND",
+                          "LibusbIo.cpp GetBusNumber: Error:GetBusNumber failed LIBUSB_ERROR_NOT_FOUND",
+                          "LibusbIo.cpp GetDeviceAddress: Error:GetDeviceAddress failed LIBUSB_ERROR_NOT_FOUND",
+                          "LibusbIo.cpp GetDevicePortNumber: Error:GetDevicePortNumber failed "
+                          "LIBUSB_ERROR_NOT_FOUND",
+                          "LibusbIo.cpp GetDeviceSpeed: Error:GetDeviceSpeed failed LIBUSB_ERROR_NOT_FOUND"));
 }
 
 TEST_F(LibusbIoAccess, MissingUsbDkIsNoFailure) {
@@ -198,8 +194,7 @@ TEST_F(LibusbIoAccess, UnconfiguredDeviceShowsItsFirstConfiguration) {
   device->active = -1;
   Open();
   ASSERT_NE(io->GetConfigDesc(), nullptr);
-  EXPECT_THAT(CallsOf({"libusb_get_config_descriptor"}),
-              ElementsAre("libusb_get_config_descriptor 0"));
+  EXPECT_THAT(CallsOf({"libusb_get_config_descriptor"}), ElementsAre("libusb_get_config_descriptor 0"));
   EXPECT_EQ(io->ClaimAllInterface(), 0);
   EXPECT_THAT(CallsOf({"libusb_claim_interface"}), IsEmpty());
 }
@@ -208,8 +203,7 @@ TEST_F(LibusbIoAccess, ConfigDescriptorFailureIsTold) {
   io->Init();
   fake.Answer("libusb_get_active_config_descriptor", {LIBUSB_ERROR_IO});
   EXPECT_EQ(io->GetConfigDesc(), nullptr);
-  EXPECT_TRUE(
-      log.Has("LibusbIo.cpp GetConfigDesc: Error:GetDeviceconfig: error LIBUSB_ERROR_IO [-1]"));
+  EXPECT_TRUE(log.Has("LibusbIo.cpp GetConfigDesc: Error:GetDeviceconfig: error LIBUSB_ERROR_IO [-1]"));
   EXPECT_THAT(CallsOf({"libusb_get_config_descriptor"}), IsEmpty());
 }
 
@@ -236,8 +230,7 @@ TEST_F(LibusbIoAccess, AllInterfacesAreVisitedAndTheFirstFailureReturned) {
     EXPECT_TRUE(log.Has(line)) << line;
   }
   EXPECT_THAT(CallsOf({"libusb_claim_interface"}),
-              ElementsAre("libusb_claim_interface 0", "libusb_claim_interface 3",
-                          "libusb_claim_interface 4"));
+              ElementsAre("libusb_claim_interface 0", "libusb_claim_interface 3", "libusb_claim_interface 4"));
 }
 
 TEST_F(LibusbIoAccess, DetachesOnlyActiveDrivers) {
@@ -260,10 +253,9 @@ TEST_F(LibusbIoAccess, AttachReleasesAllFirstAndOutlivesAFailedRelease) {
   fake.Answer("libusb_release_interface", {LIBUSB_ERROR_NOT_FOUND});
   EXPECT_EQ(io->AttachKernelDriver(), 0);
   EXPECT_THAT(CallsOf({"libusb_release_interface", "libusb_attach_kernel_driver"}),
-              ElementsAre("libusb_release_interface 0", "libusb_release_interface 1",
-                          "libusb_attach_kernel_driver 0", "libusb_attach_kernel_driver 1"));
-  EXPECT_TRUE(
-      log.Has("LibusbIo.cpp AttachKernelDriver: Error:libusb_release_interface: error num 0 = -5"));
+              ElementsAre("libusb_release_interface 0", "libusb_release_interface 1", "libusb_attach_kernel_driver 0",
+                          "libusb_attach_kernel_driver 1"));
+  EXPECT_TRUE(log.Has("LibusbIo.cpp AttachKernelDriver: Error:libusb_release_interface: error num 0 = -5"));
 }
 
 TEST_F(LibusbIoAccess, DeviceOperationsPassThrough) {
@@ -274,12 +266,10 @@ TEST_F(LibusbIoAccess, DeviceOperationsPassThrough) {
               ElementsAre("libusb_clear_halt 129", "libusb_set_interface_alt_setting 1 4"));
   fake.Answer("libusb_set_interface_alt_setting", {LIBUSB_ERROR_IO});
   EXPECT_EQ(io->SetInterfaceAltSetting(1, 4), LIBUSB_ERROR_IO);
-  EXPECT_TRUE(log.Has(
-      "LibusbIo.cpp SetInterfaceAltSetting: Error:Set interface altsetting get error num -1"));
+  EXPECT_TRUE(log.Has("LibusbIo.cpp SetInterfaceAltSetting: Error:Set interface altsetting get error num -1"));
   fake.Answer("libusb_reset_device", {LIBUSB_ERROR_NOT_FOUND});
   EXPECT_EQ(io->ResetDevice(), LIBUSB_ERROR_NOT_FOUND);
-  EXPECT_TRUE(log.Has(
-      "LibusbIo.cpp ResetDevice: Error:libusb_reset_device: error LIBUSB_ERROR_NOT_FOUND [-5]"));
+  EXPECT_TRUE(log.Has("LibusbIo.cpp ResetDevice: Error:libusb_reset_device: error LIBUSB_ERROR_NOT_FOUND [-5]"));
 }
 
 TEST_F(LibusbIoAccess, SomeRequestsBecomeLibusbCalls) {
@@ -331,8 +321,7 @@ TEST_F(LibusbIoAccess, ControlStatusBecomesAnError) {
     EXPECT_EQ(io->ControlTransfer(0xC0, 1, 0, 0, &byte, 1, 0), error);
     EXPECT_EQ(byte, 9);
   }
-  EXPECT_TRUE(
-      log.Has("LibusbIo.cpp ControlTransfer: Error:libusb_control_transfer get error num -9"));
+  EXPECT_TRUE(log.Has("LibusbIo.cpp ControlTransfer: Error:libusb_control_transfer get error num -9"));
 }
 
 TEST_F(LibusbIoAccess, ControlThatCannotBeSentFails) {

@@ -44,10 +44,8 @@ class LibusbIoTransfer : public LibusbIoTest {
 };
 
 MATCHER_P4(IsPacket, offset, length, actual, status, "") {
-  return arg.offset == static_cast<std::uint32_t>(offset) &&
-         arg.length == static_cast<std::uint32_t>(length) &&
-         arg.actual_length == static_cast<std::uint32_t>(actual) &&
-         arg.status == static_cast<std::uint32_t>(status);
+  return arg.offset == static_cast<std::uint32_t>(offset) && arg.length == static_cast<std::uint32_t>(length) &&
+         arg.actual_length == static_cast<std::uint32_t>(actual) && arg.status == static_cast<std::uint32_t>(status);
 }
 
 TEST_F(LibusbIoTransfer, NullRecordDoesNothing) {
@@ -58,10 +56,9 @@ TEST_F(LibusbIoTransfer, NullRecordDoesNothing) {
 
 TEST_F(LibusbIoTransfer, ClosedDeviceCompletesAtOnceWithTheRequestsData) {
   io->Init();
-  const char* const lines[] = {
-      "LibusbIo.cpp BulkTransfer: Error:BulkTransfer failed LIBUSB_ERROR_NOT_FOUND",
-      "LibusbIo.cpp InterruptTransfer: Error:InterruptTransfer failed LIBUSB_ERROR_NOT_FOUND",
-      "LibusbIo.cpp IsochTransfer: Error:IsoTransfer failed LIBUSB_ERROR_NOT_FOUND"};
+  const char* const lines[] = {"LibusbIo.cpp BulkTransfer: Error:BulkTransfer failed LIBUSB_ERROR_NOT_FOUND",
+                               "LibusbIo.cpp InterruptTransfer: Error:InterruptTransfer failed LIBUSB_ERROR_NOT_FOUND",
+                               "LibusbIo.cpp IsochTransfer: Error:IsoTransfer failed LIBUSB_ERROR_NOT_FOUND"};
   for (std::size_t i = 0; i < kinds.size(); ++i) {
     _UsbIoXferInfo* info = kinds[i].make(7);
     const Bytes sent = DataOf(*info);
@@ -97,8 +94,7 @@ TEST_F(LibusbIoTransfer, FailedSubmissionCompletesTheRecordAsItWas) {
       const Completion completion = records.Await(++count).back();
       EXPECT_EQ(completion.status, 1);
       EXPECT_EQ(completion.data, sent);
-      const std::string text =
-          std::string("Error submitting ") + kind.word + " transfer, " + std::to_string(result);
+      const std::string text = std::string("Error submitting ") + kind.word + " transfer, " + std::to_string(result);
       if (kind.word == std::string("iso")) {
         EXPECT_TRUE(log.Has("LibusbIo.cpp IsochTransfer: Error:" + text));
         EXPECT_EQ(printed, "");
@@ -152,11 +148,10 @@ TEST_F(LibusbIoTransfer, InTransferBringsWhatArrived) {
     EXPECT_EQ(completion.status, 0);
     EXPECT_THAT(completion.data, ElementsAre(1, 2, 3));
     EXPECT_NE(completion.thread, std::this_thread::get_id());
-    EXPECT_TRUE(log.Has("LibusbTransfer.cpp Complete: Debug:async transfer[" +
-                        std::to_string(type) + "] cb, streamid[0x1f] length[8] actual_length[3]"));
+    EXPECT_TRUE(log.Has("LibusbTransfer.cpp Complete: Debug:async transfer[" + std::to_string(type) +
+                        "] cb, streamid[0x1f] length[8] actual_length[3]"));
   }
-  EXPECT_TRUE(
-      log.Has("LibusbIo.cpp BulkTransfer: Debug:BulkTransfer streamid[31] epaddr[129] len[8]"));
+  EXPECT_TRUE(log.Has("LibusbIo.cpp BulkTransfer: Debug:BulkTransfer streamid[31] epaddr[129] len[8]"));
   EXPECT_TRUE(log.Has("LibusbIo.cpp BulkTransfer: Debug:BulkTransfer finished ret[0]"));
 }
 
@@ -181,9 +176,8 @@ TEST_F(LibusbIoTransfer, OutTransferSendsItsDataWithoutTimeLimit) {
 
 TEST_F(LibusbIoTransfer, FailedTransferHasStatusAndNoData) {
   Open();
-  const libusb_transfer_status cases[] = {LIBUSB_TRANSFER_ERROR,     LIBUSB_TRANSFER_TIMED_OUT,
-                                          LIBUSB_TRANSFER_CANCELLED, LIBUSB_TRANSFER_STALL,
-                                          LIBUSB_TRANSFER_NO_DEVICE, LIBUSB_TRANSFER_OVERFLOW};
+  const libusb_transfer_status cases[] = {LIBUSB_TRANSFER_ERROR, LIBUSB_TRANSFER_TIMED_OUT, LIBUSB_TRANSFER_CANCELLED,
+                                          LIBUSB_TRANSFER_STALL, LIBUSB_TRANSFER_NO_DEVICE, LIBUSB_TRANSFER_OVERFLOW};
   std::size_t count = 0;
   for (const Kind& kind : kinds) {
     for (const libusb_transfer_status status : cases) {
@@ -197,8 +191,7 @@ TEST_F(LibusbIoTransfer, FailedTransferHasStatusAndNoData) {
       EXPECT_EQ(completion.length, 0U);
     }
   }
-  EXPECT_TRUE(log.Has(
-      "LibusbTransfer.cpp Complete: Error:Libusb transfer status error[4]!, transfer_type[2]"));
+  EXPECT_TRUE(log.Has("LibusbTransfer.cpp Complete: Error:Libusb transfer status error[4]!, transfer_type[2]"));
 }
 
 TEST_F(LibusbIoTransfer, MayCompleteBeforeTheSubmissionReturns) {
@@ -235,14 +228,12 @@ TEST_F(LibusbIoTransfer, CancelledTransferCompletesWithoutData) {
   EXPECT_FALSE(completion.hasData);
   log.Clear();
   EXPECT_EQ(io->CancelTransfer(1), LIBUSB_ERROR_NOT_FOUND);
-  EXPECT_THAT(log.Lines(),
-              ElementsAre("LibusbIo.cpp CancelTransfer: Error:unknown Transfer localXferId[1]"));
+  EXPECT_THAT(log.Lines(), ElementsAre("LibusbIo.cpp CancelTransfer: Error:unknown Transfer localXferId[1]"));
 }
 
 TEST_F(LibusbIoTransfer, CompletionDoesNotFindItsOwnTransferAnyMore) {
   Open();
-  records.OnCompletion(
-      [this](const Completion&) { EXPECT_EQ(io->CancelTransfer(1), LIBUSB_ERROR_NOT_FOUND); });
+  records.OnCompletion([this](const Completion&) { EXPECT_EQ(io->CancelTransfer(1), LIBUSB_ERROR_NOT_FOUND); });
   io->BulkTransfer(records.Make(1, 0x81, Bytes(4)));
   fake.Complete(0x81);
   records.Await(1);
@@ -313,17 +304,15 @@ TEST_F(LibusbIoTransfer, IsoInIsPackedBehindItsTable) {
   io->IsochTransfer(records.MakeIso(1, 0x83, {16, 16, 16}));
   Bytes payload(15);
   std::iota(payload.begin(), payload.end(), std::uint8_t{1});
-  fake.Complete(0x83, {.bytes = payload,
-                       .packets = {{10, LIBUSB_TRANSFER_COMPLETED},
-                                   {0, LIBUSB_TRANSFER_ERROR},
-                                   {5, LIBUSB_TRANSFER_OVERFLOW}}});
+  fake.Complete(
+      0x83, {.bytes = payload,
+             .packets = {{10, LIBUSB_TRANSFER_COMPLETED}, {0, LIBUSB_TRANSFER_ERROR}, {5, LIBUSB_TRANSFER_OVERFLOW}}});
   const Completion completion = records.Await(1)[0];
   EXPECT_EQ(completion.status, 0);
   ASSERT_EQ(completion.length, 63U);
   EXPECT_THAT(Table(completion.data, 3),
               ElementsAre(IsPacket(48, 16, 10, 0), IsPacket(58, 16, 0, 1), IsPacket(58, 16, 5, 6)));
-  EXPECT_THAT(Bytes(completion.data.begin() + 48, completion.data.end()),
-              ElementsAreArray(payload));
+  EXPECT_THAT(Bytes(completion.data.begin() + 48, completion.data.end()), ElementsAreArray(payload));
   EXPECT_TRUE(
       log.Has("LibusbIo.cpp IsochTransfer: Debug:IsoTransfer streamid[0x1] epaddr[0x83] len[48] "
               "isonum[3]"));
@@ -332,10 +321,10 @@ TEST_F(LibusbIoTransfer, IsoInIsPackedBehindItsTable) {
 TEST_F(LibusbIoTransfer, IsoPacketsOfUnequalLengthKeepTheirPlaces) {
   Open();
   io->IsochTransfer(records.MakeIso(1, 0x83, {1, 0, 4}));
-  fake.Complete(0x83, {.bytes = {7, 8, 9},
-                       .packets = {{1, LIBUSB_TRANSFER_COMPLETED},
-                                   {0, LIBUSB_TRANSFER_COMPLETED},
-                                   {2, LIBUSB_TRANSFER_COMPLETED}}});
+  fake.Complete(
+      0x83,
+      {.bytes = {7, 8, 9},
+       .packets = {{1, LIBUSB_TRANSFER_COMPLETED}, {0, LIBUSB_TRANSFER_COMPLETED}, {2, LIBUSB_TRANSFER_COMPLETED}}});
   const Completion completion = records.Await(1)[0];
   EXPECT_THAT(Table(completion.data, 3),
               ElementsAre(IsPacket(48, 1, 1, 0), IsPacket(49, 0, 0, 0), IsPacket(49, 4, 2, 0)));
@@ -362,10 +351,8 @@ TEST_F(LibusbIoTransfer, IsoOutSendsThePayloadAndAnswersInItsBuffer) {
   const Completion completion = records.Await(1)[0];
   ASSERT_EQ(completion.length, 40U);
   // The offsets stay what the buffer holds there.
-  EXPECT_THAT(Table(completion.data, 2),
-              ElementsAre(IsPacket(0x04030201, 30, 30, 0), IsPacket(0x14131211, 10, 4, 1)));
-  EXPECT_THAT(Bytes(completion.data.begin() + 32, completion.data.end()),
-              ElementsAre(33, 34, 35, 36, 37, 38, 39, 40));
+  EXPECT_THAT(Table(completion.data, 2), ElementsAre(IsPacket(0x04030201, 30, 30, 0), IsPacket(0x14131211, 10, 4, 1)));
+  EXPECT_THAT(Bytes(completion.data.begin() + 32, completion.data.end()), ElementsAre(33, 34, 35, 36, 37, 38, 39, 40));
 }
 
 TEST_F(LibusbIoTransfer, IsoOutTableMayBeLargerThanThePayload) {

@@ -29,8 +29,7 @@ MediaFile::MediaFile(const Kind& kind)
             ("capture_test_" + std::to_string(std::random_device()()) + "_" + kind.name)) {
   const AVCodec* codec = avcodec_find_encoder(kind.codec);
   const auto freeCodec = [](AVCodecContext* context) { avcodec_free_context(&context); };
-  const std::unique_ptr<AVCodecContext, decltype(freeCodec)> encoder(avcodec_alloc_context3(codec),
-                                                                     freeCodec);
+  const std::unique_ptr<AVCodecContext, decltype(freeCodec)> encoder(avcodec_alloc_context3(codec), freeCodec);
   encoder->width = kind.width;
   encoder->height = kind.height;
   encoder->pix_fmt = kind.format;
@@ -39,8 +38,7 @@ MediaFile::MediaFile(const Kind& kind)
   encoder->strict_std_compliance = FF_COMPLIANCE_UNOFFICIAL;
   AVFormatContext* output = nullptr;
   Check(avformat_alloc_output_context2(&output, nullptr, nullptr, mPath.c_str()), "container");
-  const std::unique_ptr<AVFormatContext, decltype(&avformat_free_context)> owned(
-      output, &avformat_free_context);
+  const std::unique_ptr<AVFormatContext, decltype(&avformat_free_context)> owned(output, &avformat_free_context);
   if ((output->oformat->flags & AVFMT_GLOBALHEADER) != 0) {
     encoder->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
   }
@@ -65,11 +63,9 @@ MediaFile::MediaFile(const Kind& kind)
       Check(av_frame_make_writable(frame.get()), "picture");
       frame->pts = n;
       for (int plane = 0; plane < 3; ++plane) {
-        const int rows =
-            plane > 0 && kind.format == AV_PIX_FMT_YUV420P ? (kind.height + 1) / 2 : kind.height;
-        std::memset(
-            frame->data[plane], plane == 0 ? n + 16 : 100 * plane,
-            static_cast<std::size_t>(frame->linesize[plane]) * static_cast<std::size_t>(rows));
+        const int rows = plane > 0 && kind.format == AV_PIX_FMT_YUV420P ? (kind.height + 1) / 2 : kind.height;
+        std::memset(frame->data[plane], plane == 0 ? n + 16 : 100 * plane,
+                    static_cast<std::size_t>(frame->linesize[plane]) * static_cast<std::size_t>(rows));
       }
     }
     Check(avcodec_send_frame(encoder.get(), last ? nullptr : frame.get()), "encode");
@@ -97,9 +93,8 @@ void MediaFile::SpoilPicture(std::size_t n) const {
   std::ifstream file(mPath, std::ios::binary);
   const std::string bytes((std::istreambuf_iterator<char>(file)), {});
   const std::vector<std::uint8_t>& packet = mPackets.at(n);
-  const auto found =
-      std::search(bytes.begin(), bytes.end(), packet.begin(), packet.end(),
-                  [](char a, std::uint8_t b) { return static_cast<std::uint8_t>(a) == b; });
+  const auto found = std::search(bytes.begin(), bytes.end(), packet.begin(), packet.end(),
+                                 [](char a, std::uint8_t b) { return static_cast<std::uint8_t>(a) == b; });
   constexpr std::size_t kKept = 4;
   Spoil(static_cast<std::size_t>(found - bytes.begin()) + kKept, packet.size() - kKept);
 }

@@ -64,8 +64,7 @@ class Stream {
     MutexLock lock(mMutex);
     while (mPictures.size() < n && mChanged.WaitUntil(lock, deadline)) {
     }
-    return {mPictures.begin(),
-            mPictures.begin() + static_cast<std::ptrdiff_t>(std::min(n, mPictures.size()))};
+    return {mPictures.begin(), mPictures.begin() + static_cast<std::ptrdiff_t>(std::min(n, mPictures.size()))};
   }
   std::vector<std::chrono::steady_clock::time_point> Times() {
     const MutexLock lock(mMutex);
@@ -142,22 +141,18 @@ Bytes Yuyv(int luma, int width, int height) {
 
 TEST(Capture, PlaysAVideoFromTheStartAgainAndAgain) {
   for (const MediaFile::Kind& kind :
-       {MediaFile::Kind{.name = "a.mkv"},
-        MediaFile::Kind{.name = "a.avi", .width = 66, .height = 47},
+       {MediaFile::Kind{.name = "a.mkv"}, MediaFile::Kind{.name = "a.avi", .width = 66, .height = 47},
         MediaFile::Kind{.name = "a.nut", .pictures = 1},
         MediaFile::Kind{.name = "raw.mkv", .codec = AV_CODEC_ID_RAWVIDEO}}) {
     SCOPED_TRACE(kind.name);
     const MediaFile file(kind);
     const Opened camera(file.Path());
     ASSERT_EQ(camera.result, 0);
-    EXPECT_THAT(camera.Params(),
-                ElementsAre(std::to_string(kind.width) + "x" + std::to_string(kind.height) + " 2"));
+    EXPECT_THAT(camera.Params(), ElementsAre(std::to_string(kind.width) + "x" + std::to_string(kind.height) + " 2"));
     Stream stream(file.Path());
     const std::vector<Bytes> pictures = stream.Await(11);
     for (std::size_t n = 0; n < 11; ++n) {
-      EXPECT_EQ(pictures[n],
-                Yuyv(16 + static_cast<int>(n) % kind.pictures, kind.width, kind.height))
-          << n;
+      EXPECT_EQ(pictures[n], Yuyv(16 + static_cast<int>(n) % kind.pictures, kind.width, kind.height)) << n;
     }
     stream.Stop();
     EXPECT_EQ(stream.result, 0);
@@ -165,11 +160,8 @@ TEST(Capture, PlaysAVideoFromTheStartAgainAndAgain) {
 }
 
 TEST(Capture, ScalesOddWidthsToEvenOnes) {
-  const MediaFile file({.name = "odd.mkv",
-                        .codec = AV_CODEC_ID_FFV1,
-                        .format = AV_PIX_FMT_YUV420P,
-                        .width = 65,
-                        .height = 33});
+  const MediaFile file(
+      {.name = "odd.mkv", .codec = AV_CODEC_ID_FFV1, .format = AV_PIX_FMT_YUV420P, .width = 65, .height = 33});
   const Opened camera(file.Path());
   EXPECT_THAT(camera.Params(), ElementsAre("64x33 2"));
   Stream stream(file.Path());
@@ -177,8 +169,7 @@ TEST(Capture, ScalesOddWidthsToEvenOnes) {
 }
 
 TEST(Capture, HandsOutMjpegAsItIs) {
-  const MediaFile file(
-      {.name = "m.avi", .codec = AV_CODEC_ID_MJPEG, .format = AV_PIX_FMT_YUVJ422P});
+  const MediaFile file({.name = "m.avi", .codec = AV_CODEC_ID_MJPEG, .format = AV_PIX_FMT_YUVJ422P});
   const Opened camera(file.Path());
   EXPECT_THAT(camera.Params(), ElementsAre("64x48 3"));
   Stream stream(file.Path());
@@ -200,8 +191,7 @@ TEST(Capture, KeepsTheRateOfTheFile) {
 
 TEST(Capture, SaysWhatIsWrongWithABadSource) {
   const std::string folder = std::filesystem::temp_directory_path();
-  EXPECT_THAT(OpenError(folder + "/there is none.mp4"),
-              HasSubstr("none.mp4\": No such file or directory"));
+  EXPECT_THAT(OpenError(folder + "/there is none.mp4"), HasSubstr("none.mp4\": No such file or directory"));
   EXPECT_THAT(OpenError(folder), HasSubstr("is not a file"));
   EXPECT_THAT(OpenError("/dev/video250"), HasSubstr("No such file or directory"));
   const std::string pipe = folder + "/capture_test_pipe";
@@ -314,8 +304,7 @@ TEST(Capture, TakesTheDefaultSourceForTheEmptyId) {
 TEST(Capture, ChoosesOnlyWhatIsListed) {
   const Opened camera("test");
   const CapturingLog log(OSKELO_LOG_ERROR);
-  for (_CameraParam param :
-       {_CameraParam{640, 481, 2, 0}, _CameraParam{640, 480, 3, 0}, _CameraParam{0, 0, 0, 0}}) {
+  for (_CameraParam param : {_CameraParam{640, 481, 2, 0}, _CameraParam{640, 480, 3, 0}, _CameraParam{0, 0, 0, 0}}) {
     EXPECT_LT(CamSetParam("test", &param), 0);
   }
   EXPECT_EQ(log.Count("has no pictures of"), 3U);
@@ -386,8 +375,7 @@ TEST(Capture, UnregisteringWaitsForTheRunningCallback) {
                  : static_cast<void>(CamClose("test"));
       EXPECT_TRUE(slow.left);
     });
-    std::this_thread::sleep_for(
-        kNever);  // Only lets a fault show: the end must not come before the callback's.
+    std::this_thread::sleep_for(kNever);  // Only lets a fault show: the end must not come before the callback's.
     slow.go.Set();
     ender.join();
     CamStreamOff("test");

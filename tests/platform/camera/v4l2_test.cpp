@@ -31,8 +31,7 @@ struct Size {
 // A camera as the test wants it. It outlives its device.
 struct FakeCamera {
   std::uint32_t capabilities = V4L2_CAP_VIDEO_CAPTURE | V4L2_CAP_STREAMING;
-  std::vector<std::pair<std::uint32_t, std::vector<Size>>> formats = {
-      {V4L2_PIX_FMT_YUYV, {{4, 2}, {8, 2}}}};
+  std::vector<std::pair<std::uint32_t, std::vector<Size>>> formats = {{V4L2_PIX_FMT_YUYV, {{4, 2}, {8, 2}}}};
   bool stepwise = false;
   std::uint32_t rowPadding = 0;
   std::function<int(unsigned long request)> fail = [](unsigned long) { return 0; };
@@ -167,10 +166,8 @@ class FakeDevice final : public V4l2Device {
     mCamera.queued.pop_front();
     buffer.flags = picture.empty() ? V4L2_BUF_FLAG_ERROR : 0;
     buffer.bytesused = static_cast<std::uint32_t>(picture.size());
-    std::copy(
-        picture.begin(),
-        picture.begin() + static_cast<std::ptrdiff_t>(std::min<std::size_t>(picture.size(), 64)),
-        mCamera.memory[buffer.index].begin());
+    std::copy(picture.begin(), picture.begin() + static_cast<std::ptrdiff_t>(std::min<std::size_t>(picture.size(), 64)),
+              mCamera.memory[buffer.index].begin());
     return 0;
   }
 
@@ -295,12 +292,11 @@ TEST(V4l2, ReportsEachStepThatFails) {
     unsigned long request;
     const char* text;
   };
-  for (const Row& row :
-       {Row{VIDIOC_QUERYCAP, "captures no pictures"},
-        Row{VIDIOC_S_FMT, "does not take the size: Device or resource busy"},
-        Row{VIDIOC_REQBUFS, "cannot start to capture: Device or resource busy"},
-        Row{VIDIOC_QUERYBUF, "cannot start"}, Row{VIDIOC_QBUF, "cannot start"},
-        Row{VIDIOC_STREAMON, "cannot start"}, Row{VIDIOC_DQBUF, "stopped capturing"}}) {
+  for (const Row& row : {Row{VIDIOC_QUERYCAP, "captures no pictures"},
+                         Row{VIDIOC_S_FMT, "does not take the size: Device or resource busy"},
+                         Row{VIDIOC_REQBUFS, "cannot start to capture: Device or resource busy"},
+                         Row{VIDIOC_QUERYBUF, "cannot start"}, Row{VIDIOC_QBUF, "cannot start"},
+                         Row{VIDIOC_STREAMON, "cannot start"}, Row{VIDIOC_DQBUF, "stopped capturing"}}) {
     SCOPED_TRACE(row.text);
     const vel::CapturingLog log(OSKELO_LOG_ERROR);
     FakeCamera camera;

@@ -22,8 +22,7 @@ struct Delivered {
 // Takes down what an encoder or a decoder delivers.
 class Deliveries : public UVCEncoderHandler, public UVCDecoderHandler {
  public:
-  void OnFinishEncode(std::uint32_t index, std::uint8_t* data, std::uint32_t length,
-                      int /*result*/) override {
+  void OnFinishEncode(std::uint32_t index, std::uint8_t* data, std::uint32_t length, int /*result*/) override {
     const HeapBlock block(data);
     Add(index, {data, data + length});
   }
@@ -37,8 +36,7 @@ class Deliveries : public UVCEncoderHandler, public UVCDecoderHandler {
     MutexLock lock(mMutex);
     while (mFrames.size() < count && mAdded.WaitUntil(lock, deadline)) {
     }
-    return {mFrames.begin(),
-            mFrames.begin() + static_cast<std::ptrdiff_t>(std::min(count, mFrames.size()))};
+    return {mFrames.begin(), mFrames.begin() + static_cast<std::ptrdiff_t>(std::min(count, mFrames.size()))};
   }
 
  private:

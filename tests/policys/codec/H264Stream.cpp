@@ -8,8 +8,8 @@ namespace vel::test {
 
 std::vector<ParsedPicture> ParseH264(std::span<const std::uint8_t> stream) {
   const CodecContextPtr context(avcodec_alloc_context3(avcodec_find_decoder(AV_CODEC_ID_H264)));
-  const std::unique_ptr<AVCodecParserContext, decltype(&av_parser_close)> parser(
-      av_parser_init(AV_CODEC_ID_H264), &av_parser_close);
+  const std::unique_ptr<AVCodecParserContext, decltype(&av_parser_close)> parser(av_parser_init(AV_CODEC_ID_H264),
+                                                                                 &av_parser_close);
   std::vector<std::uint8_t> padded(stream.begin(), stream.end());
   padded.resize(stream.size() + AV_INPUT_BUFFER_PADDING_SIZE);
   std::vector<ParsedPicture> pictures;
@@ -17,13 +17,11 @@ std::vector<ParsedPicture> ParseH264(std::span<const std::uint8_t> stream) {
   while (true) {
     std::uint8_t* unit = nullptr;
     int size = 0;
-    const int used =
-        av_parser_parse2(parser.get(), context.get(), &unit, &size, padded.data() + at,
-                         static_cast<int>(stream.size() - at), AV_NOPTS_VALUE, AV_NOPTS_VALUE, 0);
+    const int used = av_parser_parse2(parser.get(), context.get(), &unit, &size, padded.data() + at,
+                                      static_cast<int>(stream.size() - at), AV_NOPTS_VALUE, AV_NOPTS_VALUE, 0);
     at += static_cast<std::size_t>(used);
     if (size > 0) {
-      pictures.push_back(
-          {parser->pict_type, parser->key_frame == 1, parser->width, parser->height});
+      pictures.push_back({parser->pict_type, parser->key_frame == 1, parser->width, parser->height});
     } else if (used == 0) {
       return pictures;
     }

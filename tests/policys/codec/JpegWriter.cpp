@@ -16,8 +16,7 @@ constexpr std::array<int, 12> kDcLength = {2, 3, 3, 3, 3, 3, 4, 5, 6, 7, 8, 9};
 constexpr std::array<int, 12> kDcCode = {0, 2, 3, 4, 5, 6, 14, 30, 62, 126, 254, 510};
 // An AC table with the end of block alone would do, but for pictures without tables it has the
 // standard's code, 1010.
-constexpr std::array<std::uint8_t, 20> kAcTable = {0, 2, 1, 1, 0, 0, 0, 0, 0, 0,
-                                                   0, 0, 0, 0, 0, 0, 1, 2, 3, 0};
+constexpr std::array<std::uint8_t, 20> kAcTable = {0, 2, 1, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 2, 3, 0};
 constexpr int kEndOfBlock = 0b1010;
 
 class BitWriter {
@@ -50,15 +49,13 @@ class BitWriter {
 
 void Segment(Bytes& out, int marker, const Bytes& body) {
   const std::size_t length = body.size() + 2;
-  out.insert(out.end(),
-             {0xFF, static_cast<std::uint8_t>(marker), static_cast<std::uint8_t>(length >> 8U),
-              static_cast<std::uint8_t>(length)});
+  out.insert(out.end(), {0xFF, static_cast<std::uint8_t>(marker), static_cast<std::uint8_t>(length >> 8U),
+                         static_cast<std::uint8_t>(length)});
   out.insert(out.end(), body.begin(), body.end());
 }
 
 void PutBlock(BitWriter& bits, int difference) {
-  const int size = static_cast<int>(
-      std::bit_width(static_cast<unsigned>(difference < 0 ? -difference : difference)));
+  const int size = static_cast<int>(std::bit_width(static_cast<unsigned>(difference < 0 ? -difference : difference)));
   bits.Put(kDcCode[static_cast<std::size_t>(size)], kDcLength[static_cast<std::size_t>(size)]);
   bits.Put(difference < 0 ? difference + (1 << size) - 1 : difference, size);
   bits.Put(kEndOfBlock, 4);
@@ -75,12 +72,10 @@ Bytes JpegWriter::Write() const {
   Bytes quantisers(65, 8);
   quantisers[0] = 0;
   Segment(out, 0xDB, quantisers);
-  Bytes frame = {8,           byte(height >> 8), byte(height), byte(width >> 8),
-                 byte(width), byte(components)};
+  Bytes frame = {8, byte(height >> 8), byte(height), byte(width >> 8), byte(width), byte(components)};
   Bytes scan = {byte(components)};
   for (int c = 0; c < components; ++c) {
-    frame.insert(frame.end(),
-                 {byte(c + 1), byte(c == 0 ? sampling[0] * 16 + sampling[1] : 0x11), 0});
+    frame.insert(frame.end(), {byte(c + 1), byte(c == 0 ? sampling[0] * 16 + sampling[1] : 0x11), 0});
     scan.insert(scan.end(), {byte(c + 1), 0});
   }
   scan.insert(scan.end(), {0, 63, 0});
@@ -130,8 +125,8 @@ Bytes JpegWriter::Yuyv() const {
     for (int x = 0; x < width; ++x) {
       const int pair = x / 2 * 2;
       yuyv.push_back(static_cast<std::uint8_t>(Value(0, x / 8, y / 8)));
-      yuyv.push_back(static_cast<std::uint8_t>(
-          Value(x % 2 == 0 ? 1 : 2, pair / lumaSampling[0] / 8, y / lumaSampling[1] / 8)));
+      yuyv.push_back(
+          static_cast<std::uint8_t>(Value(x % 2 == 0 ? 1 : 2, pair / lumaSampling[0] / 8, y / lumaSampling[1] / 8)));
     }
   }
   return yuyv;

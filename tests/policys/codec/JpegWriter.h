@@ -12,16 +12,13 @@ namespace vel::test {
 struct JpegWriter {
   int width = 32;  // Pixels.
   int height = 32;
-  std::array<int, 2> lumaSampling = {2,
-                                     1};  // Horizontal, vertical; chroma has 1, 1. {2, 1} is 4:2:2.
-  bool grey = false;                      // One component.
-  int restartInterval = 0;                // Units between restart markers; 0: none.
-  bool huffmanTables = true;              // Cameras leave the standard ones out.
+  std::array<int, 2> lumaSampling = {2, 1};  // Horizontal, vertical; chroma has 1, 1. {2, 1} is 4:2:2.
+  bool grey = false;                         // One component.
+  int restartInterval = 0;                   // Units between restart markers; 0: none.
+  bool huffmanTables = true;                 // Cameras leave the standard ones out.
 
   // The value of a component's block number `x`, `y`.
-  static int Value(int component, int x, int y) {
-    return 40 + (component * 67 + x * 13 + y * 29) % 170;
-  }
+  static int Value(int component, int x, int y) { return 40 + (component * 67 + x * 13 + y * 29) % 170; }
 
   std::vector<std::uint8_t> Write() const;
   // The picture as packed YUYV, by the rule: the chroma of a pair is that of its first pixel.

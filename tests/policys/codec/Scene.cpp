@@ -31,24 +31,20 @@ Bytes MakeTexture() {
     for (float& value : grid) {
       value = amplitude * (static_cast<float>(random() % 2001) / 1000 - 1);
     }
-    const auto at = [&](int x, int y) {
-      return grid[static_cast<std::size_t>(y % cells * cells + x % cells)];
-    };
+    const auto at = [&](int x, int y) { return grid[static_cast<std::size_t>(y % cells * cells + x % cells)]; };
     for (int y = 0; y < kTextureSize; ++y) {
       const float fy = static_cast<float>(y % cell) / static_cast<float>(cell);
       for (int x = 0; x < kTextureSize; ++x) {
         const float fx = static_cast<float>(x % cell) / static_cast<float>(cell);
         const float top = std::lerp(at(x / cell, y / cell), at(x / cell + 1, y / cell), fx);
-        const float bottom =
-            std::lerp(at(x / cell, y / cell + 1), at(x / cell + 1, y / cell + 1), fx);
+        const float bottom = std::lerp(at(x / cell, y / cell + 1), at(x / cell + 1, y / cell + 1), fx);
         sum[static_cast<std::size_t>(y * kTextureSize + x)] += std::lerp(top, bottom, fy);
       }
     }
   }
   Bytes texture(sum.size());
-  std::transform(sum.begin(), sum.end(), texture.begin(), [](float value) {
-    return static_cast<std::uint8_t>(std::clamp(126 + value, 16.0F, 235.0F));
-  });
+  std::transform(sum.begin(), sum.end(), texture.begin(),
+                 [](float value) { return static_cast<std::uint8_t>(std::clamp(126 + value, 16.0F, 235.0F)); });
   return texture;
 }
 
@@ -103,9 +99,7 @@ double LumaPsnr(std::span<const std::uint8_t> a, std::span<const std::uint8_t> b
     const double difference = double{static_cast<double>(a[i])} - b[i];
     squares += difference * difference;
   }
-  return squares == 0
-             ? 99
-             : 10 * std::log10(255.0 * 255.0 * static_cast<double>(a.size() / 2) / squares);
+  return squares == 0 ? 99 : 10 * std::log10(255.0 * 255.0 * static_cast<double>(a.size() / 2) / squares);
 }
 
 Bytes EncodeJpeg(std::span<const std::uint8_t> yuyv, int width, int height) {
@@ -125,14 +119,13 @@ Bytes EncodeJpeg(std::span<const std::uint8_t> yuyv, int width, int height) {
   Require(av_frame_get_buffer(frame.get(), 0) == 0, "no memory");
   for (int y = 0; y < height; ++y) {
     const std::uint8_t* row = yuyv.data() + static_cast<std::ptrdiff_t>(y) * width * 2;
-    kPixelRowsScalar.planar(
-        row, frame->data[0] + y * frame->linesize[0], frame->data[1] + y * frame->linesize[1],
-        frame->data[2] + y * frame->linesize[2], static_cast<std::size_t>(width));
+    kPixelRowsScalar.planar(row, frame->data[0] + y * frame->linesize[0], frame->data[1] + y * frame->linesize[1],
+                            frame->data[2] + y * frame->linesize[2], static_cast<std::size_t>(width));
   }
   const PacketPtr packet(av_packet_alloc());
-  Require(avcodec_send_frame(context.get(), frame.get()) == 0 &&
-              avcodec_receive_packet(context.get(), packet.get()) == 0,
-          "JPEG encoder failed");
+  Require(
+      avcodec_send_frame(context.get(), frame.get()) == 0 && avcodec_receive_packet(context.get(), packet.get()) == 0,
+      "JPEG encoder failed");
   return {packet->data, packet->data + packet->size};
 }
 

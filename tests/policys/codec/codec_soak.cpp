@@ -42,8 +42,7 @@ class Soak {
   bool Step(UVCFrameManager& manager, std::uint32_t number) {
     const Bytes& jpeg = mJpegs[number % mJpegs.size()];
     const bool broken = number % 97 == 96 && number % 200 < 150;
-    const Bytes cut(jpeg.begin(),
-                    jpeg.begin() + static_cast<std::ptrdiff_t>(jpeg.size() / (broken ? 2 : 1)));
+    const Bytes cut(jpeg.begin(), jpeg.begin() + static_cast<std::ptrdiff_t>(jpeg.size() / (broken ? 2 : 1)));
     if (manager.EnqueueFrame(MakeFrame(cut, number).release()) != 0) {
       return false;
     }
@@ -83,8 +82,7 @@ int Run(int seconds) {
     }
   }
   const long growth = settled == 0 ? 0 : PeakKiB() - settled;
-  std::printf("%u frames, peak memory %ld KiB, growth after the first tenth %ld KiB\n", frames,
-              PeakKiB(), growth);
+  std::printf("%u frames, peak memory %ld KiB, growth after the first tenth %ld KiB\n", frames, PeakKiB(), growth);
   // A sanitizer keeps freed memory for a while.
   return growth > kAllowedGrowthKiB && !kSanitized ? 1 : 0;
 }

@@ -30,13 +30,11 @@ HeapBlock Exact(const Bytes& bytes) {
 class DecoderTest : public testing::Test {
  protected:
   void Open(_UVC_DECODER_TYPE type = UVC_DECODER_TYPE_MJPEG,
-            _UVC_DECODER_OUTPUT_FORMAT format = UVC_DECODER_OUTPUT_YUYV, int width = 64,
-            int height = 64) {
+            _UVC_DECODER_OUTPUT_FORMAT format = UVC_DECODER_OUTPUT_YUYV, int width = 64, int height = 64) {
     ASSERT_EQ(mDecoder.Init(type, format, width, height, &mDeliveries), 0);
   }
   int Send(const Bytes& frame, std::uint32_t index = 0) {
-    return mDecoder.DecodeAsync(Exact(frame).release(), static_cast<std::uint32_t>(frame.size()),
-                                index);
+    return mDecoder.DecodeAsync(Exact(frame).release(), static_cast<std::uint32_t>(frame.size()), index);
   }
 
   Deliveries mDeliveries;
@@ -50,10 +48,7 @@ TEST_F(DecoderTest, DecodesWhatCamerasSend) {
       {.lumaSampling = {1, 1}},
       {.restartInterval = 3},
       {.huffmanTables = false},
-      {.width = 160,
-       .height = 96,
-       .restartInterval = 1,
-       .huffmanTables = false},  // Larger than negotiated.
+      {.width = 160, .height = 96, .restartInterval = 1, .huffmanTables = false},  // Larger than negotiated.
       {.width = 8, .height = 8},
       {.width = 33, .height = 17, .lumaSampling = {2, 2}},  // Odd.
       {.width = 31, .height = 31, .lumaSampling = {1, 1}},
@@ -67,8 +62,7 @@ TEST_F(DecoderTest, DecodesWhatCamerasSend) {
     const std::vector<Delivered> pictures = mDeliveries.Await(done);
     ASSERT_EQ(pictures.size(), done);
     EXPECT_EQ(pictures.back().index, index++);
-    EXPECT_EQ(pictures.back().bytes, variant.Yuyv())
-        << variant.width << "x" << variant.height << ", variant " << done;
+    EXPECT_EQ(pictures.back().bytes, variant.Yuyv()) << variant.width << "x" << variant.height << ", variant " << done;
   }
 }
 
@@ -92,9 +86,7 @@ TEST_F(DecoderTest, UnknownPixelFormatIsBlackWhateverWasThereBefore) {
   const Bytes frame = grey.Write();
   Bytes out(black.size(), 7);
   std::uint32_t size = 0;
-  EXPECT_EQ(
-      mDecoder.Decode(frame.data(), static_cast<std::uint32_t>(frame.size()), out.data(), &size),
-      1);
+  EXPECT_EQ(mDecoder.Decode(frame.data(), static_cast<std::uint32_t>(frame.size()), out.data(), &size), 1);
   EXPECT_EQ(size, out.size());
   EXPECT_EQ(out, black);
 }
@@ -106,8 +98,7 @@ TEST_F(DecoderTest, BrokenFramesCostOnlyThemselves) {
   const JpegWriter whole{.width = 64, .height = 48};
   const Bytes good = whole.Write();
   const Bytes natural = EncodeJpeg(scene.Draw(0), 64, 48);
-  std::vector<Bytes> broken = {
-      {0}, {0xFF}, {0xFF, 0xD8}, {0xFF, 0xD8, 0xFF, 0xD9}, Bytes(1000, 0xFF), Bytes(1000, 0)};
+  std::vector<Bytes> broken = {{0}, {0xFF}, {0xFF, 0xD8}, {0xFF, 0xD8, 0xFF, 0xD9}, Bytes(1000, 0xFF), Bytes(1000, 0)};
   for (std::size_t length = 10; length + 60 < natural.size(); length += natural.size() / 16) {
     broken.emplace_back(natural.begin(), natural.begin() + static_cast<std::ptrdiff_t>(length));
   }
@@ -134,9 +125,7 @@ TEST_F(DecoderTest, BrokenFramesCostOnlyThemselves) {
     EXPECT_TRUE(!refused || log.Count("Do async decode fail (") == 1) << i;
   }
   const CapturingLog log;
-  EXPECT_EQ(
-      Send({natural.begin(), natural.begin() + static_cast<std::ptrdiff_t>(natural.size() / 2)}),
-      -1);
+  EXPECT_EQ(Send({natural.begin(), natural.begin() + static_cast<std::ptrdiff_t>(natural.size() / 2)}), -1);
   EXPECT_EQ(log.Count("Error:Do async decode fail ("), 1U);
 }
 
@@ -160,12 +149,10 @@ TEST_F(DecoderTest, DecodesCameraH264InBothFormats) {
 
     Bytes i420(96 * 64 * 2);
     std::uint32_t size = 0;
-    ASSERT_EQ(
-        planar.Decode(unit.data(), static_cast<std::uint32_t>(unit.size()), i420.data(), &size), 1);
+    ASSERT_EQ(planar.Decode(unit.data(), static_cast<std::uint32_t>(unit.size()), i420.data(), &size), 1);
     ASSERT_EQ(size, 96U * 64 * 3 / 2);
     Bytes yuyv(96 * 64 * 2);
-    const std::uint8_t* const planes[3] = {i420.data(), i420.data() + 96 * 64,
-                                           i420.data() + 96 * 64 * 5 / 4};
+    const std::uint8_t* const planes[3] = {i420.data(), i420.data() + 96 * 64, i420.data() + 96 * 64 * 5 / 4};
     const int lineSizes[3] = {96, 48, 48};
     UVCDecoder::YUV420PToYUV422(planes, lineSizes, yuyv.data(), 96, 64);
     EXPECT_EQ(yuyv, decoded[i].bytes);
@@ -181,8 +168,7 @@ TEST_F(DecoderTest, SaysWhatItRefuses) {
   std::array<std::uint8_t, 64> block{};
   EXPECT_EQ(mDecoder.DecodeAsync(block.data(), 64, 0), -1);  // Not taken: not initialised.
   EXPECT_EQ(mDecoder.GetOutputData(block.data(), &size), -1);
-  EXPECT_EQ(
-      mDecoder.Init(static_cast<_UVC_DECODER_TYPE>(2), UVC_DECODER_OUTPUT_YUYV, 8, 8, nullptr), -1);
+  EXPECT_EQ(mDecoder.Init(static_cast<_UVC_DECODER_TYPE>(2), UVC_DECODER_OUTPUT_YUYV, 8, 8, nullptr), -1);
   Open();
   EXPECT_EQ(mDecoder.Init(UVC_DECODER_TYPE_MJPEG, UVC_DECODER_OUTPUT_YUYV, 8, 8, nullptr), -1);
   EXPECT_EQ(mDecoder.DecodeAsync(block.data(), 0, 0), -1);
@@ -190,9 +176,7 @@ TEST_F(DecoderTest, SaysWhatItRefuses) {
   // A picture that does not fit the negotiated block.
   const Bytes large = JpegWriter{.width = 72, .height = 64}.Write();
   Bytes out(64 * 64 * 2);
-  EXPECT_EQ(
-      mDecoder.Decode(large.data(), static_cast<std::uint32_t>(large.size()), out.data(), &size),
-      -1);
+  EXPECT_EQ(mDecoder.Decode(large.data(), static_cast<std::uint32_t>(large.size()), out.data(), &size), -1);
   EXPECT_THAT(log.Messages("CodecOf"), ElementsAre("Error:unknow format"));
   EXPECT_THAT(log.Messages("OpenCodec"), ElementsAre("Error:can not find H264 codec"));
   EXPECT_EQ(log.Count("Error:Decoder is already inited"), 1U);
@@ -205,14 +189,11 @@ TEST_F(DecoderTest, SaysWhatItRefuses) {
   for (const auto format : {UVC_DECODER_OUTPUT_I420, static_cast<_UVC_DECODER_OUTPUT_FORMAT>(9)}) {
     Open(UVC_DECODER_TYPE_MJPEG, format);
     const Bytes frame = JpegWriter{}.Write();
-    EXPECT_EQ(
-        mDecoder.Decode(frame.data(), static_cast<std::uint32_t>(frame.size()), out.data(), &size),
-        -1);
+    EXPECT_EQ(mDecoder.Decode(frame.data(), static_cast<std::uint32_t>(frame.size()), out.data(), &size), -1);
     mDecoder.Release();
   }
-  EXPECT_THAT(
-      log.Messages("ConvertDecodedPicture"),
-      ElementsAre("Error:Unsupport yuv format when use this codec", "Error:Unknow yuv format."));
+  EXPECT_THAT(log.Messages("ConvertDecodedPicture"),
+              ElementsAre("Error:Unsupport yuv format when use this codec", "Error:Unknow yuv format."));
 }
 
 }  // namespace

@@ -43,12 +43,9 @@ TEST_P(EncoderStreamTest, IsWhatAReceiverLikes) {
   const Setting& setting = GetParam();
   const Scene scene(setting.width, setting.height);
   UVCEncoder encoder;
-  ASSERT_EQ(encoder.Init(UVC_ENCODER_TYPE_H264, setting.width, setting.height, nullptr, nullptr),
-            0);
+  ASSERT_EQ(encoder.Init(UVC_ENCODER_TYPE_H264, setting.width, setting.height, nullptr, nullptr), 0);
   UVCDecoder decoder;
-  ASSERT_EQ(decoder.Init(UVC_DECODER_TYPE_H264, UVC_DECODER_OUTPUT_YUYV, setting.width,
-                         setting.height, nullptr),
-            0);
+  ASSERT_EQ(decoder.Init(UVC_DECODER_TYPE_H264, UVC_DECODER_OUTPUT_YUYV, setting.width, setting.height, nullptr), 0);
 
   // The instrumented build is there for memory and threads; rates need not be seen again.
   const int frames = setting.framesPerSecond * (kSanitized ? 1 : 6);
@@ -61,21 +58,16 @@ TEST_P(EncoderStreamTest, IsWhatAReceiverLikes) {
   for (int i = 0; i < frames; ++i) {
     scene.Draw(i, picture);
     std::uint32_t size = 0;
-    ASSERT_EQ(encoder.Encode(picture.data(), static_cast<std::uint32_t>(picture.size()),
-                             unit.data(), &size),
-              0);
+    ASSERT_EQ(encoder.Encode(picture.data(), static_cast<std::uint32_t>(picture.size()), unit.data(), &size), 0);
     stream.insert(stream.end(), unit.begin(), unit.begin() + size);
     sizes.push_back(size);
     const std::vector<int> nals = NalTypes({unit.data(), size});
-    const auto firstOf = [&nals](int type) {
-      return std::find(nals.begin(), nals.end(), type) - nals.begin();
-    };
+    const auto firstOf = [&nals](int type) { return std::find(nals.begin(), nals.end(), type) - nals.begin(); };
     const bool key = firstOf(5) < static_cast<std::ptrdiff_t>(nals.size());
     EXPECT_EQ(key, i % setting.gopSize == 0) << "picture " << i;
     EXPECT_TRUE(!key || (firstOf(7) < firstOf(8) && firstOf(8) < firstOf(5))) << "picture " << i;
     std::uint32_t decodedSize = 0;
-    ASSERT_EQ(decoder.Decode(unit.data(), size, decoded.data(), &decodedSize), 1)
-        << "picture " << i;
+    ASSERT_EQ(decoder.Decode(unit.data(), size, decoded.data(), &decodedSize), 1) << "picture " << i;
     ASSERT_EQ(decodedSize, decoded.size());
     psnr += LumaPsnr(picture, decoded) / frames;
   }
@@ -95,8 +87,7 @@ TEST_P(EncoderStreamTest, IsWhatAReceiverLikes) {
   double highest = 0;
   const int window = 4 * setting.framesPerSecond;
   for (int begin = setting.framesPerSecond; begin + window <= frames; ++begin) {
-    const double bits =
-        8 * std::accumulate(sizes.begin() + begin, sizes.begin() + begin + window, 0.0);
+    const double bits = 8 * std::accumulate(sizes.begin() + begin, sizes.begin() + begin + window, 0.0);
     lowest = std::min(lowest, bits / 4 / setting.bitRate);
     highest = std::max(highest, bits / 4 / setting.bitRate);
   }
@@ -106,8 +97,7 @@ TEST_P(EncoderStreamTest, IsWhatAReceiverLikes) {
   }
   RecordProperty("psnr", std::to_string(psnr));
   RecordProperty("rate", std::to_string(lowest) + " to " + std::to_string(highest));
-  RecordProperty("largest",
-                 std::to_string(*std::max_element(sizes.begin(), sizes.end()) / average));
+  RecordProperty("largest", std::to_string(*std::max_element(sizes.begin(), sizes.end()) / average));
 }
 
 INSTANTIATE_TEST_SUITE_P(EachSetting, EncoderStreamTest,
@@ -125,8 +115,7 @@ TEST(EncoderTest, EachQueuedFrameGivesOneUnitWithItsIndex) {
   Bytes stream;
   for (std::uint32_t i = 0; i < 30; ++i) {
     // A short frame gives a picture too.
-    UVCFramePtr frame =
-        MakeFrame(i % 10 == 3 ? Bytes(100) : scene.Draw(static_cast<int>(i)), 1000 + 7 * i);
+    UVCFramePtr frame = MakeFrame(i % 10 == 3 ? Bytes(100) : scene.Draw(static_cast<int>(i)), 1000 + 7 * i);
     ASSERT_EQ(encoder.EncodeAsync(frame.release()), 0);
     const std::vector<Delivered> units = deliveries.Await(i + 1);
     ASSERT_EQ(units.size(), i + 1);
@@ -142,8 +131,7 @@ TEST(EncoderTest, EachQueuedFrameGivesOneUnitWithItsIndex) {
 // Holds the worker in its first delivery, so that what is queued meanwhile stays queued.
 class HeldHandler : public UVCEncoderHandler {
  public:
-  void OnFinishEncode(std::uint32_t index, std::uint8_t* data, std::uint32_t /*length*/,
-                      int /*result*/) override {
+  void OnFinishEncode(std::uint32_t index, std::uint8_t* data, std::uint32_t /*length*/, int /*result*/) override {
     const HeapBlock block(data);
     MutexLock lock(mMutex);
     mIndices.push_back(index);
@@ -210,10 +198,9 @@ TEST(EncoderTest, RefusesWhatItCannotDo) {
   EXPECT_EQ(encoder.Init(UVC_ENCODER_TYPE_H264, 0, 480, nullptr, nullptr), -1);
   EXPECT_EQ(encoder.Init(UVC_ENCODER_TYPE_H264, 641, 480, nullptr, nullptr), -1);
   EXPECT_EQ(encoder.EncodeAsync(nullptr), -1);
-  EXPECT_THAT(
-      log.Messages("OpenEncoder"),
-      ElementsAre("Error:Do not support H265 in this platform.",
-                  "Error:Could not allocate the video frame data", "Error:Encoder open failed"));
+  EXPECT_THAT(log.Messages("OpenEncoder"),
+              ElementsAre("Error:Do not support H265 in this platform.",
+                          "Error:Could not allocate the video frame data", "Error:Encoder open failed"));
   EXPECT_THAT(log.Messages("EncodePicture"), ElementsAre("Error:Encoder is not ready"));
   EXPECT_THAT(log.Messages("EncodeAsync"), ElementsAre("Error:Encoder thread is not ready"));
   // An access unit that is larger than its picture does not leave the block.
@@ -224,8 +211,8 @@ TEST(EncoderTest, RefusesWhatItCannotDo) {
 }
 
 TEST(EncoderTest, SyntheticPictureFollowsItsFormula) {
-  for (const auto& [type, format] : {std::pair(EncoderType::kSoftware, AV_PIX_FMT_YUV420P),
-                                     std::pair(EncoderType::kHardware, AV_PIX_FMT_NV12)}) {
+  for (const auto& [type, format] :
+       {std::pair(EncoderType::kSoftware, AV_PIX_FMT_YUV420P), std::pair(EncoderType::kHardware, AV_PIX_FMT_NV12)}) {
     const FramePtr frame(av_frame_alloc());
     frame->format = format;
     frame->width = 6;
@@ -236,21 +223,16 @@ TEST(EncoderTest, SyntheticPictureFollowsItsFormula) {
     const bool planar = type == EncoderType::kSoftware;
     EXPECT_EQ(frame->data[0][3 * frame->linesize[0] + 5], (5 + 3 + 300) % 256);
     EXPECT_EQ(frame->data[1][frame->linesize[1] + (planar ? 2 : 4)], (128 + 1 + 200) % 256);
-    EXPECT_EQ(
-        planar ? frame->data[2][frame->linesize[2] + 2] : frame->data[1][frame->linesize[1] + 5],
-        (64 + 2 + 500) % 256);
+    EXPECT_EQ(planar ? frame->data[2][frame->linesize[2] + 2] : frame->data[1][frame->linesize[1] + 5],
+              (64 + 2 + 500) % 256);
   }
 }
 
 TEST(EncoderTest, SaysWhichEncoderItUses) {
   const CapturingLog log;
   FFmpegEncoder encoder(true);
-  EncoderParam param{.width = 64,
-                     .height = 64,
-                     .bitRate = 100000,
-                     .gopSize = 5,
-                     .timeBase = {1, 15},
-                     .frameRate = {15, 1}};
+  EncoderParam param{
+      .width = 64, .height = 64, .bitRate = 100000, .gopSize = 5, .timeBase = {1, 15}, .frameRate = {15, 1}};
   ASSERT_EQ(encoder.open(param), 0);
   const bool first = avcodec_find_encoder_by_name("libopenh264") != nullptr;
   EXPECT_EQ(encoder.Name(), first ? "libopenh264" : "libx264");

@@ -42,30 +42,28 @@ struct Thinning {
 TEST(FrameListTest, ThinningKeepsTheFirstOfEachGroup) {
   const std::vector<Thinning> table = {
       {0, 1, -1, {}},          {1, 1, -1, {0}},  // No group: 1 / 2.
-      {2, 1, -1, {0}},          // 2 / 1 is too much, and there is no other k: interval 1.
-      {3, 1, 1, {0, 2}},        // 3 / 2 = 1.
-      {4, 1, 2, {0, 3}},        // 4 / 3 = 1; one group, one left over.
-      {5, 1, 2, {0, 3, 4}},     // 5 / 3 = 1.
-      {7, 1, 3, {0, 4, 5, 6}},  // 7 / 4 = 1.
-      {8, 2, 2, {0, 3, 6, 7}},  // 8 / 3 = 2; two groups of three.
-      {9, 3, 2, {0, 3, 6}},     // 9 / 3 = 3.
-      {4, 4, 0, {0, 1, 2, 3}},  // Fits as it is.
-      {3, 0, -1, {0, 2}},       // Nothing reaches 0: interval 1, one group.
-      {6, 2, 2, {0, 3}},        // 6 / 3 = 2.
+      {2, 1, -1, {0}},                           // 2 / 1 is too much, and there is no other k: interval 1.
+      {3, 1, 1, {0, 2}},                         // 3 / 2 = 1.
+      {4, 1, 2, {0, 3}},                         // 4 / 3 = 1; one group, one left over.
+      {5, 1, 2, {0, 3, 4}},                      // 5 / 3 = 1.
+      {7, 1, 3, {0, 4, 5, 6}},                   // 7 / 4 = 1.
+      {8, 2, 2, {0, 3, 6, 7}},                   // 8 / 3 = 2; two groups of three.
+      {9, 3, 2, {0, 3, 6}},                      // 9 / 3 = 3.
+      {4, 4, 0, {0, 1, 2, 3}},                   // Fits as it is.
+      {3, 0, -1, {0, 2}},                        // Nothing reaches 0: interval 1, one group.
+      {6, 2, 2, {0, 3}},                         // 6 / 3 = 2.
   };
   for (const Thinning& row : table) {
     const CapturingLog log;
     UVCFrameList list = ListOf(row.frames);
     EXPECT_EQ(FrameListResize(row.cacheSize, list), 0);
     EXPECT_EQ(Indices(list), row.left) << row.frames << " frames, cache size " << row.cacheSize;
-    const std::string line =
-        "Debug:[UVC tuning] Output frame list size:" + std::to_string(row.frames) +
-        ", cache size: " + std::to_string(row.cacheSize) +
-        ", interval: " + std::to_string(row.interval);
+    const std::string line = "Debug:[UVC tuning] Output frame list size:" + std::to_string(row.frames) +
+                             ", cache size: " + std::to_string(row.cacheSize) +
+                             ", interval: " + std::to_string(row.interval);
     EXPECT_EQ(log.Count(line), row.interval < 0 ? 0U : 1U) << line;
-    EXPECT_EQ(
-        log.Count("UVC: output queue size after resize: " + std::to_string(row.left.size()) + " "),
-        row.frames == 0 ? 0U : 1U);
+    EXPECT_EQ(log.Count("UVC: output queue size after resize: " + std::to_string(row.left.size()) + " "),
+              row.frames == 0 ? 0U : 1U);
     EXPECT_EQ(FrameListFlush(list), 0);
     EXPECT_TRUE(list.empty());
   }

@@ -57,8 +57,7 @@ struct Route {
 
 TEST(FrameManagerTest, RoutesByTheTypesOfItsSides) {
   const JpegWriter jpeg{.width = 64, .height = 64};
-  for (const Route& route :
-       {Route{kMjpeg, kH264}, {kMjpeg, kYuyv}, {kYuyv, kH264}, {kYuyv, kMjpeg}}) {
+  for (const Route& route : {Route{kMjpeg, kH264}, {kMjpeg, kYuyv}, {kYuyv, kH264}, {kYuyv, kMjpeg}}) {
     UVCFrameManager manager(kYuyv, kYuyv);
     ASSERT_EQ(manager.Init(64, 64, route.in, route.out, nullptr), 0);
     const Bytes input = route.in == kMjpeg ? jpeg.Write() : jpeg.Yuyv();

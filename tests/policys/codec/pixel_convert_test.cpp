@@ -123,8 +123,7 @@ TEST_P(PixelConvertTest, PlanarToPackedOfEachLayout) {
     ForEverySize([&layout](int width, int height, int gap) {
       const int chromaWidth = (width + layout.across - 1) / layout.across;
       const int chromaHeight = (height + layout.down - 1) / layout.down;
-      Plane y(width, height, gap), u(chromaWidth, chromaHeight, gap),
-          v(chromaWidth, chromaHeight, gap);
+      Plane y(width, height, gap), u(chromaWidth, chromaHeight, gap), v(chromaWidth, chromaHeight, gap);
       for (Plane* plane : {&y, &u, &v}) {
         plane->Randomise();
       }
@@ -139,8 +138,7 @@ TEST_P(PixelConvertTest, PlanarToPackedOfEachLayout) {
       // The last marks show that nothing is written behind the picture.
       Bytes packed(want.size() + 64, kUntouched);
       want.resize(packed.size(), kUntouched);
-      PlanarToYuyv(layout.layout, y.In(), u.In(), v.In(), packed.data(), width, height,
-                   *GetParam());
+      PlanarToYuyv(layout.layout, y.In(), u.In(), v.In(), packed.data(), width, height, *GetParam());
       EXPECT_TRUE(packed == want);
     });
   }
@@ -151,12 +149,9 @@ std::vector<const PixelRows*> Versions() {
   return {choice.versions, choice.versions + choice.count};
 }
 
-INSTANTIATE_TEST_SUITE_P(EveryVersion, PixelConvertTest, testing::ValuesIn(Versions()),
-                         [](const auto& version) {
-                           return version.param == &kPixelRowsScalar
-                                      ? "Scalar"
-                                      : "Vector" + std::to_string(version.index);
-                         });
+INSTANTIATE_TEST_SUITE_P(EveryVersion, PixelConvertTest, testing::ValuesIn(Versions()), [](const auto& version) {
+  return version.param == &kPixelRowsScalar ? "Scalar" : "Vector" + std::to_string(version.index);
+});
 
 TEST(PixelConvertLayout, PackedOutputsOfTheExportedOperations) {
   // 6x3: odd height; 18 luma samples, chroma 3x1 behind them at 18 and, for planes, 22.

@@ -30,8 +30,7 @@ class CameraGuest {
 
   explicit CameraGuest(const DeviceIdentity& identity)
       : mRemote(std::make_unique<RemoteDevice>(
-            std::make_unique<ModuleChannel>(ModuleLibrary::Load(VIRTUSB_MODULE), identity, true), 1,
-            kDeadline)) {}
+            std::make_unique<ModuleChannel>(ModuleLibrary::Load(VIRTUSB_MODULE), identity, true), 1, kDeadline)) {}
   CameraGuest(const CameraGuest&) = delete;
   CameraGuest& operator=(const CameraGuest&) = delete;
   // Reads that are outstanding are forgotten.
@@ -44,8 +43,7 @@ class CameraGuest {
     EXPECT_EQ(mRemote->SetRedirPolicy(Bytes(kText.begin(), kText.end())), 0);
   }
   void Open() {
-    for (const Command command :
-         {Command::kOpenUsbDev, Command::kDetachKernelDriver, Command::kClaimAllInterface}) {
+    for (const Command command : {Command::kOpenUsbDev, Command::kDetachKernelDriver, Command::kClaimAllInterface}) {
       ASSERT_EQ(mRemote->Status(command), 0);
     }
   }
@@ -65,27 +63,22 @@ class CameraGuest {
     ctrl.dwFrameInterval = 333333;
     std::array<std::uint8_t, kSize> block{};
     std::memcpy(block.data(), &ctrl, kSize);
-    EXPECT_EQ(mRemote->ControlTransfer({0x21, 0x01, 0x0100, kInterface, kSize}, block).value,
-              kSize);
+    EXPECT_EQ(mRemote->ControlTransfer({0x21, 0x01, 0x0100, kInterface, kSize}, block).value, kSize);
     const auto answer = mRemote->ControlTransfer({0xA1, 0x81, 0x0100, kInterface, kSize});
     EXPECT_EQ(answer.value, kSize);
     EXPECT_EQ(answer.data.size(), kSize);
     std::memcpy(&ctrl, answer.data.data(), std::min<std::size_t>(answer.data.size(), kSize));
-    EXPECT_EQ(mRemote->ControlTransfer({0x21, 0x01, 0x0200, kInterface, kSize}, answer.data).value,
-              kSize);
+    EXPECT_EQ(mRemote->ControlTransfer({0x21, 0x01, 0x0200, kInterface, kSize}, answer.data).value, kSize);
     return ctrl;
   }
-  void Start(std::uint32_t altSetting = 1) {
-    EXPECT_EQ(mRemote->SetInterfaceAltSetting(kInterface, altSetting), 0);
-  }
+  void Start(std::uint32_t altSetting = 1) { EXPECT_EQ(mRemote->SetInterfaceAltSetting(kInterface, altSetting), 0); }
   void Stop() { Start(0); }
 
   // A read of one frame. Its packet is small: the answer is as large as the frame.
   std::uint32_t Read() {
     constexpr std::array<std::uint32_t, 1> kPackets = {1};
     ++mReads;
-    return mRemote->SubmitIsoTransfer(kEndpoint, kPackets, {},
-                                      [this](TransferReply reply) { Take(std::move(reply)); });
+    return mRemote->SubmitIsoTransfer(kEndpoint, kPackets, {}, [this](TransferReply reply) { Take(std::move(reply)); });
   }
   // The next reply, of status -1 when none comes by the deadline.
   TransferReply Next() {

@@ -33,14 +33,11 @@ struct ScriptedCamera {
   static constexpr std::uint32_t kFrameBytes = 2 * kWidth * kHeight;
 
   explicit ScriptedCamera(Kind kind, bool transcode = false)
-      : backend(ScriptedUsbIo::Create(kind == Kind::kEmulated ? kIoTypeEmulated : kIoTypeLibusb,
-                                      &remote)),
-        policy(std::make_unique<UVCPolicy>(backend.get(), 0, std::int8_t{0},
-                                           std::uint8_t{transcode})) {
+      : backend(ScriptedUsbIo::Create(kind == Kind::kEmulated ? kIoTypeEmulated : kIoTypeLibusb, &remote)),
+        policy(std::make_unique<UVCPolicy>(backend.get(), 0, std::int8_t{0}, std::uint8_t{transcode})) {
     constexpr std::array<std::uint8_t, 16> kYuy2 = {0x59, 0x55, 0x59, 0x32, 0, 0,    0x10, 0,
                                                     0x80, 0,    0,    0xAA, 0, 0x38, 0x9B, 0x71};
-    std::ranges::copy(kYuy2,
-                      block.bytes.begin() + static_cast<std::ptrdiff_t>(block.starts[1]) + 5);
+    std::ranges::copy(kYuy2, block.bytes.begin() + static_cast<std::ptrdiff_t>(block.starts[1]) + 5);
     for (libusb_interface_descriptor& setting : tree.settings) {
       setting.bInterfaceClass = 14;
       setting.bInterfaceSubClass = 2;
@@ -95,8 +92,7 @@ struct ScriptedCamera {
     std::string data;
   };
   static std::string Payload(const Packet& packet) {
-    return std::string{'\x0C', static_cast<char>(packet.info)} + std::string(10, '\xEE') +
-           packet.data;
+    return std::string{'\x0C', static_cast<char>(packet.info)} + std::string(10, '\xEE') + packet.data;
   }
   static std::string Transfer(const std::vector<Packet>& packets) {
     std::string bytes(UVCCameraReader::kPackets * sizeof(IsoPacketRecord), '\0');
@@ -104,8 +100,7 @@ struct ScriptedCamera {
     for (const Packet& packet : packets) {
       const std::string payload = Payload(packet);
       StoreIsoRecord(bytes.data(), index++,
-                     {static_cast<std::uint32_t>(bytes.size()), 64,
-                      static_cast<std::uint32_t>(payload.size()), 0});
+                     {static_cast<std::uint32_t>(bytes.size()), 64, static_cast<std::uint32_t>(payload.size()), 0});
       bytes += payload;
     }
     return bytes;

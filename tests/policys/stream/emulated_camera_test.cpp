@@ -35,8 +35,7 @@ constexpr std::array kSizes = {Size{1, 640, 480}, Size{2, 1280, 720}};
 
 Bytes Painted(const Size& size, std::uint32_t number) {
   Bytes picture(size.Bytes());
-  DummyCamera::Paint(picture, static_cast<std::uint32_t>(size.width),
-                     static_cast<std::uint32_t>(size.height), number);
+  DummyCamera::Paint(picture, static_cast<std::uint32_t>(size.width), static_cast<std::uint32_t>(size.height), number);
   return picture;
 }
 
@@ -71,16 +70,12 @@ bool ShowsThePattern(const Bytes& picture, const Size& size) {
 class Player {
  public:
   explicit Player(const Size& size) : mSize(size) {
-    EXPECT_EQ(mDecoder.Init(UVC_DECODER_TYPE_H264, UVC_DECODER_OUTPUT_YUYV, size.width, size.height,
-                            nullptr),
-              0);
+    EXPECT_EQ(mDecoder.Init(UVC_DECODER_TYPE_H264, UVC_DECODER_OUTPUT_YUYV, size.width, size.height, nullptr), 0);
   }
   Bytes Show(const Bytes& unit) {
     Bytes picture(mSize.Bytes());
     std::uint32_t size = 0;
-    EXPECT_EQ(mDecoder.Decode(unit.data(), static_cast<std::uint32_t>(unit.size()), picture.data(),
-                              &size),
-              1);
+    EXPECT_EQ(mDecoder.Decode(unit.data(), static_cast<std::uint32_t>(unit.size()), picture.data(), &size), 1);
     EXPECT_EQ(size, picture.size());
     return picture;
   }
@@ -245,8 +240,8 @@ TEST(EmulatedCamera, StreamsWithFlatMemoryAndWithoutDrift) {
   }
   const double seconds = std::chrono::duration<double>(Clock::now() - begin).count();
   const std::size_t end = ResidentMemory();
-  std::printf("%d pictures in %.1f s: %.2f a second; memory %zu KiB, then %zu KiB\n", pictures,
-              seconds, pictures / seconds, warm, end);
+  std::printf("%d pictures in %.1f s: %.2f a second; memory %zu KiB, then %zu KiB\n", pictures, seconds,
+              pictures / seconds, warm, end);
   if (!kSanitized) {  // A sanitizer keeps what was freed.
     EXPECT_LT(end, warm + 16 * 1024);
   }

@@ -78,10 +78,7 @@ TEST(Negotiation, StartsWithWhatWasAgreedOnAlone) {
       {"frame size 0", Kind::kIso, [](C& c) { c.Commit(C::Ctrl(0)); }, {}},
       {"64 MiB", Kind::kEmulated, [](C& c) { c.Commit(C::Ctrl(kMax)); }, {kMax}},
       {"above", Kind::kEmulated, [](C& c) { c.Commit(C::Ctrl(kMax + 1)); }, {}},
-      {"far above",
-       Kind::kIso,
-       [](C& c) { c.Commit(C::Ctrl(std::numeric_limits<std::uint32_t>::max())); },
-       {}},
+      {"far above", Kind::kIso, [](C& c) { c.Commit(C::Ctrl(std::numeric_limits<std::uint32_t>::max())); }, {}},
       {"isochronous", Kind::kIso, [](C& c) { c.Commit(C::Ctrl(64)); }, {512, 512, 512, 512, 512}},
       {"payload 0", Kind::kIso, [](C& c) { c.Commit(C::Ctrl(64, 0)); }, {}},
       {"packets above 64 MiB", Kind::kIso, [](C& c) { c.Commit(C::Ctrl(64, kMax / 32 + 1)); }, {}},
@@ -116,8 +113,7 @@ TEST(Negotiation, AnswerGoesOnWithoutTheH265BitWhenItsFrameIsKnown) {
     }
     EXPECT_EQ(camera.ProbeAnswer(ScriptedCamera::Block(ctrl, size)), expected);
     ctrl.bFrameIndex = 9;
-    EXPECT_EQ(camera.ProbeAnswer(ScriptedCamera::Block(ctrl, size)),
-              ScriptedCamera::Block(ctrl, size));
+    EXPECT_EQ(camera.ProbeAnswer(ScriptedCamera::Block(ctrl, size)), ScriptedCamera::Block(ctrl, size));
   }
 }
 

@@ -43,8 +43,7 @@ void Feed(C& camera, Kind kind, const std::string& frame) {
 }
 
 class EachKind : public testing::TestWithParam<Kind> {};
-INSTANTIATE_TEST_SUITE_P(Stream, EachKind,
-                         testing::Values(Kind::kEmulated, Kind::kIso, Kind::kBulk));
+INSTANTIATE_TEST_SUITE_P(Stream, EachKind, testing::Values(Kind::kEmulated, Kind::kIso, Kind::kBulk));
 
 TEST(Stream, IsochronousPacketsBecomeFramesBitExact) {
   C camera(Kind::kIso);
@@ -65,9 +64,8 @@ TEST(Stream, IsochronousPacketsBecomeFramesBitExact) {
     ASSERT_TRUE(camera.Complete(C::Transfer(step.packets)));
     camera.reads.Await(step.frames);
   }
-  EXPECT_THAT(camera.reads.Await(5),
-              ElementsAre(Done{1, 0, "abcd"}, Done{2, 0, "efgh"}, Done{3, 0, "ij"},
-                          Done{4, 0, "12345678"}, Done{5, 0, "last"}));
+  EXPECT_THAT(camera.reads.Await(5), ElementsAre(Done{1, 0, "abcd"}, Done{2, 0, "efgh"}, Done{3, 0, "ij"},
+                                                 Done{4, 0, "12345678"}, Done{5, 0, "last"}));
 }
 
 TEST(Stream, BulkPayloadsBecomeFramesBitExact) {
@@ -75,14 +73,8 @@ TEST(Stream, BulkPayloadsBecomeFramesBitExact) {
   camera.Start(C::Ctrl(80, 32));
   camera.Read(3);
   const std::string full(20, 'x');  // With its header the largest payload: no short packet ends it.
-  for (const C::Packet& payload : Packets{{0, full},
-                                          {0, full},
-                                          {kErr, "err"},
-                                          {0, ""},
-                                          {kEof, "end"},
-                                          {kFid, full},
-                                          {0, "toggle"},
-                                          {kEof, ""}}) {
+  for (const C::Packet& payload :
+       Packets{{0, full}, {0, full}, {kErr, "err"}, {0, ""}, {kEof, "end"}, {kFid, full}, {0, "toggle"}, {kEof, ""}}) {
     ASSERT_TRUE(camera.Complete(C::Payload(payload)));
   }
   ASSERT_TRUE(camera.Complete("too short"));
@@ -102,8 +94,8 @@ TEST(Stream, OfAnEmulatedCameraKeepsThreeFramesUntilTheyAreRead) {
     ASSERT_TRUE(camera.Complete(frame));
   }
   camera.Read(3);
-  EXPECT_THAT(camera.reads.Await(5), ElementsAre(testing::_, testing::_, Done{3, 0, "3"},
-                                                 Done{4, 0, "4"}, Done{5, 0, "5"}));
+  EXPECT_THAT(camera.reads.Await(5),
+              ElementsAre(testing::_, testing::_, Done{3, 0, "3"}, Done{4, 0, "4"}, Done{5, 0, "5"}));
   EXPECT_THAT(camera.Submitted(), Each(70000U)) << "a record has its whole size again";
 }
 
@@ -147,8 +139,7 @@ TEST_P(EachKind, StopsWithReadsAndTransfersOutstandingAndStartsAgain) {
     camera.Read(3);
     const std::string frame(size, static_cast<char>('a' + i % 26));
     Feed(camera, GetParam(), frame);
-    ASSERT_THAT(camera.reads.Await(reads + 1).at(reads),
-                (Done{static_cast<std::uint32_t>(reads) + 1, 0, frame}));
+    ASSERT_THAT(camera.reads.Await(reads + 1).at(reads), (Done{static_cast<std::uint32_t>(reads) + 1, 0, frame}));
     switch (i % 3) {
       case 0:
         camera.Stop();
@@ -163,8 +154,7 @@ TEST_P(EachKind, StopsWithReadsAndTransfersOutstandingAndStartsAgain) {
     }
     reads += 3;
     ASSERT_EQ(camera.reads.Count(), reads) << "when the stop returns";
-    EXPECT_THAT(camera.reads.Await(reads).back(),
-                (Done{camera.reads.Await(reads).back().id, kXferTimedOut, ""}));
+    EXPECT_THAT(camera.reads.Await(reads).back(), (Done{camera.reads.Await(reads).back().id, kXferTimedOut, ""}));
     ASSERT_FALSE(camera.io.CompleteNext({})) << "and none is held";
   }
   camera.Start(C::Ctrl(8));
@@ -232,9 +222,7 @@ TEST_P(EachKind, DeviceThatIsGoneIsLeftAlone) {
 class Player {
  public:
   Player() {
-    EXPECT_EQ(mDecoder.Init(UVC_DECODER_TYPE_H264, UVC_DECODER_OUTPUT_YUYV, C::kWidth, C::kHeight,
-                            nullptr),
-              0);
+    EXPECT_EQ(mDecoder.Init(UVC_DECODER_TYPE_H264, UVC_DECODER_OUTPUT_YUYV, C::kWidth, C::kHeight, nullptr), 0);
   }
   Bytes Show(const std::string& unit) {
     Bytes picture(C::kFrameBytes);
@@ -294,8 +282,7 @@ TEST_P(EachKind, MayBeStartedStoppedReadAndCancelledByManyThreadsAtOnce) {
         }
       });
     };
-    const std::string frame = GetParam() == Kind::kIso
-                                  ? C::Transfer({{kEof, std::string(C::kFrameBytes, 'f')}})
+    const std::string frame = GetParam() == Kind::kIso    ? C::Transfer({{kEof, std::string(C::kFrameBytes, 'f')}})
                               : GetParam() == Kind::kBulk ? C::Payload({kEof, "frame"})
                                                           : std::string(C::kFrameBytes, 'f');
     std::array threads = {

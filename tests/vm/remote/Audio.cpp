@@ -53,11 +53,9 @@ std::string Audio(const SysDevice& device, Arguments arguments) {
     FillRamp(sound, index * sound.size() / kFrame);
     remote.SubmitIsoTransfer(endpoint, lengths, sound, std::move(done));
   };
-  RunWindow(transfers, kDepth, submit,
-            [](std::uint64_t, const TransferReply& reply) { CheckPackets(reply); });
-  const auto taken = std::chrono::duration_cast<std::chrono::milliseconds>(
-                         std::chrono::steady_clock::now() - start)
-                         .count();
+  RunWindow(transfers, kDepth, submit, [](std::uint64_t, const TransferReply& reply) { CheckPackets(reply); });
+  const auto taken =
+      std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start).count();
   const std::uint64_t packets = transfers * kPackets;
   std::ofstream(arguments[1]) << packets * kPacketSize / kFrame;
   Require(taken * 10 >= static_cast<long long>(packets) * 9,

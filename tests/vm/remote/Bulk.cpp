@@ -40,8 +40,7 @@ void SinkNoticesOneWrongByte(RemoteDevice& remote, std::uint8_t endpoint) {
   data[data.size() / 2 + 5] ^= 0x40U;
   TransferReply reply;
   for (int i = 0; i < 3 && reply.status == LIBUSB_TRANSFER_COMPLETED; ++i) {
-    reply = remote.Transfer(Command::kBulkTransfer, endpoint,
-                            static_cast<std::uint32_t>(data.size()), data);
+    reply = remote.Transfer(Command::kBulkTransfer, endpoint, static_cast<std::uint32_t>(data.size()), data);
   }
   RequireEqual(reply.status, LIBUSB_TRANSFER_STALL, "status of a transfer with a wrong byte");
   const ControlSetup clearHalt{0x02, LIBUSB_REQUEST_CLEAR_FEATURE, 0, endpoint, 0};
@@ -57,9 +56,7 @@ void Loopback(RemoteDevice& remote, PumpPlan in, PumpPlan out) {
   });
   RunPump(
       remote, out,
-      [out](std::uint64_t index, std::span<std::uint8_t> data) {
-        FillUniquePattern(data, index * out.size);
-      },
+      [out](std::uint64_t index, std::span<std::uint8_t> data) { FillUniquePattern(data, index * out.size); },
       [out](std::uint64_t, const TransferReply& reply) { RequireWhole(reply, out.size); });
   reader.get();
 }
@@ -78,17 +75,15 @@ std::string Bulk(const SysDevice& device, Arguments arguments) {
     return made;
   };
   const std::vector<std::string> bound = device.Drivers();
-  Require(bound == std::vector<std::string>(bound.size(), "usbfs"),
-          "drivers while redirected: " + Join(bound));
+  Require(bound == std::vector<std::string>(bound.size(), "usbfs"), "drivers while redirected: " + Join(bound));
   Source(remote, plan(0, Way::kIn));
   Sink(remote, plan(0, Way::kOut));
   SinkNoticesOneWrongByte(remote, plan(0, Way::kOut).endpoint);
   Loopback(remote, plan(1, Way::kIn), plan(1, Way::kOut));
   served.GiveBack();
   served.Done();
-  return std::to_string(mib) + " MiB from the source, " + std::to_string(mib) +
-         " MiB to the sink, " + std::to_string(mib) +
-         " MiB there and back, all bytes right; a wrong byte stalls";
+  return std::to_string(mib) + " MiB from the source, " + std::to_string(mib) + " MiB to the sink, " +
+         std::to_string(mib) + " MiB there and back, all bytes right; a wrong byte stalls";
 }
 
 }  // namespace vel::vm

@@ -28,8 +28,7 @@ class Answers {
     MutexLock lock(mMutex);
     while (mSeen.size() < count && mChanged.WaitUntil(lock, deadline)) {
     }
-    RequireEqual(static_cast<long long>(mSeen.size()), static_cast<long long>(count),
-                 "transfers with a reply");
+    RequireEqual(static_cast<long long>(mSeen.size()), static_cast<long long>(count), "transfers with a reply");
     Require(!mTwice, "a transfer has two replies");
   }
   int Cancelled() const VEL_EXCLUDES(mMutex) {
@@ -58,10 +57,9 @@ int SubmitAndCancel(RemoteDevice& remote, std::uint8_t endpoint, int count, Answ
   for (int first = 0; first < count; first += kGroup) {
     std::vector<std::uint32_t> streams;
     for (int index = first; index < first + kGroup; ++index) {
-      streams.push_back(remote.SubmitTransfer(Command::kBulkTransfer, endpoint, 16U << 10U, {},
-                                              [&answers, index](const TransferReply& reply) {
-                                                answers.Note(static_cast<unsigned>(index), reply);
-                                              }));
+      streams.push_back(remote.SubmitTransfer(
+          Command::kBulkTransfer, endpoint, 16U << 10U, {},
+          [&answers, index](const TransferReply& reply) { answers.Note(static_cast<unsigned>(index), reply); }));
     }
     for (const std::uint32_t stream : streams) {
       const std::int32_t result = remote.CancelTransfer(stream);
@@ -91,14 +89,12 @@ std::string Cancels(const SysDevice& device, Arguments arguments) {
   auto flowing = std::async(std::launch::async, [&remote, flow] {
     RunPump(remote, flow, nullptr, [flow](std::uint64_t, const TransferReply& reply) {
       RequireEqual(reply.status, LIBUSB_TRANSFER_COMPLETED, "status beside the cancels");
-      RequireEqual(static_cast<long long>(reply.data.size()), flow.size,
-                   "bytes beside the cancels");
+      RequireEqual(static_cast<long long>(reply.data.size()), flow.size, "bytes beside the cancels");
       RequireSourcePattern(reply.data);
     });
   });
   Answers pending;
-  RequireEqual(SubmitAndCancel(remote, silent, count, pending), count,
-               "cancels that found their transfer");
+  RequireEqual(SubmitAndCancel(remote, silent, count, pending), count, "cancels that found their transfer");
   RequireEqual(pending.Cancelled(), count, "pending transfers that were answered as cancelled");
   flowing.get();
 
@@ -107,8 +103,7 @@ std::string Cancels(const SysDevice& device, Arguments arguments) {
   const int found = SubmitAndCancel(remote, source, count, moving);
   RequireEqual(moving.Cancelled() + moving.Others(), count, "answers");
   Require(moving.Cancelled() <= found, "more transfers were cancelled than cancels succeeded");
-  Require(remote.Transfer(Command::kBulkTransfer, source, 16U << 10U).status ==
-              LIBUSB_TRANSFER_COMPLETED,
+  Require(remote.Transfer(Command::kBulkTransfer, source, 16U << 10U).status == LIBUSB_TRANSFER_COMPLETED,
           "the endpoint does not go on after the cancels");
 
   // The kernel drops what is pending when its interface is released. That is no transfer that moved
@@ -120,10 +115,9 @@ std::string Cancels(const SysDevice& device, Arguments arguments) {
   dropped.AwaitAll(1);
   RequireEqual(dropped.Cancelled(), 1, "transfers that the release cancelled");
   served.Done();
-  return std::to_string(count) + " pending transfers cancelled while " +
-         std::to_string(kFlowing * flow.size >> 20U) + " MiB flowed intact; of " +
-         std::to_string(count) + " on the flowing endpoint " + std::to_string(moving.Cancelled()) +
-         " were cancelled, " + std::to_string(moving.Others()) + " were faster";
+  return std::to_string(count) + " pending transfers cancelled while " + std::to_string(kFlowing * flow.size >> 20U) +
+         " MiB flowed intact; of " + std::to_string(count) + " on the flowing endpoint " +
+         std::to_string(moving.Cancelled()) + " were cancelled, " + std::to_string(moving.Others()) + " were faster";
 }
 
 }  // namespace vel::vm

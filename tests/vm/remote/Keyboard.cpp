@@ -14,8 +14,7 @@ std::string Keyboard(const SysDevice& device, Arguments arguments) {
   Served served(device);
   served.Take();
   RemoteDevice& remote = served.Remote();
-  const std::uint8_t endpoint =
-      EndpointOf(ConfigOf(remote), 0, Way::kIn, LIBUSB_TRANSFER_TYPE_INTERRUPT);
+  const std::uint8_t endpoint = EndpointOf(ConfigOf(remote), 0, Way::kIn, LIBUSB_TRANSFER_TYPE_INTERRUPT);
   std::ofstream(arguments[0]) << "@key a" << std::endl;
   std::string keys;
   bool down = false;

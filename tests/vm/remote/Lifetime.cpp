@@ -28,8 +28,7 @@ std::optional<Pending> FindIn(const ConfigModel& config) {
     for (const EndpointModel& endpoint : settings.front().endpoints) {
       const unsigned type = endpoint.bmAttributes & 3U;
       if (endpoint.bEndpointAddress >= 0x80 && type >= LIBUSB_TRANSFER_TYPE_BULK) {
-        return Pending{type == LIBUSB_TRANSFER_TYPE_BULK ? Command::kBulkTransfer
-                                                         : Command::kInterruptTransfer,
+        return Pending{type == LIBUSB_TRANSFER_TYPE_BULK ? Command::kBulkTransfer : Command::kInterruptTransfer,
                        endpoint.bEndpointAddress};
       }
     }
@@ -70,8 +69,7 @@ constexpr std::array kManners = {
              return served.Process().Leave();
            },
            0},
-    Manner{"remote gone within a packet", true,
-           [](Served& served) { return served.Process().Leave(kHalfPacket); }, 1},
+    Manner{"remote gone within a packet", true, [](Served& served) { return served.Process().Leave(kHalfPacket); }, 1},
     Manner{"no packet from the remote", true,
            [](Served& served) {
              constexpr std::array<std::uint8_t, 16> kNoPacket = {'G', 'E', 'T', ' '};
@@ -90,8 +88,7 @@ std::size_t EntriesOf(pid_t pid, const char* folder) {
 }  // namespace
 
 std::string Ends(const SysDevice& device, Arguments arguments) {
-  const auto manners =
-      arguments[0] == "all" ? std::span<const Manner>(kManners) : std::span(kManners).last(1);
+  const auto manners = arguments[0] == "all" ? std::span<const Manner>(kManners) : std::span(kManners).last(1);
   const std::vector<std::string> before = device.Drivers();
   Require(std::ranges::find(before, "-") == before.end(), "drivers before: " + Join(before));
   for (const Manner& manner : manners) {
@@ -102,8 +99,7 @@ std::string Ends(const SysDevice& device, Arguments arguments) {
       SubmitSome(served.Remote());
     }
     const CommandProcess::Ending ending = manner.end(served);
-    RequireEqual(ending.status, manner.status,
-                 std::string(manner.name) + ", exit status (" + ending.messages + ")");
+    RequireEqual(ending.status, manner.status, std::string(manner.name) + ", exit status (" + ending.messages + ")");
     Require(manner.status == 0 || ending.messages.starts_with("virtusb: "),
             std::string(manner.name) + ", no message: " + ending.messages);
     device.AwaitDrivers(before, manner.name);
@@ -120,11 +116,9 @@ std::string Rounds(const SysDevice& device, Arguments arguments) {
   std::size_t threads = 0;
   for (int round = 1; round <= rounds; ++round) {
     served.Take();
-    const std::uint8_t source =
-        EndpointOf(ConfigOf(remote), 0, Way::kIn, LIBUSB_TRANSFER_TYPE_BULK);
-    Require(
-        remote.Transfer(Command::kBulkTransfer, source, 16384).status == LIBUSB_TRANSFER_COMPLETED,
-        "a transfer of round " + std::to_string(round) + " fails");
+    const std::uint8_t source = EndpointOf(ConfigOf(remote), 0, Way::kIn, LIBUSB_TRANSFER_TYPE_BULK);
+    Require(remote.Transfer(Command::kBulkTransfer, source, 16384).status == LIBUSB_TRANSFER_COMPLETED,
+            "a transfer of round " + std::to_string(round) + " fails");
     SubmitSome(remote);
     // Every other time the close finds transfers in flight and the interfaces claimed.
     if (round % 2 == 0) {
@@ -137,10 +131,10 @@ std::string Rounds(const SysDevice& device, Arguments arguments) {
       threads = EntriesOf(served.Process().Pid(), "task");
     }
   }
-  RequireEqual(static_cast<long long>(EntriesOf(served.Process().Pid(), "fd")),
-               static_cast<long long>(descriptors), "descriptors after all rounds");
-  RequireEqual(static_cast<long long>(EntriesOf(served.Process().Pid(), "task")),
-               static_cast<long long>(threads), "threads after all rounds");
+  RequireEqual(static_cast<long long>(EntriesOf(served.Process().Pid(), "fd")), static_cast<long long>(descriptors),
+               "descriptors after all rounds");
+  RequireEqual(static_cast<long long>(EntriesOf(served.Process().Pid(), "task")), static_cast<long long>(threads),
+               "threads after all rounds");
   served.Done();
   return std::to_string(rounds) + " rounds, " + std::to_string(descriptors) + " descriptors and " +
          std::to_string(threads) + " threads before and after";
@@ -154,8 +148,7 @@ std::string Unplug(const SysDevice& device, Arguments arguments) {
   const auto pull = [&arguments] { std::ofstream(arguments[0]) << std::endl; };
   std::uint64_t whole = 0;
   if (busy) {
-    const std::uint8_t source =
-        EndpointOf(ConfigOf(remote), 0, Way::kIn, LIBUSB_TRANSFER_TYPE_BULK);
+    const std::uint8_t source = EndpointOf(ConfigOf(remote), 0, Way::kIn, LIBUSB_TRANSFER_TYPE_BULK);
     constexpr std::uint64_t kPullAfter = 50;
     try {
       RunPump(remote, {.endpoint = source, .count = 1U << 20U, .depth = 16}, nullptr,
@@ -166,16 +159,14 @@ std::string Unplug(const SysDevice& device, Arguments arguments) {
                 }
               });
     } catch (const std::exception& expected) {
-      Require(whole >= kPullAfter,
-              std::string("before the gadget is pulled out: ") + expected.what());
+      Require(whole >= kPullAfter, std::string("before the gadget is pulled out: ") + expected.what());
     }
   } else {
     pull();
   }
   const CommandProcess::Ending ending = served.Process().Await();
   RequireEqual(ending.status, 1, "exit status (" + ending.messages + ")");
-  Require(ending.messages.find("gone") != std::string::npos ||
-              ending.messages.find("unplugged") != std::string::npos,
+  Require(ending.messages.find("gone") != std::string::npos || ending.messages.find("unplugged") != std::string::npos,
           "no message that the device left: " + ending.messages);
   const std::size_t begin = ending.messages.find("virtusb: ");
   Require(begin != std::string::npos, "no error line: " + ending.messages);

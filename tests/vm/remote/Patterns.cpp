@@ -14,10 +14,8 @@ constexpr std::size_t kPacket = 1024;
 constexpr std::size_t kPeriod = 63;
 
 void RequireSame(std::span<const std::uint8_t> data, std::span<const std::uint8_t> expected) {
-  if (data.size() != expected.size() ||
-      std::memcmp(data.data(), expected.data(), data.size()) != 0) {
-    const auto [wrong, right] =
-        std::mismatch(data.begin(), data.end(), expected.begin(), expected.end());
+  if (data.size() != expected.size() || std::memcmp(data.data(), expected.data(), data.size()) != 0) {
+    const auto [wrong, right] = std::mismatch(data.begin(), data.end(), expected.begin(), expected.end());
     throw Failure("wrong data from byte " + std::to_string(wrong - data.begin()) + " of " +
                   std::to_string(data.size()));
   }

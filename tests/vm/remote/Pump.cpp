@@ -25,8 +25,7 @@ void AwaitReplies(Progress& progress, std::uint64_t sent, std::uint64_t pending)
   while (progress.failure.empty() && sent - progress.answered > pending) {
     const std::uint64_t before = progress.answered;
     const auto deadline = std::chrono::steady_clock::now() + kDeadline;
-    while (progress.failure.empty() && progress.answered == before &&
-           progress.changed.WaitUntil(lock, deadline)) {
+    while (progress.failure.empty() && progress.answered == before && progress.changed.WaitUntil(lock, deadline)) {
     }
     Require(!progress.failure.empty() || progress.answered != before,
             "transfer " + std::to_string(before) + " has no reply");
@@ -36,16 +35,14 @@ void AwaitReplies(Progress& progress, std::uint64_t sent, std::uint64_t pending)
 
 }  // namespace
 
-void RunWindow(std::uint64_t count, unsigned depth, const SubmitOne& submit,
-               const PumpCheck& check) {
+void RunWindow(std::uint64_t count, unsigned depth, const SubmitOne& submit, const PumpCheck& check) {
   const auto progress = std::make_shared<Progress>();
   for (std::uint64_t index = 0; index < count; ++index) {
     AwaitReplies(*progress, index, depth - 1);
     submit(index, [progress, index, check](const TransferReply& reply) {
       const MutexLock lock(progress->mutex);
       try {
-        RequireEqual(static_cast<long long>(index), static_cast<long long>(progress->answered),
-                     "order of replies");
+        RequireEqual(static_cast<long long>(index), static_cast<long long>(progress->answered), "order of replies");
         check(index, reply);
       } catch (const Failure& failure) {
         progress->failure = "transfer " + std::to_string(index) + ": " + failure.what();
@@ -57,8 +54,7 @@ void RunWindow(std::uint64_t count, unsigned depth, const SubmitOne& submit,
   AwaitReplies(*progress, count, 0);
 }
 
-void RunPump(RemoteDevice& remote, const PumpPlan& plan, const PumpFill& fill,
-             const PumpCheck& check) {
+void RunPump(RemoteDevice& remote, const PumpPlan& plan, const PumpFill& fill, const PumpCheck& check) {
   std::vector<std::uint8_t> data(fill ? plan.size : 0);
   const auto submit = [&](std::uint64_t index, RemoteDevice::TransferDone done) {
     if (fill) {

@@ -25,13 +25,11 @@ using PumpCheck = std::function<void(std::uint64_t index, const TransferReply& r
 
 // Runs `count` transfers that `submit` sends, at most `depth` unanswered. Throws as RunPump does.
 using SubmitOne = std::function<void(std::uint64_t index, RemoteDevice::TransferDone done)>;
-void RunWindow(std::uint64_t count, unsigned depth, const SubmitOne& submit,
-               const PumpCheck& check);
+void RunWindow(std::uint64_t count, unsigned depth, const SubmitOne& submit, const PumpCheck& check);
 
 // Runs bulk transfers to the end. Throws Failure when a check does, when replies come in another
 // order than their requests, or when none comes until the deadline.
-void RunPump(RemoteDevice& remote, const PumpPlan& plan, const PumpFill& fill,
-             const PumpCheck& check);
+void RunPump(RemoteDevice& remote, const PumpPlan& plan, const PumpFill& fill, const PumpCheck& check);
 
 }  // namespace vel::vm
 

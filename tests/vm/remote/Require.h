@@ -20,8 +20,7 @@ inline void Require(bool holds, const std::string& otherwise) {
 }
 
 inline void RequireEqual(long long actual, long long expected, const std::string& what) {
-  Require(actual == expected,
-          what + ": " + std::to_string(actual) + " instead of " + std::to_string(expected));
+  Require(actual == expected, what + ": " + std::to_string(actual) + " instead of " + std::to_string(expected));
 }
 
 // How long anything may take before the test calls it a failure; emulation is slow.

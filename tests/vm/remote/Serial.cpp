@@ -31,8 +31,7 @@ void SetLine(RemoteDevice& remote) {
   for (const std::uint32_t rate : {300U, 9600U, 115200U, 921600U, 4000000U}) {
     std::array<std::uint8_t, kLineCodingSize> coding = {0, 0, 0, 0, 0, 0, 8};
     std::memcpy(coding.data(), &rate, sizeof rate);
-    RequireEqual(remote.ControlTransfer(kSetLineCoding, coding).value, kLineCodingSize,
-                 "set line coding");
+    RequireEqual(remote.ControlTransfer(kSetLineCoding, coding).value, kLineCodingSize, "set line coding");
     Require(std::ranges::equal(remote.ControlTransfer(kGetLineCoding).data, coding),
             "the line coding is not what was set");
   }
@@ -113,12 +112,10 @@ std::string Acm(const SysDevice& device, Arguments arguments) {
 
   FillUniquePattern(sent, size);
   auto reader = std::async(std::launch::async, [&] { return ReadTty(tty.Get(), size); });
-  WriteDevice(remote, EndpointOf(config, kDataInterface, Way::kOut, LIBUSB_TRANSFER_TYPE_BULK),
-              sent);
+  WriteDevice(remote, EndpointOf(config, kDataInterface, Way::kOut, LIBUSB_TRANSFER_TYPE_BULK), sent);
   Require(reader.get() == sent, "the terminal gets other bytes than were written to the device");
   served.Done();
-  return std::to_string(size >> 10U) +
-         " KiB each way, all bytes right; line codings set and read back";
+  return std::to_string(size >> 10U) + " KiB each way, all bytes right; line codings set and read back";
 }
 
 std::string SerialOut(const SysDevice& device, Arguments arguments) {
@@ -126,8 +123,7 @@ std::string SerialOut(const SysDevice& device, Arguments arguments) {
   served.Take();
   std::vector<std::uint8_t> sent(64U << 10U);
   FillUniquePattern(sent, 0);
-  WriteDevice(served.Remote(),
-              EndpointOf(ConfigOf(served.Remote()), 0, Way::kOut, LIBUSB_TRANSFER_TYPE_BULK), sent);
+  WriteDevice(served.Remote(), EndpointOf(ConfigOf(served.Remote()), 0, Way::kOut, LIBUSB_TRANSFER_TYPE_BULK), sent);
   std::ofstream(arguments[0], std::ios::binary)
       .write(reinterpret_cast<const char*>(sent.data()), static_cast<std::streamsize>(sent.size()));
   served.Done();

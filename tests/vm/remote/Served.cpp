@@ -16,13 +16,12 @@ std::string Setting(const char* name) {
 }  // namespace
 
 Served::Served(const SysDevice& device)
-    : mCommand({Setting("VIRTUSB"), "--module", Setting("VIRTUSB_MODULE"), "--log", "off", "serve",
-                device.Place(), "--stdio", "--answer-failures"},
+    : mCommand({Setting("VIRTUSB"), "--module", Setting("VIRTUSB_MODULE"), "--log", "off", "serve", device.Place(),
+                "--stdio", "--answer-failures"},
                kDeadline) {}
 
 void Served::Check(Command command) {
-  RequireEqual(Remote().Status(command), 0,
-               std::string(FindCommand(static_cast<std::uint16_t>(command))->name));
+  RequireEqual(Remote().Status(command), 0, std::string(FindCommand(static_cast<std::uint16_t>(command))->name));
 }
 
 void Served::Take() {
@@ -49,12 +48,10 @@ ConfigModel ConfigOf(RemoteDevice& remote) {
 }
 
 std::uint8_t EndpointOf(const ConfigModel& config, std::size_t interface, Way way, unsigned type) {
-  Require(interface < config.interfaces.size(),
-          "no interface at position " + std::to_string(interface));
+  Require(interface < config.interfaces.size(), "no interface at position " + std::to_string(interface));
   for (const AltSettingModel& setting : config.interfaces[interface]) {
     for (const EndpointModel& endpoint : setting.endpoints) {
-      if ((endpoint.bmAttributes & 3U) == type &&
-          (endpoint.bEndpointAddress >= 0x80) == (way == Way::kIn)) {
+      if ((endpoint.bmAttributes & 3U) == type && (endpoint.bEndpointAddress >= 0x80) == (way == Way::kIn)) {
         return endpoint.bEndpointAddress;
       }
     }

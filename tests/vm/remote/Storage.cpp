@@ -22,9 +22,7 @@ constexpr std::size_t kCswSize = 13;
 using Cdb = std::array<std::uint8_t, 10>;
 
 Cdb BlockCommand(std::uint8_t operation, std::uint32_t block, std::uint32_t count) {
-  const auto byte = [](std::uint32_t value, unsigned shift) {
-    return static_cast<std::uint8_t>(value >> shift);
-  };
+  const auto byte = [](std::uint32_t value, unsigned shift) { return static_cast<std::uint8_t>(value >> shift); };
   return {operation,      0, byte(block, 24), byte(block, 16), byte(block, 8),
           byte(block, 0), 0, byte(count, 8),  byte(count, 0),  0};
 }
@@ -76,8 +74,8 @@ class Medium {
     cbw[12] = direction;
     cbw[14] = static_cast<std::uint8_t>(cdb.size());
     std::ranges::copy(cdb, &cbw[15]);
-    RequireEqual(mRemote.Transfer(Command::kBulkTransfer, mOut, cbw.size(), cbw).status,
-                 LIBUSB_TRANSFER_COMPLETED, "status of a command block");
+    RequireEqual(mRemote.Transfer(Command::kBulkTransfer, mOut, cbw.size(), cbw).status, LIBUSB_TRANSFER_COMPLETED,
+                 "status of a command block");
   }
 
   void ClearHalt() {
@@ -98,8 +96,7 @@ class Medium {
     RequireEqual(static_cast<long long>(reply.data.size()), kCswSize, "bytes of a command status");
     std::uint32_t tag = 0;
     std::memcpy(&tag, &reply.data[4], sizeof tag);
-    Require(std::memcmp(reply.data.data(), "USBS", 4) == 0 && tag == mTag,
-            "a status is of another command");
+    Require(std::memcmp(reply.data.data(), "USBS", 4) == 0 && tag == mTag, "a status is of another command");
     return reply.data[12];
   }
 
@@ -129,9 +126,7 @@ std::uint32_t BlockCount(Medium& medium) {
   Require(capacity.status == 0 && capacity.data.size() == 8, "READ CAPACITY fails");
   const auto& b = capacity.data;
   RequireEqual(b[6] << 8U | b[7], kBlock, "block size");
-  return (std::uint32_t{b[0]} << 24U | std::uint32_t{b[1]} << 16U | std::uint32_t{b[2]} << 8U |
-          b[3]) +
-         1;
+  return (std::uint32_t{b[0]} << 24U | std::uint32_t{b[1]} << 16U | std::uint32_t{b[2]} << 8U | b[3]) + 1;
 }
 
 std::vector<std::uint8_t> ReadAll(Medium& medium, std::uint32_t blocks) {
@@ -151,12 +146,10 @@ void ReadBeyondTheEndFails(Medium& medium, std::uint32_t blocks) {
   // A device may fill what it does not have (Bulk-Only Transport 1.0, 6.7.2): never with bytes of
   // the medium.
   Require(std::ranges::all_of(beyond.data, [](std::uint8_t byte) { return byte == 0; }),
-          "a read beyond the end yields " + std::to_string(beyond.data.size()) +
-              " bytes that are not filler");
+          "a read beyond the end yields " + std::to_string(beyond.data.size()) + " bytes that are not filler");
   RequireEqual(beyond.status, 1, "result of a read beyond the end");
   const std::vector<std::uint8_t> sense = medium.In({0x03, 0, 0, 0, 18}, 18).data;
-  Require(sense.size() >= 13 && (sense[2] & 0x0FU) == 5 && sense[12] == 0x21,
-          "the sense data do not name the range");
+  Require(sense.size() >= 13 && (sense[2] & 0x0FU) == 5 && sense[12] == 0x21, "the sense data do not name the range");
 }
 
 }  // namespace
@@ -167,11 +160,9 @@ std::string Storage(const SysDevice& device, Arguments arguments) {
   Medium medium(served.Remote());
   AwaitReady(medium);
   const std::uint32_t blocks = BlockCount(medium);
-  Require(ReadAll(medium, blocks) == ReadFile(arguments[0]),
-          "the medium's bytes are not those of " + arguments[0]);
+  Require(ReadAll(medium, blocks) == ReadFile(arguments[0]), "the medium's bytes are not those of " + arguments[0]);
   ReadBeyondTheEndFails(medium, blocks);
-  std::string proven = std::to_string(blocks / 2048) +
-                       " MiB read equal; a read beyond the end fails, " +
+  std::string proven = std::to_string(blocks / 2048) + " MiB read equal; a read beyond the end fails, " +
                        std::to_string(medium.Stalls()) + " stalls";
   if (arguments[1] == "written") {
     Require(medium.Stalls() > 0, "the gadget never halted its endpoint");
@@ -181,9 +172,8 @@ std::string Storage(const SysDevice& device, Arguments arguments) {
     RequireEqual(medium.Out(BlockCommand(0x2A, kAt, kPieceBlocks), piece).status, 0, "WRITE(10)");
     RequireEqual(medium.In(BlockCommand(0x35, 0, 0), 0).status, 0, "SYNCHRONIZE CACHE");
     const std::vector<std::uint8_t> file = ReadFile(arguments[0]);
-    Require(
-        std::ranges::equal(std::span(file).subspan(std::size_t{kAt} * kBlock, piece.size()), piece),
-        "what was written is not in " + arguments[0]);
+    Require(std::ranges::equal(std::span(file).subspan(std::size_t{kAt} * kBlock, piece.size()), piece),
+            "what was written is not in " + arguments[0]);
     proven += "; " + std::to_string(piece.size() >> 10U) + " KiB written";
   }
   served.Done();

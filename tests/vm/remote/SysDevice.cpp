@@ -47,8 +47,7 @@ std::vector<std::string> SysDevice::Drivers() const {
   return drivers;
 }
 
-void SysDevice::AwaitDrivers(const std::vector<std::string>& expected,
-                             const std::string& when) const {
+void SysDevice::AwaitDrivers(const std::vector<std::string>& expected, const std::string& when) const {
   const auto deadline = std::chrono::steady_clock::now() + kDeadline;
   std::vector<std::string> drivers = Drivers();
   while (drivers != expected) {

@@ -35,8 +35,7 @@ int main(int argc, char** argv) {
   for (const Subject& subject : kSubjects) {
     if (words.size() == subject.arguments + 2 && words[0] == subject.name) {
       try {
-        static_cast<void>(std::puts(
-            subject.run(vel::vm::SysDevice(words[1]), std::span(words).subspan(2)).c_str()));
+        static_cast<void>(std::puts(subject.run(vel::vm::SysDevice(words[1]), std::span(words).subspan(2)).c_str()));
         return 0;
       } catch (const std::exception& error) {
         static_cast<void>(std::fprintf(stderr, "%s: %s\n", words[0].c_str(), error.what()));

@@ -76,8 +76,7 @@ typedef void (*CamStreamCallback)(unsigned char* data, unsigned int length, void
 // Whom the open camera's pictures go to from now on; null for nobody, then pictures are dropped.
 // When it returns, the callback before is not running (unless this is called from it, or sets the
 // same one again) and will not be called again. Without effect for a camera that is not open.
-OSKELO_CAMERA_EXPORT void CamSetStreamCallback(const char* id, CamStreamCallback callback,
-                                               void* context);
+OSKELO_CAMERA_EXPORT void CamSetStreamCallback(const char* id, CamStreamCallback callback, void* context);
 
 // A thread for one function that may need this library's own kind of thread.
 typedef struct CamWorker CamWorker;

@@ -13,9 +13,9 @@ class VelDriver;
 struct VelDrvModule {
   VelDriver* (*open)(VelDeviceBase* deviceBase);  // A new driver, owned by the caller, or null.
   void* reserved8;
-  std::uint16_t driverType;    // As DriverObj::GetDriverType of the module's sessions.
-  std::uint16_t firstMatch;    // As DriverObj::GetFirstMatch.
-  std::uint16_t secondMatch;   // As DriverObj::GetSecondMatch.
+  std::uint16_t driverType;   // As DriverObj::GetDriverType of the module's sessions.
+  std::uint16_t firstMatch;   // As DriverObj::GetFirstMatch.
+  std::uint16_t secondMatch;  // As DriverObj::GetSecondMatch.
   std::uint16_t reserved22;
   const char* name;
   std::uint32_t version;  // 1

@@ -32,8 +32,7 @@ enum OskeloLogLevel {
 // Writes one line when `level` is on; formats nothing when it is off. `id` is the log's number (0, the
 // only one there is), `tag` names the product's part. A line feed at the end of the text is dropped, a
 // text is cut at 4095 bytes. Returns 1 when the line was written, 0 when its level is off.
-OSKELO_LOG_EXPORT int oskeloLogPrint(int id, int level, const char* tag, const char* format, ...)
-    OSKELO_LOG_PRINTF;
+OSKELO_LOG_EXPORT int oskeloLogPrint(int id, int level, const char* tag, const char* format, ...) OSKELO_LOG_PRINTF;
 
 // 1 when a line of this level would be written. One relaxed load: made for guarding costly arguments.
 OSKELO_LOG_EXPORT int oskeloLogIsOn(int level);

@@ -34,8 +34,7 @@ class VEL_THREAD_ANNOTATION(capability("mutex")) Mutex {
 // Holds a mutex for a scope.
 class VEL_THREAD_ANNOTATION(scoped_lockable) MutexLock {
  public:
-  explicit MutexLock(Mutex& mutex) VEL_THREAD_ANNOTATION(acquire_capability(mutex))
-      : mLock(mutex.mMutex) {}
+  explicit MutexLock(Mutex& mutex) VEL_THREAD_ANNOTATION(acquire_capability(mutex)) : mLock(mutex.mMutex) {}
   ~MutexLock() VEL_THREAD_ANNOTATION(release_capability()) = default;
   MutexLock(const MutexLock&) = delete;
   MutexLock& operator=(const MutexLock&) = delete;
