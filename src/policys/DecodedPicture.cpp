@@ -69,6 +69,35 @@ std::uint32_t CopyToPlanar(const AVFrame& picture, std::uint8_t* out) {
 
 }  // namespace
 
+FramePtr ViewAsPlanar420(const AVFrame& picture, _UVC_DECODER_TYPE type) {
+  const std::optional<ChromaLayout> layout = LayoutOf(picture, type);
+  if (!layout || *layout == ChromaLayout::k444 || picture.width % 2 != 0 || picture.height % 2 != 0) {
+    return nullptr;
+  }
+  FramePtr view(av_frame_alloc());
+  if (view == nullptr) {
+    return nullptr;
+  }
+  view->format = AV_PIX_FMT_YUV420P;
+  view->width = picture.width;
+  view->height = picture.height;
+  for (int i = 0; i < AV_NUM_DATA_POINTERS && picture.buf[i] != nullptr; ++i) {
+    view->buf[i] = av_buffer_ref(picture.buf[i]);
+    if (view->buf[i] == nullptr) {
+      return nullptr;
+    }
+  }
+  view->data[0] = picture.data[0];
+  view->linesize[0] = picture.linesize[0];
+  // Chroma of every row: that of the odd ones.
+  const bool everyRow = *layout == ChromaLayout::k422;
+  for (int plane = 1; plane <= 2; ++plane) {
+    view->data[plane] = picture.data[plane] + (everyRow ? picture.linesize[plane] : 0);
+    view->linesize[plane] = picture.linesize[plane] * (everyRow ? 2 : 1);
+  }
+  return view;
+}
+
 std::size_t DecodedPictureBytes(const AVFrame& picture) {
   return static_cast<std::size_t>(picture.width) * static_cast<std::size_t>(picture.height) * 2;
 }

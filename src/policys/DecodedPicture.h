@@ -4,9 +4,15 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "policys/FfmpegPtr.h"
 #include "policys/UVCDecoder.h"
 
 namespace vel {
+
+// The picture as planar 4:2:0 without its bytes being touched: a frame on the same memory, with the chroma that a
+// conversion to YUYV and from there to planar would give. Only data, size and format of it are set. Null where that
+// takes a conversion.
+FramePtr ViewAsPlanar420(const AVFrame& picture, _UVC_DECODER_TYPE type);
 
 // What block a picture of this size takes, in either output format: width * height * 2 bytes.
 std::size_t DecodedPictureBytes(const AVFrame& picture);

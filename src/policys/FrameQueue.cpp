@@ -23,7 +23,7 @@ void FrameQueue::Push(UVCFramePtr frame) {
 UVCFramePtr FrameQueue::Pop(int timeoutMs) {
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(std::max(timeoutMs, 0));
   MutexLock lock(mMutex);
-  while (mFrames.empty() && !mClosed && mChanged.WaitUntil(lock, deadline)) {
+  while (mFrames.empty() && !mClosed && timeoutMs > 0 && mChanged.WaitUntil(lock, deadline)) {
   }
   if (mFrames.empty()) {
     return nullptr;

@@ -7,10 +7,10 @@
 
 namespace vel {
 
-// From this width on, rows write chroma past the caches where that can be: the picture is large
-// then, and plain stores would first read what they overwrite. Luma stays in them, since an encoder
-// reads it first.
-inline constexpr std::size_t kStreamFromPixels = 512;
+// From these widths on, rows write past the caches where that can be, for plain stores would first read what they
+// overwrite. Chroma early; luma only of pictures that the caches of a core would not keep for the encoder (measured).
+inline constexpr std::size_t kStreamChromaFromPixels = 512;
+inline constexpr std::size_t kStreamLumaFromPixels = 1024;
 
 // One version's functions. Packed rows are Y0 U Y1 V ... with 2 * pixels bytes; the last pixel of
 // an odd row has Y and U only, and gives no chroma sample when a row is split. Rows do not overlap

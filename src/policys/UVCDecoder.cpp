@@ -235,6 +235,9 @@ void UVCDecoder::DecodeThread(_UVC_DECODER_TYPE type, _UVC_DECODER_OUTPUT_FORMAT
 }
 
 void UVCDecoder::PassOn(const AVFrame& picture, _UVC_DECODER_TYPE type, _UVC_DECODER_OUTPUT_FORMAT format) {
+  if (mHandler != nullptr && mHandler->OnFinishDecodePicture(picture)) {
+    return;
+  }
   const std::size_t bytes = DecodedPictureBytes(picture);
   HeapBlock out = FrameBlocks::Take(bytes);
   if (out == nullptr) {

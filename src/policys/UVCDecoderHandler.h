@@ -5,6 +5,8 @@
 
 #include "policys/FrameBlocks.h"
 
+struct AVFrame;
+
 namespace vel {
 
 class UVCDecoderHandler {
@@ -18,6 +20,9 @@ class UVCDecoderHandler {
   virtual void OnFinishDecodeBlock(HeapBlock& block, std::uint32_t length, std::int64_t index) {
     OnFinishDecode(block.get(), length, index);
   }
+  // Offered first: the picture itself, whose pts is that index. A handler that can do with it keeps a reference and
+  // returns true; else the picture is converted and comes as above.
+  virtual bool OnFinishDecodePicture(const AVFrame& /*picture*/) { return false; }
   virtual ~UVCDecoderHandler() = default;
 
  protected:

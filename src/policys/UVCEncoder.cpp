@@ -9,13 +9,17 @@
 
 #include "VelLog.h"
 #include "policys/Encoder/FFmpegEncoder.h"
+#include "policys/FrameThinning.h"
 #include "policys/PixelConvert.h"
 
 namespace vel {
 namespace {
 
 // One numbering of pictures for all encoders of the process.
-std::atomic<std::int64_t> gPictureNumber{0};
+std::int64_t NextPictureNumber() {
+  static std::atomic<std::int64_t> number{0};
+  return number.fetch_add(1, std::memory_order_relaxed);
+}
 
 struct Settings {
   int belowHeight;
@@ -122,6 +126,21 @@ bool UVCEncoder::OpenEncoder(_UVC_ENCODER_TYPE type) {
 }
 
 int UVCEncoder::EncodeAsync(UVC_FRAME* frame) {
+  Input input{frame == nullptr ? 0 : frame->index, UVCFramePtr(frame), nullptr};
+  const int result = EncodeAsync(input);
+  if (result != 0) {
+    static_cast<void>(input.frame.release());
+  }
+  return result;
+}
+
+int UVCEncoder::EncodePlanarAsync(FramePtr picture, std::uint32_t index) {
+  Input input{index, nullptr, std::move(picture)};
+  return EncodeAsync(input);
+}
+
+// Takes the input unless it fails.
+int UVCEncoder::EncodeAsync(Input& input) {
   std::size_t waiting = 0;
   {
     const MutexLock lock(mListMutex);
@@ -129,44 +148,49 @@ int UVCEncoder::EncodeAsync(UVC_FRAME* frame) {
       VEL_ERROR("Encoder thread is not ready");
       return -1;
     }
-    if (frame == nullptr) {
+    if (input.frame == nullptr && input.picture == nullptr) {
       return -1;
     }
-    if (mFrames.size() > kFrameListLimit) {
-      FrameListResize(kFrameListCacheSize, mFrames);
-      VEL_DEBUG("UVC: encoder queue size after resize: %lu \n", static_cast<unsigned long>(mFrames.size()));
+    if (mInputs.size() > kFrameListLimit) {
+      ThinFrames(kFrameListCacheSize, mInputs);
+      VEL_DEBUG("UVC: encoder queue size after resize: %lu \n", static_cast<unsigned long>(mInputs.size()));
     }
-    mFrames.push_back(UVCFramePtr(frame));
-    waiting = mFrames.size();
+    mInputs.push_back(std::move(input));
+    waiting = mInputs.size();
   }
   mListChanged.NotifyOne();
   VEL_DEBUG("[UVC tuning] Encoder in framelist size[%lu]", static_cast<unsigned long>(waiting));
   return 0;
 }
 
-UVC_FRAME* UVCEncoder::AwaitFrame() {
+std::optional<UVCEncoder::InputView> UVCEncoder::AwaitInput() {
   MutexLock lock(mListMutex);
-  while (mRunning && mFrames.empty()) {
+  while (mRunning && mInputs.empty()) {
     mListChanged.Wait(lock);
   }
-  return mRunning ? mFrames.front().get() : nullptr;
+  if (!mRunning) {
+    return std::nullopt;
+  }
+  const Input& front = mInputs.front();
+  return InputView{front.index, front.frame.get(), front.picture.get()};
 }
 
 void UVCEncoder::EncodeThread() {
-  // Thinning never takes the front frame, so it may be read without the lock.
-  while (const UVC_FRAME* frame = AwaitFrame()) {
-    EncodeFrame(*frame);
+  // Thinning never takes the front input, so what it owns may be used without the lock.
+  while (const std::optional<InputView> input = AwaitInput()) {
+    EncodeInput(*input);
   }
   VEL_DEBUG("Encode thread exit.");
 }
 
-void UVCEncoder::EncodeFrame(const UVC_FRAME& frame) {
+void UVCEncoder::EncodeInput(const InputView& input) {
   HeapBlock out;
   std::uint32_t outLength = 0;
   int result = -1;
   {
     const MutexLock lock(mCodecMutex);
-    result = EncodePicture(frame.data, frame.length);
+    result =
+        input.picture != nullptr ? EncodePlanes(*input.picture) : EncodePicture(input.frame->data, input.frame->length);
     if (result == 0) {
       outLength = static_cast<std::uint32_t>(mPacket->size);
       out = FrameBlocks::Take(outLength);
@@ -178,18 +202,17 @@ void UVCEncoder::EncodeFrame(const UVC_FRAME& frame) {
     }
     av_packet_unref(mPacket.get());
   }
-  const std::uint32_t index = frame.index;
-  UVCFramePtr done;
+  std::optional<Input> done;  // Freed after the lock.
   {
     const MutexLock lock(mListMutex);
-    done = std::move(mFrames.front());
-    mFrames.pop_front();
+    done = std::move(mInputs.front());
+    mInputs.pop_front();
   }
   done.reset();
   if (result < 0) {
     VEL_ERROR("encode failed[%d]\n", result);
   } else if (mHandler != nullptr) {
-    mHandler->OnFinishEncode(index, out.release(), outLength, result);
+    mHandler->OnFinishEncode(input.index, out.release(), outLength, result);
   }
 }
 
@@ -222,7 +245,7 @@ int UVCEncoder::EncodePicture(const std::uint8_t* data, std::uint32_t length) {
     VEL_ERROR("the frame is unwriteable\n");
     return -1;
   }
-  mFrame->pts = gPictureNumber.fetch_add(1, std::memory_order_relaxed);
+  mFrame->pts = NextPictureNumber();
   if (data == nullptr || length < PackedBytes(mWidth, mHeight)) {
     SetDummyPicData(mEncoderType, mFrame.get());
   } else if (mEncoderType == EncoderType::kSoftware) {
@@ -231,6 +254,14 @@ int UVCEncoder::EncodePicture(const std::uint8_t* data, std::uint32_t length) {
     YuyvToSemiPlanar(data, Plane(*mFrame, 0), Plane(*mFrame, 1), mWidth, mHeight);
   }
   return mEncoder->encode(mFrame.get(), mPacket.get());
+}
+
+int UVCEncoder::EncodePlanes(AVFrame& picture) {
+  if (picture.width != mWidth || picture.height != mHeight) {
+    return AVERROR(EINVAL);
+  }
+  picture.pts = NextPictureNumber();
+  return mEncoder->encode(&picture, mPacket.get());
 }
 
 int UVCEncoder::Release() {
@@ -246,10 +277,10 @@ int UVCEncoder::Release() {
   if (mEncoder == nullptr) {
     return 0;
   }
-  UVCFrameList unencoded;
+  std::deque<Input> unencoded;
   {
     const MutexLock listLock(mListMutex);
-    unencoded.swap(mFrames);
+    unencoded.swap(mInputs);
   }
   unencoded.clear();
   mEncoder->encode(nullptr, mPacket.get());

@@ -2,6 +2,7 @@
 #define VEL_POLICYS_UVC_ENCODER_H
 
 #include <cstdint>
+#include <deque>
 #include <memory>
 #include <optional>
 #include <thread>
@@ -51,6 +52,10 @@ class VEL_MODULE_CLASS UVCEncoder {
   // thread; does not block.
   int EncodeAsync(UVC_FRAME* frame);
 
+  // The same with a planar 4:2:0 picture of the encoder's size instead of a frame; its memory is read and not written.
+  // Frees it when it fails.
+  int EncodePlanarAsync(FramePtr picture, std::uint32_t index);
+
   // Encodes one picture on the calling thread, past the queue. `out` has width * height * 2 bytes;
   // an access unit that is larger, which only pictures of a few pixels have, is refused. Returns 0
   // and the size, or a negative code and 0. Any thread.
@@ -71,11 +76,26 @@ class VEL_MODULE_CLASS UVCEncoder {
 
  private:
   bool OpenEncoder(_UVC_ENCODER_TYPE type) VEL_REQUIRES(mCodecMutex);
+  // One of both.
+  struct Input {
+    std::uint32_t index;
+    UVCFramePtr frame;
+    FramePtr picture;
+  };
+  // The same while the queue owns it.
+  struct InputView {
+    std::uint32_t index;
+    const UVC_FRAME* frame;
+    AVFrame* picture;
+  };
+
+  int EncodeAsync(Input& input);
   int EncodePicture(const std::uint8_t* data, std::uint32_t length) VEL_REQUIRES(mCodecMutex);
+  int EncodePlanes(AVFrame& picture) VEL_REQUIRES(mCodecMutex);
   void EncodeThread();
-  // The oldest queued frame, which stays in the queue until it is encoded; null at the end.
-  UVC_FRAME* AwaitFrame();
-  void EncodeFrame(const UVC_FRAME& frame);
+  // The oldest queued input, which stays in the queue until it is encoded; none at the end.
+  std::optional<InputView> AwaitInput();
+  void EncodeInput(const InputView& input);
 
   Mutex mCodecMutex;
   std::unique_ptr<IEncoder> mEncoder VEL_GUARDED_BY(mCodecMutex);
@@ -94,7 +114,7 @@ class VEL_MODULE_CLASS UVCEncoder {
   Mutex mListMutex;
   CondVar mListChanged;  // A frame was added, or the worker is to end.
   bool mRunning VEL_GUARDED_BY(mListMutex) = false;
-  UVCFrameList mFrames VEL_GUARDED_BY(mListMutex);
+  std::deque<Input> mInputs VEL_GUARDED_BY(mListMutex);
 };
 
 }  // namespace vel

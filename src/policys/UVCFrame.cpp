@@ -3,7 +3,7 @@
 #include <cstdlib>
 #include <utility>
 
-#include "VelLog.h"
+#include "policys/FrameThinning.h"
 
 namespace vel {
 
@@ -31,32 +31,7 @@ HeapBlock TakeFrameData(UVC_FRAME& frame) {
 }
 
 int FrameListResize(std::uint32_t cacheSize, UVCFrameList& list) {
-  const std::size_t count = list.size();
-  std::size_t interval = 1;
-  for (std::size_t k = 1; k < count; ++k) {
-    if (count / k <= cacheSize) {
-      interval = k - 1;
-      VEL_DEBUG("[UVC tuning] Output frame list size:%lu, cache size: %u, interval: %d\n",
-                static_cast<unsigned long>(count), cacheSize, static_cast<int>(interval));
-      break;
-    }
-  }
-  if (list.empty()) {
-    return 0;
-  }
-  const std::size_t groups = count / (interval + 1);
-  auto place = list.begin();
-  for (std::size_t group = 0; group < groups; ++group) {
-    ++place;
-    for (std::size_t i = 0; i < interval; ++i) {
-      if (place == list.end()) {
-        VEL_DEBUG("UVC: reach frame list end:%d, %d \n", static_cast<int>(group), static_cast<int>(i));
-        break;
-      }
-      place = list.erase(place);
-    }
-  }
-  VEL_DEBUG("UVC: output queue size after resize: %lu \n", static_cast<unsigned long>(list.size()));
+  ThinFrames(cacheSize, list);
   return 0;
 }
 

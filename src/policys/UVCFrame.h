@@ -55,9 +55,7 @@ using UVCFrameList = std::deque<UVCFramePtr>;
 inline constexpr std::size_t kFrameListLimit = 3;
 inline constexpr std::uint32_t kFrameListCacheSize = 1;
 
-// Thins the list: of each group of frames the first one stays and the others are freed, with groups
-// so large that about `cacheSize` of them fill the list. What does not fill a group stays too, and
-// so does the front frame always. Returns 0.
+// See ThinFrames. Returns 0.
 int FrameListResize(std::uint32_t cacheSize, UVCFrameList& list);
 
 // Frees every frame. Returns 0.

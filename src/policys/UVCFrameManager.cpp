@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "VelLog.h"
+#include "policys/DecodedPicture.h"
 #include "policys/FrameQueue.h"
 #include "policys/UVCDecoder.h"
 
@@ -23,6 +24,8 @@ bool IsEncoded(_UVC_FRAME_TYPE type) {
 // What lives from Init to Release. Shared with the calls that are under way, so that Release waits
 // for none of them and what a late one brings ends with its own stream.
 struct UVCFrameManager::Stream {
+  int width = 0;  // Pixels.
+  int height = 0;
   FrameBlocks::User blocks;
   FrameQueue out;
   std::unique_ptr<UVCEncoder> encoder;  // Null: not needed.
@@ -64,6 +67,8 @@ int UVCFrameManager::Init(std::uint16_t width, std::uint16_t height, _UVC_FRAME_
 std::unique_ptr<UVCFrameManager::Stream> UVCFrameManager::MakeStream(int width, int height, _UVC_FRAME_TYPE in,
                                                                      _UVC_FRAME_TYPE out, CameraFuns* camera) {
   auto stream = std::make_unique<Stream>();
+  stream->width = width;
+  stream->height = height;
   if (in == out) {
     return stream;
   }
@@ -162,6 +167,9 @@ void UVCFrameManager::OnFinishEncode(std::uint32_t index, std::uint8_t* data, st
             static_cast<long long>(delta));
   DumpStream(frame->data, length, kDumpEncoded);
   PushFrameToOutQ(frame.release());
+  if (mListener) {
+    mListener();
+  }
 }
 
 void UVCFrameManager::OnFinishDecode(std::uint8_t* data, std::uint32_t length, std::int64_t index) {
@@ -185,7 +193,21 @@ void UVCFrameManager::OnFinishDecodeBlock(HeapBlock& block, std::uint32_t length
     stream->Encode(std::move(frame));
   } else {
     stream->out.Push(std::move(frame));
+    if (mListener) {
+      mListener();
+    }
   }
+}
+
+bool UVCFrameManager::OnFinishDecodePicture(const AVFrame& picture) {
+  const std::shared_ptr<Stream> stream = CurrentStream();
+  if (stream == nullptr || stream->encoder == nullptr || picture.width != stream->width ||
+      picture.height != stream->height) {
+    return false;
+  }
+  FramePtr planar = ViewAsPlanar420(picture, UVC_DECODER_TYPE_MJPEG);
+  return planar != nullptr &&
+         stream->encoder->EncodePlanarAsync(std::move(planar), static_cast<std::uint32_t>(picture.pts)) == 0;
 }
 
 void UVCFrameManager::EnableDumpStream(const char* path, std::uint8_t type) {

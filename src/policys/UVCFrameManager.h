@@ -2,7 +2,9 @@
 #define VEL_POLICYS_UVC_FRAME_MANAGER_H
 
 #include <cstdint>
+#include <functional>
 #include <memory>
+#include <utility>
 
 #include "ModuleExport.h"
 #include "policys/FrameDump.h"
@@ -27,6 +29,10 @@ class VEL_MODULE_CLASS UVCFrameManager : private UVCUtil, public UVCEncoderHandl
   UVCFrameManager& operator=(const UVCFrameManager&) = delete;
   ~UVCFrameManager() override;
 
+  // Called after each frame that decoder or encoder have made available, on their thread and with no lock held; it must
+  // not release the manager. Before Init.
+  void SetFrameListener(std::function<void()> listener) { mListener = std::move(listener); }
+
   // Size in pixels; `camera` is passed on to the encoder. Returns 0, or -1 with an Error line, and
   // is not ready then. A manager that was ready is released first. Any thread.
   int Init(std::uint16_t width, std::uint16_t height, _UVC_FRAME_TYPE in, _UVC_FRAME_TYPE out, CameraFuns* camera);
@@ -47,6 +53,9 @@ class VEL_MODULE_CLASS UVCFrameManager : private UVCUtil, public UVCEncoderHandl
   void OnFinishDecode(std::uint8_t* data, std::uint32_t length, std::int64_t index) override;
   // Takes the block: what the decoder itself calls, so that its pictures are not copied.
   void OnFinishDecodeBlock(HeapBlock& block, std::uint32_t length, std::int64_t index) override;
+
+  // Takes a picture that the encoder can do with as it is.
+  bool OnFinishDecodePicture(const AVFrame& picture) override;
 
   // Starts writing the frames that come in (kDumpRaw), or those that were encoded (kDumpEncoded),
   // to a file, which is replaced. A null path does nothing. Any thread.
@@ -80,6 +89,7 @@ class VEL_MODULE_CLASS UVCFrameManager : private UVCUtil, public UVCEncoderHandl
   std::shared_ptr<Stream> mStream VEL_GUARDED_BY(mStreamMutex);  // Null: not ready.
   _UVC_FRAME_TYPE mInFrameType VEL_GUARDED_BY(mStreamMutex);
   _UVC_FRAME_TYPE mOutFrameType VEL_GUARDED_BY(mStreamMutex);
+  std::function<void()> mListener;
   FrameDump mRawDump;
   FrameDump mEncodedDump;
 };

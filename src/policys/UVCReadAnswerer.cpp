@@ -9,20 +9,19 @@
 namespace vel {
 namespace {
 
-void TimeOut(_UsbIoXferInfo& read) {
-  read.status = kXferTimedOut;
-  read.length = 0;
+void CompleteTimedOut(_UsbIoXferInfo* read) {
+  read->status = kXferTimedOut;
+  read->length = 0;
+  CompleteXfer(read);
 }
 
 }  // namespace
 
 UVCReadAnswerer::UVCReadAnswerer(UVCFrameManager& frames, UVCStreamTally& tally) : mFrames(frames), mTally(tally) {
   try {
-    mThread = std::thread(&UVCReadAnswerer::Run, this);
-    const MutexLock lock(mMutex);
-    mHasThread = true;
+    mThread = std::thread(&UVCReadAnswerer::WatchTime, this);
   } catch (const std::system_error& error) {
-    VEL_WARN("no thread to answer camera reads, they keep other requests waiting: %s", error.what());
+    VEL_WARN("no thread to watch camera reads, they wait until a frame or the stream's end: %s", error.what());
   }
 }
 
@@ -36,15 +35,57 @@ bool UVCReadAnswerer::Answer(_UsbIoXferInfo* read) {
     if (mStopping) {
       return false;
     }
-    if (mHasThread) {
-      mReads.push_back(read);
-      mChanged.NotifyOne();
-      return true;
+    mReads.push_back(read);
+    if (mReads.size() == 1) {
+      mTurnBegan = Clock::now();
+      if (std::exchange(mWatchIdle, false)) {
+        mChanged.NotifyAll();
+      }
     }
   }
-  RequestFrame(*read);
-  CompleteXfer(read);
+  AnswerReady();
   return true;
+}
+
+void UVCReadAnswerer::AnswerReady() {
+  while (_UsbIoXferInfo* const read = TakeAnswered()) {
+    CompleteXfer(read);
+    Completed();
+  }
+}
+
+// The read whose turn it is, with its frame; null without a frame, and while another thread completes a read: that one
+// looks again afterwards.
+_UsbIoXferInfo* UVCReadAnswerer::TakeAnswered() {
+  const MutexLock lock(mMutex);
+  if (mCompleting || mStopping || mReads.empty()) {
+    return nullptr;
+  }
+  const UVCFramePtr frame(mFrames.DequeueFrame(0));
+  if (frame == nullptr) {
+    return nullptr;
+  }
+  VEL_DEBUG("Poped one frame, frameLength: %d\n", static_cast<int>(frame->length));
+  _UsbIoXferInfo* const read = PopRead();
+  mTally.FrameSent(frame->index, read->streamId, frame->length, static_cast<std::int64_t>(UVCUtil::GetTimeMs()));
+  ReplaceXferData(*read, TakeFrameData(*frame).release(), frame->length);
+  return read;
+}
+
+_UsbIoXferInfo* UVCReadAnswerer::PopRead() {
+  mCompleting = true;
+  _UsbIoXferInfo* const read = mReads.front();
+  mReads.pop_front();
+  return read;
+}
+
+void UVCReadAnswerer::Completed() {
+  const MutexLock lock(mMutex);
+  mCompleting = false;
+  mTurnBegan = Clock::now();
+  if (mStopping) {
+    mChanged.NotifyAll();
+  }
 }
 
 bool UVCReadAnswerer::Cancel(std::uint32_t localXferId) {
@@ -58,64 +99,61 @@ bool UVCReadAnswerer::Cancel(std::uint32_t localXferId) {
       return false;
     }
     read = *found;
+    if (read == mReads.front()) {
+      mTurnBegan = Clock::now();
+    }
     mReads.erase(std::prev(found.base()));
   }
   FailXfer(read, kXferCancelled);
   return true;
 }
 
-void UVCReadAnswerer::Run() {
-  for (;;) {
-    _UsbIoXferInfo* read = nullptr;
-    {
-      MutexLock lock(mMutex);
-      while (mReads.empty() && !mStopping) {
-        mChanged.Wait(lock);
-      }
-      if (mStopping) {
-        return;
-      }
-      read = mReads.front();
-      mReads.pop_front();
-    }
-    RequestFrame(*read);
-    CompleteXfer(read);
+void UVCReadAnswerer::WatchTime() {
+  while (_UsbIoXferInfo* const read = AwaitOverdue()) {
+    mTally.FrameMissed();
+    VEL_ERROR("CTRL Pop fail, timeout");
+    CompleteTimedOut(read);
+    Completed();
+    AnswerReady();
   }
 }
 
-// 0, or -1 when the read timed out.
-int UVCReadAnswerer::RequestFrame(_UsbIoXferInfo& read) {
-  const UVCFramePtr frame(mFrames.DequeueFrame(kFrameWaitMs));
-  if (frame == nullptr) {
-    mTally.FrameMissed();
-    VEL_ERROR("CTRL Pop fail, timeout");
-    TimeOut(read);
-    return -1;
+// Null at Stop. Wakes at the end of a wait, and else seldom: a read that is answered in time does not wake it, since
+// what comes meanwhile ends later than the wait that this thread is in.
+_UsbIoXferInfo* UVCReadAnswerer::AwaitOverdue() {
+  MutexLock lock(mMutex);
+  while (!mStopping) {
+    const auto now = Clock::now();
+    const bool overdue = now >= mTurnBegan + kFrameWait;
+    if (mCompleting || (mReads.empty() && !overdue)) {
+      mChanged.WaitUntil(lock, now + kFrameWait);
+    } else if (mReads.empty()) {
+      mWatchIdle = true;
+      mChanged.Wait(lock);
+    } else if (!overdue) {
+      mChanged.WaitUntil(lock, mTurnBegan + kFrameWait);
+    } else {
+      return PopRead();
+    }
   }
-  VEL_DEBUG("Poped one frame, frameLength: %d\n", static_cast<int>(frame->length));
-  mTally.FrameSent(frame->index, read.streamId, frame->length, static_cast<std::int64_t>(UVCUtil::GetTimeMs()));
-  ReplaceXferData(read, TakeFrameData(*frame).release(), frame->length);
-  return 0;
+  return nullptr;
 }
 
 void UVCReadAnswerer::Stop() {
   std::deque<_UsbIoXferInfo*> left;
   {
-    const MutexLock lock(mMutex);
+    MutexLock lock(mMutex);
     mStopping = true;
     mChanged.NotifyAll();
+    while (mCompleting) {
+      mChanged.Wait(lock);
+    }
+    left.swap(mReads);
   }
   if (mThread.joinable()) {
     mThread.join();
   }
-  {
-    const MutexLock lock(mMutex);
-    left.swap(mReads);
-  }
-  for (_UsbIoXferInfo* read : left) {
-    TimeOut(*read);
-    CompleteXfer(read);
-  }
+  std::ranges::for_each(left, CompleteTimedOut);
 }
 
 }  // namespace vel

@@ -1,6 +1,7 @@
 #ifndef VEL_POLICYS_UVC_READ_ANSWERER_H
 #define VEL_POLICYS_UVC_READ_ANSWERER_H
 
+#include <chrono>
 #include <cstdint>
 #include <deque>
 #include <thread>
@@ -12,12 +13,13 @@
 
 namespace vel {
 
-// Answers the remote side's reads of the streaming endpoint, one whole frame each, in their order.
-// On a thread of its own, so that other requests go on while a read waits for its frame.
+// Answers the remote side's reads of the streaming endpoint, one whole frame each, in their order. Where a read and a
+// frame meet, the thread that brought the later of the two completes the read, without a hand-over; a thread of its own
+// only watches the time, so that other requests go on while a read waits.
 class UVCReadAnswerer {
  public:
-  // How long a read waits for its frame before it fails as timed out.
-  static constexpr int kFrameWaitMs = 500;
+  // How long a read whose turn it is waits for its frame before it fails as timed out.
+  static constexpr std::chrono::milliseconds kFrameWait{500};
 
   // Both outlive this object.
   UVCReadAnswerer(UVCFrameManager& frames, UVCStreamTally& tally);
@@ -25,28 +27,38 @@ class UVCReadAnswerer {
   UVCReadAnswerer& operator=(const UVCReadAnswerer&) = delete;
   ~UVCReadAnswerer();
 
-  // Takes the read and sees to its one completion. False after Stop: it stays the caller's. Any
-  // thread.
+  // Takes the read and sees to its one completion, which may come before this returns. False after Stop: it stays the
+  // caller's. Any thread.
   bool Answer(_UsbIoXferInfo* read);
 
-  // Completes the last read of this id as cancelled, if it still waits for its turn. Any thread.
+  // Completes reads with the frames that there are. After every frame; any thread, with no lock held.
+  void AnswerReady();
+
+  // Completes the last read of this id as cancelled, if it still waits. Any thread.
   bool Cancel(std::uint32_t localXferId);
 
-  // Completes what waits as timed out. The frame manager is released before, which ends the wait
-  // of the read whose turn it is. Repeating it does nothing.
+  // Completes what waits as timed out. Not from a completion. Repeating it does nothing.
   void Stop();
 
  private:
-  void Run();
-  int RequestFrame(_UsbIoXferInfo& read);
+  using Clock = std::chrono::steady_clock;
+
+  void WatchTime();
+  _UsbIoXferInfo* AwaitOverdue();
+  _UsbIoXferInfo* TakeAnswered();
+  _UsbIoXferInfo* PopRead() VEL_REQUIRES(mMutex);
+  void Completed();
 
   UVCFrameManager& mFrames;
   UVCStreamTally& mTally;
   Mutex mMutex;
-  CondVar mChanged;
+  CondVar mChanged;  // A first read came to the watch, a completion ended, or Stop.
   bool mStopping VEL_GUARDED_BY(mMutex) = false;
-  bool mHasThread VEL_GUARDED_BY(mMutex) = false;
+  // Some thread completes a read, unlocked. No other does meanwhile, so that replies keep the order of the reads.
+  bool mCompleting VEL_GUARDED_BY(mMutex) = false;
+  bool mWatchIdle VEL_GUARDED_BY(mMutex) = false;             // The watch has no time to wait for.
   std::deque<_UsbIoXferInfo*> mReads VEL_GUARDED_BY(mMutex);  // Bounded by the device's budget.
+  Clock::time_point mTurnBegan VEL_GUARDED_BY(mMutex);        // Of the first of them.
   std::thread mThread;
 };
 

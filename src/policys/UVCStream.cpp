@@ -20,11 +20,12 @@ UVCStream::~UVCStream() {
 
 void UVCStream::Stop() {
   mReader.Stop();
-  mFrames.Release();
   mAnswerer.Stop();
+  mFrames.Release();
 }
 
 bool UVCStream::Init() {
+  mFrames.SetFrameListener([this] { mAnswerer.AnswerReady(); });
   return mFrames.Init(mFormat.width, mFormat.height, mFormat.in, mFormat.out, nullptr) == 0;
 }
 
@@ -32,20 +33,27 @@ void UVCStream::FrameRequestCB(XferPtr record) {
   if (record->status != kXferCompleted) {
     VEL_ERROR("Error submitting transfer, %d", record->status);
   } else if (mReader.IsActive()) {
-    const MutexLock lock(mIntakeMutex);
-    switch (mSource.kind) {
-      case UVCCameraReader::Kind::kWholeFrame:
-        mIntake.TakeWholeFrame(*record);
-        break;
-      case UVCCameraReader::Kind::kIsochronous:
-        mIntake.TakePackets(*record);
-        break;
-      case UVCCameraReader::Kind::kBulk:
-        mIntake.TakePayload(*record);
-        break;
+    TakeIn(*record);
+    if (mFormat.in == mFormat.out) {  // Otherwise the coders' threads see to it.
+      mAnswerer.AnswerReady();
     }
   }
-  mReader.Resubmit(std::move(record));
+  mReader.Resubmit(std::move(record));  // The last that is touched: Stop may be waiting for it.
+}
+
+void UVCStream::TakeIn(_UsbIoXferInfo& record) {
+  const MutexLock lock(mIntakeMutex);
+  switch (mSource.kind) {
+    case UVCCameraReader::Kind::kWholeFrame:
+      mIntake.TakeWholeFrame(record);
+      break;
+    case UVCCameraReader::Kind::kIsochronous:
+      mIntake.TakePackets(record);
+      break;
+    case UVCCameraReader::Kind::kBulk:
+      mIntake.TakePayload(record);
+      break;
+  }
 }
 
 }  // namespace vel

@@ -49,6 +49,7 @@ class UVCStream : private UsbIoTransferCallback {
   // Completion thread of the backend.
   void UsbIoXferCb(_UsbIoXferInfo* info) override { FrameRequestCB(XferPtr(info)); }
   void FrameRequestCB(XferPtr record);
+  void TakeIn(_UsbIoXferInfo& record);
 
   const Format mFormat;
   const UVCCameraReader::Source mSource;
