@@ -1,6 +1,6 @@
-// Bulk IN transfers of a real device: through the module, and with libusb directly, in turns. The
-// kernel is a mock, so that the times are its own; what the module adds is in the differences.
-// `libusb_bench [ROUNDS]`, under umockdev-wrapper.
+// Bulk IN transfers of a real device: through the module, and with libusb directly, on the caller's thread and from a
+// loop thread, in turns. The kernel is a mock, so that the times are its own; what the module adds is in the
+// differences. `libusb_bench [ROUNDS]`, under umockdev-wrapper.
 #include <libusb-1.0/libusb.h>
 
 #include <algorithm>
@@ -16,6 +16,7 @@
 
 #include "BenchDevice.h"
 #include "mockdev/MockUsbDevice.h"
+#include "vel/Looper.h"
 
 namespace vel {
 namespace {
@@ -76,15 +77,25 @@ class Direct {
 
   // `count` transfers, at most `window` in flight.
   void Run(std::uint32_t count, std::uint32_t window) {
-    MutexLock lock(mMutex);
+    Begin(count, window);
+    Await(count);
+  }
+
+  // The first half of Run; any thread.
+  void Begin(std::uint32_t count, std::uint32_t window) {
+    const MutexLock lock(mMutex);
     mDone = 0;
     mLeft = count - window;
     for (std::uint32_t i = 0; i < window; ++i) {
       libusb_submit_transfer(mTransfers[i]);
     }
+  }
+  void Await(std::uint32_t count) {
+    MutexLock lock(mMutex);
     while (mDone < count) {
       mChanged.Wait(lock);
     }
+    mDone = 0;
   }
 
  private:
@@ -109,6 +120,36 @@ class Direct {
   std::uint32_t mDone VEL_GUARDED_BY(mMutex) = 0;
   std::uint32_t mLeft VEL_GUARDED_BY(mMutex) = 0;
   std::thread mThread;
+};
+
+// The same, submitted from a loop thread, as it has to be where the caller may not be held up.
+class FromLoop {
+ public:
+  explicit FromLoop(std::uint32_t bytes) : mDirect(bytes) { mLoop.Start(); }
+  FromLoop(const FromLoop&) = delete;
+  FromLoop& operator=(const FromLoop&) = delete;
+  ~FromLoop() { mLoop.Stop(); }
+
+  void Run(std::uint32_t count, std::uint32_t window) {
+    mLoop.PostMessageAAA(std::make_unique<Submission>(mDirect, count, window));
+    mDirect.Await(count);
+  }
+
+ private:
+  class Submission : public Message {
+   public:
+    Submission(Direct& direct, std::uint32_t count, std::uint32_t window)
+        : mDirect(direct), mCount(count), mWindow(window) {}
+    void HandleMessage() override { mDirect.Begin(mCount, mWindow); }
+
+   private:
+    Direct& mDirect;
+    const std::uint32_t mCount;
+    const std::uint32_t mWindow;
+  };
+
+  Direct mDirect;
+  Looper mLoop;
 };
 
 // The same through the module.
@@ -160,23 +201,25 @@ void Measure(auto&& client, Times& times) {
 void RunAll(int rounds) {
   MockUsbDevice mock;
   mock.Plug();
-  std::printf("bulk IN, medians of %d rounds         direct      module\n", rounds);
+  std::printf("bulk IN, medians of %d rounds         direct   from loop      module\n", rounds);
   for (const std::uint32_t bytes : {64U, 512U, 4096U, 16384U, 65536U}) {
     Times direct;
+    Times loop;
     Times module;
     for (int round = 0; round < rounds; ++round) {
       Measure(Direct(bytes), direct);
+      Measure(FromLoop(bytes), loop);
       Measure(Through(mock, bytes), module);
     }
     const double moved = static_cast<double>(bytes) * kTransfers;
-    const double directRate = moved / Median(direct.streams);
-    const double moduleRate = moved / Median(module.streams);
+    const auto rate = [moved](const Times& times) { return moved / Median(times.streams); };
+    std::printf("%6u B  throughput  [MB/s]     %10.2f  %10.2f  %10.2f   %5.1f %% of direct\n", bytes, rate(direct),
+                rate(loop), rate(module), 100 * rate(module) / rate(direct));
     const double directTrip = Median(direct.roundTrips);
+    const double loopTrip = Median(loop.roundTrips);
     const double moduleTrip = Median(module.roundTrips);
-    std::printf("%6u B  throughput  [MB/s]     %10.2f  %10.2f   %5.1f %%\n", bytes, directRate, moduleRate,
-                100 * moduleRate / directRate);
-    std::printf("          round trip  [us]       %10.1f  %10.1f   %+5.1f\n", directTrip, moduleTrip,
-                moduleTrip - directTrip);
+    std::printf("          round trip  [us]       %10.1f  %10.1f  %10.1f   %+5.1f on direct, %+5.1f on the loop\n",
+                directTrip, loopTrip, moduleTrip, moduleTrip - directTrip, moduleTrip - loopTrip);
   }
 }
 

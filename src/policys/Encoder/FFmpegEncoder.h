@@ -1,8 +1,11 @@
 #ifndef VEL_POLICYS_ENCODER_FFMPEG_ENCODER_H
 #define VEL_POLICYS_ENCODER_FFMPEG_ENCODER_H
 
+#include <cstdint>
+#include <optional>
 #include <string>
 
+#include "policys/Encoder/GopRate.h"
 #include "policys/Encoder/IEncoder.h"
 #include "policys/FfmpegPtr.h"
 
@@ -26,10 +29,17 @@ class FFmpegEncoder : public IEncoder {
 
  private:
   const AVCodec* FindCodec();
-  void SetPrivateOptions(AVCodecID codecId);
-  void HoldBitRate(const EncoderParam& param);
+  CodecContextPtr OpenContext();
+  void SetPrivateOptions(AVCodecContext& context) const;
+  void HoldBitRate(AVCodecContext& context) const;
+  // In front of each group of pictures but the first.
+  void BeginGop();
 
+  EncoderParam mParam;
   CodecContextPtr mEncCtx;
+  std::optional<GopRate> mRate;  // Where the encoder's own rate control does not do.
+  int mGopPictures = 0;
+  std::uint64_t mGopBytes = 0;
   const AVCodec* mCodec = nullptr;
   const bool mUseFfmpegHwEncoder;
   bool mDebug = false;
