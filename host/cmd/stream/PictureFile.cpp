@@ -2,7 +2,9 @@
 
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <stdexcept>
+#include <system_error>
 
 namespace vel {
 
@@ -12,11 +14,19 @@ PictureFile::PictureFile(const std::string& path) : mPath(path), mFile(std::fope
   }
 }
 
+PictureFile::~PictureFile() {
+  std::error_code ignored;
+  if (mEmpty && std::filesystem::is_regular_file(mPath, ignored)) {
+    std::filesystem::remove(mPath, ignored);
+  }
+}
+
 void PictureFile::Fail() const {
   throw std::runtime_error("cannot write " + mPath + ": " + std::strerror(errno));
 }
 
 void PictureFile::Write(std::span<const std::uint8_t> picture) {
+  mEmpty = false;
   if (std::fwrite(picture.data(), 1, picture.size(), mFile.get()) != picture.size()) {
     Fail();
   }

@@ -15,6 +15,10 @@ class PictureFile {
  public:
   // Replaces the file.
   explicit PictureFile(const std::string& path);
+  PictureFile(const PictureFile&) = delete;
+  PictureFile& operator=(const PictureFile&) = delete;
+  // Removes a file that nothing was written to.
+  ~PictureFile();
 
   const std::string& Path() const { return mPath; }
   void Write(std::span<const std::uint8_t> picture);
@@ -30,6 +34,7 @@ class PictureFile {
 
   const std::string mPath;
   std::unique_ptr<std::FILE, Closer> mFile;
+  bool mEmpty = true;
 };
 
 }  // namespace vel
