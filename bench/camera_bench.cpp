@@ -13,6 +13,7 @@
 
 #include "BenchCamera.h"
 #include "Scene.h"
+#include "oskelo/log.h"
 #include "policys/UVCEncoder.h"
 
 namespace {
@@ -118,6 +119,7 @@ void Measure(int width, int height, int pictures) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  oskeloLogSetLevel(OSKELO_LOG_OFF);
   const int pictures = std::max(argc > 1 ? std::atoi(argv[1]) : 300, 1);
   std::printf("Milliseconds a picture, %d pictures; p50 / p99.\n\n", pictures);
   std::printf(

@@ -6,8 +6,10 @@
 
 #include "BenchCamera.h"
 #include "counting_hooks.h"
+#include "oskelo/log.h"
 
 int main() {
+  oskeloLogSetLevel(OSKELO_LOG_OFF);
   constexpr std::uint64_t kPictures = 100;
   std::printf("| size | heap allocations | bytes copied per byte |\n|---|---|---|\n");
   for (const auto& [width, height] : {std::array{640, 480}, std::array{1280, 720}}) {

@@ -320,6 +320,7 @@ void BenchLatency() {
 int main() {
   using namespace vel::test;
   oskeloLogSetLevel(OSKELO_LOG_OFF);
+  av_log_set_level(AV_LOG_QUIET);
   std::printf("| what | us | yardstick us | ratio | goal | met |\n|---|---|---|---|---|---|\n");
   for (const Size& size : kSizes) {
     BenchUnpacking(size);

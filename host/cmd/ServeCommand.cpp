@@ -75,7 +75,7 @@ int ServeSocket(const Service& service, const std::string& device, const Listene
         Note(peer + " is done, device given back");
         break;
       case Server::End::kRemoteGone:
-        Note(peer + ": " + error + "; device given back");
+        Note(Format("%s: %s; device given back", peer.c_str(), error.c_str()));
         break;
       case Server::End::kStopped:
         Note("interrupted, device given back");

@@ -3,6 +3,10 @@
 #include <algorithm>
 #include <utility>
 
+extern "C" {
+#include <libavutil/frame.h>
+}
+
 namespace vel {
 
 void TimedPipeline::Enqueue(UVCFramePtr frame) {
@@ -49,12 +53,12 @@ PipelineTimes TimedPipeline::Times() {
   return mTimes;
 }
 
-void TimedPipeline::OnFinishDecodeBlock(HeapBlock& block, std::uint32_t length, std::int64_t index) {
+bool TimedPipeline::OnFinishDecodePicture(const AVFrame& picture) {
   {
     const MutexLock lock(mMutex);
-    Mark(static_cast<std::uint32_t>(index), mTimes.decode);
+    Mark(static_cast<std::uint32_t>(picture.pts), mTimes.decode);
   }
-  UVCFrameManager::OnFinishDecodeBlock(block, length, index);
+  return UVCFrameManager::OnFinishDecodePicture(picture);
 }
 
 void TimedPipeline::OnFinishEncode(std::uint32_t index, std::uint8_t* data, std::uint32_t length, int result) {

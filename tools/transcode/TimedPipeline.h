@@ -16,7 +16,7 @@ using StageTimes = std::vector<double>;
 
 struct PipelineTimes {
   StageTimes decode;    // From the frame's entry to its decoded picture; empty without a decoder.
-  StageTimes encode;    // From there to its access unit, with the wait for the encoder.
+  StageTimes encode;    // From there to its access unit, with conversions and the wait for the encoder.
   StageTimes handOver;  // From there to the consumer.
 };
 
@@ -35,7 +35,7 @@ class TimedPipeline : public UVCFrameManager {
 
   PipelineTimes Times();
 
-  void OnFinishDecodeBlock(HeapBlock& block, std::uint32_t length, std::int64_t index) override;
+  bool OnFinishDecodePicture(const AVFrame& picture) override;
   void OnFinishEncode(std::uint32_t index, std::uint8_t* data, std::uint32_t length, int result) override;
 
  private:
