@@ -85,6 +85,9 @@ CodecContextPtr FFmpegEncoder::OpenContext() {
   context->framerate = mParam.frameRate;
   context->gop_size = mParam.gopSize;
   context->max_b_frames = mParam.maxBFrames;
+  // libx264 would cut the picture into slices for all cores. A picture takes milliseconds: its hand-overs cost 7 to 10
+  // % more processor time (measured on two cores), and leave fewer cores to the client's other work.
+  context->thread_count = 1;
   context->pix_fmt = mParam.pixelFormat;
   if (!mUseFfmpegHwEncoder) {
     context->sw_pix_fmt = mParam.pixelFormat;
