@@ -30,7 +30,7 @@ void CatchSignals(const vel::StopSignal& stop) {
   action.sa_flags = static_cast<int>(SA_RESETHAND);  // A second interrupt ends the command at once.
   sigaction(SIGINT, &action, nullptr);
   sigaction(SIGTERM, &action, nullptr);
-  std::signal(SIGPIPE, SIG_IGN);
+  static_cast<void>(std::signal(SIGPIPE, SIG_IGN));
 }
 
 int Fail(int status, const std::string& text) {

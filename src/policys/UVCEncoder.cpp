@@ -141,14 +141,17 @@ int UVCEncoder::EncodePlanarAsync(FramePtr picture, std::uint32_t index) {
 
 // Takes the input unless it fails.
 int UVCEncoder::EncodeAsync(Input& input) {
+  if (!mRunning) {
+    VEL_ERROR("Encoder thread is not ready");
+    return -1;
+  }
+  if (input.frame == nullptr && input.picture == nullptr) {
+    return -1;
+  }
   std::size_t waiting = 0;
   {
     const MutexLock lock(mListMutex);
     if (!mRunning) {
-      VEL_ERROR("Encoder thread is not ready");
-      return -1;
-    }
-    if (input.frame == nullptr && input.picture == nullptr) {
       return -1;
     }
     if (mInputs.size() > kFrameListLimit) {

@@ -1,6 +1,7 @@
 #ifndef VEL_POLICYS_UVC_ENCODER_H
 #define VEL_POLICYS_UVC_ENCODER_H
 
+#include <atomic>
 #include <cstdint>
 #include <deque>
 #include <memory>
@@ -113,7 +114,7 @@ class VEL_MODULE_CLASS UVCEncoder {
 
   Mutex mListMutex;
   CondVar mListChanged;  // A frame was added, or the worker is to end.
-  bool mRunning VEL_GUARDED_BY(mListMutex) = false;
+  std::atomic<bool> mRunning{false};  // Written under mListMutex.
   std::deque<Input> mInputs VEL_GUARDED_BY(mListMutex);
 };
 
