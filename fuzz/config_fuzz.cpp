@@ -1,6 +1,6 @@
-// Configurations that contradict themselves, from the device to the remote side. Input: taken as a
-// serialised configuration, which is read and printed; and as the recipe of a configuration in
-// libusb's layout, which is serialised and read back, and rebuilt by the policy.
+// Configurations that contradict themselves, from the device to the remote side. Input: taken as a serialised
+// configuration, which is read and printed; and as the recipe of a configuration in libusb's layout, which is
+// serialised and read back, rebuilt by the policy, and searched for a streaming camera.
 #include <algorithm>
 #include <array>
 #include <cstddef>
@@ -16,6 +16,7 @@
 #include "io/NullUsbIo.h"
 #include "oskelo/log.h"
 #include "policys/RedirPolicy.h"
+#include "policys/UVCUtil.h"
 #include "protocol/ByteReader.h"
 #include "remote/ConfigModel.h"
 
@@ -24,9 +25,8 @@ namespace {
 
 using Input = std::span<const std::uint8_t>;
 
-// A configuration whose counts, pointers and extra bytes need not fit each other, beyond what
-// libusb's callers may read: a count that is too large comes with a null pointer, never with a
-// short array.
+// A configuration whose counts, pointers and extra bytes need not fit each other, beyond what libusb's callers may
+// read: a count that is too large comes with a null pointer, never with a short array.
 class HostileConfig {
  public:
   explicit HostileConfig(Input recipe) : mReader(recipe) {
@@ -50,8 +50,7 @@ class HostileConfig {
   template <class Desc>
   using Array = std::vector<Desc>;
 
-  // An array that stays where it is; empty, for a null pointer, when the recipe says so or is at
-  // its end.
+  // An array that stays where it is; empty, for a null pointer, when the recipe says so or is at its end.
   template <class Desc>
   Array<Desc>& New(std::deque<Array<Desc>>& arrays, std::size_t count) {
     const bool null = mReader.Rest().empty() || mReader.Host<std::uint8_t>() % 8 == 7;
@@ -109,22 +108,26 @@ bool SameExtra(const Desc& desc, const Bytes& extra) {
   return std::equal(extra.begin(), extra.end(), desc.extra, desc.extra + length);
 }
 
-bool Same(const libusb_interface_descriptor& setting, const AltSettingModel& model) {
-  const std::size_t count = setting.endpoint == nullptr ? 0U : setting.bNumEndpoints;
-  const std::span endpoints(setting.endpoint, count);
-  return model.bInterfaceClass == setting.bInterfaceClass && SameExtra(setting, model.extra) &&
-         std::equal(endpoints.begin(), endpoints.end(), model.endpoints.begin(), model.endpoints.end(),
-                    [](const libusb_endpoint_descriptor& endpoint, const EndpointModel& read) {
-                      return read.bEndpointAddress == endpoint.bEndpointAddress &&
-                             read.wMaxPacketSize == endpoint.wMaxPacketSize && SameExtra(endpoint, read.extra);
-                    });
+// What the pointer and the count of a descriptor stand for.
+template <class Part>
+std::span<const Part> Parts(const Part* parts, int count) {
+  return {parts, parts == nullptr ? 0U : static_cast<std::size_t>(std::max(count, 0))};
 }
 
-bool Same(const libusb_interface& interface, const std::vector<AltSettingModel>& models) {
-  const int count = interface.altsetting == nullptr ? 0 : std::max(interface.num_altsetting, 0);
-  const std::span settings(interface.altsetting, static_cast<std::size_t>(count));
-  return std::equal(settings.begin(), settings.end(), models.begin(), models.end(),
-                    [](const auto& setting, const auto& model) { return Same(setting, model); });
+bool Same(const libusb_endpoint_descriptor& endpoint, const EndpointModel& read) {
+  return read.bEndpointAddress == endpoint.bEndpointAddress && read.wMaxPacketSize == endpoint.wMaxPacketSize &&
+         SameExtra(endpoint, read.extra);
+}
+
+bool Same(const libusb_interface_descriptor& setting, const AltSettingModel& read) {
+  return read.bInterfaceClass == setting.bInterfaceClass && SameExtra(setting, read.extra) &&
+         std::ranges::equal(Parts(setting.endpoint, setting.bNumEndpoints), read.endpoints,
+                            [](const auto& a, const auto& b) { return Same(a, b); });
+}
+
+bool Same(const libusb_interface& interface, const std::vector<AltSettingModel>& read) {
+  return std::ranges::equal(Parts(interface.altsetting, interface.num_altsetting), read,
+                            [](const auto& a, const auto& b) { return Same(a, b); });
 }
 
 void SerialiseAndRead(const libusb_config_descriptor& config) {
@@ -134,10 +137,9 @@ void SerialiseAndRead(const libusb_config_descriptor& config) {
   Require(reply.Wire().size() == reply.GetPacketSize(), "the reply holds the whole configuration");
   const auto model = ReadConfigModel(reply.PayloadBytes());
   Require(model.has_value(), "what was serialised can be read");
-  const std::span interfaces(config.interface, config.interface == nullptr ? 0U : config.bNumInterfaces);
   Require(SameExtra(config, model->extra) && model->bmAttributes == config.bmAttributes &&
-              std::equal(interfaces.begin(), interfaces.end(), model->interfaces.begin(), model->interfaces.end(),
-                         [](const auto& interface, const auto& models) { return Same(interface, models); }),
+              std::ranges::equal(Parts(config.interface, config.bNumInterfaces), model->interfaces,
+                                 [](const auto& a, const auto& b) { return Same(a, b); }),
           "what was read is what was serialised");
 }
 
@@ -163,6 +165,21 @@ void Rebuild(libusb_config_descriptor& config) {
           "the rebuilt descriptor counts its own bytes");
 }
 
+void SearchForStreaming(const libusb_config_descriptor& descriptor) {
+  const libusb_config_descriptor* config = &descriptor;
+  const std::uint8_t position = UVCUtil::GetVSInterfaceFromConfig(config);
+  const std::uint32_t endpoint = UVCUtil::GetVSEndpointFromConfig(config);
+  const bool overBulk = UVCUtil::IsStreamOverBulk(config);
+  const UVCInputHeaderPtr header = UVCUtil::ParseUVCInputHeader(config);
+  Require(position == UVCUtil::kNoInterface || position < config->bNumInterfaces, "an interface is one of those there");
+  Require(endpoint == UVCUtil::kNoEndpoint || endpoint <= UINT8_MAX, "an endpoint has an address");
+  if (position == UVCUtil::kNoInterface) {
+    Require(endpoint == UVCUtil::kNoEndpoint && overBulk && header == nullptr,
+            "nothing is found where nothing streams");
+  }
+  UVCUtil::GetFrameTypeDesc(header.get(), 1, 1);
+}
+
 void ReadAndPrint(Input input) {
   Enumeration found;
   found.config = ReadConfigModel(input);
@@ -181,5 +198,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   vel::HostileConfig config(input);
   vel::SerialiseAndRead(config.Get());
   vel::Rebuild(config.Get());
+  vel::SearchForStreaming(config.Get());
   return 0;
 }

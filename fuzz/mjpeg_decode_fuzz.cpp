@@ -1,5 +1,4 @@
-// A broken camera frame into the decoder, on both of its ways, and a good one behind it. Input: the
-// frame.
+// A broken camera frame into the decoder, on both of its ways, and a good one behind it. Input: the frame.
 #include <algorithm>
 #include <array>
 #include <cstddef>

@@ -81,12 +81,10 @@ class Remote final : public VelDeviceBase {
   bool AwaitSync(std::uint32_t devId) {
     const auto deadline = std::chrono::steady_clock::now() + kReplyTime;
     MutexLock lock(mMutex);
-    while (mSync.empty() || mSync.back().devId != devId) {
-      if (!mChanged.WaitUntil(lock, deadline)) {
-        return !mSync.empty() && mSync.back().devId == devId;
-      }
+    const auto came = [this, devId]() VEL_REQUIRES(mMutex) { return !mSync.empty() && mSync.back().devId == devId; };
+    while (!came() && mChanged.WaitUntil(lock, deadline)) {
     }
-    return true;
+    return came();
   }
   std::vector<SyncReply> Sync() {
     const MutexLock lock(mMutex);
@@ -175,8 +173,7 @@ struct Asked {
   }
 };
 
-// The replies in the order of the requests. A camera that was not opened has no device descriptor
-// to answer with.
+// The replies in the order of the requests. A camera that was not opened has no device descriptor to answer with.
 bool IsAnswer(std::span<const SyncReply> replies, std::span<const SyncReply> asked, bool camera) {
   for (const SyncReply& wanted : asked) {
     if (!replies.empty() && replies.front() == wanted) {

@@ -1,5 +1,4 @@
-// Runs a fuzz target over files and folders of files: replay PATH... Fails when there is nothing to
-// run.
+// Runs a fuzz target over files and folders of files: replay PATH... Fails when there is nothing to run.
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
@@ -20,20 +19,8 @@ namespace {
 
 using Path = std::filesystem::path;
 
-std::vector<Path> FilesOf(std::span<char* const> arguments) {
-  std::vector<Path> files;
-  for (const char* argument : arguments) {
-    if (std::filesystem::is_directory(argument)) {
-      std::copy(std::filesystem::directory_iterator(argument), {}, std::back_inserter(files));
-    } else {
-      files.emplace_back(argument);
-    }
-  }
-  std::sort(files.begin(), files.end());
-  return files;
-}
-
 void Replay(const Path& file) {
+  std::fprintf(stderr, "%s\n", file.string().c_str());  // The last one named is the one that failed.
   std::ifstream stream(file, std::ios::binary);
   const std::string content{std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};
   if (!stream) {
@@ -49,15 +36,19 @@ void Replay(const Path& file) {
 
 int main(int argc, char** argv) {
   try {
-    const std::vector<Path> files = FilesOf(std::span(argv, static_cast<std::size_t>(argc)).subspan(1));
+    std::vector<Path> files;
+    for (const char* argument : std::span(argv, static_cast<std::size_t>(argc)).subspan(1)) {
+      if (std::filesystem::is_directory(argument)) {
+        std::copy(std::filesystem::directory_iterator(argument), {}, std::back_inserter(files));
+      } else {
+        files.emplace_back(argument);
+      }
+    }
     if (files.empty()) {
       throw std::runtime_error("no input to replay");
     }
-    for (const Path& file : files) {
-      std::fprintf(stderr, "%s\n",
-                   file.string().c_str());  // The last one named is the one that failed.
-      Replay(file);
-    }
+    std::sort(files.begin(), files.end());
+    std::for_each(files.begin(), files.end(), Replay);
     return 0;
   } catch (const std::exception& error) {
     std::fprintf(stderr, "%s\n", error.what());

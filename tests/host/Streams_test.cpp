@@ -106,12 +106,6 @@ TEST_F(StreamsTest, StopAndAbortEndABlockedWriteAndNothingFollowsHalfAPacket) {
   }
 }
 
-TEST_F(StreamsTest, WriteToNobodyFails) {
-  FdStream stream(mPair.near.Get(), mPair.near.Get(), mStop);
-  mPair.far = UniqueFd();
-  EXPECT_EQ(stream.WriteAll(mBuffer), Result::kFailed);
-}
-
 TEST_F(StreamsTest, EachOfSeveralWritersWritesInOnePiece) {
   constexpr std::size_t kPiece = 50000;
   constexpr std::size_t kPieces = 30;
@@ -135,10 +129,12 @@ TEST_F(StreamsTest, EachOfSeveralWritersWritesInOnePiece) {
   EXPECT_THAT(pieces, testing::ElementsAre(0, kPieces, kPieces, kPieces));
 }
 
-TEST_F(StreamsTest, OutputGetsItsBlockingModeBack) {
+TEST_F(StreamsTest, WriteToNobodyFailsAndTheOutputGetsItsBlockingModeBack) {
   {
-    const FdStream stream(mPair.near.Get(), mPair.near.Get(), mStop);
+    FdStream stream(mPair.near.Get(), mPair.near.Get(), mStop);
     EXPECT_NE(fcntl(mPair.near.Get(), F_GETFL) & O_NONBLOCK, 0);
+    mPair.far = UniqueFd();
+    EXPECT_EQ(stream.WriteAll(mBuffer), Result::kFailed);
   }
   EXPECT_EQ(fcntl(mPair.near.Get(), F_GETFL) & O_NONBLOCK, 0);
 }
@@ -148,18 +144,6 @@ TEST_F(StreamsTest, RaisingAStopSignalOftenNeverBlocks) {
     mStop.Raise();
   }
   EXPECT_TRUE(mStop.IsRaised());
-}
-
-TEST_F(StreamsTest, DescriptorHasOneOwner) {
-  const int number = mPair.near.Get();
-  UniqueFd moved(std::move(mPair.near));
-  EXPECT_FALSE(mPair.near.IsValid());
-  EXPECT_EQ(moved.Get(), number);
-  moved = UniqueFd();
-  EXPECT_EQ(fcntl(number, F_GETFL), -1) << "still open";
-  const int released = mPair.far.Release();
-  EXPECT_FALSE(mPair.far.IsValid());
-  EXPECT_EQ(close(released), 0) << "closed already";
 }
 
 // A served device behind a socket: answers each request that `serve` is given.
@@ -210,19 +194,10 @@ TEST_F(StreamChannelTest, EndAndGarbageCloseTheDevice) {
 }
 
 TEST_F(StreamChannelTest, CloseEndsABlockedReaderAndReportsNothing) {
-  int closed = 0;
   const auto channel = MakeChannel();
-  channel->Start({.onPacket = [](const std::unique_ptr<VelPacket>&) {}, .onClosed = [&] { ++closed; }});
+  channel->Start({.onPacket = [](const std::unique_ptr<VelPacket>&) {}, .onClosed = [] { FAIL(); }});
   channel->Close();
   channel->Close();
-  EXPECT_EQ(closed, 0);
-}
-
-TEST_F(StreamChannelTest, SendToAClosedSideIsRefused) {
-  const auto channel = MakeChannel();
-  channel->Start({.onPacket = [](const std::unique_ptr<VelPacket>&) {}, .onClosed = [] {}});
-  mPair.far = UniqueFd();
-  EXPECT_FALSE(channel->Send(BuildRequest(Command::kGetDeviceSpeed, {})));
 }
 
 }  // namespace

@@ -13,10 +13,9 @@
 #include "protocol/ByteReader.h"
 #include "remote/ModuleChannel.h"
 #include "remote/RemoteDevice.h"
+#include "support/Limits.h"
 
 namespace vel {
-
-constexpr std::chrono::seconds kLimit{30};  // Only a failure reaches it.
 
 // The statuses of all replies to transfers, by stream id: how often each was answered, and how.
 class Tally {
@@ -39,7 +38,7 @@ class Tally {
   }
   // Once that many transfers were answered; as they are after the time limit otherwise.
   Statuses Await(std::size_t count) VEL_EXCLUDES(mMutex) {
-    const auto deadline = std::chrono::steady_clock::now() + kLimit;
+    const auto deadline = std::chrono::steady_clock::now() + kDeadline;
     MutexLock lock(mMutex);
     while (mStatuses.size() < count && mChanged.WaitUntil(lock, deadline)) {
     }
@@ -71,11 +70,11 @@ class TalliedChannel final : public PacketChannel {
   Tally& mTally;
 };
 
-inline std::unique_ptr<RemoteDevice> Redirect(const MockUsbDevice& device, Tally& tally, bool answersFailures = true) {
+inline std::unique_ptr<RemoteDevice> Redirect(const MockUsbDevice& device, Tally& tally) {
   const DeviceIdentity identity{MockUsbDevice::kBus, device.Address(), MockUsbDevice::kVendor, MockUsbDevice::kProduct,
                                 ""};
   return std::make_unique<RemoteDevice>(std::make_unique<TalliedChannel>(
-      std::make_unique<ModuleChannel>(ModuleLibrary::Load(VIRTUSB_MODULE), identity, answersFailures), tally));
+      std::make_unique<ModuleChannel>(ModuleLibrary::Load(VIRTUSB_MODULE), identity, true), tally));
 }
 
 // Opens, detaches the drivers, claims, and chooses the setting with isochronous endpoints.

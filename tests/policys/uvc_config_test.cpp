@@ -1,10 +1,14 @@
-// The video-streaming interface in libusb's configuration.
+// The video-streaming interface in libusb's configuration, and the small tools of UVCUtil.
+#include <cstdio>
 #include <deque>
+#include <fstream>
+#include <iterator>
 #include <sstream>
 #include <string>
 #include <vector>
 
 #include <gmock/gmock.h>
+#include <unistd.h>
 
 #include "VsBlock.h"
 #include "policys/UVCUtil.h"
@@ -16,11 +20,12 @@ namespace {
 using ::testing::ElementsAre;
 using Bytes = VsBlock::Bytes;
 
+constexpr std::uint32_t kNone = 0xFFFFFFFF;
+
 // A configuration from a text, a word for each interface:
 //   audio, control     others, with a block that nothing may find
-//   vs2                streaming with 2 alternate settings; vs2=81 with a block that names endpoint
-//   0x81 +ep21              and the word before has an endpoint with 21 bytes that name endpoint
-//   0x83
+//   vs2                streaming with 2 alternate settings; vs2=81 with a block that names endpoint 0x81
+//   +ep21              and the word before has an endpoint with 21 bytes that name endpoint 0x83
 struct Config {
   explicit Config(const std::string& text) {
     std::istringstream words(text);
@@ -73,8 +78,6 @@ int TreeEndpoint(const libusb_config_descriptor* config) {
   return header == nullptr ? -1 : header->bEndpointAddress;
 }
 
-constexpr std::uint32_t kNone = 0xFFFFFFFF;
-
 TEST(UVCConfig, IsSearchedForItsStreamingInterface) {
   struct Case {
     std::string config;
@@ -124,16 +127,43 @@ TEST(UVCConfig, ThatContradictsItselfHasNoHeader) {
   EXPECT_EQ(spoilt([](Config& config, auto&) { config.config.interface = nullptr; }), none);
 }
 
-TEST(UVCConfig, SaysWhatItFound) {
-  const Config config("control vs2=81");
+TEST(UVCLog, StreamControlsAndRequestsByName) {
+  UVCStreamCtrl ctrl{};
+  // Byte i of the block is i + 1, up to the interface number.
+  for (std::size_t i = 0; i < sizeof ctrl; ++i) {
+    reinterpret_cast<unsigned char*>(&ctrl)[i] = static_cast<unsigned char>(i + 1);
+  }
   const CapturingLog log;
-  UVCUtil::GetVSInterfaceFromConfig(&config.config);
-  UVCUtil::GetVSEndpointFromConfig(&config.config);
-  UVCUtil::IsStreamOverBulk(&config.config);
-  UVCUtil::IsStreamOverBulk(nullptr);
-  EXPECT_THAT(log.Messages(),
-              ElementsAre("Debug:Find UVC video stream interface: 1", "Debug:Find UVC video stream endpoint: 129",
-                          "Debug:UVC stream is over iso xfer", "Debug:UVC stream is over bulk xfer"));
+  UVCUtil::PrintStreamCtrl(ctrl);
+  for (const int request : {0x00, 0x01, 0x81, 0x87, 0x88}) {
+    UVCUtil::DumpRequest(static_cast<std::uint8_t>(request));
+  }
+  for (const int wValue : {0x0000, 0x14FF, 0x1500}) {
+    UVCUtil::DumpCtrlSelector(static_cast<std::uint16_t>(wValue));
+  }
+  EXPECT_THAT(
+      log.Messages(),
+      ElementsAre("Debug:[UVC CTRL] ", "Debug:[UVC CTRL] bmHint: 0201", "Debug:[UVC CTRL] bFormatIndex: 3",
+                  "Debug:[UVC CTRL] bFrameIndex: 4", "Debug:[UVC CTRL] dwFrameInterval: 134678021",
+                  "Debug:[UVC CTRL] wKeyFrameRate: 2569", "Debug:[UVC CTRL] wPFrameRate: 3083",
+                  "Debug:[UVC CTRL] wCompQuality: 3597", "Debug:[UVC CTRL] wCompWindowSize: 4111",
+                  "Debug:[UVC CTRL] wDelay: 4625", "Debug:[UVC CTRL] dwMaxVideoFrameSize: 370480147",
+                  "Debug:[UVC CTRL] dwMaxPayloadTransferSize: 437852183", "Debug:[UVC CTRL] bInterfaceNumber: 35",
+                  "Error:[UVC_RC_UNDEFINED]", "Error:[UVC_SET_CUR]", "Error:[UVC_GET_CUR]", "Error:[UVC_GET_DEF]",
+                  "Error:[Invalid reqeust]", "Error:[Invalid reqeust]"));
+}
+
+TEST(UVCTools, PictureReplacesTheOneBefore) {
+  const std::string path = testing::TempDir() + "uvc_picture." + std::to_string(getpid());
+  const std::string text("a\0\r\nb", 5);
+  const Bytes bytes(text.begin(), text.end());
+  for (const std::uint32_t size : {5U, 1U}) {
+    UVCUtil::SavePicture(bytes.data(), size, path.c_str());
+    std::ifstream file(path, std::ios::binary);
+    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(file), {}), text.substr(0, size));
+  }
+  UVCUtil::SavePicture(bytes.data(), 1, testing::TempDir().c_str());  // Cannot be written: a line, no more.
+  std::remove(path.c_str());
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 // Payloads to frames: tables worked out by hand, and pictures cut into payloads at random against
 // an independent statement of the rules.
 #include <algorithm>
+#include <array>
 #include <iterator>
 #include <random>
 #include <string>
@@ -18,6 +19,7 @@ namespace {
 
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
+using ::testing::StartsWith;
 
 constexpr std::uint8_t kFid = 0x01;
 constexpr std::uint8_t kEof = 0x02;
@@ -98,16 +100,13 @@ TEST(UVCPayloads, BecomeFramesByTheRules) {
       {"toggle", {{0, "ab"}, {0, "cd"}, {kFid, "ef"}, {0, "gh"}}, {"abcd", "ef"}},
       {"end of frame", {{0, "ab"}, {kEof, "cd"}, {kFid, "ef"}, {kFid | kEof, "gh"}}, {"abcd", "efgh"}},
       {"end of frame without toggle", {{kEof, "ab"}, {kEof, "cd"}}, {"ab", "cd"}},
-      {"first frame has the other identifier", {{kFid, "ab"}, {0, "c"}}, {"ab"}},
       {"header-only toggle", {{0, "ab"}, {kFid, ""}, {kFid, "cd"}, {0, ""}}, {"ab", "cd"}},
       {"header-only end", {{0, "ab"}, {kEof, ""}, {kEof, ""}, {kFid | kEof, ""}}, {"ab"}},
-      {"header-only toggle and end", {{0, "ab"}, {kFid | kEof, ""}}, {"ab"}},
       {"error hides end", {{0, "ab"}, {kErr | kEof, "xx"}, {0, "cd"}, {kFid, ""}}, {"abcd"}},
       {"error hides toggle", {{0, "ab"}, {kErr | kFid, "xx"}, {0, "cd"}, {kFid, ""}}, {"abcd"}},
       {"too short for a header",
        {{0, "ab"}, {kEof, "", 11}, {kFid, "", 2}, {0, "", 1}, {0, "", 0}, {kEof, "cd"}},
        {"abcd"}},
-      {"lost end and toggle join frames", {{0, "ab"}, {0, "cd"}, {kFid, ""}}, {"abcd"}},
       {"overflow loses its packet alone", {{0, "abcdef"}, {0, "xyz"}, {0, "gh"}, {0, "x"}, {kFid, ""}}, {"abcdefgh"}},
       {"overflow at the end", {{0, "abcdef"}, {kEof, "xyz"}, {kFid, "gh"}, {0, ""}}, {"abcdef", "gh"}},
       {"overflow at once", {{kEof, "123456789"}, {kFid, "ab"}, {0, ""}}, {"ab"}},
@@ -120,36 +119,24 @@ TEST(UVCPayloads, BecomeFramesByTheRules) {
   }
 }
 
-TEST(UVCPayloads, SayWhatHappens) {
+TEST(UVCPayloads, AreStampedCountedAndLogged) {
   Frames frames(4);
   UVCFrameAssembler assembler(frames);
   const CapturingLog log;
-  assembler.ParseFrameData(Transfer(Payloads{{0, "abc"}, {0, "de"}, {kFid | kEof, "f"}}), 3);
-  const std::string time = std::to_string(frames.stamps.at(0).timestamp);
-  const std::string time2 = std::to_string(frames.stamps.at(1).timestamp);
-  const std::string delta = std::to_string(frames.stamps.at(1).deltaTime);
-  EXPECT_THAT(log.Messages(), ElementsAre("Debug:Error frame length: 3, iso num: 1, actural len: 14",
-                                          "Debug:ee 0 ee ee ee ee ee ee", "Debug:[UVC tuning] fid @ 2, header: 0x3",
-                                          "Debug:[UVC tuning] Get new raw frame: index[0] length[3] timestamp[" + time +
-                                              "] deltatime[0]",
-                                          "Debug:[UVC tuning]eof @ 2, header: 0x3",
-                                          "Debug:[UVC tuning] Get new raw frame: index[1] length[1] timestamp[" +
-                                              time2 + "] deltatime[" + delta + "]"));
-}
-
-TEST(UVCPayloads, AreStampedAndCounted) {
-  Frames frames(4);
-  UVCFrameAssembler assembler(frames);
   const auto before = static_cast<std::int64_t>(UVCUtil::GetTimeMs());
-  for (std::size_t fed = 1; fed < 3 || frames.stamps.back().deltaTime == 0; ++fed) {
+  assembler.ParseFrameData(Transfer(Payloads{{0, "abc"}, {0, "de"}, {kFid | kEof, "f"}}), 3);
+  EXPECT_THAT(log.Messages(),
+              ElementsAre("Debug:Error frame length: 3, iso num: 1, actural len: 14", "Debug:ee 0 ee ee ee ee ee ee",
+                          "Debug:[UVC tuning] fid @ 2, header: 0x3",
+                          StartsWith("Debug:[UVC tuning] Get new raw frame: index[0] length[3] timestamp["),
+                          "Debug:[UVC tuning]eof @ 2, header: 0x3",
+                          StartsWith("Debug:[UVC tuning] Get new raw frame: index[1] length[1] timestamp[")));
+  while (frames.stamps.back().deltaTime == 0) {  // Until the clock has moved between two frames.
     assembler.ParseFrameData(Transfer(Payloads{{kEof, "a"}}), 1);
-    ASSERT_EQ(frames.stamps.size(), fed);
   }
-  const auto after = static_cast<std::int64_t>(UVCUtil::GetTimeMs());
-  EXPECT_EQ(frames.stamps[0].index, 0U);
   EXPECT_EQ(frames.stamps[0].deltaTime, 0);
   EXPECT_GE(frames.stamps[0].timestamp, before);
-  EXPECT_LE(frames.stamps.back().timestamp, after);
+  EXPECT_LE(frames.stamps.back().timestamp, static_cast<std::int64_t>(UVCUtil::GetTimeMs()));
   for (std::size_t i = 1; i < frames.stamps.size(); ++i) {
     EXPECT_EQ(frames.stamps[i].index, i);
     EXPECT_EQ(frames.stamps[i].deltaTime, frames.stamps[i].timestamp - frames.stamps[i - 1].timestamp);
@@ -157,27 +144,18 @@ TEST(UVCPayloads, AreStampedAndCounted) {
 }
 
 TEST(UVCPayloads, OutsideOfTheTransferAreSkipped) {
-  struct Case {
-    std::uint32_t offset, length;
-    std::size_t errors;
-  };
   // The transfer has 59 bytes.
-  for (const Case& test : {Case{0xFFFFFFFF, 12, 1},
-                           {46, 14, 1},
-                           {48, 12, 1},
-                           {32, 0xFFFFFFFF, 1},
-                           {59, 1, 1},
-                           {59, 0, 0},
-                           {0xFFFFFFFF, 0, 0}}) {
-    SCOPED_TRACE(test.offset);
+  for (const auto& [offset, length, errors] :
+       {std::array<std::uint32_t, 3>{0xFFFFFFFF, 12, 1}, {46, 14, 1}, {48, 12, 1}, {32, 0xFFFFFFFF, 1}, {59, 0, 0}}) {
+    SCOPED_TRACE(offset);
     std::vector<std::uint8_t> transfer = Transfer(Payloads{{0, "ab"}, {kEof, "c"}});
-    StoreIsoRecord(transfer.data(), 0, {test.offset, 0, test.length, 0});
+    StoreIsoRecord(transfer.data(), 0, {offset, 0, length, 0});
     Frames frames(8);
     UVCFrameAssembler assembler(frames);
     const CapturingLog log(OSKELO_LOG_ERROR);
     assembler.ParseFrameData(transfer, 2);
     EXPECT_THAT(frames.texts, ElementsAre("c"));
-    EXPECT_EQ(log.Count("iso packet 0"), test.errors);
+    EXPECT_EQ(log.Count("iso packet 0"), errors);
   }
   // More packets than the transfer has room for records of.
   Frames frames(8);
@@ -192,18 +170,12 @@ TEST(UVCPayloads, WithoutABlockCostTheirFrameAlone) {
   frames.withoutMemory = 1;
   UVCFrameAssembler assembler(frames);
   assembler.ParseFrameData(Transfer(Payloads{{0, "a"}, {0, "b"}, {kFid, "c"}, {0, ""}}), 4);
-  EXPECT_THAT(frames.texts, ElementsAre("c"));
-}
-
-TEST(UVCPayloads, MayComeOneByOneOrNotAtAll) {
-  Frames frames(4);
-  UVCFrameAssembler assembler(frames);
-  assembler.ParsePayload(std::vector<std::uint8_t>{12, kEof, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 'a'});
+  assembler.ParsePayload(std::vector<std::uint8_t>{12, kEof, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 'd'});
   const std::span<std::uint8_t> block = frames.NextBlock();
   std::ranges::fill(block, std::uint8_t{'w'});
   assembler.HandOn(block.first(3));
-  EXPECT_THAT(frames.texts, ElementsAre("a", "www"));
-  EXPECT_EQ(frames.stamps[1].index, 1U);
+  EXPECT_THAT(frames.texts, ElementsAre("c", "d", "www"));
+  EXPECT_EQ(frames.stamps[2].index, 2U);
 }
 
 // The rules said otherwise: of the packets that count, each run with one identifier and no end in
@@ -241,17 +213,15 @@ class Generator {
   }
   // A picture as a camera sends it, ended by the toggle alone or by end-of-frame too.
   void Cut(const std::string& picture, Payloads& payloads) {
-    const bool eof = Below(2) == 0;
-    for (std::size_t at = 0; at < picture.size();) {
-      const std::size_t size = 1 + Below(40);
+    for (std::size_t at = 0, size = 0; at < picture.size(); at += size) {
+      size = 1 + Below(40);
       payloads.push_back({mFid, picture.substr(at, size)});
-      at += size;
       if (Below(8) == 0) payloads.push_back({mFid, ""});
     }
-    if (eof) payloads.back().info |= kEof;
+    if (Below(2) == 0) payloads.back().info |= kEof;
     mFid ^= kFid;
   }
-  // What goes wrong on the way.
+  // What goes wrong on the way: lost, short, marked as broken, empty, twice.
   void Spoil(Payloads& payloads) {
     Payloads spoilt;
     for (const Payload& payload : payloads) {

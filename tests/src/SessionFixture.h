@@ -21,14 +21,8 @@ namespace vel {
 inline constexpr RequestId kId{.reqId = 0xA5, .devId = 0x11223344};
 
 // A driver over a scripted backend, and its remote side.
-class SessionFixture : public ::testing::Test {
- protected:
-  explicit SessionFixture(RecordingDeviceBase::Identity identity = {})
-      : remote(std::move(identity)),
-        io(remote),
-        driver(std::make_unique<VirtUsbDriver>(&remote, &ScriptedUsbIo::Create)) {
-    EXPECT_EQ(driver->Init(), 0);
-  }
+struct TestedSession {
+  TestedSession() { EXPECT_EQ(driver->Init(), 0); }
 
   void Post(std::unique_ptr<VelPacket> request) { driver->onEvent(std::move(request)); }
 
@@ -44,12 +38,14 @@ class SessionFixture : public ::testing::Test {
   // Whatever was posted is done when this returns; costs one call of GetDeviceSpeed and one reply.
   void Drain() { EXPECT_THAT(Ask(BuildRequest(Command::kGetDeviceSpeed, {})).wellFormed, true); }
 
-  std::shared_ptr<VirtUsb> Session() const { return std::dynamic_pointer_cast<VirtUsb>(driver->GetDriverObj()); }
+  std::shared_ptr<VirtUsb> Served() const { return std::dynamic_pointer_cast<VirtUsb>(driver->GetDriverObj()); }
 
   RecordingDeviceBase remote;
-  ScriptedUsbIo io;
-  std::unique_ptr<VirtUsbDriver> driver;
+  ScriptedUsbIo io{remote};
+  std::unique_ptr<VirtUsbDriver> driver = std::make_unique<VirtUsbDriver>(&remote, &ScriptedUsbIo::Create);
 };
+
+class SessionFixture : public ::testing::Test, protected TestedSession {};
 
 }  // namespace vel
 

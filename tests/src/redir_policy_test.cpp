@@ -17,32 +17,11 @@
 namespace vel {
 namespace {
 
-using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::ElementsAreArray;
 using ::testing::IsEmpty;
-using ::testing::Not;
-using ::testing::StartsWith;
 
 using Bytes = std::vector<std::uint8_t>;
-
-struct Policed {
-  explicit Policed(std::uint8_t address) : remote({.address = address}), device(&remote, &ScriptedUsbIo::Create) {
-    device.Init();
-    io.Describe(&deviceDesc, &tree.config);
-  }
-
-  int Control(std::uint8_t bmRequestType, std::uint8_t bRequest, std::uint16_t wValue, Bytes& data) {
-    return device.ControlTransfer(bmRequestType, bRequest, wValue, 0x81, data.data(),
-                                  static_cast<std::uint16_t>(data.size()), 9);
-  }
-
-  libusb_device_descriptor deviceDesc{};
-  DescriptorTree tree;
-  RecordingDeviceBase remote;
-  ScriptedUsbIo io{remote};
-  VirtUDevice device;
-};
 
 // The configuration descriptor that an emulated device answers after an open.
 Bytes Rebuilt(const DescriptorTree& tree) {
@@ -59,79 +38,28 @@ Bytes Rebuilt(const DescriptorTree& tree) {
   return data;
 }
 
-TEST(Policy, ClaimsDescriptorRequestsOfEmulatedDevicesOnly) {
-  struct Row {
-    const char* what;
-    std::uint8_t address;
-    std::uint8_t bmRequestType;
-    std::uint8_t bRequest;
-    std::uint16_t wValue;
-    bool claimed;
-  };
-  for (const Row& row :
-       {Row{"device", 0x80, 0x80, 6, 0x0100, true}, Row{"configuration", 0x80, 0x80, 6, 0x0200, true},
-        Row{"any index", 0x80, 0x80, 6, 0x02FF, true},
-        Row{"other recipient is claimed and gets nothing", 0x80, 0x82, 6, 0x0100, true},
-        Row{"string", 0x80, 0x80, 6, 0x0300, false}, Row{"other request", 0x80, 0x80, 8, 0x0100, false},
-        Row{"class", 0x80, 0xA0, 6, 0x0100, false}, Row{"vendor", 0x80, 0xC0, 6, 0x0100, false},
-        Row{"real device", 0x7F, 0x80, 6, 0x0100, false}, Row{"real configuration", 0x7F, 0x80, 6, 0x0200, false}}) {
-    SCOPED_TRACE(row.what);
-    Policed policed(row.address);
-    policed.io.Answer("ControlTransfer", 3);
-    policed.device.OpenUsbDev();
+TEST(Policy, AnswersDescriptorRequestsOfEmulatedDevicesAndClearsHaltsOfAll) {
+  for (const bool emulated : {false, true}) {
+    RecordingDeviceBase remote({.address = static_cast<std::uint8_t>(emulated ? 0x80 : 0x7F)});
+    ScriptedUsbIo io(remote);
+    VirtUDevice device(&remote, &ScriptedUsbIo::Create);
+    device.Init();
+    libusb_device_descriptor descriptor{};
+    DescriptorTree tree;
+    io.Describe(&descriptor, &tree.config);
+    io.Answer("ControlTransfer", 3);
+    device.OpenUsbDev();
     Bytes data(64, 0xEE);
-    const int ret = policed.Control(row.bmRequestType, row.bRequest, row.wValue, data);
-    if (row.claimed) {
-      EXPECT_THAT(policed.io.Calls(), Not(Contains(StartsWith("ControlTransfer"))));
-      EXPECT_EQ(ret, (row.bmRequestType & 6) != 0 ? 0 : row.wValue == 0x0100 ? 18 : 34);
-    } else {
-      EXPECT_THAT(policed.io.Calls(), Contains(StartsWith("ControlTransfer")));
-      EXPECT_EQ(ret, 3);
-      EXPECT_EQ(data, Bytes(64, 0xEE));
-    }
+    EXPECT_EQ(device.ControlTransfer(0x80, 6, 0x0100, 0, data.data(), 64, 9), emulated ? 18 : 3);
+    EXPECT_EQ(device.ControlTransfer(0x80, 6, 0x0200, 0, data.data(), 64, 9), emulated ? 34 : 3);
+    EXPECT_EQ(device.ControlTransfer(0x80, 6, 0x0300, 0, data.data(), 64, 9), 3);
+    // Clears the halt, whose failure is only logged, and reaches the device.
+    io.Answer("ClearHalt", LIBUSB_ERROR_PIPE);
+    EXPECT_EQ(device.ControlTransfer(2, 1, 0, 0x81, nullptr, 0, 9), 0);
+    const std::vector<std::string> calls = io.Calls();
+    EXPECT_EQ(std::vector(calls.end() - 2, calls.end()),
+              std::vector<std::string>({"ClearHalt 129", "ControlTransfer 2 1 0 129 0 9"}));
   }
-}
-
-TEST(Policy, DeviceWithoutDescriptorsGetsAnEmptyAnswer) {
-  const CapturingLog log(OSKELO_LOG_ERROR);
-  Policed policed(0x80);
-  policed.io.Describe(nullptr, nullptr);
-  policed.device.OpenUsbDev();
-  Bytes data(18);
-  EXPECT_EQ(policed.Control(0x80, 6, 0x0100, data), 0);
-  EXPECT_EQ(policed.Control(0x80, 6, 0x0200, data), 0);
-  EXPECT_THAT(log.Messages("ProbePolicy"), ElementsAre("Error:GetDeviceconfig: error"));
-}
-
-TEST(Policy, ClearFeatureOfAnEndpointClearsTheHaltAndReachesTheDevice) {
-  for (const std::uint8_t address : {std::uint8_t{0x7F}, std::uint8_t{0x80}}) {
-    Policed policed(address);
-    policed.io.Answer("ClearHalt", LIBUSB_ERROR_PIPE);
-    const CapturingLog log(OSKELO_LOG_ERROR);
-    Bytes none;
-    EXPECT_EQ(policed.Control(2, 1, 0, none), 0);
-    EXPECT_THAT(policed.io.Calls(), ElementsAre("Init", "ClearHalt 129", "ControlTransfer 2 1 0 129 0 9"));
-    EXPECT_THAT(log.Messages(), ElementsAre("Error:Clear feature status[-9], rt[0x2], r[0x1], v[0x0], i[0x81]"));
-    for (const std::uint8_t other : Bytes{0x00, 0x01, 0x82, 0x22, 0x42}) {
-      policed.Control(other, 1, 0, none);
-    }
-    policed.Control(2, 3, 0, none);
-    EXPECT_EQ(log.Lines().size(), 1U) << "another request cleared a halt";
-  }
-}
-
-TEST(Policy, DeviceWithoutVideoStreamingHasNoPolicyInterface) {
-  RecordingDeviceBase remote;
-  const ScriptedUsbIo io(remote);
-  const std::unique_ptr<IUsbIo> backend(ScriptedUsbIo::Create(kIoTypeEmulated, &remote));
-  RedirPolicy policy(backend.get());
-  EXPECT_EQ(policy.SetPolicy("x"), 0);
-  EXPECT_EQ(policy.SetPolicy(nullptr), 0);
-  EXPECT_EQ(policy.SetInterface(0, 1), -1);
-  EXPECT_EQ(policy.SetInterfacePost(0, 1), -1);
-  EXPECT_TRUE(policy.IsPolicyInterface(0xFF));
-  EXPECT_FALSE(policy.IsPolicyInterface(0x1FF));
-  EXPECT_FALSE(policy.IsPolicyEndpoint(0x81));
 }
 
 TEST(RebuiltConfiguration, IsTheTreeInWireOrder) {
@@ -155,15 +83,11 @@ TEST(RebuiltConfiguration, IsTheTreeInWireOrder) {
 }
 
 TEST(RebuiltConfiguration, IsSizedByWhatIsThereWhateverTheTreeClaims) {
-  const Bytes some(10, 2);
-  struct Row {
+  const struct {
     const char* what;
-    std::function<void(DescriptorTree&)> lie;
+    void (*lie)(DescriptorTree&);
     std::size_t size;
-  };
-  const std::vector<Row> rows = {
-      {"nothing", [](DescriptorTree&) {}, 34},
-      {"total of 0", [](DescriptorTree& t) { t.config.wTotalLength = 0; }, 34},
+  } rows[] = {
       {"total of 65535", [](DescriptorTree& t) { t.config.wTotalLength = 0xFFFF; }, 34},
       {"configuration length 0", [](DescriptorTree& t) { t.config.bLength = 0; }, 34},
       {"configuration length 255", [](DescriptorTree& t) { t.config.bLength = 255; }, 34},
@@ -172,19 +96,13 @@ TEST(RebuiltConfiguration, IsSizedByWhatIsThereWhateverTheTreeClaims) {
       {"endpoint length 8", [](DescriptorTree& t) { t.endpoint.bLength = 8; }, 34},
       {"endpoint length 255", [](DescriptorTree& t) { t.endpoint.bLength = 255; }, 36},
       {"extra bytes at null", [](DescriptorTree& t) { t.config.extra_length = 10; }, 34},
-      {"extra bytes of negative length",
-       [&](DescriptorTree& t) {
-         DescriptorTree::SetExtra(t.endpoint, some);
-         t.endpoint.extra_length = -5;
-       },
-       34},
-      {"no settings", [](DescriptorTree& t) { t.interface.num_altsetting = 0; }, 9},
+      {"extra bytes of negative length", [](DescriptorTree& t) { t.endpoint.extra_length = -5; }, 34},
       {"settings below zero", [](DescriptorTree& t) { t.interface.num_altsetting = -1; }, 9},
       {"settings at null", [](DescriptorTree& t) { t.interface.altsetting = nullptr; }, 9},
       {"endpoints at null", [](DescriptorTree& t) { t.settings[0].bNumEndpoints = 255; }, 34},
       {"interfaces at null", [](DescriptorTree& t) { t.config.interface = nullptr; }, 9},
   };
-  for (const Row& row : rows) {
+  for (const auto& row : rows) {
     SCOPED_TRACE(row.what);
     DescriptorTree tree;
     row.lie(tree);

@@ -13,13 +13,10 @@ LogLine Parse(int level, std::string text) {
   const std::size_t bracket = text.find('(', space == std::string::npos ? 0 : space);
   const std::size_t colon = text.find("): ", bracket == std::string::npos ? 0 : bracket);
   if (space != std::string::npos && bracket != std::string::npos && colon != std::string::npos) {
-    line.file = text.substr(0, space);
     line.function = text.substr(space + 1, bracket - space - 1);
     line.message = text.substr(colon + 3);
     if (line.message.starts_with("[bus:")) {
-      const std::size_t end = line.message.find(']') + 1;
-      line.device = line.message.substr(0, end);
-      line.message.erase(0, end);
+      line.message.erase(0, line.message.find(']') + 1);
     }
   }
   line.text = std::move(text);

@@ -16,9 +16,7 @@ namespace vel {
 struct LogLine {
   int level = 0;
   std::string text;
-  std::string file;
   std::string function;
-  std::string device;
   std::string message;  // With its word: "Error:FAIL 0".
 };
 

@@ -57,12 +57,9 @@ void RecordingDeviceBase::Trace(std::uint64_t spanId, const char* event, const V
 bool RecordingDeviceBase::WaitForReplies(std::size_t n) const {
   const auto deadline = std::chrono::steady_clock::now() + kDeadline;
   MutexLock lock(mMutex);
-  while (mReplyCount < n) {
-    if (!mReplied.WaitUntil(lock, deadline)) {
-      return mReplyCount >= n;
-    }
+  while (mReplyCount < n && mReplied.WaitUntil(lock, deadline)) {
   }
-  return true;
+  return mReplyCount >= n;
 }
 
 std::vector<Reply> RecordingDeviceBase::Replies() const {

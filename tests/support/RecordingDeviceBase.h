@@ -1,7 +1,6 @@
 #ifndef VIRTUSB_TESTS_SUPPORT_RECORDING_DEVICE_BASE_H
 #define VIRTUSB_TESTS_SUPPORT_RECORDING_DEVICE_BASE_H
 
-#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -35,10 +34,10 @@ class RecordingDeviceBase final : public VelDeviceBase {
     std::uint16_t vendorId = 0xFF00;
     std::uint16_t productId = 0xFF06;
     std::uint32_t devId = 9;
-    std::uint32_t channelId = 4;
     std::string args = "";
-    int redirected = 1;
   };
+  static constexpr std::uint8_t kReplyReqId = 0x77;  // Of give-backs.
+
   // Called in Send, before the reply is kept, on the module's thread; may block.
   using SendHook = std::function<void(const Reply&)>;
 
@@ -49,7 +48,6 @@ class RecordingDeviceBase final : public VelDeviceBase {
   void OnSend(SendHook hook) { mHook = std::move(hook); }
   void CountRepliesOnly() { mKeepsReplies = false; }
   void AnswerFailedTransfers() { mAnswersFailedTransfers = true; }
-  void SetReplyReqId(std::uint8_t reqId) { mReplyReqId = reqId; }
 
   // False when fewer than `n` replies, counted from the start, have come by the deadline.
   [[nodiscard]] bool WaitForReplies(std::size_t n) const;
@@ -61,13 +59,13 @@ class RecordingDeviceBase final : public VelDeviceBase {
 
   std::uint8_t GetBusNumber() const override { return mIdentity.bus; }
   std::uint8_t GetDeviceAddress() const override { return mIdentity.address; }
-  int IsRedirected() const override { return mIdentity.redirected; }
+  int IsRedirected() const override { return 1; }
   std::uint32_t GetDevId() const override { return mIdentity.devId; }
-  std::uint32_t GetChannelId() const override { return mIdentity.channelId; }
+  std::uint32_t GetChannelId() const override { return 4; }
   std::uint16_t GetVendorId() const override { return mIdentity.vendorId; }
   std::uint16_t GetProductId() const override { return mIdentity.productId; }
   const char* GetArgs() const override { return mIdentity.args.c_str(); }
-  std::uint8_t TakeReplyReqId(std::uint16_t, std::uint32_t) override { return mReplyReqId; }
+  std::uint8_t TakeReplyReqId(std::uint16_t, std::uint32_t) override { return kReplyReqId; }
   int Send(std::unique_ptr<VelPacket> packet, std::uint32_t waitMs) override;
   void Trace(std::uint64_t spanId, const char* event, const VelTraceAttribute* attributes, std::size_t count) override;
   bool AnswersFailedTransfers() const override { return mAnswersFailedTransfers; }
@@ -77,7 +75,6 @@ class RecordingDeviceBase final : public VelDeviceBase {
   SendHook mHook;
   bool mKeepsReplies = true;
   bool mAnswersFailedTransfers = false;
-  std::atomic<std::uint8_t> mReplyReqId{0x77};
   mutable Mutex mMutex;
   mutable CondVar mReplied;
   std::vector<Reply> mReplies VEL_GUARDED_BY(mMutex);

@@ -29,6 +29,11 @@ MATCHER_P2(BeginsWith, fields, data, "") {
   return ::testing::ExplainMatchResult(data, rest, result_listener);
 }
 
+ReplyMatcher IsGiveBack(Command request, std::initializer_list<std::uint32_t> fields, const BytesMatcher& data) {
+  return AllOf(HasCommand(request), Field("reqId", &Reply::reqId, RecordingDeviceBase::kReplyReqId),
+               Field("payload", &Reply::payload, BeginsWith(Words(fields), data)));
+}
+
 }  // namespace
 
 void PrintTo(const Reply& reply, std::ostream* out) {
@@ -46,21 +51,15 @@ ReplyMatcher IsStatusReply(Command request, std::uint8_t reqId, std::uint32_t de
 }
 
 ReplyMatcher IsBulkReply(std::uint32_t streamId, std::int32_t status, BytesMatcher data) {
-  return AllOf(
-      HasCommand(Command::kBulkTransfer),
-      Field("payload", &Reply::payload, BeginsWith(Words({streamId, static_cast<std::uint32_t>(status)}), data)));
+  return IsGiveBack(Command::kBulkTransfer, {streamId, static_cast<std::uint32_t>(status)}, data);
 }
 
 ReplyMatcher IsInterruptReply(std::uint32_t streamId, std::int32_t status, BytesMatcher data) {
-  return AllOf(
-      HasCommand(Command::kInterruptTransfer),
-      Field("payload", &Reply::payload, BeginsWith(Words({streamId, static_cast<std::uint32_t>(status)}), data)));
+  return IsGiveBack(Command::kInterruptTransfer, {streamId, static_cast<std::uint32_t>(status)}, data);
 }
 
 ReplyMatcher IsIsoReply(std::uint32_t streamId, std::int32_t status, std::uint32_t packets, BytesMatcher data) {
-  return AllOf(HasCommand(Command::kIsochTransfer),
-               Field("payload", &Reply::payload,
-                     BeginsWith(Words({streamId, static_cast<std::uint32_t>(status), packets}), data)));
+  return IsGiveBack(Command::kIsochTransfer, {streamId, static_cast<std::uint32_t>(status), packets}, data);
 }
 
 }  // namespace vel

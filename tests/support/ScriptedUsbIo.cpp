@@ -6,6 +6,7 @@
 #include <deque>
 #include <map>
 #include <set>
+#include <thread>
 #include <utility>
 
 #include "support/Limits.h"
@@ -40,9 +41,7 @@ struct ScriptedUsbIo::Script {
   std::map<std::string, int, std::less<>> answers VEL_GUARDED_BY(mutex);
   std::set<std::string, std::less<>> blocked VEL_GUARDED_BY(mutex);
   std::vector<std::string> calls VEL_GUARDED_BY(mutex);
-  std::vector<std::thread::id> callThreads VEL_GUARDED_BY(mutex);
-  DataHook onControl VEL_GUARDED_BY(mutex);
-  DataHook onString VEL_GUARDED_BY(mutex);
+  std::map<std::string, DataHook, std::less<>> hooks VEL_GUARDED_BY(mutex);
   libusb_device_descriptor* deviceDesc VEL_GUARDED_BY(mutex) = nullptr;
   libusb_config_descriptor* configDesc VEL_GUARDED_BY(mutex) = nullptr;
   Mode mode VEL_GUARDED_BY(mutex) = Mode::kAtOnce;
@@ -50,8 +49,6 @@ struct ScriptedUsbIo::Script {
   std::size_t completing VEL_GUARDED_BY(mutex) = 0;
   std::size_t completed VEL_GUARDED_BY(mutex) = 0;
   std::vector<Submitted> transfers VEL_GUARDED_BY(mutex);
-  UsbIoTransferCallback* callback VEL_GUARDED_BY(mutex) = nullptr;
-  std::uint32_t createdType VEL_GUARDED_BY(mutex) = 0;
   bool destroyed VEL_GUARDED_BY(mutex) = false;
   bool ending VEL_GUARDED_BY(mutex) = false;
   std::thread completer;  // The test's thread only.
@@ -75,19 +72,14 @@ struct ScriptedUsbIo::Script {
 
   void Record(std::string call) VEL_REQUIRES(mutex) {
     calls.push_back(std::move(call));
-    callThreads.push_back(std::this_thread::get_id());
     changed.NotifyAll();
   }
 
-  // Waits for a call until `deadline`.
   bool WaitForCall(std::string_view call, Clock::time_point deadline) const {
     MutexLock lock(mutex);
-    while (std::find(calls.begin(), calls.end(), call) == calls.end()) {
-      if (!changed.WaitUntil(lock, deadline)) {
-        return std::find(calls.begin(), calls.end(), call) != calls.end();
-      }
+    while (std::ranges::find(calls, call) == calls.end() && changed.WaitUntil(lock, deadline)) {
     }
-    return true;
+    return std::ranges::find(calls, call) != calls.end();
   }
 
   // Completes one held record that `wanted` picks.
@@ -177,8 +169,7 @@ class ScriptedUsbIo::Backend final : public IUsbIo {
   std::uint8_t GetDeviceSpeed() override { return CallForByte("GetDeviceSpeed"); }
   int GetStringDescriptor(std::uint8_t index, std::uint16_t langId, std::uint8_t* buffer, int length) override {
     const int result = mScript->Call("GetStringDescriptor", {index, langId, length});
-    const DataHook hook = CopyHook(&Script::onString);
-    return hook ? hook({buffer, static_cast<std::size_t>(length)}) : result;
+    return AnswerData("GetStringDescriptor", {buffer, static_cast<std::size_t>(length)}, result);
   }
   int ResetDevice() override { return mScript->Call("ResetDevice"); }
   int AttachKernelDriver() override { return mScript->Call("AttachKernelDriver"); }
@@ -199,8 +190,7 @@ class ScriptedUsbIo::Backend final : public IUsbIo {
   int ControlTransfer(std::uint8_t bmRequestType, std::uint8_t bRequest, std::uint16_t wValue, std::uint16_t wIndex,
                       std::uint8_t* data, std::uint16_t wLength, std::uint32_t timeout) override {
     const int result = mScript->Call("ControlTransfer", {bmRequestType, bRequest, wValue, wIndex, wLength, timeout});
-    const DataHook hook = CopyHook(&Script::onControl);
-    return hook ? hook({data, wLength}) : result;
+    return AnswerData("ControlTransfer", {data, wLength}, result);
   }
   int BulkTransfer(_UsbIoXferInfo* info) override { return Submit("BulkTransfer", info); }
   int InterruptTransfer(_UsbIoXferInfo* info) override { return Submit("InterruptTransfer", info); }
@@ -209,9 +199,14 @@ class ScriptedUsbIo::Backend final : public IUsbIo {
  private:
   std::uint8_t CallForByte(std::string_view operation) { return static_cast<std::uint8_t>(mScript->Call(operation)); }
 
-  DataHook CopyHook(DataHook Script::*hook) const {
-    const MutexLock lock(mScript->mutex);
-    return (*mScript).*hook;
+  int AnswerData(std::string_view operation, std::span<std::uint8_t> data, int otherwise) const {
+    DataHook hook;
+    {
+      const MutexLock lock(mScript->mutex);
+      const auto found = mScript->hooks.find(operation);
+      hook = found == mScript->hooks.end() ? nullptr : found->second;
+    }
+    return hook ? hook(data) : otherwise;
   }
 
   int Submit(std::string_view operation, _UsbIoXferInfo* info) {
@@ -224,14 +219,11 @@ class ScriptedUsbIo::Backend final : public IUsbIo {
     {
       const MutexLock lock(mScript->mutex);
       const auto* table = static_cast<const std::uint8_t*>(info->isoDescCopy);
-      mScript->transfers.push_back({.xferType = info->xferType,
-                                    .streamId = info->streamId,
+      mScript->transfers.push_back({.streamId = info->streamId,
                                     .localXferId = info->localXferId,
-                                    .epAddr = info->epAddr,
                                     .isoPacketNum = info->isoPacketNum,
                                     .length = info->length,
                                     .isoDescCopy = {table, table + info->isoDescLen}});
-      mScript->callback = info->callback;
       if (result >= 0 && mScript->mode != Script::Mode::kAtOnce) {
         mScript->held.push_back(info);
         mScript->changed.NotifyAll();
@@ -295,8 +287,6 @@ IUsbIo* ScriptedUsbIo::Create(std::uint32_t type, VelDeviceBase* device) {
   if (found == registry.scripts.end()) {
     return nullptr;
   }
-  const MutexLock scriptLock(found->second->mutex);
-  found->second->createdType = type;
   return new Backend(found->second, type);
 }
 
@@ -305,14 +295,9 @@ void ScriptedUsbIo::Answer(std::string_view operation, int result) {
   mScript->answers.insert_or_assign(std::string(operation), result);
 }
 
-void ScriptedUsbIo::AnswerControl(DataHook hook) {
+void ScriptedUsbIo::AnswerData(std::string_view operation, DataHook hook) {
   const MutexLock lock(mScript->mutex);
-  mScript->onControl = std::move(hook);
-}
-
-void ScriptedUsbIo::AnswerString(DataHook hook) {
-  const MutexLock lock(mScript->mutex);
-  mScript->onString = std::move(hook);
+  mScript->hooks.insert_or_assign(std::string(operation), std::move(hook));
 }
 
 void ScriptedUsbIo::Describe(libusb_device_descriptor* device, libusb_config_descriptor* config) {
@@ -356,11 +341,6 @@ std::vector<std::string> ScriptedUsbIo::Calls() const {
   return mScript->calls;
 }
 
-std::vector<std::thread::id> ScriptedUsbIo::CallThreads() const {
-  const MutexLock lock(mScript->mutex);
-  return mScript->callThreads;
-}
-
 std::vector<ScriptedUsbIo::Submitted> ScriptedUsbIo::Transfers() const {
   const MutexLock lock(mScript->mutex);
   return mScript->transfers;
@@ -369,11 +349,6 @@ std::vector<ScriptedUsbIo::Submitted> ScriptedUsbIo::Transfers() const {
 std::size_t ScriptedUsbIo::CompletedCount() const {
   const MutexLock lock(mScript->mutex);
   return mScript->completed;
-}
-
-std::uint32_t ScriptedUsbIo::CreatedType() const {
-  const MutexLock lock(mScript->mutex);
-  return mScript->createdType;
 }
 
 bool ScriptedUsbIo::IsDestroyed() const {
@@ -392,17 +367,9 @@ bool ScriptedUsbIo::IsCalledSoon(std::string_view call) const {
 bool ScriptedUsbIo::WaitForHeld(std::size_t n) const {
   const auto deadline = Clock::now() + kDeadline;
   MutexLock lock(mScript->mutex);
-  while (mScript->held.size() < n) {
-    if (!mScript->changed.WaitUntil(lock, deadline)) {
-      return mScript->held.size() >= n;
-    }
+  while (mScript->held.size() < n && mScript->changed.WaitUntil(lock, deadline)) {
   }
-  return true;
-}
-
-UsbIoTransferCallback* ScriptedUsbIo::Callback() const {
-  const MutexLock lock(mScript->mutex);
-  return mScript->callback;
+  return mScript->held.size() >= n;
 }
 
 }  // namespace vel

@@ -9,7 +9,6 @@
 #include <span>
 #include <string>
 #include <string_view>
-#include <thread>
 #include <vector>
 
 #include "io/IUsbIo.h"
@@ -36,10 +35,8 @@ class ScriptedUsbIo {
   };
   // A record as it was submitted.
   struct Submitted {
-    std::uint32_t xferType = 0;
     std::uint32_t streamId = 0;
     std::uint32_t localXferId = 0;
-    std::uint8_t epAddr = 0;
     std::uint32_t isoPacketNum = 0;
     std::uint32_t length = 0;
     std::vector<std::uint8_t> isoDescCopy;
@@ -56,10 +53,8 @@ class ScriptedUsbIo {
   // What an operation answers; 0 unless told. A negative answer of BulkTransfer, InterruptTransfer
   // or IsochTransfer refuses the record.
   void Answer(std::string_view operation, int result);
-  // Fills the buffer of a control transfer or string descriptor and says what the operation
-  // answers.
-  void AnswerControl(DataHook hook);
-  void AnswerString(DataHook hook);
+  // Fills the buffer of "ControlTransfer" or "GetStringDescriptor" and says what the operation answers.
+  void AnswerData(std::string_view operation, DataHook hook);
   void Describe(libusb_device_descriptor* device, libusb_config_descriptor* config);
 
   // The operation blocks until released, or until the device is closed.
@@ -79,18 +74,14 @@ class ScriptedUsbIo {
   // followed by "ResetDevice done". The record's endpoint, stream id and length are a transfer's
   // arguments.
   std::vector<std::string> Calls() const;
-  std::vector<std::thread::id> CallThreads() const;
   std::vector<Submitted> Transfers() const;
   std::size_t CompletedCount() const;
-  std::uint32_t CreatedType() const;
   bool IsDestroyed() const;
   // False when it was not called, or so many are not held, by the deadline; IsCalledSoon is for
   // calls that must not come.
   [[nodiscard]] bool WaitForCall(std::string_view call) const;
   [[nodiscard]] bool IsCalledSoon(std::string_view call) const;
   [[nodiscard]] bool WaitForHeld(std::size_t n) const;
-  // The callback of the latest record.
-  UsbIoTransferCallback* Callback() const;
 
  private:
   class Backend;

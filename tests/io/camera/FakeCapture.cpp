@@ -1,18 +1,18 @@
 #include "FakeCapture.h"
 
-#include <algorithm>
 #include <thread>
 #include <utility>
 
 #include "oskelo/log.h"
 
-namespace vel {
 namespace {
 
-FakeCapture* gFake = nullptr;
+vel::FakeCapture* gFake = nullptr;
 thread_local bool tDelivers = false;
 
 }  // namespace
+
+namespace vel {
 
 FakeCapture::FakeCapture() {
   oskeloLogSetLevel(OSKELO_LOG_OFF);  // Until a test takes the log down.
@@ -23,136 +23,62 @@ FakeCapture::~FakeCapture() {
   gFake = nullptr;
 }
 
-void FakeCapture::BlockOpen() {
-  const MutexLock lock(mMutex);
-  mOpenBlocked = true;
+void FakeCapture::Set(bool& flag, bool value) {
+  const MutexLock lock(mutex);
+  flag = value;
+  changed.NotifyAll();
 }
 
-void FakeCapture::ReleaseOpen() {
-  const MutexLock lock(mMutex);
-  mOpenBlocked = false;
-  mChanged.NotifyAll();
-}
-
-bool FakeCapture::Picture(std::vector<std::uint8_t> picture) {
-  CamStreamCallback callback = nullptr;
-  void* context = nullptr;
+bool FakeCapture::Picture(std::string picture) {
+  CamStreamCallback deliver = nullptr;
+  void* receiver = nullptr;
   {
-    const MutexLock lock(mMutex);
-    callback = mCallback;
-    context = mContext;
-    mDelivering += callback != nullptr ? 1 : 0;
+    const MutexLock lock(mutex);
+    deliver = callback;
+    receiver = context;
+    delivering += deliver != nullptr ? 1 : 0;
   }
-  if (callback == nullptr) {
+  if (deliver == nullptr) {
     return false;
   }
   tDelivers = true;
-  callback(picture.data(), static_cast<unsigned>(picture.size()), context);
+  deliver(reinterpret_cast<unsigned char*>(picture.data()), static_cast<unsigned>(picture.size()), receiver);
   tDelivers = false;
-  const MutexLock lock(mMutex);
-  --mDelivering;
-  mChanged.NotifyAll();
+  const MutexLock lock(mutex);
+  --delivering;
+  changed.NotifyAll();
   return true;
 }
 
-void FakeCapture::Unplug() {
-  const MutexLock lock(mMutex);
-  mUnplugged = true;
-  mChanged.NotifyAll();
+std::vector<std::string> FakeCapture::Calls() {
+  const MutexLock lock(mutex);
+  return calls;
 }
 
-std::vector<std::string> FakeCapture::Calls() const {
-  const MutexLock lock(mMutex);
-  return mCalls;
-}
-
-bool FakeCapture::WaitForCall(const std::string& call) const {
+bool FakeCapture::WaitForStream() {
   const auto deadline = std::chrono::steady_clock::now() + kDeadline;
-  MutexLock lock(mMutex);
-  while (std::find(mCalls.begin(), mCalls.end(), call) == mCalls.end()) {
-    if (!mChanged.WaitUntil(lock, deadline)) {
-      return false;
-    }
+  MutexLock lock(mutex);
+  while (!streaming && changed.WaitUntil(lock, deadline)) {
   }
-  return true;
-}
-
-bool FakeCapture::WaitForStream() const {
-  const auto deadline = std::chrono::steady_clock::now() + kDeadline;
-  MutexLock lock(mMutex);
-  while (!mStreaming) {
-    if (!mChanged.WaitUntil(lock, deadline)) {
-      return false;
-    }
-  }
-  return true;
-}
-
-std::string FakeCapture::RegisteredId() const {
-  const MutexLock lock(mMutex);
-  return mRegisteredId;
-}
-
-void FakeCapture::Note(const std::string& call) {
-  const MutexLock lock(mMutex);
-  mCalls.push_back(call);
-  mChanged.NotifyAll();
-}
-
-int FakeCapture::Open() {
-  MutexLock lock(mMutex);
-  while (mOpenBlocked) {
-    mChanged.Wait(lock);
-  }
-  return openResult;
-}
-
-int FakeCapture::Stream() {
-  MutexLock lock(mMutex);
-  mStreaming = !mStopped;
-  mChanged.NotifyAll();
-  while (mStreaming && !mUnplugged) {
-    mChanged.Wait(lock);
-  }
-  mStreaming = false;
-  return std::exchange(mUnplugged, false) ? -1 : 0;
-}
-
-void FakeCapture::StopStream() {
-  const MutexLock lock(mMutex);
-  mStopped = true;
-  mStreaming = false;
-  mChanged.NotifyAll();
-}
-
-void FakeCapture::Arm() {
-  const MutexLock lock(mMutex);
-  mStopped = false;
-}
-
-void FakeCapture::Register(const char* id, CamStreamCallback callback, void* context) {
-  MutexLock lock(mMutex);
-  mRegisteredId = id;
-  mCallback = callback;
-  mContext = context;
-  while (callback == nullptr && mDelivering > 0 && !tDelivers) {
-    mChanged.Wait(lock);
-  }
+  return streaming;
 }
 
 }  // namespace vel
 
-using vel::gFake;
-
 extern "C" {
 
 int CamOpen(const char* id) {
-  gFake->Note(std::string("CamOpen ") + id);
-  return gFake->Open();
+  vel::MutexLock lock(gFake->mutex);
+  gFake->calls.push_back(std::string("CamOpen ") + id);
+  while (gFake->openBlocked) {
+    gFake->changed.Wait(lock);
+  }
+  return gFake->openResult;
 }
 
 int CamClose(const char* id) {
-  gFake->Note(std::string("CamClose ") + id);
+  const vel::MutexLock lock(gFake->mutex);
+  gFake->calls.push_back(std::string("CamClose ") + id);
   return 0;
 }
 
@@ -163,26 +89,44 @@ int CamGetParamList(const char* /*id*/, _CameraParam** list, int* count) {
 }
 
 int CamSetParam(const char* /*id*/, _CameraParam* param) {
-  gFake->Note("CamSetParam " + std::to_string(param->width) + "x" + std::to_string(param->height) + " " +
-              std::to_string(param->pixelFormat));
-  gFake->Arm();
+  const vel::MutexLock lock(gFake->mutex);
+  gFake->calls.push_back("CamSetParam " + std::to_string(param->width) + "x" + std::to_string(param->height) + " " +
+                         std::to_string(param->pixelFormat));
+  gFake->stopped = false;
   return gFake->setParamResult;
 }
 
 int CamStreamOn(const char* id) {
-  gFake->Note(std::string("CamStreamOn ") + id);
-  return gFake->Stream();
+  vel::MutexLock lock(gFake->mutex);
+  gFake->calls.push_back(std::string("CamStreamOn ") + id);
+  gFake->streaming = !gFake->stopped;
+  gFake->changed.NotifyAll();
+  while (gFake->streaming && !gFake->unplugged) {
+    gFake->changed.Wait(lock);
+  }
+  gFake->streaming = false;
+  return std::exchange(gFake->unplugged, false) ? -1 : 0;
 }
 
 int CamStreamOff(const char* id) {
-  gFake->Note(std::string("CamStreamOff ") + id);
-  gFake->StopStream();
+  const vel::MutexLock lock(gFake->mutex);
+  gFake->calls.push_back(std::string("CamStreamOff ") + id);
+  gFake->stopped = true;
+  gFake->streaming = false;
+  gFake->changed.NotifyAll();
   return 0;
 }
 
-void CamSetStreamCallback(const char* id, CamStreamCallback callback, void* context) {
-  if (gFake != nullptr) {
-    gFake->Register(id, callback, context);
+// As the library promises, a callback that was taken away is not running any more.
+void CamSetStreamCallback(const char* /*id*/, CamStreamCallback callback, void* context) {
+  if (gFake == nullptr) {
+    return;
+  }
+  vel::MutexLock lock(gFake->mutex);
+  gFake->callback = callback;
+  gFake->context = context;
+  while (callback == nullptr && gFake->delivering > 0 && !tDelivers) {
+    gFake->changed.Wait(lock);
   }
 }
 

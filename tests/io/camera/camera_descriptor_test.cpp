@@ -1,10 +1,8 @@
-// What the camera says it is.
+// What the camera says it is, and what it answers on its control endpoint.
 #include <gmock/gmock.h>
 
-#include <memory>
 #include <string_view>
 
-#include "Completions.h"
 #include "FakeCapture.h"
 #include "io/DummyUsbIo/DummyUvcIo.h"
 #include "io/DummyUsbIo/UvcConfigBuilder.h"
@@ -13,102 +11,57 @@
 namespace vel {
 namespace {
 
-using ::testing::Contains;
 using ::testing::ElementsAre;
 
+using Bytes = std::vector<std::uint8_t>;
 using Sizes = std::vector<_CameraParam>;
 
-void AppendHex(Bytes& bytes, std::string_view hex) {
+// Bytes in hexadecimal; "??" is a byte from `values`, in turn.
+void Append(Bytes& bytes, std::string_view hex, std::initializer_list<std::size_t> values = {}) {
+  const auto* value = values.begin();
   for (std::size_t i = 0; i + 1 < hex.size(); ++i) {
     if (hex[i] != ' ') {
-      bytes.push_back(static_cast<std::uint8_t>(std::stoul(std::string(hex.substr(i++, 2)), nullptr, 16)));
+      const std::string digits(hex.substr(i++, 2));
+      bytes.push_back(static_cast<std::uint8_t>(digits == "??" ? *value++ : std::stoul(digits, nullptr, 16)));
     }
   }
 }
 
-void AppendFrames(Bytes& bytes, std::string_view head, std::string_view tail, const Sizes& sizes) {
+void AppendFrames(Bytes& bytes, std::string_view hex, const Sizes& sizes) {
   for (std::size_t i = 0; i < sizes.size(); ++i) {
-    AppendHex(bytes, head);
-    for (const std::size_t byte :
-         {i + 1, std::size_t{0}, std::size_t{sizes[i].width} & 0xFF, std::size_t{sizes[i].width} >> 8,
-          std::size_t{sizes[i].height}, std::size_t{sizes[i].height} >> 8}) {
-      bytes.push_back(static_cast<std::uint8_t>(byte));
-    }
-    AppendHex(bytes, tail);
+    Append(bytes, hex,
+           {i + 1, sizes[i].width & 0xFFU, sizes[i].width >> 8U, sizes[i].height & 0xFFU, sizes[i].height >> 8U});
   }
-}
-
-// The streaming block, as it is documented.
-Bytes StreamingBlock(const Sizes& sizes, bool mjpeg) {
-  Bytes block;
-  const auto count = static_cast<std::uint8_t>(sizes.size());
-  AppendHex(block,
-            mjpeg ? "0F 24 01 02 00 00 81 00 05 02 00 00 01 00 00" : "0E 24 01 01 00 00 81 00 05 02 00 00 01 00");
-  if (mjpeg) {
-    AppendHex(block, "0B 24 06 01");
-    block.push_back(count);
-    AppendHex(block, "00 01 00 00 00 00");
-    AppendFrames(block, "1E 24 07", "30 28 CC 08 30 28 CC 08 4D 62 09 00 15 16 05 00 01 15 16 05 00", sizes);
-    AppendHex(block, "0A 24 03 00 01 80 02 E0 01 00 06 24 0D 01 01 04");
-  }
-  AppendHex(block, mjpeg ? "1B 24 04 02" : "1B 24 04 01");
-  block.push_back(count);
-  AppendHex(block, "59 55 59 32 00 00 10 00 80 00 00 AA 00 38 9B 71 10 01 00 00 00 00");
-  AppendFrames(block, "1E 24 05", "00 00 CA 08 00 00 CA 08 00 60 09 00 15 16 05 00 01 15 16 05 00", sizes);
-  block[4] = static_cast<std::uint8_t>(block.size());
-  block[5] = static_cast<std::uint8_t>(block.size() >> 8U);
-  return block;
 }
 
 Bytes Configuration(const Sizes& sizes, bool mjpeg) {
+  const std::size_t count = sizes.size();
+  const std::size_t block = mjpeg ? 69 + 60 * count : 41 + 30 * count;
+  const std::size_t total = 176 + block;
   Bytes bytes;
-  AppendHex(bytes,
-            "09 02 00 00 02 01 00 80 FA  08 0B 00 02 0E 03 00 01"
-            "09 04 00 00 00 0E 01 00 01  0D 24 01 00 01 4D 00 C0 E1 E4 00 01 01"
-            "09 24 03 05 01 01 00 03 00"
-            "1A 24 06 03 8C A7 29 12 B4 47 94 40 B0 CE DB 07 38 6F B9 38 08 01 02 01 00 00"
-            "12 24 02 01 01 02 00 00 00 00 00 00 00 00 03 00 00 00"
-            "0B 24 05 02 01 00 00 02 00 00 00  09 04 01 00 00 0E 02 00 01");
-  const Bytes block = StreamingBlock(sizes, mjpeg);
-  bytes.insert(bytes.end(), block.begin(), block.end());
-  for (std::uint8_t alt = 1; alt <= 4; ++alt) {
-    AppendHex(bytes, "09 04 01");
-    bytes.push_back(alt);
-    AppendHex(bytes, "01 0E 02 00 01  07 05 81 01 00 14 01");
+  Append(bytes,
+         "09 02 ?? ?? 02 01 00 80 FA  08 0B 00 02 0E 03 00 01"
+         "09 04 00 00 00 0E 01 00 01  0D 24 01 00 01 4D 00 C0 E1 E4 00 01 01"
+         "09 24 03 05 01 01 00 03 00"
+         "1A 24 06 03 8C A7 29 12 B4 47 94 40 B0 CE DB 07 38 6F B9 38 08 01 02 01 00 00"
+         "12 24 02 01 01 02 00 00 00 00 00 00 00 00 03 00 00 00"
+         "0B 24 05 02 01 00 00 02 00 00 00  09 04 01 00 00 0E 02 00 01",
+         {total & 0xFFU, total >> 8U});
+  if (mjpeg) {
+    Append(bytes, "0F 24 01 02 ?? ?? 81 00 05 02 00 00 01 00 00  0B 24 06 01 ?? 00 01 00 00 00 00",
+           {block & 0xFFU, block >> 8U, count});
+    AppendFrames(bytes, "1E 24 07 ?? 00 ?? ?? ?? ?? 30 28 CC 08 30 28 CC 08 4D 62 09 00 15 16 05 00 01 15 16 05 00",
+                 sizes);
+    Append(bytes, "0A 24 03 00 01 80 02 E0 01 00  06 24 0D 01 01 04");
+  } else {
+    Append(bytes, "0E 24 01 01 ?? ?? 81 00 05 02 00 00 01 00", {block & 0xFFU, block >> 8U});
   }
-  bytes[2] = static_cast<std::uint8_t>(bytes.size());
-  bytes[3] = static_cast<std::uint8_t>(bytes.size() >> 8U);
-  return bytes;
-}
-
-// The bytes that a tree in libusb's layout stands for.
-Bytes Flatten(const libusb_config_descriptor& config) {
-  Bytes bytes;
-  const auto append = [&bytes](const unsigned char* data, int length) {
-    bytes.insert(bytes.end(), data, data + length);
-  };
-  const auto low = [](std::uint16_t value) { return static_cast<std::uint8_t>(value); };
-  const auto high = [](std::uint16_t value) { return static_cast<std::uint8_t>(value >> 8U); };
-  bytes = {config.bLength,        config.bDescriptorType,     low(config.wTotalLength), high(config.wTotalLength),
-           config.bNumInterfaces, config.bConfigurationValue, config.iConfiguration,    config.bmAttributes,
-           config.MaxPower};
-  append(config.extra, config.extra_length);
-  for (int i = 0; i < config.bNumInterfaces; ++i) {
-    for (int a = 0; a < config.interface[i].num_altsetting; ++a) {
-      const libusb_interface_descriptor& alt = config.interface[i].altsetting[a];
-      const Bytes head = {alt.bLength,       alt.bDescriptorType, alt.bInterfaceNumber,   alt.bAlternateSetting,
-                          alt.bNumEndpoints, alt.bInterfaceClass, alt.bInterfaceSubClass, alt.bInterfaceProtocol,
-                          alt.iInterface};
-      append(head.data(), 9);
-      append(alt.extra, alt.extra_length);
-      for (int e = 0; e < alt.bNumEndpoints; ++e) {
-        const libusb_endpoint_descriptor& ep = alt.endpoint[e];
-        const Bytes tail = {ep.bLength,      ep.bDescriptorType,     ep.bEndpointAddress,
-                            ep.bmAttributes, low(ep.wMaxPacketSize), high(ep.wMaxPacketSize),
-                            ep.bInterval};
-        append(tail.data(), 7);
-      }
-    }
+  Append(bytes, "1B 24 04 ?? ?? 59 55 59 32 00 00 10 00 80 00 00 AA 00 38 9B 71 10 01 00 00 00 00",
+         {mjpeg ? 2U : 1U, count});
+  AppendFrames(bytes, "1E 24 05 ?? 00 ?? ?? ?? ?? 00 00 CA 08 00 00 CA 08 00 60 09 00 15 16 05 00 01 15 16 05 00",
+               sizes);
+  for (std::size_t alt = 1; alt <= 4; ++alt) {
+    Append(bytes, "09 04 01 ?? 01 0E 02 00 01  07 05 81 01 00 14 01", {alt});
   }
   return bytes;
 }
@@ -121,93 +74,82 @@ Sizes Many(std::uint32_t count, std::uint32_t pixelFormat) {
   return sizes;
 }
 
-struct Source {
-  const char* what;
-  Sizes listed;
-  Sizes offered;
-  std::uint32_t capability;
-};
+TEST(CameraDescriptors, AreBuiltToTheByte) {
+  for (const bool mjpeg : {false, true}) {
+    for (const std::uint32_t count : {1U, 2U, 40U}) {
+      const Sizes sizes = Many(count, 2);
+      UvcConfigBuilder builder(mjpeg);
+      builder.CreateConfigHeader();
+      builder.CreateCtrlInterface();
+      builder.CreateVsInterface(sizes);
+      const Bytes built = builder.Take();
+      EXPECT_EQ(built, Configuration(sizes, mjpeg));
+      EXPECT_EQ(built.size(), 217 + 30 * count + (mjpeg ? 28 + 30 * count : 0));
+    }
+  }
+}
+
+std::string Text(const Sizes& sizes) {
+  std::string text;
+  for (const _CameraParam& size : sizes) {
+    text += std::to_string(size.width) + "x" + std::to_string(size.height) + " ";
+  }
+  return text;
+}
+
+// The sizes of the only format.
+std::string Offered(const libusb_config_descriptor& config) {
+  constexpr int kFrames = 14 + 27;  // Behind header and format.
+  const libusb_interface_descriptor& streaming = config.interface[1].altsetting[0];
+  Sizes sizes;
+  for (int at = kFrames; at < streaming.extra_length; at += 30) {
+    const unsigned char* frame = streaming.extra + at;
+    sizes.push_back({frame[5] + 256U * frame[6], frame[7] + 256U * frame[8], 0, 0});
+  }
+  return Text(sizes);
+}
 
 TEST(CameraDescriptors, OfferWhatTheSourceListsAsYuy2) {
   const Sizes mjpeg = {{1920, 1080, 3, 0}, {640, 480, 3, 0}};
+  struct Source {
+    const char* what;
+    Sizes listed, offered;
+    std::uint32_t capability;
+  };
   for (const Source& source :
-       {Source{"one", {{640, 480, 2, 0}}, {{640, 480, 2, 0}}, 0},
-        Source{"two in their order", {{1280, 720, 2, 0}, {640, 480, 2, 0}}, {{1280, 720, 2, 0}, {640, 480, 2, 0}}, 0},
-        Source{"both raw formats, twice the same",
-               {{320, 240, 1, 0}, {320, 240, 2, 0}},
-               {{320, 240, 1, 0}, {320, 240, 2, 0}},
-               0},
-        Source{"40 sizes", Many(40, 2), Many(40, 2), 0},
-        Source{"more than a format counts", Many(300, 2), Many(255, 2), 0}, Source{"MJPEG", mjpeg, mjpeg, 1},
+       {Source{"in their order", {{1280, 720, 2, 0}, {640, 480, 2, 0}}, {{1280, 720, 2, 0}, {640, 480, 2, 0}}, 0},
+        Source{"more than a format counts", Many(300, 2), Many(255, 2), 0},
         Source{"MJPEG among others", {{800, 600, 2, 0}, mjpeg[0], {9, 9, 4, 0}, mjpeg[1]}, mjpeg, 1}}) {
     SCOPED_TRACE(source.what);
     FakeCapture capture;
     capture.params = source.listed;
     DummyUvcIo io(0x23, 0x81, 0x1234, 0xABCD, "cam");
-    EXPECT_EQ(io.GetDeviceDesc(), nullptr);
-    EXPECT_EQ(io.GetConfigDesc(), nullptr);
     ASSERT_EQ(io.OpenUsbDev(), 0);
     const libusb_config_descriptor* config = io.GetConfigDesc();
-    EXPECT_EQ(Flatten(*config), Configuration(source.offered, false));
-    EXPECT_EQ(config->wTotalLength, 217 + 30 * source.offered.size());
+    EXPECT_EQ(Offered(*config), Text(source.offered));
     EXPECT_EQ(io.GetIoCapability(), source.capability);
+    EXPECT_EQ(io.GetDeviceDesc()->idVendor, 0x1234);
+    EXPECT_EQ(io.GetDeviceDesc()->idProduct, 0xABCD);
     EXPECT_EQ(io.OpenUsbDev(), 0);
     EXPECT_EQ(io.GetConfigDesc(), config) << "what was handed out stays";
     EXPECT_EQ(io.CloseUsbDev(), 0);
     EXPECT_EQ(io.GetDeviceDesc(), nullptr);
-    EXPECT_EQ(Flatten(*config), Configuration(source.offered, false)) << "also for a late reader";
+    EXPECT_EQ(Offered(*config), Text(source.offered)) << "also for a late reader";
     EXPECT_EQ(io.CloseUsbDev(), 0);
     EXPECT_THAT(capture.Calls(), ElementsAre("CamOpen cam", "CamClose cam"));
   }
 }
 
-TEST(CameraDescriptors, WithMjpegComeInTwoFormats) {
-  for (const std::uint32_t count : {1U, 2U, 40U}) {
-    const Sizes sizes = Many(count, 3);
-    UvcConfigBuilder builder(true);
-    builder.CreateConfigHeader();
-    builder.CreateCtrlInterface();
-    builder.CreateVsInterface(sizes);
-    EXPECT_EQ(StreamingBlock(sizes, true).size(), 69 + 60 * count);
-    EXPECT_EQ(builder.Take(), Configuration(sizes, true));
-  }
-}
-
-TEST(CameraDescriptors, OfTheDeviceCarryItsIds) {
-  FakeCapture capture;
-  DummyUvcIo io(0x23, 0x80, 0x1234, 0xABCD, "");
-  io.Init();
-  ASSERT_EQ(io.OpenUsbDev(), 0);
-  const libusb_device_descriptor& desc = *io.GetDeviceDesc();
-  EXPECT_EQ(desc.idVendor, 0x1234);
-  EXPECT_EQ(desc.idProduct, 0xABCD);
-  EXPECT_EQ(desc.bcdUSB, 0x0200);
-  EXPECT_EQ(desc.bcdDevice, 0x2702);
-  EXPECT_THAT((Bytes{desc.bDeviceClass, desc.bDeviceSubClass, desc.bDeviceProtocol, desc.bMaxPacketSize0,
-                     desc.iManufacturer, desc.iProduct, desc.iSerialNumber, desc.bNumConfigurations}),
-              ElementsAre(0xEF, 2, 1, 0x40, 1, 1, 0, 1));
-  EXPECT_EQ(io.GetBusNumber(), 0x23);
-  EXPECT_EQ(io.GetDeviceAddress(), 0x80);
-  EXPECT_EQ(io.GetDevicePortNumber(), 0xFF);
-  EXPECT_EQ(io.GetDeviceSpeed(), LIBUSB_SPEED_HIGH);
-  EXPECT_EQ(io.GetIoType(), 1);
-}
-
 TEST(CameraDescriptors, AreNotThereWithoutAUsableSource) {
   struct Row {
-    int open;
-    int list;
+    int open, list;
     Sizes sizes;
-    std::vector<const char*> errors;
+    const char* error;
   };
   for (const Row& row :
-       {Row{-3, 0, {}, {"Error:open camera failed, ret[-1]"}},
-        Row{0, -4, {{640, 480, 2, 0}}, {"Error:get param list failed, ret[-4], size[1]"}},
-        Row{0,
-            0,
-            {{640, 480, 4, 0}, {640, 480, 0, 0}},
-            {"Error:Can not find any supported formats", "Error:Can not find any supported formats, ret[-1], size[2]"}},
-        Row{0, 0, {}, {"Error:Can not find any supported formats, ret[-1], size[0]"}}}) {
+       {Row{-3, 0, {}, "Error:open camera failed, ret[-1]"},
+        Row{0, -4, {{640, 480, 2, 0}}, "Error:get param list failed, ret[-4], size[1]"},
+        Row{0, 0, {{640, 480, 4, 0}, {9, 9, 0, 0}}, "Error:Can not find any supported formats, ret[-1], size[2]"}}) {
     FakeCapture capture;
     capture.openResult = row.open;
     capture.listResult = row.list;
@@ -215,29 +157,125 @@ TEST(CameraDescriptors, AreNotThereWithoutAUsableSource) {
     const CapturingLog log;
     DummyUvcIo io(1, 0x80, 1, 1, "cam");
     EXPECT_EQ(io.OpenUsbDev(), -1);
-    for (const char* error : row.errors) {
-      EXPECT_THAT(log.Messages(), Contains(error));
-    }
-    EXPECT_EQ(io.GetDeviceDesc(), nullptr);
+    EXPECT_EQ(log.Count(row.error), 1U);
     EXPECT_EQ(io.GetConfigDesc(), nullptr);
-    capture.openResult = 0;
-    capture.listResult = 0;
+    capture.openResult = capture.listResult = 0;
     capture.params = {{640, 480, 2, 0}};
     EXPECT_EQ(io.OpenUsbDev(), 0) << "a source that is there later is taken";
   }
 }
 
-TEST(CameraDescriptors, AreAnnouncedInTheLog) {
+constexpr std::uint8_t kSetCur = 0x01;
+constexpr std::uint8_t kGetCur = 0x81;
+
+class CameraControl : public ::testing::Test {
+ protected:
+  // The answer within a block of `size` bytes of 0xEE.
+  Bytes Get(std::uint8_t request, std::uint16_t value, std::uint16_t size) {
+    Bytes data(size, 0xEE);
+    EXPECT_EQ(io.ControlTransfer(0xA1, request, value, 1, data.data(), size, 100), std::min<int>(size, 35));
+    return data;
+  }
+  Bytes Probe() { return Get(kGetCur, 0x0100, 35); }
+  void Set(std::uint16_t value, Bytes data) {
+    const auto size = static_cast<std::uint16_t>(data.size());
+    EXPECT_EQ(io.ControlTransfer(0x21, kSetCur, value, 1, data.data(), size, 100), size);
+  }
+
   FakeCapture capture;
-  const CapturingLog log;
-  DummyUvcIo io(0xA5, 0x80, 1, 1, "cam");
+  DummyUvcIo io{1, 0x80, 1, 1, "cam"};
+  const int opened = io.OpenUsbDev();
+  const Bytes initial = {0, 0,    1, 1, 0x40, 0x42, 0x0F, 0, 0, 0, 0, 0, 0, 0, 0x1E, 0, 0, 0,
+                         0, 0x60, 9, 0, 0xF4, 0x0B, 0,    0, 0, 0, 0, 0, 0, 0, 0,    0, 0};
+};
+
+TEST_F(CameraControl, AnswersEveryGetOfProbeAndCommitAlikeAndCutsIt) {
+  for (std::uint8_t request = kGetCur; request <= 0x87; ++request) {
+    EXPECT_EQ(Get(request, 0x0100, 35), initial);
+    EXPECT_EQ(Get(request, 0x02FF, 35), initial);
+  }
+  EXPECT_EQ(Get(kGetCur, 0x0100, 26), Bytes(initial.begin(), initial.begin() + 26));
+  Bytes longer = initial;
+  longer.resize(64, 0xEE);
+  EXPECT_EQ(Get(kGetCur, 0x0100, 64), longer);
+}
+
+TEST_F(CameraControl, LeavesTheDataOfOtherRequestsAsItIs) {
+  struct Row {
+    std::uint8_t type, request;
+    std::uint16_t value, index;
+  };
+  for (const Row& row : {Row{0xA1, kGetCur, 0x0100, 0x0100}, Row{0xA1, kGetCur, 0x0300, 1}, Row{0x80, 6, 0x0200, 0},
+                         Row{0xC0, 1, 0x0100, 1}, Row{0x21, kSetCur, 0x0100, 0x0101}, Row{0x21, kSetCur, 0x0300, 1}}) {
+    Bytes data(40, 0xEE);
+    EXPECT_EQ(io.ControlTransfer(row.type, row.request, row.value, row.index, data.data(), 40, 0), 40);
+    EXPECT_EQ(data, Bytes(40, 0xEE));
+    EXPECT_EQ(Probe(), initial);
+  }
+}
+
+TEST_F(CameraControl, NegotiatesTheSizeOfTheFrameThatIsNamed) {
+  constexpr std::uint32_t kSmall = 640 * 480 * 2;
+  constexpr std::uint32_t kLarge = 1280 * 720 * 2;
+  struct Row {
+    std::uint8_t format, frame;
+    std::uint32_t size;  // Of a frame that is not there: as it was.
+  };
+  for (const std::uint16_t selector : {std::uint16_t{0x0100}, std::uint16_t{0x0200}}) {
+    for (const Row& row : {Row{1, 2, kLarge}, Row{1, 3, kLarge}, Row{1, 255, kLarge}, Row{1, 0, kLarge},
+                           Row{1, 1, kSmall}, Row{2, 2, kSmall}, Row{255, 255, kSmall}}) {
+      SCOPED_TRACE(::testing::Message() << +row.format << "/" << +row.frame);
+      Bytes wanted(35, 0xFF);
+      wanted[2] = row.format;
+      wanted[3] = row.frame;
+      Set(selector, wanted);
+      for (std::size_t i = 0; i < 4; ++i) {
+        wanted[18 + i] = static_cast<std::uint8_t>(row.size >> (8 * i));
+      }
+      EXPECT_EQ(Probe(), wanted);
+    }
+  }
+}
+
+TEST_F(CameraControl, TakesShortAndLongSets) {
+  Set(0x0100, {9, 9, 1, 2});
+  Bytes expected = initial;
+  std::ranges::copy(Bytes{9, 9, 1, 2}, expected.begin());
+  std::ranges::copy(Bytes{0x00, 0x20, 0x1C, 0x00}, expected.begin() + 18);
+  EXPECT_EQ(Probe(), expected);
+  expected = initial;
+  expected.resize(200, 0x77);
+  Set(0x0200, expected);
+  EXPECT_EQ(Probe(), initial);
+  EXPECT_EQ(io.ControlTransfer(0x21, kSetCur, 0x0100, 1, nullptr, 0, 0), 0);
+  EXPECT_EQ(Probe(), initial);
+  io.CloseUsbDev();
+  Set(0x0100, {9, 9, 2, 2});
   ASSERT_EQ(io.OpenUsbDev(), 0);
-  EXPECT_THAT(log.Messages("DummyUvcIo"), ElementsAre("Debug:Dummy UVC use real video data, sourc cameraID[2]"));
-  EXPECT_THAT(log.Messages("ParseCamParamList"),
-              ElementsAre("Debug:size[1]", "Debug:Camera source param[0]: width[640], height[480], pixelFormat[2]"));
-  EXPECT_THAT(
-      log.Messages("CreateUvcDevice"),
-      ElementsAre("Debug:config total length[17]", "Debug:config total length[103]", "Debug:config total length[247]"));
+  EXPECT_EQ(Probe(), initial) << "a set before the open changes nothing";
+}
+
+TEST_F(CameraControl, AnswersStrings) {
+  const std::string_view product(
+      "\x22\3O\0s\0k\0e\0l\0o\0 \0C\0a\0m\0e\0r\0a\0 \0#\0"
+      "0\0",
+      34);
+  const std::string_view languages("\4\3\11\4", 4);
+  for (const std::uint16_t index : std::initializer_list<std::uint16_t>{0, 1, 7}) {
+    for (const std::uint16_t length : std::initializer_list<std::uint16_t>{0, 2, 3, 255}) {
+      const std::string_view answer = (index == 0 ? languages : product).substr(0, length);
+      std::string expected(answer);
+      expected.resize(255, '\xEE');
+      std::string data(255, '\xEE');
+      auto* bytes = reinterpret_cast<std::uint8_t*>(data.data());
+      EXPECT_EQ(io.GetStringDescriptor(static_cast<std::uint8_t>(index), 0x0409, bytes, length), answer.size());
+      EXPECT_EQ(data, expected);
+      EXPECT_EQ(io.ControlTransfer(0x80, 6, static_cast<std::uint16_t>(0x0300 | index), 0, bytes, length, 0),
+                answer.size());
+      EXPECT_EQ(data, expected);
+    }
+  }
+  EXPECT_EQ(io.GetStringDescriptor(1, 0, nullptr, -1), 0);
 }
 
 }  // namespace

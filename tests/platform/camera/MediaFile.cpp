@@ -49,9 +49,9 @@ MediaFile::MediaFile(const Kind& kind)
   Check(avcodec_parameters_from_context(stream->codecpar, encoder.get()), "stream");
   Check(avio_open(&output->pb, mPath.c_str(), AVIO_FLAG_WRITE), "file");
   Check(avformat_write_header(output, nullptr), "header");
-  const auto freeFrame = [](AVFrame* frame) { av_frame_free(&frame); };
+  const auto freeFrame = [](AVFrame* freed) { av_frame_free(&freed); };
   const std::unique_ptr<AVFrame, decltype(freeFrame)> frame(av_frame_alloc(), freeFrame);
-  const auto freePacket = [](AVPacket* packet) { av_packet_free(&packet); };
+  const auto freePacket = [](AVPacket* freed) { av_packet_free(&freed); };
   const std::unique_ptr<AVPacket, decltype(freePacket)> packet(av_packet_alloc(), freePacket);
   frame->format = kind.format;
   frame->width = kind.width;
@@ -105,10 +105,6 @@ void MediaFile::Spoil(std::size_t start, std::size_t length) const {
   for (std::size_t i = 0; i < length; ++i) {
     file.put(static_cast<char>(i * 7919 >> 3U));
   }
-}
-
-void MediaFile::Cut(std::size_t length) const {
-  std::filesystem::resize_file(mPath, length);
 }
 
 }  // namespace vel

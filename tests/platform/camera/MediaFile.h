@@ -33,14 +33,11 @@ class MediaFile {
   // The coded pictures.
   const std::vector<std::vector<std::uint8_t>>& Packets() const { return mPackets; }
   void Remove() const;
-  // Overwrites the beginning, or what is left of a picture behind its first bytes, with garbage.
-  void SpoilHeader() const { Spoil(0, 1000); }
+  // Overwrites bytes, or what is left of a picture behind its first bytes, with garbage.
+  void Spoil(std::size_t start, std::size_t length) const;
   void SpoilPicture(std::size_t n) const;
-  void Cut(std::size_t length) const;
 
  private:
-  void Spoil(std::size_t start, std::size_t length) const;
-
   const std::string mPath;
   std::vector<std::vector<std::uint8_t>> mPackets;
 };

@@ -17,12 +17,13 @@ struct JpegWriter {
   int restartInterval = 0;                   // Units between restart markers; 0: none.
   bool huffmanTables = true;                 // Cameras leave the standard ones out.
 
-  // The value of a component's block number `x`, `y`.
-  static int Value(int component, int x, int y) { return 40 + (component * 67 + x * 13 + y * 29) % 170; }
-
   std::vector<std::uint8_t> Write() const;
   // The picture as packed YUYV, by the rule: the chroma of a pair is that of its first pixel.
   std::vector<std::uint8_t> Yuyv() const;
+
+ private:
+  // Of a component's block at this pixel.
+  std::uint8_t At(int component, int x, int y) const;
 };
 
 }  // namespace vel::test

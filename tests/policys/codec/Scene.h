@@ -11,9 +11,8 @@ namespace vel::test {
 
 using Bytes = std::vector<std::uint8_t>;
 
-// A moving picture with the statistics of a photograph: a textured ground under a slow pan, an
-// object that crosses it, and a sensor's noise. The same size and number always give the same
-// picture.
+// A moving picture with the statistics of a photograph: a textured ground under a slow pan, an object that crosses it,
+// and a sensor's noise. The same size and number always give the same picture.
 class Scene {
  public:
   // Even width.

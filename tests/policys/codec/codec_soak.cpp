@@ -1,6 +1,5 @@
-// Video through the pipeline at full speed, with the process's memory watched: codec_soak [SECONDS
-// OF VIDEO]. MJPEG in, H.264 out, a broken frame and an unread stretch now and then. Fails when
-// memory grows after the first tenth.
+// Video through the pipeline at full speed, with the process's memory watched: codec_soak [SECONDS OF VIDEO]. MJPEG in,
+// H.264 out, a broken frame and an unread stretch now and then. Fails when memory grows after the first tenth.
 #include <sys/resource.h>
 
 #include <algorithm>
@@ -18,7 +17,6 @@ namespace {
 
 constexpr int kWidth = 1280;
 constexpr int kHeight = 720;
-constexpr int kFramesPerSecond = 25;
 constexpr int kWaitMs = 60000;  // Only a failure waits that long.
 constexpr int kBurstWaitMs = 500;
 constexpr long kAllowedGrowthKiB = 4096;
@@ -29,54 +27,42 @@ long PeakKiB() {
   return usage.ru_maxrss;
 }
 
-class Soak {
- public:
-  Soak() {
-    const Scene scene(kWidth, kHeight);
-    for (int i = 0; i < 50; ++i) {
-      mJpegs.push_back(EncodeJpeg(scene.Draw(i), kWidth, kHeight));
+// One frame in; returns whether it came out, where it has to.
+bool Step(UVCFrameManager& manager, const Bytes& jpeg, std::uint32_t number) {
+  const bool broken = number % 97 == 96 && number % 200 < 150;
+  const std::span<const std::uint8_t> input(jpeg.data(), jpeg.size() / (broken ? 2 : 1));
+  if (manager.EnqueueFrame(MakeFrame(input, number).release()) != 0) {
+    return false;
+  }
+  const bool unread = number % 200 >= 150 && number % 200 < 160;
+  // A burst that nobody waits for costs frames, perhaps also the one behind it, which empties the pipeline here.
+  const bool behindBurst = number % 200 == 160;
+  while (!broken && !unread) {
+    const UVCFramePtr frame(manager.DequeueFrame(behindBurst ? kBurstWaitMs : kWaitMs));
+    if (frame == nullptr || frame->index == number) {
+      return frame != nullptr || behindBurst;
     }
   }
+  return true;
+}
 
-  // One frame in; returns whether it came out, where it has to.
-  bool Step(UVCFrameManager& manager, std::uint32_t number) {
-    const Bytes& jpeg = mJpegs[number % mJpegs.size()];
-    const bool broken = number % 97 == 96 && number % 200 < 150;
-    const Bytes cut(jpeg.begin(), jpeg.begin() + static_cast<std::ptrdiff_t>(jpeg.size() / (broken ? 2 : 1)));
-    if (manager.EnqueueFrame(MakeFrame(cut, number).release()) != 0) {
-      return false;
-    }
-    const bool unread = number % 200 >= 150 && number % 200 < 160;
-    // A burst that nobody waits for costs frames, perhaps also the one behind it, which empties the
-    // pipeline here.
-    const bool behindBurst = number % 200 == 160;
-    while (!broken && !unread) {
-      const UVCFramePtr frame(manager.DequeueFrame(behindBurst ? kBurstWaitMs : kWaitMs));
-      if (frame == nullptr || frame->index == number) {
-        return frame != nullptr || behindBurst;
-      }
-    }
-    return true;
-  }
-
- private:
-  std::vector<Bytes> mJpegs;
-};
-
-int Run(int seconds) {
+int Run(std::uint32_t frames) {
   oskeloLogSetLevel(OSKELO_LOG_OFF);
-  Soak soak;
+  const Scene scene(kWidth, kHeight);
+  std::vector<Bytes> jpegs;
+  for (int i = 0; i < 50; ++i) {
+    jpegs.push_back(EncodeJpeg(scene.Draw(i), kWidth, kHeight));
+  }
   UVCFrameManager manager(UVC_FRAME_TYPE_MJPEG, UVC_FRAME_TYPE_H264);
   if (manager.Init(kWidth, kHeight, UVC_FRAME_TYPE_MJPEG, UVC_FRAME_TYPE_H264, nullptr) != 0) {
     return 1;
   }
-  const auto frames = static_cast<std::uint32_t>(seconds * kFramesPerSecond);
   long settled = 0;
   for (std::uint32_t number = 0; number < frames; ++number) {
     if (number == std::max(frames / 10, 250U)) {
       settled = PeakKiB();
     }
-    if (!soak.Step(manager, number)) {
+    if (!Step(manager, jpegs[number % jpegs.size()], number)) {
       std::printf("frame %u did not come out\n", number);
       return 1;
     }
@@ -92,5 +78,5 @@ int Run(int seconds) {
 
 int main(int argc, char** argv) {
   const int seconds = argc > 1 ? std::atoi(argv[1]) : (vel::kSanitized ? 2 : 20);
-  return vel::test::Run(std::max(seconds, 1));
+  return vel::test::Run(25 * static_cast<unsigned>(std::max(seconds, 1)));
 }

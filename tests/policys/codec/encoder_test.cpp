@@ -2,30 +2,33 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstring>
+#include <memory>
 #include <numeric>
 #include <string>
 #include <vector>
 
-extern "C" {
-#include <libavutil/opt.h>
-}
-
 #include "EncodedFrames.h"
-#include "H264Stream.h"
 #include "Scene.h"
+#include "platform/Event.h"
 #include "policys/Encoder/FFmpegEncoder.h"
+#include "policys/FfmpegPtr.h"
 #include "policys/UVCDecoder.h"
 #include "policys/UVCEncoder.h"
 #include "support/CapturingLog.h"
-#include "support/Limits.h"
 
 namespace vel::test {
 namespace {
 
-using testing::Contains;
-using testing::ElementsAre;
-using testing::HasSubstr;
+// The types of an access unit's NAL units, in order (ITU-T H.264, table 7-1).
+std::vector<int> NalTypes(std::span<const std::uint8_t> unit) {
+  std::vector<int> types;
+  for (std::size_t i = 0; i + 3 < unit.size(); ++i) {
+    if (unit[i] == 0 && unit[i + 1] == 0 && unit[i + 2] == 1) {
+      types.push_back(unit[i + 3] & 0x1F);
+    }
+  }
+  return types;
+}
 
 struct Setting {
   const char* name;
@@ -38,7 +41,7 @@ struct Setting {
 
 class EncoderStreamTest : public testing::TestWithParam<Setting> {};
 
-// What a receiver sees of six seconds of video.
+// What a receiver sees of six seconds of video: each unit is a picture at once, so that none waits for a later one.
 TEST_P(EncoderStreamTest, IsWhatAReceiverLikes) {
   const Setting& setting = GetParam();
   const Scene scene(setting.width, setting.height);
@@ -52,14 +55,12 @@ TEST_P(EncoderStreamTest, IsWhatAReceiverLikes) {
   Bytes picture = scene.Draw(0);
   Bytes unit(picture.size());
   Bytes decoded(picture.size());
-  Bytes stream;
   std::vector<double> sizes;
   double psnr = 0;
   for (int i = 0; i < frames; ++i) {
     scene.Draw(i, picture);
     std::uint32_t size = 0;
     ASSERT_EQ(encoder.Encode(picture.data(), static_cast<std::uint32_t>(picture.size()), unit.data(), &size), 0);
-    stream.insert(stream.end(), unit.begin(), unit.begin() + size);
     sizes.push_back(size);
     const std::vector<int> nals = NalTypes({unit.data(), size});
     const auto firstOf = [&nals](int type) { return std::find(nals.begin(), nals.end(), type) - nals.begin(); };
@@ -73,31 +74,13 @@ TEST_P(EncoderStreamTest, IsWhatAReceiverLikes) {
   }
   EXPECT_GT(psnr, 36);
 
-  const std::vector<ParsedPicture> parsed = ParseH264(stream);
-  EXPECT_EQ(parsed.size(), static_cast<std::size_t>(frames));
-  for (const ParsedPicture& each : parsed) {
-    EXPECT_NE(each.type, AV_PICTURE_TYPE_B);
-    EXPECT_EQ(each.width, setting.width);
-    EXPECT_EQ(each.height, setting.height);
-  }
-
   const double average = std::accumulate(sizes.begin(), sizes.end(), 0.0) / frames;
   EXPECT_LE(*std::max_element(sizes.begin(), sizes.end()), 12 * average);
-  double lowest = 2;
-  double highest = 0;
   const int window = 4 * setting.framesPerSecond;
   for (int begin = setting.framesPerSecond; begin + window <= frames; ++begin) {
     const double bits = 8 * std::accumulate(sizes.begin() + begin, sizes.begin() + begin + window, 0.0);
-    lowest = std::min(lowest, bits / 4 / setting.bitRate);
-    highest = std::max(highest, bits / 4 / setting.bitRate);
+    EXPECT_NEAR(bits / 4 / setting.bitRate, 1, 0.15) << "from picture " << begin;
   }
-  if (!kSanitized) {
-    EXPECT_GE(lowest, 0.85);
-    EXPECT_LE(highest, 1.15);
-  }
-  RecordProperty("psnr", std::to_string(psnr));
-  RecordProperty("rate", std::to_string(lowest) + " to " + std::to_string(highest));
-  RecordProperty("largest", std::to_string(*std::max_element(sizes.begin(), sizes.end()) / average));
 }
 
 INSTANTIATE_TEST_SUITE_P(EachSetting, EncoderStreamTest,
@@ -112,75 +95,46 @@ TEST(EncoderTest, EachQueuedFrameGivesOneUnitWithItsIndex) {
   Deliveries deliveries;
   UVCEncoder encoder;
   ASSERT_EQ(encoder.Init(UVC_ENCODER_TYPE_H264, 320, 240, &deliveries, nullptr), 0);
-  Bytes stream;
   for (std::uint32_t i = 0; i < 30; ++i) {
     // A short frame gives a picture too.
     UVCFramePtr frame = MakeFrame(i % 10 == 3 ? Bytes(100) : scene.Draw(static_cast<int>(i)), 1000 + 7 * i);
     ASSERT_EQ(encoder.EncodeAsync(frame.release()), 0);
-    const std::vector<Delivered> units = deliveries.Await(i + 1);
+    const std::vector<Delivered> units = deliveries.frames.Await(i + 1);
     ASSERT_EQ(units.size(), i + 1);
-    EXPECT_EQ(units.back().index, 1000 + 7 * i);
-    stream.insert(stream.end(), units.back().bytes.begin(), units.back().bytes.end());
+    EXPECT_EQ(units[i].index, 1000 + 7 * i);
   }
-  EXPECT_EQ(ParseH264(stream).size(), 30U);
   EXPECT_EQ(encoder.Release(), 0);
   UVCFramePtr late = MakeFrame(Bytes(100), 1);
   EXPECT_EQ(encoder.EncodeAsync(late.get()), -1);  // Still ours.
 }
 
 // Holds the worker in its first delivery, so that what is queued meanwhile stays queued.
-class HeldHandler : public UVCEncoderHandler {
- public:
-  void OnFinishEncode(std::uint32_t index, std::uint8_t* data, std::uint32_t /*length*/, int /*result*/) override {
-    const HeapBlock block(data);
-    MutexLock lock(mMutex);
-    mIndices.push_back(index);
-    mChanged.NotifyAll();
-    while (mHeld) {
-      mChanged.Wait(lock);
-    }
+struct HeldDeliveries : Deliveries {
+  void OnFinishEncode(std::uint32_t index, std::uint8_t* data, std::uint32_t length, int result) override {
+    Deliveries::OnFinishEncode(index, data, length, result);
+    EXPECT_TRUE(go.Wait());
   }
-  void AwaitUnits(std::size_t count) {
-    MutexLock lock(mMutex);
-    while (mIndices.size() < count) {
-      mChanged.Wait(lock);
-    }
-  }
-  void LetGo() {
-    const MutexLock lock(mMutex);
-    mHeld = false;
-    mChanged.NotifyAll();
-  }
-  std::vector<std::uint32_t> Indices() {
-    const MutexLock lock(mMutex);
-    return mIndices;
-  }
-
- private:
-  Mutex mMutex;
-  CondVar mChanged;
-  bool mHeld VEL_GUARDED_BY(mMutex) = true;
-  std::vector<std::uint32_t> mIndices VEL_GUARDED_BY(mMutex);
+  Event go;
 };
 
 TEST(EncoderTest, ThinsItsQueueAndFreesItAtRelease) {
-  HeldHandler handler;
+  HeldDeliveries held;
   UVCEncoder encoder;
-  ASSERT_EQ(encoder.Init(UVC_ENCODER_TYPE_H264, 64, 64, &handler, nullptr), 0);
+  ASSERT_EQ(encoder.Init(UVC_ENCODER_TYPE_H264, 64, 64, &held, nullptr), 0);
   const auto queue = [&encoder](std::uint32_t index) {
     EXPECT_EQ(encoder.EncodeAsync(MakeFrame(Bytes(8192), index).release()), 0);
   };
   queue(0);
-  handler.AwaitUnits(1);
-  const CapturingLog log;
+  held.frames.Await(1);
   for (std::uint32_t index = 1; index <= 5; ++index) {
     queue(index);  // The fifth meets four: the first of them and the last stay.
   }
-  EXPECT_EQ(log.Count("UVC: encoder queue size after resize: 2 "), 1U);
-  EXPECT_EQ(log.Count("[UVC tuning] Encoder in framelist size[3]"), 2U);
-  handler.LetGo();
-  handler.AwaitUnits(4);
-  EXPECT_THAT(handler.Indices(), ElementsAre(0, 1, 4, 5));
+  held.go.Set();
+  std::vector<std::int64_t> indices;
+  for (const Delivered& unit : held.frames.Await(4)) {
+    indices.push_back(unit.index);
+  }
+  EXPECT_EQ(indices, (std::vector<std::int64_t>{0, 1, 4, 5}));
   for (std::uint32_t index = 6; index <= 8; ++index) {
     queue(index);
   }
@@ -189,7 +143,6 @@ TEST(EncoderTest, ThinsItsQueueAndFreesItAtRelease) {
 }
 
 TEST(EncoderTest, RefusesWhatItCannotDo) {
-  const CapturingLog log;
   UVCEncoder encoder;
   std::uint32_t size = 7;
   EXPECT_EQ(encoder.Encode(nullptr, 0, nullptr, &size), -1);
@@ -198,11 +151,6 @@ TEST(EncoderTest, RefusesWhatItCannotDo) {
   EXPECT_EQ(encoder.Init(UVC_ENCODER_TYPE_H264, 0, 480, nullptr, nullptr), -1);
   EXPECT_EQ(encoder.Init(UVC_ENCODER_TYPE_H264, 641, 480, nullptr, nullptr), -1);
   EXPECT_EQ(encoder.EncodeAsync(nullptr), -1);
-  EXPECT_THAT(log.Messages("OpenEncoder"),
-              ElementsAre("Error:Do not support H265 in this platform.",
-                          "Error:Could not allocate the video frame data", "Error:Encoder open failed"));
-  EXPECT_THAT(log.Messages("EncodePicture"), ElementsAre("Error:Encoder is not ready"));
-  EXPECT_THAT(log.Messages("EncodeAsync"), ElementsAre("Error:Encoder thread is not ready"));
   // An access unit that is larger than its picture does not leave the block.
   ASSERT_EQ(encoder.Init(UVC_ENCODER_TYPE_H264, 16, 16, nullptr, nullptr), 0);
   Bytes block(16 * 16 * 2);
@@ -211,20 +159,18 @@ TEST(EncoderTest, RefusesWhatItCannotDo) {
 }
 
 TEST(EncoderTest, SyntheticPictureFollowsItsFormula) {
-  for (const auto& [type, format] :
-       {std::pair(EncoderType::kSoftware, AV_PIX_FMT_YUV420P), std::pair(EncoderType::kHardware, AV_PIX_FMT_NV12)}) {
+  for (const bool planar : {false, true}) {
     const FramePtr frame(av_frame_alloc());
-    frame->format = format;
+    frame->format = planar ? AV_PIX_FMT_YUV420P : AV_PIX_FMT_NV12;
     frame->width = 6;
     frame->height = 4;
     ASSERT_EQ(av_frame_get_buffer(frame.get(), 0), 0);
     frame->pts = 100;
-    UVCEncoder::SetDummyPicData(type, frame.get());
-    const bool planar = type == EncoderType::kSoftware;
-    EXPECT_EQ(frame->data[0][3 * frame->linesize[0] + 5], (5 + 3 + 300) % 256);
-    EXPECT_EQ(frame->data[1][frame->linesize[1] + (planar ? 2 : 4)], (128 + 1 + 200) % 256);
-    EXPECT_EQ(planar ? frame->data[2][frame->linesize[2] + 2] : frame->data[1][frame->linesize[1] + 5],
-              (64 + 2 + 500) % 256);
+    UVCEncoder::SetDummyPicData(planar ? EncoderType::kSoftware : EncoderType::kHardware, frame.get());
+    const auto at = [&frame](int plane, int x, int y) { return frame->data[plane][y * frame->linesize[plane] + x]; };
+    EXPECT_EQ(at(0, 5, 3), (5 + 3 + 300) % 256);
+    EXPECT_EQ(planar ? at(1, 2, 1) : at(1, 4, 1), (128 + 1 + 200) % 256);
+    EXPECT_EQ(planar ? at(2, 2, 1) : at(1, 5, 1), (64 + 2 + 500) % 256);
   }
 }
 
@@ -237,8 +183,6 @@ TEST(EncoderTest, SaysWhichEncoderItUses) {
   const bool first = avcodec_find_encoder_by_name("libopenh264") != nullptr;
   EXPECT_EQ(encoder.Name(), first ? "libopenh264" : "libx264");
   EXPECT_EQ(log.Count("Warn:FFmpeg has no libopenh264, using libx264"), first ? 0U : 1U);
-  EXPECT_EQ(log.Count("Debug:not support hw encoder, force to openh264."), 1U);
-  EXPECT_EQ(log.Count("Debug:useFfmpegHwEncoder: 1"), 1U);
   encoder.close();
   EXPECT_LT(encoder.encode(nullptr, nullptr), 0);
 }

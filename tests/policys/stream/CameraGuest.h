@@ -1,12 +1,12 @@
 #ifndef VIRTUSB_TESTS_POLICYS_STREAM_CAMERA_GUEST_H
 #define VIRTUSB_TESTS_POLICYS_STREAM_CAMERA_GUEST_H
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <cstring>
 #include <deque>
 #include <memory>
-#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -31,44 +31,29 @@ class CameraGuest {
   explicit CameraGuest(const DeviceIdentity& identity)
       : mRemote(std::make_unique<RemoteDevice>(
             std::make_unique<ModuleChannel>(ModuleLibrary::Load(VIRTUSB_MODULE), identity, true), 1, kDeadline)) {}
-  CameraGuest(const CameraGuest&) = delete;
-  CameraGuest& operator=(const CameraGuest&) = delete;
-  // Reads that are outstanding are forgotten.
-  ~CameraGuest() = default;
 
   RemoteDevice& Remote() { return *mRemote; }
 
-  void AllowTranscoding() {
-    constexpr std::string_view kText = "video";
-    EXPECT_EQ(mRemote->SetRedirPolicy(Bytes(kText.begin(), kText.end())), 0);
-  }
+  void AllowTranscoding() { EXPECT_EQ(mRemote->SetRedirPolicy(Bytes{'v'}), 0); }
   void Open() {
     for (const Command command : {Command::kOpenUsbDev, Command::kDetachKernelDriver, Command::kClaimAllInterface}) {
       ASSERT_EQ(mRemote->Status(command), 0);
     }
   }
-  Bytes Configuration(std::uint16_t length = 4096) {
-    RemoteDevice::Result result = mRemote->ControlTransfer({0x80, 6, 0x0200, 0, length});
-    result.data.resize(static_cast<std::size_t>(std::max(result.value, 0)));
-    return result.data;
-  }
-
   // Probe and commit, as a driver does it. What was agreed on.
   UVCStreamCtrl Negotiate(std::uint8_t format, std::uint8_t frame) {
     constexpr std::uint16_t kSize = 26;
     UVCStreamCtrl ctrl{};
-    ctrl.bmHint = 1;
     ctrl.bFormatIndex = format;
     ctrl.bFrameIndex = frame;
     ctrl.dwFrameInterval = 333333;
-    std::array<std::uint8_t, kSize> block{};
+    Bytes block(kSize);
     std::memcpy(block.data(), &ctrl, kSize);
     EXPECT_EQ(mRemote->ControlTransfer({0x21, 0x01, 0x0100, kInterface, kSize}, block).value, kSize);
-    const auto answer = mRemote->ControlTransfer({0xA1, 0x81, 0x0100, kInterface, kSize});
-    EXPECT_EQ(answer.value, kSize);
-    EXPECT_EQ(answer.data.size(), kSize);
-    std::memcpy(&ctrl, answer.data.data(), std::min<std::size_t>(answer.data.size(), kSize));
-    EXPECT_EQ(mRemote->ControlTransfer({0x21, 0x01, 0x0200, kInterface, kSize}, answer.data).value, kSize);
+    block = mRemote->ControlTransfer({0xA1, 0x81, 0x0100, kInterface, kSize}).data;
+    EXPECT_EQ(block.size(), kSize);
+    std::memcpy(&ctrl, block.data(), std::min<std::size_t>(block.size(), kSize));
+    EXPECT_EQ(mRemote->ControlTransfer({0x21, 0x01, 0x0200, kInterface, kSize}, block).value, kSize);
     return ctrl;
   }
   void Start(std::uint32_t altSetting = 1) { EXPECT_EQ(mRemote->SetInterfaceAltSetting(kInterface, altSetting), 0); }

@@ -9,7 +9,7 @@
 #include <utility>
 #include <vector>
 
-#include "Reads.h"
+#include "io/Completions.h"
 #include "policys/UVCPolicy.h"
 #include "policys/VsBlock.h"
 #include "protocol/IsoTable.h"
@@ -67,6 +67,7 @@ struct ScriptedCamera {
     Bytes data = Block(ctrl, size);
     policy->PeekClassControlTransfer({0x21, 0x01, 0x0200, wIndex, data});
   }
+  void Probe(Bytes data) { policy->PeekClassControlTransfer({0x21, 0x01, 0x0100, kInterface, data}); }
   // What reaches the remote side of the camera's answer.
   Bytes ProbeAnswer(Bytes data, std::uint16_t wIndex = kInterface) {
     policy->PeekClassControlTransferRet({0xA1, 0x81, 0x0100, wIndex, data});
@@ -80,7 +81,7 @@ struct ScriptedCamera {
   void Stop() { Start(0); }
   void Read(int count = 1) {
     for (; count > 0; --count) {
-      policy->DoTransfer(reads.Make());
+      policy->DoTransfer(reads.Record(0x81, ++made, 16));
     }
   }
   [[nodiscard]] bool Complete(std::string data) {
@@ -118,7 +119,8 @@ struct ScriptedCamera {
   DescriptorTree tree;
   RecordingDeviceBase remote;
   ScriptedUsbIo io{remote};
-  Reads reads;
+  Completions reads;
+  std::uint32_t made = 0;  // Of reads; they count from 1.
   const std::unique_ptr<IUsbIo> backend;
   std::unique_ptr<UVCPolicy> policy;
 };
