@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Looks at what the virtual machine left behind: descriptors, sound and serial data.
+"""Looks at what the virtual machine left behind: descriptors and sound.
 
 check_results.py WORK_DIR: prints a line for each subject whose files are there; exit status 1 when one is wrong.
 """
@@ -9,22 +9,14 @@ import re
 import sys
 import wave
 
-DEVICE_FIELDS = {
-    "idVendor": "idVendor", "idProduct": "idProduct", "bcdUSB": "bcdUSB", "bcdDevice": "bcdDevice",
-    "bDeviceClass": "bDeviceClass", "bDeviceSubClass": "bDeviceSubClass", "bDeviceProtocol": "bDeviceProtocol",
-    "iManufacturer": "iManufacturer", "iProduct": "iProduct", "iSerial": "iSerialNumber",
-    "bNumConfigurations": "bNumConfigurations",
-}
-STRINGS = {"iManufacturer": "manufacturer", "iProduct": "product", "iSerial": "serialNumber"}
-CONFIG_FIELDS = ("wTotalLength", "bConfigurationValue", "iConfiguration", "bmAttributes")
-INTERFACE_FIELDS = ("bInterfaceNumber", "bAlternateSetting", "bInterfaceClass", "bInterfaceSubClass",
-                    "bInterfaceProtocol", "iInterface")
+RENAMED = {"iSerial": "iSerialNumber"}  # Of lsusb's names; the others are those of the standard, as ours.
+TEXTS = {"iManufacturer": "manufacturer", "iProduct": "product", "iSerialNumber": "serialNumber",
+         "iConfiguration": "configuration", "iInterface": "interface"}
 RAMP = 16000  # The values of the ramp that is played: 1 to this.
-ENDPOINT_FIELDS = ("bEndpointAddress", "bmAttributes", "wMaxPacketSize", "bInterval")
 
 
 def number(text):
-    return int(text, 16) if text.startswith("0x") else text if "." in text else int(text)
+    return text.strip() if "." in text else int(text.removesuffix("mA"), 16 if text.startswith("0x") else 10)
 
 
 def read_lsusb(text):
@@ -41,51 +33,32 @@ def read_lsusb(text):
     return blocks
 
 
-class Comparison:
-    def __init__(self):
-        self.count = 0
-
-    def same(self, what, ours, theirs):
-        self.count += 1
-        if ours != theirs:
-            raise AssertionError(f"{what}: {ours!r}, lsusb has {theirs!r}")
-
-    def fields(self, what, ours, theirs, names):
-        for name in names:
-            self.same(f"{what} {name}", ours[name], number(theirs[name][0]))
+def ours_in_order(document):
+    """Our descriptors as lsusb prints them. What the module says of endpoint 0 is its own."""
+    config = document["configuration"]
+    yield "Device Descriptor", {name: value for name, value in document["device"].items() if name != "bMaxPacketSize0"}
+    yield "Configuration Descriptor", config | {"MaxPower": config["maxPowerMilliamperes"],
+                                                "bNumInterfaces": len(config["interfaces"])}
+    for setting in (setting for settings in config["interfaces"] for setting in settings):
+        yield "Interface Descriptor", setting | {"bNumEndpoints": len(setting["endpoints"])}
+        yield from (("Endpoint Descriptor", endpoint) for endpoint in setting["endpoints"])
 
 
-def compare_device(name, ours, text):
-    blocks = read_lsusb(text)
-    of_kind = lambda kind: [fields for heading, fields in blocks if heading == kind]
-    check = Comparison()
-    device, (theirs,) = ours["device"], of_kind("Device Descriptor")
+def compare_device(name, document, text):
+    """Compares what both have; returns how many values those are."""
+    ours = list(ours_in_order(document))
+    blocks = [block for block in read_lsusb(text) if block[0] in {kind for kind, _ in ours}]
+    assert [kind for kind, _ in ours] == [kind for kind, _ in blocks], f"{name}: {[kind for kind, _ in blocks]}"
     bus, address = re.search(r"Bus (\d+) Device (\d+)", text).groups()
-    check.same(f"{name} place", (ours["bus"], ours["address"]), (int(bus), int(address)))
-    for their_name, our_name in DEVICE_FIELDS.items():
-        value = theirs[their_name][0]
-        check.same(f"{name} {our_name}", device[our_name], value.strip() if "." in value else number(value))
-    for their_name, our_name in STRINGS.items():
-        check.same(f"{name} {our_name}", device[our_name], theirs[their_name][1])
-    config = ours["configuration"]
-    (theirs,) = of_kind("Configuration Descriptor")
-    check.fields(f"{name} configuration", config, theirs, CONFIG_FIELDS)
-    check.same(f"{name} MaxPower", f"{config['maxPowerMilliamperes']}mA", theirs["MaxPower"][0])
-    check.same(f"{name} configuration text", config["configuration"], theirs["iConfiguration"][1])
-    check.same(f"{name} bNumInterfaces", len(config["interfaces"]), number(theirs["bNumInterfaces"][0]))
-    settings = [setting for settings in config["interfaces"] for setting in settings]
-    interfaces, endpoints = of_kind("Interface Descriptor"), of_kind("Endpoint Descriptor")
-    check.same(f"{name} alternate settings", len(settings), len(interfaces))
-    for setting, theirs in zip(settings, interfaces):
-        what = f"{name} interface {setting['bInterfaceNumber']}.{setting['bAlternateSetting']}"
-        check.fields(what, setting, theirs, INTERFACE_FIELDS)
-        check.same(what + " text", setting["interface"], theirs["iInterface"][1])
-        check.same(what + " bNumEndpoints", len(setting["endpoints"]), number(theirs["bNumEndpoints"][0]))
-    ours = [endpoint for setting in settings for endpoint in setting["endpoints"]]
-    check.same(f"{name} endpoints", len(ours), len(endpoints))
-    for endpoint, theirs in zip(ours, endpoints):
-        check.fields(f"{name} endpoint 0x{endpoint['bEndpointAddress']:02x}", endpoint, theirs, ENDPOINT_FIELDS)
-    return check.count
+    pairs = [(name, (document["bus"], document["address"]), (int(bus), int(address)))]
+    for (kind, fields), (_, theirs) in zip(ours, blocks):
+        for their_name, (value, rest) in theirs.items():
+            field = RENAMED.get(their_name, their_name)
+            pairs += [(f"{name} {kind} {field}", fields[field], number(value))] if field in fields else []
+            pairs += [(f"{name} {kind} {TEXTS[field]}", fields[TEXTS[field]], rest)] if field in TEXTS else []
+    for what, our_value, their_value in pairs:
+        assert our_value == their_value, f"{what}: {our_value!r}, lsusb has {their_value!r}"
+    return len(pairs)
 
 
 def check_descriptors(work):
@@ -93,6 +66,7 @@ def check_descriptors(work):
     assert documents, "no device was described"
     count = sum(compare_device(document.stem, json.loads(document.read_text()),
                                document.with_suffix(".lsusb").read_text()) for document in documents)
+    assert count > 40 * len(documents), f"only {count} values"
     return f"describe --json and lsusb -v agree on {count} values of {len(documents)} devices"
 
 
@@ -115,14 +89,7 @@ def check_sound(work):
     return f"{played} frames of sound came out of the machine as they were sent"
 
 
-def check_serial(work):
-    expected = (work / "results/serial.expected").read_bytes()
-    arrived = (work / "serial.out").read_bytes()
-    assert arrived == expected, f"{len(arrived)} bytes came out of the serial adapter, {len(expected)} were sent"
-    return f"{len(arrived)} bytes came out of the serial adapter as they were sent"
-
-
-CHECKS = {"describe": check_descriptors, "audio": check_sound, "serial": check_serial}
+CHECKS = {"describe": check_descriptors, "audio": check_sound}
 
 
 def main():

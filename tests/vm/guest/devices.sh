@@ -18,8 +18,6 @@ done <<END
 0525:a4a0 0 usbtest
 1d6b:0104 0 cdc_acm
 1d6b:0106 0 usb-storage
-0627:0001 0 usbhid
 46f4:0001 0 usb-storage
 46f4:0002 1 snd-usb-audio
-0403:6001 0 ftdi_sio
 END

@@ -4,7 +4,6 @@
 export VIRTUSB=/opt/virtusb VIRTUSB_MODULE=/opt/virtusb-redir.so
 gadgets=/sys/kernel/config/usb_gadget
 results=/tmp/results
-console=/dev/ttyS0
 
 virtusb() { $VIRTUSB --module $VIRTUSB_MODULE "$@"; }
 remote() { /opt/vm_remote "$@"; }
@@ -33,7 +32,11 @@ device_of() {
   done
   return 1
 }
-place_of() { echo "$(cat "/sys/bus/usb/devices/$1/busnum"):$(cat "/sys/bus/usb/devices/$1/devnum")"; }
+# place_of VID:PID: BUS:ADDRESS, as the command takes it.
+place_of() {
+  folder=/sys/bus/usb/devices/$(device_of "$1")
+  echo "$(cat "$folder/busnum"):$(cat "$folder/devnum")"
+}
 
 # has_driver VID:PID INTERFACE DRIVER
 has_driver() {

@@ -6,7 +6,6 @@
 
 #include "Commands.h"
 #include "Pump.h"
-#include "Require.h"
 #include "Served.h"
 
 namespace vel::vm {
@@ -38,13 +37,12 @@ void CheckPackets(const TransferReply& reply) {
 
 }  // namespace
 
-std::string Audio(const SysDevice& device, Arguments arguments) {
+std::string Audio(const std::string& place, Arguments arguments) {
   const std::uint64_t transfers = (std::stoull(arguments[0]) + kPackets - 1) / kPackets;
-  Served served(device);
+  Served served(place);
   served.Take();
   RemoteDevice& remote = served.Remote();
-  const std::uint8_t endpoint =
-      EndpointOf(ConfigOf(remote), kStreamInterface, Way::kOut, LIBUSB_TRANSFER_TYPE_ISOCHRONOUS);
+  const std::uint8_t endpoint = served.Endpoint(kStreamInterface, Way::kOut, LIBUSB_TRANSFER_TYPE_ISOCHRONOUS);
   RequireEqual(remote.SetInterfaceAltSetting(kStreamInterface, 1), 0, "alternate setting 1");
   const std::vector<std::uint32_t> lengths(kPackets, kPacketSize);
   std::vector<std::uint8_t> sound(std::size_t{kPackets} * kPacketSize);

@@ -1,42 +1,18 @@
 // Against the kernel's source/sink and loopback functions, in one configuration.
 #include <libusb-1.0/libusb.h>
 
-#include <cstring>
 #include <future>
 
 #include "Commands.h"
-#include "Patterns.h"
 #include "Pump.h"
-#include "Require.h"
 #include "Served.h"
 
 namespace vel::vm {
 namespace {
 
-void RequireWhole(const TransferReply& reply, std::size_t size) {
-  RequireEqual(reply.status, LIBUSB_TRANSFER_COMPLETED, "status");
-  RequireEqual(static_cast<long long>(reply.data.size()), static_cast<long long>(size), "bytes");
-}
-
-void Source(RemoteDevice& remote, PumpPlan plan) {
-  RunPump(remote, plan, nullptr, [plan](std::uint64_t, const TransferReply& reply) {
-    RequireWhole(reply, plan.size);
-    RequireSourcePattern(reply.data);
-  });
-}
-
-// The function looks at what it gets, and halts its endpoint at the first byte that is not of the
-// pattern.
-void Sink(RemoteDevice& remote, PumpPlan plan) {
-  RunPump(
-      remote, plan, [](std::uint64_t, std::span<std::uint8_t> data) { FillSourcePattern(data); },
-      [plan](std::uint64_t, const TransferReply& reply) { RequireWhole(reply, plan.size); });
-}
-
 // So that the sink's silence proves something.
 void SinkNoticesOneWrongByte(RemoteDevice& remote, std::uint8_t endpoint) {
-  std::vector<std::uint8_t> data(64U << 10U);
-  FillSourcePattern(data);
+  std::vector<std::uint8_t> data = SourcePattern(64U << 10U);
   data[data.size() / 2 + 5] ^= 0x40U;
   TransferReply reply;
   for (int i = 0; i < 3 && reply.status == LIBUSB_TRANSFER_COMPLETED; ++i) {
@@ -47,43 +23,43 @@ void SinkNoticesOneWrongByte(RemoteDevice& remote, std::uint8_t endpoint) {
   RequireEqual(remote.ControlTransfer(clearHalt).value, 0, "clear halt");
 }
 
-void Loopback(RemoteDevice& remote, PumpPlan in, PumpPlan out) {
-  auto reader = std::async(std::launch::async, [&remote, in] {
-    RunPump(remote, in, nullptr, [in](std::uint64_t index, const TransferReply& reply) {
-      RequireWhole(reply, in.size);
-      RequireUniquePattern(reply.data, index * in.size);
-    });
-  });
-  RunPump(
-      remote, out,
-      [out](std::uint64_t index, std::span<std::uint8_t> data) { FillUniquePattern(data, index * out.size); },
-      [out](std::uint64_t, const TransferReply& reply) { RequireWhole(reply, out.size); });
-  reader.get();
-}
-
 }  // namespace
 
-std::string Bulk(const SysDevice& device, Arguments arguments) {
+std::string Bulk(const std::string& place, Arguments arguments) {
   const std::uint64_t mib = std::stoull(arguments[0]);
-  Served served(device);
+  Served served(place);
   served.Take();
   RemoteDevice& remote = served.Remote();
-  const ConfigModel config = ConfigOf(remote);
   const auto plan = [&](std::size_t interface, Way way) {
-    PumpPlan made{.endpoint = EndpointOf(config, interface, way, LIBUSB_TRANSFER_TYPE_BULK)};
+    PumpPlan made{.endpoint = served.Endpoint(interface, way, LIBUSB_TRANSFER_TYPE_BULK)};
     made.count = (mib << 20U) / made.size;
     return made;
   };
-  const std::vector<std::string> bound = device.Drivers();
-  Require(bound == std::vector<std::string>(bound.size(), "usbfs"), "drivers while redirected: " + Join(bound));
-  Source(remote, plan(0, Way::kIn));
-  Sink(remote, plan(0, Way::kOut));
-  SinkNoticesOneWrongByte(remote, plan(0, Way::kOut).endpoint);
-  Loopback(remote, plan(1, Way::kIn), plan(1, Way::kOut));
+  const PumpPlan sink = plan(0, Way::kOut);
+  const std::vector<std::uint8_t> expected = SourcePattern(sink.size);
+  RunPump(remote, plan(0, Way::kIn), nullptr, [&expected](std::uint64_t, const TransferReply& reply) {
+    RequireWhole(reply, expected.size());
+    Require(reply.data == expected, "wrong data from the source");
+  });
+  // The function halts its endpoint at the first byte that is not of the pattern.
+  const auto sent = [&sink](std::uint64_t, const TransferReply& reply) { RequireWhole(reply, sink.size); };
+  RunPump(
+      remote, sink, [&expected](std::uint64_t) { return expected; }, sent);
+  SinkNoticesOneWrongByte(remote, sink.endpoint);
+
+  const PumpPlan out = plan(1, Way::kOut);
+  auto reader = std::async(std::launch::async, [&remote, in = plan(1, Way::kIn)] {
+    RunPump(remote, in, nullptr, [in](std::uint64_t index, const TransferReply& reply) {
+      RequireWhole(reply, in.size);
+      Require(reply.data == UniquePattern(in.size, index * in.size), "wrong data from the loopback");
+    });
+  });
+  RunPump(
+      remote, out, [&out](std::uint64_t index) { return UniquePattern(out.size, index * out.size); }, sent);
+  reader.get();
   served.GiveBack();
   served.Done();
-  return std::to_string(mib) + " MiB from the source, " + std::to_string(mib) + " MiB to the sink, " +
-         std::to_string(mib) + " MiB there and back, all bytes right; a wrong byte stalls";
+  return std::to_string(mib) + " MiB each from the source, to the sink, and there and back, all bytes right";
 }
 
 }  // namespace vel::vm

@@ -1,11 +1,12 @@
 #include "Pump.h"
 
+#include <algorithm>
+#include <cstring>
 #include <memory>
 #include <string>
 #include <utility>
-#include <vector>
 
-#include "Require.h"
+#include "Served.h"
 #include "vel/Mutex.h"
 
 namespace vel::vm {
@@ -24,7 +25,7 @@ void AwaitReplies(Progress& progress, std::uint64_t sent, std::uint64_t pending)
   MutexLock lock(progress.mutex);
   while (progress.failure.empty() && sent - progress.answered > pending) {
     const std::uint64_t before = progress.answered;
-    const auto deadline = std::chrono::steady_clock::now() + kDeadline;
+    const auto deadline = std::chrono::steady_clock::now() + kLimit;
     while (progress.failure.empty() && progress.answered == before && progress.changed.WaitUntil(lock, deadline)) {
     }
     Require(!progress.failure.empty() || progress.answered != before,
@@ -34,6 +35,27 @@ void AwaitReplies(Progress& progress, std::uint64_t sent, std::uint64_t pending)
 }
 
 }  // namespace
+
+std::vector<std::uint8_t> SourcePattern(std::size_t size) {
+  constexpr std::size_t kPacket = 1024;
+  constexpr std::size_t kPeriod = 63;
+  std::vector<std::uint8_t> data(size);
+  for (std::size_t i = 0; i < size; ++i) {
+    data[i] = static_cast<std::uint8_t>(i % kPacket % kPeriod);
+  }
+  return data;
+}
+
+std::vector<std::uint8_t> UniquePattern(std::size_t size, std::uint64_t offset) {
+  constexpr std::uint32_t kOdd = 2654435761U;  // Odd: no two words of a stream are equal.
+  std::vector<std::uint8_t> data(size);
+  auto word = static_cast<std::uint32_t>(offset / sizeof(std::uint32_t));
+  for (std::size_t i = 0; i < size; i += sizeof word, ++word) {
+    const std::uint32_t value = word * kOdd;
+    std::memcpy(&data[i], &value, std::min(sizeof value, size - i));
+  }
+  return data;
+}
 
 void RunWindow(std::uint64_t count, unsigned depth, const SubmitOne& submit, const PumpCheck& check) {
   const auto progress = std::make_shared<Progress>();
@@ -55,12 +77,9 @@ void RunWindow(std::uint64_t count, unsigned depth, const SubmitOne& submit, con
 }
 
 void RunPump(RemoteDevice& remote, const PumpPlan& plan, const PumpFill& fill, const PumpCheck& check) {
-  std::vector<std::uint8_t> data(fill ? plan.size : 0);
   const auto submit = [&](std::uint64_t index, RemoteDevice::TransferDone done) {
-    if (fill) {
-      fill(index, data);
-    }
-    remote.SubmitTransfer(Command::kBulkTransfer, plan.endpoint, plan.size, data, std::move(done));
+    remote.SubmitTransfer(Command::kBulkTransfer, plan.endpoint, plan.size,
+                          fill ? fill(index) : std::vector<std::uint8_t>(), std::move(done));
   };
   RunWindow(plan.count, plan.depth, submit, check);
 }

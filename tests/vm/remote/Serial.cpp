@@ -6,14 +6,12 @@
 
 #include <algorithm>
 #include <array>
+#include <csignal>
 #include <cstring>
-#include <fstream>
 #include <future>
 
 #include "Commands.h"
-#include "Patterns.h"
 #include "Pump.h"
-#include "Require.h"
 #include "Served.h"
 
 namespace vel::vm {
@@ -50,7 +48,7 @@ UniqueFd OpenRaw(const std::string& path) {
 
 void AwaitReady(int fd, short events, const char* what) {
   pollfd ready{fd, events, 0};
-  const auto limit = std::chrono::milliseconds(kDeadline).count();
+  const auto limit = std::chrono::milliseconds(kLimit).count();
   Require(poll(&ready, 1, static_cast<int>(limit)) == 1 && (ready.revents & events) != 0, what);
 }
 
@@ -64,20 +62,6 @@ std::vector<std::uint8_t> ReadTty(int tty, std::size_t size) {
   return data;
 }
 
-// Writes `data` to the device in transfers of 4 KiB, of which its size is a multiple.
-void WriteDevice(RemoteDevice& remote, std::uint8_t endpoint, std::span<const std::uint8_t> data) {
-  constexpr std::uint32_t kPiece = 4096;
-  RunPump(
-      remote, {.endpoint = endpoint, .size = kPiece, .count = data.size() / kPiece},
-      [data](std::uint64_t index, std::span<std::uint8_t> piece) {
-        std::ranges::copy(data.subspan(index * kPiece, kPiece), piece.begin());
-      },
-      [](std::uint64_t, const TransferReply& reply) {
-        RequireEqual(reply.status, LIBUSB_TRANSFER_COMPLETED, "status of a write");
-        RequireEqual(static_cast<long long>(reply.data.size()), kPiece, "bytes of a write");
-      });
-}
-
 void WriteTty(int tty, std::span<const std::uint8_t> data) {
   while (!data.empty()) {
     AwaitReady(tty, POLLOUT, "the function's terminal takes nothing");
@@ -88,20 +72,18 @@ void WriteTty(int tty, std::span<const std::uint8_t> data) {
 
 }  // namespace
 
-std::string Acm(const SysDevice& device, Arguments arguments) {
+std::string Acm(const std::string& place, Arguments arguments) {
   const std::size_t size = std::stoul(arguments[1]);
   const UniqueFd tty = OpenRaw(arguments[0]);
-  Served served(device);
+  Served served(place);
   served.Take();
   RemoteDevice& remote = served.Remote();
-  const ConfigModel config = ConfigOf(remote);
   SetLine(remote);
 
-  std::vector<std::uint8_t> sent(size);
-  FillUniquePattern(sent, 0);
+  const std::vector<std::uint8_t> sent = UniquePattern(size, 0);
   auto writer = std::async(std::launch::async, [&] { WriteTty(tty.Get(), sent); });
   std::vector<std::uint8_t> received;
-  const std::uint8_t in = EndpointOf(config, kDataInterface, Way::kIn, LIBUSB_TRANSFER_TYPE_BULK);
+  const std::uint8_t in = served.Endpoint(kDataInterface, Way::kIn, LIBUSB_TRANSFER_TYPE_BULK);
   while (received.size() < size) {
     const TransferReply reply = remote.Transfer(Command::kBulkTransfer, in, 16U << 10U);
     RequireEqual(reply.status, LIBUSB_TRANSFER_COMPLETED, "status of a read");
@@ -110,24 +92,16 @@ std::string Acm(const SysDevice& device, Arguments arguments) {
   writer.get();
   Require(received == sent, "the device sends other bytes than were written to its terminal");
 
-  FillUniquePattern(sent, size);
+  constexpr std::uint32_t kPiece = 4096;
+  const std::uint8_t out = served.Endpoint(kDataInterface, Way::kOut, LIBUSB_TRANSFER_TYPE_BULK);
   auto reader = std::async(std::launch::async, [&] { return ReadTty(tty.Get(), size); });
-  WriteDevice(remote, EndpointOf(config, kDataInterface, Way::kOut, LIBUSB_TRANSFER_TYPE_BULK), sent);
-  Require(reader.get() == sent, "the terminal gets other bytes than were written to the device");
-  served.Done();
+  RunPump(
+      remote, {.endpoint = out, .size = kPiece, .count = size / kPiece},
+      [&](std::uint64_t index) { return UniquePattern(kPiece, size + index * kPiece); },
+      [](std::uint64_t, const TransferReply& reply) { RequireWhole(reply, kPiece); });
+  Require(reader.get() == UniquePattern(size, size), "the terminal gets other bytes than were written to the device");
+  Served::RequireGood(served.Process().Kill(SIGTERM));
   return std::to_string(size >> 10U) + " KiB each way, all bytes right; line codings set and read back";
-}
-
-std::string SerialOut(const SysDevice& device, Arguments arguments) {
-  Served served(device);
-  served.Take();
-  std::vector<std::uint8_t> sent(64U << 10U);
-  FillUniquePattern(sent, 0);
-  WriteDevice(served.Remote(), EndpointOf(ConfigOf(served.Remote()), 0, Way::kOut, LIBUSB_TRANSFER_TYPE_BULK), sent);
-  std::ofstream(arguments[0], std::ios::binary)
-      .write(reinterpret_cast<const char*>(sent.data()), static_cast<std::streamsize>(sent.size()));
-  served.Done();
-  return std::to_string(sent.size() >> 10U) + " KiB sent";
 }
 
 }  // namespace vel::vm

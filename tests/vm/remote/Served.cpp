@@ -1,8 +1,8 @@
 #include "Served.h"
 
-#include <cstdlib>
+#include <libusb-1.0/libusb.h>
 
-#include "Require.h"
+#include <cstdlib>
 
 namespace vel::vm {
 namespace {
@@ -15,10 +15,25 @@ std::string Setting(const char* name) {
 
 }  // namespace
 
-Served::Served(const SysDevice& device)
-    : mCommand({Setting("VIRTUSB"), "--module", Setting("VIRTUSB_MODULE"), "--log", "off", "serve", device.Place(),
-                "--stdio", "--answer-failures"},
-               kDeadline) {}
+void Require(bool holds, const std::string& otherwise) {
+  if (!holds) {
+    throw Failure(otherwise);
+  }
+}
+
+void RequireEqual(long long actual, long long expected, const std::string& what) {
+  Require(actual == expected, what + ": " + std::to_string(actual) + " instead of " + std::to_string(expected));
+}
+
+void RequireWhole(const TransferReply& reply, std::size_t size) {
+  RequireEqual(reply.status, LIBUSB_TRANSFER_COMPLETED, "status");
+  RequireEqual(static_cast<long long>(reply.data.size()), static_cast<long long>(size), "bytes");
+}
+
+Served::Served(const std::string& place)
+    : mCommand({Setting("VIRTUSB"), "--module", Setting("VIRTUSB_MODULE"), "--log", "off", "serve", place, "--stdio",
+                "--answer-failures"},
+               kLimit) {}
 
 void Served::Check(Command command) {
   RequireEqual(Remote().Status(command), 0, std::string(FindCommand(static_cast<std::uint16_t>(command))->name));
@@ -36,20 +51,14 @@ void Served::GiveBack() {
   Check(Command::kCloseUsbDev);
 }
 
-void Served::Done() {
-  const CommandProcess::Ending ending = mCommand.Leave();
+void Served::RequireGood(const CommandProcess::Ending& ending) {
   RequireEqual(ending.status, 0, "exit status (" + ending.messages + ")");
 }
 
-ConfigModel ConfigOf(RemoteDevice& remote) {
-  std::optional<ConfigModel> config = ReadConfigModel(remote.GetConfiguration());
-  Require(config.has_value(), "the configuration cannot be read");
-  return *std::move(config);
-}
-
-std::uint8_t EndpointOf(const ConfigModel& config, std::size_t interface, Way way, unsigned type) {
-  Require(interface < config.interfaces.size(), "no interface at position " + std::to_string(interface));
-  for (const AltSettingModel& setting : config.interfaces[interface]) {
+std::uint8_t Served::Endpoint(std::size_t interface, Way way, unsigned type) {
+  const std::optional<ConfigModel> config = ReadConfigModel(Remote().GetConfiguration());
+  Require(config.has_value() && interface < config->interfaces.size(), "the configuration cannot be read");
+  for (const AltSettingModel& setting : config->interfaces[interface]) {
     for (const EndpointModel& endpoint : setting.endpoints) {
       if ((endpoint.bmAttributes & 3U) == type && (endpoint.bEndpointAddress >= 0x80) == (way == Way::kIn)) {
         return endpoint.bEndpointAddress;

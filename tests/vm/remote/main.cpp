@@ -1,6 +1,5 @@
-// The test remote: `vm_remote SUBJECT DEVICE [ARGUMENT...]`, DEVICE as named in
-// /sys/bus/usb/devices. It serves the device with the command (VIRTUSB, VIRTUSB_MODULE) and uses
-// it. Exit status 0 and a line of what was proven, or 1.
+// The test remote: `vm_remote SUBJECT BUS:ADDRESS [ARGUMENT...]`. It serves the device with the command (VIRTUSB,
+// VIRTUSB_MODULE) and uses it. Exit status 0 and a line of what was proven, or 1.
 #include <array>
 #include <csignal>
 #include <cstdio>
@@ -9,22 +8,20 @@
 #include <vector>
 
 #include "Commands.h"
-#include "Require.h"
 
 namespace {
 
 struct Subject {
   std::string_view name;
   std::size_t arguments;
-  std::string (*run)(const vel::vm::SysDevice& device, vel::vm::Arguments arguments);
+  std::string (*run)(const std::string& place, vel::vm::Arguments arguments);
 };
 
 constexpr std::array kSubjects = {
-    Subject{"bulk", 1, vel::vm::Bulk},         Subject{"cancels", 1, vel::vm::Cancels},
-    Subject{"acm", 2, vel::vm::Acm},           Subject{"serial-out", 1, vel::vm::SerialOut},
-    Subject{"storage", 2, vel::vm::Storage},   Subject{"audio", 2, vel::vm::Audio},
-    Subject{"keyboard", 1, vel::vm::Keyboard}, Subject{"ends", 1, vel::vm::Ends},
-    Subject{"rounds", 1, vel::vm::Rounds},     Subject{"unplug", 2, vel::vm::Unplug},
+    Subject{"bulk", 1, vel::vm::Bulk},     Subject{"cancels", 1, vel::vm::Cancels},
+    Subject{"acm", 2, vel::vm::Acm},       Subject{"storage", 1, vel::vm::Storage},
+    Subject{"audio", 2, vel::vm::Audio},   Subject{"rounds", 1, vel::vm::Rounds},
+    Subject{"unplug", 2, vel::vm::Unplug},
 };
 
 }  // namespace
@@ -35,7 +32,7 @@ int main(int argc, char** argv) {
   for (const Subject& subject : kSubjects) {
     if (words.size() == subject.arguments + 2 && words[0] == subject.name) {
       try {
-        static_cast<void>(std::puts(subject.run(vel::vm::SysDevice(words[1]), std::span(words).subspan(2)).c_str()));
+        static_cast<void>(std::puts(subject.run(words[1], std::span(words).subspan(2)).c_str()));
         return 0;
       } catch (const std::exception& error) {
         static_cast<void>(std::fprintf(stderr, "%s: %s\n", words[0].c_str(), error.what()));
@@ -43,6 +40,6 @@ int main(int argc, char** argv) {
       }
     }
   }
-  static_cast<void>(std::fprintf(stderr, "usage: vm_remote SUBJECT DEVICE [ARGUMENT...]\n"));
+  static_cast<void>(std::fprintf(stderr, "usage: vm_remote SUBJECT BUS:ADDRESS [ARGUMENT...]\n"));
   return 2;
 }

@@ -1,2 +1,2 @@
 # shellcheck shell=sh
-remote bulk "$(device_of 0525:a4a0)" 34
+remote bulk "$(place_of 0525:a4a0)" 34

@@ -1,2 +1,2 @@
 # shellcheck shell=sh
-remote cancels "$(device_of 0525:a4a0)" 200
+remote cancels "$(place_of 0525:a4a0)" 200

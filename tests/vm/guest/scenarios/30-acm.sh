@@ -1,8 +1,7 @@
 # Data both ways through the redirection; afterwards the kernel's driver has the device back, and moves data too.
 # shellcheck shell=sh
 [ -c /dev/ttyACM0 ] || fail "no /dev/ttyACM0 before"
-device=$(device_of 1d6b:0104)
-remote acm "$device" /dev/ttyGS0 262144
+remote acm "$(place_of 1d6b:0104)" /dev/ttyGS0 262144
 await "cdc_acm on the device" has_driver 1d6b:0104 0 cdc_acm
 await "cdc_acm on the data interface" has_driver 1d6b:0104 1 cdc_acm
 await "/dev/ttyACM0" test -c /dev/ttyACM0

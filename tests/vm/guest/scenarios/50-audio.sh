@@ -1,2 +1,2 @@
 # shellcheck shell=sh
-remote audio "$(device_of 46f4:0002)" 3000 $results/sound.frames
+remote audio "$(place_of 46f4:0002)" 3000 $results/sound.frames

@@ -1,2 +1,2 @@
 # shellcheck shell=sh
-remote rounds "$(device_of 0525:a4a0)" 50
+remote rounds "$(place_of 0525:a4a0)" 50
