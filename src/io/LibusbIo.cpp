@@ -369,53 +369,38 @@ int LibusbIo::ControlTransfer(std::uint8_t bmRequestType, std::uint8_t bRequest,
   return result;
 }
 
-// In the three below the use is older than the guard: a close waits for the completion of a failed
-// submission too.
+// In the two below the use is older than the guard: a close waits for the completion of a failed submission too.
 
-int LibusbIo::BulkTransfer(_UsbIoXferInfo* info) {
+int LibusbIo::SubmitBulkLike(_UsbIoXferInfo* info, libusb_transfer_type type, const char* operation,
+                             const char* typeName) {
   if (info == nullptr) {
     return LIBUSB_SUCCESS;
   }
   const LibusbUse use(mHandle);
   XferGuard completion(info);
   if (use.Get() == nullptr) {
-    VEL_ERROR("BulkTransfer failed LIBUSB_ERROR_NOT_FOUND\n");
+    VEL_LOG_LINE(OSKELO_LOG_ERROR, operation, __LINE__, "Error:%s failed LIBUSB_ERROR_NOT_FOUND\n", operation);
     return LIBUSB_ERROR_NOT_FOUND;
   }
-  VEL_DEBUG("BulkTransfer streamid[%d] epaddr[%d] len[%d]", static_cast<int>(info->streamId), int{info->epAddr},
-            static_cast<int>(info->length));
+  VEL_LOG_LINE(OSKELO_LOG_DEBUG, operation, __LINE__, "Debug:%s streamid[%d] epaddr[%d] len[%d]", operation,
+               static_cast<int>(info->streamId), int{info->epAddr}, static_cast<int>(info->length));
   info->owner = this;
-  const int result = LibusbTransfer::Submit(mHandle, use.Get(), *info, LIBUSB_TRANSFER_TYPE_BULK);
+  const int result = LibusbTransfer::Submit(mHandle, use.Get(), *info, type);
   if (result < 0) {
-    std::printf("Error submitting bulk transfer, %d", result);
+    std::printf("Error submitting %s transfer, %d", typeName, result);
     return result;
   }
   static_cast<void>(completion.Release());
-  VEL_DEBUG("BulkTransfer finished ret[%d]", result);
+  VEL_LOG_LINE(OSKELO_LOG_DEBUG, operation, __LINE__, "Debug:%s finished ret[%d]", operation, result);
   return result;
 }
 
+int LibusbIo::BulkTransfer(_UsbIoXferInfo* info) {
+  return SubmitBulkLike(info, LIBUSB_TRANSFER_TYPE_BULK, __func__, "bulk");
+}
+
 int LibusbIo::InterruptTransfer(_UsbIoXferInfo* info) {
-  if (info == nullptr) {
-    return LIBUSB_SUCCESS;
-  }
-  const LibusbUse use(mHandle);
-  XferGuard completion(info);
-  if (use.Get() == nullptr) {
-    VEL_ERROR("InterruptTransfer failed LIBUSB_ERROR_NOT_FOUND\n");
-    return LIBUSB_ERROR_NOT_FOUND;
-  }
-  VEL_DEBUG("InterruptTransfer streamid[%d] epaddr[%d] len[%d]", static_cast<int>(info->streamId), int{info->epAddr},
-            static_cast<int>(info->length));
-  info->owner = this;
-  const int result = LibusbTransfer::Submit(mHandle, use.Get(), *info, LIBUSB_TRANSFER_TYPE_INTERRUPT);
-  if (result < 0) {
-    std::printf("Error submitting interrupt transfer, %d", result);
-    return result;
-  }
-  static_cast<void>(completion.Release());
-  VEL_DEBUG("InterruptTransfer finished ret[%d]", result);
-  return result;
+  return SubmitBulkLike(info, LIBUSB_TRANSFER_TYPE_INTERRUPT, __func__, "interrupt");
 }
 
 int LibusbIo::IsochTransfer(_UsbIoXferInfo* info) {

@@ -78,6 +78,8 @@ class LibusbIo : public IUsbIo {
 
  private:
   void GetLibusbDev();
+  // A bulk or interrupt transfer; its names are for the log.
+  int SubmitBulkLike(_UsbIoXferInfo* info, libusb_transfer_type type, const char* operation, const char* typeName);
 
   VelDeviceBase* const mDeviceBase;
   LibusbContext mContext;
