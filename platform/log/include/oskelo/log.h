@@ -23,8 +23,11 @@ enum OskeloLogLevel {
 // (debug, info, warn, error or off).
 #define OSKELO_LOG_LEVEL_VARIABLE "VEL_LOG_LEVEL"
 
-#if defined(__GNUC__)
+// Formats are those of C99, on Windows too.
+#if defined(__clang__)
 #define OSKELO_LOG_PRINTF __attribute__((format(printf, 4, 5)))
+#elif defined(__GNUC__)
+#define OSKELO_LOG_PRINTF __attribute__((format(gnu_printf, 4, 5)))
 #else
 #define OSKELO_LOG_PRINTF
 #endif
