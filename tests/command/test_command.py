@@ -102,12 +102,9 @@ class WrongUse(CommandTestCase):
     def test_wrong_command_line_is_status_2(self) -> None:
         for line, *parts in (
                 ("", "no command is given", "virtusb --help"),
-                ("list --frob", 'unknown option "--frob"', "virtusb list --help"),
                 ("describe raw too many", 'unexpected argument "too"', "virtusb describe --help"),
-                ("describe", "DEVICE is required"),
                 ("describe nosuch", 'unknown device "nosuch"', *wire.DEVICES, "BUS:ADDRESS", "VID:PID"),
                 ("--log loud list", "--log", "debug,info,warn,error,off"),
-                ("serve raw", "[--stdio,--listen]"),
                 ("serve raw --listen 65536", 'cannot listen on "65536"', "ADDR:PORT")):
             with self.subTest(line):
                 self.assert_failure(run(*line.split()), 2, *parts)
@@ -116,7 +113,6 @@ class WrongUse(CommandTestCase):
         with socket.create_server(("127.0.0.1", 0)) as taken:
             in_use = "%s:%d" % taken.getsockname()
             for line, *parts in (
-                    ("describe 250:250", "no device 250:250 is plugged in", "virtusb list"),
                     ("serve dead:beef --stdio", "no device dead:beef is plugged in", "virtusb list"),
                     (f"serve raw --stdio --module {NO_MODULE}", NO_MODULE, "VEL_DRV_MODULE", "--module PATH"),
                     (f"serve raw --listen {in_use}", f"cannot listen on {in_use}", "in use", "another port")):
@@ -137,13 +133,10 @@ class Listing(CommandTestCase):
                          [f"{device['bus']}:{device['address']}" for device in document["local"]])
         for name in (device["name"] for device in document["emulated"]):
             text, described = (self.assert_result("describe", name, *option) for option in ((), ("--json",)))
-            found, ids = json.loads(described), json.loads(described)["device"]
-            self.assertEqual(text.splitlines()[0], "Bus %03d Device %03d: ID %04x:%04x %s" % (
-                found["bus"], found["address"], ids["idVendor"], ids["idProduct"], ids["product"]))
+            ids = json.loads(described)["device"]
+            self.assertIn("ID %04x:%04x %s\n" % (ids["idVendor"], ids["idProduct"], ids["product"]), text)
             self.assertEqual(text.count("bEndpointAddress"), described.count("bEndpointAddress"))
 
-
-class Demonstrating(CommandTestCase):
     def test_every_device_answers_and_every_transfer_completes(self) -> None:
         text = self.assert_result("demo")
         self.assertEqual(set(re.findall(r"(?m)^(\w+): [0-9a-f]{4}:[0-9a-f]{4}  USB ", text)), {*wire.DEVICES, "camera"})
@@ -230,15 +223,3 @@ class ServingSockets(CommandTestCase):
                 remote.close()
                 self.assertRegex(served.note(), f"^127.0.0.1:.*{part}.*; device given back$")
         self.ask(self.connect(port))
-
-    def test_signal_ends_it_in_time(self) -> None:
-        for number, more in ((signal.SIGINT, b""), (signal.SIGTERM, LARGE)):
-            with self.subTest(number):
-                served, port = self.serve()
-                remote = self.connect(port)
-                self.ask(remote)
-                self.assertRegex(served.note(), "connected$")
-                remote.sendall(more)
-                if more:
-                    select.select([remote], [], [])
-                self.assertEqual(self.end_promptly(served, number), ["interrupted, device given back"])

@@ -110,15 +110,6 @@ class Devices(wire.WireTestCase):
                 0, 1, 9, len(whole) - 1, len(whole), len(whole) + 1, 0xFFFF)), (Request(CLOSE), status(0))]
             self.expect(name, [(read(255), answer(b"")), *opened, *opened])
 
-    def test_descriptor_requests_are_claimed_by_type_and_recipient_alone(self) -> None:
-        def read(kind: int, value: int, expected: bytes) -> tuple[Request, bytes]:
-            return control(kind, 6, value, 0, filler(40)), answer(expected)
-        self.expect("keyboard", [
-            (Request(OPEN), status(0)), *(read(kind, 0x0100, DEVICE["keyboard"]) for kind in (0x80, 0x81, 0x00, 0x01)),
-            *(read(kind, 0x0205, CONFIGURATION["keyboard"]) for kind in (0x80, 0x81, 0x00, 0x01)),
-            *(read(kind, value, b"") for kind in (0x82, 0x83, 0x84, 0x02) for value in (0x0100, 0x0200)),
-            *(read(kind, 0x0100, filler(40)) for kind in (0xA0, 0xC0, 0xE0))])
-
     def test_strings_and_control_requests_are_answered_and_cut(self) -> None:
         for name in DEVICES:
             exchanges = [(string(index, language, n), answer(NAME[:n]))
@@ -131,14 +122,6 @@ class Devices(wire.WireTestCase):
             for setup in [setup for setup in SPECIAL if setup[:3] not in known]:
                 exchanges += [(control(*setup, filler(n)), answer(filler(n))) for n in (0, 7, 300)]
             self.expect(name, [*exchanges, (control(0x40, 0x55, 0, 0, filler(0xFFFF)), answer(filler(0xFFFF)))])
-
-    def test_clear_feature_of_an_endpoint_clears_it_and_still_reaches_the_device(self) -> None:
-        log = self.expect("raw", [(control(0x02, 1, 0, 0x81, b""), status(0)),
-                                  (control(0x02, 1, 0, 0x02, filler(4)), answer(filler(4))),
-                                  (control(0x00, 1, 1, 0x05, b""), status(0))])
-        self.assertEqual([line[line.index("Clear feature"):].strip() for line in log.splitlines() if "Clear" in line],
-                         ["Clear feature status[0], rt[0x2], r[0x1], v[0x0], i[0x81]",
-                          "Clear feature status[0], rt[0x2], r[0x1], v[0x0], i[0x2]"])
 
     def test_endpoints_send_the_pattern_and_give_back_what_they_are_sent(self) -> None:
         self.assertEqual(pattern(258)[:2] + pattern(258)[252:], bytes.fromhex("FF FE  03 02 01 FF FE FD"))

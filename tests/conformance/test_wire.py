@@ -101,9 +101,9 @@ class BadInput(wire.WireTestCase):
         self.check("raw", [(request, status(-2)) for request in requests])
 
     def test_transfers_are_given_back_with_status_1(self) -> None:
-        fields = struct.pack("<IIII", 0x81, 0x0BADCAFE, 0, 0)
+        fields = struct.pack("<III", 0x81, 0x0BADCAFE, 0)
         exchanges = [(Request(command, fields[:n]), fields[4:8] * (n >= 8) + bytes(4) * (n < 8) + status(1))
-                     for command, size in ((BULK, 12), (INTERRUPT, 12)) for n in range(size)]
+                     for command in (BULK, INTERRUPT) for n in range(12)]
         exchanges += [(request, given_back(5, result=1)) for request in (
             bulk(0x01, 5, b"", 1), bulk(0x01, 5, b"", MIB), interrupt(0x01, 5, filler(299), 300))]
         exchanges += [(make(endpoint, 5, b"", length), given_back(5, result=1)) for make in (bulk, interrupt)

@@ -6,8 +6,6 @@
 #include <utility>
 #include <vector>
 
-#include "remote/RequestBuilder.h"
-
 namespace vel {
 namespace {
 
@@ -15,10 +13,6 @@ using testing::_;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using Bytes = std::vector<std::uint8_t>;
-
-Bytes WireOf(const VelPacket& packet) {
-  return {packet.Wire().begin(), packet.Wire().end()};
-}
 
 Bytes Header(std::uint32_t length, std::uint8_t magic = 0x27) {
   Bytes header = {magic, 1, 0x24, 0x10, 2, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0};
@@ -31,25 +25,10 @@ Bytes Header(std::uint32_t length, std::uint8_t magic = 0x27) {
 class PacketFramerTest : public testing::Test {
  protected:
   std::vector<Bytes> mPackets;
-  PacketFramer mFramer{[this](std::unique_ptr<VelPacket> packet) { mPackets.push_back(WireOf(*packet)); }};
+  PacketFramer mFramer{[this](std::unique_ptr<VelPacket> packet) {
+    mPackets.emplace_back(packet->Wire().begin(), packet->Wire().end());
+  }};
 };
-
-TEST_F(PacketFramerTest, StreamMayBeCutAnywhere) {
-  const std::vector<Bytes> sent = {WireOf(*BuildRequest(Command::kOpenUsbDev, {1, 2})),
-                                   WireOf(*BuildPing({3, 4}, 5, 6))};
-  Bytes stream = sent[0];
-  stream.insert(stream.end(), sent[1].begin(), sent[1].end());
-  const std::span<const std::uint8_t> all(stream);
-  for (std::size_t cut = 0; cut <= stream.size(); ++cut) {
-    SCOPED_TRACE(cut);
-    mPackets.clear();
-    EXPECT_TRUE(mFramer.Feed(all.first(cut)));
-    EXPECT_EQ(mFramer.InsidePacket(), cut != 0 && cut != sent[0].size() && cut != stream.size());
-    EXPECT_TRUE(mFramer.Feed(all.subspan(cut)));
-    EXPECT_EQ(mPackets, sent);
-    EXPECT_FALSE(mFramer.InsidePacket());
-  }
-}
 
 TEST_F(PacketFramerTest, OversizedPacketLosesItsDataAndTheNextOneIsWhole) {
   for (const std::uint32_t excess : {0U, 1U, 3U << 20U}) {
@@ -58,11 +37,11 @@ TEST_F(PacketFramerTest, OversizedPacketLosesItsDataAndTheNextOneIsWhole) {
     const std::uint32_t length = PacketFramer::kMaxPacketBytes + excess;
     EXPECT_TRUE(mFramer.Feed(Header(length)));
     EXPECT_TRUE(mFramer.Feed(Bytes(length - 16, 0x5A)));
-    EXPECT_TRUE(mFramer.Feed(WireOf(*BuildRequest(Command::kOpenUsbDev, {1, 2}))));
+    EXPECT_TRUE(mFramer.Feed(Header(16)));
     ASSERT_EQ(mPackets.size(), 2U);
     EXPECT_EQ(mPackets[0].size(), excess == 0 ? length : 32);
     EXPECT_EQ(mPackets[0].back(), 0x5A);
-    EXPECT_THAT(mPackets[1], ElementsAre(0x27, 1, 2, 0x10, 2, 0, 0, 0, 16, 0, 0, 0, 0, 0, 0, 0));
+    EXPECT_EQ(mPackets[1], Header(16));
   }
 }
 
@@ -75,13 +54,10 @@ TEST_F(PacketFramerTest, GarbageEndsTheStreamWithAReason) {
       {{0x27, 9, 0x10, 0x02, 0, 0, 0, 3, 0, 0, 0, 0, 0, 0, 0, 0}, "length 0"}};
   for (const auto& [header, reason] : cases) {
     SCOPED_TRACE(reason);
-    int packets = 0;
-    PacketFramer framer([&](const std::unique_ptr<VelPacket>&) { ++packets; });
-    EXPECT_TRUE(framer.Feed(Header(16)));
+    PacketFramer framer([&](const std::unique_ptr<VelPacket>&) { FAIL(); });
     EXPECT_FALSE(framer.Feed(header));
     EXPECT_THAT(framer.Error(), HasSubstr(reason));
     EXPECT_FALSE(framer.Feed(Header(16)));
-    EXPECT_EQ(packets, 1);
   }
 }
 

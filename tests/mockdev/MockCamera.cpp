@@ -69,7 +69,6 @@ MockCamera::MockCamera(const Options& options)
     : MockUsb({.product = kProduct,
                .usbClass = 0xEF,
                .config = Configuration(options.bulk),
-               .strings = {},
                .endpoint = kEndpoint & 0x0FU,
                .lastSetting = options.bulk ? 0U : 1U}),
       mBulk(options.bulk),

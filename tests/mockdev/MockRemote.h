@@ -23,18 +23,14 @@ class Tally {
   using Statuses = std::map<std::uint32_t, std::vector<int>>;
 
   void Note(const VelPacket& packet) VEL_EXCLUDES(mMutex) {
-    const auto code = static_cast<std::uint16_t>(packet.GetCommand() - 1);
-    const CommandInfo* request = FindCommand(code);
+    const CommandInfo* request = FindCommand(static_cast<std::uint16_t>(packet.GetCommand() - 1));
     if (request != nullptr && request->reply == ReplyKind::kAsync) {
       ByteReader reader(packet.PayloadBytes());
       const auto streamId = reader.Host<std::uint32_t>();
-      Note(streamId, static_cast<int>(reader.Host<std::uint32_t>()));
+      const MutexLock lock(mMutex);
+      mStatuses[streamId].push_back(static_cast<int>(reader.Host<std::uint32_t>()));
+      mChanged.NotifyAll();
     }
-  }
-  void Note(std::uint32_t streamId, int status) VEL_EXCLUDES(mMutex) {
-    const MutexLock lock(mMutex);
-    mStatuses[streamId].push_back(status);
-    mChanged.NotifyAll();
   }
   // Once that many transfers were answered; as they are after the time limit otherwise.
   Statuses Await(std::size_t count) VEL_EXCLUDES(mMutex) {

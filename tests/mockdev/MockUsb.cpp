@@ -77,23 +77,21 @@ bool MockUsb::AwaitClosed() {
 Bytes MockUsb::Descriptor(std::uint8_t type, std::uint8_t index) const {
   constexpr std::uint8_t kVendorLow = kVendor & 0xFFU;
   constexpr std::uint8_t kVendorHigh = kVendor >> 8U;
-  const auto strings = static_cast<std::uint8_t>(mTraits.strings.size());
   const auto product = static_cast<std::uint8_t>(mTraits.product);
   if (type == 1) {
-    const std::uint8_t maker = strings > 0 ? 1 : 0;
-    return {18, 1, 0x00, 0x02,  mTraits.usbClass, 0, 0, 64, kVendorLow, kVendorHigh, product,
-            0,  0, 1,    maker, strings,          0, 1};
+    return {18, 1, 0x00, 0x02, mTraits.usbClass, 0, 0, 64, kVendorLow, kVendorHigh, product, 0, 0, 1, 1, 2, 0, 1};
   }
   if (type == 2) {
     return mTraits.config;
   }
-  if (type != 3 || index > strings || strings == 0) {
+  const std::array<std::string_view, 2> strings = {kMaker, kName};
+  if (type != 3 || index > strings.size()) {
     return {};
   }
   Bytes bytes = {4, 3, 0x09, 0x04};
   if (index > 0) {
     bytes.resize(2);
-    for (const char letter : mTraits.strings[index - 1U]) {
+    for (const char letter : strings[index - 1U]) {
       bytes.insert(bytes.end(), {static_cast<std::uint8_t>(letter), 0});
     }
     bytes[0] = static_cast<std::uint8_t>(bytes.size());

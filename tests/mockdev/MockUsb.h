@@ -29,6 +29,8 @@ class MockUsb {
  public:
   static constexpr std::uint16_t kVendor = 0x1209;
   static constexpr std::uint8_t kBus = 1;
+  static constexpr char kMaker[] = "Example Maker";
+  static constexpr char kName[] = "Mocked Device";
 
   // What the kernel knows of the device.
   struct State {
@@ -68,10 +70,9 @@ class MockUsb {
     std::uint16_t product = 0;
     std::uint8_t usbClass = 0;
     Bytes config;
-    std::vector<std::string> strings;  // From index 1: maker and product.
-    std::uint8_t endpoint = 0;         // The number of interface 1's endpoints.
-    unsigned lastSetting = 0;          // Of interface 1.
-    std::set<std::uint8_t> halted{};   // When it is plugged in.
+    std::uint8_t endpoint = 0;        // The number of interface 1's endpoints.
+    unsigned lastSetting = 0;         // Of interface 1.
+    std::set<std::uint8_t> halted{};  // When it is plugged in.
   };
 
   struct Urb {

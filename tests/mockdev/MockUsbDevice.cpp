@@ -8,11 +8,10 @@ namespace vel {
 namespace {
 
 // clang-format off
-constexpr std::array<std::uint8_t, 106> kConfig = {
-    9, 2, 106, 0, 2, 1, 0, 0x80, 50,
-    9, 4, 0, 0, 8, 0xFF, 0, 0, 0,
-    7, 5, 0x01, 2, 0x00, 0x02, 0,
-    7, 5, 0x81, 2, 0x00, 0x02, 0,
+constexpr std::array<std::uint8_t, 99> kConfig = {
+    9, 2, 99, 0, 2, 1, 0, 0x80, 50,
+    9, 4, 0, 0, 7, 0xFF, 0, 0, 0,
+    7, 5, 0x81, 3, 64, 0, 4,
     7, 5, 0x02, 2, 0x00, 0x02, 0,
     7, 5, 0x82, 2, 0x00, 0x02, 0,
     7, 5, 0x84, 2, 0x00, 0x02, 0,
@@ -31,7 +30,6 @@ MockUsbDevice::MockUsbDevice()
     : MockUsb({.product = kProduct,
                .usbClass = 0,
                .config = {kConfig.begin(), kConfig.end()},
-               .strings = {kMaker, kName},
                .endpoint = 6,
                .lastSetting = 1,
                .halted = {0x85}}) {}
@@ -59,36 +57,15 @@ bool MockUsbDevice::Serve(Urb& urb, Bytes out) {
     ServeIso(urb);
   } else if (!urb.IsIn()) {
     urb.moved = urb.length;
-  } else if (urb.endpoint == 0x82) {
+  } else if (urb.endpoint == 0x81 || urb.endpoint == 0x82) {
     urb.in = Pattern(urb.length);
     urb.moved = urb.length;
   } else {
-    return urb.endpoint == 0x85 || Bring(urb);
-  }
-  if (urb.endpoint == 0x01 || urb.endpoint == 0x03) {
-    const std::uint8_t in = urb.endpoint | 0x80U;
-    mLoops[in].push_back(out);
-    const auto waiting = std::ranges::find(mPending, in, &Urb::endpoint);
-    if (waiting != mPending.end() && Bring(*waiting)) {
-      mDone.splice(mDone.end(), mPending, waiting);
-    }
+    return urb.endpoint == 0x85;
   }
   if (!urb.IsIn()) {
     mTaken[urb.endpoint] = std::move(out);
   }
-  return true;
-}
-
-bool MockUsbDevice::Bring(Urb& urb) {
-  std::list<Bytes>& loop = mLoops[urb.endpoint];
-  if (loop.empty()) {
-    return false;
-  }
-  urb.in = std::move(loop.front());
-  loop.pop_front();
-  urb.status = urb.in.size() > urb.length ? -EOVERFLOW : 0;
-  urb.in.resize(std::min(urb.in.size(), urb.length));
-  urb.moved = urb.in.size();
   return true;
 }
 

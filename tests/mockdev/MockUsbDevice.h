@@ -9,17 +9,14 @@ namespace vel {
 
 // A mocked device with every kind of endpoint.
 //
-//   0x01, 0x81 bulk and 0x03, 0x83 interrupt   each IN transfer brings what one OUT transfer took, and waits for it
-//   0x82 bulk IN                               Pattern()
-//   0x02 bulk OUT                              takes anything
-//   0x84 bulk IN                               never has anything
+//   0x81 interrupt IN, 0x82 bulk IN            Pattern()
+//   0x03 interrupt OUT, 0x02 bulk OUT          take anything
+//   0x83 interrupt IN, 0x84 bulk IN            never have anything
 //   0x85 bulk IN                               halted until that is cleared, then empty
 //   0x86, 0x06 isochronous, in setting 1 of interface 1: packets end as SetPacketStatuses says
 class MockUsbDevice final : public MockUsb {
  public:
   static constexpr std::uint16_t kProduct = 0x0001;
-  static constexpr char kMaker[] = "Example Maker";
-  static constexpr char kName[] = "Mocked Device";
   // Vendor requests. Fetch brings what store took, silent is never answered.
   enum Request : std::uint8_t { kStore = 1, kFetch = 1, kStall = 2, kSilent = 3 };
 
@@ -37,11 +34,8 @@ class MockUsbDevice final : public MockUsb {
   bool ServeRequest(Urb& urb, std::span<const std::uint8_t> setup, Bytes out, Bytes& answer) override
       VEL_REQUIRES(mMutex);
   void ServeIso(Urb& urb) VEL_REQUIRES(mMutex);
-  // Hands waiting IN transfers what an OUT transfer brought. One that has too little room babbles.
-  bool Bring(Urb& urb) VEL_REQUIRES(mMutex);
 
   std::vector<int> mPacketStatuses VEL_GUARDED_BY(mMutex);
-  std::map<std::uint8_t, std::list<Bytes>> mLoops VEL_GUARDED_BY(mMutex);  // By IN endpoint.
   std::map<std::uint8_t, Bytes> mTaken VEL_GUARDED_BY(mMutex);
 };
 

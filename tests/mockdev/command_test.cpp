@@ -59,23 +59,7 @@ TEST_F(CommandTest, ListShowsTheDeviceAndWhetherItMayBeOpened) {
   EXPECT_EQ(nlohmann::json::parse(Run(words).output)["local"][0]["accessible"], false);
 }
 
-TEST_F(CommandTest, DescribeFindsTheDeviceByPlaceAndByIds) {
-  mDevice.Plug();
-  const auto byPlace = Run(Words({"describe", "--json", Place()}));
-  EXPECT_EQ(byPlace.status, 0) << byPlace.messages;
-  const auto json = nlohmann::json::parse(byPlace.output);
-  EXPECT_EQ(json["device"]["product"], MockUsbDevice::kName);
-  EXPECT_EQ(json["configuration"]["interfaces"].size(), 2U);
-  EXPECT_EQ(json["configuration"]["interfaces"][1][1]["endpoints"][1]["bEndpointAddress"], 0x86);
-  EXPECT_EQ(Run(Words({"describe", "--json", "1209:0001"})).output, byPlace.output);
-  ExpectDriversBack();
-  const auto absent = Run(Words({"describe", "1209:0002"}));
-  EXPECT_EQ(absent.status, 1);
-  EXPECT_THAT(absent.messages, HasSubstr("no device 1209:0002 is plugged in"));
-}
-
 TEST_F(CommandTest, ServeGivesTheDeviceBackHoweverItEnds) {
-  constexpr std::array<std::uint8_t, 5> kHalfPacket = {0x27, 1, 0x02, 0x10, 0};
   constexpr std::array<std::uint8_t, 16> kNoPacket = {'G', 'E', 'T', ' ', '/'};
   const struct {
     const char* name;
@@ -90,7 +74,6 @@ TEST_F(CommandTest, ServeGivesTheDeviceBackHoweverItEnds) {
          return command.Leave();
        },
        0, ""},
-      {"within a packet", [&](CommandProcess& command) { return command.Leave(kHalfPacket); }, 1, "virtusb: "},
       {"no packet", [&](CommandProcess& command) { return command.Leave(kNoPacket); }, 1, "virtusb: "},
       {"interrupt", [](CommandProcess& command) { return command.Kill(SIGINT); }, 0, ""},
       {"terminate", [](CommandProcess& command) { return command.Kill(SIGTERM); }, 0, ""},
@@ -136,30 +119,6 @@ TEST_F(CommandTest, ServeWaitsForTheDeviceAndTakesItBack) {
   }
   EXPECT_EQ(command.Kill(SIGINT).status, 0);
   ExpectDriversBack();
-}
-
-TEST_F(CommandTest, FailedTransfersAreAnsweredOnDemand) {
-  mDevice.Plug();
-  for (const bool answers : {false, true}) {
-    std::vector<std::string> words = Words({"serve", Place(), "--stdio"});
-    if (answers) {
-      words.emplace_back("--answer-failures");
-    }
-    CommandProcess command(words, kDeadline);
-    Take(command.Remote());
-    Tally tally;
-    const auto note = [&tally](std::uint32_t id) {
-      return [&tally, id](const TransferReply& reply) { tally.Note(id, reply.status); };
-    };
-    command.Remote().SubmitTransfer(Command::kBulkTransfer, 0x85, 8, {}, note(1));
-    command.Remote().SubmitTransfer(Command::kBulkTransfer, 0x82, 8, {}, note(2));
-    const auto statuses = tally.Await(answers ? 2 : 1);
-    const Tally::Statuses expected =
-        answers ? Tally::Statuses{{1, {LIBUSB_TRANSFER_STALL}}, {2, {0}}} : Tally::Statuses{{2, {0}}};
-    EXPECT_EQ(statuses, expected);
-    EXPECT_EQ(command.Leave().status, 0);
-    ExpectDriversBack();
-  }
 }
 
 }  // namespace

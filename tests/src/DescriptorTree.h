@@ -18,7 +18,6 @@ struct DescriptorTree {
     endpoint.bmAttributes = 5;
     endpoint.wMaxPacketSize = 0x0402;
     endpoint.bInterval = 1;
-    endpoint.bRefresh = 0xB1;
     endpoint.bSynchAddress = 0xB2;
     for (std::uint8_t i = 0; i < 2; ++i) {
       settings[i].bLength = 9;
@@ -26,9 +25,6 @@ struct DescriptorTree {
       settings[i].bInterfaceNumber = 3;
       settings[i].bAlternateSetting = i;
       settings[i].bInterfaceClass = 0xFF;
-      settings[i].bInterfaceSubClass = 0xFE;
-      settings[i].bInterfaceProtocol = 0xFD;
-      settings[i].iInterface = 8;
     }
     settings[1].bNumEndpoints = 1;
     settings[1].endpoint = &endpoint;
@@ -39,9 +35,6 @@ struct DescriptorTree {
     config.wTotalLength = 34;
     config.bNumInterfaces = 1;
     config.bConfigurationValue = 2;
-    config.iConfiguration = 6;
-    config.bmAttributes = 0xC0;
-    config.MaxPower = 25;
     config.interface = &interface;
   }
   DescriptorTree(const DescriptorTree&) = delete;

@@ -22,7 +22,9 @@ inline constexpr RequestId kId{.reqId = 0xA5, .devId = 0x11223344};
 
 // A driver over a scripted backend, and its remote side.
 struct TestedSession {
-  TestedSession() { EXPECT_EQ(driver->Init(), 0); }
+  explicit TestedSession(RecordingDeviceBase::Identity identity = {}) : remote(std::move(identity)) {
+    EXPECT_EQ(driver->Init(), 0);
+  }
 
   void Post(std::unique_ptr<VelPacket> request) { driver->onEvent(std::move(request)); }
 
@@ -34,9 +36,6 @@ struct TestedSession {
     const std::vector<Reply> replies = remote.Replies();
     return before < replies.size() ? replies[before] : Reply{};
   }
-
-  // Whatever was posted is done when this returns; costs one call of GetDeviceSpeed and one reply.
-  void Drain() { EXPECT_THAT(Ask(BuildRequest(Command::kGetDeviceSpeed, {})).wellFormed, true); }
 
   std::shared_ptr<VirtUsb> Served() const { return std::dynamic_pointer_cast<VirtUsb>(driver->GetDriverObj()); }
 

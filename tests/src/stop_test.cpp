@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <array>
 #include <future>
+#include <set>
 #include <thread>
 #include <vector>
 
@@ -36,18 +37,11 @@ TEST_F(Stop, IdleSessionGivesTheDeviceBackOnceWhateverFails) {
   }
   EXPECT_EQ(driver->Close(0), 0);
   EXPECT_EQ(driver->Close(1), 0);
-  EXPECT_THAT(CallsAfterInit(), ElementsAreArray(kGivenBack));
+  Post(BuildRequest(Command::kOpenUsbDev, kId));  // Is dropped.
   driver.reset();
   EXPECT_TRUE(io.IsDestroyed());
-  EXPECT_THAT(CallsAfterInit(), ElementsAreArray(kGivenBack));
-}
-
-TEST_F(Stop, RequestsAfterwardsAreDropped) {
-  driver->Close(0);
-  Post(BuildRequest(Command::kOpenUsbDev, kId));
-  driver.reset();
-  EXPECT_THAT(CallsAfterInit(), ElementsAreArray(kGivenBack));
   EXPECT_THAT(remote.Replies(), IsEmpty());
+  EXPECT_THAT(CallsAfterInit(), ElementsAreArray(kGivenBack));
 }
 
 TEST_F(Stop, RunningHandlerIsInterruptedByTheCloseAndStillAnswers) {
@@ -83,28 +77,17 @@ TEST_F(Stop, ThousandWaitingRequestsAreDroppedAlsoWithoutAClose) {
   }
 }
 
-TEST_F(Stop, PendingTransfersAreCancelledAndAnsweredWhereTheRemoteSideWantsIt) {
-  for (const bool answers : {false, true}) {
-    TestedSession session;
-    if (answers) {
-      session.remote.AnswerFailedTransfers();
-    }
-    session.io.HoldTransfers();
-    session.Post(BuildTransferRequest(Command::kBulkTransfer, kId, 0x02, 1, 2, std::array<std::uint8_t, 2>{8, 9}));
-    session.Post(BuildTransferRequest(Command::kInterruptTransfer, kId, 0x81, 2, 8, {}));
-    session.Post(BuildIsoRequest(kId, 0x83, 3, std::array{4U, 4U}, {}));
-    ASSERT_TRUE(session.io.WaitForHeld(3));
-    session.driver->Close(0);
-    session.driver.reset();
-    EXPECT_EQ(session.io.CompletedCount(), 3U);
-    if (answers) {
-      EXPECT_THAT(session.remote.Replies(),
-                  ElementsAre(IsBulkReply(1, kXferCancelled, IsEmpty()), IsInterruptReply(2, kXferCancelled, IsEmpty()),
-                              IsIsoReply(3, kXferCancelled, 0, IsEmpty())));
-    } else {
-      EXPECT_THAT(session.remote.Replies(), IsEmpty());
-    }
-  }
+TEST_F(Stop, PendingTransfersAreCancelled) {
+  remote.AnswerFailedTransfers();
+  io.HoldTransfers();
+  Post(BuildTransferRequest(Command::kBulkTransfer, kId, 0x02, 1, 2, std::array<std::uint8_t, 2>{8, 9}));
+  Post(BuildTransferRequest(Command::kInterruptTransfer, kId, 0x81, 2, 8, {}));
+  Post(BuildIsoRequest(kId, 0x83, 3, std::array{4U, 4U}, {}));
+  ASSERT_TRUE(io.WaitForHeld(3));
+  driver->Close(0);
+  EXPECT_THAT(remote.Replies(),
+              ElementsAre(IsBulkReply(1, kXferCancelled, IsEmpty()), IsInterruptReply(2, kXferCancelled, IsEmpty()),
+                          IsIsoReply(3, kXferCancelled, 0, IsEmpty())));
 }
 
 TEST_F(Stop, CompletionsOfTheBackendsThreadRaceWithItEachOnce) {
@@ -120,13 +103,11 @@ TEST_F(Stop, CompletionsOfTheBackendsThreadRaceWithItEachOnce) {
   EXPECT_EQ(io.CompletedCount(), io.Transfers().size());
   const std::vector<Reply> replies = remote.Replies();
   EXPECT_EQ(replies.size(), io.Transfers().size());
-  std::vector<std::vector<std::uint8_t>> streams;
+  std::set<std::vector<std::uint8_t>> streams;
   for (const Reply& reply : replies) {
-    ASSERT_GE(reply.payload.size(), 8U);
-    streams.emplace_back(reply.payload.begin(), reply.payload.begin() + 4);
+    streams.emplace(reply.payload.begin(), reply.payload.begin() + 4);
   }
-  std::sort(streams.begin(), streams.end());
-  EXPECT_EQ(std::adjacent_find(streams.begin(), streams.end()), streams.end()) << "answered twice";
+  EXPECT_EQ(streams.size(), replies.size()) << "answered twice";
 }
 
 TEST_F(Stop, TwoThreadsMayStopAtOnceAndBothFindItStopped) {
@@ -181,35 +162,6 @@ TEST_F(Stop, WaitsForTheReplyThatIsUnderWayAndSendsNoneAfterIt) {
   closer.join();
   EXPECT_EQ(repliesAtClose, 1U);
   EXPECT_EQ(remote.ReplyCount(), 1U);
-}
-
-// The three handlers that hold the session's mutex: stopping touches the device only when they are done with it.
-TEST_F(Stop, TakesTurnsWithHandlersThatHoldTheLock) {
-  const struct {
-    std::string operation;
-    const char* call;
-    std::unique_ptr<VelPacket> (*request)();
-  } cases[] = {
-      {"OpenUsbDev", "OpenUsbDev", [] { return BuildRequest(Command::kOpenUsbDev, kId); }},
-      {"SetInterfaceAltSetting", "SetInterfaceAltSetting 1 2", [] { return BuildAltSettingRequest(kId, 1, 2); }},
-      {"IsochTransfer", "IsochTransfer 131 5 20", [] { return BuildIsoRequest(kId, 0x83, 5, std::array{4U}, {}); }},
-  };
-  for (const auto& [operation, call, request] : cases) {
-    SCOPED_TRACE(operation);
-    TestedSession session;
-    session.io.Block(operation);
-    session.Post(request());
-    ASSERT_TRUE(session.io.WaitForCall(call));
-    std::thread closer([&session] { session.driver->Close(0); });
-    EXPECT_FALSE(session.io.IsCalledSoon("AttachKernelDriver"));
-    session.io.Release(operation);
-    closer.join();
-    const std::vector<std::string> calls = session.io.Calls();
-    const auto done = std::ranges::find(calls, operation + " done");
-    const auto attach = std::ranges::find(calls, "AttachKernelDriver");
-    ASSERT_NE(attach, calls.end());
-    EXPECT_LT(done, attach);
-  }
 }
 
 // A request that is past the enabled flag when stopping begins, and gets the mutex only when the device is closed.

@@ -6,9 +6,8 @@
 namespace vel {
 namespace {
 
-LogLine Parse(int level, std::string text) {
+LogLine Parse(std::string text) {
   LogLine line;
-  line.level = level;
   const std::size_t space = text.find(' ');
   const std::size_t bracket = text.find('(', space == std::string::npos ? 0 : space);
   const std::size_t colon = text.find("): ", bracket == std::string::npos ? 0 : bracket);
@@ -35,9 +34,9 @@ CapturingLog::~CapturingLog() {
   oskeloLogSetSink(nullptr, nullptr);
 }
 
-void CapturingLog::Take(void* self, int level, const char* /*tag*/, const char* text) {
+void CapturingLog::Take(void* self, int /*level*/, const char* /*tag*/, const char* text) {
   auto& log = *static_cast<CapturingLog*>(self);
-  const LogLine line = Parse(level, text);
+  const LogLine line = Parse(text);
   {
     const MutexLock lock(log.mMutex);
     log.mLines.push_back(line);

@@ -14,7 +14,6 @@ namespace vel {
 
 // "file function(line): [device]Word:message", taken apart. What a line does not have is empty.
 struct LogLine {
-  int level = 0;
   std::string text;
   std::string function;
   std::string message;  // With its word: "Error:FAIL 0".

@@ -34,17 +34,17 @@ UniqueFd Copy(const UniqueFd& fd) {
   return UniqueFd(fcntl(fd.Get(), F_DUPFD_CLOEXEC, 0));
 }
 
-bool IsReadable(const UniqueFd& fd, std::chrono::steady_clock::time_point deadline) {
+// Appends what comes next; false at the end of it and after the deadline.
+bool ReadMore(const UniqueFd& fd, std::chrono::steady_clock::time_point deadline, std::string& text) {
   pollfd ready{fd.Get(), POLLIN, 0};
   const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-  return poll(&ready, 1, static_cast<int>(std::max<std::int64_t>(left.count(), 0))) == 1;
-}
-
-std::size_t ReadSome(const UniqueFd& fd, std::string& text) {
+  if (poll(&ready, 1, static_cast<int>(std::max<std::int64_t>(left.count(), 0))) != 1) {
+    return false;
+  }
   std::array<char, 4096> buffer{};
   const ssize_t count = read(fd.Get(), buffer.data(), buffer.size());
-  text.append(buffer.data(), static_cast<std::size_t>(count < 0 ? 0 : count));
-  return static_cast<std::size_t>(count < 0 ? 0 : count);
+  text.append(buffer.data(), static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
+  return count > 0;
 }
 
 int Count(const std::string& text, const std::string& wanted) {
@@ -79,7 +79,7 @@ CommandProcess::CommandProcess(std::vector<std::string> words, std::chrono::seco
   }
   mInput = std::move(input.write);
   mOutput = std::move(output.read);
-  mReader = std::thread([this, fd = std::move(messages.read)]() mutable { TakeMessagesDown(std::move(fd)); });
+  mErrors = std::move(messages.read);
 }
 
 CommandProcess::~CommandProcess() {
@@ -88,19 +88,6 @@ CommandProcess::~CommandProcess() {
     kill(mPid, SIGKILL);
     waitpid(mPid, nullptr, 0);
   }
-  mReader.join();
-}
-
-void CommandProcess::TakeMessagesDown(UniqueFd messages) {
-  std::string text;
-  while (ReadSome(messages, text) > 0) {
-    const MutexLock lock(mMutex);
-    mMessages += std::exchange(text, {});
-    mChanged.NotifyAll();
-  }
-  const MutexLock lock(mMutex);
-  mEnded = true;
-  mChanged.NotifyAll();
 }
 
 RemoteDevice& CommandProcess::Remote() {
@@ -113,9 +100,8 @@ RemoteDevice& CommandProcess::Remote() {
 
 void CommandProcess::AwaitMessage(const std::string& text, int times) {
   const auto deadline = std::chrono::steady_clock::now() + mDeadline;
-  MutexLock lock(mMutex);
   while (Count(mMessages, text) < times) {
-    if (mEnded || !mChanged.WaitUntil(lock, deadline)) {
+    if (!ReadMore(mErrors, deadline, mMessages)) {
       throw std::runtime_error("no \"" + text + "\" in: " + mMessages);
     }
   }
@@ -138,16 +124,13 @@ CommandProcess::Ending CommandProcess::Kill(int signal) {
 CommandProcess::Ending CommandProcess::Await() {
   const auto deadline = std::chrono::steady_clock::now() + mDeadline;
   Ending ending;
-  while (mRemote == nullptr && IsReadable(mOutput, deadline) && ReadSome(mOutput, ending.output) > 0) {
+  while (mRemote == nullptr && ReadMore(mOutput, deadline, ending.output)) {
   }
-  {
-    MutexLock lock(mMutex);
-    while (!mEnded && mChanged.WaitUntil(lock, deadline)) {
-    }
-    ending.messages = mMessages;
-    if (!mEnded) {
-      throw std::runtime_error("the command does not end; it said: " + mMessages);
-    }
+  while (ReadMore(mErrors, deadline, mMessages)) {
+  }
+  ending.messages = mMessages;
+  if (std::chrono::steady_clock::now() >= deadline) {
+    throw std::runtime_error("the command does not end; it said: " + mMessages);
   }
   int status = 0;
   waitpid(std::exchange(mPid, -1), &status, 0);

@@ -8,18 +8,16 @@
 #include <memory>
 #include <span>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "remote/FdStream.h"
 #include "remote/RemoteDevice.h"
-#include "vel/Mutex.h"
 
 namespace vel {
 
-// A program in a child process, the command as a rule. What it writes to standard error is taken
-// down as it comes. One thread uses it; what does not come until the deadline throws
-// std::runtime_error with all that the program said.
+// A program in a child process, the command as a rule. It may say as much on standard error as a pipe holds between
+// two calls here. One thread uses it; what does not come until the deadline throws std::runtime_error with all that
+// the program said.
 class CommandProcess {
  public:
   struct Ending {
@@ -38,27 +36,22 @@ class CommandProcess {
   // The remote side of a device that the command serves on its standard input and output.
   RemoteDevice& Remote();
   // Waits until standard error has this text `times` times.
-  void AwaitMessage(const std::string& text, int times = 1) VEL_EXCLUDES(mMutex);
+  void AwaitMessage(const std::string& text, int times = 1);
 
   // Closes standard input, `lastBytes` being the last that comes there, and waits for the end.
   Ending Leave(std::span<const std::uint8_t> lastBytes = {});
   Ending Kill(int signal);
   // Waits until the program has ended by itself.
-  Ending Await() VEL_EXCLUDES(mMutex);
+  Ending Await();
 
  private:
-  void TakeMessagesDown(UniqueFd messages) VEL_EXCLUDES(mMutex);
-
   const std::chrono::seconds mDeadline;
   pid_t mPid = -1;
   UniqueFd mInput;
   UniqueFd mOutput;
+  UniqueFd mErrors;
   std::unique_ptr<RemoteDevice> mRemote;
-  Mutex mMutex;
-  CondVar mChanged;
-  std::string mMessages VEL_GUARDED_BY(mMutex);
-  bool mEnded VEL_GUARDED_BY(mMutex) = false;
-  std::thread mReader;
+  std::string mMessages;
 };
 
 }  // namespace vel

@@ -1,18 +1,25 @@
 #ifndef VIRTUSB_TESTS_SUPPORT_RECORDING_DEVICE_BASE_H
 #define VIRTUSB_TESTS_SUPPORT_RECORDING_DEVICE_BASE_H
 
+#include <algorithm>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <span>
 #include <string>
-#include <thread>
+#include <utility>
 #include <vector>
 
+#include "protocol/VelPacket.h"
+#include "support/Limits.h"
 #include "vel/Mutex.h"
 #include "vel/VelDeviceBase.h"
 
 namespace vel {
+
+class IUsbIo;
 
 // A packet that the module sent.
 struct Reply {
@@ -21,11 +28,9 @@ struct Reply {
   std::uint32_t devId = 0;
   std::vector<std::uint8_t> payload;
   bool wellFormed = false;  // Magic, byte order, reserved bytes and the length field are what they have to be.
-  std::thread::id thread;
 };
 
-// The framework's side of one redirected device: says which device it is and keeps what the module
-// sends. Any thread.
+// The framework's side of one redirected device: says which device it is and keeps what the module sends. Any thread.
 class RecordingDeviceBase final : public VelDeviceBase {
  public:
   struct Identity {
@@ -40,22 +45,39 @@ class RecordingDeviceBase final : public VelDeviceBase {
 
   // Called in Send, before the reply is kept, on the module's thread; may block.
   using SendHook = std::function<void(const Reply&)>;
+  using BackendMaker = std::function<IUsbIo*(std::uint32_t type)>;
 
   RecordingDeviceBase() : RecordingDeviceBase(Identity{}) {}
   explicit RecordingDeviceBase(Identity identity) : mIdentity(std::move(identity)) {}
 
   // To be set before a driver is made.
   void OnSend(SendHook hook) { mHook = std::move(hook); }
+  void SetBackend(BackendMaker maker) { mBackendMaker = std::move(maker); }
+  IUsbIo* MakeBackend(std::uint32_t type) const { return mBackendMaker ? mBackendMaker(type) : nullptr; }
   void CountRepliesOnly() { mKeepsReplies = false; }
   void AnswerFailedTransfers() { mAnswersFailedTransfers = true; }
 
   // False when fewer than `n` replies, counted from the start, have come by the deadline.
-  [[nodiscard]] bool WaitForReplies(std::size_t n) const;
-  std::vector<Reply> Replies() const;
-  std::size_t ReplyCount() const;
+  [[nodiscard]] bool WaitForReplies(std::size_t n) const {
+    const auto deadline = std::chrono::steady_clock::now() + kDeadline;
+    MutexLock lock(mMutex);
+    while (mReplyCount < n && mReplied.WaitUntil(lock, deadline)) {
+    }
+    return mReplyCount >= n;
+  }
+  std::vector<Reply> Replies() const {
+    const MutexLock lock(mMutex);
+    return mReplies;
+  }
+  std::size_t ReplyCount() const {
+    const MutexLock lock(mMutex);
+    return mReplyCount;
+  }
   // "NAME key=value, key=value", in order.
-  std::vector<std::string> Events() const;
-  std::vector<std::uint64_t> SpanIds() const;
+  std::vector<std::string> Events() const {
+    const MutexLock lock(mMutex);
+    return mEvents;
+  }
 
   std::uint8_t GetBusNumber() const override { return mIdentity.bus; }
   std::uint8_t GetDeviceAddress() const override { return mIdentity.address; }
@@ -66,13 +88,46 @@ class RecordingDeviceBase final : public VelDeviceBase {
   std::uint16_t GetProductId() const override { return mIdentity.productId; }
   const char* GetArgs() const override { return mIdentity.args.c_str(); }
   std::uint8_t TakeReplyReqId(std::uint16_t, std::uint32_t) override { return kReplyReqId; }
-  int Send(std::unique_ptr<VelPacket> packet, std::uint32_t waitMs) override;
-  void Trace(std::uint64_t spanId, const char* event, const VelTraceAttribute* attributes, std::size_t count) override;
+  int Send(std::unique_ptr<VelPacket> packet, std::uint32_t waitMs) override {
+    Reply reply = Read(*packet);
+    reply.wellFormed = reply.wellFormed && waitMs == 0xFFFFFFFF;
+    if (mHook) {
+      mHook(reply);
+    }
+    const MutexLock lock(mMutex);
+    ++mReplyCount;
+    if (mKeepsReplies) {
+      mReplies.push_back(std::move(reply));
+    }
+    mReplied.NotifyAll();
+    return 0;
+  }
+  void Trace(std::uint64_t, const char* event, const VelTraceAttribute* attributes, std::size_t count) override {
+    std::string text = event;
+    for (std::size_t i = 0; i < count; ++i) {
+      text += std::string(i == 0 ? " " : ", ") + attributes[i].key + "=" + attributes[i].value;
+    }
+    const MutexLock lock(mMutex);
+    mEvents.push_back(std::move(text));
+  }
   bool AnswersFailedTransfers() const override { return mAnswersFailedTransfers; }
 
  private:
+  static Reply Read(const VelPacket& packet) {
+    const std::span<const std::uint8_t> wire = packet.Wire();
+    Reply reply{.command = packet.GetCommand(), .reqId = packet.GetReqId(), .devId = packet.GetDevId(), .payload = {}};
+    if (wire.size() >= VelPacket::kHeaderSize) {
+      const auto tail = wire.subspan(VelPacket::kByteOrderOffset, 4);  // Byte order and reserved.
+      reply.wellFormed = wire[0] == VelPacket::kMagic && packet.GetPacketSize() == wire.size() &&
+                         std::ranges::all_of(tail, [](std::uint8_t byte) { return byte == 0; });
+      reply.payload.assign(wire.begin() + VelPacket::kHeaderSize, wire.end());
+    }
+    return reply;
+  }
+
   const Identity mIdentity;
   SendHook mHook;
+  BackendMaker mBackendMaker;
   bool mKeepsReplies = true;
   bool mAnswersFailedTransfers = false;
   mutable Mutex mMutex;
@@ -80,7 +135,6 @@ class RecordingDeviceBase final : public VelDeviceBase {
   std::vector<Reply> mReplies VEL_GUARDED_BY(mMutex);
   std::size_t mReplyCount VEL_GUARDED_BY(mMutex) = 0;
   std::vector<std::string> mEvents VEL_GUARDED_BY(mMutex);
-  std::vector<std::uint64_t> mSpanIds VEL_GUARDED_BY(mMutex);
 };
 
 }  // namespace vel

@@ -2,20 +2,10 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <cstring>
-#include <deque>
-#include <map>
-#include <set>
-#include <thread>
 #include <utility>
-
-#include "support/Limits.h"
-#include "vel/Mutex.h"
 
 namespace vel {
 namespace {
-
-using Clock = std::chrono::steady_clock;
 
 void Finish(_UsbIoXferInfo* info, const ScriptedUsbIo::Result& result) {
   if (!result.bytes && result.status != kXferCompleted) {
@@ -33,343 +23,226 @@ void Finish(_UsbIoXferInfo* info, const ScriptedUsbIo::Result& result) {
 
 }  // namespace
 
-struct ScriptedUsbIo::Script {
-  enum class Mode : std::uint8_t { kAtOnce, kHeld, kOwnThread };
-
-  mutable Mutex mutex;
-  mutable CondVar changed;
-  std::map<std::string, int, std::less<>> answers VEL_GUARDED_BY(mutex);
-  std::set<std::string, std::less<>> blocked VEL_GUARDED_BY(mutex);
-  std::vector<std::string> calls VEL_GUARDED_BY(mutex);
-  std::map<std::string, DataHook, std::less<>> hooks VEL_GUARDED_BY(mutex);
-  libusb_device_descriptor* deviceDesc VEL_GUARDED_BY(mutex) = nullptr;
-  libusb_config_descriptor* configDesc VEL_GUARDED_BY(mutex) = nullptr;
-  Mode mode VEL_GUARDED_BY(mutex) = Mode::kAtOnce;
-  std::deque<_UsbIoXferInfo*> held VEL_GUARDED_BY(mutex);
-  std::size_t completing VEL_GUARDED_BY(mutex) = 0;
-  std::size_t completed VEL_GUARDED_BY(mutex) = 0;
-  std::vector<Submitted> transfers VEL_GUARDED_BY(mutex);
-  bool destroyed VEL_GUARDED_BY(mutex) = false;
-  bool ending VEL_GUARDED_BY(mutex) = false;
-  std::thread completer;  // The test's thread only.
-
-  int Call(std::string_view operation, std::initializer_list<std::int64_t> arguments = {}) {
-    std::string call(operation);
-    for (const std::int64_t argument : arguments) {
-      call += ' ' + std::to_string(argument);
-    }
-    MutexLock lock(mutex);
-    Record(std::move(call));
-    if (blocked.contains(operation)) {
-      while (blocked.contains(operation)) {
-        changed.Wait(lock);
-      }
-      Record(std::string(operation) + " done");
-    }
-    const auto answer = answers.find(operation);
-    return answer == answers.end() ? 0 : answer->second;
-  }
-
-  void Record(std::string call) VEL_REQUIRES(mutex) {
-    calls.push_back(std::move(call));
-    changed.NotifyAll();
-  }
-
-  bool WaitForCall(std::string_view call, Clock::time_point deadline) const {
-    MutexLock lock(mutex);
-    while (std::ranges::find(calls, call) == calls.end() && changed.WaitUntil(lock, deadline)) {
-    }
-    return std::ranges::find(calls, call) != calls.end();
-  }
-
-  // Completes one held record that `wanted` picks.
-  template <class Wanted>
-  bool CompleteOne(Wanted wanted, const Result& result) {
-    _UsbIoXferInfo* info = nullptr;
-    {
-      const MutexLock lock(mutex);
-      const auto found = std::find_if(held.begin(), held.end(), wanted);
-      if (found == held.end()) {
-        return false;
-      }
-      info = *found;
-      held.erase(found);
-      ++completing;
-    }
-    Finish(info, result);
-    const MutexLock lock(mutex);
-    --completing;
-    ++completed;
-    changed.NotifyAll();
-    return true;
-  }
-
-  void CancelAll() {
-    while (CompleteOne([](const _UsbIoXferInfo*) { return true; }, {.status = kXferCancelled, .bytes = {}})) {
-    }
-    MutexLock lock(mutex);
-    while (completing > 0) {
-      changed.Wait(lock);
-    }
-  }
-
-  void CompleteUntilEnd() {
-    while (true) {
-      {
-        MutexLock lock(mutex);
-        while (held.empty() && !ending) {
-          changed.Wait(lock);
-        }
-        if (held.empty()) {
-          return;
-        }
-      }
-      CompleteOne([](const _UsbIoXferInfo*) { return true; }, {});
-    }
-  }
-};
-
 class ScriptedUsbIo::Backend final : public IUsbIo {
  public:
-  Backend(std::shared_ptr<Script> script, std::uint32_t type)
-      : mScript(std::move(script)), mType(static_cast<std::uint8_t>(type)) {}
+  Backend(ScriptedUsbIo& script, std::uint32_t type) : mScript(script), mType(static_cast<std::uint8_t>(type)) {}
   ~Backend() override {
-    mScript->CancelAll();
-    const MutexLock lock(mScript->mutex);
-    mScript->destroyed = true;
+    mScript.CancelAll();
+    const MutexLock lock(mScript.mMutex);
+    mScript.mDestroyed = true;
   }
 
   void* GetIoHandler() override { return nullptr; }
   std::uint8_t GetIoType() override { return mType; }
-  void Init() override { mScript->Call("Init"); }
-  int OpenUsbDev() override { return mScript->Call("OpenUsbDev"); }
+  void Init() override { mScript.Call("Init"); }
+  int OpenUsbDev() override { return mScript.Call("OpenUsbDev"); }
   int CloseUsbDev() override {
-    const int result = mScript->Call("CloseUsbDev");
-    {
-      const MutexLock lock(mScript->mutex);
-      mScript->blocked.clear();
-      mScript->changed.NotifyAll();
-    }
-    mScript->CancelAll();
+    const int result = mScript.Call("CloseUsbDev");
+    mScript.Unblock();
+    mScript.CancelAll();
     return result;
   }
   std::uint8_t GetDevicePortNumber() override { return CallForByte("GetDevicePortNumber"); }
-  libusb_device_descriptor* GetDeviceDesc() override {
-    mScript->Call("GetDeviceDesc");
-    const MutexLock lock(mScript->mutex);
-    return mScript->deviceDesc;
-  }
+  libusb_device_descriptor* GetDeviceDesc() override { return nullptr; }
   libusb_config_descriptor* GetConfigDesc() override {
-    mScript->Call("GetConfigDesc");
-    const MutexLock lock(mScript->mutex);
-    return mScript->configDesc;
+    mScript.Call("GetConfigDesc");
+    const MutexLock lock(mScript.mMutex);
+    return mScript.mConfig;
   }
   std::uint8_t GetBusNumber() override { return CallForByte("GetBusNumber"); }
   std::uint8_t GetDeviceAddress() override { return CallForByte("GetDeviceAddress"); }
   std::uint8_t GetDeviceSpeed() override { return CallForByte("GetDeviceSpeed"); }
   int GetStringDescriptor(std::uint8_t index, std::uint16_t langId, std::uint8_t* buffer, int length) override {
-    const int result = mScript->Call("GetStringDescriptor", {index, langId, length});
-    return AnswerData("GetStringDescriptor", {buffer, static_cast<std::size_t>(length)}, result);
+    return mScript.CallForData("GetStringDescriptor", {index, langId, length},
+                               {buffer, static_cast<std::size_t>(length)});
   }
-  int ResetDevice() override { return mScript->Call("ResetDevice"); }
-  int AttachKernelDriver() override { return mScript->Call("AttachKernelDriver"); }
-  int DetachKernelDriver() override { return mScript->Call("DetachKernelDriver"); }
-  int ClearHalt(int endpoint) override { return mScript->Call("ClearHalt", {endpoint}); }
-  int ReleaseAllInterface() override { return mScript->Call("ReleaseAllInterface"); }
-  int SetConfiguration(int configuration) override { return mScript->Call("SetConfiguration", {configuration}); }
-  int ClaimAllInterface() override { return mScript->Call("ClaimAllInterface"); }
+  int ResetDevice() override { return mScript.Call("ResetDevice"); }
+  int AttachKernelDriver() override { return mScript.Call("AttachKernelDriver"); }
+  int DetachKernelDriver() override { return mScript.Call("DetachKernelDriver"); }
+  int ClearHalt(int endpoint) override { return mScript.Call("ClearHalt", {endpoint}); }
+  int ReleaseAllInterface() override { return mScript.Call("ReleaseAllInterface"); }
+  int SetConfiguration(int configuration) override { return mScript.Call("SetConfiguration", {configuration}); }
+  int ClaimAllInterface() override { return mScript.Call("ClaimAllInterface"); }
   int SetInterfaceAltSetting(int interfaceNumber, int altSetting) override {
-    return mScript->Call("SetInterfaceAltSetting", {interfaceNumber, altSetting});
+    return mScript.Call("SetInterfaceAltSetting", {interfaceNumber, altSetting});
   }
   int CancelTransfer(std::uint32_t localXferId) override {
-    const int result = mScript->Call("CancelTransfer", {localXferId});
-    const auto wanted = [localXferId](const _UsbIoXferInfo* info) { return info->localXferId == localXferId; };
-    const bool found = mScript->CompleteOne(wanted, {.status = kXferCancelled, .bytes = {}});
+    const int result = mScript.Call("CancelTransfer", {localXferId});
+    const auto wanted = [localXferId](const _UsbIoXferInfo& info) { return info.localXferId == localXferId; };
+    const bool found = mScript.CompleteOne(wanted, {.status = kXferCancelled, .bytes = {}});
     return result == 0 && !found ? LIBUSB_ERROR_NOT_FOUND : result;
   }
   int ControlTransfer(std::uint8_t bmRequestType, std::uint8_t bRequest, std::uint16_t wValue, std::uint16_t wIndex,
                       std::uint8_t* data, std::uint16_t wLength, std::uint32_t timeout) override {
-    const int result = mScript->Call("ControlTransfer", {bmRequestType, bRequest, wValue, wIndex, wLength, timeout});
-    return AnswerData("ControlTransfer", {data, wLength}, result);
+    return mScript.CallForData("ControlTransfer", {bmRequestType, bRequest, wValue, wIndex, wLength, timeout},
+                               {data, wLength});
   }
   int BulkTransfer(_UsbIoXferInfo* info) override { return Submit("BulkTransfer", info); }
   int InterruptTransfer(_UsbIoXferInfo* info) override { return Submit("InterruptTransfer", info); }
   int IsochTransfer(_UsbIoXferInfo* info) override { return Submit("IsochTransfer", info); }
 
  private:
-  std::uint8_t CallForByte(std::string_view operation) { return static_cast<std::uint8_t>(mScript->Call(operation)); }
-
-  int AnswerData(std::string_view operation, std::span<std::uint8_t> data, int otherwise) const {
-    DataHook hook;
-    {
-      const MutexLock lock(mScript->mutex);
-      const auto found = mScript->hooks.find(operation);
-      hook = found == mScript->hooks.end() ? nullptr : found->second;
-    }
-    return hook ? hook(data) : otherwise;
-  }
-
+  std::uint8_t CallForByte(std::string_view operation) { return static_cast<std::uint8_t>(mScript.Call(operation)); }
   int Submit(std::string_view operation, _UsbIoXferInfo* info) {
     if (info == nullptr) {
       return 0;
     }
     info->owner = this;
-    const int result = mScript->Call(operation, {info->epAddr, info->streamId, info->length});
-    bool atOnce = true;
-    {
-      const MutexLock lock(mScript->mutex);
-      const auto* table = static_cast<const std::uint8_t*>(info->isoDescCopy);
-      mScript->transfers.push_back({.streamId = info->streamId,
-                                    .localXferId = info->localXferId,
-                                    .isoPacketNum = info->isoPacketNum,
-                                    .length = info->length,
-                                    .isoDescCopy = {table, table + info->isoDescLen}});
-      if (result >= 0 && mScript->mode != Script::Mode::kAtOnce) {
-        mScript->held.push_back(info);
-        mScript->changed.NotifyAll();
-        atOnce = false;
-      }
-    }
-    if (atOnce) {
-      if (result < 0) {
-        const XferGuard completesAsRefused(info);
-      } else {
-        Finish(info, {});
-      }
-      const MutexLock lock(mScript->mutex);
-      ++mScript->completed;
-    }
-    return result;
+    return mScript.Submit(operation, info);
   }
 
-  const std::shared_ptr<Script> mScript;
+  ScriptedUsbIo& mScript;
   const std::uint8_t mType;
 };
 
-// Who waits for a backend.
-struct ScriptedUsbIo::Registry {
-  Mutex mutex;
-  std::map<const VelDeviceBase*, std::shared_ptr<Script>> scripts VEL_GUARDED_BY(mutex);
-
-  static Registry& Get() {
-    static Registry registry;
-    return registry;
-  }
-};
-
-ScriptedUsbIo::ScriptedUsbIo(const VelDeviceBase& device) : mDevice(device), mScript(std::make_shared<Script>()) {
-  Registry& registry = Registry::Get();
-  const MutexLock lock(registry.mutex);
-  registry.scripts[&device] = mScript;
+ScriptedUsbIo::ScriptedUsbIo(RecordingDeviceBase& device) {
+  device.SetBackend([this](std::uint32_t type) { return new Backend(*this, type); });
 }
 
 ScriptedUsbIo::~ScriptedUsbIo() {
   {
-    Registry& registry = Registry::Get();
-    const MutexLock lock(registry.mutex);
-    registry.scripts.erase(&mDevice);
+    const MutexLock lock(mMutex);
+    mEnding = true;
+    mChanged.NotifyAll();
   }
-  {
-    const MutexLock lock(mScript->mutex);
-    mScript->ending = true;
-    mScript->blocked.clear();
-    mScript->changed.NotifyAll();
-  }
-  if (mScript->completer.joinable()) {
-    mScript->completer.join();
+  if (mCompleter.joinable()) {
+    mCompleter.join();
   }
 }
 
 IUsbIo* ScriptedUsbIo::Create(std::uint32_t type, VelDeviceBase* device) {
-  Registry& registry = Registry::Get();
-  const MutexLock lock(registry.mutex);
-  const auto found = registry.scripts.find(device);
-  if (found == registry.scripts.end()) {
-    return nullptr;
+  return static_cast<RecordingDeviceBase*>(device)->MakeBackend(type);
+}
+
+int ScriptedUsbIo::Call(std::string_view operation, std::initializer_list<std::int64_t> arguments) {
+  std::string call(operation);
+  for (const std::int64_t argument : arguments) {
+    call += ' ' + std::to_string(argument);
   }
-  return new Backend(found->second, type);
+  MutexLock lock(mMutex);
+  Note(std::move(call));
+  if (mBlocked.contains(operation)) {
+    while (mBlocked.contains(operation)) {
+      mChanged.Wait(lock);
+    }
+    Note(std::string(operation) + " done");
+  }
+  const auto answer = mAnswers.find(operation);
+  return answer == mAnswers.end() ? 0 : answer->second;
 }
 
-void ScriptedUsbIo::Answer(std::string_view operation, int result) {
-  const MutexLock lock(mScript->mutex);
-  mScript->answers.insert_or_assign(std::string(operation), result);
+int ScriptedUsbIo::CallForData(std::string_view operation, std::initializer_list<std::int64_t> arguments,
+                               std::span<std::uint8_t> data) {
+  const int otherwise = Call(operation, arguments);
+  DataHook hook;
+  {
+    const MutexLock lock(mMutex);
+    const auto found = mHooks.find(operation);
+    hook = found == mHooks.end() ? nullptr : found->second;
+  }
+  return hook ? hook(data) : otherwise;
 }
 
-void ScriptedUsbIo::AnswerData(std::string_view operation, DataHook hook) {
-  const MutexLock lock(mScript->mutex);
-  mScript->hooks.insert_or_assign(std::string(operation), std::move(hook));
+int ScriptedUsbIo::Submit(std::string_view operation, _UsbIoXferInfo* info) {
+  const int result = Call(operation, {info->epAddr, info->streamId, info->length});
+  {
+    const MutexLock lock(mMutex);
+    mTransfers.push_back({.length = info->length});
+    if (result >= 0 && mMode != Mode::kAtOnce) {
+      mHeld.push_back(info);
+      mChanged.NotifyAll();
+      return result;
+    }
+  }
+  if (result < 0) {
+    const XferGuard completesAsRefused(info);
+  } else {
+    Finish(info, {});
+  }
+  const MutexLock lock(mMutex);
+  ++mCompleted;
+  return result;
 }
 
-void ScriptedUsbIo::Describe(libusb_device_descriptor* device, libusb_config_descriptor* config) {
-  const MutexLock lock(mScript->mutex);
-  mScript->deviceDesc = device;
-  mScript->configDesc = config;
+void ScriptedUsbIo::Note(std::string call) {
+  mCalls.push_back(std::move(call));
+  mChanged.NotifyAll();
 }
 
-void ScriptedUsbIo::Block(std::string_view operation) {
-  const MutexLock lock(mScript->mutex);
-  mScript->blocked.emplace(operation);
+bool ScriptedUsbIo::CompleteOne(const Wanted& wanted, const Result& result) {
+  _UsbIoXferInfo* info = nullptr;
+  {
+    const MutexLock lock(mMutex);
+    const auto found = std::ranges::find_if(mHeld, [&wanted](const _UsbIoXferInfo* each) { return wanted(*each); });
+    if (found == mHeld.end()) {
+      return false;
+    }
+    info = *found;
+    mHeld.erase(found);
+    ++mCompleting;
+  }
+  Finish(info, result);
+  const MutexLock lock(mMutex);
+  --mCompleting;
+  ++mCompleted;
+  mChanged.NotifyAll();
+  return true;
 }
 
-void ScriptedUsbIo::Release(std::string_view operation) {
-  const MutexLock lock(mScript->mutex);
-  mScript->blocked.erase(std::string(operation));
-  mScript->changed.NotifyAll();
-}
-
-void ScriptedUsbIo::HoldTransfers() {
-  const MutexLock lock(mScript->mutex);
-  mScript->mode = Script::Mode::kHeld;
+void ScriptedUsbIo::CancelAll() {
+  while (CompleteNext({.status = kXferCancelled, .bytes = {}})) {
+  }
+  MutexLock lock(mMutex);
+  while (mCompleting > 0) {
+    mChanged.Wait(lock);
+  }
 }
 
 void ScriptedUsbIo::CompleteOnOwnThread() {
-  const MutexLock lock(mScript->mutex);
-  mScript->mode = Script::Mode::kOwnThread;
-  mScript->completer = std::thread([script = mScript.get()] { script->CompleteUntilEnd(); });
+  const MutexLock lock(mMutex);
+  mMode = Mode::kOwnThread;
+  mCompleter = std::thread(&ScriptedUsbIo::CompleteUntilEnd, this);
 }
 
-bool ScriptedUsbIo::Complete(std::uint32_t streamId, const Result& result) {
-  return mScript->CompleteOne([streamId](const _UsbIoXferInfo* info) { return info->streamId == streamId; }, result);
+void ScriptedUsbIo::CompleteUntilEnd() {
+  bool ends = false;
+  while (!ends) {
+    while (CompleteNext({})) {
+    }
+    MutexLock lock(mMutex);
+    while (mHeld.empty() && !mEnding) {
+      mChanged.Wait(lock);
+    }
+    ends = mHeld.empty();
+  }
 }
 
-bool ScriptedUsbIo::CompleteNext(const Result& result) {
-  return mScript->CompleteOne([](const _UsbIoXferInfo*) { return true; }, result);
+void ScriptedUsbIo::Release(std::string_view operation) {
+  const MutexLock lock(mMutex);
+  mBlocked.erase(std::string(operation));
+  mChanged.NotifyAll();
 }
 
-std::vector<std::string> ScriptedUsbIo::Calls() const {
-  const MutexLock lock(mScript->mutex);
-  return mScript->calls;
+void ScriptedUsbIo::Unblock() {
+  const MutexLock lock(mMutex);
+  mBlocked.clear();
+  mChanged.NotifyAll();
 }
 
-std::vector<ScriptedUsbIo::Submitted> ScriptedUsbIo::Transfers() const {
-  const MutexLock lock(mScript->mutex);
-  return mScript->transfers;
-}
-
-std::size_t ScriptedUsbIo::CompletedCount() const {
-  const MutexLock lock(mScript->mutex);
-  return mScript->completed;
-}
-
-bool ScriptedUsbIo::IsDestroyed() const {
-  const MutexLock lock(mScript->mutex);
-  return mScript->destroyed;
-}
-
-bool ScriptedUsbIo::WaitForCall(std::string_view call) const {
-  return mScript->WaitForCall(call, Clock::now() + kDeadline);
-}
-
-bool ScriptedUsbIo::IsCalledSoon(std::string_view call) const {
-  return mScript->WaitForCall(call, Clock::now() + kNever);
+bool ScriptedUsbIo::WaitForCall(std::string_view call, std::chrono::milliseconds limit) const {
+  const auto deadline = std::chrono::steady_clock::now() + limit;
+  MutexLock lock(mMutex);
+  while (std::ranges::find(mCalls, call) == mCalls.end() && mChanged.WaitUntil(lock, deadline)) {
+  }
+  return std::ranges::find(mCalls, call) != mCalls.end();
 }
 
 bool ScriptedUsbIo::WaitForHeld(std::size_t n) const {
-  const auto deadline = Clock::now() + kDeadline;
-  MutexLock lock(mScript->mutex);
-  while (mScript->held.size() < n && mScript->changed.WaitUntil(lock, deadline)) {
+  const auto deadline = std::chrono::steady_clock::now() + kDeadline;
+  MutexLock lock(mMutex);
+  while (mHeld.size() < n && mChanged.WaitUntil(lock, deadline)) {
   }
-  return mScript->held.size() >= n;
+  return mHeld.size() >= n;
 }
 
 }  // namespace vel

@@ -1,31 +1,37 @@
 #ifndef VIRTUSB_TESTS_SUPPORT_SCRIPTED_USB_IO_H
 #define VIRTUSB_TESTS_SUPPORT_SCRIPTED_USB_IO_H
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <functional>
-#include <memory>
+#include <map>
 #include <optional>
+#include <set>
 #include <span>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <vector>
 
 #include "io/IUsbIo.h"
-#include "vel/VelDeviceBase.h"
+#include "support/Limits.h"
+#include "support/RecordingDeviceBase.h"
+#include "vel/Mutex.h"
 
 namespace vel {
 
-// A backend that does what the test says, and tells what was asked of it. It keeps the contract of
-// IUsbIo.h: one completion per record, a refused one included; closing completes what is held as
-// cancelled and lets blocked operations go on.
+// A backend that does what the test says, and tells what was asked of it. It keeps the contract of IUsbIo.h: one
+// completion per record, a refused one included; closing completes what is held as cancelled and lets blocked
+// operations go on.
 //
-// The test holds this object; `Create`, passed as the device's factory, makes the backend for it:
+// The test holds this object, which outlives the backend that `Create`, passed as the device's factory, makes for it:
 //
 //   ScriptedUsbIo io(remote);
 //   VirtUsbDriver driver(&remote, &ScriptedUsbIo::Create);
 //
-// Any thread. A backend may outlive this object, and then answers what it was told last.
+// Any thread.
 class ScriptedUsbIo {
  public:
   struct Result {
@@ -35,61 +41,110 @@ class ScriptedUsbIo {
   };
   // A record as it was submitted.
   struct Submitted {
-    std::uint32_t streamId = 0;
-    std::uint32_t localXferId = 0;
-    std::uint32_t isoPacketNum = 0;
     std::uint32_t length = 0;
-    std::vector<std::uint8_t> isoDescCopy;
   };
   using DataHook = std::function<int(std::span<std::uint8_t>)>;
 
-  // Registers for the device; the next Create for it hands out a backend of this object.
-  explicit ScriptedUsbIo(const VelDeviceBase& device);
+  explicit ScriptedUsbIo(RecordingDeviceBase& device);
   ScriptedUsbIo(const ScriptedUsbIo&) = delete;
   ScriptedUsbIo& operator=(const ScriptedUsbIo&) = delete;
   ~ScriptedUsbIo();
+  // Null where no ScriptedUsbIo was made for the device, a RecordingDeviceBase.
   static IUsbIo* Create(std::uint32_t type, VelDeviceBase* device);
 
-  // What an operation answers; 0 unless told. A negative answer of BulkTransfer, InterruptTransfer
-  // or IsochTransfer refuses the record.
-  void Answer(std::string_view operation, int result);
+  // What an operation answers; 0 unless told. A negative answer of BulkTransfer, InterruptTransfer or IsochTransfer
+  // refuses the record.
+  void Answer(std::string_view operation, int result) {
+    const MutexLock lock(mMutex);
+    mAnswers.insert_or_assign(std::string(operation), result);
+  }
   // Fills the buffer of "ControlTransfer" or "GetStringDescriptor" and says what the operation answers.
-  void AnswerData(std::string_view operation, DataHook hook);
-  void Describe(libusb_device_descriptor* device, libusb_config_descriptor* config);
+  void AnswerData(std::string_view operation, DataHook hook) {
+    const MutexLock lock(mMutex);
+    mHooks.insert_or_assign(std::string(operation), std::move(hook));
+  }
+  void Describe(libusb_config_descriptor* config) {
+    const MutexLock lock(mMutex);
+    mConfig = config;
+  }
 
   // The operation blocks until released, or until the device is closed.
-  void Block(std::string_view operation);
+  void Block(std::string_view operation) {
+    const MutexLock lock(mMutex);
+    mBlocked.emplace(operation);
+  }
   void Release(std::string_view operation);
 
-  // Transfers complete at once with their data as it is, on the submitter's thread, unless told
-  // otherwise.
-  void HoldTransfers();
+  // Transfers complete at once with their data as it is, on the submitter's thread, unless told otherwise.
+  void HoldTransfers() {
+    const MutexLock lock(mMutex);
+    mMode = Mode::kHeld;
+  }
   void CompleteOnOwnThread();
-  // Completes the oldest held transfer with this id, or the oldest of all, on this thread. False
-  // when there is none.
-  bool Complete(std::uint32_t streamId, const Result& result);
-  bool CompleteNext(const Result& result);
+  // Completes the oldest held transfer with this id, or the oldest of all, on this thread. False when there is none.
+  bool Complete(std::uint32_t streamId, const Result& result) {
+    return CompleteOne([streamId](const _UsbIoXferInfo& info) { return info.streamId == streamId; }, result);
+  }
+  bool CompleteNext(const Result& result) {
+    return CompleteOne([](const _UsbIoXferInfo&) { return true; }, result);
+  }
 
-  // The operations so far, with their arguments: "ClearHalt 0"; an operation that was blocked is
-  // followed by "ResetDevice done". The record's endpoint, stream id and length are a transfer's
-  // arguments.
-  std::vector<std::string> Calls() const;
-  std::vector<Submitted> Transfers() const;
-  std::size_t CompletedCount() const;
-  bool IsDestroyed() const;
-  // False when it was not called, or so many are not held, by the deadline; IsCalledSoon is for
-  // calls that must not come.
-  [[nodiscard]] bool WaitForCall(std::string_view call) const;
-  [[nodiscard]] bool IsCalledSoon(std::string_view call) const;
+  // The operations so far, with their arguments: "ClearHalt 0"; an operation that was blocked is followed by
+  // "ResetDevice done". The record's endpoint, stream id and length are a transfer's arguments.
+  std::vector<std::string> Calls() const {
+    const MutexLock lock(mMutex);
+    return mCalls;
+  }
+  std::vector<Submitted> Transfers() const {
+    const MutexLock lock(mMutex);
+    return mTransfers;
+  }
+  std::size_t CompletedCount() const {
+    const MutexLock lock(mMutex);
+    return mCompleted;
+  }
+  bool IsDestroyed() const {
+    const MutexLock lock(mMutex);
+    return mDestroyed;
+  }
+  // False when it was not called, or so many are not held, by the deadline; IsCalledSoon is for calls that must not
+  // come.
+  [[nodiscard]] bool WaitForCall(std::string_view call) const { return WaitForCall(call, kDeadline); }
+  [[nodiscard]] bool IsCalledSoon(std::string_view call) const { return WaitForCall(call, kNever); }
   [[nodiscard]] bool WaitForHeld(std::size_t n) const;
 
  private:
   class Backend;
-  struct Script;
-  struct Registry;
+  enum class Mode : std::uint8_t { kAtOnce, kHeld, kOwnThread };
+  using Wanted = std::function<bool(const _UsbIoXferInfo&)>;
 
-  const VelDeviceBase& mDevice;
-  const std::shared_ptr<Script> mScript;
+  // An operation: noted, held while it is blocked, answered.
+  int Call(std::string_view operation, std::initializer_list<std::int64_t> arguments = {}) VEL_EXCLUDES(mMutex);
+  int CallForData(std::string_view operation, std::initializer_list<std::int64_t> arguments,
+                  std::span<std::uint8_t> data) VEL_EXCLUDES(mMutex);
+  int Submit(std::string_view operation, _UsbIoXferInfo* info) VEL_EXCLUDES(mMutex);
+  void Note(std::string call) VEL_REQUIRES(mMutex);
+  bool CompleteOne(const Wanted& wanted, const Result& result) VEL_EXCLUDES(mMutex);
+  void CancelAll() VEL_EXCLUDES(mMutex);
+  void CompleteUntilEnd() VEL_EXCLUDES(mMutex);
+  void Unblock() VEL_EXCLUDES(mMutex);
+  bool WaitForCall(std::string_view call, std::chrono::milliseconds limit) const VEL_EXCLUDES(mMutex);
+
+  mutable Mutex mMutex;
+  mutable CondVar mChanged;
+  std::map<std::string, int, std::less<>> mAnswers VEL_GUARDED_BY(mMutex);
+  std::map<std::string, DataHook, std::less<>> mHooks VEL_GUARDED_BY(mMutex);
+  std::set<std::string, std::less<>> mBlocked VEL_GUARDED_BY(mMutex);
+  std::vector<std::string> mCalls VEL_GUARDED_BY(mMutex);
+  libusb_config_descriptor* mConfig VEL_GUARDED_BY(mMutex) = nullptr;
+  Mode mMode VEL_GUARDED_BY(mMutex) = Mode::kAtOnce;
+  std::deque<_UsbIoXferInfo*> mHeld VEL_GUARDED_BY(mMutex);
+  std::size_t mCompleting VEL_GUARDED_BY(mMutex) = 0;
+  std::size_t mCompleted VEL_GUARDED_BY(mMutex) = 0;
+  std::vector<Submitted> mTransfers VEL_GUARDED_BY(mMutex);
+  bool mDestroyed VEL_GUARDED_BY(mMutex) = false;
+  bool mEnding VEL_GUARDED_BY(mMutex) = false;
+  std::thread mCompleter;  // The test's thread only.
 };
 
 }  // namespace vel

@@ -1,8 +1,5 @@
 #!/usr/bin/env python3
-"""Looks at what the virtual machine left behind: descriptors and sound.
-
-check_results.py WORK_DIR: prints a line for each subject whose files are there; exit status 1 when one is wrong.
-"""
+"""Looks at what the virtual machine left behind: descriptors and sound."""
 import json
 import pathlib
 import re

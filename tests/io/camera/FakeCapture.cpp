@@ -1,7 +1,6 @@
 #include "FakeCapture.h"
 
 #include <thread>
-#include <utility>
 
 #include "oskelo/log.h"
 
@@ -23,9 +22,9 @@ FakeCapture::~FakeCapture() {
   gFake = nullptr;
 }
 
-void FakeCapture::Set(bool& flag, bool value) {
+void FakeCapture::BlockOpen(bool blocked) {
   const MutexLock lock(mutex);
-  flag = value;
+  openBlocked = blocked;
   changed.NotifyAll();
 }
 
@@ -93,7 +92,7 @@ int CamSetParam(const char* /*id*/, _CameraParam* param) {
   gFake->calls.push_back("CamSetParam " + std::to_string(param->width) + "x" + std::to_string(param->height) + " " +
                          std::to_string(param->pixelFormat));
   gFake->stopped = false;
-  return gFake->setParamResult;
+  return 0;
 }
 
 int CamStreamOn(const char* id) {
@@ -101,11 +100,10 @@ int CamStreamOn(const char* id) {
   gFake->calls.push_back(std::string("CamStreamOn ") + id);
   gFake->streaming = !gFake->stopped;
   gFake->changed.NotifyAll();
-  while (gFake->streaming && !gFake->unplugged) {
+  while (gFake->streaming) {
     gFake->changed.Wait(lock);
   }
-  gFake->streaming = false;
-  return std::exchange(gFake->unplugged, false) ? -1 : 0;
+  return 0;
 }
 
 int CamStreamOff(const char* id) {

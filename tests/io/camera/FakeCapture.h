@@ -18,9 +18,7 @@ struct FakeCapture {
   ~FakeCapture();
 
   // While blocked, CamOpen does not return; CamClose does not help it.
-  void BlockOpen(bool blocked) { Set(openBlocked, blocked); }
-  // The running CamStreamOn returns -1.
-  void Unplug() { Set(unplugged, true); }
+  void BlockOpen(bool blocked);
   // Delivers a picture on this thread, as the library does. False when nobody is registered.
   bool Picture(std::string picture);
   // "CamSetParam 640x480 2"; without CamSetStreamCallback and CamGetParamList.
@@ -31,17 +29,14 @@ struct FakeCapture {
   std::vector<_CameraParam> params = {{640, 480, 2, 0}, {1280, 720, 2, 0}};
   int openResult = 0;
   int listResult = 0;
-  int setParamResult = 0;
 
   // The library's side.
-  void Set(bool& flag, bool value);
   Mutex mutex;
   CondVar changed;
   std::vector<std::string> calls;
   bool openBlocked = false;
   bool streaming = false;
   bool stopped = false;
-  bool unplugged = false;
   CamStreamCallback callback = nullptr;
   void* context = nullptr;
   int delivering = 0;

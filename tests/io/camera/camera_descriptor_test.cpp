@@ -1,12 +1,13 @@
 // What the camera says it is, and what it answers on its control endpoint.
 #include <gmock/gmock.h>
 
+#include <array>
 #include <string_view>
+#include <tuple>
 
 #include "FakeCapture.h"
 #include "io/DummyUsbIo/DummyUvcIo.h"
 #include "io/DummyUsbIo/UvcConfigBuilder.h"
-#include "support/CapturingLog.h"
 
 namespace vel {
 namespace {
@@ -89,24 +90,16 @@ TEST(CameraDescriptors, AreBuiltToTheByte) {
   }
 }
 
-std::string Text(const Sizes& sizes) {
-  std::string text;
-  for (const _CameraParam& size : sizes) {
-    text += std::to_string(size.width) + "x" + std::to_string(size.height) + " ";
-  }
-  return text;
+// The streaming interface's bytes.
+Bytes Offered(const libusb_config_descriptor& config) {
+  const libusb_interface_descriptor& streaming = config.interface[1].altsetting[0];
+  return {streaming.extra, streaming.extra + streaming.extra_length};
 }
 
-// The sizes of the only format.
-std::string Offered(const libusb_config_descriptor& config) {
-  constexpr int kFrames = 14 + 27;  // Behind header and format.
-  const libusb_interface_descriptor& streaming = config.interface[1].altsetting[0];
-  Sizes sizes;
-  for (int at = kFrames; at < streaming.extra_length; at += 30) {
-    const unsigned char* frame = streaming.extra + at;
-    sizes.push_back({frame[5] + 256U * frame[6], frame[7] + 256U * frame[8], 0, 0});
-  }
-  return Text(sizes);
+// Those of a camera with these sizes.
+Bytes Block(const Sizes& sizes, bool mjpeg) {
+  const Bytes all = Configuration(sizes, mjpeg);
+  return {all.begin() + 112, all.end() - 64};  // Without what is before it, and the alternate settings.
 }
 
 TEST(CameraDescriptors, OfferWhatTheSourceListsAsYuy2) {
@@ -117,8 +110,7 @@ TEST(CameraDescriptors, OfferWhatTheSourceListsAsYuy2) {
     std::uint32_t capability;
   };
   for (const Source& source :
-       {Source{"in their order", {{1280, 720, 2, 0}, {640, 480, 2, 0}}, {{1280, 720, 2, 0}, {640, 480, 2, 0}}, 0},
-        Source{"more than a format counts", Many(300, 2), Many(255, 2), 0},
+       {Source{"more than a format counts", Many(300, 2), Many(255, 2), 0},
         Source{"MJPEG among others", {{800, 600, 2, 0}, mjpeg[0], {9, 9, 4, 0}, mjpeg[1]}, mjpeg, 1}}) {
     SCOPED_TRACE(source.what);
     FakeCapture capture;
@@ -126,38 +118,24 @@ TEST(CameraDescriptors, OfferWhatTheSourceListsAsYuy2) {
     DummyUvcIo io(0x23, 0x81, 0x1234, 0xABCD, "cam");
     ASSERT_EQ(io.OpenUsbDev(), 0);
     const libusb_config_descriptor* config = io.GetConfigDesc();
-    EXPECT_EQ(Offered(*config), Text(source.offered));
+    EXPECT_EQ(Offered(*config), Block(source.offered, false));
     EXPECT_EQ(io.GetIoCapability(), source.capability);
-    EXPECT_EQ(io.GetDeviceDesc()->idVendor, 0x1234);
-    EXPECT_EQ(io.GetDeviceDesc()->idProduct, 0xABCD);
     EXPECT_EQ(io.OpenUsbDev(), 0);
     EXPECT_EQ(io.GetConfigDesc(), config) << "what was handed out stays";
     EXPECT_EQ(io.CloseUsbDev(), 0);
-    EXPECT_EQ(io.GetDeviceDesc(), nullptr);
-    EXPECT_EQ(Offered(*config), Text(source.offered)) << "also for a late reader";
-    EXPECT_EQ(io.CloseUsbDev(), 0);
+    EXPECT_EQ(Offered(*config), Block(source.offered, false)) << "also for a late reader";
     EXPECT_THAT(capture.Calls(), ElementsAre("CamOpen cam", "CamClose cam"));
   }
 }
 
 TEST(CameraDescriptors, AreNotThereWithoutAUsableSource) {
-  struct Row {
-    int open, list;
-    Sizes sizes;
-    const char* error;
-  };
-  for (const Row& row :
-       {Row{-3, 0, {}, "Error:open camera failed, ret[-1]"},
-        Row{0, -4, {{640, 480, 2, 0}}, "Error:get param list failed, ret[-4], size[1]"},
-        Row{0, 0, {{640, 480, 4, 0}, {9, 9, 0, 0}}, "Error:Can not find any supported formats, ret[-1], size[2]"}}) {
+  for (const auto& [open, list, format] : {std::tuple{-3, 0, 2U}, {0, -4, 2U}, {0, 0, 4U}}) {
     FakeCapture capture;
-    capture.openResult = row.open;
-    capture.listResult = row.list;
-    capture.params = row.sizes;
-    const CapturingLog log;
+    capture.openResult = open;
+    capture.listResult = list;
+    capture.params = {{640, 480, format, 0}};
     DummyUvcIo io(1, 0x80, 1, 1, "cam");
     EXPECT_EQ(io.OpenUsbDev(), -1);
-    EXPECT_EQ(log.Count(row.error), 1U);
     EXPECT_EQ(io.GetConfigDesc(), nullptr);
     capture.openResult = capture.listResult = 0;
     capture.params = {{640, 480, 2, 0}};
@@ -189,7 +167,7 @@ class CameraControl : public ::testing::Test {
                          0, 0x60, 9, 0, 0xF4, 0x0B, 0,    0, 0, 0, 0, 0, 0, 0, 0,    0, 0};
 };
 
-TEST_F(CameraControl, AnswersEveryGetOfProbeAndCommitAlikeAndCutsIt) {
+TEST_F(CameraControl, AnswersEveryGetAlikeCutToItsLengthAndTakesSetsOfAnyLength) {
   for (std::uint8_t request = kGetCur; request <= 0x87; ++request) {
     EXPECT_EQ(Get(request, 0x0100, 35), initial);
     EXPECT_EQ(Get(request, 0x02FF, 35), initial);
@@ -198,17 +176,26 @@ TEST_F(CameraControl, AnswersEveryGetOfProbeAndCommitAlikeAndCutsIt) {
   Bytes longer = initial;
   longer.resize(64, 0xEE);
   EXPECT_EQ(Get(kGetCur, 0x0100, 64), longer);
+  Set(0x0100, {9, 9, 1, 2});
+  Bytes expected = initial;
+  std::ranges::copy(Bytes{9, 9, 1, 2}, expected.begin());
+  std::ranges::copy(Bytes{0x00, 0x20, 0x1C, 0x00}, expected.begin() + 18);
+  EXPECT_EQ(Probe(), expected);
+  Set(0x0200, longer);
+  EXPECT_EQ(io.ControlTransfer(0x21, kSetCur, 0x0100, 1, nullptr, 0, 0), 0);
+  EXPECT_EQ(Probe(), initial);
 }
 
 TEST_F(CameraControl, LeavesTheDataOfOtherRequestsAsItIs) {
-  struct Row {
-    std::uint8_t type, request;
-    std::uint16_t value, index;
-  };
-  for (const Row& row : {Row{0xA1, kGetCur, 0x0100, 0x0100}, Row{0xA1, kGetCur, 0x0300, 1}, Row{0x80, 6, 0x0200, 0},
-                         Row{0xC0, 1, 0x0100, 1}, Row{0x21, kSetCur, 0x0100, 0x0101}, Row{0x21, kSetCur, 0x0300, 1}}) {
+  for (const auto& [type, request, value, index] :
+       std::initializer_list<std::array<std::uint16_t, 4>>{{0xA1, kGetCur, 0x0100, 0x0100},
+                                                           {0xA1, kGetCur, 0x0300, 1},
+                                                           {0xC0, 1, 0x0100, 1},
+                                                           {0x21, kSetCur, 0x0100, 0x0101}}) {
     Bytes data(40, 0xEE);
-    EXPECT_EQ(io.ControlTransfer(row.type, row.request, row.value, row.index, data.data(), 40, 0), 40);
+    EXPECT_EQ(io.ControlTransfer(static_cast<std::uint8_t>(type), static_cast<std::uint8_t>(request), value, index,
+                                 data.data(), 40, 0),
+              40);
     EXPECT_EQ(data, Bytes(40, 0xEE));
     EXPECT_EQ(Probe(), initial);
   }
@@ -222,8 +209,7 @@ TEST_F(CameraControl, NegotiatesTheSizeOfTheFrameThatIsNamed) {
     std::uint32_t size;  // Of a frame that is not there: as it was.
   };
   for (const std::uint16_t selector : {std::uint16_t{0x0100}, std::uint16_t{0x0200}}) {
-    for (const Row& row : {Row{1, 2, kLarge}, Row{1, 3, kLarge}, Row{1, 255, kLarge}, Row{1, 0, kLarge},
-                           Row{1, 1, kSmall}, Row{2, 2, kSmall}, Row{255, 255, kSmall}}) {
+    for (const Row& row : {Row{1, 2, kLarge}, Row{1, 255, kLarge}, Row{1, 1, kSmall}, Row{2, 2, kSmall}}) {
       SCOPED_TRACE(::testing::Message() << +row.format << "/" << +row.frame);
       Bytes wanted(35, 0xFF);
       wanted[2] = row.format;
@@ -237,45 +223,22 @@ TEST_F(CameraControl, NegotiatesTheSizeOfTheFrameThatIsNamed) {
   }
 }
 
-TEST_F(CameraControl, TakesShortAndLongSets) {
-  Set(0x0100, {9, 9, 1, 2});
-  Bytes expected = initial;
-  std::ranges::copy(Bytes{9, 9, 1, 2}, expected.begin());
-  std::ranges::copy(Bytes{0x00, 0x20, 0x1C, 0x00}, expected.begin() + 18);
-  EXPECT_EQ(Probe(), expected);
-  expected = initial;
-  expected.resize(200, 0x77);
-  Set(0x0200, expected);
-  EXPECT_EQ(Probe(), initial);
-  EXPECT_EQ(io.ControlTransfer(0x21, kSetCur, 0x0100, 1, nullptr, 0, 0), 0);
-  EXPECT_EQ(Probe(), initial);
-  io.CloseUsbDev();
-  Set(0x0100, {9, 9, 2, 2});
-  ASSERT_EQ(io.OpenUsbDev(), 0);
-  EXPECT_EQ(Probe(), initial) << "a set before the open changes nothing";
-}
-
 TEST_F(CameraControl, AnswersStrings) {
   const std::string_view product(
       "\x22\3O\0s\0k\0e\0l\0o\0 \0C\0a\0m\0e\0r\0a\0 \0#\0"
       "0\0",
       34);
   const std::string_view languages("\4\3\11\4", 4);
-  for (const std::uint16_t index : std::initializer_list<std::uint16_t>{0, 1, 7}) {
-    for (const std::uint16_t length : std::initializer_list<std::uint16_t>{0, 2, 3, 255}) {
+  for (const std::uint8_t index : {std::uint8_t{0}, std::uint8_t{1}, std::uint8_t{7}}) {
+    for (const std::uint16_t length : {std::uint16_t{0}, std::uint16_t{3}, std::uint16_t{255}}) {
       const std::string_view answer = (index == 0 ? languages : product).substr(0, length);
-      std::string expected(answer);
-      expected.resize(255, '\xEE');
       std::string data(255, '\xEE');
       auto* bytes = reinterpret_cast<std::uint8_t*>(data.data());
-      EXPECT_EQ(io.GetStringDescriptor(static_cast<std::uint8_t>(index), 0x0409, bytes, length), answer.size());
-      EXPECT_EQ(data, expected);
-      EXPECT_EQ(io.ControlTransfer(0x80, 6, static_cast<std::uint16_t>(0x0300 | index), 0, bytes, length, 0),
-                answer.size());
-      EXPECT_EQ(data, expected);
+      EXPECT_EQ(io.GetStringDescriptor(index, 0x0409, bytes, length), answer.size());
+      EXPECT_EQ(io.ControlTransfer(0x80, 6, 0x0300 | index, 0, bytes, length, 0), answer.size());
+      EXPECT_EQ(data, std::string(answer) + std::string(255 - answer.size(), '\xEE'));
     }
   }
-  EXPECT_EQ(io.GetStringDescriptor(1, 0, nullptr, -1), 0);
 }
 
 }  // namespace

@@ -26,7 +26,6 @@ struct libusb_device {
   // Of each configuration its value and its interface numbers; `active` counts from 0, -1: not configured.
   std::vector<std::pair<std::uint8_t, std::vector<std::uint8_t>>> configs = {{1, {0}}};
   int active = 0;
-  std::set<int> kernelDrivers{};
   int references = 0;
 };
 
@@ -84,13 +83,10 @@ class FakeLibusb {
     Change([&] { immediateResult = result; });
   }
 
-  // The calls of these functions with their arguments, in order, and how many of one there were.
-  std::vector<std::string> Calls(const std::set<std::string>& functions);
-  std::size_t Count(const std::string& function) { return Calls({function}).size(); }
-  // The last OUT buffer that was submitted; of a control transfer also its set-up bytes.
-  std::vector<std::uint8_t> LastSubmitted() {
+  // How many calls of the function there were.
+  std::size_t Count(const std::string& function) {
     const Lock lock(mutex);
-    return lastSubmitted;
+    return calls[function];
   }
   // What went wrong so far, what is left over included.
   std::vector<std::string> Violations();
@@ -111,7 +107,7 @@ class FakeLibusb {
   // For the functions of libusb.h, which hold the lock.
 
   // Notes the call, waits while it is held, and gives its scripted answer or 0.
-  int Enter(Lock& lock, const std::string& function, const std::string& arguments);
+  int Enter(Lock& lock, const std::string& function);
   void Queue(libusb_transfer* transfer, const FakeResult& result);
   void Deliver(Lock& lock);
   void Await(Lock& lock, const char* what, const std::function<bool()>& condition);
@@ -123,7 +119,7 @@ class FakeLibusb {
   std::map<std::string, std::deque<int>> answers;
   std::set<std::string> held;
   std::map<std::string, int> waiting;
-  std::vector<std::pair<std::string, std::string>> calls;
+  std::map<std::string, std::size_t> calls;
   std::vector<std::string> violations;
   std::deque<libusb_transfer*> inFlight;
   std::deque<std::pair<libusb_transfer*, FakeResult>> done;
@@ -133,7 +129,6 @@ class FakeLibusb {
   bool handling = false;
   int eventError = 0;
   int eventErrors = 0;
-  std::vector<std::uint8_t> lastSubmitted;
 };
 
 #endif

@@ -1,4 +1,5 @@
 #include <numeric>
+#include <span>
 
 #include "LibusbIoFixture.h"
 
@@ -10,21 +11,17 @@ using testing::ElementsAreArray;
 
 class LibusbIoTransfer : public LibusbIoTest {
  protected:
-  // A transfer operation under its name, with a record that suits it.
+  // A transfer operation with a record that suits it.
   struct Kind {
-    const char* word;
     int (LibusbIo::*submit)(_UsbIoXferInfo*);
     std::function<_UsbIoXferInfo*(std::uint32_t)> make;
   };
   std::vector<Kind> kinds = {
-      {"bulk", &LibusbIo::BulkTransfer,
+      {&LibusbIo::BulkTransfer, [this](std::uint32_t id) { return records.Make(id, 0x02, Bytes(3, 1)); }},
+      {&LibusbIo::InterruptTransfer, [this](std::uint32_t id) { return records.Make(id, 0x03, Bytes(1, 4)); }},
+      {&LibusbIo::IsochTransfer,
        [this](std::uint32_t id) {
-         return records.Make(id, 0x02, {1, 2, 3});
-       }},
-      {"interrupt", &LibusbIo::InterruptTransfer, [this](std::uint32_t id) { return records.Make(id, 0x03, {4}); }},
-      {"iso", &LibusbIo::IsochTransfer,
-       [this](std::uint32_t id) {
-         return records.MakeIso(id, 0x04, {2, 1}, {5, 6, 7});
+         return records.MakeIso(id, 0x04, {2, 1}, Bytes(3, 5));
        }},
   };
 
@@ -44,47 +41,28 @@ MATCHER_P4(IsPacket, offset, length, actual, status, "") {
          arg.actual_length == static_cast<std::uint32_t>(actual) && arg.status == static_cast<std::uint32_t>(status);
 }
 
-TEST_F(LibusbIoTransfer, IsoPacketsKeepTheirPlacesAndAreCutToTheirRoom) {
-  Open();
-  io->IsochTransfer(records.MakeIso(1, 0x83, {1, 0, 4}));
-  fake.Complete(
-      0x83,
-      {.bytes = {7, 1, 2, 3, 4},
-       .packets = {{1, LIBUSB_TRANSFER_COMPLETED}, {0, LIBUSB_TRANSFER_ERROR}, {4000, LIBUSB_TRANSFER_COMPLETED}}});
-  const Bytes data = records.done.Await(1)[0].data.value();
-  EXPECT_THAT(Table(data, 3), ElementsAre(IsPacket(48, 1, 1, 0), IsPacket(49, 0, 0, 1), IsPacket(49, 4, 4, 0)));
-  EXPECT_THAT(Bytes(data.begin() + 48, data.end()), ElementsAre(7, 1, 2, 3, 4));
-}
-
 // Whatever fails: one completion with status 1, the data as it was, before the negative result; nothing is left filed.
 TEST_F(LibusbIoTransfer, FailedSubmissionCompletesTheRecordAsItWas) {
   const struct {
     const char* function;
-    int answer;
     int result;
-    std::string text;
-  } failures[] = {{"not open", 0, LIBUSB_ERROR_NOT_FOUND, " failed LIBUSB_ERROR_NOT_FOUND"},
-                  {"libusb_alloc_transfer", 1, LIBUSB_ERROR_NO_MEM, ""},
-                  {"libusb_submit_transfer", LIBUSB_ERROR_IO, LIBUSB_ERROR_IO, ""},
-                  {"libusb_submit_transfer", LIBUSB_ERROR_NO_DEVICE, LIBUSB_ERROR_NO_DEVICE, ""}};
+  } failures[] = {{"not open", LIBUSB_ERROR_NOT_FOUND},
+                  {"libusb_alloc_transfer", LIBUSB_ERROR_NO_MEM},
+                  {"libusb_submit_transfer", LIBUSB_ERROR_NO_DEVICE}};
   io->Init();
   std::size_t count = 0;
-  for (const auto& [function, answer, result, text] : failures) {
+  for (const auto& [function, result] : failures) {
     for (const Kind& kind : kinds) {
+      SCOPED_TRACE(function);
       EXPECT_EQ((*io.*kind.submit)(nullptr), 0);
-      fake.Answer(function, {answer});
+      fake.Answer(function, {result});
       _UsbIoXferInfo* info = kind.make(7);
       const Bytes sent = DataOf(*info);
-      testing::internal::CaptureStdout();
-      EXPECT_EQ((*io.*kind.submit)(info), result) << kind.word << function;
-      const std::string said = testing::internal::GetCapturedStdout() + log.Messages().back();
+      EXPECT_EQ((*io.*kind.submit)(info), result);
       EXPECT_EQ(records.Outstanding(), 0U);
       const Completion completion = records.done.Await(++count).back();
       EXPECT_EQ(completion.status, 1);
       EXPECT_EQ(completion.data, sent);
-      EXPECT_THAT(said, testing::HasSubstr(!text.empty() ? text
-                                                         : std::string("Error submitting ") + kind.word +
-                                                               " transfer, " + std::to_string(result)));
       EXPECT_EQ(io->CancelTransfer(7), LIBUSB_ERROR_NOT_FOUND);
       EXPECT_THAT(fake.transfers, testing::IsEmpty());
     }
@@ -120,49 +98,13 @@ TEST_F(LibusbIoTransfer, MayCompleteBeforeTheSubmissionReturns) {
   EXPECT_THAT(all, testing::Each(testing::Field(&Completion::status, 0)));
   EXPECT_EQ(all[3].data, Bytes({1, 2}));
   EXPECT_EQ(all[4].data, Bytes()) << "none where nothing arrived";
-  EXPECT_THAT(fake.Calls({"libusb_submit_transfer"}),
-              ElementsAre("libusb_submit_transfer 2 timeout 0", "libusb_submit_transfer 3 timeout 0",
-                          "libusb_submit_transfer 1 timeout 0", testing::_, testing::_));
-}
-
-TEST_F(LibusbIoTransfer, FailedTransferHasStatusAndNoData) {
-  Open();
-  std::size_t count = 0;
-  for (const Kind& kind : kinds) {
-    for (const libusb_transfer_status status :
-         {LIBUSB_TRANSFER_ERROR, LIBUSB_TRANSFER_TIMED_OUT, LIBUSB_TRANSFER_CANCELLED, LIBUSB_TRANSFER_STALL,
-          LIBUSB_TRANSFER_NO_DEVICE, LIBUSB_TRANSFER_OVERFLOW}) {
-      _UsbIoXferInfo* info = kind.make(1);
-      const std::uint8_t endpoint = info->epAddr;
-      EXPECT_EQ((*io.*kind.submit)(info), 0);
-      EXPECT_TRUE(fake.Complete(endpoint, {.status = status}));
-      const Completion completion = records.done.Await(++count).back();
-      EXPECT_EQ(completion.status, status);
-      EXPECT_FALSE(completion.data.has_value());
-    }
-  }
-  EXPECT_EQ(log.Count("Error:Libusb transfer status error[4]!, transfer_type[2]"), 1U);
-}
-
-TEST_F(LibusbIoTransfer, CompletionMaySubmitAgainAndDoesNotFindItsOwnTransferAnyMore) {
-  Open();
-  records.OnCompletion([this](const Completion& completion) {
-    EXPECT_EQ(io->CancelTransfer(completion.streamId), LIBUSB_ERROR_NOT_FOUND);
-    if (completion.streamId < 5) {
-      io->BulkTransfer(records.Make(completion.streamId + 1, 0x81, Bytes(4)));
-    }
-  });
-  io->BulkTransfer(records.Make(1, 0x81, Bytes(4)));
-  for (std::size_t n = 1; n <= 5; ++n) {
-    fake.AwaitInFlight(1);
-    fake.Complete(0x81);
-    records.done.Await(n);
-  }
-  EXPECT_EQ(io->CloseUsbDev(), 0);
 }
 
 TEST_F(LibusbIoTransfer, CancelRacesTheSubmissionTheCompletionAndItself) {
   Open();
+  records.OnCompletion([this](const Completion& completion) {
+    EXPECT_EQ(io->CancelTransfer(completion.streamId), LIBUSB_ERROR_NOT_FOUND) << "finds itself";
+  });
   fake.Hold("libusb_submit_transfer");
   std::thread loop([this] { io->BulkTransfer(records.Make(1, 0x81, Bytes(4))); });
   fake.AwaitHeld("libusb_submit_transfer");
@@ -182,8 +124,7 @@ TEST_F(LibusbIoTransfer, CancelRacesTheSubmissionTheCompletionAndItself) {
   const std::vector<Completion> all = records.done.Await(3);
   EXPECT_EQ(all[1].data, Bytes{5});
   EXPECT_EQ(all[2].status, 3);
-  EXPECT_THAT(log.Messages("CancelTransfer"), ElementsAre("Error:libusb_cancel_transfer: error num OTHER [-5]",
-                                                          "Error:unknown Transfer localXferId[3]"));
+  EXPECT_EQ(io->CloseUsbDev(), 0);  // Waits for the last completion.
 }
 
 TEST_F(LibusbIoTransfer, EqualIdsDoNotDisturbEachOther) {
@@ -202,57 +143,52 @@ TEST_F(LibusbIoTransfer, EqualIdsDoNotDisturbEachOther) {
   EXPECT_EQ(io->CancelTransfer(1), LIBUSB_ERROR_NOT_FOUND);
 }
 
-TEST_F(LibusbIoTransfer, IsoOutSendsThePayloadAndAnswersInItsBuffer) {
+TEST_F(LibusbIoTransfer, IsoPacketsKeepTheirPlacesAndAreCutToTheirRoom) {
   Open();
+  io->IsochTransfer(records.MakeIso(1, 0x83, {1, 0, 4}));
+  fake.Complete(0x83, {.bytes = {7, 1, 2, 3, 4},
+                       .packets = {{1, LIBUSB_TRANSFER_COMPLETED}, {0, LIBUSB_TRANSFER_ERROR}, {4000, {}}}});
+  const Bytes in = records.done.Await(1)[0].data.value();
+  EXPECT_THAT(Table(in, 3), ElementsAre(IsPacket(48, 1, 1, 0), IsPacket(49, 0, 0, 1), IsPacket(49, 4, 4, 0)));
+  EXPECT_THAT(Bytes(in.begin() + 48, in.end()), ElementsAre(7, 1, 2, 3, 4));
+
+  // OUT sends the payload and answers in its buffer.
   Bytes payload(40);
   std::iota(payload.begin(), payload.end(), std::uint8_t{1});
   io->IsochTransfer(records.MakeIso(1, 0x04, {30, 10}, payload));
   fake.AwaitInFlight(1);
-  EXPECT_THAT(fake.LastSubmitted(), ElementsAreArray(payload));
+  EXPECT_THAT(std::span(fake.inFlight[0]->buffer, 40), ElementsAreArray(payload));
   fake.Complete(0x04, {.packets = {{30, LIBUSB_TRANSFER_COMPLETED}, {4, LIBUSB_TRANSFER_ERROR}}});
-  const Bytes data = records.done.Await(1)[0].data.value();
-  ASSERT_EQ(data.size(), 40U);
+  const Bytes out = records.done.Await(2)[1].data.value();
+  ASSERT_EQ(out.size(), 40U);
   // The offsets stay what the buffer holds there.
-  EXPECT_THAT(Table(data, 2), ElementsAre(IsPacket(0x04030201, 30, 30, 0), IsPacket(0x14131211, 10, 4, 1)));
-  EXPECT_THAT(Bytes(data.begin() + 32, data.end()), ElementsAre(33, 34, 35, 36, 37, 38, 39, 40));
+  EXPECT_THAT(Table(out, 2), ElementsAre(IsPacket(0x04030201, 30, 30, 0), IsPacket(0x14131211, 10, 4, 1)));
+  EXPECT_THAT(Bytes(out.begin() + 32, out.end()), ElementsAre(33, 34, 35, 36, 37, 38, 39, 40));
 }
 
 TEST_F(LibusbIoTransfer, IsoTablesThatDoNotFitAreRefused) {
   Open();
   const struct {
-    const char* name;
     std::uint8_t endpoint;
     std::vector<std::uint32_t> lengths;
     std::size_t payload;
     std::uint32_t packets;
-    int result;
-  } cases[] = {
-      {"no packets", 0x83, {}, 16, 0, LIBUSB_ERROR_INVALID_PARAM},
-      {"table longer than the data", 0x83, {1, 1}, 15, 3, LIBUSB_ERROR_INVALID_PARAM},
-      {"packet count that wraps around", 0x83, {1}, 0, 0x10000001, LIBUSB_ERROR_INVALID_PARAM},
-      {"OUT packets beyond the data", 0x04, {2, 2}, 3, 2, LIBUSB_ERROR_INVALID_PARAM},
-      {"OUT lengths that wrap around", 0x04, {0xFFFFFFFF, 5}, 4, 2, LIBUSB_ERROR_INVALID_PARAM},
-      {"IN lengths beyond reason", 0x83, {0x04000000, 1}, 0, 2, LIBUSB_ERROR_INVALID_PARAM},
-      {"IN packets beyond the data", 0x83, {100, 100}, 3, 2, 0},
-      {"OUT packets that fit exactly", 0x04, {2, 1}, 3, 2, 0},
-      {"packets without bytes", 0x04, {0, 0}, 0, 2, 0},
-      {"OUT table larger than the payload", 0x04, std::vector<std::uint32_t>(8, 1), 8, 8, 0},
-  };
+  } cases[] = {{0x83, {}, 16, 0},  // No packets; a table longer than the data; a count that wraps around.
+               {0x83, {1, 1}, 15, 3},
+               {0x83, {1}, 0, 0x10000001},
+               {0x04, {2, 2}, 3, 2},  // Packets beyond the data, and lengths that wrap around.
+               {0x04, {0xFFFFFFFF, 5}, 4, 2},
+               {0x83, {0x04000000, 1}, 0, 2}};
   std::size_t count = 0;
-  for (const auto& [name, endpoint, lengths, payload, packets, result] : cases) {
+  for (const auto& [endpoint, lengths, payload, packets] : cases) {
     _UsbIoXferInfo* info = records.MakeIso(1, endpoint, lengths, Bytes(payload));
     info->isoPacketNum = packets;
-    const Bytes sent = DataOf(*info);
-    EXPECT_EQ(io->IsochTransfer(info), result) << name;
-    if (result == 0) {
-      fake.Complete(endpoint, {});
-    }
-    const Completion completion = records.done.Await(++count).back();
-    EXPECT_EQ(completion.status, result == 0 ? 0 : 1) << name;
-    if (result != 0) {
-      EXPECT_EQ(completion.data, sent) << name;
-    }
+    EXPECT_EQ(io->IsochTransfer(info), LIBUSB_ERROR_INVALID_PARAM) << count;
+    EXPECT_EQ(records.done.Await(++count).back().status, 1);
   }
+  io->IsochTransfer(records.MakeIso(1, 0x04, std::vector<std::uint32_t>(8, 1), Bytes(8)));  // The table is larger.
+  EXPECT_TRUE(fake.Complete(0x04, {}));
+  EXPECT_EQ(records.done.Await(++count).back().status, 0);
 }
 
 }  // namespace

@@ -1,17 +1,20 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <chrono>
+#include <iterator>
 #include <thread>
 #include <vector>
 
-#include "EncodedFrames.h"
 #include "JpegWriter.h"
 #include "Scene.h"
 #include "policys/UVCDecoder.h"
+#include "policys/UVCEncoder.h"
 #include "policys/UVCFrameManager.h"
 #include "support/CapturingLog.h"
+#include "support/Limits.h"
 
 namespace vel::test {
 namespace {
@@ -41,6 +44,34 @@ TEST(FrameManagerTest, PassesTheVeryRecordThroughAndThinsWhatWaits) {
     EXPECT_EQ(frame->index, kept);
   }
   EXPECT_EQ(Dequeue(manager, 0), nullptr);
+}
+
+// Worked out by hand: N / k <= C for the first k below N, interval k - 1, N / (interval + 1) groups.
+TEST(FrameListTest, ThinningKeepsTheFirstOfEachGroup) {
+  struct Thinning {
+    std::uint32_t frames;
+    std::uint32_t cacheSize;
+    std::vector<std::uint32_t> left;
+  };
+  const std::vector<Thinning> table = {
+      {0, 1, {}},           {1, 1, {0}},  // No group: 1 / 2.
+      {2, 1, {0}},                        // 2 / 1 is too much, and there is no other k: interval 1.
+      {4, 1, {0, 3}},                     // 4 / 3 = 1; one group, one left over.
+      {7, 1, {0, 4, 5, 6}},               // 7 / 4 = 1.
+      {8, 2, {0, 3, 6, 7}},               // 8 / 3 = 2; two groups of three.
+      {4, 4, {0, 1, 2, 3}},               // Fits as it is.
+      {3, 0, {0, 2}},                     // Nothing reaches 0: interval 1, one group.
+  };
+  for (const Thinning& row : table) {
+    UVCFrameList list;
+    for (std::uint32_t i = 0; i < row.frames; ++i) {
+      list.push_back(MakeFrame(Bytes(1), i));
+    }
+    EXPECT_EQ(FrameListResize(row.cacheSize, list), 0);
+    std::vector<std::uint32_t> left;
+    std::ranges::transform(list, std::back_inserter(left), [](const UVCFramePtr& frame) { return frame->index; });
+    EXPECT_EQ(left, row.left) << row.frames << " frames, cache size " << row.cacheSize;
+  }
 }
 
 struct Route {
@@ -107,14 +138,10 @@ TEST(FrameManagerTest, RefusesAndFreesWhatItCannotUse) {
   const UVCFramePtr mine = MakeFrame(Bytes(8), 1);
   EXPECT_EQ(manager.EnqueueFrame(mine.get()), -1);
   EXPECT_EQ(manager.Init(64, 64, kYuyv, UVC_FRAME_TYPE_H265, nullptr), -1);
-  EXPECT_EQ(manager.EnqueueFrame(mine.get()), -1);
-  manager.PushFrameToOutQ(MakeFrame(Bytes(8), 1).release());
-
   ASSERT_EQ(manager.Init(64, 64, kMjpeg, kH264, nullptr), 0);
   EXPECT_EQ(manager.EnqueueFrame(nullptr), -1);
   EXPECT_EQ(manager.EnqueueFrame(MakeFrame({}, 1).release()), 0);  // Empty, and not a picture: freed.
   EXPECT_EQ(manager.EnqueueFrame(MakeFrame(Bytes(50), 1).release()), 0);
-  manager.OnFinishEncode(1, FrameBlocks::Take(4).release(), 0, 0);
   EXPECT_EQ(Dequeue(manager, 0), nullptr);
   ASSERT_EQ(manager.Init(64, 64, kMjpeg, kMjpeg, nullptr), 0);  // From the start, without what was there.
   EXPECT_EQ(Dequeue(manager, 0), nullptr);

@@ -2,13 +2,11 @@
 
 #include <algorithm>
 #include <array>
-#include <numeric>
 #include <random>
 #include <string>
 #include <vector>
 
 #include "policys/PixelConvert.h"
-#include "policys/UVCEncoder.h"
 
 namespace vel {
 namespace {
@@ -143,20 +141,6 @@ std::vector<const PixelRows*> Versions() {
 INSTANTIATE_TEST_SUITE_P(EveryVersion, PixelConvertTest, testing::ValuesIn(Versions()), [](const auto& version) {
   return version.param == &kPixelRowsScalar ? "Scalar" : "Vector" + std::to_string(version.index);
 });
-
-TEST(PixelConvertLayout, PackedOutputsOfTheExportedOperations) {
-  // 6x3: odd height; 18 luma samples, chroma 3x1 behind them at 18 and, for planes, 22.
-  Bytes packed(36);
-  std::iota(packed.begin(), packed.end(), std::uint8_t{0});
-  Bytes planar(27, kUntouched);
-  UVCEncoder::YUYVToYUV420P(packed.data(), planar.data(), 6, 3);
-  EXPECT_EQ(Bytes(planar.begin() + 16, planar.end()),
-            (Bytes{32, 34, 13, 17, 21, kUntouched, 15, 19, 23, kUntouched, kUntouched}));
-  UVCEncoder::YUYVToNV12(packed.data(), planar.data(), nullptr, 6, 3);
-  EXPECT_EQ(Bytes(planar.begin() + 16, planar.end()), (Bytes{32, 34, 1, 3, 5, 7, 9, 11, 23, kUntouched, kUntouched}));
-  UVCEncoder::YUYVToYUV420P(nullptr, nullptr, 0, -1);
-  UVCEncoder::YUYVToNV12(nullptr, nullptr, nullptr, -4, 4);
-}
 
 }  // namespace
 }  // namespace vel

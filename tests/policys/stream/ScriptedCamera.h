@@ -67,7 +67,6 @@ struct ScriptedCamera {
     Bytes data = Block(ctrl, size);
     policy->PeekClassControlTransfer({0x21, 0x01, 0x0200, wIndex, data});
   }
-  void Probe(Bytes data) { policy->PeekClassControlTransfer({0x21, 0x01, 0x0100, kInterface, data}); }
   // What reaches the remote side of the camera's answer.
   Bytes ProbeAnswer(Bytes data, std::uint16_t wIndex = kInterface) {
     policy->PeekClassControlTransferRet({0xA1, 0x81, 0x0100, wIndex, data});

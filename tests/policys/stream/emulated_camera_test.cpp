@@ -81,19 +81,6 @@ TEST(EmulatedCamera, DeliversEachPictureOfItsSourceWholeAndInOrder) {
   }
 }
 
-TEST(EmulatedCamera, PolicyBeforeTheOpenTranscodesAndLaterOneWaitsForTheNextOpen) {
-  CameraGuest guest(kCamera);
-  guest.Open();
-  guest.AllowTranscoding();
-  for (const bool transcodes : {false, true}) {
-    guest.Negotiate(1, 1);
-    guest.Start();
-    EXPECT_EQ(guest.Picture(0).size() < kSizes[0].Bytes() / 2, transcodes);
-    EXPECT_EQ(guest.Remote().Status(Command::kCloseUsbDev), 0);
-    guest.Open();
-  }
-}
-
 TEST(EmulatedCamera, StopsAndEndsAtAnyMoment) {
   for (int i = 0; i < 50; ++i) {
     CameraGuest guest(kCamera);

@@ -1,15 +1,15 @@
-// One stream: payloads to answered reads, what fails on the way, and its end.
+// What the policy learns from the requests that pass, and the stream that it starts with it.
 #include <array>
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <random>
 #include <thread>
 
 #include <gmock/gmock.h>
 
-#include "Scene.h"
 #include "ScriptedCamera.h"
-#include "policys/UVCDecoder.h"
+#include "support/CapturingLog.h"
 
 namespace vel::test {
 namespace {
@@ -21,9 +21,93 @@ using ::testing::SizeIs;
 using C = ScriptedCamera;
 using Done = Completions::Done;
 
-constexpr std::uint8_t kFid = 1;
 constexpr std::uint8_t kEof = 2;
-constexpr std::uint8_t kErr = 0x40;
+
+constexpr std::uint32_t kMax = kMaxVideoFrameSize;
+
+UVCStreamCtrl With(std::uint8_t format, std::uint8_t frame) {
+  UVCStreamCtrl ctrl = ScriptedCamera::Ctrl(64);
+  ctrl.bFormatIndex = format;
+  ctrl.bFrameIndex = frame;
+  return ctrl;
+}
+
+TEST(Negotiation, StartsWithWhatWasAgreedOnAlone) {
+  struct Case {
+    const char* name;
+    Kind kind;
+    std::function<void(C&)> requests;
+    std::vector<std::uint32_t> submitted;  // None: it does not start.
+  };
+  const UVCStreamCtrl good = C::Ctrl(64);
+  const std::vector<std::uint32_t> whole = {64};
+  const std::vector<Case> cases = {
+      {"nothing", Kind::kEmulated, [](C&) {}, {}},
+      {"48 bytes", Kind::kEmulated, [&](C& c) { c.Commit(good, 48); }, whole},
+      {"without data", Kind::kEmulated, [&](C& c) { c.Commit(good, 0); }, {}},
+      {"frame size cut off", Kind::kEmulated, [&](C& c) { c.Commit(good, 18); }, {}},
+      {"probe answer", Kind::kEmulated, [&](C& c) { c.ProbeAnswer(C::Block(good, 34)); }, whole},
+      {"other interface", Kind::kEmulated, [&](C& c) { c.Commit(good, 34, 0x0103); }, {}},
+      {"format 2, frame 2", Kind::kEmulated, [](C& c) { c.Commit(With(2, 2)); }, whole},
+      {"no such format", Kind::kEmulated, [](C& c) { c.Commit(With(3, 1)); }, {}},
+      {"frame 0", Kind::kEmulated, [](C& c) { c.Commit(With(1, 0)); }, {}},
+      {"frame size 0", Kind::kIso, [](C& c) { c.Commit(C::Ctrl(0)); }, {}},
+      {"64 MiB", Kind::kEmulated, [](C& c) { c.Commit(C::Ctrl(kMax)); }, {kMax}},
+      {"above", Kind::kEmulated, [](C& c) { c.Commit(C::Ctrl(kMax + 1)); }, {}},
+      {"payload 0", Kind::kIso, [](C& c) { c.Commit(C::Ctrl(64, 0)); }, {}},
+      {"packets above 64 MiB", Kind::kIso, [](C& c) { c.Commit(C::Ctrl(64, kMax / 32 + 1)); }, {}},
+      {"bulk", Kind::kBulk, [](C& c) { c.Commit(C::Ctrl(64, 70)); }, {70, 70, 70}},
+      {"bulk, payload 0", Kind::kBulk, [](C& c) { c.Commit(C::Ctrl(64, 0)); }, {}},
+  };
+  for (const Case& test : cases) {
+    SCOPED_TRACE(test.name);
+    ScriptedCamera camera(test.kind);
+    const CapturingLog log(OSKELO_LOG_ERROR);
+    test.requests(camera);
+    camera.Start();
+    EXPECT_EQ(camera.Submitted(), test.submitted);
+    EXPECT_EQ(log.Count("Error:Invalid frame type!"), test.submitted.empty() ? 1U : 0U);
+    camera.Stop();
+  }
+}
+
+TEST(Negotiation, AnswerGoesOnWithoutTheH265BitWhenItsFrameIsKnown) {
+  for (const std::size_t size : {13U, 26U, 34U, 35U, 48U}) {
+    SCOPED_TRACE(size);
+    ScriptedCamera camera(Kind::kIso);
+    UVCStreamCtrl ctrl = ScriptedCamera::Ctrl(64);
+    ctrl.wCompQuality = 0x8005;
+    Bytes expected = ScriptedCamera::Block(ctrl, size);
+    if (size > 13) {
+      expected[13] = 0;
+    }
+    EXPECT_EQ(camera.ProbeAnswer(ScriptedCamera::Block(ctrl, size)), expected);
+    ctrl.bFrameIndex = 9;
+    EXPECT_EQ(camera.ProbeAnswer(ScriptedCamera::Block(ctrl, size)), ScriptedCamera::Block(ctrl, size));
+  }
+}
+
+TEST(Negotiation, ReadsWhileNoStreamRunsAreTheBackends) {
+  ScriptedCamera camera(Kind::kIso);
+  camera.Read();
+  camera.Start();  // Not negotiated.
+  camera.Read();
+  EXPECT_FALSE(camera.policy->CancelTransfer(1));
+  EXPECT_THAT(camera.io.Calls(), ElementsAre("IsochTransfer 129 1 16", "IsochTransfer 129 2 16"));
+  camera.Start(ScriptedCamera::Ctrl(64));
+  camera.Stop();
+  camera.Read();
+  EXPECT_EQ(camera.io.Calls().back(), "IsochTransfer 129 3 16");
+  camera.backend->CloseUsbDev();
+  EXPECT_THAT(camera.reads.done.Await(3), SizeIs(3));
+}
+
+TEST(Negotiation, HeightLimitShortensTheDescriptors) {
+  const ScriptedCamera camera(Kind::kIso);
+  Bytes block = camera.block.bytes;
+  EXPECT_EQ(UVCPolicy(camera.backend.get(), 64, 1, 1).RewriteDescriptors(block), std::nullopt);
+  EXPECT_EQ(UVCPolicy(camera.backend.get(), 48, 1, 1).RewriteDescriptors(block), block.size() - 60);
+}
 
 // What a scripted backend holds of a camera at rest.
 std::size_t InFlight(Kind kind) {
@@ -46,20 +130,6 @@ INSTANTIATE_TEST_SUITE_P(Stream, EachKind, testing::Values(Kind::kEmulated, Kind
                                   : kind.param == Kind::kIso    ? "Iso"
                                                                 : "Bulk";
                          });
-
-TEST(Stream, BulkPayloadsBecomeFramesBitExact) {
-  C camera(Kind::kBulk);
-  camera.Start(C::Ctrl(80, 32));
-  camera.Read(3);
-  const std::string full(20, 'x');  // With its header the largest payload: no short packet ends it.
-  for (const C::Packet& payload : std::vector<C::Packet>{
-           {0, full}, {0, full}, {kErr, "err"}, {0, ""}, {kEof, "end"}, {kFid, full}, {0, "toggle"}, {kEof, ""}}) {
-    ASSERT_TRUE(camera.Complete(C::Payload(payload)));
-  }
-  ASSERT_TRUE(camera.Complete("too short"));
-  EXPECT_THAT(camera.reads.done.Await(3),
-              ElementsAre(Done{1, 0, full + full + "end"}, Done{2, 0, full}, Done{3, 0, "toggle"}));
-}
 
 TEST(Stream, OfAnEmulatedCameraKeepsThreeFramesUntilTheyAreRead) {
   C camera(Kind::kEmulated);
@@ -168,58 +238,6 @@ TEST(Stream, FailedTransfersAreTriedAgainAndAStallIsCleared) {
   EXPECT_THAT(refused.Submitted(), SizeIs(5));
   refused.io.Answer("IsochTransfer", 0);
   EXPECT_TRUE(refused.io.WaitForHeld(5));
-}
-
-TEST_P(EachKind, DeviceThatIsGoneIsLeftAlone) {
-  C camera(GetParam());
-  camera.Start(C::Ctrl(64));
-  camera.Read();
-  Feed(camera, GetParam(), "before");
-  EXPECT_THAT(camera.reads.done.Await(1), ElementsAre(Done{1, 0, "before"}));
-  const std::size_t submitted = camera.Submitted().size();
-  while (camera.io.CompleteNext({.status = LIBUSB_TRANSFER_NO_DEVICE, .bytes = {}})) {
-  }
-  camera.Read();
-  EXPECT_FALSE(camera.io.IsCalledSoon("ClearHalt 129"));
-  camera.Stop();
-  EXPECT_EQ(camera.reads.done.Count(), 2U);
-  EXPECT_THAT(camera.Submitted(), SizeIs(submitted));
-}
-
-TEST_P(EachKind, RawPicturesComeOutAsH264WhenTranscoded) {
-  C camera(GetParam(), true);
-  camera.Start(C::Ctrl(C::kFrameBytes, C::kFrameBytes + 12));
-  const Scene scene(C::kWidth, C::kHeight);
-  UVCDecoder decoder;
-  ASSERT_EQ(decoder.Init(UVC_DECODER_TYPE_H264, UVC_DECODER_OUTPUT_YUYV, C::kWidth, C::kHeight, nullptr), 0);
-  for (std::uint32_t i = 1; i <= 12; ++i) {
-    const Bytes picture = scene.Draw(static_cast<int>(i));
-    camera.Read();
-    Feed(camera, GetParam(), {picture.begin(), picture.end()});
-    const std::string unit = camera.reads.done.Await(i).back().data.value();
-    EXPECT_LT(unit.size(), C::kFrameBytes / 2);
-    Bytes shown(C::kFrameBytes);
-    std::uint32_t size = 0;
-    EXPECT_EQ(decoder.Decode(reinterpret_cast<const std::uint8_t*>(unit.data()),
-                             static_cast<std::uint32_t>(unit.size()), shown.data(), &size),
-              1);
-    EXPECT_EQ(size, C::kFrameBytes);
-    EXPECT_GT(LumaPsnr(shown, picture), 25) << "picture " << i;
-  }
-}
-
-TEST(Stream, JpegPicturesComeOutAsTheyAreWhenTranscoded) {
-  C camera(Kind::kIso, true);
-  UVCStreamCtrl ctrl = C::Ctrl(64);
-  ctrl.bFormatIndex = 2;
-  for (const std::size_t frame : {camera.block.starts[5], camera.block.starts[6]}) {
-    camera.block.bytes[frame + 2] = 7;  // VS_FRAME_MJPEG
-  }
-  camera.policy->ParseDescriptors(&camera.tree.config);
-  camera.Start(ctrl);
-  camera.Read();
-  Feed(camera, Kind::kIso, "jpeg");
-  EXPECT_THAT(camera.reads.done.Await(1), ElementsAre(Done{1, 0, "jpeg"}));
 }
 
 // Whatever threads may, at every point: each record is completed once, nothing hangs.

@@ -8,23 +8,6 @@
 #include "Served.h"
 
 namespace vel::vm {
-namespace {
-
-// So that the sink's silence proves something.
-void SinkNoticesOneWrongByte(RemoteDevice& remote, std::uint8_t endpoint) {
-  std::vector<std::uint8_t> data = SourcePattern(64U << 10U);
-  data[data.size() / 2 + 5] ^= 0x40U;
-  TransferReply reply;
-  for (int i = 0; i < 3 && reply.status == LIBUSB_TRANSFER_COMPLETED; ++i) {
-    reply = remote.Transfer(Command::kBulkTransfer, endpoint, static_cast<std::uint32_t>(data.size()), data);
-  }
-  RequireEqual(reply.status, LIBUSB_TRANSFER_STALL, "status of a transfer with a wrong byte");
-  const ControlSetup clearHalt{0x02, LIBUSB_REQUEST_CLEAR_FEATURE, 0, endpoint, 0};
-  RequireEqual(remote.ControlTransfer(clearHalt).value, 0, "clear halt");
-}
-
-}  // namespace
-
 std::string Bulk(const std::string& place, Arguments arguments) {
   const std::uint64_t mib = std::stoull(arguments[0]);
   Served served(place);
@@ -45,7 +28,6 @@ std::string Bulk(const std::string& place, Arguments arguments) {
   const auto sent = [&sink](std::uint64_t, const TransferReply& reply) { RequireWhole(reply, sink.size); };
   RunPump(
       remote, sink, [&expected](std::uint64_t) { return expected; }, sent);
-  SinkNoticesOneWrongByte(remote, sink.endpoint);
 
   const PumpPlan out = plan(1, Way::kOut);
   auto reader = std::async(std::launch::async, [&remote, in = plan(1, Way::kIn)] {

@@ -1,56 +1,28 @@
 #include <libusb-1.0/libusb.h>
 
+#include <algorithm>
 #include <future>
 #include <map>
+#include <memory>
 
 #include "Commands.h"
 #include "Pump.h"
 #include "Served.h"
-#include "vel/Mutex.h"
+#include "support/Collected.h"
 
 namespace vel::vm {
 namespace {
-
-// The statuses of transfers by their index, and that none was answered twice.
-class Answers {
- public:
-  void Note(int index, int status) VEL_EXCLUDES(mMutex) {
-    const MutexLock lock(mMutex);
-    mTwice = !mStatuses.emplace(index, status).second || mTwice;
-    mChanged.NotifyAll();
-  }
-  // How many were cancelled, once `count` are answered.
-  int AwaitCancelled(std::size_t count) VEL_EXCLUDES(mMutex) {
-    const auto deadline = std::chrono::steady_clock::now() + kLimit;
-    MutexLock lock(mMutex);
-    while (mStatuses.size() < count && mChanged.WaitUntil(lock, deadline)) {
-    }
-    RequireEqual(static_cast<long long>(mStatuses.size()), static_cast<long long>(count), "transfers with a reply");
-    Require(!mTwice, "a transfer has two replies");
-    int cancelled = 0;
-    for (const auto& [index, status] : mStatuses) {
-      cancelled += status == LIBUSB_TRANSFER_CANCELLED ? 1 : 0;
-    }
-    return cancelled;
-  }
-
- private:
-  Mutex mMutex;
-  CondVar mChanged;
-  std::map<int, int> mStatuses VEL_GUARDED_BY(mMutex);
-  bool mTwice VEL_GUARDED_BY(mMutex) = false;
-};
 
 // Submits `count` transfers, four at a time, and cancels each. How many cancels found their transfer, and how many
 // transfers were answered as cancelled.
 std::pair<int, int> SubmitAndCancel(RemoteDevice& remote, std::uint8_t endpoint, int count) {
   constexpr int kGroup = 4;
-  Answers answers;
+  const auto answers = std::make_shared<Collected<std::pair<int, int>>>();  // Index and status.
   int found = 0;
   for (int first = 0; first < count; first += kGroup) {
     std::vector<std::uint32_t> streams;
     for (int index = first; index < first + kGroup; ++index) {
-      const auto note = [&answers, index](const TransferReply& reply) { answers.Note(index, reply.status); };
+      const auto note = [answers, index](const TransferReply& reply) { answers->Add({index, reply.status}); };
       streams.push_back(remote.SubmitTransfer(Command::kBulkTransfer, endpoint, 16U << 10U, {}, note));
     }
     for (const std::uint32_t stream : streams) {
@@ -59,7 +31,9 @@ std::pair<int, int> SubmitAndCancel(RemoteDevice& remote, std::uint8_t endpoint,
       found += result == 0 ? 1 : 0;
     }
   }
-  return {found, answers.AwaitCancelled(static_cast<std::size_t>(count))};
+  const auto all = answers->Await(static_cast<std::size_t>(count));
+  RequireEqual(static_cast<long long>(std::map(all.begin(), all.end()).size()), count, "transfers with a reply");
+  return {found, static_cast<int>(std::ranges::count(all, LIBUSB_TRANSFER_CANCELLED, &std::pair<int, int>::second))};
 }
 
 }  // namespace

@@ -22,7 +22,7 @@ std::string Storage(const std::string& place, Arguments arguments);
 std::string Audio(const std::string& place, Arguments arguments);
 // COUNT: opens and closes within one service, and counts what it holds.
 std::string Rounds(const std::string& place, Arguments arguments);
-// UDC_FILE idle|busy: pulls the gadget out.
+// UDC_FILE: pulls the gadget out while data flows.
 std::string Unplug(const std::string& place, Arguments arguments);
 
 }  // namespace vel::vm

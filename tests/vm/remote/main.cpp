@@ -21,7 +21,7 @@ constexpr std::array kSubjects = {
     Subject{"bulk", 1, vel::vm::Bulk},     Subject{"cancels", 1, vel::vm::Cancels},
     Subject{"acm", 2, vel::vm::Acm},       Subject{"storage", 1, vel::vm::Storage},
     Subject{"audio", 2, vel::vm::Audio},   Subject{"rounds", 1, vel::vm::Rounds},
-    Subject{"unplug", 2, vel::vm::Unplug},
+    Subject{"unplug", 1, vel::vm::Unplug},
 };
 
 }  // namespace
