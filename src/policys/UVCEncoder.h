@@ -113,7 +113,7 @@ class VEL_MODULE_CLASS UVCEncoder {
   std::optional<FrameBlocks::User> mBlocks;
 
   Mutex mListMutex;
-  CondVar mListChanged;  // A frame was added, or the worker is to end.
+  CondVar mListChanged;               // A frame was added, or the worker is to end.
   std::atomic<bool> mRunning{false};  // Written under mListMutex.
   std::deque<Input> mInputs VEL_GUARDED_BY(mListMutex);
 };
