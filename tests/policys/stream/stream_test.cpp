@@ -18,7 +18,6 @@ using ::testing::Each;
 using ::testing::ElementsAre;
 using ::testing::SizeIs;
 
-using C = ScriptedCamera;
 using Done = Completions::Done;
 
 constexpr std::uint8_t kEof = 2;
@@ -36,28 +35,32 @@ TEST(Negotiation, StartsWithWhatWasAgreedOnAlone) {
   struct Case {
     const char* name;
     Kind kind;
-    std::function<void(C&)> requests;
+    std::function<void(ScriptedCamera&)> requests;
     std::vector<std::uint32_t> submitted;  // None: it does not start.
   };
-  const UVCStreamCtrl good = C::Ctrl(64);
+  const UVCStreamCtrl good = ScriptedCamera::Ctrl(64);
   const std::vector<std::uint32_t> whole = {64};
   const std::vector<Case> cases = {
-      {"nothing", Kind::kEmulated, [](C&) {}, {}},
-      {"48 bytes", Kind::kEmulated, [&](C& c) { c.Commit(good, 48); }, whole},
-      {"without data", Kind::kEmulated, [&](C& c) { c.Commit(good, 0); }, {}},
-      {"frame size cut off", Kind::kEmulated, [&](C& c) { c.Commit(good, 18); }, {}},
-      {"probe answer", Kind::kEmulated, [&](C& c) { c.ProbeAnswer(C::Block(good, 34)); }, whole},
-      {"other interface", Kind::kEmulated, [&](C& c) { c.Commit(good, 34, 0x0103); }, {}},
-      {"format 2, frame 2", Kind::kEmulated, [](C& c) { c.Commit(With(2, 2)); }, whole},
-      {"no such format", Kind::kEmulated, [](C& c) { c.Commit(With(3, 1)); }, {}},
-      {"frame 0", Kind::kEmulated, [](C& c) { c.Commit(With(1, 0)); }, {}},
-      {"frame size 0", Kind::kIso, [](C& c) { c.Commit(C::Ctrl(0)); }, {}},
-      {"64 MiB", Kind::kEmulated, [](C& c) { c.Commit(C::Ctrl(kMax)); }, {kMax}},
-      {"above", Kind::kEmulated, [](C& c) { c.Commit(C::Ctrl(kMax + 1)); }, {}},
-      {"payload 0", Kind::kIso, [](C& c) { c.Commit(C::Ctrl(64, 0)); }, {}},
-      {"packets above 64 MiB", Kind::kIso, [](C& c) { c.Commit(C::Ctrl(64, kMax / 32 + 1)); }, {}},
-      {"bulk", Kind::kBulk, [](C& c) { c.Commit(C::Ctrl(64, 70)); }, {70, 70, 70}},
-      {"bulk, payload 0", Kind::kBulk, [](C& c) { c.Commit(C::Ctrl(64, 0)); }, {}},
+      {"nothing", Kind::kEmulated, [](ScriptedCamera&) {}, {}},
+      {"48 bytes", Kind::kEmulated, [&](ScriptedCamera& c) { c.Commit(good, 48); }, whole},
+      {"without data", Kind::kEmulated, [&](ScriptedCamera& c) { c.Commit(good, 0); }, {}},
+      {"frame size cut off", Kind::kEmulated, [&](ScriptedCamera& c) { c.Commit(good, 18); }, {}},
+      {"probe answer", Kind::kEmulated, [&](ScriptedCamera& c) { c.ProbeAnswer(ScriptedCamera::Block(good, 34)); },
+       whole},
+      {"other interface", Kind::kEmulated, [&](ScriptedCamera& c) { c.Commit(good, 34, 0x0103); }, {}},
+      {"format 2, frame 2", Kind::kEmulated, [](ScriptedCamera& c) { c.Commit(With(2, 2)); }, whole},
+      {"no such format", Kind::kEmulated, [](ScriptedCamera& c) { c.Commit(With(3, 1)); }, {}},
+      {"frame 0", Kind::kEmulated, [](ScriptedCamera& c) { c.Commit(With(1, 0)); }, {}},
+      {"frame size 0", Kind::kIso, [](ScriptedCamera& c) { c.Commit(ScriptedCamera::Ctrl(0)); }, {}},
+      {"64 MiB", Kind::kEmulated, [](ScriptedCamera& c) { c.Commit(ScriptedCamera::Ctrl(kMax)); }, {kMax}},
+      {"above", Kind::kEmulated, [](ScriptedCamera& c) { c.Commit(ScriptedCamera::Ctrl(kMax + 1)); }, {}},
+      {"payload 0", Kind::kIso, [](ScriptedCamera& c) { c.Commit(ScriptedCamera::Ctrl(64, 0)); }, {}},
+      {"packets above 64 MiB",
+       Kind::kIso,
+       [](ScriptedCamera& c) { c.Commit(ScriptedCamera::Ctrl(64, kMax / 32 + 1)); },
+       {}},
+      {"bulk", Kind::kBulk, [](ScriptedCamera& c) { c.Commit(ScriptedCamera::Ctrl(64, 70)); }, {70, 70, 70}},
+      {"bulk, payload 0", Kind::kBulk, [](ScriptedCamera& c) { c.Commit(ScriptedCamera::Ctrl(64, 0)); }, {}},
   };
   for (const Case& test : cases) {
     SCOPED_TRACE(test.name);
@@ -115,11 +118,11 @@ std::size_t InFlight(Kind kind) {
 }
 
 // Whole frames of the three kinds of camera.
-void Feed(C& camera, Kind kind, const std::string& frame) {
+void Feed(ScriptedCamera& camera, Kind kind, const std::string& frame) {
   if (kind == Kind::kIso) {
-    EXPECT_TRUE(camera.Complete(C::Transfer({{kEof, frame}})));
+    EXPECT_TRUE(camera.Complete(ScriptedCamera::Transfer({{kEof, frame}})));
   } else {
-    EXPECT_TRUE(camera.Complete(kind == Kind::kBulk ? C::Payload({kEof, frame}) : frame));
+    EXPECT_TRUE(camera.Complete(kind == Kind::kBulk ? ScriptedCamera::Payload({kEof, frame}) : frame));
   }
 }
 
@@ -132,8 +135,8 @@ INSTANTIATE_TEST_SUITE_P(Stream, EachKind, testing::Values(Kind::kEmulated, Kind
                          });
 
 TEST(Stream, OfAnEmulatedCameraKeepsThreeFramesUntilTheyAreRead) {
-  C camera(Kind::kEmulated);
-  camera.Start(C::Ctrl(70000));  // Recycled blocks.
+  ScriptedCamera camera(Kind::kEmulated);
+  camera.Start(ScriptedCamera::Ctrl(70000));  // Recycled blocks.
   for (const char* frame : {"1", "2", "3", "dropped", "dropped", ""}) {
     ASSERT_TRUE(camera.Complete(frame));
   }
@@ -163,8 +166,8 @@ TEST(Stream, FramesThatACoderLosesDoNotCountAsWaiting) {
 }
 
 TEST_P(EachKind, AnswersReadsInOrderAndOnceEach) {
-  C camera(GetParam());
-  camera.Start(C::Ctrl(64));
+  ScriptedCamera camera(GetParam());
+  camera.Start(ScriptedCamera::Ctrl(64));
   for (std::uint32_t i = 1; i <= 60; ++i) {
     camera.Read();
     Feed(camera, GetParam(), "frame " + std::to_string(i));
@@ -179,11 +182,11 @@ TEST_P(EachKind, AnswersReadsInOrderAndOnceEach) {
 }
 
 TEST_P(EachKind, StopsWithReadsAndTransfersOutstandingAndStartsAgain) {
-  C camera(GetParam());
+  ScriptedCamera camera(GetParam());
   std::size_t reads = 0;
   for (std::uint32_t i = 1; i <= 50; ++i) {
     const std::uint32_t size = 16 * i;
-    camera.Start(C::Ctrl(size));
+    camera.Start(ScriptedCamera::Ctrl(size));
     ASSERT_TRUE(camera.io.WaitForHeld(InFlight(GetParam())));
     camera.Read(3);
     const std::string frame(size, static_cast<char>('a' + i % 26));
@@ -202,15 +205,15 @@ TEST_P(EachKind, StopsWithReadsAndTransfersOutstandingAndStartsAgain) {
     EXPECT_EQ(camera.reads.done.Await(reads).back().status, kXferTimedOut);
     ASSERT_FALSE(camera.io.CompleteNext({})) << "and none is held";
   }
-  camera.Start(C::Ctrl(8));
+  camera.Start(ScriptedCamera::Ctrl(8));
   camera.Read(2);
   camera.policy.reset();
   EXPECT_EQ(camera.reads.done.Count(), reads + 2);
 }
 
 TEST(Stream, ReadWithoutAFrameTimesOut) {
-  C camera(Kind::kIso);
-  camera.Start(C::Ctrl(8));
+  ScriptedCamera camera(Kind::kIso);
+  camera.Start(ScriptedCamera::Ctrl(8));
   const auto begin = std::chrono::steady_clock::now();
   camera.Read();
   EXPECT_THAT(camera.reads.done.Await(1), ElementsAre(Done{1, kXferTimedOut, ""}));
@@ -219,8 +222,8 @@ TEST(Stream, ReadWithoutAFrameTimesOut) {
 
 TEST(Stream, FailedTransfersAreTriedAgainAndAStallIsCleared) {
   for (const Kind kind : {Kind::kIso, Kind::kBulk}) {
-    C camera(kind);
-    camera.Start(C::Ctrl(64));
+    ScriptedCamera camera(kind);
+    camera.Start(ScriptedCamera::Ctrl(64));
     for (std::size_t i = 0; i < InFlight(kind); ++i) {
       ASSERT_TRUE(camera.io.CompleteNext({.status = i == 0 ? 4 : kXferError, .bytes = {}}));
     }
@@ -232,9 +235,9 @@ TEST(Stream, FailedTransfersAreTriedAgainAndAStallIsCleared) {
     Feed(camera, kind, "works");
     EXPECT_THAT(camera.reads.done.Await(1), ElementsAre(Done{1, 0, "works"}));
   }
-  C refused(Kind::kIso);
+  ScriptedCamera refused(Kind::kIso);
   refused.io.Answer("IsochTransfer", LIBUSB_ERROR_IO);
-  refused.Start(C::Ctrl(64));
+  refused.Start(ScriptedCamera::Ctrl(64));
   EXPECT_THAT(refused.Submitted(), SizeIs(5));
   refused.io.Answer("IsochTransfer", 0);
   EXPECT_TRUE(refused.io.WaitForHeld(5));
@@ -243,8 +246,8 @@ TEST(Stream, FailedTransfersAreTriedAgainAndAStallIsCleared) {
 // Whatever threads may, at every point: each record is completed once, nothing hangs.
 TEST_P(EachKind, MayBeStartedStoppedReadAndCancelledByManyThreadsAtOnce) {
   for (unsigned seed = 0; seed < 12; ++seed) {
-    C camera(GetParam(), seed % 4 == 3);
-    camera.Commit(C::Ctrl(C::kFrameBytes, C::kFrameBytes + 12));
+    ScriptedCamera camera(GetParam(), seed % 4 == 3);
+    camera.Commit(ScriptedCamera::Ctrl(ScriptedCamera::kFrameBytes, ScriptedCamera::kFrameBytes + 12));
     std::atomic<bool> ending{false};
     const auto repeat = [&ending](auto action) {
       return std::thread([&ending, action] {
@@ -253,9 +256,10 @@ TEST_P(EachKind, MayBeStartedStoppedReadAndCancelledByManyThreadsAtOnce) {
         }
       });
     };
-    const std::string frame = GetParam() == Kind::kIso    ? C::Transfer({{kEof, std::string(C::kFrameBytes, 'f')}})
-                              : GetParam() == Kind::kBulk ? C::Payload({kEof, "frame"})
-                                                          : std::string(C::kFrameBytes, 'f');
+    const std::string frame = GetParam() == Kind::kIso
+                                  ? ScriptedCamera::Transfer({{kEof, std::string(ScriptedCamera::kFrameBytes, 'f')}})
+                              : GetParam() == Kind::kBulk ? ScriptedCamera::Payload({kEof, "frame"})
+                                                          : std::string(ScriptedCamera::kFrameBytes, 'f');
     std::array threads = {
         repeat([&] {
           static_cast<void>(camera.Complete(frame));
