@@ -166,27 +166,23 @@ int UVCEncoder::EncodeAsync(Input& input) {
   return 0;
 }
 
-std::optional<UVCEncoder::InputView> UVCEncoder::AwaitInput() {
+UVCEncoder::Input* UVCEncoder::AwaitInput() {
   MutexLock lock(mListMutex);
   while (mRunning && mInputs.empty()) {
     mListChanged.Wait(lock);
   }
-  if (!mRunning) {
-    return std::nullopt;
-  }
-  const Input& front = mInputs.front();
-  return InputView{front.index, front.frame.get(), front.picture.get()};
+  return mRunning ? &mInputs.front() : nullptr;
 }
 
 void UVCEncoder::EncodeThread() {
-  // Thinning never takes the front input, so what it owns may be used without the lock.
-  while (const std::optional<InputView> input = AwaitInput()) {
+  // Thinning never takes the front input, so it may be used without the lock.
+  while (Input* const input = AwaitInput()) {
     EncodeInput(*input);
   }
   VEL_DEBUG("Encode thread exit.");
 }
 
-void UVCEncoder::EncodeInput(const InputView& input) {
+void UVCEncoder::EncodeInput(Input& input) {
   HeapBlock out;
   std::uint32_t outLength = 0;
   int result = -1;
@@ -205,17 +201,17 @@ void UVCEncoder::EncodeInput(const InputView& input) {
     }
     av_packet_unref(mPacket.get());
   }
-  std::optional<Input> done;  // Freed after the lock.
+  const std::uint32_t index = input.index;
+  std::list<Input> done;  // Freed after the lock.
   {
     const MutexLock lock(mListMutex);
-    done = std::move(mInputs.front());
-    mInputs.pop_front();
+    done.splice(done.begin(), mInputs, mInputs.begin());
   }
-  done.reset();
+  done.clear();
   if (result < 0) {
     VEL_ERROR("encode failed[%d]\n", result);
   } else if (mHandler != nullptr) {
-    mHandler->OnFinishEncode(input.index, out.release(), outLength, result);
+    mHandler->OnFinishEncode(index, out.release(), outLength, result);
   }
 }
 
@@ -280,7 +276,7 @@ int UVCEncoder::Release() {
   if (mEncoder == nullptr) {
     return 0;
   }
-  std::deque<Input> unencoded;
+  std::list<Input> unencoded;
   {
     const MutexLock listLock(mListMutex);
     unencoded.swap(mInputs);

@@ -3,7 +3,7 @@
 
 #include <atomic>
 #include <cstdint>
-#include <deque>
+#include <list>
 #include <memory>
 #include <optional>
 #include <thread>
@@ -83,20 +83,13 @@ class VEL_MODULE_CLASS UVCEncoder {
     UVCFramePtr frame;
     FramePtr picture;
   };
-  // The same while the queue owns it.
-  struct InputView {
-    std::uint32_t index;
-    const UVC_FRAME* frame;
-    AVFrame* picture;
-  };
-
   int EncodeAsync(Input& input);
   int EncodePicture(const std::uint8_t* data, std::uint32_t length) VEL_REQUIRES(mCodecMutex);
   int EncodePlanes(AVFrame& picture) VEL_REQUIRES(mCodecMutex);
   void EncodeThread();
-  // The oldest queued input, which stays in the queue until it is encoded; none at the end.
-  std::optional<InputView> AwaitInput();
-  void EncodeInput(const InputView& input);
+  // The oldest queued input, which stays in the queue until it is encoded; null at the end.
+  Input* AwaitInput();
+  void EncodeInput(Input& input);
 
   Mutex mCodecMutex;
   std::unique_ptr<IEncoder> mEncoder VEL_GUARDED_BY(mCodecMutex);
@@ -113,9 +106,9 @@ class VEL_MODULE_CLASS UVCEncoder {
   std::optional<FrameBlocks::User> mBlocks;
 
   Mutex mListMutex;
-  CondVar mListChanged;               // A frame was added, or the worker is to end.
-  std::atomic<bool> mRunning{false};  // Written under mListMutex.
-  std::deque<Input> mInputs VEL_GUARDED_BY(mListMutex);
+  CondVar mListChanged;                                 // A frame was added, or the worker is to end.
+  std::atomic<bool> mRunning{false};                    // Written under mListMutex.
+  std::list<Input> mInputs VEL_GUARDED_BY(mListMutex);  // A list: thinning leaves the front where it is.
 };
 
 }  // namespace vel

@@ -22,8 +22,8 @@ constexpr std::int64_t kRateBufferMs = 700;
 // buffer.
 constexpr float kRateCompression = 0.3F;
 
-// With key frames closer than this libopenh264's own control misses the rate, by 0.71 to 1.50 of it with the content
-// (measured at 5 pictures of 15 in a second): it keeps key frames within a few quantisers.
+// With key frames closer than this libopenh264's own control misses the rate: 0.71 to 1.50 of it, with the content
+// (measured with a key frame every 5 pictures, 15 in a second; every 25 of 25 it holds).
 constexpr double kShortGopSeconds = 0.5;
 
 // FFmpeg's level is for the whole process; the offset lets this context's messages pass it.
@@ -85,8 +85,8 @@ CodecContextPtr FFmpegEncoder::OpenContext() {
   context->framerate = mParam.frameRate;
   context->gop_size = mParam.gopSize;
   context->max_b_frames = mParam.maxBFrames;
-  // libx264 would cut the picture into slices for all cores. A picture takes milliseconds: its hand-overs cost 7 to 10
-  // % more processor time (measured on two cores), and leave fewer cores to the client's other work.
+  // libx264 would cut the picture into slices for all cores. A picture takes milliseconds, and the hand-overs cost more
+  // than they bring: 7 to 10 % of the processor time (measured on two cores), and the client's other work its cores.
   context->thread_count = 1;
   context->pix_fmt = mParam.pixelFormat;
   if (!mUseFfmpegHwEncoder) {

@@ -12,7 +12,7 @@ constexpr double kStepsPerHalf = 6;
 constexpr double kWorkedOffIn = 3;
 // What is worked off at most, in groups: a still picture saves no more than this for later.
 constexpr double kMaxExcess = 1.5;
-// The quantiser at which video conferencing content takes a tenth of a bit per pixel (measured).
+// Where to begin at a tenth of a bit per pixel: a guess, which the first groups correct.
 constexpr double kQpAtTenth = 28;
 
 }  // namespace
