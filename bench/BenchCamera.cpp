@@ -7,9 +7,9 @@
 #include <vector>
 
 #include "io/DummyUsbIo/UvcConfigBuilder.h"
-#include "policys/UVCStreamCtrl.h"
 #include "protocol/IsoTable.h"
 #include "protocol/VelPacket.h"
+#include "uvc/UVCStreamCtrl.h"
 
 namespace vel {
 namespace {

@@ -12,9 +12,9 @@
 #include <vector>
 
 #include "BenchCamera.h"
-#include "Scene.h"
 #include "oskelo/log.h"
 #include "policys/UVCEncoder.h"
+#include "support/Scene.h"
 
 namespace {
 

@@ -16,13 +16,13 @@
 #include <utility>
 #include <vector>
 
-#include "Scene.h"
+#include "codec/DecodedPicture.h"
 #include "oskelo/log.h"
-#include "policys/DecodedPicture.h"
+#include "pixel/PixelConvert.h"
 #include "policys/Encoder/FFmpegEncoder.h"
-#include "policys/PixelConvert.h"
 #include "policys/UVCEncoder.h"
 #include "policys/UVCFrameManager.h"
+#include "support/Scene.h"
 #include "vel/Mutex.h"
 
 namespace vel::test {

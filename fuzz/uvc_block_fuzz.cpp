@@ -8,9 +8,9 @@
 
 #include "Require.h"
 #include "oskelo/log.h"
-#include "policys/UVCBlockLayout.h"
 #include "policys/UVCUtil.h"
 #include "protocol/ByteReader.h"
+#include "uvc/UVCBlockLayout.h"
 
 namespace vel {
 namespace {

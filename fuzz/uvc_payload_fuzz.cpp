@@ -9,9 +9,9 @@
 
 #include "Require.h"
 #include "oskelo/log.h"
-#include "policys/UVCFrameAssembler.h"
 #include "protocol/ByteReader.h"
 #include "protocol/IsoTable.h"
+#include "uvc/UVCFrameAssembler.h"
 
 namespace vel {
 namespace {

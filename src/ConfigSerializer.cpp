@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstdlib>
 
-#include "VelLog.h"
+#include "base/VelLog.h"
 
 namespace vel {
 namespace {

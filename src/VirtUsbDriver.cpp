@@ -3,7 +3,7 @@
 #include <new>
 #include <utility>
 
-#include "VelLog.h"
+#include "base/VelLog.h"
 #include "protocol/VelPacket.h"
 
 namespace vel {

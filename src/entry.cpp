@@ -3,8 +3,8 @@
 #include <exception>
 #include <memory>
 
-#include "VelLog.h"
 #include "VirtUsbDriver.h"
+#include "base/VelLog.h"
 
 extern "C" {
 

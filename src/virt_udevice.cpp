@@ -6,7 +6,7 @@
 #include <cstring>
 #include <string>
 
-#include "VelLog.h"
+#include "base/VelLog.h"
 #include "io/NullUsbIo.h"
 #include "protocol/Commands.h"
 #include "protocol/IsoTable.h"

@@ -4,7 +4,7 @@
 #include <array>
 #include <new>
 
-#include "VelLog.h"
+#include "base/VelLog.h"
 
 namespace vel {
 namespace {

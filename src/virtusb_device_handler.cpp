@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "ConfigSerializer.h"
-#include "VelLog.h"
+#include "base/VelLog.h"
 #include "protocol/IsoTable.h"
 #include "virt_usb.h"
 

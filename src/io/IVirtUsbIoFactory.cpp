@@ -1,6 +1,6 @@
 #include "io/IVirtUsbIoFactory.h"
 
-#include "VelLog.h"
+#include "base/VelLog.h"
 #include "io/DummyUsbIo/DummyUsbCdcCH340.h"
 #include "io/DummyUsbIo/DummyUsbCdcCH9102.h"
 #include "io/DummyUsbIo/DummyUsbKeyboard.h"

@@ -3,7 +3,7 @@
 #include <exception>
 #include <utility>
 
-#include "VelLog.h"
+#include "base/VelLog.h"
 
 namespace vel {
 namespace {

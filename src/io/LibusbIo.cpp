@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <cstdio>
 
-#include "VelLog.h"
+#include "base/VelLog.h"
 #include "io/LibusbControl.h"
 #include "io/LibusbLull.h"
 #include "io/LibusbTransfer.h"

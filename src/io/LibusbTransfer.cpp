@@ -7,7 +7,7 @@
 #include <span>
 #include <utility>
 
-#include "VelLog.h"
+#include "base/VelLog.h"
 #include "protocol/IsoTable.h"
 
 namespace vel {

@@ -5,7 +5,7 @@
 #include <cstring>
 #include <limits>
 
-#include "VelLog.h"
+#include "base/VelLog.h"
 
 namespace vel {
 namespace {

@@ -3,9 +3,9 @@
 #include <system_error>
 #include <utility>
 
-#include "VelLog.h"
-#include "policys/DecodedPicture.h"
-#include "policys/PixelConvert.h"
+#include "base/VelLog.h"
+#include "codec/DecodedPicture.h"
+#include "pixel/PixelConvert.h"
 #include "policys/UVCUtil.h"
 
 namespace vel {

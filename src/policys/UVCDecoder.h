@@ -6,12 +6,12 @@
 #include <optional>
 #include <thread>
 
-#include "ModuleExport.h"
-#include "policys/CodecInput.h"
-#include "policys/FfmpegLog.h"
-#include "policys/FfmpegPtr.h"
-#include "policys/FrameBlocks.h"
-#include "policys/UVCDecoderHandler.h"
+#include "base/ModuleExport.h"
+#include "codec/CodecInput.h"
+#include "codec/FfmpegLog.h"
+#include "codec/FfmpegPtr.h"
+#include "codec/FrameBlocks.h"
+#include "codec/UVCDecoderHandler.h"
 #include "vel/Mutex.h"
 
 namespace vel {

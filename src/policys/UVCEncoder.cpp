@@ -7,10 +7,10 @@
 #include <system_error>
 #include <utility>
 
-#include "VelLog.h"
+#include "base/VelLog.h"
+#include "codec/FrameThinning.h"
+#include "pixel/PixelConvert.h"
 #include "policys/Encoder/FFmpegEncoder.h"
-#include "policys/FrameThinning.h"
-#include "policys/PixelConvert.h"
 
 namespace vel {
 namespace {

@@ -8,13 +8,13 @@
 #include <optional>
 #include <thread>
 
-#include "ModuleExport.h"
+#include "base/ModuleExport.h"
+#include "codec/FfmpegLog.h"
+#include "codec/FfmpegPtr.h"
+#include "codec/FrameBlocks.h"
+#include "codec/UVCEncoderHandler.h"
+#include "codec/UVCFrame.h"
 #include "policys/Encoder/IEncoder.h"
-#include "policys/FfmpegLog.h"
-#include "policys/FfmpegPtr.h"
-#include "policys/FrameBlocks.h"
-#include "policys/UVCEncoderHandler.h"
-#include "policys/UVCFrame.h"
 #include "vel/Mutex.h"
 
 namespace vel {

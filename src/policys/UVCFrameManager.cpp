@@ -4,9 +4,9 @@
 #include <cstring>
 #include <utility>
 
-#include "VelLog.h"
-#include "policys/DecodedPicture.h"
-#include "policys/FrameQueue.h"
+#include "base/VelLog.h"
+#include "codec/DecodedPicture.h"
+#include "codec/FrameQueue.h"
 #include "policys/UVCDecoder.h"
 
 namespace vel {

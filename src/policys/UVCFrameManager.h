@@ -6,12 +6,12 @@
 #include <memory>
 #include <utility>
 
-#include "ModuleExport.h"
-#include "policys/FrameDump.h"
-#include "policys/UVCDecoderHandler.h"
+#include "base/ModuleExport.h"
+#include "codec/FrameDump.h"
+#include "codec/UVCDecoderHandler.h"
+#include "codec/UVCEncoderHandler.h"
+#include "codec/UVCFrame.h"
 #include "policys/UVCEncoder.h"
-#include "policys/UVCEncoderHandler.h"
-#include "policys/UVCFrame.h"
 #include "policys/UVCUtil.h"
 #include "vel/Mutex.h"
 

@@ -4,7 +4,7 @@
 #include <iostream>
 #include <string>
 
-#include "VelLog.h"
+#include "base/VelLog.h"
 #include "policys/UVCUtil.h"
 
 namespace vel {

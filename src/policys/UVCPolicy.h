@@ -7,8 +7,8 @@
 #include <span>
 
 #include "io/IUsbIo.h"
-#include "policys/UVCNegotiation.h"
-#include "policys/UVCStream.h"
+#include "policys/stream/UVCNegotiation.h"
+#include "policys/stream/UVCStream.h"
 #include "vel/Mutex.h"
 
 namespace vel {

@@ -6,10 +6,10 @@
 #include <cstdio>
 #include <memory>
 
-#include "VelLog.h"
-#include "policys/UVCBlockFilter.h"
-#include "policys/UVCBlockLayout.h"
-#include "policys/UVCPayloadHeader.h"
+#include "base/VelLog.h"
+#include "uvc/UVCBlockFilter.h"
+#include "uvc/UVCBlockLayout.h"
+#include "uvc/UVCPayloadHeader.h"
 
 namespace vel {
 namespace {

@@ -5,11 +5,11 @@
 
 #include <gmock/gmock.h>
 
-#include "Scene.h"
 #include "io/UsbIoXferInfo.h"
 #include "mockdev/MockCamera.h"
 #include "policys/UVCDecoder.h"
 #include "policys/stream/CameraGuest.h"
+#include "support/Scene.h"
 
 namespace vel {
 namespace {

@@ -9,7 +9,7 @@
 #include <thread>
 #include <vector>
 
-#include "VelLog.h"
+#include "base/VelLog.h"
 
 namespace vel {
 namespace {

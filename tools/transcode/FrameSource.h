@@ -9,8 +9,8 @@ extern "C" {
 #include <libavformat/avformat.h>
 }
 
-#include "policys/FfmpegPtr.h"
-#include "policys/UVCFrame.h"
+#include "codec/FfmpegPtr.h"
+#include "codec/UVCFrame.h"
 
 namespace vel {
 

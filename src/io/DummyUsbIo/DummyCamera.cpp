@@ -6,7 +6,7 @@
 #include <numeric>
 #include <system_error>
 
-#include "VelLog.h"
+#include "base/VelLog.h"
 
 namespace vel {
 namespace {

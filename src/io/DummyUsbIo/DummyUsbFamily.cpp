@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "VelLog.h"
+#include "base/VelLog.h"
 #include "protocol/IsoTable.h"
 
 namespace vel {

@@ -2,7 +2,7 @@
 
 #include <array>
 
-#include "VelLog.h"
+#include "base/VelLog.h"
 
 namespace vel {
 namespace {

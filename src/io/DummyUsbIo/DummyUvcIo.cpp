@@ -5,7 +5,7 @@
 #include <span>
 #include <utility>
 
-#include "VelLog.h"
+#include "base/VelLog.h"
 #include "io/DummyUsbIo/ICameraFactory.h"
 #include "io/DummyUsbIo/UvcConfigBuilder.h"
 

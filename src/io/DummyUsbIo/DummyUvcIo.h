@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "ModuleExport.h"
+#include "base/ModuleExport.h"
 #include "io/DummyUsbIo/CameraStreamCallback.h"
 #include "io/DummyUsbIo/ConfigDescTree.h"
 #include "io/DummyUsbIo/DummyUsbUtils.h"

@@ -1,6 +1,6 @@
 #include "io/DummyUsbIo/ICameraFactory.h"
 
-#include "VelLog.h"
+#include "base/VelLog.h"
 #include "io/DummyUsbIo/DummyCamera.h"
 #include "io/DummyUsbIo/QtCamera.h"
 

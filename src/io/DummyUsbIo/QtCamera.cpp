@@ -4,7 +4,7 @@
 #include <system_error>
 #include <utility>
 
-#include "VelLog.h"
+#include "base/VelLog.h"
 #include "vel/Mutex.h"
 
 namespace vel {

@@ -5,7 +5,7 @@
 #include <limits>
 #include <utility>
 
-#include "VelLog.h"
+#include "base/VelLog.h"
 #include "policys/UVCUtil.h"
 
 namespace vel {

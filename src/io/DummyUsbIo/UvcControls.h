@@ -6,8 +6,8 @@
 
 #include <libusb-1.0/libusb.h>
 
-#include "policys/UVCDescriptors.h"
-#include "policys/UVCStreamCtrl.h"
+#include "uvc/UVCDescriptors.h"
+#include "uvc/UVCStreamCtrl.h"
 #include "vel/Mutex.h"
 
 namespace vel {

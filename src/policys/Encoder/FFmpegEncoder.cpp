@@ -6,7 +6,7 @@ extern "C" {
 #include <libavutil/opt.h>
 }
 
-#include "VelLog.h"
+#include "base/VelLog.h"
 
 namespace vel {
 namespace {

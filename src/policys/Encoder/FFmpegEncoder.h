@@ -5,9 +5,9 @@
 #include <optional>
 #include <string>
 
+#include "codec/FfmpegPtr.h"
 #include "policys/Encoder/GopRate.h"
 #include "policys/Encoder/IEncoder.h"
-#include "policys/FfmpegPtr.h"
 
 namespace vel {
 

@@ -4,9 +4,9 @@
 #include <thread>
 
 #include "FakeCapture.h"
-#include "io/DummyUsbIo/BgrxToYuyv.h"
 #include "io/DummyUsbIo/DummyCamera.h"
 #include "io/DummyUsbIo/QtCamera.h"
+#include "pixel/BgrxToYuyv.h"
 #include "support/CapturingLog.h"
 #include "support/Collected.h"
 

@@ -12,10 +12,10 @@
 
 #include <gtest/gtest.h>
 
-#include "policys/UVCStreamCtrl.h"
 #include "remote/ModuleChannel.h"
 #include "remote/RemoteDevice.h"
 #include "support/Limits.h"
+#include "uvc/UVCStreamCtrl.h"
 #include "vel/Mutex.h"
 
 namespace vel::test {

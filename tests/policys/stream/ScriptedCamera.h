@@ -11,11 +11,11 @@
 
 #include "io/Completions.h"
 #include "policys/UVCPolicy.h"
-#include "policys/VsBlock.h"
 #include "protocol/IsoTable.h"
 #include "src/DescriptorTree.h"
 #include "support/RecordingDeviceBase.h"
 #include "support/ScriptedUsbIo.h"
+#include "uvc/VsBlock.h"
 
 namespace vel::test {
 

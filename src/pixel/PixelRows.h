@@ -1,0 +1,47 @@
+// Rows of pixels taken apart and put together, in a version for each instruction set.
+#ifndef VEL_PIXEL_PIXEL_ROWS_H
+#define VEL_PIXEL_PIXEL_ROWS_H
+
+#include <cstddef>
+#include <cstdint>
+
+namespace vel {
+
+// From these widths on, rows write past the caches where that can be, for plain stores would first read what they
+// overwrite. Chroma early; luma only of pictures that the caches of a core would not keep for the encoder (measured).
+inline constexpr std::size_t kStreamChromaFromPixels = 512;
+inline constexpr std::size_t kStreamLumaFromPixels = 1024;
+
+// One version's functions. Packed rows are Y0 U Y1 V ... with 2 * pixels bytes; the last pixel of
+// an odd row has Y and U only, and gives no chroma sample when a row is split. Rows do not overlap
+// and need no alignment; no byte outside them is touched. Any thread.
+struct PixelRows {
+  using Byte = std::uint8_t;
+  // Luma of a packed row.
+  void (*luma)(const Byte* packed, Byte* y, std::size_t pixels);
+  // Luma, and pixels / 2 samples of U and of V.
+  void (*planar)(const Byte* packed, Byte* y, Byte* u, Byte* v, std::size_t pixels);
+  // Luma, and pixels / 2 pairs U V.
+  void (*semiPlanar)(const Byte* packed, Byte* y, Byte* uv, std::size_t pixels);
+  // A packed row from chroma of half the width, (pixels + 1) / 2 samples each.
+  void (*pack)(const Byte* y, const Byte* u, const Byte* v, Byte* packed, std::size_t pixels);
+  // A packed row from chroma of full width, of which every second sample is dropped.
+  void (*packFull)(const Byte* y, const Byte* u, const Byte* v, Byte* packed, std::size_t pixels);
+};
+
+extern const PixelRows kPixelRowsScalar;
+// Only where the build is for x86-64, of which SSE2 is a part.
+extern const PixelRows kPixelRowsSse2;
+// Only on processors that have AVX2.
+extern const PixelRows kPixelRowsAvx2;
+
+// Every version that this processor can run, the fastest last. Never empty.
+struct PixelRowsChoice {
+  const PixelRows* versions[3];
+  std::size_t count;
+};
+PixelRowsChoice AvailablePixelRows();
+
+}  // namespace vel
+
+#endif

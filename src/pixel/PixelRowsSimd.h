@@ -1,0 +1,128 @@
+// The rows of wide registers, written once for every width. Included only by the files that are compiled for an
+// instruction set. Nothing of the standard library is instantiated here: the linker might keep such a file's version of
+// an inline function for the whole program.
+#ifndef VEL_PIXEL_PIXEL_ROWS_SIMD_H
+#define VEL_PIXEL_PIXEL_ROWS_SIMD_H
+
+#include "pixel/PixelRows.h"
+
+namespace vel {
+
+// `V` is a register of V::kBytes bytes, a type of the including file's own, so that every file has functions of its
+// own:
+//   Load, Store, Stream (past the caches, aligned), Fence (orders what was streamed);
+//   Even(a, b), Odd(a, b)  the even or the odd bytes of a, then those of b;
+//   ZipLow(a, b), ZipHigh(a, b)  a0 b0 a1 b1 ... of the lower and of the upper half;
+//   EvenOfBoth(a, b)  a0 b0 a2 b2 ...
+// `Rest` handles the pixels behind the last whole register.
+template <class V, const PixelRows& Rest>
+struct SimdRows {
+  using Byte = std::uint8_t;
+  using Reg = typename V::Reg;
+  static constexpr std::size_t kBytes = V::kBytes;
+
+  static bool IsAligned(const Byte* row) { return reinterpret_cast<std::uintptr_t>(row) % kBytes == 0; }
+
+  template <bool kStream>
+  static void Put(Byte* to, Reg bytes) {
+    if constexpr (kStream) {
+      V::Stream(to, bytes);
+    } else {
+      V::Store(to, bytes);
+    }
+  }
+
+  template <bool kStream>
+  static std::size_t LumaPart(const Byte* packed, Byte* y, std::size_t pixels) {
+    std::size_t x = 0;
+    for (; x + 2 * kBytes <= pixels; x += 2 * kBytes) {
+      const Byte* from = packed + 2 * x;
+      Put<kStream>(y + x, V::Even(V::Load(from), V::Load(from + kBytes)));
+      Put<kStream>(y + x + kBytes, V::Even(V::Load(from + 2 * kBytes), V::Load(from + 3 * kBytes)));
+    }
+    return x;
+  }
+
+  template <bool kStreamLuma, bool kStreamChroma>
+  static std::size_t PlanarPart(const Byte* packed, Byte* y, Byte* u, Byte* v, std::size_t pixels) {
+    std::size_t x = 0;
+    for (; x + 2 * kBytes <= pixels; x += 2 * kBytes) {
+      const Byte* from = packed + 2 * x;
+      const Reg a = V::Load(from);
+      const Reg b = V::Load(from + kBytes);
+      const Reg c = V::Load(from + 2 * kBytes);
+      const Reg d = V::Load(from + 3 * kBytes);
+      Put<kStreamLuma>(y + x, V::Even(a, b));
+      Put<kStreamLuma>(y + x + kBytes, V::Even(c, d));
+      const Reg uvLow = V::Odd(a, b);
+      const Reg uvHigh = V::Odd(c, d);
+      Put<kStreamChroma>(u + x / 2, V::Even(uvLow, uvHigh));
+      Put<kStreamChroma>(v + x / 2, V::Odd(uvLow, uvHigh));
+    }
+    return x;
+  }
+
+  static void Luma(const Byte* packed, Byte* y, std::size_t pixels) {
+    std::size_t x = 0;
+    if (pixels >= kStreamLumaFromPixels && IsAligned(y)) {
+      x = LumaPart<true>(packed, y, pixels);
+      V::Fence();
+    } else {
+      x = LumaPart<false>(packed, y, pixels);
+    }
+    Rest.luma(packed + 2 * x, y + x, pixels - x);
+  }
+
+  static void Planar(const Byte* packed, Byte* y, Byte* u, Byte* v, std::size_t pixels) {
+    std::size_t x = 0;
+    if (pixels < kStreamChromaFromPixels || !IsAligned(u) || !IsAligned(v)) {
+      x = PlanarPart<false, false>(packed, y, u, v, pixels);
+    } else {
+      x = pixels >= kStreamLumaFromPixels && IsAligned(y) ? PlanarPart<true, true>(packed, y, u, v, pixels)
+                                                          : PlanarPart<false, true>(packed, y, u, v, pixels);
+      V::Fence();
+    }
+    Rest.planar(packed + 2 * x, y + x, u + x / 2, v + x / 2, pixels - x);
+  }
+
+  static void SemiPlanar(const Byte* packed, Byte* y, Byte* uv, std::size_t pixels) {
+    std::size_t x = 0;
+    for (; x + kBytes <= pixels; x += kBytes) {
+      const Reg a = V::Load(packed + 2 * x);
+      const Reg b = V::Load(packed + 2 * x + kBytes);
+      V::Store(y + x, V::Even(a, b));
+      V::Store(uv + x, V::Odd(a, b));
+    }
+    Rest.semiPlanar(packed + 2 * x, y + x, uv + x, pixels - x);
+  }
+
+  static void StorePacked(Byte* packed, Reg y, Reg uv) {
+    V::Store(packed, V::ZipLow(y, uv));
+    V::Store(packed + kBytes, V::ZipHigh(y, uv));
+  }
+
+  static void Pack(const Byte* y, const Byte* u, const Byte* v, Byte* packed, std::size_t pixels) {
+    std::size_t x = 0;
+    for (; x + 2 * kBytes <= pixels; x += 2 * kBytes) {
+      const Reg blue = V::Load(u + x / 2);
+      const Reg red = V::Load(v + x / 2);
+      StorePacked(packed + 2 * x, V::Load(y + x), V::ZipLow(blue, red));
+      StorePacked(packed + 2 * x + 2 * kBytes, V::Load(y + x + kBytes), V::ZipHigh(blue, red));
+    }
+    Rest.pack(y + x, u + x / 2, v + x / 2, packed + 2 * x, pixels - x);
+  }
+
+  static void PackFull(const Byte* y, const Byte* u, const Byte* v, Byte* packed, std::size_t pixels) {
+    std::size_t x = 0;
+    for (; x + kBytes <= pixels; x += kBytes) {
+      StorePacked(packed + 2 * x, V::Load(y + x), V::EvenOfBoth(V::Load(u + x), V::Load(v + x)));
+    }
+    Rest.packFull(y + x, u + x, v + x, packed + 2 * x, pixels - x);
+  }
+
+  static constexpr PixelRows kRows = {&Luma, &Planar, &SemiPlanar, &Pack, &PackFull};
+};
+
+}  // namespace vel
+
+#endif

@@ -1,9 +1,0 @@
-#include "policys/PixelRows.h"
-
-namespace vel {
-
-PixelRowsChoice AvailablePixelRows() {
-  return {{&kPixelRowsScalar, nullptr, nullptr}, 1};
-}
-
-}  // namespace vel

@@ -1,0 +1,85 @@
+#ifndef VEL_POLICYS_STREAM_UVC_CAMERA_READER_H
+#define VEL_POLICYS_STREAM_UVC_CAMERA_READER_H
+
+#include <cstdint>
+#include <thread>
+#include <vector>
+
+#include "io/IUsbIo.h"
+#include "vel/Mutex.h"
+
+namespace vel {
+
+// Keeps transfers of a camera's streaming endpoint in flight. Every record is submitted again from
+// its own completion; one that failed goes to a thread, which waits a moment, clears a halt and
+// submits it again, unless the device is gone. Several are in flight at once, since with a single
+// one the camera's data is lost between a completion and the next submission.
+class UVCCameraReader {
+ public:
+  enum class Kind : std::uint8_t {
+    kWholeFrame,   // Emulated: a transfer is a picture.
+    kIsochronous,  // 32 packets a transfer.
+    kBulk,         // A transfer is a payload, ended by a short packet or by its largest size.
+  };
+  struct Source {
+    Kind kind;
+    std::uint8_t endpoint;
+    std::uint32_t frameSize;    // Bytes, dwMaxVideoFrameSize.
+    std::uint32_t payloadSize;  // Bytes, dwMaxPayloadTransferSize.
+  };
+  static constexpr std::uint32_t kPackets = 32;
+  // Isochronous transfers in flight. At 8000 packets a second five are 20 ms, which is how long the
+  // thread that handles events may be kept from running.
+  static constexpr std::uint32_t kIsoInFlight = 5;
+  static constexpr std::uint32_t kBulkInFlight = 3;
+
+  // `callback` takes each completed record and gives it to Resubmit. Both outlive this object.
+  UVCCameraReader(IUsbIo& io, UsbIoTransferCallback& callback, const Source& source);
+  UVCCameraReader(const UVCCameraReader&) = delete;
+  UVCCameraReader& operator=(const UVCCameraReader&) = delete;
+  ~UVCCameraReader();
+
+  // False when the sizes make no transfer that can be submitted.
+  static bool IsUsable(const Source& source);
+
+  // Submits the transfers, once. Returns the result of the last submission, negative when it
+  // failed. Loop thread.
+  int Start();
+
+  // Ends every transfer and waits until the callback has given each of them back. Not from the
+  // callback. Repeating it does nothing.
+  void Stop();
+
+  // Takes a completed record: submits it again, puts it aside when it failed, frees it when
+  // stopping. Completion thread, last in the callback.
+  void Resubmit(XferPtr record);
+
+  bool IsActive() const;
+
+ private:
+  // A thread between a submission and its last look at this object.
+  class Use;
+
+  XferPtr MakeRecord(std::uint32_t number) const;
+  bool Prepare(_UsbIoXferInfo& info) const;
+  int Submit(XferPtr record);
+  void FrameManagerThread();
+
+  IUsbIo& mIo;
+  UsbIoTransferCallback& mCallback;
+  const Source mSource;
+
+  mutable Mutex mMutex;
+  CondVar mChanged;
+  bool mActive VEL_GUARDED_BY(mMutex) = false;
+  bool mGone VEL_GUARDED_BY(mMutex) = false;      // Unplugged: nothing is tried again.
+  std::uint32_t mOut VEL_GUARDED_BY(mMutex) = 0;  // Records with the backend or the callback.
+  std::uint32_t mUses VEL_GUARDED_BY(mMutex) = 0;
+  std::uint32_t mStopped VEL_GUARDED_BY(mMutex) = 0;
+  std::vector<XferPtr> mAside VEL_GUARDED_BY(mMutex);  // Failed, for the thread.
+  std::thread mThread;                                 // Real devices only.
+};
+
+}  // namespace vel
+
+#endif

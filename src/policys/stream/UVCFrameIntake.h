@@ -1,0 +1,51 @@
+#ifndef VEL_POLICYS_STREAM_UVC_FRAME_INTAKE_H
+#define VEL_POLICYS_STREAM_UVC_FRAME_INTAKE_H
+
+#include <cstdint>
+#include <optional>
+#include <span>
+
+#include "codec/FrameBlocks.h"
+#include "io/UsbIoXferInfo.h"
+#include "policys/UVCFrameManager.h"
+#include "policys/stream/UVCStreamTally.h"
+#include "uvc/UVCFrameAssembler.h"
+#include "uvc/UVCFrameReceiver.h"
+
+namespace vel {
+
+// Makes frames of what a camera's transfers brought and hands them to the frame manager.
+//
+// One thread at a time.
+class UVCFrameIntake : private UVCFrameReceiver {
+ public:
+  // `frameSize`: bytes, dwMaxVideoFrameSize. The others outlive this object.
+  UVCFrameIntake(UVCFrameManager& frames, UVCStreamTally& tally, std::uint32_t frameSize);
+  ~UVCFrameIntake() override = default;
+  UVCFrameIntake(const UVCFrameIntake&) = delete;
+  UVCFrameIntake& operator=(const UVCFrameIntake&) = delete;
+
+  // A transfer of packets behind their table, or of one payload.
+  void TakePackets(const _UsbIoXferInfo& info);
+  void TakePayload(const _UsbIoXferInfo& info);
+
+  // A transfer that is a picture. Takes the record's block and leaves another one in its place,
+  // unless as many frames wait for the remote side as may: then the picture is dropped.
+  void TakeWholeFrame(_UsbIoXferInfo& info);
+
+ private:
+  std::span<std::uint8_t> NextBlock() override;
+  void TakeFrame(std::span<std::uint8_t> frame, const UVCFrameStamp& stamp) override;
+
+  UVCFrameManager& mFrames;
+  UVCStreamTally& mTally;
+  const std::uint32_t mFrameSize;
+  const FrameBlocks::User mBlocksUser;
+  HeapBlock mBlock;  // Of the frame under assembly.
+  UVCFrameAssembler mAssembler{*this};
+  std::optional<std::int64_t> mLastWholeFrame;  // Milliseconds.
+};
+
+}  // namespace vel
+
+#endif

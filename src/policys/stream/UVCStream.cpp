@@ -1,0 +1,59 @@
+#include "policys/stream/UVCStream.h"
+
+#include <utility>
+
+#include "base/VelLog.h"
+
+namespace vel {
+
+UVCStream::UVCStream(IUsbIo& io, const Format& format, const UVCCameraReader::Source& source)
+    : mFormat(format),
+      mSource(source),
+      mFrames(format.in, format.out),
+      mIntake(mFrames, mTally, source.frameSize),
+      mAnswerer(mFrames, mTally),
+      mReader(io, *this, source) {}
+
+UVCStream::~UVCStream() {
+  Stop();
+}
+
+void UVCStream::Stop() {
+  mReader.Stop();
+  mAnswerer.Stop();
+  mFrames.Release();
+}
+
+bool UVCStream::Init() {
+  mFrames.SetFrameListener([this] { mAnswerer.AnswerReady(); });
+  return mFrames.Init(mFormat.width, mFormat.height, mFormat.in, mFormat.out, nullptr) == 0;
+}
+
+void UVCStream::FrameRequestCB(XferPtr record) {
+  if (record->status != kXferCompleted) {
+    VEL_ERROR("Error submitting transfer, %d", record->status);
+  } else if (mReader.IsActive()) {
+    TakeIn(*record);
+    if (mFormat.in == mFormat.out) {  // Otherwise the coders' threads see to it.
+      mAnswerer.AnswerReady();
+    }
+  }
+  mReader.Resubmit(std::move(record));  // The last that is touched: Stop may be waiting for it.
+}
+
+void UVCStream::TakeIn(_UsbIoXferInfo& record) {
+  const MutexLock lock(mIntakeMutex);
+  switch (mSource.kind) {
+    case UVCCameraReader::Kind::kWholeFrame:
+      mIntake.TakeWholeFrame(record);
+      break;
+    case UVCCameraReader::Kind::kIsochronous:
+      mIntake.TakePackets(record);
+      break;
+    case UVCCameraReader::Kind::kBulk:
+      mIntake.TakePayload(record);
+      break;
+  }
+}
+
+}  // namespace vel

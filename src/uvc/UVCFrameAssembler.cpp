@@ -1,0 +1,84 @@
+#include "uvc/UVCFrameAssembler.h"
+
+#include <algorithm>
+
+#include "base/VelLog.h"
+#include "policys/UVCUtil.h"
+#include "protocol/IsoTable.h"
+#include "uvc/UVCPayloadHeader.h"
+
+namespace vel {
+
+void UVCFrameAssembler::ParseFrameData(std::span<const std::uint8_t> data, std::uint32_t packets) {
+  const std::size_t count = std::min<std::size_t>(packets, data.size() / sizeof(IsoPacketRecord));
+  for (std::uint32_t i = 0; i < count; ++i) {
+    const IsoPacketRecord record = LoadIsoRecord(data.data(), i);
+    if (record.actual_length == 0) {
+      continue;
+    }
+    if (record.offset > data.size() || record.actual_length > data.size() - record.offset) {
+      VEL_ERROR("iso packet %u: %u bytes at %u are not in the transfer's %zu", i, record.actual_length, record.offset,
+                data.size());
+      continue;
+    }
+    TakePacket(i, data.subspan(record.offset, record.actual_length));
+  }
+}
+
+void UVCFrameAssembler::TakePacket(std::uint32_t index, std::span<const std::uint8_t> packet) {
+  if (packet.size() < UVCPayloadHeader::kSize) {
+    return;
+  }
+  const UVCPayloadHeader header(packet);
+  if (header.Error()) {
+    return;
+  }
+  if (header.Fid() != mFid) {
+    if (mFrame.has_value() && !mFrame->Empty()) {
+      VEL_DEBUG("[UVC tuning] fid @ %d, header: 0x%x", static_cast<int>(index), unsigned{header.Info()});
+    }
+    SwapUVCFrame();
+  }
+  mFid = header.Fid();
+  if (!Append(packet.subspan(UVCPayloadHeader::kSize))) {
+    VEL_DEBUG("Error frame length: %d, iso num: %d, actural len: %d", static_cast<int>(mFrame->Length()),
+              static_cast<int>(index), static_cast<int>(packet.size()));
+    UVCUtil::ParseUVCFrameHeader(packet.data(), static_cast<int>(packet.size()));
+  }
+  if (header.Eof()) {
+    VEL_DEBUG("[UVC tuning]eof @ %d, header: 0x%x", static_cast<int>(index), unsigned{header.Info()});
+    SwapUVCFrame();
+  }
+}
+
+bool UVCFrameAssembler::Append(std::span<const std::uint8_t> bytes) {
+  if (bytes.empty()) {
+    return true;
+  }
+  if (!mFrame.has_value()) {
+    mFrame.emplace(mReceiver.NextBlock());
+  }
+  return mFrame->Append(bytes);
+}
+
+void UVCFrameAssembler::SwapUVCFrame() {
+  if (!mFrame.has_value() || mFrame->Empty()) {
+    mFrame.reset();
+    return;
+  }
+  const std::span<std::uint8_t> frame = mFrame->Bytes();
+  mFrame.reset();
+  HandOn(frame);
+}
+
+void UVCFrameAssembler::HandOn(std::span<std::uint8_t> frame) {
+  const auto now = static_cast<std::int64_t>(UVCUtil::GetTimeMs());
+  const UVCFrameStamp stamp{mFrameCounter++, now, now - mLastTimestamp.value_or(now)};
+  mLastTimestamp = now;
+  VEL_DEBUG("[UVC tuning] Get new raw frame: index[%d] length[%d] timestamp[%lld] deltatime[%lld]\n",
+            static_cast<int>(stamp.index), static_cast<int>(frame.size()), static_cast<long long>(stamp.timestamp),
+            static_cast<long long>(stamp.deltaTime));
+  mReceiver.TakeFrame(frame, stamp);
+}
+
+}  // namespace vel

@@ -1,0 +1,37 @@
+#ifndef VEL_UVC_UVC_FRAME_RECEIVER_H
+#define VEL_UVC_UVC_FRAME_RECEIVER_H
+
+#include <cstdint>
+#include <span>
+
+namespace vel {
+
+struct UVCFrameStamp {
+  std::uint32_t index;     // Counts the stream's frames from 0.
+  std::int64_t timestamp;  // UVCUtil::GetTimeMs when the frame was complete.
+  std::int64_t deltaTime;  // Milliseconds since the frame before; 0 for the first.
+};
+
+// Owns the blocks that the frames of a stream are assembled in, and takes the frames. Called on the
+// thread, and under the locks, of whoever feeds the assembler; must not call it back.
+class UVCFrameReceiver {
+ public:
+  // The block for the next frame, of the negotiated size; it may be the one handed out before when
+  // that was not taken as a frame. An empty one (no memory) costs that frame.
+  virtual std::span<std::uint8_t> NextBlock() = 0;
+
+  // A whole frame, never empty: the head of the block handed out last, which the assembler has done
+  // with.
+  virtual void TakeFrame(std::span<std::uint8_t> frame, const UVCFrameStamp& stamp) = 0;
+
+  virtual ~UVCFrameReceiver() = default;
+
+ protected:
+  UVCFrameReceiver() = default;
+  UVCFrameReceiver(const UVCFrameReceiver&) = default;
+  UVCFrameReceiver& operator=(const UVCFrameReceiver&) = default;
+};
+
+}  // namespace vel
+
+#endif

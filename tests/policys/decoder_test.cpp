@@ -1,0 +1,132 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "policys/UVCDecoder.h"
+#include "policys/UVCEncoder.h"
+#include "support/CapturingLog.h"
+#include "support/Collected.h"
+#include "support/JpegWriter.h"
+#include "support/Scene.h"
+
+namespace vel::test {
+namespace {
+
+// A malloc block of exactly the bytes, so that a read behind them is seen.
+HeapBlock Exact(const Bytes& bytes) {
+  HeapBlock block(static_cast<std::uint8_t*>(std::malloc(bytes.size())));
+  std::memcpy(block.get(), bytes.data(), bytes.size());
+  return block;
+}
+
+struct Delivered {
+  std::int64_t index;
+  Bytes bytes;
+};
+
+struct Deliveries : UVCDecoderHandler {
+  void OnFinishDecode(std::uint8_t* data, std::uint32_t length, std::int64_t index) override {
+    frames.Add({index, {data, data + length}});
+  }
+  Collected<Delivered> frames;
+};
+
+class DecoderTest : public testing::Test {
+ protected:
+  void Open(_UVC_DECODER_TYPE type = UVC_DECODER_TYPE_MJPEG,
+            _UVC_DECODER_OUTPUT_FORMAT format = UVC_DECODER_OUTPUT_YUYV, int width = 64, int height = 64) {
+    ASSERT_EQ(mDecoder.Init(type, format, width, height, &mDeliveries), 0);
+  }
+  int Send(const Bytes& frame, std::uint32_t index = 0) {
+    return mDecoder.DecodeAsync(Exact(frame).release(), static_cast<std::uint32_t>(frame.size()), index);
+  }
+
+  Deliveries mDeliveries;
+  UVCDecoder mDecoder;
+};
+
+TEST_F(DecoderTest, DecodesWhatCamerasSend) {
+  const std::vector<JpegWriter> variants = {
+      {.lumaSampling = {2, 1}},
+      {.lumaSampling = {2, 2}},
+      {.lumaSampling = {1, 1}},
+      {.restartInterval = 3},
+      {.huffmanTables = false},
+      {.width = 160, .height = 96, .restartInterval = 1, .huffmanTables = false},  // Larger than negotiated.
+      {.width = 8, .height = 8},
+      {.width = 33, .height = 17, .lumaSampling = {2, 2}},  // Odd.
+      {.width = 31, .height = 31, .lumaSampling = {1, 1}},
+      {.width = 1, .height = 1},
+  };
+  Open();
+  std::uint32_t index = 4000000000;
+  for (const JpegWriter& variant : variants) {
+    ASSERT_EQ(Send(variant.Write(), index), 0);
+    const std::vector<Delivered> pictures = mDeliveries.frames.Await(1);
+    ASSERT_EQ(pictures.size(), 1U);
+    EXPECT_EQ(pictures[0].index, index++);
+    EXPECT_EQ(pictures[0].bytes, variant.Yuyv()) << variant.width << "x" << variant.height;
+    mDeliveries.frames.Take();
+  }
+}
+
+TEST_F(DecoderTest, UnknownPixelFormatIsBlackWhateverWasThereBefore) {
+  const CapturingLog log;
+  Open();
+  ASSERT_EQ(Send(JpegWriter{.width = 64, .height = 64}.Write(), 1), 0);
+  ASSERT_EQ(Send(JpegWriter{.width = 64, .height = 64, .grey = true}.Write(), 2), 0);
+  Bytes black;
+  for (int i = 0; i < 64 * 64; ++i) {
+    black.insert(black.end(), {16, 128});
+  }
+  EXPECT_EQ(mDeliveries.frames.Await(2).at(1).bytes, black);
+  EXPECT_EQ(log.Count("Error:mjpeg decoder  unknow format = 8 "), 1U);
+}
+
+TEST_F(DecoderTest, DecodesCameraH264AtOnce) {
+  const Scene scene(96, 64);
+  UVCEncoder encoder;
+  ASSERT_EQ(encoder.Init(UVC_ENCODER_TYPE_H264, 96, 64, nullptr, nullptr), 0);
+  Open(UVC_DECODER_TYPE_H264, UVC_DECODER_OUTPUT_YUYV, 96, 64);
+  for (std::uint32_t i = 0; i < 8; ++i) {
+    const Bytes picture = scene.Draw(static_cast<int>(i));
+    Bytes unit(picture.size());
+    std::uint32_t size = 0;
+    ASSERT_EQ(encoder.Encode(picture.data(), 96 * 64 * 2, unit.data(), &size), 0);
+    unit.resize(size);
+    ASSERT_EQ(Send(unit, i), 0);
+    const std::vector<Delivered> decoded = mDeliveries.frames.Await(i + 1);
+    ASSERT_EQ(decoded.size(), i + 1);  // No picture is held back.
+    EXPECT_EQ(decoded[i].index, i);
+    EXPECT_GT(LumaPsnr(decoded[i].bytes, picture), 30);
+  }
+}
+
+TEST_F(DecoderTest, RefusesWhatItCannotDo) {
+  const CapturingLog log;
+  std::uint32_t size = 0;
+  std::array<std::uint8_t, 64> block{};
+  EXPECT_EQ(mDecoder.DecodeAsync(block.data(), 64, 0), -1);  // Not taken: not initialised.
+  Open();
+  EXPECT_EQ(mDecoder.Init(UVC_DECODER_TYPE_MJPEG, UVC_DECODER_OUTPUT_YUYV, 8, 8, nullptr), -1);
+  EXPECT_EQ(mDecoder.DecodeAsync(block.data(), 0, 0), -1);
+  EXPECT_NE(Send(Bytes(1000, 0xFF)), 0);
+  EXPECT_EQ(log.Count("Do async decode fail ("), 1U);
+  Bytes out(64 * 64 * 2);  // What was negotiated.
+  for (const JpegWriter& picture : {JpegWriter{.width = 72, .height = 64}, JpegWriter{.width = 64, .height = 64}}) {
+    const Bytes frame = picture.Write();
+    EXPECT_EQ(mDecoder.Decode(frame.data(), static_cast<std::uint32_t>(frame.size()), out.data(), &size),
+              picture.width == 64 ? 1 : -1);
+  }
+  EXPECT_EQ(log.Count("Error:a picture of 72x64 does not fit 64x64"), 1U);
+  EXPECT_EQ(mDecoder.Release(), 0);
+  EXPECT_EQ(mDecoder.Release(), 0);
+}
+
+}  // namespace
+}  // namespace vel::test

@@ -1,0 +1,133 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <numeric>
+#include <string>
+#include <vector>
+
+#include "codec/FrameBlocks.h"
+#include "policys/UVCDecoder.h"
+#include "policys/UVCEncoder.h"
+#include "support/Collected.h"
+#include "support/Limits.h"
+#include "support/Scene.h"
+
+namespace vel::test {
+namespace {
+
+// The types of an access unit's NAL units, in order (ITU-T H.264, table 7-1).
+std::vector<int> NalTypes(std::span<const std::uint8_t> unit) {
+  std::vector<int> types;
+  for (std::size_t i = 0; i + 3 < unit.size(); ++i) {
+    if (unit[i] == 0 && unit[i + 1] == 0 && unit[i + 2] == 1) {
+      types.push_back(unit[i + 3] & 0x1F);
+    }
+  }
+  return types;
+}
+
+struct Setting {
+  const char* name;
+  int width;
+  int height;
+  int bitRate;  // Bit/s.
+  int framesPerSecond;
+  int gopSize;
+};
+
+class EncoderStreamTest : public testing::TestWithParam<Setting> {};
+
+// What a receiver sees of six seconds of video: each unit is a picture at once, so that none waits for a later one.
+TEST_P(EncoderStreamTest, IsWhatAReceiverLikes) {
+  const Setting& setting = GetParam();
+  const Scene scene(setting.width, setting.height);
+  UVCEncoder encoder;
+  ASSERT_EQ(encoder.Init(UVC_ENCODER_TYPE_H264, setting.width, setting.height, nullptr, nullptr), 0);
+  UVCDecoder decoder;
+  ASSERT_EQ(decoder.Init(UVC_DECODER_TYPE_H264, UVC_DECODER_OUTPUT_YUYV, setting.width, setting.height, nullptr), 0);
+
+  // The instrumented build is there for memory and threads; rates need not be seen again.
+  const int frames = setting.framesPerSecond * (kSanitized ? 1 : 6);
+  Bytes picture = scene.Draw(0);
+  Bytes unit(picture.size());
+  Bytes decoded(picture.size());
+  std::vector<double> sizes;
+  double psnr = 0;
+  for (int i = 0; i < frames; ++i) {
+    scene.Draw(i, picture);
+    std::uint32_t size = 0;
+    ASSERT_EQ(encoder.Encode(picture.data(), static_cast<std::uint32_t>(picture.size()), unit.data(), &size), 0);
+    sizes.push_back(size);
+    const std::vector<int> nals = NalTypes({unit.data(), size});
+    const auto firstOf = [&nals](int type) { return std::find(nals.begin(), nals.end(), type) - nals.begin(); };
+    const bool key = firstOf(5) < static_cast<std::ptrdiff_t>(nals.size());
+    EXPECT_EQ(key, i % setting.gopSize == 0) << "picture " << i;
+    EXPECT_TRUE(!key || (firstOf(7) < firstOf(8) && firstOf(8) < firstOf(5))) << "picture " << i;
+    std::uint32_t decodedSize = 0;
+    ASSERT_EQ(decoder.Decode(unit.data(), size, decoded.data(), &decodedSize), 1) << "picture " << i;
+    ASSERT_EQ(decodedSize, decoded.size());
+    psnr += LumaPsnr(picture, decoded) / frames;
+  }
+  EXPECT_GT(psnr, 36);
+
+  const double average = std::accumulate(sizes.begin(), sizes.end(), 0.0) / frames;
+  EXPECT_LE(*std::max_element(sizes.begin(), sizes.end()), 12 * average);
+  const int window = 4 * setting.framesPerSecond;
+  for (int begin = setting.framesPerSecond; begin + window <= frames; ++begin) {
+    const double bits = 8 * std::accumulate(sizes.begin() + begin, sizes.begin() + begin + window, 0.0);
+    EXPECT_NEAR(bits / 4 / setting.bitRate, 1, 0.15) << "from picture " << begin;
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(EachSetting, EncoderStreamTest,
+                         testing::Values(Setting{"Height480", 640, 480, 800000, 15, 5},
+                                         Setting{"Height720", 1280, 720, 1000000, 25, 25},
+                                         Setting{"Height1080", 1920, 1080, 1500000, 25, 25}),
+                         [](const auto& setting) { return setting.param.name; });
+
+// Holds the worker in its first delivery, so that what is queued meanwhile stays queued.
+struct HeldDeliveries : UVCEncoderHandler {
+  void OnFinishEncode(std::uint32_t index, std::uint8_t* data, std::uint32_t /*length*/, int /*result*/) override {
+    const HeapBlock block(data);
+    indices.Add(index);
+    EXPECT_EQ(go.Await(1).size(), 1U);
+  }
+  Collected<std::uint32_t> indices;
+  Collected<int> go;
+};
+
+TEST(EncoderTest, ThinsItsQueueAndFreesItAtRelease) {
+  HeldDeliveries held;
+  UVCEncoder encoder;
+  ASSERT_EQ(encoder.Init(UVC_ENCODER_TYPE_H264, 64, 64, &held, nullptr), 0);
+  for (std::uint32_t index = 0; index <= 5; ++index) {
+    EXPECT_EQ(encoder.EncodeAsync(MakeFrame(Bytes(8192), index).release()), 0);
+    held.indices.Await(1);
+  }
+  held.go.Add(1);
+  // The fifth met four in the queue: the first of them and the last stay.
+  EXPECT_EQ(held.indices.Await(4), (std::vector<std::uint32_t>{0, 1, 4, 5}));
+  for (std::uint32_t index = 6; index <= 8; ++index) {
+    EXPECT_EQ(encoder.EncodeAsync(MakeFrame(Bytes(8192), index).release()), 0);
+  }
+  EXPECT_EQ(encoder.Release(), 0);
+  const UVCFramePtr late = MakeFrame(Bytes(100), 1);
+  EXPECT_EQ(encoder.EncodeAsync(late.get()), -1) << "still ours";
+}
+
+TEST(EncoderTest, RefusesWhatItCannotDo) {
+  UVCEncoder encoder;
+  std::uint32_t size = 7;
+  EXPECT_EQ(encoder.Encode(nullptr, 0, nullptr, &size), -1);
+  EXPECT_EQ(encoder.Init(UVC_ENCODER_TYPE_H265, 640, 480, nullptr, nullptr), -1);
+  EXPECT_EQ(encoder.Init(UVC_ENCODER_TYPE_H264, 641, 480, nullptr, nullptr), -1);
+  // An access unit that is larger than its picture does not leave the block.
+  ASSERT_EQ(encoder.Init(UVC_ENCODER_TYPE_H264, 16, 16, nullptr, nullptr), 0);
+  Bytes block(16 * 16 * 2);
+  const int result = encoder.Encode(block.data(), 512, block.data(), &size);
+  EXPECT_TRUE(result == 0 ? size <= block.size() : size == 0);
+}
+
+}  // namespace
+}  // namespace vel::test

@@ -1,0 +1,227 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <iterator>
+#include <thread>
+#include <vector>
+
+#include "policys/UVCDecoder.h"
+#include "policys/UVCEncoder.h"
+#include "policys/UVCFrameManager.h"
+#include "support/CapturingLog.h"
+#include "support/JpegWriter.h"
+#include "support/Limits.h"
+#include "support/Scene.h"
+
+namespace vel::test {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr auto kYuyv = UVC_FRAME_TYPE_YUYV;
+constexpr auto kH264 = UVC_FRAME_TYPE_H264;
+constexpr auto kMjpeg = UVC_FRAME_TYPE_MJPEG;
+constexpr int kWaitMs = 60000;  // Only a failure waits that long.
+
+UVCFramePtr Dequeue(UVCFrameManager& manager, int timeoutMs = kWaitMs) {
+  return UVCFramePtr(manager.DequeueFrame(timeoutMs));
+}
+
+TEST(FrameManagerTest, PassesTheVeryRecordThroughAndThinsWhatWaits) {
+  UVCFrameManager manager(kYuyv, kYuyv);
+  ASSERT_EQ(manager.Init(8, 8, kMjpeg, kMjpeg, nullptr), 0);
+  std::vector<UVC_FRAME*> records;
+  for (std::uint32_t i = 0; i < 5; ++i) {
+    records.push_back(MakeFrame(Bytes(16), i).release());
+    ASSERT_EQ(manager.EnqueueFrame(records.back()), 0);
+  }
+  for (const std::size_t kept : {0U, 3U, 4U}) {
+    const UVCFramePtr frame = Dequeue(manager, 0);
+    EXPECT_EQ(frame.get(), records[kept]);
+    EXPECT_EQ(frame->index, kept);
+  }
+  EXPECT_EQ(Dequeue(manager, 0), nullptr);
+}
+
+// Worked out by hand: N / k <= C for the first k below N, interval k - 1, N / (interval + 1) groups.
+TEST(FrameListTest, ThinningKeepsTheFirstOfEachGroup) {
+  struct Thinning {
+    std::uint32_t frames;
+    std::uint32_t cacheSize;
+    std::vector<std::uint32_t> left;
+  };
+  const std::vector<Thinning> table = {
+      {0, 1, {}},           {1, 1, {0}},  // No group: 1 / 2.
+      {2, 1, {0}},                        // 2 / 1 is too much, and there is no other k: interval 1.
+      {4, 1, {0, 3}},                     // 4 / 3 = 1; one group, one left over.
+      {7, 1, {0, 4, 5, 6}},               // 7 / 4 = 1.
+      {8, 2, {0, 3, 6, 7}},               // 8 / 3 = 2; two groups of three.
+      {4, 4, {0, 1, 2, 3}},               // Fits as it is.
+      {3, 0, {0, 2}},                     // Nothing reaches 0: interval 1, one group.
+  };
+  for (const Thinning& row : table) {
+    UVCFrameList list;
+    for (std::uint32_t i = 0; i < row.frames; ++i) {
+      list.push_back(MakeFrame(Bytes(1), i));
+    }
+    EXPECT_EQ(FrameListResize(row.cacheSize, list), 0);
+    std::vector<std::uint32_t> left;
+    std::ranges::transform(list, std::back_inserter(left), [](const UVCFramePtr& frame) { return frame->index; });
+    EXPECT_EQ(left, row.left) << row.frames << " frames, cache size " << row.cacheSize;
+  }
+}
+
+struct Route {
+  _UVC_FRAME_TYPE in;
+  _UVC_FRAME_TYPE out;
+};
+
+TEST(FrameManagerTest, RoutesByTheTypesOfItsSides) {
+  const JpegWriter jpeg{.width = 64, .height = 64};
+  for (const Route& route : {Route{kMjpeg, kH264}, {kMjpeg, kYuyv}, {kYuyv, kH264}, {kYuyv, kMjpeg}}) {
+    SCOPED_TRACE(testing::Message() << route.in << " to " << route.out);
+    UVCFrameManager manager(kYuyv, kYuyv);
+    ASSERT_EQ(manager.Init(64, 64, route.in, route.out, nullptr), 0);
+    const Bytes input = route.in == kMjpeg ? jpeg.Write() : jpeg.Yuyv();
+    ASSERT_EQ(manager.EnqueueFrame(MakeFrame(input, 77).release()), 0);
+    const UVCFramePtr frame = Dequeue(manager);
+    ASSERT_NE(frame, nullptr);
+    EXPECT_EQ(frame->index, 77U);
+    const Bytes output(frame->data, frame->data + frame->length);
+    EXPECT_TRUE(route.out == kH264 ? (output.at(4) & 0x1F) == 7 : output == jpeg.Yuyv());
+  }
+}
+
+// Planes that the encoder takes as they are give what the way through YUYV gives, bit for bit.
+TEST(FrameManagerTest, EncodesMjpegAsIfThroughYuyv) {
+  constexpr int kWidth = 96;
+  constexpr int kHeight = 64;
+  std::vector<Bytes> jpegs{EncodeJpeg(Scene(kWidth, kHeight).Draw(0), kWidth, kHeight)};  // 4:2:2, no two rows alike.
+  for (const std::array<int, 2> sampling : {std::array{2, 2}, {1, 1}}) {
+    jpegs.push_back(JpegWriter{.width = kWidth, .height = kHeight, .lumaSampling = sampling}.Write());
+  }
+  UVCFrameManager manager(kYuyv, kYuyv);
+  UVCDecoder decoder;
+  UVCEncoder encoder;
+  ASSERT_EQ(manager.Init(kWidth, kHeight, kMjpeg, kH264, nullptr), 0);
+  ASSERT_EQ(decoder.Init(UVC_DECODER_TYPE_MJPEG, UVC_DECODER_OUTPUT_YUYV, kWidth, kHeight, nullptr), 0);
+  ASSERT_EQ(encoder.Init(UVC_ENCODER_TYPE_H264, kWidth, kHeight, nullptr, nullptr), 0);
+  for (const Bytes& jpeg : jpegs) {
+    ASSERT_EQ(manager.EnqueueFrame(MakeFrame(jpeg, 0).release()), 0);
+    const UVCFramePtr frame = Dequeue(manager);
+    ASSERT_NE(frame, nullptr);
+    Bytes yuyv(kWidth * kHeight * 2);
+    Bytes unit(yuyv.size());
+    std::uint32_t size = 0;
+    ASSERT_EQ(decoder.Decode(jpeg.data(), static_cast<std::uint32_t>(jpeg.size()), yuyv.data(), &size), 1);
+    ASSERT_EQ(encoder.Encode(yuyv.data(), size, unit.data(), &size), 0);
+    unit.resize(size);
+    EXPECT_EQ(Bytes(frame->data, frame->data + frame->length), unit) << "picture " << &jpeg - jpegs.data();
+  }
+}
+
+TEST(FrameManagerTest, TakesAPictureOfAnotherSizeThanNegotiatedForAShortFrame) {
+  UVCFrameManager manager(kYuyv, kYuyv);
+  ASSERT_EQ(manager.Init(640, 480, kMjpeg, kH264, nullptr), 0);
+  ASSERT_EQ(manager.EnqueueFrame(MakeFrame(JpegWriter{}.Write(), 5).release()), 0);
+  const UVCFramePtr frame = Dequeue(manager);
+  ASSERT_NE(frame, nullptr);
+  EXPECT_EQ(frame->index, 5U);
+}
+
+TEST(FrameManagerTest, RefusesAndFreesWhatItCannotUse) {
+  UVCFrameManager manager(kYuyv, kH264);
+  EXPECT_EQ(Dequeue(manager), nullptr);  // At once.
+  const UVCFramePtr mine = MakeFrame(Bytes(8), 1);
+  EXPECT_EQ(manager.EnqueueFrame(mine.get()), -1);
+  EXPECT_EQ(manager.Init(64, 64, kYuyv, UVC_FRAME_TYPE_H265, nullptr), -1);
+  ASSERT_EQ(manager.Init(64, 64, kMjpeg, kH264, nullptr), 0);
+  EXPECT_EQ(manager.EnqueueFrame(nullptr), -1);
+  EXPECT_EQ(manager.EnqueueFrame(MakeFrame({}, 1).release()), 0);  // Empty, and not a picture: freed.
+  EXPECT_EQ(manager.EnqueueFrame(MakeFrame(Bytes(50), 1).release()), 0);
+  EXPECT_EQ(Dequeue(manager, 0), nullptr);
+  ASSERT_EQ(manager.Init(64, 64, kMjpeg, kMjpeg, nullptr), 0);  // From the start, without what was there.
+  EXPECT_EQ(Dequeue(manager, 0), nullptr);
+  manager.Release();
+  manager.Release();
+}
+
+TEST(FrameManagerTest, WaitsAsLongAsAskedAndNoLongerThanRelease) {
+  UVCFrameManager manager(kYuyv, kYuyv);
+  ASSERT_EQ(manager.Init(64, 64, kYuyv, kYuyv, nullptr), 0);
+  const auto begin = Clock::now();
+  EXPECT_EQ(Dequeue(manager, 50), nullptr);
+  EXPECT_GE(Clock::now() - begin, std::chrono::milliseconds(50));
+  // Round after round, Release meets the consumer before it waits, as a rule while it does, and after it.
+  std::atomic<bool> end{false};
+  std::atomic<int> returned{0};
+  std::thread consumer([&] {
+    while (!end) {
+      EXPECT_EQ(Dequeue(manager), nullptr);
+      ++returned;
+    }
+  });
+  for (int round = 0; round < 100; ++round) {
+    ASSERT_EQ(manager.Init(64, 64, kYuyv, kYuyv, nullptr), 0);
+    for (int before = -1; before != returned;) {
+      before = returned;
+      for (int i = 0; i < 20 * round; ++i) {
+        std::this_thread::yield();
+      }
+    }
+    manager.Release();
+  }
+  end = true;
+  consumer.join();
+  EXPECT_LT(Clock::now() - begin, std::chrono::milliseconds(kWaitMs / 2));
+}
+
+// Producers, coders and consumers at once, with Release and Init at any moment between them.
+TEST(FrameManagerTest, StopsFromAnyState) {
+  const Scene scene(64, 48);
+  const std::vector<Bytes> pictures = {EncodeJpeg(scene.Draw(0), 64, 48), Bytes(100, 0xFF),
+                                       EncodeJpeg(scene.Draw(9), 64, 48)};
+  const CapturingLog log(OSKELO_LOG_OFF);
+  UVCFrameManager manager(kMjpeg, kH264);
+  std::atomic<bool> end{false};
+  std::atomic<int> out{0};
+  std::vector<std::thread> threads;
+  for (std::uint32_t producer = 0; producer < 2; ++producer) {
+    threads.emplace_back([&] {
+      for (std::uint32_t i = 0; !end; ++i) {
+        UVCFramePtr frame = MakeFrame(pictures[i % pictures.size()], i);
+        if (manager.EnqueueFrame(frame.get()) == 0) {
+          static_cast<void>(frame.release());
+        }
+      }
+    });
+  }
+  threads.emplace_back([&] {
+    while (!end) {
+      out += Dequeue(manager, 20) != nullptr ? 1 : 0;
+    }
+  });
+  constexpr Route kRoutes[] = {{kMjpeg, kH264}, {kYuyv, kH264}, {kMjpeg, kYuyv}, {kYuyv, kYuyv}};
+  for (int round = 0; round < (kSanitized ? 24 : 120); ++round) {
+    const Route& route = kRoutes[round % 4];
+    ASSERT_EQ(manager.Init(64, 48, route.in, route.out, nullptr), 0);
+    const int before = out;
+    // Some rounds end at once, others after frames came through.
+    const auto deadline = Clock::now() + kDeadline;
+    while (round % 3 != 0 && out < before + round % 5 && Clock::now() < deadline) {
+      std::this_thread::yield();
+    }
+    manager.Release();
+  }
+  end = true;
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
+  EXPECT_GT(out, 0);
+}
+
+}  // namespace
+}  // namespace vel::test
