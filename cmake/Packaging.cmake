@@ -16,6 +16,7 @@ if(TARGET vel_framework AND TARGET vel_utils AND TARGET oskelo_log AND TARGET os
 endif()
 
 # The packet format is a source-level interface: who writes a client needs VelPacket to hand packets in.
+install(FILES src/base/HeapBlock.h DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/virtusb/base" COMPONENT dev)
 install(FILES
     src/protocol/ByteReader.h src/protocol/Commands.h src/protocol/ConfigRecords.h src/protocol/IsoTable.h
     src/protocol/Requests.h src/protocol/VelPacket.h

@@ -2,22 +2,17 @@
 #ifndef VEL_ENTRY_H
 #define VEL_ENTRY_H
 
+#include "base/ModuleExport.h"
 #include "vel/VelDrvModule.h"
-
-#if defined(_WIN32)
-#define VIRTUSB_MODULE_EXPORT __declspec(dllexport)
-#else
-#define VIRTUSB_MODULE_EXPORT __attribute__((visibility("default")))
-#endif
 
 extern "C" {
 
 // Read by the framework under this name; writable, as its binary interface has it.
-extern VIRTUSB_MODULE_EXPORT vel::VelDrvModule VEL_DRV_MODULE;
+extern VEL_MODULE_EXPORT vel::VelDrvModule VEL_DRV_MODULE;
 
 // A new driver for the device, owned by the caller and deleted through its destructor; null when the device
 // cannot be redirected. `deviceBase` outlives the driver and every session of it. Any thread.
-VIRTUSB_MODULE_EXPORT vel::VelDriver* virtusb_open(vel::VelDeviceBase* deviceBase);
+VEL_MODULE_EXPORT vel::VelDriver* virtusb_open(vel::VelDeviceBase* deviceBase);
 
 }  // extern "C"
 

@@ -17,9 +17,7 @@
 namespace vel {
 namespace {
 
-constexpr std::uint8_t kLastRealAddress = 0x7F;  // USB addresses have 7 bits (USB 2.0, 9.4.6).
-constexpr std::uint32_t kReplyRoom = 1024;       // Beyond the data.
-constexpr std::uint32_t kWaitUnbounded = 0xFFFFFFFF;
+constexpr std::uint32_t kReplyRoom = 1024;  // Beyond the data.
 
 }  // namespace
 
@@ -42,7 +40,7 @@ void VirtUDevice::Init() {
     VEL_ERROR("devBase is null");
     return;
   }
-  const bool emulated = mDeviceBase->GetDeviceAddress() > kLastRealAddress;
+  const bool emulated = mDeviceBase->IsEmulated();
   std::unique_ptr<IUsbIo> io(mFactory(emulated ? kIoTypeEmulated : kIoTypeLibusb, mDeviceBase));
   if (io == nullptr) {
     return;
@@ -304,7 +302,7 @@ void VirtUDevice::GivebackPackToRemote(const _UsbIoXferInfo& info) {
   if (info.data != nullptr && info.length > 0) {
     reply->Append(info.data, info.length);
   }
-  context->deviceBase->Send(std::move(reply), kWaitUnbounded);
+  context->deviceBase->Send(std::move(reply), VelDeviceBase::kWaitUnbounded);
 }
 
 std::uint16_t VirtUDevice::transfer_type_to_proto_type(std::uint8_t xferType) {

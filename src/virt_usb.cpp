@@ -26,7 +26,7 @@ std::shared_ptr<VirtUDevice> OrUnavailable(VelDeviceBase* deviceBase, const std:
 }
 
 bool IsEmulated(const VelDeviceBase* deviceBase) {
-  return deviceBase != nullptr && deviceBase->GetDeviceAddress() > 0x7F;
+  return deviceBase != nullptr && deviceBase->IsEmulated();
 }
 
 std::unique_ptr<VelPacket> KeepFields(const VelPacket& packet) {

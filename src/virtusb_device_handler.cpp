@@ -19,7 +19,6 @@ namespace {
 
 constexpr std::uint32_t kReplyCapacity = 1024;
 constexpr std::uint32_t kConfigReplyCapacity = 16384;
-constexpr std::uint32_t kWaitUnbounded = 0xFFFFFFFF;
 
 // A block for the data of a transfer, never null for want of bytes: a record without data is a failed one.
 std::uint8_t* NewDataBlock(const TransferRequest& transfer) {
@@ -53,7 +52,7 @@ std::unique_ptr<VelPacket> VirtUsb::MakeReply(const VelPacket& request, std::uin
 
 int VirtUsb::SendReply(PacketPtr reply) {
   if (mDeviceBase != nullptr) {
-    mDeviceBase->Send(std::move(reply), kWaitUnbounded);
+    mDeviceBase->Send(std::move(reply), VelDeviceBase::kWaitUnbounded);
   }
   return 0;
 }
@@ -254,7 +253,7 @@ int VirtUsb::onControlTransfer(PacketPtr packet) {
 
 // The blocks of a transfer until the device takes them over.
 struct VirtUsb::TransferBlocks {
-  std::unique_ptr<std::uint8_t, FreeDeleter> data;
+  HeapBlock data;
   std::unique_ptr<TransferContext, FreeDeleter> context;
 };
 

@@ -1,11 +1,11 @@
-// Marks the classes that the module exports besides its descriptor and open function.
+// Marks what the module exports.
 #ifndef VEL_BASE_MODULE_EXPORT_H
 #define VEL_BASE_MODULE_EXPORT_H
 
 #if defined(_WIN32)
-#define VEL_MODULE_CLASS __declspec(dllexport)
+#define VEL_MODULE_EXPORT __declspec(dllexport)
 #else
-#define VEL_MODULE_CLASS __attribute__((visibility("default")))
+#define VEL_MODULE_EXPORT __attribute__((visibility("default")))
 #endif
 
 #endif

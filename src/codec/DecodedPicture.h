@@ -4,8 +4,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "codec/CodecTypes.h"
 #include "codec/FfmpegPtr.h"
-#include "policys/UVCDecoder.h"
 
 namespace vel {
 

@@ -3,16 +3,10 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
-#include <memory>
+
+#include "base/HeapBlock.h"
 
 namespace vel {
-
-struct HeapDeleter {
-  void operator()(std::uint8_t* block) const { std::free(block); }
-};
-// A plain malloc block, as frames and transfers carry them.
-using HeapBlock = std::unique_ptr<std::uint8_t, HeapDeleter>;
 
 // Frame-sized blocks on their way from the stage that has done with one to the stage that needs
 // one: the allocator gives the pages of freed frames back to the system, and touching them anew

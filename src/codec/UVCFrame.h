@@ -27,7 +27,7 @@ struct UVC_FRAME {
   std::uint32_t length;    // Valid bytes in `data`.
   std::uint32_t reserved;  // 0.
   std::uint32_t index;     // Sequence number, set by the frame's producer.
-  std::int64_t timestamp;  // UVCUtil::GetTimeMs when the frame was complete.
+  std::int64_t timestamp;  // WallClockMs when the frame was complete.
   std::int64_t deltaTime;  // Milliseconds since the same producer's frame before.
 };
 #pragma pack(pop)

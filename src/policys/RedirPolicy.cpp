@@ -6,6 +6,7 @@
 #include <limits>
 
 #include "base/VelLog.h"
+#include "uvc/UvcCodes.h"
 
 namespace vel {
 namespace {
@@ -16,8 +17,6 @@ constexpr std::uint8_t kTypeStandard = 0x00;
 constexpr std::uint8_t kTypeClass = 0x20;
 constexpr std::uint8_t kRecipientMask = 0x06;  // Bits 1 and 2 only: an interface recipient passes, as meant.
 constexpr std::uint8_t kRecipientEndpoint = 0x02;
-constexpr std::uint8_t kClassVideo = 14;  // UVC 1.1, tables.
-constexpr std::uint8_t kSubclassVideoStreaming = 2;
 
 constexpr std::uint8_t DescriptorType(std::uint16_t wValue) {
   return static_cast<std::uint8_t>(wValue >> 8U);
@@ -84,10 +83,6 @@ void WriteEndpoint(DescriptorWriter& writer, const libusb_endpoint_descriptor& e
   writer.Extra(endpoint.extra, endpoint.extra_length);
 }
 
-bool IsVideoStreaming(const libusb_interface_descriptor& setting) {
-  return setting.bInterfaceClass == kClassVideo && setting.bInterfaceSubClass == kSubclassVideoStreaming;
-}
-
 void WriteAltSetting(DescriptorWriter& writer, const libusb_interface_descriptor& setting, const UVCPolicy* camera) {
   writer.Standard({setting.bDescriptorType, setting.bInterfaceNumber, setting.bAlternateSetting, setting.bNumEndpoints,
                    setting.bInterfaceClass, setting.bInterfaceSubClass, setting.bInterfaceProtocol,
@@ -110,7 +105,7 @@ RedirPolicy::RedirPolicy(IUsbIo* io) : mIo(io) {
 
 int RedirPolicy::SetPolicy(const char* policyText) {
   if (policyText != nullptr) {
-    mPolicyMap[kClassVideo] = 1;
+    mPolicyMap[kUvcClassVideo] = 1;
   }
   return 0;
 }
@@ -136,7 +131,7 @@ void RedirPolicy::ProbeCamera() {
       })) {
     return;
   }
-  const auto enabled = mPolicyMap.find(kClassVideo);
+  const auto enabled = mPolicyMap.find(kUvcClassVideo);
   if (enabled != mPolicyMap.end() && enabled->second == 1) {
     VEL_DEBUG("Enable UVC policy");
     mUvcPolicy = std::make_unique<UVCPolicy>(mIo, 0, 1, 1);

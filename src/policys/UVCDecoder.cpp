@@ -3,17 +3,13 @@
 #include <system_error>
 #include <utility>
 
+#include "base/Clock.h"
 #include "base/VelLog.h"
 #include "codec/DecodedPicture.h"
 #include "pixel/PixelConvert.h"
-#include "policys/UVCUtil.h"
 
 namespace vel {
 namespace {
-
-std::int64_t Now() {
-  return static_cast<std::int64_t>(UVCUtil::GetTimeMs());
-}
 
 AVCodecID CodecOf(_UVC_DECODER_TYPE type) {
   switch (type) {
@@ -186,7 +182,7 @@ int UVCDecoder::Submit(const std::uint8_t* in, std::uint32_t inSize, std::uint32
       return -1;
     }
     taken = true;
-    const std::int64_t now = Now();
+    const std::int64_t now = WallClockMs();
     mStartTime = now;
     VEL_DEBUG("[UVC tuning] Start decode frame[%lld] at [%lld]", static_cast<long long>(index),
               static_cast<long long>(now));
@@ -247,7 +243,7 @@ void UVCDecoder::PassOn(const AVFrame& picture, _UVC_DECODER_TYPE type, _UVC_DEC
   FillUnknownWithBlack(picture, type, format, out.get());
   const std::uint32_t size = ConvertDecodedPicture(picture, type, format, out.get());
   if (oskeloLogIsOn(OSKELO_LOG_DEBUG) != 0) {
-    const std::int64_t now = Now();
+    const std::int64_t now = WallClockMs();
     VEL_DEBUG("[UVC tuning] Finish decode frame index[%lld] at [%lld], cost[%lld]", static_cast<long long>(picture.pts),
               static_cast<long long>(now), static_cast<long long>(now - mStartTime));
     VEL_DEBUG("decode success, frame size[%d]\n", static_cast<int>(size));

@@ -8,6 +8,7 @@
 
 #include "base/ModuleExport.h"
 #include "codec/CodecInput.h"
+#include "codec/CodecTypes.h"
 #include "codec/FfmpegLog.h"
 #include "codec/FfmpegPtr.h"
 #include "codec/FrameBlocks.h"
@@ -16,21 +17,11 @@
 
 namespace vel {
 
-enum _UVC_DECODER_TYPE : std::uint32_t {
-  UVC_DECODER_TYPE_H264 = 0,
-  UVC_DECODER_TYPE_MJPEG = 1,
-};
-
-enum _UVC_DECODER_OUTPUT_FORMAT : std::uint32_t {
-  UVC_DECODER_OUTPUT_I420 = 0,  // Of H.264 only.
-  UVC_DECODER_OUTPUT_YUYV = 1,
-};
-
 // Decodes a camera's MJPEG or H.264 frames. Pictures have the size that they have in the stream,
 // whatever was negotiated; above 8192 pixels in a direction they are refused. A frame that cannot
 // be decoded costs an Error line and no other frame. A pixel format that the decoder does not
 // convert gives a black picture and an Error line.
-class VEL_MODULE_CLASS UVCDecoder {
+class VEL_MODULE_EXPORT UVCDecoder {
  public:
   static constexpr int kMaxDimension = 8192;  // Pixels.
 
@@ -94,7 +85,7 @@ class VEL_MODULE_CLASS UVCDecoder {
   _UVC_DECODER_OUTPUT_FORMAT mFormat VEL_GUARDED_BY(mCodecMutex) = UVC_DECODER_OUTPUT_YUYV;
 
   std::thread mThread;
-  std::atomic<std::int64_t> mStartTime{0};  // UVCUtil::GetTimeMs when the last frame was sent.
+  std::atomic<std::int64_t> mStartTime{0};  // WallClockMs when the last frame was sent.
   UVCDecoderHandler* mHandler = nullptr;
   std::optional<FrameBlocks::User> mBlocks;
   std::optional<FfmpegLogRoute> mLogRoute;

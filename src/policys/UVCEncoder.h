@@ -35,7 +35,7 @@ enum class EncoderType {
 // Turns YUYV frames into an H.264 elementary stream (Annex B): each frame gives one access unit
 // with the same index. Bit rate, frame rate and distance of key frames follow from the picture's
 // height.
-class VEL_MODULE_CLASS UVCEncoder {
+class VEL_MODULE_EXPORT UVCEncoder {
  public:
   UVCEncoder() = default;
   UVCEncoder(const UVCEncoder&) = delete;

@@ -20,7 +20,7 @@ namespace vel {
 // Takes a producer's frames and keeps finished ones ready for the consumer: unchanged, decoded,
 // encoded, or decoded and then encoded, by the types of the two sides. Init makes it ready, Release
 // ends that; both may be repeated.
-class VEL_MODULE_CLASS UVCFrameManager : private UVCUtil, public UVCEncoderHandler, public UVCDecoderHandler {
+class VEL_MODULE_EXPORT UVCFrameManager : private UVCUtil, public UVCEncoderHandler, public UVCDecoderHandler {
  public:
   enum DumpType : std::uint8_t { kDumpEncoded = 0, kDumpRaw = 1 };
 

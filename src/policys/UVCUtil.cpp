@@ -2,32 +2,36 @@
 
 #include <algorithm>
 #include <array>
-#include <chrono>
 #include <cstdio>
 #include <memory>
 
+#include "base/Clock.h"
 #include "base/VelLog.h"
 #include "uvc/UVCBlockFilter.h"
 #include "uvc/UVCBlockLayout.h"
 #include "uvc/UVCPayloadHeader.h"
+#include "uvc/UvcCodes.h"
 
 namespace vel {
 namespace {
 
-constexpr std::uint8_t kClassVideo = 14;
-constexpr std::uint8_t kSubclassStreaming = 2;
 constexpr std::size_t kInputHeaderSize = 21;  // What an endpoint's extra bytes need to be one.
 constexpr std::size_t kEndpointAddressAt = offsetof(UVCInputHeader, bEndpointAddress);
 
-// UVC 1.1, table A-8.
 struct RequestName {
   std::uint8_t request;
   const char* name;
 };
 constexpr std::array kRequestNames = {
-    RequestName{0x00, "[UVC_RC_UNDEFINED]"}, RequestName{0x01, "[UVC_SET_CUR]"},  RequestName{0x81, "[UVC_GET_CUR]"},
-    RequestName{0x82, "[UVC_GET_MIN]"},      RequestName{0x83, "[UVC_GET_MAX]"},  RequestName{0x84, "[UVC_GET_RES]"},
-    RequestName{0x85, "[UVC_GET_LEN]"},      RequestName{0x86, "[UVC_GET_INFO]"}, RequestName{0x87, "[UVC_GET_DEF]"},
+    RequestName{kUvcRequestUndefined, "[UVC_RC_UNDEFINED]"},
+    RequestName{kUvcSetCur, "[UVC_SET_CUR]"},
+    RequestName{kUvcGetCur, "[UVC_GET_CUR]"},
+    RequestName{kUvcGetMin, "[UVC_GET_MIN]"},
+    RequestName{kUvcGetMax, "[UVC_GET_MAX]"},
+    RequestName{kUvcGetRes, "[UVC_GET_RES]"},
+    RequestName{kUvcGetLen, "[UVC_GET_LEN]"},
+    RequestName{kUvcGetInfo, "[UVC_GET_INFO]"},
+    RequestName{kUvcGetDef, "[UVC_GET_DEF]"},
 };
 constexpr std::uint8_t kMaxCtrlSelector = 20;
 
@@ -44,7 +48,7 @@ const libusb_interface_descriptor* VsSetting(const libusb_interface& interface) 
     return nullptr;
   }
   const libusb_interface_descriptor& first = interface.altsetting[0];
-  return first.bInterfaceClass == kClassVideo && first.bInterfaceSubClass == kSubclassStreaming ? &first : nullptr;
+  return IsVideoStreaming(first) ? &first : nullptr;
 }
 
 template <class Desc>
@@ -207,18 +211,13 @@ void UVCUtil::DumpRequest(std::uint8_t bRequest) {
 }
 
 void UVCUtil::DumpCtrlSelector(std::uint16_t wValue) {
-  if ((wValue >> 8U) > kMaxCtrlSelector) {
+  if (ControlSelector(wValue) > kMaxCtrlSelector) {
     VEL_ERROR("[Invalid reqeust]");
   }
 }
 
 void UVCUtil::ParseUVCFrameHeader(const std::uint8_t* packet, int length) {
-  if (packet == nullptr || length < static_cast<int>(UVCPayloadHeader::kSize)) {
-    VEL_ERROR("Invalid header len:[%d]: ", length);
-    return;
-  }
-  VEL_DEBUG("%x %x %x %x %x %x %x %x", unsigned{packet[0]}, unsigned{packet[1]}, unsigned{packet[2]},
-            unsigned{packet[3]}, unsigned{packet[4]}, unsigned{packet[5]}, unsigned{packet[6]}, unsigned{packet[7]});
+  vel::ParseUVCFrameHeader(packet, length);
 }
 
 void UVCUtil::SavePicture(const std::uint8_t* data, std::uint32_t length, const char* path) {
@@ -234,9 +233,7 @@ void UVCUtil::SavePicture(const std::uint8_t* data, std::uint32_t length, const 
 }
 
 std::uint64_t UVCUtil::GetTimeMs() {
-  // The calendar's local time, turned back into seconds, is the system's clock again.
-  const auto now = std::chrono::system_clock::now().time_since_epoch();
-  return static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(now).count());
+  return static_cast<std::uint64_t>(WallClockMs());
 }
 
 }  // namespace vel

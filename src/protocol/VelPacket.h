@@ -3,15 +3,11 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
-#include <memory>
 #include <span>
 
-namespace vel {
+#include "base/HeapBlock.h"
 
-struct FreeDeleter {
-  void operator()(void* block) const { std::free(block); }
-};
+namespace vel {
 
 // One request or reply: a 16-byte header and a payload, in one growable block. docs/protocol.md has the layout.
 //
@@ -82,7 +78,7 @@ class VelPacket {
 
   std::uint32_t mCursor = 0;
   bool mHeaderInitialised = false;
-  std::unique_ptr<std::uint8_t, FreeDeleter> mBuffer;
+  HeapBlock mBuffer;
   std::uint32_t mCapacity = 0;
 };
 

@@ -3,6 +3,7 @@
 #include "base/VelLog.h"
 #include "protocol/ByteReader.h"
 #include "uvc/UVCDescriptors.h"
+#include "uvc/UvcCodes.h"
 
 namespace vel {
 namespace {

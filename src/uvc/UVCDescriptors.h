@@ -9,10 +9,6 @@
 
 namespace vel {
 
-// Descriptor subtypes of a video-streaming interface (UVC 1.1, table A-6).
-constexpr std::uint8_t kVsStillImageFrame = 3;
-constexpr std::uint8_t kVsColorFormat = 13;
-
 #pragma pack(push, 1)
 // Every frame descriptor is read with the layout of the uncompressed one.
 struct UVCFrameDesc {

@@ -2,8 +2,8 @@
 
 #include <algorithm>
 
+#include "base/Clock.h"
 #include "base/VelLog.h"
-#include "policys/UVCUtil.h"
 #include "protocol/IsoTable.h"
 #include "uvc/UVCPayloadHeader.h"
 
@@ -43,7 +43,7 @@ void UVCFrameAssembler::TakePacket(std::uint32_t index, std::span<const std::uin
   if (!Append(packet.subspan(UVCPayloadHeader::kSize))) {
     VEL_DEBUG("Error frame length: %d, iso num: %d, actural len: %d", static_cast<int>(mFrame->Length()),
               static_cast<int>(index), static_cast<int>(packet.size()));
-    UVCUtil::ParseUVCFrameHeader(packet.data(), static_cast<int>(packet.size()));
+    ParseUVCFrameHeader(packet.data(), static_cast<int>(packet.size()));
   }
   if (header.Eof()) {
     VEL_DEBUG("[UVC tuning]eof @ %d, header: 0x%x", static_cast<int>(index), unsigned{header.Info()});
@@ -72,7 +72,7 @@ void UVCFrameAssembler::SwapUVCFrame() {
 }
 
 void UVCFrameAssembler::HandOn(std::span<std::uint8_t> frame) {
-  const auto now = static_cast<std::int64_t>(UVCUtil::GetTimeMs());
+  const auto now = WallClockMs();
   const UVCFrameStamp stamp{mFrameCounter++, now, now - mLastTimestamp.value_or(now)};
   mLastTimestamp = now;
   VEL_DEBUG("[UVC tuning] Get new raw frame: index[%d] length[%d] timestamp[%lld] deltatime[%lld]\n",

@@ -8,7 +8,7 @@ namespace vel {
 
 struct UVCFrameStamp {
   std::uint32_t index;     // Counts the stream's frames from 0.
-  std::int64_t timestamp;  // UVCUtil::GetTimeMs when the frame was complete.
+  std::int64_t timestamp;  // WallClockMs when the frame was complete.
   std::int64_t deltaTime;  // Milliseconds since the frame before; 0 for the first.
 };
 

@@ -25,6 +25,9 @@ class UVCPayloadHeader {
   std::uint8_t mInfo;
 };
 
+// Logs the first bytes of a payload header; an Error when `length` is below the header's size.
+void ParseUVCFrameHeader(const std::uint8_t* packet, int length);
+
 }  // namespace vel
 
 #endif

@@ -30,10 +30,10 @@ namespace vel {
 // failure to start or stop is logged; the guest sees success.
 //
 // Completions come on the source's thread, or on the caller's for those that are cancelled.
-class VEL_MODULE_CLASS DummyUvcIo final : public IUsbIo,
-                                          private DummyUsbUtils,
-                                          private UVCUtil,
-                                          private CameraStreamCallback {
+class VEL_MODULE_EXPORT DummyUvcIo final : public IUsbIo,
+                                           private DummyUsbUtils,
+                                           private UVCUtil,
+                                           private CameraStreamCallback {
  public:
   // At address 0x80 or 0x81 a local camera, which `args` names, and a synthetic one at any other.
   DummyUvcIo(std::uint8_t busNumber, std::uint8_t deviceAddress, std::uint16_t vid, std::uint16_t pid,

@@ -1,7 +1,10 @@
 #include "io/DummyUsbIo/UvcConfigBuilder.h"
 
+#include <algorithm>
 #include <array>
 #include <utility>
+
+#include "uvc/UvcCodes.h"
 
 namespace vel {
 namespace {
@@ -50,11 +53,6 @@ constexpr std::array<std::uint8_t, 10> kStillImage = {
 };
 constexpr std::array<std::uint8_t, 6> kColorMatching = {0x06, 0x24, 0x0D, 0x01, 0x01, 0x04};
 
-constexpr std::array<std::uint8_t, 27> kYuy2Format = {
-    0x1B, 0x24, 0x04, 0x00, 0x00,
-    0x59, 0x55, 0x59, 0x32, 0x00, 0x00, 0x10, 0x00, 0x80, 0x00, 0x00, 0xAA, 0x00, 0x38, 0x9B, 0x71,  // "YUY2"
-    0x10, 0x01, 0x00, 0x00, 0x00, 0x00,  // 16 bits per pixel, default frame 1
-};
 constexpr std::array<std::uint8_t, 30> kYuy2Frame = {
     0x1E, 0x24, 0x05, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00,
     0x00, 0x00, 0xCA, 0x08, 0x00, 0x00, 0xCA, 0x08,  // 147456000 bit/s
@@ -63,9 +61,15 @@ constexpr std::array<std::uint8_t, 30> kYuy2Frame = {
 };
 // clang-format on
 
-constexpr std::uint8_t kVideoClass = 0x0E;
-constexpr std::uint8_t kControlSubclass = 1;
-constexpr std::uint8_t kStreamingSubclass = 2;
+constexpr std::array<std::uint8_t, 27> MakeYuy2Format() {
+  std::array<std::uint8_t, 27> format = {0x1B, 0x24, kVsFormatUncompressed};
+  std::ranges::copy(kGuidYuy2, format.begin() + kGuidFormatAt);
+  format[21] = 16;  // bBitsPerPixel
+  format[22] = 1;   // bDefaultFrameIndex
+  return format;
+}
+constexpr std::array<std::uint8_t, 27> kYuy2Format = MakeYuy2Format();
+
 constexpr std::uint8_t kProductString = 1;
 constexpr std::uint8_t kLastAltSetting = 4;
 
@@ -86,7 +90,7 @@ void UvcConfigBuilder::CreateConfigHeader() {
 }
 
 void UvcConfigBuilder::CreateCtrlInterface() {
-  AppendInterface(0, 0, 0, kControlSubclass);
+  AppendInterface(0, 0, 0, kUvcVideoControl);
   AppendCtrlIfInfo();
 }
 
@@ -95,11 +99,11 @@ void UvcConfigBuilder::AppendCtrlIfInfo() {
 }
 
 void UvcConfigBuilder::CreateVsInterface(std::span<const _CameraParam> sizes) {
-  AppendInterface(1, 0, 0, kStreamingSubclass);
+  AppendInterface(1, 0, 0, kUvcVideoStreaming);
   AppendVsIfInfo(sizes);
   // The same endpoint in each: a host may take any of them to start the stream.
   for (std::uint8_t altSetting = 1; altSetting <= kLastAltSetting; ++altSetting) {
-    AppendInterface(1, altSetting, 1, kStreamingSubclass);
+    AppendInterface(1, altSetting, 1, kUvcVideoStreaming);
     Append(kEndpoint);
   }
 }
@@ -137,7 +141,7 @@ void UvcConfigBuilder::AppendFormat(std::span<const std::uint8_t> format, std::s
 void UvcConfigBuilder::AppendInterface(std::uint8_t number, std::uint8_t altSetting, std::uint8_t endpoints,
                                        std::uint8_t subclass) {
   Append(std::to_array<std::uint8_t>(
-      {0x09, 0x04, number, altSetting, endpoints, kVideoClass, subclass, 0x00, kProductString}));
+      {0x09, 0x04, number, altSetting, endpoints, kUvcClassVideo, subclass, 0x00, kProductString}));
 }
 
 void UvcConfigBuilder::Append(std::span<const std::uint8_t> bytes) {

@@ -7,17 +7,14 @@
 
 #include "base/VelLog.h"
 #include "policys/UVCUtil.h"
+#include "uvc/UvcCodes.h"
 
 namespace vel {
 namespace {
 
-constexpr std::uint8_t kClassInterfaceIn = 0xA1;
-constexpr std::uint8_t kClassInterfaceOut = 0x21;
 constexpr std::uint16_t kStreamingInterface = 1;  // As the whole of wIndex.
 constexpr std::uint8_t kCameraTerminal = 1;       // Entities, in the high byte of wIndex.
 constexpr std::uint8_t kProcessingUnit = 2;
-constexpr std::uint8_t kProbe = 1;  // Control selectors, in the high byte of wValue.
-constexpr std::uint8_t kCommit = 2;
 
 constexpr UVCStreamCtrl kInitial{
     .bmHint = 0,
@@ -60,10 +57,10 @@ int UvcControls::UvcParseCtrlCmd(std::uint8_t bmRequestType, std::uint8_t /*bReq
   if (wValue == 0) {
     return wLength;
   }
-  if (bmRequestType == kClassInterfaceIn) {
+  if (bmRequestType == kClassRequestIn) {
     return Get(wValue, wIndex, data, wLength);
   }
-  if (bmRequestType == kClassInterfaceOut && wIndex == kStreamingInterface) {
+  if (bmRequestType == kClassRequestOut && wIndex == kStreamingInterface) {
     VEL_DEBUG("Interface, CS[0x%x], set", unsigned{HighByte(wValue)});
     Set(HighByte(wValue), data, wLength);
   }
@@ -78,7 +75,7 @@ int UvcControls::Get(std::uint16_t wValue, std::uint16_t wIndex, std::uint8_t* d
     VEL_DEBUG("Get IT, CS[0x%x]", unsigned{wValue});
   } else if (HighByte(wIndex) == kProcessingUnit) {
     VEL_DEBUG("Get PU, CS[0x%x]", unsigned{wValue});
-  } else if (wIndex == kStreamingInterface && (selector == kProbe || selector == kCommit)) {
+  } else if (wIndex == kStreamingInterface && (selector == kVsProbeControl || selector == kVsCommitControl)) {
     const std::size_t size = std::min<std::size_t>(wLength, sizeof(UVCStreamCtrl));
     const MutexLock lock(mMutex);
     if (data != nullptr) {
@@ -93,14 +90,14 @@ int UvcControls::Get(std::uint16_t wValue, std::uint16_t wIndex, std::uint8_t* d
 }
 
 void UvcControls::Set(std::uint8_t selector, const std::uint8_t* data, std::uint16_t wLength) {
-  if (selector != kProbe && selector != kCommit) {
+  if (selector != kVsProbeControl && selector != kVsCommitControl) {
     return;
   }
   const MutexLock lock(mMutex);
   if (data != nullptr) {
     std::memcpy(&mStreamCtrl, data, std::min<std::size_t>(wLength, sizeof(UVCStreamCtrl)));
   }
-  if (selector == kCommit) {
+  if (selector == kVsCommitControl) {
     VEL_DEBUG("Interface, CS[0x%x], [COMMIT] need set param[%d][%d], maxVideoSize[%d]", unsigned{selector},
               int{mStreamCtrl.bFormatIndex}, int{mStreamCtrl.bFrameIndex},
               static_cast<int>(mStreamCtrl.dwMaxVideoFrameSize));

@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "base/Clock.h"
 #include "base/VelLog.h"
-#include "policys/UVCUtil.h"
 
 namespace vel {
 
@@ -20,7 +20,7 @@ void UVCFrameIntake::TakePayload(const _UsbIoXferInfo& info) {
 }
 
 void UVCFrameIntake::TakeWholeFrame(_UsbIoXferInfo& info) {
-  const auto now = static_cast<std::int64_t>(UVCUtil::GetTimeMs());
+  const std::int64_t now = WallClockMs();
   VEL_DEBUG("frame interval [%lld], timstamp [%lld]", static_cast<long long>(now - mLastWholeFrame.value_or(now)),
             static_cast<long long>(now));
   mLastWholeFrame = now;

@@ -4,6 +4,7 @@
 #include <system_error>
 #include <utility>
 
+#include "base/Clock.h"
 #include "base/VelLog.h"
 
 namespace vel {
@@ -67,7 +68,7 @@ _UsbIoXferInfo* UVCReadAnswerer::TakeAnswered() {
   }
   VEL_DEBUG("Poped one frame, frameLength: %d\n", static_cast<int>(frame->length));
   _UsbIoXferInfo* const read = PopRead();
-  mTally.FrameSent(frame->index, read->streamId, frame->length, static_cast<std::int64_t>(UVCUtil::GetTimeMs()));
+  mTally.FrameSent(frame->index, read->streamId, frame->length, WallClockMs());
   ReplaceXferData(*read, TakeFrameData(*frame).release(), frame->length);
   return read;
 }

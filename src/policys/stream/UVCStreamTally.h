@@ -19,7 +19,7 @@ class UVCStreamTally {
   // One frame was waited for in vain.
   void FrameMissed();
 
-  // A frame came from the camera at `now` (milliseconds, UVCUtil::GetTimeMs).
+  // A frame came from the camera at `now` (milliseconds, WallClockMs).
   void FrameCompleted(std::uint32_t index, std::int64_t now);
   // It goes to the remote side, and what came before it does not wait any more: a coder that fails
   // at a frame gives none. Logs at Debug what it cost.

@@ -23,14 +23,20 @@ struct VelTraceAttribute {
 // from completion threads, several at once, with no lock of the module held unless said otherwise.
 class VEL_FRAMEWORK_EXPORT VelDeviceBase {
  public:
+  // USB addresses have 7 bits (USB 2.0, 9.4.6); those above mark emulated devices.
+  static constexpr std::uint8_t kLastRealAddress = 0x7F;
+  // For Send: as long as it takes.
+  static constexpr std::uint32_t kWaitUnbounded = 0xFFFFFFFF;
+
   VelDeviceBase() = default;
   VelDeviceBase(const VelDeviceBase&) = delete;
   VelDeviceBase& operator=(const VelDeviceBase&) = delete;
   virtual ~VelDeviceBase();
 
-  // Place of the device on the client machine. An address above 0x7F marks an emulated device.
+  // Place of the device on the client machine.
   virtual std::uint8_t GetBusNumber() const = 0;
   virtual std::uint8_t GetDeviceAddress() const = 0;
+  bool IsEmulated() const { return GetDeviceAddress() > kLastRealAddress; }
   // 1 while the device is redirected, 0 otherwise.
   virtual int IsRedirected() const = 0;
 
@@ -46,7 +52,7 @@ class VEL_FRAMEWORK_EXPORT VelDeviceBase {
   // `replyCommand`. Asked once per such reply.
   virtual std::uint8_t TakeReplyReqId(std::uint16_t replyCommand, std::uint32_t streamId) = 0;
 
-  // Sends a reply to the remote side, waiting up to `waitMs` milliseconds (0xFFFFFFFF: without limit) for room.
+  // Sends a reply to the remote side, waiting up to `waitMs` milliseconds for room.
   // Returns 0, or a negative value when the packet was dropped. Must not close or delete the driver. Its
   // wait ends when the connection does; a session that stops waits for the replies that are under way.
   virtual int Send(std::unique_ptr<VelPacket> packet, std::uint32_t waitMs) = 0;
