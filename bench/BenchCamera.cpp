@@ -75,7 +75,10 @@ IUsbIo* BenchCamera::MakeIo(std::uint32_t /*type*/, VelDeviceBase* device) {
 }
 
 BenchCamera::BenchCamera(int width, int height, bool transcode, std::function<void(std::size_t)> onReply)
-    : mOnReply(std::move(onReply)), mConfig(Configuration(width, height)), mDevice(this, &BenchCamera::MakeIo) {
+    : FakeDeviceBase({.productId = 0xFFFE}),
+      mOnReply(std::move(onReply)),
+      mConfig(Configuration(width, height)),
+      mDevice(this, &BenchCamera::MakeIo) {
   mDevice.Init();
   if (transcode) {
     mDevice.SetRedirPolicy("");

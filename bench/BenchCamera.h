@@ -8,15 +8,15 @@
 
 #include "io/DummyUsbIo/ConfigDescTree.h"
 #include "io/NullUsbIo.h"
+#include "support/FakeDeviceBase.h"
 #include "vel/Mutex.h"
-#include "vel/VelDeviceBase.h"
 #include "virt_udevice.h"
 
 namespace vel {
 
 // An emulated camera that is streaming, whose pictures come from the benchmark, and its remote
 // side: as thin as both can be, so that what is measured is what is between them.
-class BenchCamera : private VelDeviceBase {
+class BenchCamera : private FakeDeviceBase {
  public:
   // Pixels. `onReply` is called with the reply's size on the thread that sends it.
   BenchCamera(int width, int height, bool transcode, std::function<void(std::size_t)> onReply);
@@ -31,17 +31,7 @@ class BenchCamera : private VelDeviceBase {
 
   static IUsbIo* MakeIo(std::uint32_t type, VelDeviceBase* device);
 
-  std::uint8_t GetBusNumber() const override { return 1; }
-  std::uint8_t GetDeviceAddress() const override { return 0x85; }
-  int IsRedirected() const override { return 1; }
-  std::uint32_t GetDevId() const override { return 1; }
-  std::uint32_t GetChannelId() const override { return 0; }
-  std::uint16_t GetVendorId() const override { return 0xFF00; }
-  std::uint16_t GetProductId() const override { return 0xFFFE; }
-  const char* GetArgs() const override { return ""; }
-  std::uint8_t TakeReplyReqId(std::uint16_t, std::uint32_t) override { return 0; }
   int Send(std::unique_ptr<VelPacket> packet, std::uint32_t waitMs) override;
-  void Trace(std::uint64_t, const char*, const VelTraceAttribute*, std::size_t) override {}
 
   const std::function<void(std::size_t)> mOnReply;
   ConfigDescTree mConfig;

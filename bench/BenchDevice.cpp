@@ -11,8 +11,8 @@ std::unique_ptr<VelPacket> Workload::Request(std::uint32_t streamId) const {
   return BuildRequest(command, {});
 }
 
-BenchDevice::BenchDevice(const std::string& modulePath, const DeviceIdentity& identity)
-    : mIdentity(identity), mLibrary(ModuleLibrary::Load(modulePath)), mDriver(mLibrary->Descriptor().open(this)) {
+BenchDevice::BenchDevice(const std::string& modulePath, const Identity& identity)
+    : FakeDeviceBase(identity), mLibrary(ModuleLibrary::Load(modulePath)), mDriver(mLibrary->Descriptor().open(this)) {
   mDriver->onEvent(BuildRequest(Command::kOpenUsbDev, {}));
   WaitForReplies(1);
 }

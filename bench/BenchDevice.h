@@ -8,10 +8,9 @@
 #include <string>
 
 #include "remote/ModuleLibrary.h"
-#include "remote/ModuleSession.h"
 #include "remote/RequestBuilder.h"
+#include "support/FakeDeviceBase.h"
 #include "vel/Mutex.h"
-#include "vel/VelDeviceBase.h"
 #include "vel/VelDriver.h"
 
 namespace vel {
@@ -26,10 +25,10 @@ struct Workload {
 };
 
 // The framework's side of a device, as thin as it can be: what is measured is the module.
-class BenchDevice final : public VelDeviceBase {
+class BenchDevice final : public FakeDeviceBase {
  public:
   // The emulated raw device where none is named.
-  explicit BenchDevice(const std::string& modulePath, const DeviceIdentity& identity = {0, 0x86, 0xFF00, 0xFF10, ""});
+  explicit BenchDevice(const std::string& modulePath, const Identity& identity = {.productId = 0xFF10});
   ~BenchDevice() override;
 
   VelDriver& Driver() { return *mDriver; }
@@ -43,20 +42,9 @@ class BenchDevice final : public VelDeviceBase {
   // One request after the other, each waited for.
   void RoundTrips(const Workload& workload, std::uint64_t count);
 
-  std::uint8_t GetBusNumber() const override { return mIdentity.bus; }
-  std::uint8_t GetDeviceAddress() const override { return mIdentity.address; }
-  int IsRedirected() const override { return 1; }
-  std::uint32_t GetDevId() const override { return 1; }
-  std::uint32_t GetChannelId() const override { return 0; }
-  std::uint16_t GetVendorId() const override { return mIdentity.vendorId; }
-  std::uint16_t GetProductId() const override { return mIdentity.productId; }
-  const char* GetArgs() const override { return ""; }
-  std::uint8_t TakeReplyReqId(std::uint16_t, std::uint32_t) override { return 0; }
   int Send(std::unique_ptr<VelPacket> packet, std::uint32_t waitMs) override;
-  void Trace(std::uint64_t, const char*, const VelTraceAttribute*, std::size_t) override {}
 
  private:
-  const DeviceIdentity mIdentity;
   const std::shared_ptr<ModuleLibrary> mLibrary;
   std::function<void()> mOnReply;
   std::atomic<std::uint64_t> mReplies{0};

@@ -157,8 +157,7 @@ class FromLoop {
 class Through {
  public:
   Through(const MockUsbDevice& mock, std::uint32_t bytes)
-      : mDevice(VIRTUSB_MODULE,
-                {MockUsbDevice::kBus, mock.Address(), MockUsbDevice::kVendor, MockUsbDevice::kProduct, ""}),
+      : mDevice(VIRTUSB_MODULE, {MockUsbDevice::kBus, mock.Address(), MockUsbDevice::kVendor, MockUsbDevice::kProduct}),
         mWorkload{Command::kBulkTransfer, bytes, kSource} {
     for (const Command command : {Command::kDetachKernelDriver, Command::kClaimAllInterface}) {
       mDevice.Driver().onEvent(BuildRequest(command, {}));

@@ -20,35 +20,22 @@
 #include "protocol/IsoTable.h"
 #include "protocol/Requests.h"
 #include "protocol/VelPacket.h"
+#include "support/FakeDeviceBase.h"
 #include "vel/Mutex.h"
-#include "vel/VelDeviceBase.h"
 
 namespace vel {
 namespace {
 
 constexpr std::chrono::seconds kReplyTime{60};  // That a session which hangs is found, not how fast it is.
-constexpr std::uint8_t kAddress = 0x85;         // Above 0x7F: emulated.
 
 constexpr std::uint32_t kLastDevId = UINT32_MAX;  // Of the status request behind all others.
 
 using StreamKey = std::pair<std::uint16_t, std::uint32_t>;  // Reply command and stream id.
 
 // The remote side of the device: keeps which replies came. Any thread.
-class Remote final : public VelDeviceBase {
+class Remote final : public FakeDeviceBase {
  public:
-  Remote(std::uint16_t productId, bool answersFailures) : mProductId(productId), mAnswersFailures(answersFailures) {}
-
-  std::uint8_t GetBusNumber() const override { return 0; }
-  std::uint8_t GetDeviceAddress() const override { return kAddress; }
-  int IsRedirected() const override { return 1; }
-  std::uint32_t GetDevId() const override { return 1; }
-  std::uint32_t GetChannelId() const override { return 0; }
-  std::uint16_t GetVendorId() const override { return 0xFF00; }
-  std::uint16_t GetProductId() const override { return mProductId; }
-  const char* GetArgs() const override { return ""; }
-  bool AnswersFailedTransfers() const override { return mAnswersFailures; }
-  std::uint8_t TakeReplyReqId(std::uint16_t, std::uint32_t) override { return 0; }
-  void Trace(std::uint64_t, const char*, const VelTraceAttribute*, std::size_t) override {}
+  Remote(std::uint16_t productId, bool answersFailures) : FakeDeviceBase({.productId = productId}, answersFailures) {}
 
   int Send(std::unique_ptr<VelPacket> packet, std::uint32_t /*waitMs*/) override {
     Require(packet->Wire().size() == packet->GetPacketSize(), "a reply holds what its header counts");
@@ -87,8 +74,6 @@ class Remote final : public VelDeviceBase {
   }
 
  private:
-  const std::uint16_t mProductId;
-  const bool mAnswersFailures;
   Mutex mMutex;
   CondVar mChanged;
   std::size_t mSync VEL_GUARDED_BY(mMutex) = 0;

@@ -22,7 +22,7 @@ std::vector<std::string> Words(std::vector<std::string> words) {
   return words;
 }
 
-class CommandTest : public testing::Test {
+class CommandAndDevice : public testing::Test {
  protected:
   std::string Place() const { return std::to_string(MockUsbDevice::kBus) + ":" + std::to_string(mDevice.Address()); }
   static CommandProcess::Ending Run(const std::vector<std::string>& words) {
@@ -36,7 +36,7 @@ class CommandTest : public testing::Test {
   MockUsbDevice mDevice;
 };
 
-TEST_F(CommandTest, ListShowsTheDeviceAndWhetherItMayBeOpened) {
+TEST_F(CommandAndDevice, ListShowsTheDeviceAndWhetherItMayBeOpened) {
   mDevice.Plug();
   EXPECT_THAT(Run(Words({"list"})).output, HasSubstr(Place() + " "));
   const auto json = nlohmann::json::parse(Run(Words({"list", "--json"})).output);
@@ -59,7 +59,7 @@ TEST_F(CommandTest, ListShowsTheDeviceAndWhetherItMayBeOpened) {
   EXPECT_EQ(nlohmann::json::parse(Run(words).output)["local"][0]["accessible"], false);
 }
 
-TEST_F(CommandTest, ServeGivesTheDeviceBackHoweverItEnds) {
+TEST_F(CommandAndDevice, ServeGivesTheDeviceBackHoweverItEnds) {
   constexpr std::array<std::uint8_t, 16> kNoPacket = {'G', 'E', 'T', ' ', '/'};
   const struct {
     const char* name;
@@ -102,7 +102,7 @@ TEST_F(CommandTest, ServeGivesTheDeviceBackHoweverItEnds) {
   }
 }
 
-TEST_F(CommandTest, ServeWaitsForTheDeviceAndTakesItBack) {
+TEST_F(CommandAndDevice, ServeWaitsForTheDeviceAndTakesItBack) {
   CommandProcess command(Words({"serve", "1209:0001", "--stdio", "--wait"}), kDeadline);
   RemoteDevice& remote = command.Remote();
   command.AwaitMessage("waiting for the device");

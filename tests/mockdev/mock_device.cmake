@@ -9,7 +9,6 @@ endif()
 
 add_library(virtusb_mock_device STATIC
   "${CMAKE_CURRENT_LIST_DIR}/MockUsb.cpp" "${CMAKE_CURRENT_LIST_DIR}/MockUsbDevice.cpp")
-target_include_directories(virtusb_mock_device PUBLIC "${PROJECT_SOURCE_DIR}/tests")
 target_link_libraries(virtusb_mock_device
-  PUBLIC PkgConfig::umockdev virtusb_remote
+  PUBLIC PkgConfig::umockdev virtusb_testing
   PRIVATE virtusb::options)

@@ -26,9 +26,9 @@ constexpr std::chrono::milliseconds kPrompt{500};  // Half of libusb's wait for 
 constexpr int kShortSoak = 2;                      // Seconds.
 int gSoak = kShortSoak;
 
-class MockDeviceTest : public testing::Test {
+class MockDevice : public testing::Test {
  protected:
-  MockDeviceTest() { mDevice.Plug(); }
+  MockDevice() { mDevice.Plug(); }
 
   std::unique_ptr<RemoteDevice> Taken() {
     std::unique_ptr<RemoteDevice> remote = Redirect(mDevice, mTally);
@@ -40,7 +40,7 @@ class MockDeviceTest : public testing::Test {
   MockUsbDevice mDevice;
 };
 
-TEST_F(MockDeviceTest, BulkAndInterruptCarryEveryLength) {
+TEST_F(MockDevice, BulkAndInterruptCarryEveryLength) {
   const auto remote = Taken();
   for (const std::uint32_t length : {1U, 511U, 512U, 16384U, 65536U}) {
     const Bytes data = MockUsbDevice::Pattern(length);
@@ -54,7 +54,7 @@ TEST_F(MockDeviceTest, BulkAndInterruptCarryEveryLength) {
   }
 }
 
-TEST_F(MockDeviceTest, ControlCarriesDataStallsTimesOutAndClearsHalts) {
+TEST_F(MockDevice, ControlCarriesDataStallsTimesOutAndClearsHalts) {
   const auto remote = Taken();
   const Bytes data = MockUsbDevice::Pattern(300);
   EXPECT_EQ(remote->ControlTransfer({0x40, MockUsbDevice::kStore, 0, 0, 300}, data).value, 300);
@@ -72,7 +72,7 @@ TEST_F(MockDeviceTest, ControlCarriesDataStallsTimesOutAndClearsHalts) {
   EXPECT_EQ(mDevice.Look().resets, 1);
 }
 
-TEST_F(MockDeviceTest, IsochronousPacketsKeepTheirLengthsAndStatuses) {
+TEST_F(MockDevice, IsochronousPacketsKeepTheirLengthsAndStatuses) {
   const auto remote = Taken();
   mDevice.SetPacketStatuses({0, -EPROTO, 0, -EPIPE, -EOVERFLOW, -ENODEV});
   const std::vector<std::uint32_t> lengths = {100, 64, 0, 1024, 8, 30};
@@ -106,7 +106,7 @@ TEST_F(MockDeviceTest, IsochronousPacketsKeepTheirLengthsAndStatuses) {
 }
 
 // The kernel drops the transfers then. They must not look as if they had moved nothing well.
-TEST_F(MockDeviceTest, TransfersThatTheKernelDropsAreCancelled) {
+TEST_F(MockDevice, TransfersThatTheKernelDropsAreCancelled) {
   const auto remote = Taken();
   const std::vector<std::function<int()>> acts = {
       [&] { return remote->Status(Command::kReleaseAllInterface); },
@@ -125,7 +125,7 @@ TEST_F(MockDeviceTest, TransfersThatTheKernelDropsAreCancelled) {
   EXPECT_EQ(mDevice.Look().pending, 1U) << "transfer " << other;
 }
 
-TEST_F(MockDeviceTest, EachOf32IsAnsweredOnceAndAtOnceHoweverItEnds) {
+TEST_F(MockDevice, EachOf32IsAnsweredOnceAndAtOnceHoweverItEnds) {
   constexpr std::size_t kEach = 16;
   for (const char* way : {"close", "session", "unplug"}) {
     SCOPED_TRACE(way);
@@ -222,7 +222,7 @@ void RandomSession(MockUsbDevice& device, std::mt19937& random) {
   EXPECT_THAT(tally.Await(0), Each(Pair(testing::_, SizeIs(1))));
 }
 
-TEST_F(MockDeviceTest, RandomCancelsClosesAndUnplugsLeaveNothingBehind) {
+TEST_F(MockDevice, RandomCancelsClosesAndUnplugsLeaveNothingBehind) {
   std::mt19937 random(20240117);
   RandomSession(mDevice, random);
   ASSERT_TRUE(mDevice.AwaitClosed());

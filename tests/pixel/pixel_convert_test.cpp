@@ -50,7 +50,7 @@ struct Plane {
   std::vector<Line> lines;
 };
 
-class PixelConvertTest : public testing::TestWithParam<const PixelRows*> {
+class PixelConversion : public testing::TestWithParam<const PixelRows*> {
  protected:
   // Every size and both kinds of stride, and some long rows for the widest steps and their rests.
   template <class Check>
@@ -71,7 +71,7 @@ class PixelConvertTest : public testing::TestWithParam<const PixelRows*> {
   }
 };
 
-TEST_P(PixelConvertTest, PackedToPlanarTakesChromaOfOddRowsAndToSemiPlanarOfEvenOnes) {
+TEST_P(PixelConversion, PackedToPlanarTakesChromaOfOddRowsAndToSemiPlanarOfEvenOnes) {
   ForEverySize([](int width, int height, int gap) {
     const Bytes packed = RandomBytes(static_cast<std::size_t>(width * height * 2));
     const auto at = [&](int x, int row, int byte) {
@@ -101,7 +101,7 @@ TEST_P(PixelConvertTest, PackedToPlanarTakesChromaOfOddRowsAndToSemiPlanarOfEven
   });
 }
 
-TEST_P(PixelConvertTest, PlanarToPackedOfEachLayout) {
+TEST_P(PixelConversion, PlanarToPackedOfEachLayout) {
   struct Layout {
     ChromaLayout layout;
     int across;  // Pixels for each chroma sample.
@@ -138,7 +138,7 @@ std::vector<const PixelRows*> Versions() {
   return {choice.versions, choice.versions + choice.count};
 }
 
-INSTANTIATE_TEST_SUITE_P(EveryVersion, PixelConvertTest, testing::ValuesIn(Versions()), [](const auto& version) {
+INSTANTIATE_TEST_SUITE_P(EveryVersion, PixelConversion, testing::ValuesIn(Versions()), [](const auto& version) {
   return version.param == &kPixelRowsScalar ? "Scalar" : "Vector" + std::to_string(version.index);
 });
 

@@ -7,11 +7,11 @@
 #include <string>
 #include <vector>
 
+#include "policys/JpegWriter.h"
 #include "policys/UVCDecoder.h"
 #include "policys/UVCEncoder.h"
 #include "support/CapturingLog.h"
 #include "support/Collected.h"
-#include "support/JpegWriter.h"
 #include "support/Scene.h"
 
 namespace vel::test {
@@ -36,7 +36,7 @@ struct Deliveries : UVCDecoderHandler {
   Collected<Delivered> frames;
 };
 
-class DecoderTest : public testing::Test {
+class Decoder : public testing::Test {
  protected:
   void Open(_UVC_DECODER_TYPE type = UVC_DECODER_TYPE_MJPEG,
             _UVC_DECODER_OUTPUT_FORMAT format = UVC_DECODER_OUTPUT_YUYV, int width = 64, int height = 64) {
@@ -50,7 +50,7 @@ class DecoderTest : public testing::Test {
   UVCDecoder mDecoder;
 };
 
-TEST_F(DecoderTest, DecodesWhatCamerasSend) {
+TEST_F(Decoder, DecodesWhatCamerasSend) {
   const std::vector<JpegWriter> variants = {
       {.lumaSampling = {2, 1}},
       {.lumaSampling = {2, 2}},
@@ -75,7 +75,7 @@ TEST_F(DecoderTest, DecodesWhatCamerasSend) {
   }
 }
 
-TEST_F(DecoderTest, UnknownPixelFormatIsBlackWhateverWasThereBefore) {
+TEST_F(Decoder, UnknownPixelFormatIsBlackWhateverWasThereBefore) {
   const CapturingLog log;
   Open();
   ASSERT_EQ(Send(JpegWriter{.width = 64, .height = 64}.Write(), 1), 0);
@@ -88,7 +88,7 @@ TEST_F(DecoderTest, UnknownPixelFormatIsBlackWhateverWasThereBefore) {
   EXPECT_EQ(log.Count("Error:mjpeg decoder  unknow format = 8 "), 1U);
 }
 
-TEST_F(DecoderTest, DecodesCameraH264AtOnce) {
+TEST_F(Decoder, DecodesCameraH264AtOnce) {
   const Scene scene(96, 64);
   UVCEncoder encoder;
   ASSERT_EQ(encoder.Init(UVC_ENCODER_TYPE_H264, 96, 64, nullptr, nullptr), 0);
@@ -107,7 +107,7 @@ TEST_F(DecoderTest, DecodesCameraH264AtOnce) {
   }
 }
 
-TEST_F(DecoderTest, RefusesWhatItCannotDo) {
+TEST_F(Decoder, RefusesWhatItCannotDo) {
   const CapturingLog log;
   std::uint32_t size = 0;
   std::array<std::uint8_t, 64> block{};

@@ -36,10 +36,10 @@ struct Setting {
   int gopSize;
 };
 
-class EncoderStreamTest : public testing::TestWithParam<Setting> {};
+class EncoderStream : public testing::TestWithParam<Setting> {};
 
 // What a receiver sees of six seconds of video: each unit is a picture at once, so that none waits for a later one.
-TEST_P(EncoderStreamTest, IsWhatAReceiverLikes) {
+TEST_P(EncoderStream, IsWhatAReceiverLikes) {
   const Setting& setting = GetParam();
   const Scene scene(setting.width, setting.height);
   UVCEncoder encoder;
@@ -80,7 +80,7 @@ TEST_P(EncoderStreamTest, IsWhatAReceiverLikes) {
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(EachSetting, EncoderStreamTest,
+INSTANTIATE_TEST_SUITE_P(EachSetting, EncoderStream,
                          testing::Values(Setting{"Height480", 640, 480, 800000, 15, 5},
                                          Setting{"Height720", 1280, 720, 1000000, 25, 25},
                                          Setting{"Height1080", 1920, 1080, 1500000, 25, 25}),
@@ -97,7 +97,7 @@ struct HeldDeliveries : UVCEncoderHandler {
   Collected<int> go;
 };
 
-TEST(EncoderTest, ThinsItsQueueAndFreesItAtRelease) {
+TEST(Encoder, ThinsItsQueueAndFreesItAtRelease) {
   HeldDeliveries held;
   UVCEncoder encoder;
   ASSERT_EQ(encoder.Init(UVC_ENCODER_TYPE_H264, 64, 64, &held, nullptr), 0);
@@ -116,7 +116,7 @@ TEST(EncoderTest, ThinsItsQueueAndFreesItAtRelease) {
   EXPECT_EQ(encoder.EncodeAsync(late.get()), -1) << "still ours";
 }
 
-TEST(EncoderTest, RefusesWhatItCannotDo) {
+TEST(Encoder, RefusesWhatItCannotDo) {
   UVCEncoder encoder;
   std::uint32_t size = 7;
   EXPECT_EQ(encoder.Encode(nullptr, 0, nullptr, &size), -1);

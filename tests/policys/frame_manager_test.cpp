@@ -8,11 +8,11 @@
 #include <thread>
 #include <vector>
 
+#include "policys/JpegWriter.h"
 #include "policys/UVCDecoder.h"
 #include "policys/UVCEncoder.h"
 #include "policys/UVCFrameManager.h"
 #include "support/CapturingLog.h"
-#include "support/JpegWriter.h"
 #include "support/Limits.h"
 #include "support/Scene.h"
 
@@ -30,7 +30,7 @@ UVCFramePtr Dequeue(UVCFrameManager& manager, int timeoutMs = kWaitMs) {
   return UVCFramePtr(manager.DequeueFrame(timeoutMs));
 }
 
-TEST(FrameManagerTest, PassesTheVeryRecordThroughAndThinsWhatWaits) {
+TEST(FrameManager, PassesTheVeryRecordThroughAndThinsWhatWaits) {
   UVCFrameManager manager(kYuyv, kYuyv);
   ASSERT_EQ(manager.Init(8, 8, kMjpeg, kMjpeg, nullptr), 0);
   std::vector<UVC_FRAME*> records;
@@ -47,7 +47,7 @@ TEST(FrameManagerTest, PassesTheVeryRecordThroughAndThinsWhatWaits) {
 }
 
 // Worked out by hand: N / k <= C for the first k below N, interval k - 1, N / (interval + 1) groups.
-TEST(FrameListTest, ThinningKeepsTheFirstOfEachGroup) {
+TEST(FrameList, ThinningKeepsTheFirstOfEachGroup) {
   struct Thinning {
     std::uint32_t frames;
     std::uint32_t cacheSize;
@@ -79,7 +79,7 @@ struct Route {
   _UVC_FRAME_TYPE out;
 };
 
-TEST(FrameManagerTest, RoutesByTheTypesOfItsSides) {
+TEST(FrameManager, RoutesByTheTypesOfItsSides) {
   const JpegWriter jpeg{.width = 64, .height = 64};
   for (const Route& route : {Route{kMjpeg, kH264}, {kMjpeg, kYuyv}, {kYuyv, kH264}, {kYuyv, kMjpeg}}) {
     SCOPED_TRACE(testing::Message() << route.in << " to " << route.out);
@@ -96,7 +96,7 @@ TEST(FrameManagerTest, RoutesByTheTypesOfItsSides) {
 }
 
 // Planes that the encoder takes as they are give what the way through YUYV gives, bit for bit.
-TEST(FrameManagerTest, EncodesMjpegAsIfThroughYuyv) {
+TEST(FrameManager, EncodesMjpegAsIfThroughYuyv) {
   constexpr int kWidth = 96;
   constexpr int kHeight = 64;
   std::vector<Bytes> jpegs{EncodeJpeg(Scene(kWidth, kHeight).Draw(0), kWidth, kHeight)};  // 4:2:2, no two rows alike.
@@ -123,7 +123,7 @@ TEST(FrameManagerTest, EncodesMjpegAsIfThroughYuyv) {
   }
 }
 
-TEST(FrameManagerTest, TakesAPictureOfAnotherSizeThanNegotiatedForAShortFrame) {
+TEST(FrameManager, TakesAPictureOfAnotherSizeThanNegotiatedForAShortFrame) {
   UVCFrameManager manager(kYuyv, kYuyv);
   ASSERT_EQ(manager.Init(640, 480, kMjpeg, kH264, nullptr), 0);
   ASSERT_EQ(manager.EnqueueFrame(MakeFrame(JpegWriter{}.Write(), 5).release()), 0);
@@ -132,7 +132,7 @@ TEST(FrameManagerTest, TakesAPictureOfAnotherSizeThanNegotiatedForAShortFrame) {
   EXPECT_EQ(frame->index, 5U);
 }
 
-TEST(FrameManagerTest, RefusesAndFreesWhatItCannotUse) {
+TEST(FrameManager, RefusesAndFreesWhatItCannotUse) {
   UVCFrameManager manager(kYuyv, kH264);
   EXPECT_EQ(Dequeue(manager), nullptr);  // At once.
   const UVCFramePtr mine = MakeFrame(Bytes(8), 1);
@@ -149,7 +149,7 @@ TEST(FrameManagerTest, RefusesAndFreesWhatItCannotUse) {
   manager.Release();
 }
 
-TEST(FrameManagerTest, WaitsAsLongAsAskedAndNoLongerThanRelease) {
+TEST(FrameManager, WaitsAsLongAsAskedAndNoLongerThanRelease) {
   UVCFrameManager manager(kYuyv, kYuyv);
   ASSERT_EQ(manager.Init(64, 64, kYuyv, kYuyv, nullptr), 0);
   const auto begin = Clock::now();
@@ -180,7 +180,7 @@ TEST(FrameManagerTest, WaitsAsLongAsAskedAndNoLongerThanRelease) {
 }
 
 // Producers, coders and consumers at once, with Release and Init at any moment between them.
-TEST(FrameManagerTest, StopsFromAnyState) {
+TEST(FrameManager, StopsFromAnyState) {
   const Scene scene(64, 48);
   const std::vector<Bytes> pictures = {EncodeJpeg(scene.Draw(0), 64, 48), Bytes(100, 0xFF),
                                        EncodeJpeg(scene.Draw(9), 64, 48)};

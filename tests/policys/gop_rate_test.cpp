@@ -24,7 +24,7 @@ std::vector<double> Encode(GopRate& rate, double stepsPerHalf, double load, int 
   return bits;
 }
 
-TEST(GopRateTest, HoldsTheRateOverFourSecondsWhateverTheContent) {
+TEST(GopRate, HoldsTheRateOverFourSecondsWhateverTheContent) {
   constexpr std::ptrdiff_t kFourSeconds = 12;
   for (const double stepsPerHalf : {5.2, 6.8}) {
     for (const double load : {0.3, 1.0, 4.0}) {
@@ -38,7 +38,7 @@ TEST(GopRateTest, HoldsTheRateOverFourSecondsWhateverTheContent) {
   }
 }
 
-TEST(GopRateTest, ComesBackAfterContentThatItCannotHold) {
+TEST(GopRate, ComesBackAfterContentThatItCannotHold) {
   GopRate rate(kBitsPerGop, 0.17);
   Encode(rate, 6, 0, 50);
   EXPECT_EQ(rate.Qp(), GopRate::kMinQp);

@@ -7,10 +7,10 @@
 #include <gmock/gmock.h>
 
 #include "ConfigSerializer.h"
-#include "DescriptorTree.h"
 #include "policys/RedirPolicy.h"
 #include "remote/ConfigModel.h"
 #include "support/CapturingLog.h"
+#include "support/DescriptorTree.h"
 #include "support/RecordingDeviceBase.h"
 #include "support/ScriptedUsbIo.h"
 

@@ -13,9 +13,9 @@
 #include <vector>
 
 #include "protocol/VelPacket.h"
+#include "support/FakeDeviceBase.h"
 #include "support/Limits.h"
 #include "vel/Mutex.h"
-#include "vel/VelDeviceBase.h"
 
 namespace vel {
 
@@ -31,31 +31,20 @@ struct Reply {
 };
 
 // The framework's side of one redirected device: says which device it is and keeps what the module sends. Any thread.
-class RecordingDeviceBase final : public VelDeviceBase {
+class RecordingDeviceBase final : public FakeDeviceBase {
  public:
-  struct Identity {
-    std::uint8_t bus = 3;
-    std::uint8_t address = 0x85;
-    std::uint16_t vendorId = 0xFF00;
-    std::uint16_t productId = 0xFF06;
-    std::uint32_t devId = 9;
-    std::string args = "";
-  };
-  static constexpr std::uint8_t kReplyReqId = 0x77;  // Of give-backs.
-
   // Called in Send, before the reply is kept, on the module's thread; may block.
   using SendHook = std::function<void(const Reply&)>;
   using BackendMaker = std::function<IUsbIo*(std::uint32_t type)>;
 
   RecordingDeviceBase() : RecordingDeviceBase(Identity{}) {}
-  explicit RecordingDeviceBase(Identity identity) : mIdentity(std::move(identity)) {}
+  explicit RecordingDeviceBase(Identity identity) : FakeDeviceBase(std::move(identity)) {}
 
   // To be set before a driver is made.
   void OnSend(SendHook hook) { mHook = std::move(hook); }
   void SetBackend(BackendMaker maker) { mBackendMaker = std::move(maker); }
   IUsbIo* MakeBackend(std::uint32_t type) const { return mBackendMaker ? mBackendMaker(type) : nullptr; }
   void CountRepliesOnly() { mKeepsReplies = false; }
-  void AnswerFailedTransfers() { mAnswersFailedTransfers = true; }
 
   // False when fewer than `n` replies, counted from the start, have come by the deadline.
   [[nodiscard]] bool WaitForReplies(std::size_t n) const {
@@ -79,15 +68,6 @@ class RecordingDeviceBase final : public VelDeviceBase {
     return mEvents;
   }
 
-  std::uint8_t GetBusNumber() const override { return mIdentity.bus; }
-  std::uint8_t GetDeviceAddress() const override { return mIdentity.address; }
-  int IsRedirected() const override { return 1; }
-  std::uint32_t GetDevId() const override { return mIdentity.devId; }
-  std::uint32_t GetChannelId() const override { return 4; }
-  std::uint16_t GetVendorId() const override { return mIdentity.vendorId; }
-  std::uint16_t GetProductId() const override { return mIdentity.productId; }
-  const char* GetArgs() const override { return mIdentity.args.c_str(); }
-  std::uint8_t TakeReplyReqId(std::uint16_t, std::uint32_t) override { return kReplyReqId; }
   int Send(std::unique_ptr<VelPacket> packet, std::uint32_t waitMs) override {
     Reply reply = Read(*packet);
     reply.wellFormed = reply.wellFormed && waitMs == 0xFFFFFFFF;
@@ -110,7 +90,6 @@ class RecordingDeviceBase final : public VelDeviceBase {
     const MutexLock lock(mMutex);
     mEvents.push_back(std::move(text));
   }
-  bool AnswersFailedTransfers() const override { return mAnswersFailedTransfers; }
 
  private:
   static Reply Read(const VelPacket& packet) {
@@ -125,11 +104,9 @@ class RecordingDeviceBase final : public VelDeviceBase {
     return reply;
   }
 
-  const Identity mIdentity;
   SendHook mHook;
   BackendMaker mBackendMaker;
   bool mKeepsReplies = true;
-  bool mAnswersFailedTransfers = false;
   mutable Mutex mMutex;
   mutable CondVar mReplied;
   std::vector<Reply> mReplies VEL_GUARDED_BY(mMutex);

@@ -6,9 +6,9 @@
 #include <gmock/gmock.h>
 
 #include "policys/UVCUtil.h"
-#include "src/DescriptorTree.h"
+#include "support/DescriptorTree.h"
 #include "support/CapturingLog.h"
-#include "uvc/VsBlock.h"
+#include "support/VsBlock.h"
 
 namespace vel {
 namespace {

@@ -7,7 +7,7 @@
 #include <thread>
 
 #include "FakeCapture.h"
-#include "io/Completions.h"
+#include "support/Completions.h"
 #include "io/DummyUsbIo/DummyUvcIo.h"
 
 namespace vel {

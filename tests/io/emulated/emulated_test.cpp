@@ -9,7 +9,7 @@
 
 #include <gmock/gmock.h>
 
-#include "io/Completions.h"
+#include "support/Completions.h"
 #include "io/DummyUsbIo/DummyUsbCdcCH340.h"
 #include "io/DummyUsbIo/DummyUsbCdcCH9102.h"
 #include "io/DummyUsbIo/DummyUsbKeyboard.h"

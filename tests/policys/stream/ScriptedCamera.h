@@ -9,13 +9,13 @@
 #include <utility>
 #include <vector>
 
-#include "io/Completions.h"
+#include "support/Completions.h"
 #include "policys/UVCPolicy.h"
 #include "protocol/IsoTable.h"
-#include "src/DescriptorTree.h"
+#include "support/DescriptorTree.h"
 #include "support/RecordingDeviceBase.h"
 #include "support/ScriptedUsbIo.h"
-#include "uvc/VsBlock.h"
+#include "support/VsBlock.h"
 
 namespace vel::test {
 

@@ -1,10 +1,5 @@
 // The emulated camera with its synthetic source through the module, packets in and replies out.
-// `emulated_camera_test --soak SECONDS` streams for longer.
 #include <array>
-#include <cstdlib>
-#include <fstream>
-#include <string>
-#include <string_view>
 
 #include <gmock/gmock.h>
 
@@ -16,10 +11,7 @@
 namespace vel::test {
 namespace {
 
-using Clock = std::chrono::steady_clock;
 using ::testing::SizeIs;
-
-std::chrono::seconds gSoak{3};
 
 const DeviceIdentity kCamera{3, 0x85, 0xFF00, 0xFFFE, ""};
 
@@ -107,49 +99,5 @@ TEST(EmulatedCamera, StopsAndEndsAtAnyMoment) {
   }
 }
 
-// In kilobytes, of this process.
-std::size_t ResidentMemory() {
-  std::ifstream statm("/proc/self/statm");
-  std::size_t total = 0;
-  std::size_t resident = 0;
-  statm >> total >> resident;
-  return resident * 4;
-}
-
-TEST(EmulatedCamera, StreamsWithFlatMemoryAndWithoutDrift) {
-  CameraGuest guest(kCamera);
-  guest.AllowTranscoding();
-  guest.Open();
-  guest.Negotiate(1, 2);
-  guest.Start();
-  const auto begin = Clock::now();
-  std::size_t warm = 0;
-  int pictures = 0;
-  for (; Clock::now() < begin + gSoak; ++pictures) {
-    ASSERT_FALSE(guest.Picture().empty()) << "timed out behind picture " << pictures;
-    if (warm == 0 && Clock::now() > begin + gSoak / 10) {
-      warm = ResidentMemory();
-    }
-  }
-  const double seconds = std::chrono::duration<double>(Clock::now() - begin).count();
-  const std::size_t end = ResidentMemory();
-  std::printf("%d pictures in %.1f s: %.2f a second; memory %zu KiB, then %zu KiB\n", pictures, seconds,
-              pictures / seconds, warm, end);
-  if (!kSanitized) {  // A sanitizer keeps what was freed.
-    EXPECT_LT(end, warm + 16 * 1024);
-  }
-  // What waits in the queues when nobody reads any more: a stream that drifts has more and more.
-  guest.Stop();
-  EXPECT_THAT(guest.Rest(), SizeIs(3));
-}
-
 }  // namespace
 }  // namespace vel::test
-
-int main(int argc, char** argv) {
-  testing::InitGoogleMock(&argc, argv);
-  if (argc == 3 && std::string_view(argv[1]) == "--soak") {
-    vel::test::gSoak = std::chrono::seconds(std::atoi(argv[2]));
-  }
-  return RUN_ALL_TESTS();
-}

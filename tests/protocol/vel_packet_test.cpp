@@ -48,7 +48,7 @@ void SetLength(VelPacket& packet, std::uint32_t length) {
   std::memcpy(packet.MutableWire().data() + VelPacket::kLengthOffset, &length, sizeof length);
 }
 
-TEST(VelPacketTest, PacketIsRightToTheByte) {
+TEST(VelPacket, PacketIsRightToTheByte) {
   for (const std::uint32_t capacity : {0U, 15U, 16U, 17U, 1024U}) {
     const VelPacket packet(capacity);
     EXPECT_EQ(packet.GetCapacity(), std::max(capacity, 16U));
@@ -67,7 +67,7 @@ TEST(VelPacketTest, PacketIsRightToTheByte) {
   EXPECT_THAT(packet->Wire(), ElementsAre(0x27, 2, 0x25, 0x10, 4, 0, 0, 0, 16, 0, 0, 0, 0, 0, 0, 0));
 }
 
-TEST(VelPacketTest, AppendLooksAtTheLastSizeAloneAndGrowsInWholeSteps) {
+TEST(VelPacket, AppendLooksAtTheLastSizeAloneAndGrowsInWholeSteps) {
   const struct {
     const char* name;
     std::uint32_t capacity;
@@ -101,7 +101,7 @@ TEST(VelPacketTest, AppendLooksAtTheLastSizeAloneAndGrowsInWholeSteps) {
   }
 }
 
-TEST(VelPacketTest, FailedGrowthCountsTheBytesAndTouchesNothingOutsideTheBlock) {
+TEST(VelPacket, FailedGrowthCountsTheBytesAndTouchesNothingOutsideTheBlock) {
   VelPacket packet(24);
   packet.Append("\1\2\3\4", 4);
   gGrowthFails = true;
@@ -121,7 +121,7 @@ TEST(VelPacketTest, FailedGrowthCountsTheBytesAndTouchesNothingOutsideTheBlock) 
   EXPECT_THAT(packet.PayloadBytes().last(8), ElementsAre(0, 0, 0, 0, 0, 0, 0xBB, 0xBB));
 }
 
-TEST(VelPacketTest, ReadsAreSwappedForAWriterOfTheOtherByteOrderAndBoundedByTheBlock) {
+TEST(VelPacket, ReadsAreSwappedForAWriterOfTheOtherByteOrderAndBoundedByTheBlock) {
   const struct {
     std::uint8_t byteOrder;
     std::uint32_t first;
@@ -148,7 +148,7 @@ TEST(VelPacketTest, ReadsAreSwappedForAWriterOfTheOtherByteOrderAndBoundedByTheB
   EXPECT_EQ(unwritten.ReadU64(&value), -1);
 }
 
-TEST(VelPacketTest, LengthFieldNeverLeadsOutOfTheBlock) {
+TEST(VelPacket, LengthFieldNeverLeadsOutOfTheBlock) {
   const struct {
     std::uint32_t length;
     std::size_t wire;
@@ -168,7 +168,7 @@ TEST(VelPacketTest, LengthFieldNeverLeadsOutOfTheBlock) {
   EXPECT_EQ(full.Append("0123456789abcdef", 16), -1) << "counted past its field";
 }
 
-TEST(VelPacketTest, ReceivedPacketKeepsItsHeaderButForTheLength) {
+TEST(VelPacket, ReceivedPacketKeepsItsHeaderButForTheLength) {
   const Header header = {0x27, 9, 0x22, 0x10, 1, 2, 3, 4, 0xFF, 0xFF, 0xFF, 0xFF, 1, 5, 6, 7};
   for (const std::uint8_t total : {std::uint8_t{0}, std::uint8_t{16}, std::uint8_t{21}}) {
     const auto packet = VelPacket::ForReceived(header, total);

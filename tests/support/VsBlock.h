@@ -1,5 +1,5 @@
-#ifndef VIRTUSB_TESTS_POLICYS_VS_BLOCK_H
-#define VIRTUSB_TESTS_POLICYS_VS_BLOCK_H
+#ifndef VIRTUSB_TESTS_SUPPORT_VS_BLOCK_H
+#define VIRTUSB_TESTS_SUPPORT_VS_BLOCK_H
 
 #include <cstdint>
 #include <sstream>

@@ -17,16 +17,16 @@ namespace {
 using testing::ElementsAre;
 
 // Collects lines as "level tag text" and gives level and sink back.
-class LogTest : public testing::Test {
+class Log : public testing::Test {
  protected:
-  LogTest() : mLevel(oskeloLogGetLevel()) {
+  Log() : mLevel(oskeloLogGetLevel()) {
     oskeloLogSetSink(
         [](void* context, int level, const char* tag, const char* text) {
-          static_cast<LogTest*>(context)->mLines.push_back(std::to_string(level) + " " + tag + " " + text);
+          static_cast<Log*>(context)->mLines.push_back(std::to_string(level) + " " + tag + " " + text);
         },
         this);
   }
-  ~LogTest() override {
+  ~Log() override {
     oskeloLogSetSink(nullptr, nullptr);
     oskeloLogSetLevel(mLevel);
   }
@@ -37,7 +37,7 @@ class LogTest : public testing::Test {
   const int mLevel;
 };
 
-TEST_F(LogTest, WritesWhatIsAtOrAboveTheLevel) {
+TEST_F(Log, WritesWhatIsAtOrAboveTheLevel) {
   for (int current = OSKELO_LOG_DEBUG; current <= OSKELO_LOG_OFF; ++current) {
     oskeloLogSetLevel(current);
     for (int level = OSKELO_LOG_DEBUG; level <= OSKELO_LOG_OFF; ++level) {
@@ -52,7 +52,7 @@ TEST_F(LogTest, WritesWhatIsAtOrAboveTheLevel) {
   }
 }
 
-TEST_F(LogTest, SwappedSinkIsNotCalledAnyMoreWhileThreadsLog) {
+TEST_F(Log, SwappedSinkIsNotCalledAnyMoreWhileThreadsLog) {
   struct Owner {
     std::atomic<bool> gone{false};
     std::atomic<int> lines{0};
@@ -80,7 +80,7 @@ TEST_F(LogTest, SwappedSinkIsNotCalledAnyMoreWhileThreadsLog) {
   done = true;
 }
 
-TEST_F(LogTest, LinesHaveTheirShapeAndArgumentsAreEvaluatedOnlyWhenTheLevelIsOn) {
+TEST_F(Log, LinesHaveTheirShapeAndArgumentsAreEvaluatedOnlyWhenTheLevelIsOn) {
   oskeloLogSetLevel(OSKELO_LOG_WARN);
   const VelDeviceBase* volatile none = nullptr;  // The compiler is not to see that it is null.
   int evaluated = 0;
@@ -90,12 +90,12 @@ TEST_F(LogTest, LinesHaveTheirShapeAndArgumentsAreEvaluatedOnlyWhenTheLevelIsOn)
   VEL_WARN(" b%d", ++evaluated);
   VEL_DEVICE_ERROR(none, "f\n");
   const int line = __LINE__ - 2;
-  const auto prefix = [&](int i) { return " VEL_LOG Log_test.cpp TestBody(" + std::to_string(line + i) + "): "; };
+  const auto prefix = [&](int i) { return " VEL_LOG log_test.cpp TestBody(" + std::to_string(line + i) + "): "; };
   EXPECT_THAT(mLines, ElementsAre("3" + prefix(0) + "Warn: b1",
                                   "4" + prefix(1) + "[bus:(nil) devid:0 cid:0 0x0000:0x0000]Error:f"));
 }
 
-TEST(VelLogTest, TextFromOutsideIsEscapedAndBounded) {
+TEST(LogText, TextFromOutsideIsEscapedAndBounded) {
   EXPECT_EQ(EscapeForLog("plain ~ text! %s", 256), "plain ~ text! %s");
   EXPECT_EQ(EscapeForLog("a\nb\r\tc\x1B[2J", 256), "a\\x0ab\\x0d\\x09c\\x1b[2J");
   EXPECT_EQ(EscapeForLog(std::string("\0\x7F\x80\xFF", 4), 256), "\\x00\\x7f\\x80\\xff");

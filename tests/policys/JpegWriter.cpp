@@ -1,4 +1,4 @@
-#include "support/JpegWriter.h"
+#include "policys/JpegWriter.h"
 
 #include <cstddef>
 #include <cstdio>

@@ -37,7 +37,7 @@ class Payload {
 
 constexpr std::uint32_t kMiB = 1U << 20U;
 
-TEST(ByteReaderTest, FailureSticksAlthoughASmallerReadWouldFit) {
+TEST(ByteReader, FailureSticksAlthoughASmallerReadWouldFit) {
   const std::vector<std::uint8_t> bytes = {1, 2, 3, 4, 5, 6, 7, 8, 9};
   ByteReader reader(bytes);
   EXPECT_EQ(reader.Host<std::uint8_t>(), 0x01);
@@ -65,7 +65,7 @@ constexpr PayloadError kShort = PayloadError::kTooShort;
 constexpr PayloadError kLong = PayloadError::kTooLong;
 constexpr PayloadError kTable = PayloadError::kIsoTable;
 
-TEST(TransferRequestTest, IsCheckedAgainstWhatIsThere) {
+TEST(TransferRequest, IsCheckedAgainstWhatIsThere) {
   const struct {
     const char* name;
     bool iso;
@@ -113,7 +113,7 @@ TEST(TransferRequestTest, IsCheckedAgainstWhatIsThere) {
   }
 }
 
-TEST(ControlRequestTest, NeedsItsFieldsAndForOutItsData) {
+TEST(ControlRequest, NeedsItsFieldsAndForOutItsData) {
   struct {
     std::uint8_t type;
     std::uint16_t length;
@@ -134,7 +134,7 @@ TEST(ControlRequestTest, NeedsItsFieldsAndForOutItsData) {
 }
 
 // Requests of fixed fields: each is read when whole, and refused at every shorter length.
-TEST(FixedRequestsTest, AreRefusedAtEveryShorterLength) {
+TEST(FixedRequests, AreRefusedAtEveryShorterLength) {
   const auto bytes = Payload().U8(0x80).U16(0x0409).U32(0xA1B2C3D4).Fill(9).Exact();
   for (std::size_t n = 0; n <= bytes.size(); ++n) {
     SCOPED_TRACE(n);

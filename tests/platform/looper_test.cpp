@@ -45,7 +45,7 @@ void AwaitStopping(Looper& looper) {
   }
 }
 
-TEST(LooperTest, HandlesInPostingOrderOnOneThreadOfItsOwn) {
+TEST(Looper, HandlesInPostingOrderOnOneThreadOfItsOwn) {
   constexpr int kMessages = 500;
   Looper looper;
   std::vector<std::vector<int>> handled(4);  // Of each of several posters, the first one before the start.
@@ -77,7 +77,7 @@ TEST(LooperTest, HandlesInPostingOrderOnOneThreadOfItsOwn) {
   EXPECT_THAT(threads, testing::ElementsAre(testing::Ne(std::this_thread::get_id())));
 }
 
-TEST(LooperTest, RunsOnceAndDestroysWhatItDoesNotHandle) {
+TEST(Looper, RunsOnceAndDestroysWhatItDoesNotHandle) {
   int destroyed = 0;
   const auto post = [&](Looper& looper) {
     return Post(
@@ -93,7 +93,7 @@ TEST(LooperTest, RunsOnceAndDestroysWhatItDoesNotHandle) {
   EXPECT_EQ(destroyed, 2) << "at once";
 }
 
-TEST(LooperTest, StopWhileIdleEndsTheThread) {
+TEST(Looper, StopWhileIdleEndsTheThread) {
   for (int i = 0; i < 200; ++i) {  // Before the thread runs, while it goes to sleep, while it sleeps.
     Looper looper;
     looper.Start();
@@ -106,7 +106,7 @@ TEST(LooperTest, StopWhileIdleEndsTheThread) {
   }
 }
 
-TEST(LooperTest, StopWaitsForTheHandlerAndFreesWhatIsUnhandled) {
+TEST(Looper, StopWaitsForTheHandlerAndFreesWhatIsUnhandled) {
   constexpr int kWaiting = 5000;
   Looper looper;
   Event entered;
@@ -142,7 +142,7 @@ TEST(LooperTest, StopWaitsForTheHandlerAndFreesWhatIsUnhandled) {
   EXPECT_EQ(destroyed, 2 * kWaiting);
 }
 
-TEST(LooperTest, MayBeStoppedAndDestroyedOnItsOwnThread) {
+TEST(Looper, MayBeStoppedAndDestroyedOnItsOwnThread) {
   auto looper = std::make_unique<Looper>();
   std::atomic<int> destroyed{0};
   Event last;

@@ -1,0 +1,185 @@
+// Does one thing at random for as long as it is told, and watches the process meanwhile:
+//
+//   soak SUITE [--seconds N | --rounds N] [--seed N]
+//
+// A line a minute with what was done and what memory, descriptors and threads came to, and a verdict at the end. Fails
+// when an assertion does, when a round hangs, and when anything grows after the first tenth.
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <map>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <thread>
+
+#include <gmock/gmock.h>
+
+#include "oskelo/log.h"
+#include "soak/Soak.h"
+#include "support/Limits.h"
+
+namespace vel::test {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using std::chrono::seconds;
+
+constexpr long kAllowedGrowthKiB = 16L * 1024;
+constexpr unsigned kRoundSeconds = 120;
+constexpr std::uint64_t kSettlingRounds = 20;
+
+const std::map<std::string, std::unique_ptr<SoakSuite> (*)()> kSuites = {
+    {"camera", &MakeCameraSoak},
+    {"codec", &MakeCodecSoak},
+};
+
+struct Options {
+  std::string suite;
+  seconds time{60};
+  std::uint64_t rounds = UINT64_MAX;
+  unsigned seed = std::random_device{}();
+};
+
+struct Footprint {
+  long memoryKiB = 0;
+  long descriptors = 0;
+  long threads = 0;
+
+  static Footprint Now() {
+    Footprint now;
+    std::ifstream status("/proc/self/status");
+    for (std::string word; status >> word;) {
+      if (word == "VmRSS:") {
+        status >> now.memoryKiB;
+      } else if (word == "Threads:") {
+        status >> now.threads;
+      }
+    }
+    now.descriptors = std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+    return now;
+  }
+};
+
+Footprint Largest(const Footprint& one, const Footprint& other) {
+  return {std::max(one.memoryKiB, other.memoryKiB), std::max(one.descriptors, other.descriptors),
+          std::max(one.threads, other.threads)};
+}
+
+// Threads that were told to end, and are no longer waited for, get a moment.
+Footprint AtRest(const std::optional<Footprint>& wanted) {
+  Footprint now = Footprint::Now();
+  const auto deadline = Clock::now() + seconds(10);
+  while (wanted && (now.threads > wanted->threads || now.descriptors > wanted->descriptors) &&
+         Clock::now() < deadline) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    now = Footprint::Now();
+  }
+  return now;
+}
+
+void Check(const Footprint& now, const Footprint& before, long mostKiB) {
+  const auto require = [](bool holds, const std::string& what) {
+    if (!holds) {
+      throw std::runtime_error(what);
+    }
+  };
+  require(now.descriptors <= before.descriptors, "descriptors leak");
+  require(now.threads <= before.threads, "threads are left");
+  // A sanitizer keeps what was freed.
+  require(kSanitized || now.memoryKiB <= before.memoryKiB + kAllowedGrowthKiB, "memory grows");
+  require(kSanitized || mostKiB == 0 || now.memoryKiB <= mostKiB, "memory is above its bound");
+}
+
+extern "C" void SayHanging(int) {
+  constexpr char kText[] = "a round does not end\n";
+  static_cast<void>(!write(STDERR_FILENO, kText, sizeof kText - 1));
+  std::abort();
+}
+
+void Print(const char* what, const Options& options, const SoakSuite& suite, const SoakRun& run, std::uint64_t rounds,
+           Clock::time_point begin, const Footprint& now) {
+  std::printf("%-8s %6lld s  %8llu rounds  %11llu %s  %9llu faults  %7ld KiB  %3ld descriptors  %2ld threads  %s\n",
+              options.suite.c_str(),
+              static_cast<long long>(std::chrono::duration_cast<seconds>(Clock::now() - begin).count()),
+              static_cast<unsigned long long>(rounds), static_cast<unsigned long long>(run.work), suite.Unit(),
+              static_cast<unsigned long long>(run.faults), now.memoryKiB, now.descriptors, now.threads, what);
+  std::fflush(stdout);
+}
+
+void Run(const Options& options) {
+  const std::unique_ptr<SoakSuite> suite = kSuites.at(options.suite)();
+  SoakRun run{.random = std::mt19937(options.seed)};
+  std::printf("%-8s seed %u\n", options.suite.c_str(), options.seed);
+  const auto begin = Clock::now();
+  auto line = begin + seconds(60);
+  std::optional<Footprint> settled;
+  std::uint64_t rounds = 0;
+  Footprint now;
+  while (rounds < options.rounds && Clock::now() < begin + options.time) {
+    alarm(kRoundSeconds * unsigned{kSlowdown});
+    suite->Round(run);
+    alarm(0);
+    ++rounds;
+    now = AtRest(settled);
+    if (rounds > options.rounds / 2 || (rounds > kSettlingRounds && Clock::now() > begin + options.time / 10)) {
+      Check(now, *settled, suite->MostKiB());
+    } else {
+      settled = Largest(now, settled.value_or(now));
+    }
+    if (Clock::now() >= line) {
+      line += seconds(60);
+      Print("so far so good", options, *suite, run, rounds, begin, now);
+    }
+  }
+  Print("PASSED", options, *suite, run, rounds, begin, now);
+}
+
+Options Parse(int argc, char** argv) {
+  Options options;
+  if (argc < 2 || argc % 2 != 0 || !kSuites.contains(argv[1])) {
+    throw std::invalid_argument("usage: soak SUITE [--seconds N | --rounds N] [--seed N]");
+  }
+  options.suite = argv[1];
+  for (int i = 2; i < argc; i += 2) {
+    const std::string name = argv[i];
+    const unsigned long value = std::stoul(argv[i + 1]);
+    if (name == "--seconds") {
+      options.time = seconds(value);
+    } else if (name == "--rounds") {
+      options.rounds = value;
+      options.time = std::chrono::hours(24);
+    } else if (name == "--seed") {
+      options.seed = static_cast<unsigned>(value);
+    } else {
+      throw std::invalid_argument("no such option: " + name);
+    }
+  }
+  return options;
+}
+
+}  // namespace
+}  // namespace vel::test
+
+int main(int argc, char** argv) {
+  testing::InitGoogleMock(&argc, argv);
+  testing::FLAGS_gtest_throw_on_failure = true;
+  std::signal(SIGALRM, vel::test::SayHanging);
+  oskeloLogSetLevel(OSKELO_LOG_OFF);
+  std::string suite = argc > 1 ? argv[1] : "soak";
+  try {
+    vel::test::Run(vel::test::Parse(argc, argv));
+    return 0;
+  } catch (const std::exception& error) {
+    std::printf("%-8s FAILED: %s\n", suite.c_str(), error.what());
+    return 1;
+  }
+}
