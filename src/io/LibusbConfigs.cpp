@@ -1,6 +1,7 @@
 #include "io/LibusbConfigs.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <exception>
 #include <span>
 #include <tuple>

@@ -7,9 +7,8 @@
 
 namespace vel {
 
-// The configuration descriptors that were handed out. Each stays valid as long as this object; one
-// that says the same as an earlier one is handed out as that one, so that there are never more than
-// the device has.
+// The configuration descriptors that were handed out. Each stays valid as long as this object; one that says the same
+// as an earlier one is handed out as that one, so that there are never more than the device has.
 class LibusbConfigs {
  public:
   // Takes `config` over; null when there is no memory to keep it.

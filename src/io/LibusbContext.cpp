@@ -24,8 +24,7 @@ int LibusbContext::Create() {
     return result;
   }
   mContext.reset(context);
-  // Not supported outside Windows, not found where the driver is not installed: libusb then uses
-  // its own backend.
+  // Not supported outside Windows, not found where the driver is not installed: libusb then uses its own backend.
   const int usbDk = libusb_set_option(context, LIBUSB_OPTION_USE_USBDK);
   VEL_DEBUG("UsbDk: %s", libusb_error_name(usbDk));
   return LIBUSB_SUCCESS;

@@ -24,18 +24,17 @@ class LibusbContext {
   // Null before Create and after its failure.
   libusb_context* Get() const { return mContext.get(); }
 
-  // Starts the event thread; false when there can be none. `onEnd` is called on that thread when it
-  // has handled its last event, whatever ended it.
+  // Starts the event thread; false when there can be none. `onEnd` is called on that thread when it has handled its
+  // last event, whatever ended it.
   bool StartThread(std::function<void()> onEnd);
-  // Ends the event thread and waits for it: the length of the completion that it is in, if any. Not
-  // from the event thread.
-  void StopThread();
-  // Whether the event thread is there to complete transfers. Turns false before `onEnd`. Any
+  // Ends the event thread and waits for it: the length of the completion that it is in, if any. Not from the event
   // thread.
+  void StopThread();
+  // Whether the event thread is there to complete transfers. Turns false before `onEnd`. Any thread.
   bool ThreadHandlesEvents() const { return mThreadHandlesEvents; }
 
-  // Handles events on the caller's thread, for at most `limit`; completions run in it. Any thread,
-  // also while another one does the same. LIBUSB_ERROR_INTERRUPTED counts as success.
+  // Handles events on the caller's thread, for at most `limit`; completions run in it. Any thread, also while another
+  // one does the same. LIBUSB_ERROR_INTERRUPTED counts as success.
   int HandleEvents(std::chrono::milliseconds limit);
 
  private:

@@ -1,6 +1,7 @@
 #include "io/LibusbControl.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <cstring>
 #include <memory>
 #include <new>
@@ -9,18 +10,18 @@
 namespace vel {
 namespace {
 
-struct ControlFlight {
-  ControlFlight(LibusbHandle& handle, LibusbTransferPtr transfer, std::unique_ptr<std::uint8_t[]> bytes)
-      : owner(handle), buffer(std::move(bytes)), flight(std::move(transfer), LibusbFlight::kNoId) {}
+struct SyncTransfer {
+  SyncTransfer(LibusbHandle& handle, LibusbTransferPtr transfer, std::unique_ptr<std::uint8_t[]> bytes)
+      : owner(handle), buffer(std::move(bytes)), pending(std::move(transfer), LibusbPendingTransfer::kSyncId) {}
 
   LibusbHandle& owner;
   const std::unique_ptr<std::uint8_t[]> buffer;
-  LibusbFlight flight;
+  LibusbPendingTransfer pending;
 };
 
 void LIBUSB_CALL ControlDone(libusb_transfer* transfer) {
-  auto* control = static_cast<ControlFlight*>(transfer->user_data);
-  if (control->owner.Land(control->flight)) {
+  auto* control = static_cast<SyncTransfer*>(transfer->user_data);
+  if (control->owner.CompleteSync(control->pending)) {
     delete control;
   }
 }
@@ -63,18 +64,17 @@ int LibusbControl(LibusbHandle& owner, libusb_device_handle* handle, const Libus
   if (!isIn && request.wLength > 0) {
     std::memcpy(buffer.get() + LIBUSB_CONTROL_SETUP_SIZE, data, request.wLength);
   }
-  std::unique_ptr<ControlFlight> control(new (std::nothrow)
-                                             ControlFlight(owner, std::move(transfer), std::move(buffer)));
+  std::unique_ptr<SyncTransfer> control(new (std::nothrow) SyncTransfer(owner, std::move(transfer), std::move(buffer)));
   if (control == nullptr) {
     return LIBUSB_ERROR_NO_MEM;
   }
-  libusb_transfer& filled = *control->flight.transfer;
+  libusb_transfer& filled = *control->pending.transfer;
   libusb_fill_control_transfer(&filled, handle, control->buffer.get(), ControlDone, control.get(), request.timeout);
-  const int submitted = owner.Submit(control->flight);
+  const int submitted = owner.Submit(control->pending);
   if (submitted < 0) {
     return submitted;
   }
-  if (!owner.AwaitLanding(control->flight)) {
+  if (!owner.AwaitSync(control->pending)) {
     static_cast<void>(control.release());  // Its completion frees it.
     return LIBUSB_ERROR_IO;
   }

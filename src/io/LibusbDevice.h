@@ -2,15 +2,18 @@
 #define VEL_IO_LIBUSB_DEVICE_H
 
 #include <array>
+#include <bitset>
 #include <cstddef>
 #include <cstdint>
 #include <span>
 
 #include "io/LibusbConfigs.h"
-#include "io/LibusbEndpoints.h"
 #include "io/LibusbPtr.h"
 
 namespace vel {
+
+// A set of endpoint addresses, the direction bit included.
+using LibusbEndpoints = std::bitset<256>;
 
 // Interface numbers, and what reading them gave.
 struct LibusbInterfaces {
@@ -31,13 +34,13 @@ class LibusbDevice {
 
   // libusb's result; `*descriptor` is the held one, and null after a failure. Loop thread.
   int ReadDescriptor(libusb_device_descriptor** descriptor);
-  // libusb's result; `*config` is the active configuration or, on a device without one, the first.
-  // It stays valid as long as this object, and is null after a failure. Loop thread.
+  // libusb's result; `*config` is the active configuration or, on a device without one, the first. It stays valid as
+  // long as this object, and is null after a failure. Loop thread.
   int ReadConfig(libusb_config_descriptor** config);
   // The interfaces of the active configuration; none on a device without one. Any thread.
   LibusbInterfaces ReadInterfaces() const;
-  // The endpoints of all settings of one interface of the active configuration; none when that
-  // cannot be read. Any thread.
+  // The endpoints of all settings of one interface of the active configuration; none when that cannot be read. Any
+  // thread.
   LibusbEndpoints ReadEndpoints(int interfaceNumber) const;
 
  private:

@@ -7,8 +7,8 @@
 namespace vel {
 namespace {
 
-// Without an event thread: how long one wait in libusb lasts, since another thread may have handled
-// the awaited event just before; and how far apart failing attempts are.
+// Without an event thread: how long one wait in libusb lasts, since another thread may have handled the awaited event
+// just before; and how far apart failing attempts are.
 constexpr std::chrono::milliseconds kEventSlice{10};
 constexpr std::chrono::milliseconds kEventRetryPause{1};
 
@@ -44,8 +44,8 @@ int LibusbHandle::Close() {
     }
     mClosing = true;
     mChanged.NotifyAll();
-    for (const auto& [id, flight] : mPending) {
-      CancelFlight(*flight);
+    for (const auto& [id, pending] : mPending) {
+      CancelPending(*pending);
     }
   }
   const bool allCompleted = Await(nullptr);
@@ -89,48 +89,48 @@ void LibusbHandle::EndUse() {
   }
 }
 
-int LibusbHandle::Submit(LibusbFlight& flight) {
-  LibusbDeparture departure;
-  libusb_transfer* const transfer = flight.transfer.get();
+int LibusbHandle::Submit(LibusbPendingTransfer& pending) {
+  LibusbSubmission submission;
+  libusb_transfer* const transfer = pending.transfer.get();
   {
     MutexLock lock(mMutex);
-    while (mLulls > 0 && !mClosing) {
+    while (mBarriers > 0 && !mClosing) {
       mChanged.Wait(lock);
     }
     if (mClosing) {
       return LIBUSB_ERROR_NOT_FOUND;
     }
     try {
-      flight.place = mPending.emplace(flight.id, &flight);
+      pending.place = mPending.emplace(pending.id, &pending);
     } catch (const std::exception&) {
       return LIBUSB_ERROR_NO_MEM;
     }
-    flight.departure = &departure;
+    pending.submission = &submission;
     ++mInFlight;
   }
   const int result = libusb_submit_transfer(transfer);
   const MutexLock lock(mMutex);
   if (result < 0) {
-    EndFlight(flight);
+    Unfile(pending);
     --mInFlight;  // A close still waits for the caller's use.
-  } else if (!departure.landed) {
-    flight.departure = nullptr;
-    if (departure.cancelled) {
+  } else if (!submission.completed) {
+    pending.submission = nullptr;
+    if (submission.cancelled) {
       libusb_cancel_transfer(transfer);
     }
-    if (mLulls > 0) {
+    if (mBarriers > 0) {
       mChanged.NotifyAll();
     }
   }
   return result;
 }
 
-void LibusbHandle::Unfile(LibusbFlight& flight) {
+void LibusbHandle::BeginCompletion(LibusbPendingTransfer& pending) {
   const MutexLock lock(mMutex);
-  EndFlight(flight);
+  Unfile(pending);
 }
 
-void LibusbHandle::Finish() {
+void LibusbHandle::EndCompletion() {
   const MutexLock lock(mMutex);
   --mInFlight;
   if (mClosing) {
@@ -138,13 +138,13 @@ void LibusbHandle::Finish() {
   }
 }
 
-bool LibusbHandle::Land(LibusbFlight& flight) {
+bool LibusbHandle::CompleteSync(LibusbPendingTransfer& pending) {
   const MutexLock lock(mMutex);
-  EndFlight(flight);
+  Unfile(pending);
   --mInFlight;
-  flight.landed = true;
+  pending.completed = true;
   mChanged.NotifyAll();
-  return flight.disowned;
+  return pending.abandoned;
 }
 
 int LibusbHandle::Cancel(std::uint32_t id, bool* known) {
@@ -154,7 +154,7 @@ int LibusbHandle::Cancel(std::uint32_t id, bool* known) {
     --candidate;
     if (!candidate->second->cancelled) {
       *known = true;
-      return CancelFlight(*candidate->second);
+      return CancelPending(*candidate->second);
     }
   }
   *known = false;
@@ -168,15 +168,15 @@ bool LibusbHandle::IsBusy() {
 
 bool LibusbHandle::SubmissionIsUnderWay() const {
   return std::any_of(mPending.begin(), mPending.end(),
-                     [](const auto& entry) { return entry.second->departure != nullptr; });
+                     [](const auto& entry) { return entry.second->submission != nullptr; });
 }
 
-void LibusbHandle::BeginLull(const LibusbEndpoints& endpoints) {
+void LibusbHandle::BeginBarrier(const LibusbEndpoints& endpoints) {
   MutexLock lock(mMutex);
-  ++mLulls;
-  for (const auto& [id, flight] : mPending) {
-    if (id != LibusbFlight::kNoId && !flight->cancelled && endpoints.test(flight->transfer->endpoint)) {
-      CancelFlight(*flight);
+  ++mBarriers;
+  for (const auto& [id, pending] : mPending) {
+    if (id != LibusbPendingTransfer::kSyncId && !pending->cancelled && endpoints.test(pending->transfer->endpoint)) {
+      CancelPending(*pending);
     }
   }
   while (SubmissionIsUnderWay()) {
@@ -184,57 +184,57 @@ void LibusbHandle::BeginLull(const LibusbEndpoints& endpoints) {
   }
 }
 
-void LibusbHandle::EndLull() {
+void LibusbHandle::EndBarrier() {
   const MutexLock lock(mMutex);
-  --mLulls;
+  --mBarriers;
   mChanged.NotifyAll();
 }
 
-int LibusbHandle::CancelFlight(LibusbFlight& flight) {
-  flight.cancelled = true;
-  if (flight.departure != nullptr) {
-    flight.departure->cancelled = true;
+int LibusbHandle::CancelPending(LibusbPendingTransfer& pending) {
+  pending.cancelled = true;
+  if (pending.submission != nullptr) {
+    pending.submission->cancelled = true;
     return LIBUSB_SUCCESS;
   }
-  return libusb_cancel_transfer(flight.transfer.get());
+  return libusb_cancel_transfer(pending.transfer.get());
 }
 
-void LibusbHandle::EndFlight(LibusbFlight& flight) {
-  mPending.erase(flight.place);
-  if (flight.departure != nullptr) {
-    flight.departure->landed = true;
+void LibusbHandle::Unfile(LibusbPendingTransfer& pending) {
+  mPending.erase(pending.place);
+  if (pending.submission != nullptr) {
+    pending.submission->completed = true;
   }
-  if (mLulls > 0) {
+  if (mBarriers > 0) {
     mChanged.NotifyAll();
   }
 }
 
-bool LibusbHandle::AwaitLanding(LibusbFlight& flight) {
-  if (Await(&flight)) {
+bool LibusbHandle::AwaitSync(LibusbPendingTransfer& pending) {
+  if (Await(&pending)) {
     return true;
   }
   const MutexLock lock(mMutex);
-  flight.disowned = !flight.landed;
-  return flight.landed;
+  pending.abandoned = !pending.completed;
+  return pending.completed;
 }
 
-bool LibusbHandle::IsThrough(const LibusbFlight* flight) const {
-  return flight != nullptr ? flight->landed : mInFlight == 0 && mUses == 0;
+bool LibusbHandle::IsThrough(const LibusbPendingTransfer* pending) const {
+  return pending != nullptr ? pending->completed : mInFlight == 0 && mUses == 0;
 }
 
-// Until the flight has landed or, without one, until nothing keeps the device open. False when
-// libusb refuses to handle events.
-bool LibusbHandle::Await(const LibusbFlight* flight) {
+// Until the synchronous transfer is completed or, without one, until nothing keeps the device open. False when libusb
+// refuses to handle events.
+bool LibusbHandle::Await(const LibusbPendingTransfer* pending) {
   for (unsigned failures = 0; failures < kMaxEventFailures;) {
     {
       MutexLock lock(mMutex);
-      if (failures > 0 && !IsThrough(flight)) {
+      if (failures > 0 && !IsThrough(pending)) {
         mChanged.WaitUntil(lock, std::chrono::steady_clock::now() + kEventRetryPause);
       }
-      while (!IsThrough(flight) && mContext.ThreadHandlesEvents()) {
+      while (!IsThrough(pending) && mContext.ThreadHandlesEvents()) {
         mChanged.Wait(lock);
       }
-      if (IsThrough(flight)) {
+      if (IsThrough(pending)) {
         return true;
       }
     }

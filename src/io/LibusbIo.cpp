@@ -6,7 +6,6 @@
 
 #include "base/VelLog.h"
 #include "io/LibusbControl.h"
-#include "io/LibusbLull.h"
 #include "io/LibusbTransfer.h"
 
 namespace vel {
@@ -27,6 +26,16 @@ bool IsClearHalt(std::uint8_t bmRequestType, std::uint8_t bRequest, std::uint16_
 }
 
 const LibusbEndpoints kAllEndpoints = LibusbEndpoints().set();
+
+// Whether there is a device, or an open one. Where there is none, a log line says so, by `name` where the text has
+// another one than the function.
+bool IsThere(const void* device, const char* function, const char* name = nullptr, int line = __builtin_LINE()) {
+  if (device == nullptr) {
+    VEL_LOG_LINE(OSKELO_LOG_ERROR, function, line, "Error:%s failed LIBUSB_ERROR_NOT_FOUND\n",
+                 name == nullptr ? function : name);
+  }
+  return device != nullptr;
+}
 
 void KeepFirstFailure(int& first, int result) {
   if (first == LIBUSB_SUCCESS && result < 0) {
@@ -81,8 +90,7 @@ void LibusbIo::GetLibusbDev() {
 
 int LibusbIo::OpenUsbDev() {
   VEL_DEBUG("OpenUsbDev");
-  if (mDevice.Get() == nullptr) {
-    VEL_ERROR("OpenUsbDev failed LIBUSB_ERROR_NOT_FOUND\n");
+  if (!IsThere(mDevice.Get(), __func__)) {
     return LIBUSB_ERROR_NOT_FOUND;
   }
   const int result = mHandle.Open(mDevice.Get());
@@ -114,16 +122,11 @@ int LibusbIo::CloseUsbDev() {
 }
 
 std::uint8_t LibusbIo::GetDevicePortNumber() {
-  if (mDevice.Get() == nullptr) {
-    VEL_ERROR("GetDevicePortNumber failed LIBUSB_ERROR_NOT_FOUND\n");
-    return 0;
-  }
-  return libusb_get_port_number(mDevice.Get());
+  return IsThere(mDevice.Get(), __func__) ? libusb_get_port_number(mDevice.Get()) : std::uint8_t{0};
 }
 
 libusb_device_descriptor* LibusbIo::GetDeviceDesc() {
-  if (mDevice.Get() == nullptr) {
-    VEL_ERROR("GetDevDescript failed LIBUSB_ERROR_NOT_FOUND\n");
+  if (!IsThere(mDevice.Get(), __func__, "GetDevDescript")) {
     return nullptr;
   }
   libusb_device_descriptor* descriptor = nullptr;
@@ -135,8 +138,7 @@ libusb_device_descriptor* LibusbIo::GetDeviceDesc() {
 }
 
 libusb_config_descriptor* LibusbIo::GetConfigDesc() {
-  if (mDevice.Get() == nullptr) {
-    VEL_ERROR("GetDeviceconfig failed LIBUSB_ERROR_NOT_FOUND\n");
+  if (!IsThere(mDevice.Get(), __func__, "GetDeviceconfig")) {
     return nullptr;
   }
   libusb_config_descriptor* config = nullptr;
@@ -148,33 +150,21 @@ libusb_config_descriptor* LibusbIo::GetConfigDesc() {
 }
 
 std::uint8_t LibusbIo::GetBusNumber() {
-  if (mDevice.Get() == nullptr) {
-    VEL_ERROR("GetBusNumber failed LIBUSB_ERROR_NOT_FOUND\n");
-    return 0;
-  }
-  return libusb_get_bus_number(mDevice.Get());
+  return IsThere(mDevice.Get(), __func__) ? libusb_get_bus_number(mDevice.Get()) : std::uint8_t{0};
 }
 
 std::uint8_t LibusbIo::GetDeviceAddress() {
-  if (mDevice.Get() == nullptr) {
-    VEL_ERROR("GetDeviceAddress failed LIBUSB_ERROR_NOT_FOUND\n");
-    return 0;
-  }
-  return libusb_get_device_address(mDevice.Get());
+  return IsThere(mDevice.Get(), __func__) ? libusb_get_device_address(mDevice.Get()) : std::uint8_t{0};
 }
 
 std::uint8_t LibusbIo::GetDeviceSpeed() {
-  if (mDevice.Get() == nullptr) {
-    VEL_ERROR("GetDeviceSpeed failed LIBUSB_ERROR_NOT_FOUND\n");
-    return 0;
-  }
-  return static_cast<std::uint8_t>(libusb_get_device_speed(mDevice.Get()));
+  return IsThere(mDevice.Get(), __func__) ? static_cast<std::uint8_t>(libusb_get_device_speed(mDevice.Get()))
+                                          : std::uint8_t{0};
 }
 
 int LibusbIo::GetStringDescriptor(std::uint8_t index, std::uint16_t langId, std::uint8_t* buffer, int length) {
   const LibusbUse use(mHandle);
-  if (use.Get() == nullptr) {
-    VEL_ERROR("GetStringDescriptor failed LIBUSB_ERROR_NOT_FOUND\n");
+  if (!IsThere(use.Get(), __func__)) {
     return LIBUSB_ERROR_NOT_FOUND;
   }
   const LibusbControlRequest request{
@@ -193,7 +183,7 @@ int LibusbIo::ResetDevice() {
   const LibusbUse use(mHandle);
   int result = LIBUSB_ERROR_NOT_FOUND;
   if (use.Get() != nullptr) {
-    const LibusbLull lull(mHandle, kAllEndpoints);
+    const LibusbSubmitBarrier barrier(mHandle, kAllEndpoints);
     result = libusb_reset_device(use.Get());
     if (result < 0) {
       VEL_ERROR("libusb_reset_device: error %s [%d]", libusb_error_name(result), result);
@@ -210,9 +200,8 @@ int LibusbIo::AttachKernelDriver() {
   if (use.Get() != nullptr) {
     const LibusbInterfaces interfaces = mDevice.ReadInterfaces();
     result = interfaces.result;
-    const LibusbLull lull(mHandle, kAllEndpoints);
-    // All are released before the first is attached: a driver may want several of them (cdc_acm
-    // does).
+    const LibusbSubmitBarrier barrier(mHandle, kAllEndpoints);
+    // All are released before the first is attached: a driver may want several of them (cdc_acm does).
     for (const int number : interfaces.All()) {
       const int released = libusb_release_interface(use.Get(), number);
       if (released < 0) {
@@ -257,8 +246,7 @@ int LibusbIo::DetachKernelDriver() {
 
 int LibusbIo::ClearHalt(int endpoint) {
   const LibusbUse use(mHandle);
-  if (use.Get() == nullptr) {
-    VEL_ERROR("ClearHalt failed LIBUSB_ERROR_NOT_FOUND\n");
+  if (!IsThere(use.Get(), __func__)) {
     return LIBUSB_ERROR_NOT_FOUND;
   }
   return libusb_clear_halt(use.Get(), static_cast<unsigned char>(endpoint));
@@ -266,11 +254,10 @@ int LibusbIo::ClearHalt(int endpoint) {
 
 int LibusbIo::ReleaseAllInterface() {
   const LibusbUse use(mHandle);
-  if (use.Get() == nullptr) {
-    VEL_ERROR("ReleaseAllInterface failed LIBUSB_ERROR_NOT_FOUND\n");
+  if (!IsThere(use.Get(), __func__)) {
     return LIBUSB_ERROR_NOT_FOUND;
   }
-  const LibusbLull lull(mHandle, kAllEndpoints);
+  const LibusbSubmitBarrier barrier(mHandle, kAllEndpoints);
   const LibusbInterfaces interfaces = mDevice.ReadInterfaces();
   int first = interfaces.result;
   for (const int number : interfaces.All()) {
@@ -285,8 +272,7 @@ int LibusbIo::ReleaseAllInterface() {
 
 int LibusbIo::SetConfiguration(int configuration) {
   const LibusbUse use(mHandle);
-  if (use.Get() == nullptr) {
-    VEL_ERROR("SetConfiguration failed LIBUSB_ERROR_NOT_FOUND\n");
+  if (!IsThere(use.Get(), __func__)) {
     return LIBUSB_ERROR_NOT_FOUND;
   }
   return libusb_set_configuration(use.Get(), configuration);
@@ -294,8 +280,7 @@ int LibusbIo::SetConfiguration(int configuration) {
 
 int LibusbIo::ClaimAllInterface() {
   const LibusbUse use(mHandle);
-  if (use.Get() == nullptr) {
-    VEL_ERROR("ClaimAllInterface failed LIBUSB_ERROR_NOT_FOUND\n");
+  if (!IsThere(use.Get(), __func__)) {
     return LIBUSB_ERROR_NOT_FOUND;
   }
   const LibusbInterfaces interfaces = mDevice.ReadInterfaces();
@@ -312,13 +297,13 @@ int LibusbIo::ClaimAllInterface() {
 
 int LibusbIo::SetInterfaceAltSetting(int interfaceNumber, int altSetting) {
   const LibusbUse use(mHandle);
-  if (use.Get() == nullptr) {
-    VEL_ERROR("SetInterfaceAltSetting failed LIBUSB_ERROR_NOT_FOUND\n");
+  if (!IsThere(use.Get(), __func__)) {
     return LIBUSB_ERROR_NOT_FOUND;
   }
-  const LibusbLull lull(mHandle, mHandle.IsBusy() ? mDevice.ReadEndpoints(interfaceNumber) : LibusbEndpoints());
-  // libusb up to 1.0.26 unlocks a lock that it does not hold when this is asked of a device that is
-  // gone, and then aborts the process when it is closed. This asks first, for nothing else.
+  const LibusbSubmitBarrier barrier(mHandle,
+                                    mHandle.IsBusy() ? mDevice.ReadEndpoints(interfaceNumber) : LibusbEndpoints());
+  // libusb up to 1.0.26 unlocks a lock that it does not hold when this is asked of a device that is gone, and then
+  // aborts the process when it is closed. This asks first, for nothing else.
   int result = libusb_kernel_driver_active(use.Get(), interfaceNumber);
   if (result != LIBUSB_ERROR_NO_DEVICE) {
     result = libusb_set_interface_alt_setting(use.Get(), interfaceNumber, altSetting);
@@ -343,8 +328,7 @@ int LibusbIo::CancelTransfer(std::uint32_t localXferId) {
 int LibusbIo::ControlTransfer(std::uint8_t bmRequestType, std::uint8_t bRequest, std::uint16_t wValue,
                               std::uint16_t wIndex, std::uint8_t* data, std::uint16_t wLength, std::uint32_t timeout) {
   const LibusbUse use(mHandle);
-  if (use.Get() == nullptr) {
-    VEL_ERROR("ControlTransfer failed LIBUSB_ERROR_NOT_FOUND\n");
+  if (!IsThere(use.Get(), __func__)) {
     return LIBUSB_ERROR_NOT_FOUND;
   }
   if (IsPortReset(bmRequestType, bRequest, wValue)) {
@@ -378,8 +362,7 @@ int LibusbIo::SubmitBulkLike(_UsbIoXferInfo* info, libusb_transfer_type type, co
   }
   const LibusbUse use(mHandle);
   XferGuard completion(info);
-  if (use.Get() == nullptr) {
-    VEL_LOG_LINE(OSKELO_LOG_ERROR, operation, __LINE__, "Error:%s failed LIBUSB_ERROR_NOT_FOUND\n", operation);
+  if (!IsThere(use.Get(), operation)) {
     return LIBUSB_ERROR_NOT_FOUND;
   }
   VEL_LOG_LINE(OSKELO_LOG_DEBUG, operation, __LINE__, "Debug:%s streamid[%d] epaddr[%d] len[%d]", operation,
@@ -409,8 +392,7 @@ int LibusbIo::IsochTransfer(_UsbIoXferInfo* info) {
   }
   const LibusbUse use(mHandle);
   XferGuard completion(info);
-  if (use.Get() == nullptr) {
-    VEL_ERROR("IsoTransfer failed LIBUSB_ERROR_NOT_FOUND\n");
+  if (!IsThere(use.Get(), __func__, "IsoTransfer")) {
     return LIBUSB_ERROR_NOT_FOUND;
   }
   VEL_DEBUG("IsoTransfer streamid[0x%x] epaddr[0x%x] len[%d] isonum[%d]", info->streamId, unsigned{info->epAddr},

@@ -13,20 +13,18 @@ namespace vel {
 
 // A real device of this machine, through libusb.
 //
-// Threads: operations come from the loop thread; AttachKernelDriver, ResetDevice, CloseUsbDev and
-// the destructor may come from another one meanwhile. Records are completed on the event thread,
-// those that cannot be submitted on the caller's, with no lock held. A completion may submit and
-// cancel; it must not close or destroy the backend, nor make a synchronous transfer.
+// Threads: operations come from the loop thread; AttachKernelDriver, ResetDevice, CloseUsbDev and the destructor may
+// come from another one meanwhile. Records are completed on the event thread, those that cannot be submitted on the
+// caller's, with no lock held. A completion may submit and cancel; it must not close or destroy the backend, nor make a
+// synchronous transfer.
 //
-// Without an event thread (it could not be started, or libusb reported an error to it) transfers
-// are still accepted: whoever then waits, in ControlTransfer, GetStringDescriptor or CloseUsbDev,
-// handles libusb's events itself, and completions run on that thread. When libusb refuses to handle
-// events even so, a synchronous transfer ends with LIBUSB_ERROR_IO, and a close gives the records
-// back as cancelled after closing the handle.
+// Without an event thread (it could not be started, or libusb reported an error to it) transfers are still accepted:
+// whoever then waits, in ControlTransfer, GetStringDescriptor or CloseUsbDev, handles libusb's events itself, and
+// completions run on that thread. When libusb refuses to handle events even so, a synchronous transfer ends with
+// LIBUSB_ERROR_IO, and a close gives the records back as cancelled after closing the handle.
 //
-// ControlTransfer and GetStringDescriptor are asynchronous transfers underneath. A close ends them:
-// they then return LIBUSB_ERROR_IO, and the handle is closed only when they are through, and every
-// other operation too.
+// ControlTransfer and GetStringDescriptor are asynchronous transfers underneath. A close ends them: they then return
+// LIBUSB_ERROR_IO, and the handle is closed only when they are through, and every other operation too.
 class LibusbIo : public IUsbIo {
  public:
   // `device` outlives the backend; not null.
@@ -37,13 +35,12 @@ class LibusbIo : public IUsbIo {
   // The libusb_device_handle*, null while closed. Valid until CloseUsbDev.
   void* GetIoHandler() override;
   std::uint8_t GetIoType() override;
-  // Finds the device and starts the event thread. A failure shows in the later operations; a second
-  // call does nothing.
+  // Finds the device and starts the event thread. A failure shows in the later operations; a second call does nothing.
   void Init() override;
   // Detaches and claims nothing. A device that is open already stays as it is.
   int OpenUsbDev() override;
-  // Returns when every record has been completed and the handle is closed: milliseconds, unless a
-  // completion or an operation that is under way takes longer.
+  // Returns when every record has been completed and the handle is closed: milliseconds, unless a completion or an
+  // operation that is under way takes longer.
   int CloseUsbDev() override;
   std::uint8_t GetDevicePortNumber() override;
   // Read anew into the one held descriptor by each call.
@@ -55,11 +52,11 @@ class LibusbIo : public IUsbIo {
   std::uint8_t GetDeviceSpeed() override;
   // Blocks for at most a second.
   int GetStringDescriptor(std::uint8_t index, std::uint16_t langId, std::uint8_t* buffer, int length) override;
-  // Like the release of interfaces and, for its own endpoints, a new alternate setting, it ends the
-  // transfers in flight as cancelled.
+  // Like the release of interfaces and, for its own endpoints, a new alternate setting, it ends the transfers in flight
+  // as cancelled.
   int ResetDevice() override;
-  // The four below go through all interfaces of the active configuration, also after a failure, and
-  // return the first failure. A device without active configuration has no interfaces.
+  // The four below go through all interfaces of the active configuration, also after a failure, and return the first
+  // failure. A device without active configuration has no interfaces.
   int AttachKernelDriver() override;
   int DetachKernelDriver() override;
   int ReleaseAllInterface() override;
@@ -67,8 +64,7 @@ class LibusbIo : public IUsbIo {
   int ClearHalt(int endpoint) override;
   int SetConfiguration(int configuration) override;
   int SetInterfaceAltSetting(int interfaceNumber, int altSetting) override;
-  // The newest transfer with this id; LIBUSB_ERROR_NOT_FOUND when there is none or it was cancelled
-  // before.
+  // The newest transfer with this id; LIBUSB_ERROR_NOT_FOUND when there is none or it was cancelled before.
   int CancelTransfer(std::uint32_t localXferId) override;
   int ControlTransfer(std::uint8_t bmRequestType, std::uint8_t bRequest, std::uint16_t wValue, std::uint16_t wIndex,
                       std::uint8_t* data, std::uint16_t wLength, std::uint32_t timeout) override;

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <climits>
+#include <cstddef>
+#include <cstdlib>
 #include <cstring>
 #include <new>
 #include <span>
@@ -32,8 +34,8 @@ bool HasTable(const _UsbIoXferInfo& info) {
 }  // namespace
 
 LibusbTransfer::LibusbTransfer(LibusbHandle& owner, _UsbIoXferInfo& info, LibusbTransferPtr transfer, Block isoBuffer)
-    : mOwner(owner), mInfo(&info), mIsoBuffer(std::move(isoBuffer)), mFlight(std::move(transfer), info.localXferId) {
-  mFlight.transfer->user_data = this;
+    : mOwner(owner), mInfo(&info), mIsoBuffer(std::move(isoBuffer)), mPending(std::move(transfer), info.localXferId) {
+  mPending.transfer->user_data = this;
 }
 
 int LibusbTransfer::Submit(LibusbHandle& owner, libusb_device_handle* handle, _UsbIoXferInfo& info,
@@ -94,7 +96,7 @@ int LibusbTransfer::Submit(std::unique_ptr<LibusbTransfer> self) {
     return LIBUSB_ERROR_NO_MEM;
   }
   LibusbTransfer* const submitted = self.release();
-  const int result = submitted->mOwner.Submit(submitted->mFlight);
+  const int result = submitted->mOwner.Submit(submitted->mPending);
   if (result < 0) {
     self.reset(submitted);
   }
@@ -110,14 +112,14 @@ void LIBUSB_CALL LibusbTransfer::FuncAsyncTransferCB(libusb_transfer* transfer) 
   }
   std::unique_ptr<LibusbTransfer> self(static_cast<LibusbTransfer*>(transfer->user_data));
   LibusbHandle& owner = self->mOwner;
-  owner.Unfile(self->mFlight);
+  owner.BeginCompletion(self->mPending);
   self->Complete();
   self.reset();
-  owner.Finish();
+  owner.EndCompletion();
 }
 
 void LibusbTransfer::Complete() {
-  libusb_transfer& transfer = *mFlight.transfer;
+  libusb_transfer& transfer = *mPending.transfer;
   if (transfer.status != LIBUSB_TRANSFER_COMPLETED) {
     VEL_ERROR("Libusb transfer status error[%d]!, transfer_type[%d]", static_cast<int>(transfer.status),
               int{transfer.type});
@@ -140,11 +142,10 @@ void LibusbTransfer::Complete() {
   CompleteXfer(mInfo);
 }
 
-// The result of an OUT transfer is its own buffer, with the packet table written over the head of
-// it.
+// The result of an OUT transfer is its own buffer, with the packet table written over the head of it.
 void LibusbTransfer::TakeIsoOut(std::uint32_t moved) {
   std::size_t index = 0;
-  for (const libusb_iso_packet_descriptor& packet : Packets(*mFlight.transfer)) {
+  for (const libusb_iso_packet_descriptor& packet : Packets(*mPending.transfer)) {
     IsoPacketRecord record = LoadIsoRecord(mIsoBuffer.get(), index);
     record.length = packet.length;
     record.actual_length = packet.actual_length;
@@ -154,10 +155,10 @@ void LibusbTransfer::TakeIsoOut(std::uint32_t moved) {
   ReplaceXferData(*mInfo, mIsoBuffer.release(), moved);
 }
 
-// The result of an IN transfer is the packet table and, behind it without gaps, what the packets
-// brought. False when there is no memory.
+// The result of an IN transfer is the packet table and, behind it without gaps, what the packets brought. False when
+// there is no memory.
 bool LibusbTransfer::TakeIsoIn() {
-  const std::span packets = Packets(*mFlight.transfer);
+  const std::span packets = Packets(*mPending.transfer);
   std::size_t length = packets.size() * sizeof(IsoPacketRecord);
   for (const libusb_iso_packet_descriptor& packet : packets) {
     length += Moved(packet);

@@ -12,17 +12,15 @@ namespace vel {
 
 // A transfer record on its way through libusb. Made by a submission, freed by its completion.
 //
-// An isochronous transfer has a buffer of its own. The request's block stays with the record until
-// the completion replaces it, so that the record is whole whenever a submission fails, and an early
-// completion finds it settled.
+// An isochronous transfer has a buffer of its own. The request's block stays with the record until the completion
+// replaces it, so that the record is whole whenever a submission fails, and an early completion finds it settled.
 class LibusbTransfer {
  public:
-  // Submits `info` as `type` (bulk or interrupt). Called with a LibusbUse held, of which `handle`
-  // is. On success the record belongs to its completion and may be gone; after a failure it is as
-  // it was, and the caller completes it.
+  // Submits `info` as `type` (bulk or interrupt). Called with a LibusbUse held, of which `handle` is. On success the
+  // record belongs to its completion and may be gone; after a failure it is as it was, and the caller completes it.
   static int Submit(LibusbHandle& owner, libusb_device_handle* handle, _UsbIoXferInfo& info, libusb_transfer_type type);
-  // The same for an isochronous record. LIBUSB_ERROR_INVALID_PARAM when the packet table does not
-  // fit the record's data, or the packets do not (OUT) or are absurd (IN).
+  // The same for an isochronous record. LIBUSB_ERROR_INVALID_PARAM when the packet table does not fit the record's
+  // data, or the packets do not (OUT) or are absurd (IN).
   static int SubmitIso(LibusbHandle& owner, libusb_device_handle* handle, _UsbIoXferInfo& info);
 
  private:
@@ -42,7 +40,7 @@ class LibusbTransfer {
   LibusbHandle& mOwner;
   _UsbIoXferInfo* const mInfo;
   Block mIsoBuffer;
-  LibusbFlight mFlight;
+  LibusbPendingTransfer mPending;
 };
 
 }  // namespace vel
