@@ -16,12 +16,12 @@ namespace vel {
 // remain valid until it is closed or destroyed.
 //
 // Loop thread for everything, but for Stop of a session: AttachKernelDriver, ResetDevice, CloseUsbDev and the
-// destructor may come from another thread while an operation runs. A synchronous operation then returns soon
-// with an error.
+// destructor may come from another thread while an operation runs. A synchronous operation then returns soon with an
+// error.
 //
 // Bulk, interrupt and isochronous transfers return as soon as they are queued. Every record that is passed in is
-// completed exactly once (UsbIoXferInfo.h), also when it cannot be submitted: then with status 1, before the
-// negative result is returned. A null record is a legal call that does nothing.
+// completed exactly once (UsbIoXferInfo.h), also when it cannot be submitted: then with status 1, before the negative
+// result is returned. A null record is a legal call that does nothing.
 class IUsbIo {
  public:
   IUsbIo() = default;

@@ -8,8 +8,8 @@
 
 namespace vel {
 
-// A new backend for the device, owned by the caller: emulated for type 1, libusb for type 2; null for any
-// other type. `device` outlives it. Any thread.
+// A new backend for the device, owned by the caller: emulated for type 1, libusb for type 2; null for any other type.
+// `device` outlives it. Any thread.
 IUsbIo* CreateUsbIo(std::uint32_t type, VelDeviceBase* device);
 
 }  // namespace vel

@@ -1,7 +1,5 @@
 #include "io/LibusbDevice.h"
 
-#include <utility>
-
 namespace vel {
 
 bool LibusbDevice::Find(std::span<libusb_device* const> list, std::uint8_t bus, std::uint8_t address) {

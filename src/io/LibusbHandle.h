@@ -41,8 +41,8 @@ struct LibusbPendingTransfer {
   bool abandoned = false;  // Synchronous transfers only: nobody waits for it any more.
 };
 
-// The open device and all that keeps it open: operations under way (uses), barriers against submissions, and
-// transfers in flight. A transfer is in flight from its submission to the end of its completion.
+// The open device and all that keeps it open: operations under way (uses), barriers against submissions, and transfers
+// in flight. A transfer is in flight from its submission to the end of its completion.
 //
 //   handle  closing  barriers | a use is   a submission is             a close
 //   ------  -------  -------- | ---------  --------------------------  --------------------------------------------
@@ -53,8 +53,8 @@ struct LibusbPendingTransfer {
 //                                                                      one waits for the first
 //
 // A cancel reaches what is in flight and not in its completion, in every state; a transfer whose submission has not
-// returned is cancelled right after. A barrier begins when no submission is under way. Each submission and each
-// barrier is part of a use.
+// returned is cancelled right after. A barrier begins when no submission is under way. Each submission and each barrier
+// is part of a use.
 //
 // One lock guards it. It is held across libusb_cancel_transfer, which completes nothing itself, so that a transfer is
 // not freed while it is being cancelled; never across a submission or a completion.
@@ -71,8 +71,8 @@ class LibusbHandle {
   // libusb's result; success when it is open already. Loop thread.
   int Open(libusb_device* device);
   // Cancels what is in flight, waits until all of it is completed and no operation is under way, and closes.
-  // LIBUSB_ERROR_NOT_FOUND when nothing is open. Any thread but the one that handles events; the second of two
-  // callers waits for the first.
+  // LIBUSB_ERROR_NOT_FOUND when nothing is open. Any thread but the one that handles events; the second of two callers
+  // waits for the first.
   int Close() VEL_EXCLUDES(mMutex);
   // Null while closed and from the start of a close. Any thread.
   libusb_device_handle* Get() VEL_EXCLUDES(mMutex);
@@ -85,8 +85,8 @@ class LibusbHandle {
   void BeginCompletion(LibusbPendingTransfer& pending) VEL_EXCLUDES(mMutex);
   // Last act of a completion: a close does not wait for it any more.
   void EndCompletion() VEL_EXCLUDES(mMutex);
-  // Cancels the newest transfer with this id that was not cancelled before. LIBUSB_ERROR_NOT_FOUND with `*known`
-  // false when there is none, otherwise libusb's result.
+  // Cancels the newest transfer with this id that was not cancelled before. LIBUSB_ERROR_NOT_FOUND with `*known` false
+  // when there is none, otherwise libusb's result.
   int Cancel(std::uint32_t id, bool* known) VEL_EXCLUDES(mMutex);
 
   // Whether anything is in flight. Any thread.

@@ -1,6 +1,7 @@
 #include "io/LibusbIo.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 

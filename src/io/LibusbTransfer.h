@@ -5,8 +5,8 @@
 #include <cstdlib>
 #include <memory>
 
-#include "io/IUsbIo.h"
 #include "io/LibusbHandle.h"
+#include "io/UsbIoXferInfo.h"
 
 namespace vel {
 

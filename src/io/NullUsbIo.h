@@ -1,6 +1,8 @@
 #ifndef VEL_IO_NULL_USB_IO_H
 #define VEL_IO_NULL_USB_IO_H
 
+#include <cstdint>
+
 #include "io/IUsbIo.h"
 
 namespace vel {

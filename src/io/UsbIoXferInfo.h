@@ -1,8 +1,8 @@
 // The record of one asynchronous transfer, its completion interface, and who may do what with it.
 //
-// The submitter (VirtUDevice, or the camera policy for its own reads) allocates the record, `reqBuf`, `data`
-// and `isoDescCopy` with malloc. A backend never frees the record; it may replace `data` with another malloc
-// block or set it to null, and then frees the block that was there. The completion frees what is left.
+// The submitter (VirtUDevice, or the camera policy for its own reads) allocates the record, `reqBuf`, `data` and
+// `isoDescCopy` with malloc. A backend never frees the record; it may replace `data` with another malloc block or set
+// it to null, and then frees the block that was there. The completion frees what is left.
 #ifndef VEL_IO_USB_IO_XFER_INFO_H
 #define VEL_IO_USB_IO_XFER_INFO_H
 
@@ -11,8 +11,6 @@
 #include <memory>
 #include <utility>
 
-#include "protocol/VelPacket.h"
-
 namespace vel {
 
 class IUsbIo;
@@ -20,8 +18,8 @@ struct _UsbIoXferInfo;
 
 class UsbIoTransferCallback {
  public:
-  // Takes the record over. Completion thread of the backend, or the submitter's own thread during the
-  // submission; called with no lock held; must not block.
+  // Takes the record over. Completion thread of the backend, or the submitter's own thread during the submission;
+  // called with no lock held; must not block.
   virtual void UsbIoXferCb(_UsbIoXferInfo* info) = 0;
   virtual ~UsbIoTransferCallback() = default;
 
@@ -76,8 +74,8 @@ constexpr bool IsIn(const _UsbIoXferInfo& info) {
 // Replaces the record's data by another malloc block (or null) and frees the one before.
 void ReplaceXferData(_UsbIoXferInfo& info, std::uint8_t* data, std::uint32_t length);
 
-// Gives the record to its callback. The record may be gone when this returns. A record without callback is
-// freed, so that none is lost.
+// Gives the record to its callback. The record may be gone when this returns. A record without callback is freed, so
+// that none is lost.
 void CompleteXfer(_UsbIoXferInfo* info);
 
 // Completes a transfer that failed at the device: the status, no data.
@@ -95,8 +93,8 @@ using XferPtr = std::unique_ptr<_UsbIoXferInfo, XferDeleter>;
 // A zeroed record, or null when there is no memory.
 XferPtr MakeXfer();
 
-// Exactly one completion for a record that was passed to a backend: unless it is released to whoever completes
-// it later, the record is completed as "could not be submitted" (status 1, data as it is).
+// Exactly one completion for a record that was passed to a backend: unless it is released to whoever completes it
+// later, the record is completed as "could not be submitted" (status 1, data as it is).
 class XferGuard {
  public:
   explicit XferGuard(_UsbIoXferInfo* info) : mInfo(info) {}

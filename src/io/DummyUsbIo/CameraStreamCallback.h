@@ -12,8 +12,8 @@ class CameraStreamCallback {
   CameraStreamCallback(const CameraStreamCallback&) = delete;
   CameraStreamCallback& operator=(const CameraStreamCallback&) = delete;
 
-  // One picture, valid during the call; the source's thread, no lock of the source held. `context`
-  // is what was given with the callback, and may be stale when it was given for an earlier picture.
+  // One picture, valid during the call; the source's thread, no lock of the source held. `context` is what was given
+  // with the callback, and may be stale when it was given for an earlier picture.
   virtual void CameraStreamCb(std::uint8_t* data, std::uint32_t length, void* context) = 0;
 
  protected:

@@ -13,8 +13,8 @@ namespace vel {
 
 // A configuration in libusb's layout, built from the bytes of a configuration descriptor and owned here.
 //
-// Class-specific descriptors become the extra bytes of the descriptor that they follow. Reading stops at the
-// last whole descriptor. The bytes are copied.
+// Class-specific descriptors become the extra bytes of the descriptor that they follow. Reading stops at the last whole
+// descriptor. The bytes are copied.
 class ConfigDescTree : private DummyUsbUtils {
  public:
   explicit ConfigDescTree(std::span<const std::uint8_t> bytes);

@@ -1,7 +1,7 @@
 #include "io/DummyUsbIo/DummyCamera.h"
 
-#include <array>
 #include <chrono>
+#include <cstddef>
 #include <cstring>
 #include <numeric>
 #include <system_error>

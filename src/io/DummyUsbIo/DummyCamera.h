@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cstdint>
 #include <span>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -12,8 +13,8 @@
 
 namespace vel {
 
-// A synthetic source that paints a moving test pattern: one picture for each SetStreamCallback, 30
-// ms or more apart. The array of GetParamList is the caller's, who frees it with delete[].
+// A synthetic source that paints a moving test pattern: one picture for each SetStreamCallback, 30 ms or more apart.
+// The array of GetParamList is the caller's, who frees it with delete[].
 class DummyCamera final : public ICamera {
  public:
   DummyCamera() = default;

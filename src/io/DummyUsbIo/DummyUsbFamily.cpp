@@ -220,8 +220,8 @@ bool DummyUsbFamily::FillIsochTable(_UsbIoXferInfo& info) {
 
 bool DummyUsbFamily::FillIsochIn(_UsbIoXferInfo& info, std::uint32_t payload) {
   const auto table = static_cast<std::uint32_t>(IsoTableSize(info.isoPacketNum));
-  // The header's size has 8 bits, so that from 16 packets on the data starts inside the table: an inherited
-  // limit that remote sides know. The block holds all that is written.
+  // The header's size has 8 bits, so that from 16 packets on the data starts inside the table: an inherited limit that
+  // remote sides know. The block holds all that is written.
   const auto headerSize = static_cast<std::uint8_t>(table);
   const std::uint32_t length = headerSize + payload;
   auto* answer = static_cast<std::uint8_t*>(std::malloc(std::max({table, length, 1U})));

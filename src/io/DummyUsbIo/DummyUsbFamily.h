@@ -2,6 +2,7 @@
 #define VEL_IO_DUMMY_USB_IO_DUMMY_USB_FAMILY_H
 
 #include <cstdint>
+#include <memory>
 #include <span>
 
 #include "io/DummyUsbIo/ConfigDescTree.h"
@@ -42,9 +43,9 @@ struct DummyUsbProfile {
   void (*logRequest)(std::uint16_t wValue, std::uint16_t wIndex, std::uint16_t wLength) = nullptr;
 };
 
-// The behaviour of the simple emulated devices: fixed descriptors, canned control answers, and data endpoints
-// that deliver a byte pattern. No request fails. Transfers complete on the caller's thread, or stay pending
-// until they are cancelled or the device is closed.
+// The behaviour of the simple emulated devices: fixed descriptors, canned control answers, and data endpoints that
+// deliver a byte pattern. No request fails. Transfers complete on the caller's thread, or stay pending until they are
+// cancelled or the device is closed.
 //
 // Control answers are chosen by wValue, whatever the request is, unless a canned answer says more.
 class DummyUsbFamily : public IUsbIo, private DummyUsbUtils {

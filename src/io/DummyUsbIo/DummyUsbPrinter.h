@@ -1,6 +1,8 @@
 #ifndef VEL_IO_DUMMY_USB_IO_DUMMY_USB_PRINTER_H
 #define VEL_IO_DUMMY_USB_IO_DUMMY_USB_PRINTER_H
 
+#include <cstdint>
+
 #include "io/DummyUsbIo/DummyUsbFamily.h"
 
 namespace vel {

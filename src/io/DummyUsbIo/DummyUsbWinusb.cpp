@@ -22,7 +22,8 @@ constexpr std::array<std::uint8_t, 60> kConfigDesc = {
     0x07, 0x05, 0x03, 0x03, 0x40, 0x00, 0x00,              // interrupt OUT 0x03
 };
 
-// Vendor code 0x01 is announced here, but the feature requests are answered for bRequest 0xA0 only, as meant.
+// Vendor code 0x01 is announced here, but the feature requests are answered for bRequest 0xA0 only,
+// as remote sides know the device.
 constexpr std::array<std::uint8_t, 18> kOsString = {
     0x12, 0x03, 0x4D, 0x00, 0x53, 0x00, 0x46, 0x00, 0x54, 0x00, 0x31, 0x00, 0x30, 0x00, 0x30, 0x00,  // "MSFT100"
     0x01, 0x00,                                                                                      // vendor code, pad

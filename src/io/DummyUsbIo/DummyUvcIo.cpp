@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstddef>
 #include <span>
 #include <utility>
 
@@ -17,8 +18,7 @@ constexpr std::uint8_t kUncompressedFrame = 5;  // VS_FRAME_UNCOMPRESSED (UVC 1.
 constexpr std::uint8_t kStandardIn = 0x80;
 constexpr std::uint8_t kGetDescriptor = 6;
 
-// USB 2.00, miscellaneous class with interface association; vendor and product are the
-// constructor's.
+// USB 2.00, miscellaneous class with interface association; vendor and product are the constructor's.
 constexpr std::array<std::uint8_t, LIBUSB_DT_DEVICE_SIZE> kDeviceDesc = {
     0x12, 0x01, 0x00, 0x02, 0xEF, 0x02, 0x01, 0x40, 0x00, 0x00, 0x00, 0x00, 0x02, 0x27, 0x01, 0x01, 0x00, 0x01,
 };

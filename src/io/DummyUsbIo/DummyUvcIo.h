@@ -21,13 +21,13 @@
 
 namespace vel {
 
-// A USB Video Class camera without a camera behind the bus: its pictures come from a camera source,
-// one whole picture for each isochronous transfer, without payload headers and packets. It says
-// what it is by descriptors built from the sizes that the source lists when it is opened.
+// A USB Video Class camera without a camera behind the bus: its pictures come from a camera source, one whole picture
+// for each isochronous transfer, without payload headers and packets. It says what it is by descriptors built from the
+// sizes that the source lists when it is opened.
 //
-// One transfer waits for a picture at a time. Another one in its place, a null one, closing and
-// cancelling complete it as cancelled, as every transfer while the device is closed. A source's
-// failure to start or stop is logged; the guest sees success.
+// One transfer waits for a picture at a time. Another one in its place, a null one, closing and cancelling complete it
+// as cancelled, as every transfer while the device is closed. A source's failure to start or stop is logged; the guest
+// sees success.
 //
 // Completions come on the source's thread, or on the caller's for those that are cancelled.
 class VEL_MODULE_EXPORT DummyUvcIo final : public IUsbIo,
@@ -108,8 +108,7 @@ class VEL_MODULE_EXPORT DummyUvcIo final : public IUsbIo,
   std::atomic<bool> mSourceHasMjpeg{false};
   std::atomic<std::uint32_t> mIoCapability{0};
 
-  // Open, close and alternate settings. Held while the source starts and stops, and never in a
-  // completion.
+  // Open, close and alternate settings. Held while the source starts and stops, and never in a completion.
   Mutex mMutex;
   std::unique_ptr<ICamera> mCamera VEL_GUARDED_BY(mMutex);
   std::vector<_CameraParam> mSupportedParams VEL_GUARDED_BY(mMutex);

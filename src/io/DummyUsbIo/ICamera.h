@@ -25,12 +25,10 @@ struct _CameraInfo {
 static_assert(sizeof(_CameraInfo) == 920 && offsetof(_CameraInfo, name) == 20 &&
               offsetof(_CameraInfo, available) == 148);
 
-// Where the emulated camera's pictures come from. The order of the virtual operations is a binary
-// interface.
+// Where the emulated camera's pictures come from. The order of the virtual operations is a binary interface.
 //
-// Results are 0 or more, or negative on failure. One thread at a time, but for SetStreamCallback,
-// which any thread may call while another operation runs; no callback comes after StreamOff has
-// returned.
+// Results are 0 or more, or negative on failure. One thread at a time, but for SetStreamCallback, which any thread may
+// call while another operation runs; no callback comes after StreamOff has returned.
 class ICamera {
  public:
   ICamera() = default;
@@ -41,8 +39,7 @@ class ICamera {
 
   // Appends.
   virtual int GetCameraList(std::vector<_CameraInfo>& list) = 0;
-  // The kinds of picture that the camera delivers. Whose the array is depends on the source: see
-  // there.
+  // The kinds of picture that the camera delivers. Whose the array is depends on the source: see there.
   virtual int GetParamList(_CameraParam** list, int* count) = 0;
   virtual int Open(const std::string& id) = 0;
   virtual int Close() = 0;

@@ -13,8 +13,7 @@ enum CameraType : int {
 
 class ICameraFactory {
  public:
-  // A new source, owned by the caller: local for 1, null for 2, synthetic for any other type. Any
-  // thread.
+  // A new source, owned by the caller: local for 1, null for 2, synthetic for any other type. Any thread.
   static ICamera* CreateCamera(int type);
 };
 

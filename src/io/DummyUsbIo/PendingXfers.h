@@ -9,8 +9,8 @@
 
 namespace vel {
 
-// Transfers of an emulated endpoint that has nothing to say. Owns them until they are cancelled. Any thread;
-// completes with no lock held.
+// Transfers of an emulated endpoint that has nothing to say. Owns them until they are cancelled. Any thread; completes
+// with no lock held.
 class PendingXfers {
  public:
   PendingXfers() = default;

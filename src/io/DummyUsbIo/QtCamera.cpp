@@ -155,8 +155,7 @@ void QtCamera::OpenCamera(void* context) {
 }
 
 int QtCamera::Close() {
-  // Also for a camera that is still being opened. Not for one that could not be: the id may be
-  // another's.
+  // Also for a camera that is still being opened. Not for one that could not be: the id may be another's.
   if (mOpening != nullptr) {
     CamClose(mCameraId.c_str());
   }

@@ -1,22 +1,22 @@
 #ifndef VEL_IO_DUMMY_USB_IO_QT_CAMERA_H
 #define VEL_IO_DUMMY_USB_IO_QT_CAMERA_H
 
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "io/DummyUsbIo/ICamera.h"
 
 namespace vel {
 
-// A local camera, through the capture library. Its pictures go to the callback that is registered
-// with that library; SetStreamCallback has no part in it. The array of GetParamList is the
-// library's, valid until Close.
+// A local camera, through the capture library. Its pictures go to the callback that is registered with that library;
+// SetStreamCallback has no part in it. The array of GetParamList is the library's, valid until Close.
 //
-// Threads: the library's worker opens the camera, the open thread holds that worker until the
-// camera is closed, and the stream thread is inside the library while it captures. Neither a camera
-// that does not finish opening nor one that does not stop keeps the caller: what it needs is shared
-// with its thread, which ends by itself.
+// Threads: the library's worker opens the camera, the open thread holds that worker until the camera is closed, and the
+// stream thread is inside the library while it captures. Neither a camera that does not finish opening nor one that
+// does not stop keeps the caller: what it needs is shared with its thread, which ends by itself.
 class QtCamera final : public ICamera {
  public:
   QtCamera() = default;

@@ -10,12 +10,12 @@
 
 namespace vel {
 
-// Writes the configuration descriptor of the emulated camera (UVC 1.00): a control interface and a
-// streaming interface that offers each size as YUY2 and, when asked to, before that as MJPEG.
+// Writes the configuration descriptor of the emulated camera (UVC 1.00): a control interface and a streaming interface
+// that offers each size as YUY2 and, when asked to, before that as MJPEG.
 //
-// Bit rates, buffer sizes and the interval are those of 640x480 at 30 frames per second for every
-// size, as meant: the guest reads the real size from the probe. The steps are called in this order,
-// each once.
+// Bit rates, buffer sizes and the interval are those of 640x480 at 30 frames per second for every size: remote
+// sides compare these bytes, and a guest reads the real size from the probe. The steps are called in this order, each
+// once.
 class UvcConfigBuilder {
  public:
   // A format counts its frames in 8 bits.
@@ -25,8 +25,7 @@ class UvcConfigBuilder {
 
   void CreateConfigHeader();
   void CreateCtrlInterface();
-  // Alternate setting 0 without endpoint, and 1 to 4 with the same isochronous one; at most
-  // kMaxSizes sizes.
+  // Alternate setting 0 without endpoint, and 1 to 4 with the same isochronous one; at most kMaxSizes sizes.
   void CreateVsInterface(std::span<const _CameraParam> sizes);
 
   std::size_t TotalLength() const { return mBytes.size(); }

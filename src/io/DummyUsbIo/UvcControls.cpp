@@ -1,6 +1,7 @@
 #include "io/DummyUsbIo/UvcControls.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <cstring>
 #include <limits>
 #include <utility>
@@ -67,8 +68,7 @@ int UvcControls::UvcParseCtrlCmd(std::uint8_t bmRequestType, std::uint8_t /*bReq
   return wLength;
 }
 
-// GET_CUR, GET_MIN, GET_MAX and the others are not told apart. What terminals and units answer is
-// left as it is.
+// GET_CUR, GET_MIN, GET_MAX and the others are not told apart. What terminals and units answer is left as it is.
 int UvcControls::Get(std::uint16_t wValue, std::uint16_t wIndex, std::uint8_t* data, std::uint16_t wLength) {
   const std::uint8_t selector = HighByte(wValue);
   if (HighByte(wIndex) == kCameraTerminal) {
@@ -109,8 +109,8 @@ void UvcControls::Set(std::uint8_t selector, const std::uint8_t* data, std::uint
   SelectFrame();
 }
 
-// A frame that there is not leaves the current one, whose size the control then says: whoever sizes
-// his blocks by it gets blocks for the pictures that will come.
+// A frame that there is not leaves the current one, whose size the control then says: whoever sizes his blocks by it
+// gets blocks for the pictures that will come.
 void UvcControls::SelectFrame() {
   const UVCFrameDesc* frame =
       UVCUtil::GetFrameTypeDesc(mStreamingInfo.get(), mStreamCtrl.bFormatIndex, mStreamCtrl.bFrameIndex);

@@ -12,15 +12,15 @@
 
 namespace vel {
 
-// The class requests of the emulated camera and what they have negotiated: the probe and commit
-// control, and the frame that it selects. No request is refused. Any thread.
+// The class requests of the emulated camera and what they have negotiated: the probe and commit control, and the frame
+// that it selects. No request is refused. Any thread.
 class UvcControls {
  public:
   // Starts over with the formats of a configuration, at format 1, frame 1.
   void InitCtrlInfo(const libusb_config_descriptor* config) VEL_EXCLUDES(mMutex);
 
-  // Carries out a control request; requests of others change nothing. Returns the bytes of its
-  // answer: `wLength`, but not more of the probe and commit control than there is.
+  // Carries out a control request; requests of others change nothing. Returns the bytes of its answer: `wLength`, but
+  // not more of the probe and commit control than there is.
   int UvcParseCtrlCmd(std::uint8_t bmRequestType, std::uint8_t bRequest, std::uint16_t wValue, std::uint16_t wIndex,
                       std::uint8_t* data, std::uint16_t wLength, std::uint32_t timeout) VEL_EXCLUDES(mMutex);
 

@@ -1,6 +1,7 @@
 #include "io/DummyUsbIo/UvcStreamContext.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <cstring>
 #include <utility>
 

@@ -2,7 +2,6 @@
 #define VEL_IO_DUMMY_USB_IO_UVC_STREAM_CONTEXT_H
 
 #include <cstdint>
-#include <optional>
 #include <span>
 
 #include "io/UsbIoXferInfo.h"
@@ -10,8 +9,8 @@
 
 namespace vel {
 
-// The one transfer that waits for a picture. Owns it until it is completed: with a picture, or as
-// cancelled when it is replaced, withdrawn or left over. Any thread; completes with no lock held.
+// The one transfer that waits for a picture. Owns it until it is completed: with a picture, or as cancelled when it is
+// replaced, withdrawn or left over. Any thread; completes with no lock held.
 class UvcStreamContext {
  public:
   UvcStreamContext() = default;
@@ -23,14 +22,12 @@ class UvcStreamContext {
   void Open() VEL_EXCLUDES(mMutex);
   void Close() VEL_EXCLUDES(mMutex);
 
-  // The transfer that waits from now on; null for none. `width` and `height` (pixels) are what it
-  // is to hold.
+  // The transfer that waits from now on; null for none. `width` and `height` (pixels) are what it is to hold.
   void SetPending(_UsbIoXferInfo* info, int width, int height) VEL_EXCLUDES(mMutex);
   void Cancel(std::uint32_t localXferId) VEL_EXCLUDES(mMutex);
 
-  // Completes the pending transfer with as much of the picture as its buffer takes. Without one, or
-  // when it is not the one that `only` says, the picture is dropped. `only` may be stale: it is
-  // compared, and not followed.
+  // Completes the pending transfer with as much of the picture as its buffer takes. Without one, or when it is not the
+  // one that `only` says, the picture is dropped. `only` may be stale: it is compared, and not followed.
   void Deliver(std::span<const std::uint8_t> picture) VEL_EXCLUDES(mMutex);
   void Deliver(std::span<const std::uint8_t> picture, const void* only) VEL_EXCLUDES(mMutex);
 
