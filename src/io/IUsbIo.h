@@ -54,7 +54,8 @@ class IUsbIo {
   virtual int SetConfiguration(int configuration) = 0;
   virtual int ClaimAllInterface() = 0;
   virtual int SetInterfaceAltSetting(int interfaceNumber, int altSetting) = 0;
-  // The transfer's completion still arrives, as cancelled unless it was faster.
+  // Of the remote side's transfers (kRemoteIds), one with this id. Its completion still arrives, as cancelled unless it
+  // was faster.
   virtual int CancelTransfer(std::uint32_t localXferId) = 0;
   // Bytes transferred (at most `wLength`) or a negative status. Blocks for at most `timeout` milliseconds (0: without
   // limit).
@@ -64,6 +65,10 @@ class IUsbIo {
   virtual int BulkTransfer(_UsbIoXferInfo* info) = 0;
   virtual int InterruptTransfer(_UsbIoXferInfo* info) = 0;
   virtual int IsochTransfer(_UsbIoXferInfo* info) = 0;
+
+  // Cancels the module's own transfers (kModuleIds) that complete to `callback`, all of them and no other; their
+  // completions still arrive. Returns how many it cancelled. Any thread, also within a completion.
+  virtual int CancelOwnTransfers(const UsbIoTransferCallback* /*callback*/) { return 0; }
 };
 
 inline constexpr std::uint8_t kIoTypeEmulated = 1;

@@ -12,7 +12,7 @@ namespace {
 
 struct SyncTransfer {
   SyncTransfer(LibusbHandle& handle, LibusbTransferPtr transfer, std::unique_ptr<std::uint8_t[]> bytes)
-      : owner(handle), buffer(std::move(bytes)), pending(std::move(transfer), LibusbPendingTransfer::kSyncId) {}
+      : owner(handle), buffer(std::move(bytes)), pending(std::move(transfer), LibusbPendingTransfer::kSyncKey) {}
 
   LibusbHandle& owner;
   const std::unique_ptr<std::uint8_t[]> buffer;

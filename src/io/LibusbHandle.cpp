@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <chrono>
 #include <exception>
+#include <ranges>
 
 namespace vel {
 namespace {
@@ -44,7 +45,7 @@ int LibusbHandle::Close() {
     }
     mClosing = true;
     mChanged.NotifyAll();
-    for (const auto& [id, pending] : mPending) {
+    for (const auto& [key, pending] : mPending) {
       CancelPending(*pending);
     }
   }
@@ -101,7 +102,7 @@ int LibusbHandle::Submit(LibusbPendingTransfer& pending) {
       return LIBUSB_ERROR_NOT_FOUND;
     }
     try {
-      pending.place = mPending.emplace(pending.id, &pending);
+      pending.place = mPending.emplace(pending.key, &pending);
     } catch (const std::exception&) {
       return LIBUSB_ERROR_NO_MEM;
     }
@@ -161,6 +162,19 @@ int LibusbHandle::Cancel(std::uint32_t id, bool* known) {
   return LIBUSB_ERROR_NOT_FOUND;
 }
 
+int LibusbHandle::CancelGroup(const void* group) {
+  const MutexLock lock(mMutex);
+  const auto [first, last] = mPending.equal_range(LibusbPendingTransfer::kModuleKey);
+  int count = 0;
+  for (const auto& [key, pending] : std::ranges::subrange(first, last)) {
+    if (pending->group == group && !pending->cancelled) {
+      CancelPending(*pending);
+      ++count;
+    }
+  }
+  return count;
+}
+
 bool LibusbHandle::IsBusy() {
   const MutexLock lock(mMutex);
   return !mPending.empty();
@@ -174,8 +188,8 @@ bool LibusbHandle::SubmissionIsUnderWay() const {
 void LibusbHandle::BeginBarrier(const LibusbEndpoints& endpoints) {
   MutexLock lock(mMutex);
   ++mBarriers;
-  for (const auto& [id, pending] : mPending) {
-    if (id != LibusbPendingTransfer::kSyncId && !pending->cancelled && endpoints.test(pending->transfer->endpoint)) {
+  for (const auto& [key, pending] : mPending) {
+    if (key != LibusbPendingTransfer::kSyncKey && !pending->cancelled && endpoints.test(pending->transfer->endpoint)) {
       CancelPending(*pending);
     }
   }

@@ -14,7 +14,7 @@ namespace vel {
 
 struct LibusbPendingTransfer;
 
-// Pending transfers by id; among equal ids the newest is last.
+// Pending transfers by key; among equal keys the newest is last.
 using LibusbPendingMap = std::multimap<std::uint64_t, LibusbPendingTransfer*>;
 
 // What the submitting thread and the others tell each other about a transfer while libusb_submit_transfer has not
@@ -24,16 +24,20 @@ struct LibusbSubmission {
   bool cancelled = false;  // To be cancelled as soon as it is submitted.
 };
 
-// A libusb transfer from its submission to its completion. Members other than the transfer and its id belong to
+// A libusb transfer from its submission to its completion. Members that are not const belong to
 // LibusbHandle's lock.
 struct LibusbPendingTransfer {
-  // Of a synchronous transfer, which has no id of its own.
-  static constexpr std::uint64_t kSyncId = std::uint64_t{1} << 32U;
+  // A transfer of the remote side has its id for a key. The others are beyond 32 bits: those of the module, which are
+  // told apart by their group, and the synchronous ones.
+  static constexpr std::uint64_t kModuleKey = std::uint64_t{1} << 32U;
+  static constexpr std::uint64_t kSyncKey = std::uint64_t{2} << 32U;
 
-  LibusbPendingTransfer(LibusbTransferPtr filled, std::uint64_t key) : transfer(std::move(filled)), id(key) {}
+  LibusbPendingTransfer(LibusbTransferPtr filled, std::uint64_t filedUnder, const void* cancelledWith = nullptr)
+      : transfer(std::move(filled)), key(filedUnder), group(cancelledWith) {}
 
   const LibusbTransferPtr transfer;
-  const std::uint64_t id;
+  const std::uint64_t key;
+  const void* const group;
   LibusbPendingMap::iterator place{};
   LibusbSubmission* submission = nullptr;  // While it is under way.
   bool cancelled = false;
@@ -88,6 +92,8 @@ class LibusbHandle {
   // Cancels the newest transfer with this id that was not cancelled before. LIBUSB_ERROR_NOT_FOUND with `*known` false
   // when there is none, otherwise libusb's result.
   int Cancel(std::uint32_t id, bool* known) VEL_EXCLUDES(mMutex);
+  // Cancels the module's transfers of this group. How many those were.
+  int CancelGroup(const void* group) VEL_EXCLUDES(mMutex);
 
   // Whether anything is in flight. Any thread.
   bool IsBusy() VEL_EXCLUDES(mMutex);

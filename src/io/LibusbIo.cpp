@@ -326,6 +326,10 @@ int LibusbIo::CancelTransfer(std::uint32_t localXferId) {
   return result;
 }
 
+int LibusbIo::CancelOwnTransfers(const UsbIoTransferCallback* callback) {
+  return mHandle.CancelGroup(callback);
+}
+
 int LibusbIo::ControlTransfer(std::uint8_t bmRequestType, std::uint8_t bRequest, std::uint16_t wValue,
                               std::uint16_t wIndex, std::uint8_t* data, std::uint16_t wLength, std::uint32_t timeout) {
   const LibusbUse use(mHandle);

@@ -66,6 +66,7 @@ class LibusbIo : public IUsbIo {
   int SetInterfaceAltSetting(int interfaceNumber, int altSetting) override;
   // The newest transfer with this id; LIBUSB_ERROR_NOT_FOUND when there is none or it was cancelled before.
   int CancelTransfer(std::uint32_t localXferId) override;
+  int CancelOwnTransfers(const UsbIoTransferCallback* callback) override;
   int ControlTransfer(std::uint8_t bmRequestType, std::uint8_t bRequest, std::uint16_t wValue, std::uint16_t wIndex,
                       std::uint8_t* data, std::uint16_t wLength, std::uint32_t timeout) override;
   int BulkTransfer(_UsbIoXferInfo* info) override;

@@ -33,8 +33,12 @@ bool HasTable(const _UsbIoXferInfo& info) {
 
 }  // namespace
 
-LibusbTransfer::LibusbTransfer(LibusbHandle& owner, _UsbIoXferInfo& info, LibusbTransferPtr transfer, Block isoBuffer)
-    : mOwner(owner), mInfo(&info), mIsoBuffer(std::move(isoBuffer)), mPending(std::move(transfer), info.localXferId) {
+LibusbTransfer::LibusbTransfer(LibusbHandle& owner, _UsbIoXferInfo& info, LibusbTransferPtr transfer, HeapBlock isoBuffer)
+    : mOwner(owner),
+      mInfo(&info),
+      mIsoBuffer(std::move(isoBuffer)),
+      mPending(std::move(transfer), info.reserved == kModuleIds ? LibusbPendingTransfer::kModuleKey : info.localXferId,
+               info.callback) {
   mPending.transfer->user_data = this;
 }
 
@@ -77,7 +81,7 @@ int LibusbTransfer::SubmitIso(LibusbHandle& owner, libusb_device_handle* handle,
   const std::size_t payload = static_cast<std::size_t>(total);
   // The completion of an OUT transfer writes the packet table into its buffer.
   const std::size_t room = std::max<std::size_t>(IsIn(info) ? payload : std::max(payload, tableSize), 1);
-  Block buffer(static_cast<std::uint8_t*>(std::malloc(room)));
+  HeapBlock buffer(static_cast<std::uint8_t*>(std::malloc(room)));
   if (buffer == nullptr) {
     return LIBUSB_ERROR_NO_MEM;
   }
@@ -163,7 +167,7 @@ bool LibusbTransfer::TakeIsoIn() {
   for (const libusb_iso_packet_descriptor& packet : packets) {
     length += Moved(packet);
   }
-  Block result(static_cast<std::uint8_t*>(std::malloc(length)));
+  HeapBlock result(static_cast<std::uint8_t*>(std::malloc(length)));
   if (result == nullptr) {
     return false;
   }

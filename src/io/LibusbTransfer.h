@@ -2,9 +2,9 @@
 #define VEL_IO_LIBUSB_TRANSFER_H
 
 #include <cstdint>
-#include <cstdlib>
 #include <memory>
 
+#include "base/HeapBlock.h"
 #include "io/LibusbHandle.h"
 #include "io/UsbIoXferInfo.h"
 
@@ -24,12 +24,7 @@ class LibusbTransfer {
   static int SubmitIso(LibusbHandle& owner, libusb_device_handle* handle, _UsbIoXferInfo& info);
 
  private:
-  struct Free {
-    void operator()(std::uint8_t* block) const { std::free(block); }
-  };
-  using Block = std::unique_ptr<std::uint8_t, Free>;
-
-  LibusbTransfer(LibusbHandle& owner, _UsbIoXferInfo& info, LibusbTransferPtr transfer, Block isoBuffer);
+  LibusbTransfer(LibusbHandle& owner, _UsbIoXferInfo& info, LibusbTransferPtr transfer, HeapBlock isoBuffer);
 
   static int Submit(std::unique_ptr<LibusbTransfer> self);
   static void LIBUSB_CALL FuncAsyncTransferCB(libusb_transfer* transfer);
@@ -39,7 +34,7 @@ class LibusbTransfer {
 
   LibusbHandle& mOwner;
   _UsbIoXferInfo* const mInfo;
-  Block mIsoBuffer;
+  HeapBlock mIsoBuffer;
   LibusbPendingTransfer mPending;
 };
 

@@ -45,8 +45,15 @@ enum XferStatus : std::int32_t {
   kXferCancelled = 3,
 };
 
+// Whose id a record's localXferId is. The remote side chooses its ids among all 32-bit numbers, so the module's own
+// transfers need a space beside them.
+enum XferIdSpace : std::uint32_t {
+  kRemoteIds = 0,  // IUsbIo::CancelTransfer finds it.
+  kModuleIds = 1,  // Only IUsbIo::CancelOwnTransfers finds it, by its callback; localXferId is for the log.
+};
+
 struct _UsbIoXferInfo {
-  std::uint32_t reserved;
+  std::uint32_t reserved;  // XferIdSpace.
   std::uint32_t xferType;
   std::uint32_t streamId;     // Of the remote request that this transfer answers.
   std::uint32_t localXferId;  // What CancelTransfer looks for.
@@ -66,6 +73,11 @@ static_assert(sizeof(void*) != 8 || sizeof(_UsbIoXferInfo) == 88);
 static_assert(sizeof(void*) != 8 || offsetof(_UsbIoXferInfo, reqBuf) == 32);
 static_assert(sizeof(void*) != 8 || offsetof(_UsbIoXferInfo, data) == 48);
 static_assert(sizeof(void*) != 8 || offsetof(_UsbIoXferInfo, owner) == 80);
+
+// Whether a CancelTransfer(id) means this record.
+constexpr bool HasRemoteId(const _UsbIoXferInfo& info, std::uint32_t id) {
+  return info.reserved == kRemoteIds && info.localXferId == id;
+}
 
 constexpr bool IsIn(const _UsbIoXferInfo& info) {
   return (info.epAddr & 0x80U) != 0;

@@ -63,6 +63,9 @@ class VEL_MODULE_EXPORT DummyUvcIo final : public IUsbIo,
   int ClaimAllInterface() override { return 0; }
   int SetInterfaceAltSetting(int interfaceNumber, int altSetting) override;
   int CancelTransfer(std::uint32_t localXferId) override;
+  int CancelOwnTransfers(const UsbIoTransferCallback* callback) override {
+    return mStreamContext.CancelOwn(callback) ? 1 : 0;
+  }
   int ControlTransfer(std::uint8_t bmRequestType, std::uint8_t bRequest, std::uint16_t wValue, std::uint16_t wIndex,
                       std::uint8_t* data, std::uint16_t wLength, std::uint32_t timeout) override;
   // There are no such endpoints: the record is completed with status 1.

@@ -15,7 +15,7 @@ bool PendingXfers::Cancel(std::uint32_t localXferId) {
   {
     const MutexLock lock(mMutex);
     const auto found = std::find_if(mXfers.rbegin(), mXfers.rend(), [localXferId](const _UsbIoXferInfo* info) {
-      return info->localXferId == localXferId;
+      return HasRemoteId(*info, localXferId);
     });
     if (found == mXfers.rend()) {
       return false;

@@ -39,15 +39,25 @@ void UvcStreamContext::SetPending(_UsbIoXferInfo* info, int width, int height) {
 }
 
 void UvcStreamContext::Cancel(std::uint32_t localXferId) {
+  CancelIf([localXferId](const _UsbIoXferInfo& info) { return HasRemoteId(info, localXferId); });
+}
+
+bool UvcStreamContext::CancelOwn(const UsbIoTransferCallback* callback) {
+  return CancelIf(
+      [callback](const _UsbIoXferInfo& info) { return info.reserved == kModuleIds && info.callback == callback; });
+}
+
+bool UvcStreamContext::CancelIf(const std::function<bool(const _UsbIoXferInfo&)>& meant) {
   _UsbIoXferInfo* cancelled = nullptr;
   {
     const MutexLock lock(mMutex);
-    if (mPending == nullptr || mPending->localXferId != localXferId) {
-      return;
+    if (mPending == nullptr || !meant(*mPending)) {
+      return false;
     }
     cancelled = std::exchange(mPending, nullptr);
   }
   FailXfer(cancelled, kXferCancelled);
+  return true;
 }
 
 void UvcStreamContext::Deliver(std::span<const std::uint8_t> picture) {

@@ -2,6 +2,7 @@
 #define VEL_IO_DUMMY_USB_IO_UVC_STREAM_CONTEXT_H
 
 #include <cstdint>
+#include <functional>
 #include <span>
 
 #include "io/UsbIoXferInfo.h"
@@ -24,7 +25,9 @@ class UvcStreamContext {
 
   // The transfer that waits from now on; null for none. `width` and `height` (pixels) are what it is to hold.
   void SetPending(_UsbIoXferInfo* info, int width, int height) VEL_EXCLUDES(mMutex);
+  // Cancels the pending transfer when it is the remote side's with this id, or the module's with this callback.
   void Cancel(std::uint32_t localXferId) VEL_EXCLUDES(mMutex);
+  bool CancelOwn(const UsbIoTransferCallback* callback) VEL_EXCLUDES(mMutex);
 
   // Completes the pending transfer with as much of the picture as its buffer takes. Without one, or when it is not the
   // one that `only` says, the picture is dropped. `only` may be stale: it is compared, and not followed.
@@ -39,6 +42,7 @@ class UvcStreamContext {
   FrameSize Size() const VEL_EXCLUDES(mMutex);
 
  private:
+  bool CancelIf(const std::function<bool(const _UsbIoXferInfo&)>& meant) VEL_EXCLUDES(mMutex);
   static void Complete(_UsbIoXferInfo* info, std::span<const std::uint8_t> picture);
 
   mutable Mutex mMutex;

@@ -64,6 +64,14 @@ TEST_F(CameraStream, CancelsWhatIsReplacedWithdrawnCancelledOrLeft) {
   EXPECT_EQ(io->CancelTransfer(4), 0);
   EXPECT_THAT(Taken(), IsEmpty());
   EXPECT_EQ(io->CancelTransfer(3), 0);
+  EXPECT_EQ(io->CancelOwnTransfers(&completions), 0);
+  EXPECT_THAT(Taken(), ElementsAre(Done{3, kXferCancelled}));
+  _UsbIoXferInfo* own = Record(3);
+  own->reserved = kModuleIds;
+  io->IsochTransfer(own);
+  io->CancelTransfer(3);
+  EXPECT_THAT(Taken(), IsEmpty()) << "not the remote side's";
+  EXPECT_EQ(io->CancelOwnTransfers(&completions), 1);
   EXPECT_THAT(Taken(), ElementsAre(Done{3, kXferCancelled}));
   Submit(4);
   io->SetInterfaceAltSetting(1, 0);

@@ -139,6 +139,32 @@ TEST_F(LibusbIoTransfer, EqualIdsDoNotDisturbEachOther) {
   EXPECT_EQ(io->CancelTransfer(1), LIBUSB_ERROR_NOT_FOUND);
 }
 
+// Whatever id the remote side chooses, it does not meet the module's own reads, nor they the remote side's.
+TEST_F(LibusbIoTransfer, OwnTransfersAreNotAmongTheRemoteSidesIds) {
+  Open();
+  Recorder other;
+  fake.Hold("events");
+  const auto submit = [this](Recorder& recorder, std::uint32_t space, std::uint8_t endpoint) {
+    _UsbIoXferInfo* info = recorder.Make(0xFFFFFF00, endpoint, Bytes(4));
+    info->reserved = space;
+    EXPECT_EQ(io->BulkTransfer(info), 0);
+  };
+  submit(records, kRemoteIds, 0x81);
+  submit(records, kModuleIds, 0x82);
+  submit(records, kModuleIds, 0x82);
+  submit(other, kModuleIds, 0x83);
+  EXPECT_EQ(io->CancelTransfer(0xFFFFFF00), 0);
+  EXPECT_EQ(io->CancelTransfer(0xFFFFFF00), LIBUSB_ERROR_NOT_FOUND);
+  EXPECT_FALSE(fake.Complete(0x81));
+  EXPECT_EQ(io->CancelOwnTransfers(&records), 2);
+  EXPECT_EQ(io->CancelOwnTransfers(&records), 0);
+  EXPECT_FALSE(fake.Complete(0x82));
+  EXPECT_TRUE(fake.Complete(0x83, {}));
+  fake.LetGo("events");
+  EXPECT_THAT(records.done.Await(3), testing::Each(testing::Field(&Completion::status, 3)));
+  EXPECT_EQ(other.done.Await(1)[0].status, 0);
+}
+
 TEST_F(LibusbIoTransfer, IsoPacketsKeepTheirPlacesAndAreCutToTheirRoom) {
   Open();
   io->IsochTransfer(records.MakeIso(1, 0x83, {1, 0, 4}));
