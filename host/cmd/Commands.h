@@ -1,6 +1,5 @@
-// The subcommands. Each returns the exit status, writes results to standard output and everything
-// else to standard error, and throws UsageError or another std::exception, whose text is the one
-// line that the user gets.
+// The subcommands. Each returns the exit status, writes results to standard output and everything else to standard
+// error, and throws UsageError or another std::exception, whose text is the one line that the user gets.
 #ifndef VIRTUSB_HOST_CMD_COMMANDS_H
 #define VIRTUSB_HOST_CMD_COMMANDS_H
 

@@ -1,5 +1,9 @@
 #include <algorithm>
 #include <array>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <span>
 #include <string>
 
 #include "cmd/Commands.h"

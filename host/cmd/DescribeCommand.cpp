@@ -1,3 +1,5 @@
+#include <memory>
+
 #include "cmd/Commands.h"
 #include "cmd/DescriptorText.h"
 #include "cmd/Devices.h"

@@ -3,7 +3,7 @@
 #include <poll.h>
 
 #include <array>
-#include <stdexcept>
+#include <variant>
 
 #include "cmd/Output.h"
 

@@ -2,6 +2,8 @@
 
 #include <libusb-1.0/libusb.h>
 
+#include <algorithm>
+#include <cstddef>
 #include <span>
 
 namespace vel {

@@ -1,7 +1,10 @@
 #include <libusb-1.0/libusb.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
 
 #include "cmd/Commands.h"
 #include "cmd/Devices.h"

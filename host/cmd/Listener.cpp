@@ -6,8 +6,10 @@
 
 #include <array>
 #include <cerrno>
+#include <cstddef>
 #include <cstring>
 #include <memory>
+#include <stdexcept>
 
 #include "cmd/Devices.h"
 

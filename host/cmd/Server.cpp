@@ -1,6 +1,8 @@
 #include "cmd/Server.h"
 
 #include <chrono>
+#include <cstddef>
+#include <span>
 #include <utility>
 #include <vector>
 

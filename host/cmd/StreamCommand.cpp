@@ -1,10 +1,12 @@
 #include <algorithm>
 #include <charconv>
 #include <chrono>
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "cmd/Commands.h"
 #include "cmd/Devices.h"

@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <array>
+#include <cstddef>
 #include <span>
+#include <utility>
 
 namespace vel {
 namespace {
@@ -69,8 +71,7 @@ PictureFormat FormatOfGuid(Descriptor format) {
                                            : PictureFormat::kOther;
 }
 
-// Goes through the descriptors of a streaming interface in their order: formats, each before its
-// frames.
+// Goes through the descriptors of a streaming interface in their order: formats, each before its frames.
 class ModeReader {
  public:
   void Read(Descriptor descriptor) {

@@ -39,8 +39,8 @@ struct CameraModel {
   std::vector<CameraSetting> settings;
 };
 
-// Nothing when the device has no video-streaming interface that sends. Descriptors that are too
-// short for what they are to say are left out.
+// Nothing when the device has no video-streaming interface that sends. Descriptors that are too short for what they are
+// to say are left out.
 std::optional<CameraModel> ReadCameraModel(const ConfigModel& config);
 
 }  // namespace vel

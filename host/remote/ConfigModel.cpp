@@ -1,6 +1,7 @@
 #include "remote/ConfigModel.h"
 
 #include <cstring>
+#include <utility>
 
 #include "protocol/ByteReader.h"
 #include "protocol/ConfigRecords.h"

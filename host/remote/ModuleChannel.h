@@ -2,6 +2,7 @@
 #define VIRTUSB_HOST_REMOTE_MODULE_CHANNEL_H
 
 #include <memory>
+#include <utility>
 
 #include "remote/ModuleSession.h"
 #include "remote/PacketChannel.h"

@@ -1,5 +1,6 @@
 #include "remote/ModuleSession.h"
 
+#include <cstddef>
 #include <stdexcept>
 #include <utility>
 

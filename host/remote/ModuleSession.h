@@ -1,6 +1,7 @@
 #ifndef VIRTUSB_HOST_REMOTE_MODULE_SESSION_H
 #define VIRTUSB_HOST_REMOTE_MODULE_SESSION_H
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>

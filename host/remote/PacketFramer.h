@@ -8,6 +8,7 @@
 #include <memory>
 #include <span>
 #include <string>
+#include <utility>
 
 #include "protocol/Requests.h"
 #include "protocol/VelPacket.h"

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 #include <concepts>
-#include <cstring>
+#include <cstddef>
 #include <numeric>
 #include <utility>
 #include <vector>

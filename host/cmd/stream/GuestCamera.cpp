@@ -3,8 +3,10 @@
 #include <libusb-1.0/libusb.h>
 
 #include <algorithm>
-#include <cstring>
+#include <cstddef>
+#include <stdexcept>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "cmd/Enumeration.h"
@@ -52,8 +54,7 @@ void Require(std::int32_t result, const char* what) {
   }
 }
 
-// The smallest setting that carries the payloads is the best one, or the largest where none says
-// that it does.
+// The smallest setting that carries the payloads is the best one, or the largest where none says that it does.
 bool IsBetter(const CameraSetting& one, const CameraSetting& other, std::uint32_t payloadBytes) {
   const bool oneCarries = one.bytesPerInterval >= payloadBytes;
   const bool otherCarries = other.bytesPerInterval >= payloadBytes;
@@ -154,8 +155,8 @@ void GuestCamera::Start(const Stream& stream) {
     Require(mRemote.SetInterfaceAltSetting(mModel.interfaceNumber, chosen->number), "does not start");
     return;
   }
-  // A camera that streams over bulk has no such setting, and its refusal says nothing: the request
-  // is what tells the module to start.
+  // A camera that streams over bulk has no such setting, and its refusal says nothing: the request is what tells the
+  // module to start.
   mRemote.SetInterfaceAltSetting(mModel.interfaceNumber, 1);
 }
 

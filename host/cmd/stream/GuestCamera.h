@@ -5,6 +5,7 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <vector>
 
 #include "cmd/stream/PictureSize.h"
 #include "remote/CameraModel.h"
@@ -12,9 +13,8 @@
 
 namespace vel {
 
-// A guest's camera driver, played over packets: makes the camera its own, agrees with it on a
-// picture, starts and stops the stream. One thread. Everything throws RemoteError when the device
-// does not answer, or refuses.
+// A guest's camera driver, played over packets: makes the camera its own, agrees with it on a picture, starts and stops
+// the stream. One thread. Everything throws RemoteError when the device does not answer, or refuses.
 //
 // What is not given back by GiveBack, the end of the channel gives back.
 class GuestCamera {
@@ -27,16 +27,15 @@ class GuestCamera {
     std::uint32_t payloadBytes = 0;  // In a (micro)frame, at most.
   };
 
-  // Opens the device and enumerates it. With `transcode`, raw pictures are to come as H.264.
-  // `remote` outlives it.
+  // Opens the device and enumerates it. With `transcode`, raw pictures are to come as H.264. `remote` outlives it.
   GuestCamera(RemoteDevice& remote, bool transcode);
 
   // Product and ids, as the device says them.
   const std::string& Name() const { return mName; }
 
-  // Agrees on a picture of this size, or of the camera's own choice. A size may be there in several
-  // formats: taken is YUYV for transcoding, and otherwise the one that the camera names first.
-  // Throws std::runtime_error with what there is for a size that is not.
+  // Agrees on a picture of this size, or of the camera's own choice. A size may be there in several formats: taken is
+  // YUYV for transcoding, and otherwise the one that the camera names first. Throws std::runtime_error with what there
+  // is for a size that is not.
   Stream Negotiate(const std::optional<PictureSize>& size);
   // The endpoint that Start makes readable.
   std::uint8_t Endpoint() const { return mModel.endpoint; }

@@ -9,8 +9,7 @@
 
 namespace vel {
 
-// Times of up to a second to a tenth of a millisecond, in memory that does not grow with their
-// number.
+// Times of up to a second to a tenth of a millisecond, in memory that does not grow with their number.
 class LatencyHistogram {
  public:
   using Bucket = std::chrono::duration<std::int64_t, std::ratio<1, 10000>>;

@@ -10,8 +10,8 @@
 
 namespace vel {
 
-// The format that a stream's picture came in: the agreed one, or what became of it on the way.
-// Nothing when the bytes are no whole picture of either.
+// The format that a stream's picture came in: the agreed one, or what became of it on the way. Nothing when the bytes
+// are no whole picture of either.
 std::optional<PictureFormat> FormatOfPicture(std::span<const std::uint8_t> picture, const GuestCamera::Stream& stream);
 
 // Whether a decoder can begin with this picture.

@@ -9,8 +9,8 @@
 
 namespace vel {
 
-// Pictures in a file, one behind the other and nothing between them. One thread. Everything throws
-// std::runtime_error that names the file.
+// Pictures in a file, one behind the other and nothing between them. One thread. Everything throws std::runtime_error
+// that names the file.
 class PictureFile {
  public:
   // Replaces the file.

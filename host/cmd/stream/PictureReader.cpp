@@ -1,6 +1,7 @@
 #include "cmd/stream/PictureReader.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <span>
 #include <utility>
 
@@ -84,8 +85,7 @@ void PictureReader::Withdraw() {
     const MutexLock lock(mInbox->mutex);
     left = mInbox->inFlight;
   }
-  // Replies come in the order of their reads. The latest goes first, so that no other takes a
-  // picture meanwhile.
+  // Replies come in the order of their reads. The latest goes first, so that no other takes a picture meanwhile.
   for (std::size_t i = 0; i < std::min(left, mStreamIds.size()); ++i) {
     mRemote.CancelTransfer(mStreamIds[i]);
   }

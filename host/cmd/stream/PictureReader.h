@@ -12,8 +12,8 @@
 
 namespace vel {
 
-// Keeps several reads of a camera's streaming endpoint in flight. Each is answered with one whole
-// picture, in their order. One thread, but for Stop.
+// Keeps several reads of a camera's streaming endpoint in flight. Each is answered with one whole picture, in their
+// order. One thread, but for Stop.
 class PictureReader {
  public:
   using Clock = std::chrono::steady_clock;
@@ -28,8 +28,7 @@ class PictureReader {
   // So many that one is always waiting in the module while another's picture is written.
   static constexpr int kInFlight = 4;
 
-  // Nothing is read yet. `room` is what each read asks for, bytes; the picture may be larger.
-  // `remote` outlives it.
+  // Nothing is read yet. `room` is what each read asks for, bytes; the picture may be larger. `remote` outlives it.
   PictureReader(RemoteDevice& remote, std::uint8_t endpoint, std::uint32_t room);
   PictureReader(const PictureReader&) = delete;
   PictureReader& operator=(const PictureReader&) = delete;
@@ -37,14 +36,14 @@ class PictureReader {
   ~PictureReader();
 
   void Start();
-  // The next reply; a read takes its place in flight. Nothing at `deadline`, and once stopped.
-  // Throws RemoteError when the channel is closed.
+  // The next reply; a read takes its place in flight. Nothing at `deadline`, and once stopped. Throws RemoteError when
+  // the channel is closed.
   std::optional<Arrival> Next(Clock::time_point deadline);
   // Ends Next, now and later. Any thread.
   void Stop();
   bool IsStopped() const;
-  // Stops, cancels the reads in flight and waits for their ends, as a guest does before it ends the
-  // stream. Throws RemoteError when a request is not answered.
+  // Stops, cancels the reads in flight and waits for their ends, as a guest does before it ends the stream. Throws
+  // RemoteError when a request is not answered.
   void Withdraw();
 
  private:

@@ -1,6 +1,7 @@
 #include "cmd/stream/Snapshot.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <memory>
 #include <stdexcept>
 #include <string>

@@ -2,6 +2,7 @@
 #define VIRTUSB_HOST_CMD_STREAM_SNAPSHOT_H
 
 #include <cstdint>
+#include <utility>
 #include <vector>
 
 #include "cmd/stream/PictureFile.h"
@@ -19,9 +20,8 @@ class Snapshot {
     mPicture = std::move(picture);
   }
 
-  // Decodes the picture, writes it and closes the file. `size` is that of raw pictures, others say
-  // their own. Throws std::runtime_error that names the file when there is no picture, it cannot be
-  // decoded or the file not written.
+  // Decodes the picture, writes it and closes the file. `size` is that of raw pictures, others say their own. Throws
+  // std::runtime_error that names the file when there is no picture, it cannot be decoded or the file not written.
   void WritePng(PictureFile& file, const PictureSize& size) const;
 
  private:

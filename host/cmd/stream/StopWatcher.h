@@ -8,8 +8,7 @@
 
 namespace vel {
 
-// Calls a function, on a thread of its own, when a stop signal is raised. Not after the destructor
-// has returned.
+// Calls a function, on a thread of its own, when a stop signal is raised. Not after the destructor has returned.
 class StopWatcher {
  public:
   StopWatcher(const StopSignal& stop, std::function<void()> onStop);

@@ -2,7 +2,6 @@
 #ifndef VIRTUSB_HOST_CMD_STREAM_STREAM_REPORT_H
 #define VIRTUSB_HOST_CMD_STREAM_STREAM_REPORT_H
 
-#include <optional>
 #include <string>
 
 #include <nlohmann/json.hpp>
@@ -26,8 +25,8 @@ struct StreamResult {
 std::string StreamText(const StreamResult& result);
 nlohmann::ordered_json StreamJson(const StreamResult& result);
 
-// A line on standard error that follows a running stream: on a terminal one that is written over,
-// elsewhere a new one each time. One thread.
+// A line on standard error that follows a running stream: on a terminal one that is written over, elsewhere a new one
+// each time. One thread.
 class LiveLine {
  public:
   LiveLine();

@@ -20,8 +20,7 @@ struct StreamFigures {
   double firstMilliseconds = 0;   // From the start to the first picture.
   std::uint64_t cameraBytes = 0;  // Of the pictures as the camera gave them.
   std::uint64_t wireBytes = 0;    // Of the replies to reads, packet headers included.
-  // Of a read, from when it was the oldest in flight to its picture. Holds the camera's own
-  // interval.
+  // Of a read, from when it was the oldest in flight to its picture. Holds the camera's own interval.
   double waitP50 = 0;  // Milliseconds.
   double waitP99 = 0;
   double cpuMillisecondsPerFrame = 0;  // All threads of this process, the module's among them.
