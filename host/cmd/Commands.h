@@ -1,12 +1,18 @@
-// The subcommands. Each returns the exit status, writes results to standard output and everything else to standard
-// error, and throws UsageError or another std::exception, whose text is the one line that the user gets.
+// The subcommands. Each Run returns the exit status, writes results to standard output and everything else to standard
+// error, and throws UsageError or another std::exception, whose text is the one line that the user gets. Each Add puts
+// the command and its options into the command line, beside the Run that they are for.
 #ifndef VIRTUSB_HOST_CMD_COMMANDS_H
 #define VIRTUSB_HOST_CMD_COMMANDS_H
 
 #include <cstdint>
+#include <functional>
 #include <string>
 
 #include "remote/FdStream.h"
+
+namespace CLI {
+class App;
+}  // namespace CLI
 
 namespace vel {
 
@@ -33,8 +39,22 @@ struct StreamOptions {
   std::string snapshot;      // Empty: none.
 };
 
-// The rule file that lets a user open USB devices, as installed or in the source tree.
-std::string UdevRulePath();
+// A command of the command line, and what runs it once the line was parsed.
+struct Subcommand {
+  CLI::App* line = nullptr;
+  std::function<int()> run;
+};
+
+// `app` and `common` outlive what they return.
+Subcommand AddList(CLI::App& app, CommonOptions& common);
+Subcommand AddDescribe(CLI::App& app, CommonOptions& common);
+Subcommand AddStream(CLI::App& app, CommonOptions& common);
+Subcommand AddServe(CLI::App& app, CommonOptions& common);
+Subcommand AddDemo(CLI::App& app, CommonOptions& common);
+
+// What several commands take.
+void AddDevice(CLI::App& command, CommonOptions& common);
+void AddJson(CLI::App& command, CommonOptions& common);
 
 int RunList(const CommonOptions& common);
 int RunDescribe(const CommonOptions& common);
@@ -43,6 +63,9 @@ int RunDemo(const CommonOptions& common);
 int RunStream(const CommonOptions& common, const StreamOptions& options, const StopSignal& stop);
 // Serves until `stop` is raised, or with stdio until its input ends.
 int RunServe(const CommonOptions& common, const ServeOptions& serve, const StopSignal& stop);
+
+// The rule file that lets a user open USB devices, as installed or in the source tree.
+std::string UdevRulePath();
 
 }  // namespace vel
 

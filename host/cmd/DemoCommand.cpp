@@ -1,3 +1,4 @@
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <array>
 #include <cstddef>
@@ -62,6 +63,11 @@ void RunTransfers(RemoteDevice& remote) {
 }
 
 }  // namespace
+
+Subcommand AddDemo(CLI::App& app, CommonOptions& common) {
+  CLI::App* const line = app.add_subcommand("demo", "Describe the emulated devices and run transfers of each kind");
+  return {line, [&common] { return RunDemo(common); }};
+}
 
 int RunDemo(const CommonOptions& common) {
   const std::shared_ptr<ModuleLibrary> library = ModuleLibrary::Load(common.modulePath);

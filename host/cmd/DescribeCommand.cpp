@@ -1,3 +1,4 @@
+#include <CLI/CLI.hpp>
 #include <memory>
 
 #include "cmd/Commands.h"
@@ -8,6 +9,14 @@
 #include "remote/RemoteDevice.h"
 
 namespace vel {
+
+Subcommand AddDescribe(CLI::App& app, CommonOptions& common) {
+  CLI::App* const line =
+      app.add_subcommand("describe", "Enumerate a device as a guest would and print its descriptors");
+  AddDevice(*line, common);
+  AddJson(*line, common);
+  return {line, [&common] { return RunDescribe(common); }};
+}
 
 int RunDescribe(const CommonOptions& common) {
   const DeviceIdentity identity = FindDevice(common.device, common.cameraSource);

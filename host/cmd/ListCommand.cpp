@@ -1,5 +1,6 @@
 #include <libusb-1.0/libusb.h>
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cstdint>
 #include <nlohmann/json.hpp>
@@ -66,6 +67,12 @@ void PrintLocal(const LocalDevice& device) {
 }
 
 }  // namespace
+
+Subcommand AddList(CLI::App& app, CommonOptions& common) {
+  CLI::App* const line = app.add_subcommand("list", "Show what can be redirected");
+  AddJson(*line, common);
+  return {line, [&common] { return RunList(common); }};
+}
 
 int RunList(const CommonOptions& common) {
   const std::vector<LocalDevice> locals = LocalDevices();

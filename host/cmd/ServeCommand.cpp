@@ -1,7 +1,6 @@
 #include <unistd.h>
 
-#include <cerrno>
-#include <cstring>
+#include <CLI/CLI.hpp>
 #include <memory>
 #include <optional>
 #include <stdexcept>
@@ -13,6 +12,7 @@
 #include "cmd/Listener.h"
 #include "cmd/Output.h"
 #include "cmd/Server.h"
+#include "cmd/Signals.h"
 
 namespace vel {
 namespace {
@@ -41,12 +41,7 @@ struct Service {
 constexpr char kDeviceGone[] = "the device is gone, the service ends (--wait waits for its return)";
 
 int ServeStdio(const Service& service) {
-  // Standard output carries packets: whatever else is printed there, by the module too, goes to standard error.
-  const UniqueFd packets(dup(STDOUT_FILENO));
-  if (!packets.IsValid() || dup2(STDERR_FILENO, STDOUT_FILENO) < 0) {
-    throw std::runtime_error(std::string("cannot use standard output for packets: ") + std::strerror(errno));
-  }
-  FdStream stream(STDIN_FILENO, packets.Get(), service.stop);
+  FdStream stream(STDIN_FILENO, ResultsDescriptor(), service.stop);
   std::string error;
   switch (service.Run(stream, error)) {
     case Server::End::kRemoteDone:
@@ -88,6 +83,25 @@ int ServeSocket(const Service& service, const std::string& device, const Listene
 }
 
 }  // namespace
+
+Subcommand AddServe(CLI::App& app, CommonOptions& common) {
+  const auto serve = std::make_shared<ServeOptions>();
+  CLI::App* const line = app.add_subcommand("serve", "Carry a device's packets over a byte stream");
+  AddDevice(*line, common);
+  CLI::Option_group* const where = line->add_option_group("where");
+  where->add_flag("--stdio", serve->stdio, "Over standard input and output");
+  where->add_option("--listen", serve->listen, "On ADDR:PORT, or on PORT of the loopback address")
+      ->type_name("[ADDR:]PORT");
+  where->require_option(1);
+  line->add_flag("--answer-failures", serve->answerFailures,
+                 "Answer transfers that failed or were cancelled, with their status and no data");
+  line->add_flag("--wait", serve->wait,
+                 "Wait for a local device that is not there yet, and take it back when it returns");
+  return {line, [&common, serve] {
+            const CaughtSignals signals;
+            return RunServe(common, *serve, signals.Stop());
+          }};
+}
 
 int RunServe(const CommonOptions& common, const ServeOptions& serve, const StopSignal& stop) {
   DevicePresence presence(common.device, serve.wait, common.cameraSource);

@@ -1,3 +1,4 @@
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <charconv>
 #include <chrono>
@@ -11,6 +12,7 @@
 #include "cmd/Commands.h"
 #include "cmd/Devices.h"
 #include "cmd/Output.h"
+#include "cmd/Signals.h"
 #include "cmd/UsbNames.h"
 #include "cmd/stream/GuestCamera.h"
 #include "cmd/stream/PictureBytes.h"
@@ -182,6 +184,38 @@ std::unique_ptr<GuestCamera> TakeCamera(RemoteDevice& remote, bool transcode, co
 }
 
 }  // namespace
+
+Subcommand AddStream(CLI::App& app, CommonOptions& common) {
+  const auto options = std::make_shared<StreamOptions>();
+  CLI::App* const line =
+      app.add_subcommand("stream", "Stream a camera as a guest's driver would, and save its pictures");
+  AddDevice(*line, common);
+  line->add_option("--size", options->size, "Of the pictures, in pixels; the camera's choice without")
+      ->type_name("WxH");
+  const CLI::Validator aboveZero(
+      [](const std::string& text) {
+        return text.find_first_of("123456789") == std::string::npos || text.starts_with('-')
+                   ? "\"" + text + "\" is no number above 0"
+                   : std::string();
+      },
+      "");
+  CLI::Option_group* const until = line->add_option_group("until", "As long as; until interrupted without");
+  until->add_option("--frames", options->frames, "This many pictures")->type_name("N")->check(aboveZero);
+  until->add_option("--seconds", options->seconds, "This long")->type_name("S")->check(aboveZero);
+  until->require_option(0, 1);
+  line->add_flag("--no-transcode", options->untouched,
+                 "Pictures as the camera gives them; without, raw ones come as H.264");
+  line->add_option("-o,--output", options->file, "Write the pictures, one behind the other")->type_name("FILE");
+  line->add_option("--snapshot", options->snapshot, "Decode a picture and write it as PNG")->type_name("FILE.png");
+  AddJson(*line, common);
+  line->footer(
+      "Latency is what can be seen from this side: the time from when a read is the oldest one in flight to the\n"
+      "reply with its picture. The camera's interval between two pictures is in it.");
+  return {line, [&common, options] {
+            const CaughtSignals signals;
+            return RunStream(common, *options, signals.Stop());
+          }};
+}
 
 int RunStream(const CommonOptions& common, const StreamOptions& options, const StopSignal& stop) {
   const std::optional<PictureSize> size = ParseSize(options.size);

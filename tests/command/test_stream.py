@@ -81,6 +81,12 @@ class Streaming(CommandTestCase):
             with self.subTest(line):
                 self.assert_failure(run("--log", "off", "stream", *line.split()), status, *parts)
 
+    def test_log_is_shown_when_it_fails_or_is_asked_for(self) -> None:
+        *lines, last = run("stream", "camera", "--camera-source", "/no/such").stderr.splitlines()
+        self.assertRegex("\n".join(lines), r"(?m)^[-\d]+ [\d:.]+ VEL_LOG .*open camera failed")
+        self.assertRegex(last, "^virtusb: ")
+        self.assertIn(" VEL_LOG ", run("--log", "warn", "describe", "camera").stderr)
+
     def test_signal_ends_it_in_time_with_its_table(self) -> None:
         running = self.running("--no-transcode")
         notes = self.end_promptly(running, signal.SIGINT)

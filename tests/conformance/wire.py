@@ -121,8 +121,10 @@ class WireTestCase(unittest.TestCase):
 
     def serve(self, device: str, requests: Sequence[Request], *options: str) -> tuple[list[bytes], str]:
         """The replies to all requests, and what was written on standard error, of a clean run."""
-        ended = subprocess.run([os.environ["VIRTUSB"], "serve", device, "--stdio", *options], capture_output=True,
-                               input=b"".join(request.encode() for request in requests), timeout=DEADLINE, check=False)
+        ended = subprocess.run([os.environ["VIRTUSB"], "serve", device, "--stdio", *options],
+                               env={"VEL_LOG_LEVEL": "warn", **os.environ},
+                               input=b"".join(request.encode() for request in requests), capture_output=True,
+                               timeout=DEADLINE, check=False)
         log = ended.stderr.decode("utf-8", "backslashreplace")
         self.assertEqual(ended.returncode, 0, log)
         replies, rest = [], ended.stdout

@@ -1,0 +1,31 @@
+#ifndef VIRTUSB_HOST_CMD_SIGNALS_H
+#define VIRTUSB_HOST_CMD_SIGNALS_H
+
+#include <array>
+#include <csignal>
+
+#include "remote/FdStream.h"
+
+namespace vel {
+
+// Raises a stop signal when the process is interrupted, told to end, or its terminal is closed (SIGINT, SIGTERM,
+// SIGHUP): once, the second time ends the process at once. What was to be ignored from the start, as nohup has it,
+// stays so. Writing to a broken pipe is an error, and no signal. One at a time in a process.
+class CaughtSignals {
+ public:
+  CaughtSignals();
+  CaughtSignals(const CaughtSignals&) = delete;
+  CaughtSignals& operator=(const CaughtSignals&) = delete;
+  ~CaughtSignals();
+
+  const StopSignal& Stop() const { return mStop; }
+
+ private:
+  static constexpr std::array kNumbers = {SIGINT, SIGTERM, SIGHUP};
+
+  const StopSignal mStop;
+};
+
+}  // namespace vel
+
+#endif
