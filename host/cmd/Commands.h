@@ -54,6 +54,8 @@ Subcommand AddDemo(CLI::App& app, CommonOptions& common);
 
 // What several commands take.
 void AddDevice(CLI::App& command, CommonOptions& common);
+// The same where it may also be one behind packets.
+void AddAnyDevice(CLI::App& command, CommonOptions& common);
 void AddJson(CLI::App& command, CommonOptions& common);
 
 int RunList(const CommonOptions& common);

@@ -3,9 +3,8 @@
 
 #include "cmd/Commands.h"
 #include "cmd/DescriptorText.h"
-#include "cmd/Devices.h"
+#include "cmd/DeviceChannel.h"
 #include "cmd/Output.h"
-#include "remote/ModuleChannel.h"
 #include "remote/RemoteDevice.h"
 
 namespace vel {
@@ -13,14 +12,13 @@ namespace vel {
 Subcommand AddDescribe(CLI::App& app, CommonOptions& common) {
   CLI::App* const line =
       app.add_subcommand("describe", "Enumerate a device as a guest would and print its descriptors");
-  AddDevice(*line, common);
+  AddAnyDevice(*line, common);
   AddJson(*line, common);
   return {line, [&common] { return RunDescribe(common); }};
 }
 
 int RunDescribe(const CommonOptions& common) {
-  const DeviceIdentity identity = FindDevice(common.device, common.cameraSource);
-  RemoteDevice remote(std::make_unique<ModuleChannel>(ModuleLibrary::Load(common.modulePath), identity));
+  RemoteDevice remote(OpenDevice(common.device, common));
   const Enumeration found = Enumerate(remote);
   remote.Status(Command::kCloseUsbDev);
   Print(common.json ? DescriptorJson(found).dump(2) + "\n" : DescriptorText(found));

@@ -10,11 +10,10 @@
 namespace vel {
 namespace {
 
-constexpr std::string_view kCamera = "camera";
 constexpr std::uint8_t kCapturedCameraAddress = 0x80;
 
 constexpr std::array<EmulatedDevice, 7> kEmulated = {{
-    {kCamera, 0x88, 0xFF00, 0xFFFE, "UVC camera fed by a test picture, a capture device or a file"},
+    {kEmulatedCamera, 0x88, 0xFF00, 0xFFFE, "UVC camera fed by a test picture, a capture device or a file"},
     {"keyboard", 0x82, 0xFF00, 0xFF01, "HID boot keyboard on which nobody types"},
     {"printer", 0x83, 0xFF00, 0xFF02, "bidirectional printer"},
     {"ch340", 0x84, 0xFF00, 0xFF03, "serial adapter, vendor class"},
@@ -39,7 +38,7 @@ std::span<const EmulatedDevice> EmulatedDevices() {
 
 DeviceChoice ParseDevice(const std::string& device, std::string_view cameraSource) {
   for (const EmulatedDevice& emulated : kEmulated) {
-    if (emulated.name == device && device == kCamera && cameraSource != kTestCamera) {
+    if (emulated.name == device && device == kEmulatedCamera && cameraSource != kTestCamera) {
       return DeviceIdentity{0, kCapturedCameraAddress, emulated.vendorId, emulated.productId,
                             std::string(cameraSource)};
     }
@@ -66,7 +65,8 @@ DeviceChoice ParseDevice(const std::string& device, std::string_view cameraSourc
     }
   }
   throw UsageError("unknown device \"" + device + "\": give one of " + EmulatedNames() +
-                   ", or BUS:ADDRESS in decimal, or VID:PID as two times four hex digits");
+                   ", or BUS:ADDRESS in decimal, or VID:PID as two times four hex digits; all but serve also take "
+                   "tcp://HOST:PORT and exec:COMMAND");
 }
 
 DeviceIdentity FindDevice(const std::string& device, std::string_view cameraSource) {

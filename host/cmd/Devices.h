@@ -28,6 +28,7 @@ struct EmulatedDevice {
 };
 std::span<const EmulatedDevice> EmulatedDevices();
 
+inline constexpr std::string_view kEmulatedCamera = "camera";
 // What feeds the emulated camera unless a capture device or a file is named.
 inline constexpr std::string_view kTestCamera = "test";
 

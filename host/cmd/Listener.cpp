@@ -1,6 +1,7 @@
 #include "cmd/Listener.h"
 
 #include <netdb.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
 
@@ -8,52 +9,27 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstring>
-#include <memory>
+#include <optional>
 #include <stdexcept>
 
 #include "cmd/Devices.h"
+#include "remote/TcpConnection.h"
 
 namespace vel {
 namespace {
 
-struct AddrInfoDeleter {
-  void operator()(addrinfo* info) const { freeaddrinfo(info); }
-};
-
-struct ListenAddress {
-  std::string host = "127.0.0.1";
-  std::string port;
-};
-
-ListenAddress ParseListen(const std::string& text) {
-  ListenAddress address;
-  const std::size_t colon = text.rfind(':');
-  address.port = colon == std::string::npos ? text : text.substr(colon + 1);
-  if (colon != std::string::npos && colon > 0) {
-    address.host = text.substr(0, colon);
-    if (address.host.size() > 2 && address.host.front() == '[' && address.host.back() == ']') {
-      address.host = address.host.substr(1, address.host.size() - 2);
-    }
-  }
-  constexpr unsigned long kMaxPort = 65535;
-  if (address.port.empty() || address.port.size() > 5 ||
-      address.port.find_first_not_of("0123456789") != std::string::npos || std::stoul(address.port) > kMaxPort) {
+UniqueFd Listen(const std::string& text) {
+  const std::optional<HostPort> address = ParseHostPort(text.find(':') == std::string::npos ? ":" + text : text);
+  if (!address) {
     throw UsageError("cannot listen on \"" + text + "\": give ADDR:PORT, or a port for this machine alone");
   }
-  return address;
-}
-
-UniqueFd Listen(const std::string& text) {
-  const ListenAddress address = ParseListen(text);
-  addrinfo hints{};
-  hints.ai_socktype = SOCK_STREAM;
-  hints.ai_flags = AI_PASSIVE | AI_NUMERICSERV;
-  addrinfo* raw = nullptr;
-  if (const int error = getaddrinfo(address.host.c_str(), address.port.c_str(), &hints, &raw); error != 0) {
-    throw std::runtime_error("cannot listen on " + text + ": " + gai_strerror(error) +
+  std::string problem;
+  const AddrInfoHandle info =
+      LookUp({address->host.empty() ? "127.0.0.1" : address->host, address->port}, AI_PASSIVE, problem);
+  if (info == nullptr) {
+    throw std::runtime_error("cannot listen on " + text + ": " + problem +
                              " (give an address of this machine, or a port alone)");
   }
-  const std::unique_ptr<addrinfo, AddrInfoDeleter> info(raw);
   UniqueFd listener(socket(info->ai_family, info->ai_socktype | SOCK_CLOEXEC, info->ai_protocol));
   const int on = 1;
   setsockopt(listener.Get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
@@ -102,6 +78,7 @@ UniqueFd Listener::Accept(const StopSignal& stop, std::string& peer) const {
       if (remote.IsValid()) {
         const int on = 1;  // A remote side whose machine went away is noticed in the end.
         setsockopt(remote.Get(), SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
+        setsockopt(remote.Get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
         peer = NameOf(address, length);
         return remote;
       }

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "cmd/Commands.h"
+#include "cmd/DeviceChannel.h"
 #include "cmd/Devices.h"
 #include "cmd/Output.h"
 #include "cmd/Signals.h"
@@ -22,7 +23,6 @@
 #include "cmd/stream/StopWatcher.h"
 #include "cmd/stream/StreamReport.h"
 #include "cmd/stream/StreamStatistics.h"
-#include "remote/ModuleChannel.h"
 
 namespace vel {
 namespace {
@@ -33,7 +33,6 @@ using Clock = PictureReader::Clock;
 constexpr std::chrono::seconds kSilence{5};
 constexpr std::int32_t kCompleted = 0;  // enum libusb_transfer_status
 constexpr std::int32_t kTimedOut = 2;
-constexpr std::int32_t kNoDevice = 5;
 
 std::optional<PictureSize> ParseSize(const std::string& text) {
   if (text.empty()) {
@@ -89,8 +88,9 @@ struct Outputs {
 // One stream, from the first read to the last picture that is wanted.
 class StreamRun {
  public:
-  StreamRun(GuestCamera& camera, const GuestCamera::Stream& stream, const StreamOptions& options, Outputs& outputs)
-      : mCamera(camera), mStream(stream), mOptions(options), mOutputs(outputs) {}
+  StreamRun(GuestCamera& camera, const GuestCamera::Stream& stream, const StreamOptions& options, bool moduleHere,
+            Outputs& outputs)
+      : mCamera(camera), mStream(stream), mOptions(options), mModuleHere(moduleHere), mOutputs(outputs) {}
 
   // Throws RemoteError when the camera goes away or shows nothing any more.
   void Run(PictureReader& reader) {
@@ -120,6 +120,7 @@ class StreamRun {
             .format = mFormat.value_or(mStream.mode.format),
             .figures = mStatistics.Figures(),
             .interrupted = mInterrupted,
+            .moduleHere = mModuleHere,
             .file = mOptions.file,
             .snapshot = mOptions.snapshot};
   }
@@ -140,10 +141,10 @@ class StreamRun {
 
   void Take(PictureReader::Arrival arrival) {
     const std::int32_t status = arrival.reply.status;
-    if (status == kTimedOut || status == kNoDevice) {
+    if (status == kTimedOut || status == RemoteDevice::kNoDevice) {
       mStatistics.AddTimeout(arrival);
       mLastFailure = "its reads time out";
-      if (status == kNoDevice || !mCamera.IsThere()) {
+      if (!mCamera.IsThere() || status == RemoteDevice::kNoDevice) {
         throw RemoteError("the camera is gone");
       }
       return;
@@ -164,6 +165,7 @@ class StreamRun {
   GuestCamera& mCamera;
   const GuestCamera::Stream mStream;
   const StreamOptions& mOptions;
+  const bool mModuleHere;
   Outputs& mOutputs;
   StreamStatistics mStatistics;
   LiveLine mLive;
@@ -172,14 +174,15 @@ class StreamRun {
   bool mInterrupted = false;
 };
 
-std::unique_ptr<GuestCamera> TakeCamera(RemoteDevice& remote, bool transcode, const std::string& source) {
+std::unique_ptr<GuestCamera> TakeCamera(RemoteDevice& remote, bool transcode, const CommonOptions& common) {
   try {
     return std::make_unique<GuestCamera>(remote, transcode);
   } catch (const RemoteError& error) {
-    if (source.empty()) {
+    if (common.device != kEmulatedCamera || common.cameraSource == kTestCamera) {
       throw;
     }
-    throw RemoteError(std::string(error.what()) + " (is the camera source \"" + source + "\" there, and free?)");
+    throw RemoteError(std::string(error.what()) + " (is the camera source \"" + common.cameraSource +
+                      "\" there, and free?)");
   }
 }
 
@@ -189,7 +192,7 @@ Subcommand AddStream(CLI::App& app, CommonOptions& common) {
   const auto options = std::make_shared<StreamOptions>();
   CLI::App* const line =
       app.add_subcommand("stream", "Stream a camera as a guest's driver would, and save its pictures");
-  AddDevice(*line, common);
+  AddAnyDevice(*line, common);
   line->add_option("--size", options->size, "Of the pictures, in pixels; the camera's choice without")
       ->type_name("WxH");
   const CLI::Validator aboveZero(
@@ -219,16 +222,16 @@ Subcommand AddStream(CLI::App& app, CommonOptions& common) {
 
 int RunStream(const CommonOptions& common, const StreamOptions& options, const StopSignal& stop) {
   const std::optional<PictureSize> size = ParseSize(options.size);
-  const DeviceIdentity identity = FindDevice(common.device, common.cameraSource);
+  std::unique_ptr<PacketChannel> channel = OpenDevice(common.device, common, true);
   Outputs outputs(options);
-  RemoteDevice remote(std::make_unique<ModuleChannel>(ModuleLibrary::Load(common.modulePath), identity, true));
-  const std::unique_ptr<GuestCamera> camera = TakeCamera(remote, !options.untouched, identity.args);
+  RemoteDevice remote(std::move(channel));
+  const std::unique_ptr<GuestCamera> camera = TakeCamera(remote, !options.untouched, common);
   const GuestCamera::Stream stream = camera->Negotiate(size);
   std::optional<StreamResult> result;
   {
     PictureReader reader(remote, camera->Endpoint(), stream.payloadBytes);
     const StopWatcher watcher(stop, [&reader] { reader.Stop(); });
-    StreamRun run(*camera, stream, options, outputs);
+    StreamRun run(*camera, stream, options, !IsRemoteDevice(common.device), outputs);
     camera->Start(stream);
     run.Run(reader);
     result = run.Result();

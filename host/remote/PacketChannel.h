@@ -1,8 +1,10 @@
 #ifndef VIRTUSB_HOST_REMOTE_PACKET_CHANNEL_H
 #define VIRTUSB_HOST_REMOTE_PACKET_CHANNEL_H
 
+#include <chrono>
 #include <functional>
 #include <memory>
+#include <string>
 
 #include "protocol/VelPacket.h"
 
@@ -14,7 +16,13 @@ class PacketChannel {
  public:
   struct Receiver {
     std::function<void(std::unique_ptr<VelPacket>)> onPacket;
-    std::function<void()> onClosed;  // The other side is gone; once, and no packet comes after it.
+    // The other side is gone; once, and no packet comes after it. `why` is for people.
+    std::function<void(const std::string& why)> onClosed;
+  };
+  // What there is to know of the other side when it does not answer.
+  struct Contact {
+    std::chrono::milliseconds startTime{0};  // How long its first reply may take, where that is longer than others.
+    std::string advice;                      // What to do about it, for people.
   };
 
   PacketChannel() = default;
@@ -22,6 +30,7 @@ class PacketChannel {
   PacketChannel& operator=(const PacketChannel&) = delete;
   virtual ~PacketChannel() = default;
 
+  virtual Contact GetContact() const { return {}; }
   // Starts the exchange. Once. The receiver is called on threads of the channel, and must not call Close there.
   virtual void Start(Receiver receiver) = 0;
   // Sends a request. False when the channel is closed. Any thread.

@@ -1,6 +1,6 @@
 #include "remote/RemoteDevice.h"
 
-#include <string>
+#include <algorithm>
 #include <utility>
 
 #include "protocol/ByteReader.h"
@@ -8,6 +8,8 @@
 
 namespace vel {
 namespace {
+
+constexpr std::chrono::milliseconds kTimeToClose{500};
 
 std::uint64_t KeyOf(std::uint16_t replyCommand, std::uint32_t id) {
   return (std::uint64_t{replyCommand} << 32U) | id;
@@ -21,32 +23,56 @@ std::vector<std::uint8_t> ToVector(std::span<const std::uint8_t> bytes) {
 
 RemoteDevice::RemoteDevice(std::unique_ptr<PacketChannel> channel, std::uint32_t devId,
                            std::chrono::milliseconds replyTime)
-    : mChannel(std::move(channel)), mDevId(devId), mReplyTime(replyTime) {
+    : mChannel(std::move(channel)), mDevId(devId), mReplyTime(replyTime), mContact(mChannel->GetContact()) {
   mChannel->Start({.onPacket = [this](std::unique_ptr<VelPacket> packet) { OnPacket(std::move(packet)); },
-                   .onClosed = [this] { OnClosed(); }});
+                   .onClosed = [this](const std::string& why) { OnClosed(why); }});
 }
 
 RemoteDevice::~RemoteDevice() {
   mChannel->Close();
 }
 
-void RemoteDevice::OnClosed() {
+void RemoteDevice::OnClosed(const std::string& why) {
+  std::unordered_map<Key, TransferDone> pending;
+  {
+    const MutexLock lock(mMutex);
+    mClosed = true;
+    mWhyClosed = why;
+    pending.swap(mTransfers);
+    mChanged.NotifyAll();
+  }
+  for (const auto& [key, done] : pending) {
+    done({.status = kNoDevice, .data = {}});
+  }
+}
+
+std::string RemoteDevice::GoneText() const {
+  return "the device is gone" + (mWhyClosed.empty() ? "" : ": " + mWhyClosed) +
+         (mContact.advice.empty() ? "" : "; " + mContact.advice);
+}
+
+std::string RemoteDevice::SilenceText(const std::string& what, std::chrono::milliseconds waiting) const {
+  return "no reply to " + what + " within " + std::to_string(waiting.count()) + " ms" +
+         (mUnasked == 0 ? "" : ", but " + std::to_string(mUnasked) + " packets that answer nothing") +
+         (mContact.advice.empty() ? "" : "; " + mContact.advice);
+}
+
+std::chrono::milliseconds RemoteDevice::TimeToReply() {
   const MutexLock lock(mMutex);
-  mClosed = true;
-  mChanged.NotifyAll();
+  return mAnswered ? mReplyTime : std::max(mReplyTime, mContact.startTime);
 }
 
 void RemoteDevice::OnPacket(std::unique_ptr<VelPacket> packet) {
   const CommandInfo* request = FindCommand(static_cast<std::uint16_t>(packet->GetCommand() - 1));
-  if (request == nullptr || request->reply == ReplyKind::kNone) {
-    return;
-  }
-  if (request->reply == ReplyKind::kSync) {
+  if (request == nullptr || request->reply != ReplyKind::kAsync) {
     const MutexLock lock(mMutex);
+    mAnswered = true;
     const auto found = mSync.find(KeyOf(packet->GetCommand(), packet->GetReqId()));
     if (found != mSync.end()) {
       found->second = ToVector(packet->PayloadBytes());
       mChanged.NotifyAll();
+    } else {
+      ++mUnasked;
     }
     return;
   }
@@ -63,8 +89,10 @@ void RemoteDevice::OnPacket(std::unique_ptr<VelPacket> packet) {
   TransferDone done;
   {
     const MutexLock lock(mMutex);
+    mAnswered = true;
     const auto found = mTransfers.find(KeyOf(packet->GetCommand(), streamId));
     if (found == mTransfers.end()) {
+      ++mUnasked;
       return;
     }
     done = std::move(found->second);
@@ -90,18 +118,18 @@ std::vector<std::uint8_t> RemoteDevice::Exchange(Command command,
     } while (mSync.contains(key));
     mSync.emplace(key, std::nullopt);
   }
+  const std::chrono::milliseconds waiting = TimeToReply();
   const bool sent = mChannel->Send(build(id));
-  const Clock::time_point deadline = Clock::now() + mReplyTime;
+  // What cannot be sent any more is explained by the close that follows.
+  const Clock::time_point deadline = Clock::now() + (sent ? waiting : kTimeToClose);
   MutexLock lock(mMutex);
-  while (sent && !mClosed && !mSync[key].has_value() && mChanged.WaitUntil(lock, deadline)) {
+  while (!mClosed && !(sent && mSync[key].has_value()) && mChanged.WaitUntil(lock, deadline)) {
   }
   std::optional<std::vector<std::uint8_t>> reply = std::move(mSync[key]);
   mSync.erase(key);
   if (!reply) {
     const std::string name(FindCommand(static_cast<std::uint16_t>(command))->name);
-    throw RemoteError(sent && !mClosed
-                          ? "no reply to \"" + name + "\" within " + std::to_string(mReplyTime.count()) + " ms"
-                          : "the device is gone (while waiting for \"" + name + "\")");
+    throw RemoteError(sent && !mClosed ? SilenceText("\"" + name + "\"", waiting) : GoneText());
   }
   return *std::move(reply);
 }
@@ -176,13 +204,16 @@ std::uint32_t RemoteDevice::Submit(Command command, TransferDone done,
   std::uint32_t streamId = 0;
   {
     const MutexLock lock(mMutex);
+    if (mClosed) {
+      throw RemoteError(GoneText());
+    }
     streamId = mNextStreamId++;
     mTransfers[KeyOf(ReplyCode(command), streamId)] = std::move(done);
   }
   if (!mChannel->Send(build(streamId))) {
     const MutexLock lock(mMutex);
     mTransfers.erase(KeyOf(ReplyCode(command), streamId));
-    throw RemoteError("the device is gone");
+    throw RemoteError(GoneText());
   }
   return streamId;
 }
@@ -213,10 +244,9 @@ TransferReply RemoteDevice::Await(Command command, const std::function<std::uint
   MutexLock lock(mMutex);
   while (!slot->has_value() && !mClosed && mChanged.WaitUntil(lock, deadline)) {
   }
-  if (!slot->has_value()) {
+  if (!slot->has_value() || (mClosed && (*slot)->status == kNoDevice)) {
     mTransfers.erase(KeyOf(ReplyCode(command), streamId));
-    throw RemoteError(mClosed ? "the device is gone (while waiting for a transfer)"
-                              : "no reply to a transfer within " + std::to_string(mReplyTime.count()) + " ms");
+    throw RemoteError(mClosed ? GoneText() : SilenceText("a transfer", mReplyTime));
   }
   return *std::move(*slot);
 }

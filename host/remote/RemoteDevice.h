@@ -8,6 +8,7 @@
 #include <optional>
 #include <span>
 #include <stdexcept>
+#include <string>
 #include <unordered_map>
 #include <vector>
 
@@ -46,6 +47,7 @@ class RemoteDevice {
   };
 
   static constexpr std::chrono::milliseconds kReplyTime{5000};
+  static constexpr std::int32_t kNoDevice = 5;  // Status of a transfer, of enum libusb_transfer_status.
 
   // Starts the channel.
   explicit RemoteDevice(std::unique_ptr<PacketChannel> channel, std::uint32_t devId = 1,
@@ -76,8 +78,8 @@ class RemoteDevice {
   TransferReply IsoTransfer(std::uint8_t endpoint, std::span<const std::uint32_t> lengths,
                             std::span<const std::uint8_t> payload = {});
 
-  // Sends a transfer; `done` is called on the channel's thread when the reply comes, and never when none does.
-  // Returns the stream id.
+  // Sends a transfer; `done` is called on the channel's thread when the reply comes, with kNoDevice when the channel
+  // closes before, and never when none comes. It must not throw. Returns the stream id.
   std::uint32_t SubmitTransfer(Command command, std::uint8_t endpoint, std::uint32_t length,
                                std::span<const std::uint8_t> data, TransferDone done);
   std::uint32_t SubmitIsoTransfer(std::uint8_t endpoint, std::span<const std::uint32_t> lengths,
@@ -87,7 +89,11 @@ class RemoteDevice {
   using Key = std::uint64_t;
 
   void OnPacket(std::unique_ptr<VelPacket> packet);
-  void OnClosed();
+  void OnClosed(const std::string& why);
+  std::string GoneText() const VEL_REQUIRES(mMutex);
+  // After `waiting` in vain, which began as `what`.
+  std::string SilenceText(const std::string& what, std::chrono::milliseconds waiting) const VEL_REQUIRES(mMutex);
+  std::chrono::milliseconds TimeToReply() VEL_EXCLUDES(mMutex);
   // Sends what `build` makes for a fresh reqID and waits for the reply's payload.
   std::vector<std::uint8_t> Exchange(Command command,
                                      const std::function<std::unique_ptr<VelPacket>(RequestId)>& build);
@@ -101,10 +107,14 @@ class RemoteDevice {
   const std::unique_ptr<PacketChannel> mChannel;
   const std::uint32_t mDevId;
   const std::chrono::milliseconds mReplyTime;
+  const PacketChannel::Contact mContact;
 
   Mutex mMutex;
   CondVar mChanged;
   bool mClosed VEL_GUARDED_BY(mMutex) = false;
+  std::string mWhyClosed VEL_GUARDED_BY(mMutex);
+  bool mAnswered VEL_GUARDED_BY(mMutex) = false;
+  std::uint64_t mUnasked VEL_GUARDED_BY(mMutex) = 0;  // Packets that answer nothing which waits for an answer.
   std::uint8_t mNextReqId VEL_GUARDED_BY(mMutex) = 0;
   std::uint32_t mNextStreamId VEL_GUARDED_BY(mMutex) = 1;
   std::unordered_map<Key, std::optional<std::vector<std::uint8_t>>> mSync VEL_GUARDED_BY(mMutex);

@@ -1,14 +1,20 @@
 #include "remote/StreamChannel.h"
 
 #include <array>
+#include <cerrno>
+#include <cstring>
 #include <utility>
 
 #include "remote/PacketFramer.h"
 
 namespace vel {
 
-StreamChannel::StreamChannel(UniqueFd in, UniqueFd out)
-    : mIn(std::move(in)), mOut(std::move(out)), mStream(mIn.Get(), mOut.Get(), mStop) {}
+StreamChannel::StreamChannel(UniqueFd in, UniqueFd out, std::string name, Contact contact)
+    : mName(std::move(name)),
+      mContact(std::move(contact)),
+      mIn(std::move(in)),
+      mOut(std::move(out)),
+      mStream(mIn.Get(), mOut.Get(), mStop) {}
 
 void StreamChannel::Start(Receiver receiver) {
   const MutexLock lock(mReaderMutex);
@@ -35,9 +41,14 @@ void StreamChannel::ReadUntilEnd(const Receiver& receiver) {
   while ((result = mStream.Read(buffer, count)) == FdStream::Result::kOk &&
          framer.Feed(std::span(buffer).first(count))) {
   }
-  if (result != FdStream::Result::kStopped && receiver.onClosed) {
-    receiver.onClosed();
+  const int error = errno;
+  if (result == FdStream::Result::kStopped || !receiver.onClosed) {
+    return;
   }
+  receiver.onClosed(mName + (!framer.Error().empty()               ? " speaks something else: " + framer.Error()
+                             : result == FdStream::Result::kFailed ? std::string(": ") + std::strerror(error)
+                             : framer.InsidePacket()               ? " ended in the middle of a packet"
+                                                                   : " ended the connection"));
 }
 
 }  // namespace vel

@@ -1,6 +1,7 @@
 #ifndef VIRTUSB_HOST_REMOTE_STREAM_CHANNEL_H
 #define VIRTUSB_HOST_REMOTE_STREAM_CHANNEL_H
 
+#include <string>
 #include <thread>
 
 #include "remote/FdStream.h"
@@ -12,10 +13,11 @@ namespace vel {
 // The channel to a device that is served over a byte stream (`virtusb serve`).
 class StreamChannel final : public PacketChannel {
  public:
-  // Takes both descriptors over; they may be two of one socket.
-  StreamChannel(UniqueFd in, UniqueFd out);
+  // Takes both descriptors over; they may be two of one socket. `name` is the other side's, for messages.
+  StreamChannel(UniqueFd in, UniqueFd out, std::string name = "the other side", Contact contact = {});
   ~StreamChannel() override { Close(); }
 
+  Contact GetContact() const override { return mContact; }
   void Start(Receiver receiver) override;
   bool Send(std::unique_ptr<VelPacket> packet) override;
   void Close() override;
@@ -23,6 +25,8 @@ class StreamChannel final : public PacketChannel {
  private:
   void ReadUntilEnd(const Receiver& receiver);
 
+  const std::string mName;
+  const Contact mContact;
   const UniqueFd mIn;
   const UniqueFd mOut;
   const StopSignal mStop;

@@ -35,9 +35,9 @@ def run(*arguments: str, **options: Any) -> subprocess.CompletedProcess:
 class Running:
     """The command while it runs; a context manager that leaves nothing behind."""
 
-    def __init__(self, *arguments: str) -> None:
+    def __init__(self, *arguments: str, **options: Any) -> None:
         self.process = subprocess.Popen([COMMAND, *arguments], stdin=subprocess.PIPE, bufsize=0,
-                                        stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+                                        stdout=subprocess.PIPE, stderr=subprocess.PIPE, **options)
         self._watchdog = threading.Timer(wire.DEADLINE, self.process.kill)
 
     def __enter__(self) -> Running:

@@ -42,7 +42,7 @@ class ScriptedChannel final : public PacketChannel {
     packet->Append(payload.data(), static_cast<std::uint32_t>(payload.size()));
     mReceiver.onPacket(std::move(packet));
   }
-  void EndStream() { mReceiver.onClosed(); }
+  void EndStream() { mReceiver.onClosed("it went away"); }
 
   std::function<void(const VelPacket&)> answer;
 
@@ -110,7 +110,7 @@ TEST_F(RemoteDeviceTest, EndOfTheStreamWakesWhoeverWaitsAndFailsWhatFollows) {
   Channel().AwaitSent(2);
   Channel().EndStream();
   for (const std::string& error : {waitingStatus.get(), waitingTransfer.get(), status(), transfer()}) {
-    EXPECT_THAT(error, HasSubstr("the device is gone"));
+    EXPECT_THAT(error, HasSubstr("the device is gone: it went away"));
   }
 }
 

@@ -162,7 +162,7 @@ TEST_F(StreamChannelTest, EndAndGarbageCloseTheDevice) {
 
 TEST_F(StreamChannelTest, CloseEndsABlockedReaderAndReportsNothing) {
   const auto channel = MakeChannel();
-  channel->Start({.onPacket = [](const std::unique_ptr<VelPacket>&) {}, .onClosed = [] { FAIL(); }});
+  channel->Start({.onPacket = [](const std::unique_ptr<VelPacket>&) {}, .onClosed = [](const std::string&) { FAIL(); }});
   channel->Close();
   channel->Close();
 }

@@ -72,7 +72,8 @@ std::string StreamText(const StreamResult& result) {
   text += Row("latency p50", Format("%.1f ms", figures.waitP50),
               "of a read until its picture, the camera's interval included");
   text += Row("latency p99", Format("%.1f ms", figures.waitP99));
-  text += Row("CPU per frame", Format("%.2f ms", figures.cpuMillisecondsPerFrame), "module and command");
+  text += Row("CPU per frame", Format("%.2f ms", figures.cpuMillisecondsPerFrame),
+              result.moduleHere ? "module and command" : "this command alone");
   if (!result.file.empty()) {
     text += "pictures in " + result.file + "\n";
   }

@@ -18,8 +18,9 @@ struct StreamResult {
   PictureFormat format = PictureFormat::kOther;  // In which the pictures came.
   StreamFigures figures;
   bool interrupted = false;
-  std::string file;      // Empty: not asked for.
-  std::string snapshot;  // The same.
+  bool moduleHere = true;  // In this process.
+  std::string file;        // Empty: not asked for.
+  std::string snapshot;    // The same.
 };
 
 std::string StreamText(const StreamResult& result);

@@ -1,0 +1,91 @@
+#include "cmd/DeviceChannel.h"
+
+#include <fcntl.h>
+#include <wordexp.h>
+
+#include <csignal>
+#include <new>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "cmd/Devices.h"
+#include "remote/ExecChannel.h"
+#include "remote/ModuleChannel.h"
+#include "remote/StreamChannel.h"
+#include "remote/TcpConnection.h"
+
+namespace vel {
+namespace {
+
+constexpr std::string_view kTcp = "tcp://";
+constexpr std::string_view kExec = "exec:";
+
+constexpr char kTcpAdvice[] = "what \"virtusb serve\" says there tells more; it serves one remote side at a time";
+constexpr char kExecAdvice[] =
+    "its own messages tell more; it has to be like \"virtusb serve DEVICE --stdio\" on its standard input and output";
+// A program that reaches another machine has to find it, and may have to ask for a password first.
+constexpr std::chrono::seconds kExecStartTime{30};
+
+struct WordsDeleter {
+  void operator()(wordexp_t* words) const { wordfree(words); }
+};
+
+std::vector<std::string> SplitCommand(const std::string& command) {
+  wordexp_t expanded{};
+  const int problem = wordexp(command.c_str(), &expanded, WRDE_NOCMD);
+  const std::unique_ptr<wordexp_t, WordsDeleter> freed(problem == 0 || problem == WRDE_NOSPACE ? &expanded : nullptr);
+  switch (problem) {
+    case 0:
+      break;
+    case WRDE_NOSPACE:
+      throw std::bad_alloc();
+    case WRDE_SYNTAX:
+      throw UsageError("exec:COMMAND has a quote or a brace without its other half: \"" + command + "\"");
+    default:
+      throw UsageError("exec:COMMAND runs one program, no shell: for | & ; < > ( ) { } give exec:sh -c '...'");
+  }
+  if (expanded.we_wordc == 0 || *expanded.we_wordv[0] == '\0') {
+    throw UsageError("exec: names no command: give exec:COMMAND..., quoted as one argument");
+  }
+  return {expanded.we_wordv, expanded.we_wordv + expanded.we_wordc};
+}
+
+std::unique_ptr<PacketChannel> OpenTcp(const std::string& device) {
+  const std::optional<HostPort> address = ParseHostPort(device.substr(kTcp.size()));
+  if (!address || address->host.empty() || address->port == "0") {
+    throw UsageError("\"" + device + "\" is no address: give tcp://HOST:PORT, for example tcp://[::1]:4000");
+  }
+  UniqueFd fd;
+  try {
+    fd = ConnectTcp(*address);
+  } catch (const std::runtime_error& error) {
+    throw std::runtime_error("cannot reach " + device + ": " + error.what());
+  }
+  UniqueFd other(fcntl(fd.Get(), F_DUPFD_CLOEXEC, 0));
+  return std::make_unique<StreamChannel>(std::move(fd), std::move(other), device,
+                                         PacketChannel::Contact{.advice = kTcpAdvice});
+}
+
+}  // namespace
+
+bool IsRemoteDevice(const std::string& device) {
+  return device.starts_with(kTcp) || device.starts_with(kExec);
+}
+
+std::unique_ptr<PacketChannel> OpenDevice(const std::string& device, const CommonOptions& common,
+                                          bool answersFailures) {
+  if (!IsRemoteDevice(device)) {
+    const DeviceIdentity identity = FindDevice(device, common.cameraSource);
+    return std::make_unique<ModuleChannel>(ModuleLibrary::Load(common.modulePath), identity, answersFailures);
+  }
+  static_cast<void>(std::signal(SIGPIPE, SIG_IGN));
+  if (device.starts_with(kTcp)) {
+    return OpenTcp(device);
+  }
+  const std::string command = device.substr(kExec.size());
+  return std::make_unique<ExecChannel>(SplitCommand(command), "\"" + command + "\"",
+                                       PacketChannel::Contact{.startTime = kExecStartTime, .advice = kExecAdvice});
+}
+
+}  // namespace vel

@@ -1,0 +1,28 @@
+#ifndef VIRTUSB_HOST_CMD_DEVICE_CHANNEL_H
+#define VIRTUSB_HOST_CMD_DEVICE_CHANNEL_H
+
+#include <memory>
+#include <string>
+
+#include "cmd/Commands.h"
+#include "remote/PacketChannel.h"
+
+namespace vel {
+
+// The channel to what DEVICE names: a device of this machine or an emulated one, through the module of `common`; one
+// that is served elsewhere, tcp://HOST:PORT; or exec:COMMAND, whose standard input and output carry the packets. The
+// command is split into words as a shell does, quotes, variables and ~ included, but no shell runs it: its process is
+// the one that is waited for, and nothing in a name can become a command of its own. From the first remote one on
+// this process ignores SIGPIPE.
+//
+// `answersFailures` is for devices that this process redirects; elsewhere it is up to who serves.
+// Throws UsageError for a text that names no device, and std::runtime_error for one that is not there.
+std::unique_ptr<PacketChannel> OpenDevice(const std::string& device, const CommonOptions& common,
+                                          bool answersFailures = false);
+
+// Whether DEVICE names one behind packets.
+bool IsRemoteDevice(const std::string& device);
+
+}  // namespace vel
+
+#endif

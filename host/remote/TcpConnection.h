@@ -1,0 +1,37 @@
+// The two ends of a TCP connection by their names.
+#ifndef VIRTUSB_HOST_REMOTE_TCP_CONNECTION_H
+#define VIRTUSB_HOST_REMOTE_TCP_CONNECTION_H
+
+#include <netdb.h>
+
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "remote/FdStream.h"
+
+namespace vel {
+
+struct HostPort {
+  std::string host;
+  std::string port;  // Decimal, 0 to 65535.
+};
+
+// From HOST:PORT; the host may be an IPv6 address in brackets, or empty.
+std::optional<HostPort> ParseHostPort(const std::string& text);
+
+struct AddrInfoDeleter {
+  void operator()(addrinfo* info) const { freeaddrinfo(info); }
+};
+using AddrInfoHandle = std::unique_ptr<addrinfo, AddrInfoDeleter>;
+
+// The stream addresses of this name; `flags` are getaddrinfo's. Null with a problem for people when there are none.
+AddrInfoHandle LookUp(const HostPort& address, int flags, std::string& problem);
+
+// Connects to the first of the host's addresses that answers, each within ten seconds. What is written goes out at
+// once. Throws std::runtime_error with a text for people.
+UniqueFd ConnectTcp(const HostPort& address);
+
+}  // namespace vel
+
+#endif
