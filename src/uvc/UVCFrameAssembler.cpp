@@ -2,7 +2,6 @@
 
 #include <algorithm>
 
-#include "base/Clock.h"
 #include "base/VelLog.h"
 #include "protocol/IsoTable.h"
 #include "uvc/UVCPayloadHeader.h"
@@ -68,17 +67,7 @@ void UVCFrameAssembler::SwapUVCFrame() {
   }
   const std::span<std::uint8_t> frame = mFrame->Bytes();
   mFrame.reset();
-  HandOn(frame);
-}
-
-void UVCFrameAssembler::HandOn(std::span<std::uint8_t> frame) {
-  const auto now = WallClockMs();
-  const UVCFrameStamp stamp{mFrameCounter++, now, now - mLastTimestamp.value_or(now)};
-  mLastTimestamp = now;
-  VEL_DEBUG("[UVC tuning] Get new raw frame: index[%d] length[%d] timestamp[%lld] deltatime[%lld]\n",
-            static_cast<int>(stamp.index), static_cast<int>(frame.size()), static_cast<long long>(stamp.timestamp),
-            static_cast<long long>(stamp.deltaTime));
-  mReceiver.TakeFrame(frame, stamp);
+  mReceiver.TakeFrame(frame);
 }
 
 }  // namespace vel

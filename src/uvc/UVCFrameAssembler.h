@@ -33,9 +33,6 @@ class UVCFrameAssembler {
   // A completed bulk transfer: one payload.
   void ParsePayload(std::span<const std::uint8_t> payload) { TakePacket(0, payload); }
 
-  // Stamps and hands on a whole frame in a block of the receiver's; not while one is assembled.
-  void HandOn(std::span<std::uint8_t> frame);
-
  private:
   void TakePacket(std::uint32_t index, std::span<const std::uint8_t> packet);
   bool Append(std::span<const std::uint8_t> bytes);
@@ -44,8 +41,6 @@ class UVCFrameAssembler {
   UVCFrameReceiver& mReceiver;
   std::optional<UVCFrameAssembly> mFrame;  // None before its first data.
   bool mFid = false;
-  std::uint32_t mFrameCounter = 0;
-  std::optional<std::int64_t> mLastTimestamp;
 };
 
 }  // namespace vel

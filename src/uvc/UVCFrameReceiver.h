@@ -6,12 +6,6 @@
 
 namespace vel {
 
-struct UVCFrameStamp {
-  std::uint32_t index;     // Counts the stream's frames from 0.
-  std::int64_t timestamp;  // WallClockMs when the frame was complete.
-  std::int64_t deltaTime;  // Milliseconds since the frame before; 0 for the first.
-};
-
 // Owns the blocks that the frames of a stream are assembled in, and takes the frames. Called on the
 // thread, and under the locks, of whoever feeds the assembler; must not call it back.
 class UVCFrameReceiver {
@@ -22,7 +16,7 @@ class UVCFrameReceiver {
 
   // A whole frame, never empty: the head of the block handed out last, which the assembler has done
   // with.
-  virtual void TakeFrame(std::span<std::uint8_t> frame, const UVCFrameStamp& stamp) = 0;
+  virtual void TakeFrame(std::span<std::uint8_t> frame) = 0;
 
   virtual ~UVCFrameReceiver() = default;
 

@@ -1,6 +1,5 @@
 #include "policys/stream/UVCFrameIntake.h"
 
-#include <algorithm>
 #include <utility>
 
 #include "base/Clock.h"
@@ -33,7 +32,7 @@ void UVCFrameIntake::TakeWholeFrame(_UsbIoXferInfo& info) {
     return;
   }
   mBlock.reset(std::exchange(info.data, next.release()));
-  mAssembler.HandOn({mBlock.get(), info.length});
+  HandOn(info.length);
 }
 
 std::span<std::uint8_t> UVCFrameIntake::NextBlock() {
@@ -43,16 +42,21 @@ std::span<std::uint8_t> UVCFrameIntake::NextBlock() {
   return {mBlock.get(), mBlock == nullptr ? 0 : mFrameSize};
 }
 
-void UVCFrameIntake::TakeFrame(std::span<std::uint8_t> frame, const UVCFrameStamp& stamp) {
-  UVCFramePtr record = MakeUvcFrame(std::move(mBlock), static_cast<std::uint32_t>(frame.size()), stamp.index);
-  if (record == nullptr) {
+void UVCFrameIntake::HandOn(std::size_t length) {
+  UVCFramePtr frame = MakeUvcFrame(std::move(mBlock), static_cast<std::uint32_t>(length), mFrameCounter++);
+  if (frame == nullptr) {
     return;
   }
-  record->timestamp = stamp.timestamp;
-  record->deltaTime = stamp.deltaTime;
-  mTally.FrameCompleted(stamp.index, stamp.timestamp);
-  if (mFrames.EnqueueFrame(record.get()) == 0) {
-    static_cast<void>(record.release());
+  const std::int64_t now = WallClockMs();
+  frame->timestamp = now;
+  frame->deltaTime = now - mLastTimestamp.value_or(now);
+  mLastTimestamp = now;
+  VEL_DEBUG("[UVC tuning] Get new raw frame: index[%d] length[%d] timestamp[%lld] deltatime[%lld]\n",
+            static_cast<int>(frame->index), static_cast<int>(length), static_cast<long long>(now),
+            static_cast<long long>(frame->deltaTime));
+  mTally.FrameCompleted(frame->index, now);
+  if (mFrames.EnqueueFrame(frame.get()) == 0) {
+    static_cast<void>(frame.release());
   }
 }
 

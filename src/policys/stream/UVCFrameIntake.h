@@ -1,6 +1,7 @@
 #ifndef VEL_POLICYS_STREAM_UVC_FRAME_INTAKE_H
 #define VEL_POLICYS_STREAM_UVC_FRAME_INTAKE_H
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <span>
@@ -35,7 +36,9 @@ class UVCFrameIntake : private UVCFrameReceiver {
 
  private:
   std::span<std::uint8_t> NextBlock() override;
-  void TakeFrame(std::span<std::uint8_t> frame, const UVCFrameStamp& stamp) override;
+  void TakeFrame(std::span<std::uint8_t> frame) override { HandOn(frame.size()); }
+  // Stamps the frame of so many bytes in mBlock.
+  void HandOn(std::size_t length);
 
   UVCFrameManager& mFrames;
   UVCStreamTally& mTally;
@@ -43,6 +46,8 @@ class UVCFrameIntake : private UVCFrameReceiver {
   const FrameBlocks::User mBlocksUser;
   HeapBlock mBlock;  // Of the frame under assembly.
   UVCFrameAssembler mAssembler{*this};
+  std::uint32_t mFrameCounter = 0;
+  std::optional<std::int64_t> mLastTimestamp;   // Milliseconds.
   std::optional<std::int64_t> mLastWholeFrame;  // Milliseconds.
 };
 
