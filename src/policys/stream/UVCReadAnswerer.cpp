@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <system_error>
-#include <utility>
 
 #include "base/Clock.h"
 #include "base/VelLog.h"
@@ -10,83 +9,82 @@
 namespace vel {
 namespace {
 
-void CompleteTimedOut(_UsbIoXferInfo* read) {
-  read->status = kXferTimedOut;
-  read->length = 0;
-  CompleteXfer(read);
+void SetTimedOut(_UsbIoXferInfo& read) {
+  read.status = kXferTimedOut;
+  read.length = 0;
 }
 
 }  // namespace
-
-UVCReadAnswerer::UVCReadAnswerer(UVCFrameManager& frames, UVCStreamTally& tally) : mFrames(frames), mTally(tally) {
-  try {
-    mThread = std::thread(&UVCReadAnswerer::WatchTime, this);
-  } catch (const std::system_error& error) {
-    VEL_WARN("no thread to watch camera reads, they wait until a frame or the stream's end: %s", error.what());
-  }
-}
 
 UVCReadAnswerer::~UVCReadAnswerer() {
   Stop();
 }
 
-bool UVCReadAnswerer::Answer(_UsbIoXferInfo* read) {
-  {
-    const MutexLock lock(mMutex);
-    if (mStopping) {
-      return false;
-    }
-    mReads.push_back(read);
-    if (mReads.size() == 1) {
-      mTurnBegan = Clock::now();
-      if (std::exchange(mWatchIdle, false)) {
-        mChanged.NotifyAll();
-      }
-    }
+bool UVCReadAnswerer::Start() {
+  try {
+    mThread = std::thread(&UVCReadAnswerer::AnswerReads, this);
+  } catch (const std::system_error& error) {
+    VEL_ERROR("no thread to answer camera reads: %s", error.what());
+    return false;
   }
-  AnswerReady();
   return true;
 }
 
-void UVCReadAnswerer::AnswerReady() {
-  while (_UsbIoXferInfo* const read = TakeAnswered()) {
-    CompleteXfer(read);
-    Completed();
-  }
-}
-
-// The read whose turn it is, with its frame; null without a frame, and while another thread completes a read: that one
-// looks again afterwards.
-_UsbIoXferInfo* UVCReadAnswerer::TakeAnswered() {
+bool UVCReadAnswerer::Answer(_UsbIoXferInfo* read) {
   const MutexLock lock(mMutex);
-  if (mCompleting || mStopping || mReads.empty()) {
-    return nullptr;
+  if (mStopping) {
+    return false;
   }
-  const UVCFramePtr frame(mFrames.DequeueFrame(0));
-  if (frame == nullptr) {
-    return nullptr;
+  mReads.push_back(read);
+  if (mReads.size() == 1) {
+    mTurnBegan = Clock::now();
+    mChanged.NotifyOne();
   }
-  VEL_DEBUG("Poped one frame, frameLength: %d\n", static_cast<int>(frame->length));
-  _UsbIoXferInfo* const read = PopRead();
-  mTally.FrameSent(frame->index, read->streamId, frame->length, WallClockMs());
-  ReplaceXferData(*read, TakeFrameData(*frame).release(), frame->length);
-  return read;
+  return true;
 }
 
-_UsbIoXferInfo* UVCReadAnswerer::PopRead() {
-  mCompleting = true;
+void UVCReadAnswerer::FrameReady() {
+  const MutexLock lock(mMutex);
+  if (!mReads.empty()) {
+    mChanged.NotifyOne();
+  }
+}
+
+void UVCReadAnswerer::AnswerReads() {
+  while (_UsbIoXferInfo* const read = AwaitCompletion()) {
+    CompleteXfer(read);
+  }
+}
+
+_UsbIoXferInfo* UVCReadAnswerer::AwaitCompletion() {
+  MutexLock lock(mMutex);
+  mTurnBegan = Clock::now();
+  while (!mStopping) {
+    if (mReads.empty()) {
+      mChanged.Wait(lock);
+    } else if (const UVCFramePtr frame{mFrames.DequeueFrame(0)}) {
+      VEL_DEBUG("Poped one frame, frameLength: %d\n", static_cast<int>(frame->length));
+      _UsbIoXferInfo& read = PopRead();
+      mTally.FrameSent(frame->index, read.streamId, frame->length, WallClockMs());
+      ReplaceXferData(read, TakeFrameData(*frame).release(), frame->length);
+      return &read;
+    } else if (Clock::now() >= mTurnBegan + kFrameWait) {
+      mTally.FrameMissed();
+      VEL_ERROR("CTRL Pop fail, timeout");
+      _UsbIoXferInfo& read = PopRead();
+      SetTimedOut(read);
+      return &read;
+    } else {
+      mChanged.WaitUntil(lock, mTurnBegan + kFrameWait);
+    }
+  }
+  return nullptr;
+}
+
+_UsbIoXferInfo& UVCReadAnswerer::PopRead() {
   _UsbIoXferInfo* const read = mReads.front();
   mReads.pop_front();
-  return read;
-}
-
-void UVCReadAnswerer::Completed() {
-  const MutexLock lock(mMutex);
-  mCompleting = false;
-  mTurnBegan = Clock::now();
-  if (mStopping) {
-    mChanged.NotifyAll();
-  }
+  return *read;
 }
 
 bool UVCReadAnswerer::Cancel(std::uint32_t localXferId) {
@@ -109,52 +107,21 @@ bool UVCReadAnswerer::Cancel(std::uint32_t localXferId) {
   return true;
 }
 
-void UVCReadAnswerer::WatchTime() {
-  while (_UsbIoXferInfo* const read = AwaitOverdue()) {
-    mTally.FrameMissed();
-    VEL_ERROR("CTRL Pop fail, timeout");
-    CompleteTimedOut(read);
-    Completed();
-    AnswerReady();
-  }
-}
-
-// Null at Stop. Wakes at the end of a wait, and else seldom: a read that is answered in time does not wake it, since
-// what comes meanwhile ends later than the wait that this thread is in.
-_UsbIoXferInfo* UVCReadAnswerer::AwaitOverdue() {
-  MutexLock lock(mMutex);
-  while (!mStopping) {
-    const auto now = Clock::now();
-    const bool overdue = now >= mTurnBegan + kFrameWait;
-    if (mCompleting || (mReads.empty() && !overdue)) {
-      mChanged.WaitUntil(lock, now + kFrameWait);
-    } else if (mReads.empty()) {
-      mWatchIdle = true;
-      mChanged.Wait(lock);
-    } else if (!overdue) {
-      mChanged.WaitUntil(lock, mTurnBegan + kFrameWait);
-    } else {
-      return PopRead();
-    }
-  }
-  return nullptr;
-}
-
 void UVCReadAnswerer::Stop() {
   std::deque<_UsbIoXferInfo*> left;
   {
-    MutexLock lock(mMutex);
+    const MutexLock lock(mMutex);
     mStopping = true;
-    mChanged.NotifyAll();
-    while (mCompleting) {
-      mChanged.Wait(lock);
-    }
+    mChanged.NotifyOne();
     left.swap(mReads);
   }
   if (mThread.joinable()) {
     mThread.join();
   }
-  std::ranges::for_each(left, CompleteTimedOut);
+  std::ranges::for_each(left, [](_UsbIoXferInfo* read) {
+    SetTimedOut(*read);
+    CompleteXfer(read);
+  });
 }
 
 }  // namespace vel

@@ -13,26 +13,38 @@
 
 namespace vel {
 
-// Answers the remote side's reads of the streaming endpoint, one whole frame each, in their order. Where a read and a
-// frame meet, the thread that brought the later of the two completes the read, without a hand-over; a thread of its own
-// only watches the time, so that other requests go on while a read waits.
+// Answers the remote side's reads of the streaming endpoint, one whole frame each, in their order, on a thread of its
+// own: a remote side that takes its replies slowly holds up neither the camera's transfers nor the coders nor other
+// requests.
+//
+//   stopping | reads | frames | the thread
+//   no       | none  | any    | sleeps until a read comes
+//   no       | some  | none   | sleeps until a frame comes; kFrameWait after the first read's turn began it lets that one
+//            |       |        | time out
+//   no       | some  | some   | completes the first read with the oldest frame
+//   yes      | any   | any    | ends; Stop lets what waits time out
+//
+// A read's turn begins when it is the first and the one before is completed. A cancelled read is completed by whoever
+// cancels it.
 class UVCReadAnswerer {
  public:
   // How long a read whose turn it is waits for its frame before it fails as timed out.
   static constexpr std::chrono::milliseconds kFrameWait{500};
 
   // Both outlive this object.
-  UVCReadAnswerer(UVCFrameManager& frames, UVCStreamTally& tally);
+  UVCReadAnswerer(UVCFrameManager& frames, UVCStreamTally& tally) : mFrames(frames), mTally(tally) {}
   UVCReadAnswerer(const UVCReadAnswerer&) = delete;
   UVCReadAnswerer& operator=(const UVCReadAnswerer&) = delete;
   ~UVCReadAnswerer();
 
-  // Takes the read and sees to its one completion, which may come before this returns. False after Stop: it stays the
-  // caller's. Any thread.
+  // Once, before any read. False, with an Error line, when there is no thread to be had.
+  bool Start();
+
+  // Takes the read and sees to its one completion. False after Stop: it stays the caller's. Any thread.
   bool Answer(_UsbIoXferInfo* read);
 
-  // Completes reads with the frames that there are. After every frame; any thread, with no lock held.
-  void AnswerReady();
+  // A frame was made ready. Any thread; returns at once.
+  void FrameReady();
 
   // Completes the last read of this id as cancelled, if it still waits. Any thread.
   bool Cancel(std::uint32_t localXferId);
@@ -43,20 +55,16 @@ class UVCReadAnswerer {
  private:
   using Clock = std::chrono::steady_clock;
 
-  void WatchTime();
-  _UsbIoXferInfo* AwaitOverdue();
-  _UsbIoXferInfo* TakeAnswered();
-  _UsbIoXferInfo* PopRead() VEL_REQUIRES(mMutex);
-  void Completed();
+  void AnswerReads();
+  // The next read to complete, with its frame or as timed out; null at Stop.
+  _UsbIoXferInfo* AwaitCompletion();
+  _UsbIoXferInfo& PopRead() VEL_REQUIRES(mMutex);
 
   UVCFrameManager& mFrames;
   UVCStreamTally& mTally;
   Mutex mMutex;
-  CondVar mChanged;  // A first read came to the watch, a completion ended, or Stop.
+  CondVar mChanged;  // For the thread alone: a first read or, while one waits, a frame came; or Stop.
   bool mStopping VEL_GUARDED_BY(mMutex) = false;
-  // Some thread completes a read, unlocked. No other does meanwhile, so that replies keep the order of the reads.
-  bool mCompleting VEL_GUARDED_BY(mMutex) = false;
-  bool mWatchIdle VEL_GUARDED_BY(mMutex) = false;             // The watch has no time to wait for.
   std::deque<_UsbIoXferInfo*> mReads VEL_GUARDED_BY(mMutex);  // Bounded by the device's budget.
   Clock::time_point mTurnBegan VEL_GUARDED_BY(mMutex);        // Of the first of them.
   std::thread mThread;

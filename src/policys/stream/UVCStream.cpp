@@ -25,8 +25,8 @@ void UVCStream::Stop() {
 }
 
 bool UVCStream::Init() {
-  mFrames.SetFrameListener([this] { mAnswerer.AnswerReady(); });
-  return mFrames.Init(mFormat.width, mFormat.height, mFormat.in, mFormat.out, nullptr) == 0;
+  mFrames.SetFrameListener([this] { mAnswerer.FrameReady(); });
+  return mAnswerer.Start() && mFrames.Init(mFormat.width, mFormat.height, mFormat.in, mFormat.out, nullptr) == 0;
 }
 
 void UVCStream::FrameRequestCB(XferPtr record) {
@@ -34,8 +34,8 @@ void UVCStream::FrameRequestCB(XferPtr record) {
     VEL_ERROR("Error submitting transfer, %d", record->status);
   } else if (mReader.IsActive()) {
     TakeIn(*record);
-    if (mFormat.in == mFormat.out) {  // Otherwise the coders' threads see to it.
-      mAnswerer.AnswerReady();
+    if (mFormat.in == mFormat.out) {  // Otherwise the coders' threads tell.
+      mAnswerer.FrameReady();
     }
   }
   mReader.Resubmit(std::move(record));  // The last that is touched: Stop may be waiting for it.
