@@ -207,8 +207,9 @@ class PlainDecoder {
     std::vector<Bytes> pictures;
     for (const PacketPtr& packet : mPackets) {
       Decode(packet);
-      pictures.emplace_back(DecodedPictureBytes(*mFrame));
-      ConvertDecodedPicture(*mFrame, UVC_DECODER_TYPE_MJPEG, UVC_DECODER_OUTPUT_YUYV, pictures.back().data());
+      const DecodedPicture picture(*mFrame, UVC_DECODER_TYPE_MJPEG, UVC_DECODER_OUTPUT_YUYV);
+      pictures.emplace_back(picture.BlockBytes());
+      picture.Convert(pictures.back().data());
       av_frame_unref(mFrame.get());
     }
     return pictures;

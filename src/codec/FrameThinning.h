@@ -8,11 +8,15 @@
 
 namespace vel {
 
+// More frames than this in a list and it is thinned before the next one is added.
+inline constexpr std::size_t kFrameListLimit = 3;
+inline constexpr std::uint32_t kFrameListCacheSize = 1;
+
 // Of each group of frames the first one stays and the others are erased, with groups so large that about `cacheSize` of
 // them fill the list. What does not fill a group stays too, and so does the front frame always. `List` is a sequence
-// that owns its frames.
+// that owns its frames; `queue` names it in the log.
 template <class List>
-void ThinFrames(std::uint32_t cacheSize, List& list) {
+void ThinFrames(std::uint32_t cacheSize, List& list, const char* queue) {
   const std::size_t count = list.size();
   std::size_t interval = 1;
   for (std::size_t k = 1; k < count; ++k) {
@@ -38,7 +42,7 @@ void ThinFrames(std::uint32_t cacheSize, List& list) {
       place = list.erase(place);
     }
   }
-  VEL_DEBUG("UVC: output queue size after resize: %lu \n", static_cast<unsigned long>(list.size()));
+  VEL_DEBUG("UVC: %s queue size after resize: %lu \n", queue, static_cast<unsigned long>(list.size()));
 }
 
 }  // namespace vel

@@ -31,7 +31,7 @@ HeapBlock TakeFrameData(UVC_FRAME& frame) {
 }
 
 int FrameListResize(std::uint32_t cacheSize, UVCFrameList& list) {
-  ThinFrames(cacheSize, list);
+  ThinFrames(cacheSize, list, "output");
   return 0;
 }
 

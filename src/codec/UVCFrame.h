@@ -51,10 +51,6 @@ HeapBlock TakeFrameData(UVC_FRAME& frame);
 
 using UVCFrameList = std::deque<UVCFramePtr>;
 
-// More frames than this in a list and it is thinned before the next one is added.
-inline constexpr std::size_t kFrameListLimit = 3;
-inline constexpr std::uint32_t kFrameListCacheSize = 1;
-
 // See ThinFrames. Returns 0.
 int FrameListResize(std::uint32_t cacheSize, UVCFrameList& list);
 

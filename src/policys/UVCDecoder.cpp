@@ -132,12 +132,15 @@ int UVCDecoder::Decode(const std::uint8_t* in, std::uint32_t inSize, std::uint8_
     return -1;
   }
   const auto room = static_cast<std::int64_t>(mWidth) * mHeight * 2;
-  if (static_cast<std::int64_t>(DecodedPictureBytes(*mFrame)) > room) {
+  const DecodedPicture picture(*mFrame, mType, mFormat);
+  if (static_cast<std::int64_t>(picture.BlockBytes()) > room) {
     VEL_ERROR("a picture of %dx%d does not fit %dx%d", mFrame->width, mFrame->height, mWidth, mHeight);
     return -1;
   }
-  FillUnknownWithBlack(*mFrame, mType, mFormat, out);
-  *outSize = ConvertDecodedPicture(*mFrame, mType, mFormat, out);
+  picture.LogFormat();
+  picture.FillUnknownWithBlack(out);
+  picture.Convert(out);
+  *outSize = picture.Bytes();
   return *outSize > 0 ? 1 : -1;
 }
 
@@ -146,50 +149,41 @@ int UVCDecoder::GetOutputData(std::uint8_t* out, std::uint32_t* outSize) {
   if (mFrame == nullptr || mFrame->data[0] == nullptr || out == nullptr || outSize == nullptr) {
     return -1;
   }
-  const std::uint32_t size = ConvertDecodedPicture(*mFrame, mType, mFormat, out);
-  if (size == 0) {
+  const DecodedPicture picture(*mFrame, mType, mFormat);
+  picture.LogFormat();
+  if (picture.Bytes() == 0) {
     return -1;
   }
-  *outSize = size;
+  picture.Convert(out);
+  *outSize = picture.Bytes();
   return 0;
 }
 
 int UVCDecoder::DecodeAsync(std::uint8_t* in, std::uint32_t inSize, std::uint32_t index) {
-  bool taken = false;
-  const int result = Submit(in, inSize, index, taken);
-  if (taken) {
-    FrameBlocks::Give(HeapBlock(in), inSize);
-  }
+  HeapBlock block(in);
+  const int result = DecodeAsync(block, inSize, index);
+  static_cast<void>(block.release());  // Null when it was taken.
   return result;
 }
 
 int UVCDecoder::DecodeAsync(HeapBlock& in, std::uint32_t inSize, std::uint32_t index) {
-  bool taken = false;
-  const int result = Submit(in.get(), inSize, index, taken);
-  if (taken) {
-    FrameBlocks::Give(std::move(in), inSize);
-  }
-  return result;
-}
-
-int UVCDecoder::Submit(const std::uint8_t* in, std::uint32_t inSize, std::uint32_t index, bool& taken) {
   int result = 0;
   {
     const MutexLock lock(mCodecMutex);
     if (mContext == nullptr || mFrame == nullptr || in == nullptr || inSize == 0) {
-      VEL_ERROR("inbuf: %p, inbufSize: %u, decoder ctx: %p, avframe: %p\n", static_cast<const void*>(in), inSize,
+      VEL_ERROR("inbuf: %p, inbufSize: %u, decoder ctx: %p, avframe: %p\n", static_cast<const void*>(in.get()), inSize,
                 static_cast<void*>(mContext.get()), static_cast<void*>(mFrame.get()));
       return -1;
     }
-    taken = true;
     const std::int64_t now = WallClockMs();
     mStartTime = now;
     VEL_DEBUG("[UVC tuning] Start decode frame[%lld] at [%lld]", static_cast<long long>(index),
               static_cast<long long>(now));
-    result = Send(in, inSize, index);
+    result = Send(in.get(), inSize, index);
     mSent = true;
   }
   mCodecChanged.NotifyOne();
+  FrameBlocks::Give(std::move(in), inSize);
   if (result != 0) {
     VEL_ERROR("Do async decode fail (%d), frame size:%d\n", result, static_cast<int>(inSize));
     return -1;
@@ -230,28 +224,20 @@ void UVCDecoder::DecodeThread(_UVC_DECODER_TYPE type, _UVC_DECODER_OUTPUT_FORMAT
   VEL_DEBUG("UVC decode thread exit\n");
 }
 
-void UVCDecoder::PassOn(const AVFrame& picture, _UVC_DECODER_TYPE type, _UVC_DECODER_OUTPUT_FORMAT format) {
-  if (mHandler != nullptr && mHandler->OnFinishDecodePicture(picture)) {
-    return;
-  }
-  const std::size_t bytes = DecodedPictureBytes(picture);
-  HeapBlock out = FrameBlocks::Take(bytes);
-  if (out == nullptr) {
-    VEL_ERROR("no memory for a picture of %dx%d", picture.width, picture.height);
-    return;
-  }
-  FillUnknownWithBlack(picture, type, format, out.get());
-  const std::uint32_t size = ConvertDecodedPicture(picture, type, format, out.get());
+void UVCDecoder::PassOn(const AVFrame& frame, _UVC_DECODER_TYPE type, _UVC_DECODER_OUTPUT_FORMAT format) {
+  const DecodedPicture picture(frame, type, format);
+  const std::uint32_t size = picture.Bytes();
+  picture.LogFormat();
   if (oskeloLogIsOn(OSKELO_LOG_DEBUG) != 0) {
     const std::int64_t now = WallClockMs();
-    VEL_DEBUG("[UVC tuning] Finish decode frame index[%lld] at [%lld], cost[%lld]", static_cast<long long>(picture.pts),
-              static_cast<long long>(now), static_cast<long long>(now - mStartTime));
+    VEL_DEBUG("[UVC tuning] Finish decode frame index[%lld] at [%lld], cost[%lld]",
+              static_cast<long long>(picture.Index()), static_cast<long long>(now),
+              static_cast<long long>(now - mStartTime));
     VEL_DEBUG("decode success, frame size[%d]\n", static_cast<int>(size));
   }
   if (size > 0 && mHandler != nullptr) {
-    mHandler->OnFinishDecodeBlock(out, size, picture.pts);
+    mHandler->OnFinishDecodePicture(picture);
   }
-  FrameBlocks::Give(std::move(out), bytes);
 }
 
 int UVCDecoder::Release() {

@@ -65,12 +65,10 @@ class VEL_MODULE_EXPORT UVCDecoder {
  private:
   int OpenCodec(_UVC_DECODER_TYPE type) VEL_REQUIRES(mCodecMutex);
   int Send(const std::uint8_t* in, std::uint32_t inSize, std::int64_t pts) VEL_REQUIRES(mCodecMutex);
-  // DecodeAsync but for freeing the block: `taken` unless the call was refused as a whole.
-  int Submit(const std::uint8_t* in, std::uint32_t inSize, std::uint32_t index, bool& taken);
   void DecodeThread(_UVC_DECODER_TYPE type, _UVC_DECODER_OUTPUT_FORMAT format);
   // Waits for the next picture or failure; false at the end.
   bool AwaitPicture(AVFrame& picture, int& result);
-  void PassOn(const AVFrame& picture, _UVC_DECODER_TYPE type, _UVC_DECODER_OUTPUT_FORMAT format);
+  void PassOn(const AVFrame& frame, _UVC_DECODER_TYPE type, _UVC_DECODER_OUTPUT_FORMAT format);
 
   Mutex mCodecMutex;
   CondVar mCodecChanged;  // A frame was sent, or the worker is to end.

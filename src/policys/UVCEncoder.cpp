@@ -8,7 +8,6 @@
 #include <utility>
 
 #include "base/VelLog.h"
-#include "codec/FrameThinning.h"
 #include "pixel/PixelConvert.h"
 #include "policys/Encoder/FFmpegEncoder.h"
 
@@ -80,10 +79,7 @@ int UVCEncoder::Init(_UVC_ENCODER_TYPE type, int width, int height, UVCEncoderHa
   mBlocks.emplace();
   mHandler = handler;
   mCamera = camera;
-  {
-    const MutexLock lock(mListMutex);
-    mRunning = true;
-  }
+  mInputs.Open();
   try {
     mThread = std::thread([this] { EncodeThread(); });
   } catch (const std::system_error&) {
@@ -126,57 +122,42 @@ bool UVCEncoder::OpenEncoder(_UVC_ENCODER_TYPE type) {
 }
 
 int UVCEncoder::EncodeAsync(UVC_FRAME* frame) {
-  Input input{frame == nullptr ? 0 : frame->index, UVCFramePtr(frame), nullptr};
-  const int result = EncodeAsync(input);
-  if (result != 0) {
-    static_cast<void>(input.frame.release());
-  }
+  UVCFramePtr owned(frame);
+  const int result = EncodeAsync(owned);
+  static_cast<void>(owned.release());  // Null when it was taken.
   return result;
 }
 
-int UVCEncoder::EncodePlanarAsync(FramePtr picture, std::uint32_t index) {
-  Input input{index, nullptr, std::move(picture)};
-  return EncodeAsync(input);
+int UVCEncoder::EncodeAsync(UVCFramePtr& frame) {
+  return Queue(frame, frame == nullptr ? 0 : frame->index);
 }
 
-// Takes the input unless it fails.
-int UVCEncoder::EncodeAsync(Input& input) {
-  if (!mRunning) {
+int UVCEncoder::EncodeAsync(FramePtr& picture, std::uint32_t index) {
+  return Queue(picture, index);
+}
+
+// Takes the picture unless it fails.
+template <class Picture>
+int UVCEncoder::Queue(Picture& picture, std::uint32_t index) {
+  if (!mInputs.IsOpen()) {
     VEL_ERROR("Encoder thread is not ready");
     return -1;
   }
-  if (input.frame == nullptr && input.picture == nullptr) {
+  if (picture == nullptr) {
     return -1;
   }
-  std::size_t waiting = 0;
-  {
-    const MutexLock lock(mListMutex);
-    if (!mRunning) {
-      return -1;
-    }
-    if (mInputs.size() > kFrameListLimit) {
-      ThinFrames(kFrameListCacheSize, mInputs);
-      VEL_DEBUG("UVC: encoder queue size after resize: %lu \n", static_cast<unsigned long>(mInputs.size()));
-    }
-    mInputs.push_back(std::move(input));
-    waiting = mInputs.size();
+  Input input{index, std::move(picture)};
+  const std::size_t waiting = mInputs.Push(input);
+  if (waiting == 0) {  // Released meanwhile.
+    picture = std::get<Picture>(std::move(input.picture));
+    return -1;
   }
-  mListChanged.NotifyOne();
   VEL_DEBUG("[UVC tuning] Encoder in framelist size[%lu]", static_cast<unsigned long>(waiting));
   return 0;
 }
 
-UVCEncoder::Input* UVCEncoder::AwaitInput() {
-  MutexLock lock(mListMutex);
-  while (mRunning && mInputs.empty()) {
-    mListChanged.Wait(lock);
-  }
-  return mRunning ? &mInputs.front() : nullptr;
-}
-
 void UVCEncoder::EncodeThread() {
-  // Thinning never takes the front input, so it may be used without the lock.
-  while (Input* const input = AwaitInput()) {
+  while (Input* const input = mInputs.Front()) {
     EncodeInput(*input);
   }
   VEL_DEBUG("Encode thread exit.");
@@ -188,8 +169,8 @@ void UVCEncoder::EncodeInput(Input& input) {
   int result = -1;
   {
     const MutexLock lock(mCodecMutex);
-    result =
-        input.picture != nullptr ? EncodePlanes(*input.picture) : EncodePicture(input.frame->data, input.frame->length);
+    result = std::visit([this](const auto& picture) VEL_REQUIRES(mCodecMutex) { return EncodePicture(picture); },
+                        input.picture);
     if (result == 0) {
       outLength = static_cast<std::uint32_t>(mPacket->size);
       out = FrameBlocks::Take(outLength);
@@ -202,12 +183,7 @@ void UVCEncoder::EncodeInput(Input& input) {
     av_packet_unref(mPacket.get());
   }
   const std::uint32_t index = input.index;
-  std::list<Input> done;  // Freed after the lock.
-  {
-    const MutexLock lock(mListMutex);
-    done.splice(done.begin(), mInputs, mInputs.begin());
-  }
-  done.clear();
+  mInputs.PopFront();
   if (result < 0) {
     VEL_ERROR("encode failed[%d]\n", result);
   } else if (mHandler != nullptr) {
@@ -255,20 +231,20 @@ int UVCEncoder::EncodePicture(const std::uint8_t* data, std::uint32_t length) {
   return mEncoder->encode(mFrame.get(), mPacket.get());
 }
 
-int UVCEncoder::EncodePlanes(AVFrame& picture) {
-  if (picture.width != mWidth || picture.height != mHeight) {
+int UVCEncoder::EncodePicture(const UVCFramePtr& frame) {
+  return EncodePicture(frame->data, frame->length);
+}
+
+int UVCEncoder::EncodePicture(const FramePtr& planes) {
+  if (planes->width != mWidth || planes->height != mHeight) {
     return AVERROR(EINVAL);
   }
-  picture.pts = NextPictureNumber();
-  return mEncoder->encode(&picture, mPacket.get());
+  planes->pts = NextPictureNumber();
+  return mEncoder->encode(planes.get(), mPacket.get());
 }
 
 int UVCEncoder::Release() {
-  {
-    const MutexLock lock(mListMutex);
-    mRunning = false;
-  }
-  mListChanged.NotifyAll();
+  mInputs.Close();
   if (mThread.joinable()) {
     mThread.join();
   }
@@ -276,12 +252,7 @@ int UVCEncoder::Release() {
   if (mEncoder == nullptr) {
     return 0;
   }
-  std::list<Input> unencoded;
-  {
-    const MutexLock listLock(mListMutex);
-    unencoded.swap(mInputs);
-  }
-  unencoded.clear();
+  mInputs.Clear();
   mEncoder->encode(nullptr, mPacket.get());
   av_packet_unref(mPacket.get());
   mEncoder->close();

@@ -1,17 +1,17 @@
 #ifndef VEL_POLICYS_UVC_ENCODER_H
 #define VEL_POLICYS_UVC_ENCODER_H
 
-#include <atomic>
 #include <cstdint>
-#include <list>
 #include <memory>
 #include <optional>
 #include <thread>
+#include <variant>
 
 #include "base/ModuleExport.h"
 #include "codec/FfmpegLog.h"
 #include "codec/FfmpegPtr.h"
 #include "codec/FrameBlocks.h"
+#include "codec/ThinnedQueue.h"
 #include "codec/UVCEncoderHandler.h"
 #include "codec/UVCFrame.h"
 #include "policys/Encoder/IEncoder.h"
@@ -52,10 +52,10 @@ class VEL_MODULE_EXPORT UVCEncoder {
   // initialised, or released. A frame that is too short for a picture gives a synthetic one. Any
   // thread; does not block.
   int EncodeAsync(UVC_FRAME* frame);
-
+  // The same; `frame` is empty afterwards unless it failed.
+  int EncodeAsync(UVCFramePtr& frame);
   // The same with a planar 4:2:0 picture of the encoder's size instead of a frame; its memory is read and not written.
-  // Frees it when it fails.
-  int EncodePlanarAsync(FramePtr picture, std::uint32_t index);
+  int EncodeAsync(FramePtr& picture, std::uint32_t index);
 
   // Encodes one picture on the calling thread, past the queue. `out` has width * height * 2 bytes;
   // an access unit that is larger, which only pictures of a few pixels have, is refused. Returns 0
@@ -77,18 +77,16 @@ class VEL_MODULE_EXPORT UVCEncoder {
 
  private:
   bool OpenEncoder(_UVC_ENCODER_TYPE type) VEL_REQUIRES(mCodecMutex);
-  // One of both.
   struct Input {
     std::uint32_t index;
-    UVCFramePtr frame;
-    FramePtr picture;
+    std::variant<UVCFramePtr, FramePtr> picture;  // Packed or planar.
   };
-  int EncodeAsync(Input& input);
+  template <class Picture>
+  int Queue(Picture& picture, std::uint32_t index);
+  int EncodePicture(const UVCFramePtr& frame) VEL_REQUIRES(mCodecMutex);
+  int EncodePicture(const FramePtr& planes) VEL_REQUIRES(mCodecMutex);
   int EncodePicture(const std::uint8_t* data, std::uint32_t length) VEL_REQUIRES(mCodecMutex);
-  int EncodePlanes(AVFrame& picture) VEL_REQUIRES(mCodecMutex);
   void EncodeThread();
-  // The oldest queued input, which stays in the queue until it is encoded; null at the end.
-  Input* AwaitInput();
   void EncodeInput(Input& input);
 
   Mutex mCodecMutex;
@@ -104,11 +102,7 @@ class VEL_MODULE_EXPORT UVCEncoder {
   UVCEncoderHandler* mHandler = nullptr;
   CameraFuns* mCamera = nullptr;
   std::optional<FrameBlocks::User> mBlocks;
-
-  Mutex mListMutex;
-  CondVar mListChanged;                                 // A frame was added, or the worker is to end.
-  std::atomic<bool> mRunning{false};                    // Written under mListMutex.
-  std::list<Input> mInputs VEL_GUARDED_BY(mListMutex);  // A list: thinning leaves the front where it is.
+  ThinnedQueue<Input> mInputs{"encoder"};  // Open from Init to Release.
 };
 
 }  // namespace vel

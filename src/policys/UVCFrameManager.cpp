@@ -6,7 +6,7 @@
 
 #include "base/VelLog.h"
 #include "codec/DecodedPicture.h"
-#include "codec/FrameQueue.h"
+#include "codec/ThinnedQueue.h"
 #include "policys/UVCDecoder.h"
 
 namespace vel {
@@ -27,15 +27,9 @@ struct UVCFrameManager::Stream {
   int width = 0;  // Pixels.
   int height = 0;
   FrameBlocks::User blocks;
-  FrameQueue out;
+  ThinnedQueue<UVCFramePtr> out{"output"};
   std::unique_ptr<UVCEncoder> encoder;  // Null: not needed.
   std::unique_ptr<UVCDecoder> decoder;
-
-  void Encode(UVCFramePtr frame) {
-    if (encoder->EncodeAsync(frame.get()) == 0) {
-      static_cast<void>(frame.release());
-    }
-  }
 };
 
 UVCFrameManager::UVCFrameManager(_UVC_FRAME_TYPE in, _UVC_FRAME_TYPE out) : mInFrameType(in), mOutFrameType(out) {}
@@ -69,6 +63,7 @@ std::unique_ptr<UVCFrameManager::Stream> UVCFrameManager::MakeStream(int width, 
   auto stream = std::make_unique<Stream>();
   stream->width = width;
   stream->height = height;
+  stream->out.Open();
   if (in == out) {
     return stream;
   }
@@ -107,6 +102,7 @@ void UVCFrameManager::ReplaceStream(std::shared_ptr<Stream> next) {
     return;
   }
   former->out.Close();
+  former->out.Clear();
   // In the order of the frames, so that nothing comes to a coder that has ended.
   if (former->decoder != nullptr) {
     former->decoder->Release();
@@ -132,9 +128,9 @@ int UVCFrameManager::EnqueueFrame(UVC_FRAME* frame) {
     HeapBlock data = TakeFrameData(*frame);
     stream->decoder->DecodeAsync(data, frame->length, frame->index);
   } else if (stream->encoder != nullptr) {
-    stream->Encode(std::move(owned));
+    stream->encoder->EncodeAsync(owned);
   } else {
-    stream->out.Push(std::move(owned));
+    Finish(*stream, std::move(owned));
   }
   return 0;
 }
@@ -167,47 +163,49 @@ void UVCFrameManager::OnFinishEncode(std::uint32_t index, std::uint8_t* data, st
             static_cast<long long>(delta));
   DumpStream(frame->data, length, kDumpEncoded);
   PushFrameToOutQ(frame.release());
-  if (mListener) {
-    mListener();
-  }
 }
 
 void UVCFrameManager::OnFinishDecode(std::uint8_t* data, std::uint32_t length, std::int64_t index) {
-  HeapBlock copy = FrameBlocks::Take(length);
+  const std::shared_ptr<Stream> stream = CurrentStream();
+  HeapBlock copy = stream == nullptr ? nullptr : FrameBlocks::Take(length);
   if (copy != nullptr) {
     std::memcpy(copy.get(), data, length);
-    OnFinishDecodeBlock(copy, length, index);
+    TakeDecoded(*stream, std::move(copy), length, index);
   }
 }
 
-void UVCFrameManager::OnFinishDecodeBlock(HeapBlock& block, std::uint32_t length, std::int64_t index) {
+void UVCFrameManager::OnFinishDecodePicture(const DecodedPicture& picture) {
   const std::shared_ptr<Stream> stream = CurrentStream();
   if (stream == nullptr) {
     return;
   }
+  if (stream->encoder != nullptr && picture.Width() == stream->width && picture.Height() == stream->height) {
+    if (FramePtr planar = picture.AsPlanar420()) {
+      stream->encoder->EncodeAsync(planar, static_cast<std::uint32_t>(picture.Index()));
+      return;
+    }
+  }
+  if (HeapBlock block = picture.ToBlock()) {
+    TakeDecoded(*stream, std::move(block), picture.Bytes(), picture.Index());
+  }
+}
+
+void UVCFrameManager::TakeDecoded(Stream& stream, HeapBlock block, std::uint32_t length, std::int64_t index) {
   UVCFramePtr frame = MakeUvcFrame(std::move(block), length, static_cast<std::uint32_t>(index));
   if (frame == nullptr) {
     return;
   }
-  if (stream->encoder != nullptr) {
-    stream->Encode(std::move(frame));
+  if (stream.encoder != nullptr) {
+    stream.encoder->EncodeAsync(frame);
   } else {
-    stream->out.Push(std::move(frame));
-    if (mListener) {
-      mListener();
-    }
+    Finish(stream, std::move(frame));
   }
 }
 
-bool UVCFrameManager::OnFinishDecodePicture(const AVFrame& picture) {
-  const std::shared_ptr<Stream> stream = CurrentStream();
-  if (stream == nullptr || stream->encoder == nullptr || picture.width != stream->width ||
-      picture.height != stream->height) {
-    return false;
+void UVCFrameManager::Finish(Stream& stream, UVCFramePtr frame) {
+  if (stream.out.Push(frame) != 0 && mListener) {
+    mListener();
   }
-  FramePtr planar = ViewAsPlanar420(picture, UVC_DECODER_TYPE_MJPEG);
-  return planar != nullptr &&
-         stream->encoder->EncodePlanarAsync(std::move(planar), static_cast<std::uint32_t>(picture.pts)) == 0;
 }
 
 void UVCFrameManager::EnableDumpStream(const char* path, std::uint8_t type) {
@@ -259,7 +257,7 @@ int UVCFrameManager::PushFrameToOutQ(UVC_FRAME* frame) {
   UVCFramePtr owned(frame);
   const std::shared_ptr<Stream> stream = CurrentStream();
   if (stream != nullptr && owned != nullptr) {
-    stream->out.Push(std::move(owned));
+    Finish(*stream, std::move(owned));
   }
   return 0;
 }

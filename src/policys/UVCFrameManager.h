@@ -29,8 +29,9 @@ class VEL_MODULE_EXPORT UVCFrameManager : private UVCUtil, public UVCEncoderHand
   UVCFrameManager& operator=(const UVCFrameManager&) = delete;
   ~UVCFrameManager() override;
 
-  // Called after each frame that decoder or encoder have made available, on their thread and with no lock held; it must
-  // not release the manager. Before Init.
+  // Called after each frame that became available, with none of the manager's locks held, on the thread that brought
+  // it: decoder's, encoder's, or the producer's for one that goes through untouched. It must not release the manager.
+  // Before Init.
   void SetFrameListener(std::function<void()> listener) { mListener = std::move(listener); }
 
   // Size in pixels; `camera` is passed on to the encoder. Returns 0, or -1 with an Error line, and
@@ -51,11 +52,8 @@ class VEL_MODULE_EXPORT UVCFrameManager : private UVCUtil, public UVCEncoderHand
   void OnFinishEncode(std::uint32_t index, std::uint8_t* data, std::uint32_t length, int result) override;
   // Copies the bytes.
   void OnFinishDecode(std::uint8_t* data, std::uint32_t length, std::int64_t index) override;
-  // Takes the block: what the decoder itself calls, so that its pictures are not copied.
-  void OnFinishDecodeBlock(HeapBlock& block, std::uint32_t length, std::int64_t index) override;
-
-  // Takes a picture that the encoder can do with as it is.
-  bool OnFinishDecodePicture(const AVFrame& picture) override;
+  // Encodes the picture as it is where that can be done; copies nothing.
+  void OnFinishDecodePicture(const DecodedPicture& picture) override;
 
   // Starts writing the frames that come in (kDumpRaw), or those that were encoded (kDumpEncoded),
   // to a file, which is replaced. A null path does nothing. Any thread.
@@ -82,6 +80,8 @@ class VEL_MODULE_EXPORT UVCFrameManager : private UVCUtil, public UVCEncoderHand
   std::unique_ptr<Stream> MakeStream(int width, int height, _UVC_FRAME_TYPE in, _UVC_FRAME_TYPE out,
                                      CameraFuns* camera);
   std::shared_ptr<Stream> CurrentStream();
+  void TakeDecoded(Stream& stream, HeapBlock block, std::uint32_t length, std::int64_t index);
+  void Finish(Stream& stream, UVCFramePtr frame);
   void ReplaceStream(std::shared_ptr<Stream> next) VEL_REQUIRES(mControlMutex);
 
   Mutex mControlMutex;  // Init against Release; held while coders open and end.

@@ -3,9 +3,7 @@
 #include <algorithm>
 #include <utility>
 
-extern "C" {
-#include <libavutil/frame.h>
-}
+#include "codec/DecodedPicture.h"
 
 namespace vel {
 
@@ -53,12 +51,12 @@ PipelineTimes TimedPipeline::Times() {
   return mTimes;
 }
 
-bool TimedPipeline::OnFinishDecodePicture(const AVFrame& picture) {
+void TimedPipeline::OnFinishDecodePicture(const DecodedPicture& picture) {
   {
     const MutexLock lock(mMutex);
-    Mark(static_cast<std::uint32_t>(picture.pts), mTimes.decode);
+    Mark(static_cast<std::uint32_t>(picture.Index()), mTimes.decode);
   }
-  return UVCFrameManager::OnFinishDecodePicture(picture);
+  UVCFrameManager::OnFinishDecodePicture(picture);
 }
 
 void TimedPipeline::OnFinishEncode(std::uint32_t index, std::uint8_t* data, std::uint32_t length, int result) {

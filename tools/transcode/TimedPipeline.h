@@ -35,7 +35,7 @@ class TimedPipeline : public UVCFrameManager {
 
   PipelineTimes Times();
 
-  bool OnFinishDecodePicture(const AVFrame& picture) override;
+  void OnFinishDecodePicture(const DecodedPicture& picture) override;
   void OnFinishEncode(std::uint32_t index, std::uint8_t* data, std::uint32_t length, int result) override;
 
  private:

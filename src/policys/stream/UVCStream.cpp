@@ -34,9 +34,6 @@ void UVCStream::FrameRequestCB(XferPtr record) {
     VEL_ERROR("Error submitting transfer, %d", record->status);
   } else if (mReader.IsActive()) {
     TakeIn(*record);
-    if (mFormat.in == mFormat.out) {  // Otherwise the coders' threads tell.
-      mAnswerer.FrameReady();
-    }
   }
   mReader.Resubmit(std::move(record));  // The last that is touched: Stop may be waiting for it.
 }
