@@ -8,9 +8,8 @@
 
 namespace vel {
 
-// Brings a frame's bytes into the form that FFmpeg's decoders want: a buffer of FFmpeg's own with
-// zeroed padding behind the bytes, which readers of bits run into. Buffers are recycled. One thread
-// at a time.
+// Brings a frame's bytes into the form that FFmpeg's decoders want: a buffer of FFmpeg's own with zeroed padding behind
+// the bytes, which readers of bits run into. Buffers are recycled. One thread at a time.
 class CodecInput {
  public:
   // A packet with a copy of the bytes, valid until the next call; null when there is no memory.

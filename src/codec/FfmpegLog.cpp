@@ -2,6 +2,7 @@
 
 #include <array>
 #include <cstdarg>
+#include <string>
 #include <string_view>
 
 extern "C" {

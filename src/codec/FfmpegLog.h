@@ -3,9 +3,9 @@
 
 namespace vel {
 
-// Routes FFmpeg's messages into the module's log while at least one of these lives; then FFmpeg has
-// its own log back, so that none of its messages reaches a module that was unloaded. What FFmpeg's
-// level lets through is logged at Error, Warn or, everything below a warning, Debug. Any thread.
+// Routes FFmpeg's messages into the module's log while at least one of these lives; then FFmpeg has its own log back,
+// so that none of its messages reaches a module that was unloaded. What FFmpeg's level lets through is logged at Error,
+// Warn or, everything below a warning, Debug. Any thread.
 class FfmpegLogRoute {
  public:
   FfmpegLogRoute();

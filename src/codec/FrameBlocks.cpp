@@ -1,6 +1,8 @@
 #include "codec/FrameBlocks.h"
 
 #include <algorithm>
+#include <cstdlib>
+#include <iterator>
 #include <utility>
 #include <vector>
 

@@ -2,18 +2,16 @@
 #define VEL_CODEC_FRAME_BLOCKS_H
 
 #include <cstddef>
-#include <cstdint>
 
 #include "base/HeapBlock.h"
 
 namespace vel {
 
-// Frame-sized blocks on their way from the stage that has done with one to the stage that needs
-// one: the allocator gives the pages of freed frames back to the system, and touching them anew
-// costs many times a frame's copy.
+// Frame-sized blocks on their way from the stage that has done with one to the stage that needs one: the allocator
+// gives the pages of freed frames back to the system, and touching them anew costs many times a frame's copy.
 //
-// One store for the process, kept while it has users. Blocks are plain malloc blocks, so one may
-// leave for good, and any malloc block may be given. Any thread.
+// One store for the process, kept while it has users. Blocks are plain malloc blocks, so one may leave for good, and
+// any malloc block may be given. Any thread.
 class FrameBlocks {
  public:
   // Blocks below this size are cheap to allocate, and are not kept.

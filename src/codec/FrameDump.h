@@ -13,8 +13,7 @@ namespace vel {
 // A file that a stream's frames are written to back to back, while it is open. Any thread.
 class FrameDump {
  public:
-  // Replaces the file. A file that was open is closed. False, with an Error line, when it cannot be
-  // opened.
+  // Replaces the file. A file that was open is closed. False, with an Error line, when it cannot be opened.
   bool Open(const char* path);
   void Close();
 

@@ -7,9 +7,9 @@ namespace vel {
 
 class UVCEncoderHandler {
  public:
-  // One access unit: the index of the frame that it was made of, and a malloc block that the
-  // handler takes over. `result` is what the encoder returned, 0 or above. The encoder's worker
-  // thread; no lock is held; must not release the encoder.
+  // One access unit: the index of the frame that it was made of, and a malloc block that the handler takes over.
+  // `result` is what the encoder returned, 0 or above. The encoder's worker thread; no lock is held; must not release
+  // the encoder.
   virtual void OnFinishEncode(std::uint32_t index, std::uint8_t* data, std::uint32_t length, int result) = 0;
   virtual ~UVCEncoderHandler() = default;
 

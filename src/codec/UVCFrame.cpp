@@ -1,7 +1,6 @@
 #include "codec/UVCFrame.h"
 
 #include <cstdlib>
-#include <utility>
 
 #include "codec/FrameThinning.h"
 

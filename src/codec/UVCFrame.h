@@ -11,8 +11,8 @@
 
 namespace vel {
 
-// What the two sides of the frame manager carry. Values without a name are raw types, which are
-// neither decoded nor encoded.
+// What the two sides of the frame manager carry. Values without a name are raw types, which are neither decoded nor
+// encoded.
 enum _UVC_FRAME_TYPE : std::uint32_t {
   UVC_FRAME_TYPE_YUYV = 0,
   UVC_FRAME_TYPE_H264 = 2,
@@ -42,8 +42,7 @@ struct UVCFrameDeleter {
 };
 using UVCFramePtr = std::unique_ptr<UVC_FRAME, UVCFrameDeleter>;
 
-// A frame that takes the block over; the other fields are 0. Null, with the block freed, when there
-// is no memory.
+// A frame that takes the block over; the other fields are 0. Null, with the block freed, when there is no memory.
 UVCFramePtr MakeUvcFrame(HeapBlock data, std::uint32_t length, std::uint32_t index);
 
 // The frame's data, which the frame then no longer has.

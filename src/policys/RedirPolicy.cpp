@@ -2,8 +2,12 @@
 
 #include <algorithm>
 #include <array>
+#include <cstddef>
 #include <cstring>
+#include <initializer_list>
 #include <limits>
+#include <span>
+#include <utility>
 
 #include "base/VelLog.h"
 #include "uvc/UvcCodes.h"
@@ -15,7 +19,8 @@ namespace {
 constexpr std::uint8_t kTypeMask = 0x60;
 constexpr std::uint8_t kTypeStandard = 0x00;
 constexpr std::uint8_t kTypeClass = 0x20;
-constexpr std::uint8_t kRecipientMask = 0x06;  // Bits 1 and 2 only: an interface recipient passes, as meant.
+// Bits 1 and 2 only: guests that ask an interface for a device's descriptors are answered, too.
+constexpr std::uint8_t kRecipientMask = 0x06;
 constexpr std::uint8_t kRecipientEndpoint = 0x02;
 
 constexpr std::uint8_t DescriptorType(std::uint16_t wValue) {
@@ -43,8 +48,8 @@ std::array<std::uint8_t, LIBUSB_DT_DEVICE_SIZE> DeviceDescBytes(const libusb_dev
           desc.iProduct,        desc.iSerialNumber,   desc.bNumConfigurations};
 }
 
-// Standard descriptors are written with their standard sizes, whatever a device says of its own
-// length: that many bytes lie in libusb's record, and the descriptor that follows has to be found.
+// Standard descriptors are written with their standard sizes, whatever a device says of its own length: that many bytes
+// lie in libusb's record, and the descriptor that follows has to be found.
 class DescriptorWriter {
  public:
   void Standard(std::initializer_list<std::uint8_t> fields) {

@@ -11,12 +11,12 @@
 
 namespace vel {
 
-// Sits between a device and its backend: answers the standard descriptor requests of emulated
-// devices from a configuration descriptor rebuilt out of the backend's tree, clears halts on the
-// client's side too, and hands what concerns the streaming interface of a camera to its UVCPolicy.
+// Sits between a device and its backend: answers the standard descriptor requests of emulated devices from a
+// configuration descriptor rebuilt out of the backend's tree, clears halts on the client's side too, and hands what
+// concerns the streaming interface of a camera to its UVCPolicy.
 //
-// Loop thread, but for Release, which may come from the thread that closes the device; that one and
-// ProbePolicy take turns. `io` outlives the policy.
+// Loop thread, but for Release, which may come from the thread that closes the device; that one and ProbePolicy take
+// turns. `io` outlives the policy.
 class RedirPolicy {
  public:
   explicit RedirPolicy(IUsbIo* io);
@@ -24,12 +24,10 @@ class RedirPolicy {
   RedirPolicy& operator=(const RedirPolicy&) = delete;
   ~RedirPolicy() = default;
 
-  // Any text, whatever it says, enables the policy of the video class from the next probe on.
-  // Returns 0.
+  // Any text, whatever it says, enables the policy of the video class from the next probe on. Returns 0.
   int SetPolicy(const char* policyText);
 
-  // Reads the backend's configuration anew. The arguments are not used. Returns 0, or -1 when the
-  // backend has none.
+  // Reads the backend's configuration anew. The arguments are not used. Returns 0, or -1 when the backend has none.
   int ProbePolicy(const void* unused1, const void* unused2);
 
   bool IsPolicyInterface(std::uint32_t interfaceNumber) const { return interfaceNumber == mPolicyInterface; }

@@ -17,10 +17,9 @@
 
 namespace vel {
 
-// Decodes a camera's MJPEG or H.264 frames. Pictures have the size that they have in the stream,
-// whatever was negotiated; above 8192 pixels in a direction they are refused. A frame that cannot
-// be decoded costs an Error line and no other frame. A pixel format that the decoder does not
-// convert gives a black picture and an Error line.
+// Decodes a camera's MJPEG or H.264 frames. Pictures have the size that they have in the stream, whatever was
+// negotiated; above 8192 pixels in a direction they are refused. A frame that cannot be decoded costs an Error line and
+// no other frame. A pixel format that the decoder does not convert gives a black picture and an Error line.
 class VEL_MODULE_EXPORT UVCDecoder {
  public:
   static constexpr int kMaxDimension = 8192;  // Pixels.
@@ -30,35 +29,33 @@ class VEL_MODULE_EXPORT UVCDecoder {
   UVCDecoder& operator=(const UVCDecoder&) = delete;
   ~UVCDecoder();
 
-  // Opens the codec and starts the worker. Size in pixels, as negotiated. The handler outlives the
-  // decoder's release. Returns 0; -1 when initialised already or without such a codec, -2 or -3
-  // when there is no memory, -4 when the codec does not open. Any thread, but not along with
-  // Release.
+  // Opens the codec and starts the worker. Size in pixels, as negotiated. The handler outlives the decoder's release.
+  // Returns 0; -1 when initialised already or without such a codec, -2 or -3 when there is no memory, -4 when the codec
+  // does not open. Any thread, but not along with Release.
   int Init(_UVC_DECODER_TYPE type, _UVC_DECODER_OUTPUT_FORMAT format, int width, int height,
            UVCDecoderHandler* handler);
 
-  // Decodes a frame on the calling thread; not along with DecodeAsync. `out` has room for the
-  // negotiated width * height * 2 bytes; a picture that needs more is refused. Returns 1 when a
-  // picture was written to `out`, with its size, or -1.
+  // Decodes a frame on the calling thread; not along with DecodeAsync. `out` has room for the negotiated width * height
+  // * 2 bytes; a picture that needs more is refused. Returns 1 when a picture was written to `out`, with its size, or
+  // -1.
   int Decode(const std::uint8_t* in, std::uint32_t inSize, std::uint8_t* out, std::uint32_t* outSize);
 
-  // Feeds the codec; the worker passes the picture on. Takes `in`, a malloc block, and frees it,
-  // but for a call that it refuses as a whole: not initialised or released, null, or size 0.
-  // Returns 0, or -1 with an Error line. Any thread; blocks for the time that decoding a frame
-  // takes.
+  // Feeds the codec; the worker passes the picture on. Takes `in`, a malloc block, and frees it, but for a call that it
+  // refuses as a whole: not initialised or released, null, or size 0. Returns 0, or -1 with an Error line. Any thread;
+  // blocks for the time that decoding a frame takes.
   int DecodeAsync(std::uint8_t* in, std::uint32_t inSize, std::uint32_t index);
   // The same; `in` is empty afterwards unless the call was refused as a whole.
   int DecodeAsync(HeapBlock& in, std::uint32_t inSize, std::uint32_t index);
 
-  // Ends the worker after the picture that it is at and closes the codec. Returns 0, also without
-  // Init. Any thread but the worker's.
+  // Ends the worker after the picture that it is at and closes the codec. Returns 0, also without Init. Any thread but
+  // the worker's.
   int Release();
 
-  // Converts the picture that Decode decoded last into `out` and sets the size; neither when it
-  // cannot be converted. As for Decode, `out` has the negotiated room.
+  // For clients: converts the picture that Decode decoded last into `out` and sets the size; neither when it cannot be
+  // converted. As for Decode, `out` has the negotiated room.
   int GetOutputData(std::uint8_t* out, std::uint32_t* outSize);
 
-  // Planar 4:2:0 to YUYV, each chroma row twice. `out` has width * height * 2 bytes. Any thread.
+  // For clients: planar 4:2:0 to YUYV, each chroma row twice. `out` has width * height * 2 bytes. Any thread.
   static void YUV420PToYUV422(const std::uint8_t* const planes[3], const int lineSizes[3], std::uint8_t* out, int width,
                               int height);
 

@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstddef>
 #include <cstring>
+#include <iterator>
 #include <limits>
 #include <system_error>
 #include <utility>

@@ -32,9 +32,8 @@ enum class EncoderType {
   kHardware = 1,  // NV12, for a hardware encoder.
 };
 
-// Turns YUYV frames into an H.264 elementary stream (Annex B): each frame gives one access unit
-// with the same index. Bit rate, frame rate and distance of key frames follow from the picture's
-// height.
+// Turns YUYV frames into an H.264 elementary stream (Annex B): each frame gives one access unit with the same index.
+// Bit rate, frame rate and distance of key frames follow from the picture's height.
 class VEL_MODULE_EXPORT UVCEncoder {
  public:
   UVCEncoder() = default;
@@ -42,32 +41,32 @@ class VEL_MODULE_EXPORT UVCEncoder {
   UVCEncoder& operator=(const UVCEncoder&) = delete;
   ~UVCEncoder();
 
-  // Opens the codec and starts the worker. Size in pixels. The handler outlives the encoder's
-  // release; `camera` is kept and not used. Returns 0, or -1 with an Error line; an encoder that
-  // was in use is released first. Any thread, but not along with Release.
+  // Opens the codec and starts the worker. Size in pixels. The handler outlives the encoder's release; `camera` is kept
+  // and not used. Returns 0, or -1 with an Error line; an encoder that was in use is released first. Any thread, but
+  // not along with Release.
   int Init(_UVC_ENCODER_TYPE type, int width, int height, UVCEncoderHandler* handler, CameraFuns* camera);
 
-  // Queues a frame for the worker, and thins the queue when it holds more than kFrameListLimit.
-  // Returns 0, and the frame is the encoder's, or -1, and it stays the caller's: null, not
-  // initialised, or released. A frame that is too short for a picture gives a synthetic one. Any
-  // thread; does not block.
+  // Queues a frame for the worker, and thins the queue when it holds more than kFrameListLimit. Returns 0, and the
+  // frame is the encoder's, or -1, and it stays the caller's: null, not initialised, or released. A frame that is too
+  // short for a picture gives a synthetic one. Any thread; does not block.
   int EncodeAsync(UVC_FRAME* frame);
   // The same; `frame` is empty afterwards unless it failed.
   int EncodeAsync(UVCFramePtr& frame);
   // The same with a planar 4:2:0 picture of the encoder's size instead of a frame; its memory is read and not written.
   int EncodeAsync(FramePtr& picture, std::uint32_t index);
 
-  // Encodes one picture on the calling thread, past the queue. `out` has width * height * 2 bytes;
-  // an access unit that is larger, which only pictures of a few pixels have, is refused. Returns 0
-  // and the size, or a negative code and 0. Any thread.
+  // Encodes one picture on the calling thread, past the queue. `out` has width * height * 2 bytes; an access unit that
+  // is larger, which only pictures of a few pixels have, is refused. Returns 0 and the size, or a negative code and 0.
+  // Any thread.
   int Encode(const std::uint8_t* data, std::uint32_t length, std::uint8_t* out, std::uint32_t* outLength);
 
-  // Ends the worker after the picture that it is at, frees what is queued, closes the codec.
-  // Returns 0, also without Init. Any thread but the worker's.
+  // Ends the worker after the picture that it is at, frees what is queued, closes the codec. Returns 0, also without
+  // Init. Any thread but the worker's.
   int Release();
 
-  // `dstUV` may be null: then it is behind the luma. `src` has width * height * 2 bytes, the
-  // destination width * height * 3 / 2 in all. Chroma comes from the even rows. Any thread.
+  // For clients. `dstUV` may be null: then it is behind the luma. `src` has width * height * 2 bytes, the destination
+  // width * height
+  // * 3 / 2 in all. Chroma comes from the even rows. Any thread.
   static void YUYVToNV12(const std::uint8_t* src, std::uint8_t* dstY, std::uint8_t* dstUV, int width, int height);
   // The same sizes; chroma comes from the odd rows, other than above.
   static void YUYVToYUV420P(const std::uint8_t* src, std::uint8_t* dst, int width, int height);

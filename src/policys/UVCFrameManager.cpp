@@ -21,8 +21,8 @@ bool IsEncoded(_UVC_FRAME_TYPE type) {
 
 }  // namespace
 
-// What lives from Init to Release. Shared with the calls that are under way, so that Release waits
-// for none of them and what a late one brings ends with its own stream.
+// What lives from Init to Release. Shared with the calls that are under way, so that Release waits for none of them and
+// what a late one brings ends with its own stream.
 struct UVCFrameManager::Stream {
   int width = 0;  // Pixels.
   int height = 0;

@@ -17,9 +17,8 @@
 
 namespace vel {
 
-// Takes a producer's frames and keeps finished ones ready for the consumer: unchanged, decoded,
-// encoded, or decoded and then encoded, by the types of the two sides. Init makes it ready, Release
-// ends that; both may be repeated.
+// Takes a producer's frames and keeps finished ones ready for the consumer: unchanged, decoded, encoded, or decoded and
+// then encoded, by the types of the two sides. Init makes it ready, Release ends that; both may be repeated.
 class VEL_MODULE_EXPORT UVCFrameManager : private UVCUtil, public UVCEncoderHandler, public UVCDecoderHandler {
  public:
   enum DumpType : std::uint8_t { kDumpEncoded = 0, kDumpRaw = 1 };
@@ -34,18 +33,17 @@ class VEL_MODULE_EXPORT UVCFrameManager : private UVCUtil, public UVCEncoderHand
   // Before Init.
   void SetFrameListener(std::function<void()> listener) { mListener = std::move(listener); }
 
-  // Size in pixels; `camera` is passed on to the encoder. Returns 0, or -1 with an Error line, and
-  // is not ready then. A manager that was ready is released first. Any thread.
+  // Size in pixels; `camera` is passed on to the encoder. Returns 0, or -1 with an Error line, and is not ready then. A
+  // manager that was ready is released first. Any thread.
   int Init(std::uint16_t width, std::uint16_t height, _UVC_FRAME_TYPE in, _UVC_FRAME_TYPE out, CameraFuns* camera);
 
-  // Hands a frame in. Returns 0, and the frame is the manager's whatever becomes of it, or -1, and
-  // it stays the caller's: null, or not ready. With equal types the very same record comes out. Any
-  // thread; decodes on it, does not wait for anything else.
+  // Hands a frame in. Returns 0, and the frame is the manager's whatever becomes of it, or -1, and it stays the
+  // caller's: null, or not ready. With equal types the very same record comes out. Any thread; decodes on it, does not
+  // wait for anything else.
   int EnqueueFrame(UVC_FRAME* frame);
 
-  // The oldest finished frame, which is the caller's (FreeUvcFrame; its data is a malloc block).
-  // Waits for it at most `timeoutMs` milliseconds; null when none came, when not ready, or when
-  // released meanwhile. Any thread.
+  // The oldest finished frame, which is the caller's (FreeUvcFrame; its data is a malloc block). Waits for it at most
+  // `timeoutMs` milliseconds; null when none came, when not ready, or when released meanwhile. Any thread.
   UVC_FRAME* DequeueFrame(int timeoutMs);
 
   // Takes the block over. A length of 0 gives no frame.
@@ -55,23 +53,23 @@ class VEL_MODULE_EXPORT UVCFrameManager : private UVCUtil, public UVCEncoderHand
   // Encodes the picture as it is where that can be done; copies nothing.
   void OnFinishDecodePicture(const DecodedPicture& picture) override;
 
-  // Starts writing the frames that come in (kDumpRaw), or those that were encoded (kDumpEncoded),
-  // to a file, which is replaced. A null path does nothing. Any thread.
+  // Starts writing the frames that come in (kDumpRaw), or those that were encoded (kDumpEncoded), to a file, which is
+  // replaced. A null path does nothing. Any thread.
   void EnableDumpStream(const char* path, std::uint8_t type);
   void DisableDumpStream();
   // Appends to the dump of this type, if it is on. Any thread.
   void DumpStream(const std::uint8_t* data, std::uint32_t length, std::uint8_t type);
 
-  // Wakes whoever waits for a frame, ends decoder and encoder after the picture that each is at,
-  // frees every frame, closes the dumps. Any thread but those of decoder and encoder.
+  // Wakes whoever waits for a frame, ends decoder and encoder after the picture that each is at, frees every frame,
+  // closes the dumps. Any thread but those of decoder and encoder.
   void Release();
 
-  // The operations on lists of UVCFrame.h. Return 0.
+  // For clients: the operations on lists of UVCFrame.h. Return 0.
   static int FrameListFlush(UVCFrameList& list);
   static int FrameListResize(std::uint32_t cacheSize, UVCFrameList& list);
 
-  // Adds a finished frame, which it takes over, for the consumer; thins the frames that wait when
-  // they are too many. Not ready, it frees the frame. Returns 0. Any thread.
+  // Adds a finished frame, which it takes over, for the consumer; thins the frames that wait when they are too many.
+  // Not ready, it frees the frame. Returns 0. Any thread.
   int PushFrameToOutQ(UVC_FRAME* frame);
 
  private:

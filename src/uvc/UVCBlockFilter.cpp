@@ -1,5 +1,6 @@
 #include "uvc/UVCBlockFilter.h"
 
+#include <cstddef>
 #include <cstring>
 
 #include "uvc/UVCBlockLayout.h"
@@ -13,8 +14,8 @@ std::uint32_t FrameHeight(std::span<const std::uint8_t> frame) {
   return DescriptorByte(frame, kAt) | static_cast<std::uint32_t>(DescriptorByte(frame, kAt + 1)) << 8U;
 }
 
-// Moves descriptors to the front of their block. Each was behind the end when its turn comes, so
-// none is overwritten before.
+// Moves descriptors to the front of their block. Each was behind the end when its turn comes, so none is overwritten
+// before.
 class Compactor {
  public:
   explicit Compactor(std::span<std::uint8_t> block) : mBlock(block) {}

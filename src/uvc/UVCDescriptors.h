@@ -73,8 +73,8 @@ using UVCInputHeaderPtr = std::unique_ptr<UVCInputHeader, UVCInputHeaderDeleter>
 
 struct UVCBlockLayout;
 
-// The tree of a block that was read. Its counts are those of the records that it holds. Null
-// without memory, and for a layout without input header.
+// The tree of a block that was read. Its counts are those of the records that it holds. Null without memory, and for a
+// layout without input header.
 UVCInputHeaderPtr MakeInputHeader(const UVCBlockLayout& layout);
 
 }  // namespace vel

@@ -1,6 +1,7 @@
 #include "uvc/UVCFrameAssembler.h"
 
 #include <algorithm>
+#include <cstddef>
 
 #include "base/VelLog.h"
 #include "protocol/IsoTable.h"

@@ -12,10 +12,9 @@ namespace vel {
 
 // Turns the payloads of one stream into frames. A new stream is a new object.
 //
-// A frame is complete when the frame identifier toggles or a payload carries end-of-frame. Payloads
-// with the error bit and those shorter than their header count for nothing. What would make the
-// frame larger than its block is lost, the frame stays. A frame without data is not handed on:
-// header-only payloads may repeat end-of-frame.
+// A frame is complete when the frame identifier toggles or a payload carries end-of-frame. Payloads with the error bit
+// and those shorter than their header count for nothing. What would make the frame larger than its block is lost, the
+// frame stays. A frame without data is not handed on: header-only payloads may repeat end-of-frame.
 //
 // Not synchronised: one thread at a time.
 class UVCFrameAssembler {
@@ -26,8 +25,8 @@ class UVCFrameAssembler {
   UVCFrameAssembler& operator=(const UVCFrameAssembler&) = delete;
   ~UVCFrameAssembler() = default;
 
-  // A completed isochronous transfer: `packets` records of protocol/IsoTable.h, then what they
-  // point to. Packets that lie outside of `data` are skipped with an Error line each.
+  // A completed isochronous transfer: `packets` records of protocol/IsoTable.h, then what they point to. Packets that
+  // lie outside of `data` are skipped with an Error line each.
   void ParseFrameData(std::span<const std::uint8_t> data, std::uint32_t packets);
 
   // A completed bulk transfer: one payload.

@@ -14,8 +14,7 @@ class UVCFrameAssembly {
   // The frame never grows above the block's size, which is the negotiated dwMaxVideoFrameSize.
   explicit UVCFrameAssembly(std::span<std::uint8_t> block) : mBlock(block) {}
 
-  // Copies the bytes behind those that are there. False, and nothing is changed, when they do not
-  // fit.
+  // Copies the bytes behind those that are there. False, and nothing is changed, when they do not fit.
   [[nodiscard]] bool Append(std::span<const std::uint8_t> bytes) {
     if (bytes.size() > mBlock.size() - mLength) {
       return false;

@@ -6,16 +6,15 @@
 
 namespace vel {
 
-// Owns the blocks that the frames of a stream are assembled in, and takes the frames. Called on the
-// thread, and under the locks, of whoever feeds the assembler; must not call it back.
+// Owns the blocks that the frames of a stream are assembled in, and takes the frames. Called on the thread, and under
+// the locks, of whoever feeds the assembler; must not call it back.
 class UVCFrameReceiver {
  public:
-  // The block for the next frame, of the negotiated size; it may be the one handed out before when
-  // that was not taken as a frame. An empty one (no memory) costs that frame.
+  // The block for the next frame, of the negotiated size; it may be the one handed out before when that was not taken
+  // as a frame. An empty one (no memory) costs that frame.
   virtual std::span<std::uint8_t> NextBlock() = 0;
 
-  // A whole frame, never empty: the head of the block handed out last, which the assembler has done
-  // with.
+  // A whole frame, never empty: the head of the block handed out last, which the assembler has done with.
   virtual void TakeFrame(std::span<std::uint8_t> frame) = 0;
 
   virtual ~UVCFrameReceiver() = default;

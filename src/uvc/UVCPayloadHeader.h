@@ -7,8 +7,8 @@
 
 namespace vel {
 
-// What is read of the header in front of each payload (UVC 1.1, 2.4.3.3). Its size is taken as
-// fixed, whatever its length byte says: cameras send it with time stamps.
+// What is read of the header in front of each payload (UVC 1.1, 2.4.3.3). Its size is taken as fixed, whatever its
+// length byte says: cameras send it with time stamps.
 class UVCPayloadHeader {
  public:
   static constexpr std::size_t kSize = 12;  // Bytes.

@@ -8,8 +8,8 @@
 namespace vel {
 
 #pragma pack(push, 1)
-// The video probe and commit control (UVC 1.1, 4.3.1.1), little-endian as on the wire, and one byte
-// of this module behind it.
+// The video probe and commit control (UVC 1.1, 4.3.1.1), little-endian as on the wire, and one byte of this module
+// behind it.
 struct UVCStreamCtrl {
   std::uint16_t bmHint;
   std::uint8_t bFormatIndex;
@@ -37,8 +37,7 @@ static_assert(offsetof(UVCStreamCtrl, dwMaxPayloadTransferSize) == 22);
 static_assert(offsetof(UVCStreamCtrl, bInterfaceNumber) == 34);
 static_assert(std::endian::native == std::endian::little, "the block is copied as it lies");
 
-// The largest frame that is believed to be one: more than any camera negotiates (8192 x 4096 in
-// YUYV).
+// The largest frame that is believed to be one: more than any camera negotiates (8192 x 4096 in YUYV).
 constexpr std::uint32_t kMaxVideoFrameSize = 64U << 20U;
 
 // Whether a stream can be started with what a device negotiated.

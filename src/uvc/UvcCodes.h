@@ -4,6 +4,7 @@
 #define VEL_UVC_UVC_CODES_H
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
 
 #include <libusb-1.0/libusb.h>

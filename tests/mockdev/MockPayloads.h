@@ -15,8 +15,8 @@ namespace vel {
 class MockPayloads {
  public:
   using Bytes = std::vector<std::uint8_t>;
-  // What happens to how many of 1000 packets: lost on the bus, sent with the error bit and again
-  // without, preceded by one that is a header alone.
+  // What happens to how many of 1000 packets: lost on the bus, sent with the error bit and again without, preceded by
+  // one that is a header alone.
   struct Faults {
     unsigned lost = 0;
     unsigned errors = 0;
@@ -42,8 +42,8 @@ class MockPayloads {
   bool IsBetweenFrames() const { return mGap > 0; }
   void SkipGap() { mGap = 0; }
   bool HasData() const { return mGap == 0 && mFrames < mAllowed; }
-  // Writes the next payload, of at most `room` bytes, a header alone when there is no data. How
-  // much it is; negative when it is lost.
+  // Writes the next payload, of at most `room` bytes, a header alone when there is no data. How much it is; negative
+  // when it is lost.
   int Next(std::span<std::uint8_t> room) {
     if (!HasData()) {
       mGap -= mGap > 0 ? 1 : 0;

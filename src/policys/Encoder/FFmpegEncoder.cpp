@@ -13,13 +13,11 @@ namespace {
 
 constexpr char kFallbackName[] = "libx264";
 
-// The receiver's buffer that the rate control keeps from running dry, in milliseconds of the bit
-// rate. A key frame takes up to 0.6 of it: at 25 pictures per second this keeps it below 12 times
-// the average, where a second does not.
+// The receiver's buffer that the rate control keeps from running dry, in milliseconds of the bit rate. A key frame
+// takes up to 0.6 of it: at 25 pictures per second this keeps it below 12 times the average, where a second does not.
 constexpr std::int64_t kRateBufferMs = 700;
 
-// How freely libx264 moves bits between pictures, 0 to 1. Its 0.6 falls short of the rate with this
-// buffer.
+// How freely libx264 moves bits between pictures, 0 to 1. Its 0.6 falls short of the rate with this buffer.
 constexpr float kRateCompression = 0.3F;
 
 // With key frames closer than this libopenh264's own control misses the rate: 0.71 to 1.50 of it, with the content

@@ -11,9 +11,8 @@
 
 namespace vel {
 
-// H.264 through FFmpeg: "libopenh264", or "libx264" where FFmpeg was built without it. One access
-// unit out for each picture in, in the same order, with the parameter sets in front of every key
-// frame; the bit rate follows the setting.
+// H.264 through FFmpeg: "libopenh264", or "libx264" where FFmpeg was built without it. One access unit out for each
+// picture in, in the same order, with the parameter sets in front of every key frame; the bit rate follows the setting.
 class FFmpegEncoder : public IEncoder {
  public:
   // There is no hardware encoder: when one is asked for, open says so and takes the software one.

@@ -6,8 +6,8 @@
 namespace vel {
 
 // Holds a bit rate with one quantiser for each group of pictures, from key frame to key frame, for encoders whose own
-// rate control does not hold it there. What a group takes too much the next ones get less, and the other way round.
-// One thread at a time.
+// rate control does not hold it there. What a group takes too much the next ones get less, and the other way round. One
+// thread at a time.
 class GopRate {
  public:
   // The range of H.264's quantiser that is used: below it nothing is gained that can be seen, above it nothing is left.

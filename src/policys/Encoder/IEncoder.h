@@ -34,10 +34,9 @@ class IEncoder {
   // Returns 0 or -1. Once in the object's life.
   virtual int open(const EncoderParam& param) = 0;
 
-  // Encodes a picture (null: there are no more) into `packet`, which the caller owns and
-  // unreferences. The picture may be written to again when this returns, if it is still the
-  // caller's alone (av_frame_make_writable). Returns 0 when a packet was produced, otherwise a
-  // negative FFmpeg code.
+  // Encodes a picture (null: there are no more) into `packet`, which the caller owns and unreferences. The picture may
+  // be written to again when this returns, if it is still the caller's alone (av_frame_make_writable). Returns 0 when a
+  // packet was produced, otherwise a negative FFmpeg code.
   virtual int encode(const AVFrame* frame, AVPacket* packet) = 0;
 
   virtual void close() = 0;

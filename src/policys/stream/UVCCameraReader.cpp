@@ -16,8 +16,7 @@ namespace {
 // Between a failure and the next try: about a picture's time.
 constexpr std::chrono::milliseconds kRetryPause{33};
 
-// Far from the ids of remote requests, which usually count from 0: the backend files transfers of
-// both under one key.
+// Far from the ids of remote requests, which usually count from 0: the backend files transfers of both under one key.
 constexpr std::uint32_t kFirstLocalXferId = 0xFFFFFF00;
 
 constexpr std::uint32_t kTableSize = UVCCameraReader::kPackets * sizeof(IsoPacketRecord);
@@ -123,8 +122,8 @@ XferPtr UVCCameraReader::MakeRecord(std::uint32_t number) const {
   return record;
 }
 
-// Makes the record what it was before its last completion: a backend replaces the data of an
-// isochronous transfer by its result, and takes that of a failed one away.
+// Makes the record what it was before its last completion: a backend replaces the data of an isochronous transfer by
+// its result, and takes that of a failed one away.
 bool UVCCameraReader::Prepare(_UsbIoXferInfo& info) const {
   const std::uint32_t bytes = mSource.kind == Kind::kWholeFrame    ? mSource.frameSize
                               : mSource.kind == Kind::kIsochronous ? kTableSize

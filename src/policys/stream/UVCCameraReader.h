@@ -10,10 +10,10 @@
 
 namespace vel {
 
-// Keeps transfers of a camera's streaming endpoint in flight. Every record is submitted again from
-// its own completion; one that failed goes to a thread, which waits a moment, clears a halt and
-// submits it again, unless the device is gone. Several are in flight at once, since with a single
-// one the camera's data is lost between a completion and the next submission.
+// Keeps transfers of a camera's streaming endpoint in flight. Every record is submitted again from its own completion;
+// one that failed goes to a thread, which waits a moment, clears a halt and submits it again, unless the device is
+// gone. Several are in flight at once, since with a single one the camera's data is lost between a completion and the
+// next submission.
 class UVCCameraReader {
  public:
   enum class Kind : std::uint8_t {
@@ -28,8 +28,8 @@ class UVCCameraReader {
     std::uint32_t payloadSize;  // Bytes, dwMaxPayloadTransferSize.
   };
   static constexpr std::uint32_t kPackets = 32;
-  // Isochronous transfers in flight. At 8000 packets a second five are 20 ms, which is how long the
-  // thread that handles events may be kept from running.
+  // Isochronous transfers in flight. At 8000 packets a second five are 20 ms, which is how long the thread that handles
+  // events may be kept from running.
   static constexpr std::uint32_t kIsoInFlight = 5;
   static constexpr std::uint32_t kBulkInFlight = 3;
 
@@ -42,16 +42,15 @@ class UVCCameraReader {
   // False when the sizes make no transfer that can be submitted.
   static bool IsUsable(const Source& source);
 
-  // Submits the transfers, once. Returns the result of the last submission, negative when it
-  // failed. Loop thread.
+  // Submits the transfers, once. Returns the result of the last submission, negative when it failed. Loop thread.
   int Start();
 
-  // Ends every transfer and waits until the callback has given each of them back. Not from the
-  // callback. Repeating it does nothing.
+  // Ends every transfer and waits until the callback has given each of them back. Not from the callback. Repeating it
+  // does nothing.
   void Stop();
 
-  // Takes a completed record: submits it again, puts it aside when it failed, frees it when
-  // stopping. Completion thread, last in the callback.
+  // Takes a completed record: submits it again, puts it aside when it failed, frees it when stopping. Completion
+  // thread, last in the callback.
   void Resubmit(XferPtr record);
 
   bool IsActive() const;

@@ -30,8 +30,8 @@ class UVCFrameIntake : private UVCFrameReceiver {
   void TakePackets(const _UsbIoXferInfo& info);
   void TakePayload(const _UsbIoXferInfo& info);
 
-  // A transfer that is a picture. Takes the record's block and leaves another one in its place,
-  // unless as many frames wait for the remote side as may: then the picture is dropped.
+  // A transfer that is a picture. Takes the record's block and leaves another one in its place, unless as many frames
+  // wait for the remote side as may: then the picture is dropped.
   void TakeWholeFrame(_UsbIoXferInfo& info);
 
  private:

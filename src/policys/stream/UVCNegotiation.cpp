@@ -94,12 +94,8 @@ void UVCNegotiation::SelectFrame() {
   }
 }
 
-bool UVCNegotiation::IsUncompressed() const {
-  return mFrame != nullptr && mFrame->bDescriptorSubtype == kVsFrameUncompressed;
-}
-
 bool UVCNegotiation::IsYuyv() const {
-  if (!IsUncompressed()) {
+  if (mFrame == nullptr || mFrame->bDescriptorSubtype != kVsFrameUncompressed) {
     return false;
   }
   const std::span formats(mInputHeader->formats, mInputHeader->bNumFormats);

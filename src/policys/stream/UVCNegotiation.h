@@ -2,7 +2,6 @@
 #define VEL_POLICYS_STREAM_UVC_NEGOTIATION_H
 
 #include <cstdint>
-#include <optional>
 #include <span>
 
 #include <libusb-1.0/libusb.h>
@@ -22,14 +21,13 @@ struct UVCClassRequest {
   std::span<std::uint8_t> data;
 };
 
-// What is known of a camera's stream: its descriptors, and the format, frame and sizes that the
-// guest's driver and the camera have agreed on, read from the requests between them.
+// What is known of a camera's stream: its descriptors, and the format, frame and sizes that the guest's driver and the
+// camera have agreed on, read from the requests between them.
 //
 // One thread at a time.
 class UVCNegotiation {
  public:
-  // The camera's configuration, or a raw block of its streaming interface, which says nothing of
-  // bulk or isochronous.
+  // The camera's configuration, or a raw block of its streaming interface, which says nothing of bulk or isochronous.
   void ParseDescriptors(const libusb_config_descriptor* config);
   void ParseDescriptors(std::span<const std::uint8_t> block);
 
@@ -41,15 +39,14 @@ class UVCNegotiation {
 
   // A request on its way to the device: a commit sets the stream.
   void SeeRequest(const UVCClassRequest& request);
-  // The device's answer: a probe's sets the stream, too, and is sent on without the bit of
-  // wCompQuality by which a camera could announce H.265.
+  // The device's answer: a probe's sets the stream, too, and is sent on without the bit of wCompQuality by which a
+  // camera could announce H.265.
   void SeeAnswer(const UVCClassRequest& request);
 
   const UVCStreamCtrl& StreamCtrl() const { return mStreamCtrlInfo; }
   // The frame that was agreed on, or null.
   const UVCFrameDesc* Frame() const { return mFrame; }
-  // Whether that frame's format is uncompressed, and whether it is YUYV.
-  bool IsUncompressed() const;
+  // Whether that frame's format is YUYV.
   bool IsYuyv() const;
   bool IsH265() const { return mH265; }
 

@@ -1,6 +1,7 @@
 #include "policys/stream/UVCReadAnswerer.h"
 
 #include <algorithm>
+#include <iterator>
 #include <system_error>
 
 #include "base/Clock.h"

@@ -19,10 +19,9 @@ namespace vel {
 //
 //   stopping | reads | frames | the thread
 //   no       | none  | any    | sleeps until a read comes
-//   no       | some  | none   | sleeps until a frame comes; kFrameWait after the first read's turn began it lets that one
-//            |       |        | time out
-//   no       | some  | some   | completes the first read with the oldest frame
-//   yes      | any   | any    | ends; Stop lets what waits time out
+//   no       | some  | none   | sleeps until a frame comes; lets the first read time out kFrameWait after its turn
+//   began no       | some  | some   | completes the first read with the oldest frame yes      | any   | any    | ends;
+//   Stop lets what waits time out
 //
 // A read's turn begins when it is the first and the one before is completed. A cancelled read is completed by whoever
 // cancels it.

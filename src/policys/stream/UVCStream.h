@@ -13,8 +13,8 @@
 
 namespace vel {
 
-// One stream from its start to its stop: reads the camera, makes frames, answers the remote side's
-// reads with them. Another stream is another object.
+// One stream from its start to its stop: reads the camera, makes frames, answers the remote side's reads with them.
+// Another stream is another object.
 class UVCStream : private UsbIoTransferCallback {
  public:
   struct Format {
@@ -33,12 +33,11 @@ class UVCStream : private UsbIoTransferCallback {
   // False when frames of this format cannot be handled. Once, before Start.
   bool Init();
 
-  // Returns the result of the last submission. The stream has begun whatever it is: what could not
-  // be submitted is tried again. Once.
+  // Returns the result of the last submission. The stream has begun whatever it is: what could not be submitted is
+  // tried again. Once.
   int Start() { return mReader.Start(); }
 
-  // Ends every transfer of the camera and completes every read. Not from a completion. Repeating it
-  // does nothing.
+  // Ends every transfer of the camera and completes every read. Not from a completion. Repeating it does nothing.
   void Stop();
 
   // See UVCReadAnswerer. Any thread.

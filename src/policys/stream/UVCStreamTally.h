@@ -2,6 +2,7 @@
 #define VEL_POLICYS_STREAM_UVC_STREAM_TALLY_H
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
 
 #include "vel/Mutex.h"
@@ -21,8 +22,8 @@ class UVCStreamTally {
 
   // A frame came from the camera at `now` (milliseconds, WallClockMs).
   void FrameCompleted(std::uint32_t index, std::int64_t now);
-  // It goes to the remote side, and what came before it does not wait any more: a coder that fails
-  // at a frame gives none. Logs at Debug what it cost.
+  // It goes to the remote side, and what came before it does not wait any more: a coder that fails at a frame gives
+  // none. Logs at Debug what it cost.
   void FrameSent(std::uint32_t index, std::uint32_t streamId, std::uint32_t length, std::int64_t now);
 
  private:

@@ -24,8 +24,8 @@ using Result = ScriptedUsbIo::Result;
 
 enum class Kind : std::uint8_t { kEmulated, kIso, kBulk };
 
-// A camera whose transfers the test completes, and the policy over it. Streaming interface 3,
-// endpoint 0x81; format 1 is YUYV and 2 MJPEG, with frames of height 48 and 64 (width 1000 more).
+// A camera whose transfers the test completes, and the policy over it. Streaming interface 3, endpoint 0x81; format 1
+// is YUYV and 2 MJPEG, with frames of height 48 and 64 (width 1000 more).
 struct ScriptedCamera {
   static constexpr std::uint16_t kInterface = 3;
   static constexpr int kHeight = 48;
