@@ -55,7 +55,7 @@ class IUsbIo {
   virtual int ClaimAllInterface() = 0;
   virtual int SetInterfaceAltSetting(int interfaceNumber, int altSetting) = 0;
   // Of the remote side's transfers (kRemoteIds), one with this id. Its completion still arrives, as cancelled unless it
-  // was faster.
+  // was faster, whatever has become of the backend's own threads; it may run on the caller's, within this call.
   virtual int CancelTransfer(std::uint32_t localXferId) = 0;
   // Bytes transferred (at most `wLength`) or a negative status. Blocks for at most `timeout` milliseconds (0: without
   // limit).
@@ -67,7 +67,7 @@ class IUsbIo {
   virtual int IsochTransfer(_UsbIoXferInfo* info) = 0;
 
   // Cancels the module's own transfers (kModuleIds) that complete to `callback`, all of them and no other; their
-  // completions still arrive. Returns how many it cancelled. Any thread, also within a completion.
+  // completions arrive as after CancelTransfer. Returns how many it cancelled. Any thread, also within a completion.
   virtual int CancelOwnTransfers(const UsbIoTransferCallback* /*callback*/) { return 0; }
 };
 

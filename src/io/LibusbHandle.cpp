@@ -4,6 +4,7 @@
 #include <chrono>
 #include <exception>
 #include <ranges>
+#include <utility>
 
 namespace vel {
 namespace {
@@ -13,7 +14,32 @@ namespace {
 constexpr std::chrono::milliseconds kEventSlice{10};
 constexpr std::chrono::milliseconds kEventRetryPause{1};
 
+// The handles that this thread has a use of and is in a completion of. A close would wait for the first, and libusb
+// handles no events within the second.
+thread_local LibusbHandle* tUsing = nullptr;
+thread_local LibusbHandle* tCompleting = nullptr;
+
 }  // namespace
+
+LibusbUse::LibusbUse(LibusbHandle& owner)
+    : mOwner(owner), mOuter(std::exchange(tUsing, &owner)), mHandle(owner.BeginUse()) {}
+
+LibusbUse::~LibusbUse() {
+  tUsing = mOuter;
+  if (mHandle != nullptr) {
+    mOwner.EndUse();
+  }
+}
+
+LibusbCompletion::LibusbCompletion(LibusbHandle& owner, LibusbPendingTransfer& pending)
+    : mOwner(owner), mOuter(std::exchange(tCompleting, &owner)) {
+  owner.BeginCompletion(pending);
+}
+
+LibusbCompletion::~LibusbCompletion() {
+  tCompleting = mOuter;
+  mOwner.EndCompletion();
+}
 
 int LibusbHandle::Open(libusb_device* device) {
   {
@@ -49,7 +75,7 @@ int LibusbHandle::Close() {
       CancelPending(*pending);
     }
   }
-  const bool allCompleted = Await(nullptr);
+  const bool allCompleted = Await(Until::kUnused);
   if (!allCompleted) {
     AwaitUses();
   }
@@ -205,6 +231,7 @@ void LibusbHandle::EndBarrier() {
 }
 
 int LibusbHandle::CancelPending(LibusbPendingTransfer& pending) {
+  mCancelled += pending.cancelled ? 0 : 1;
   pending.cancelled = true;
   if (pending.submission != nullptr) {
     pending.submission->cancelled = true;
@@ -215,6 +242,7 @@ int LibusbHandle::CancelPending(LibusbPendingTransfer& pending) {
 
 void LibusbHandle::Unfile(LibusbPendingTransfer& pending) {
   mPending.erase(pending.place);
+  mCancelled -= pending.cancelled ? 1 : 0;
   if (pending.submission != nullptr) {
     pending.submission->completed = true;
   }
@@ -224,7 +252,8 @@ void LibusbHandle::Unfile(LibusbPendingTransfer& pending) {
 }
 
 bool LibusbHandle::AwaitSync(LibusbPendingTransfer& pending) {
-  if (Await(&pending)) {
+  if (Await(Until::kCompleted, &pending)) {
+    DeliverCancelled();  // By completions that ran on this thread meanwhile.
     return true;
   }
   const MutexLock lock(mMutex);
@@ -232,23 +261,30 @@ bool LibusbHandle::AwaitSync(LibusbPendingTransfer& pending) {
   return pending.completed;
 }
 
-bool LibusbHandle::IsThrough(const LibusbPendingTransfer* pending) const {
-  return pending != nullptr ? pending->completed : mInFlight == 0 && mUses == 0;
+bool LibusbHandle::IsThrough(Until until, const LibusbPendingTransfer* pending) const {
+  switch (until) {
+    case Until::kCompleted:
+      return pending->completed;
+    case Until::kCancelledAreCompleted:
+      return mCancelled == 0 || mClosing;  // Who closes sees to it.
+    case Until::kUnused:
+      return mInFlight == 0 && mUses == 0;
+  }
+  return true;
 }
 
-// Until the synchronous transfer is completed or, without one, until nothing keeps the device open. False when libusb
-// refuses to handle events.
-bool LibusbHandle::Await(const LibusbPendingTransfer* pending) {
+// False when libusb refuses to handle events.
+bool LibusbHandle::Await(Until until, const LibusbPendingTransfer* pending) {
   for (unsigned failures = 0; failures < kMaxEventFailures;) {
     {
       MutexLock lock(mMutex);
-      if (failures > 0 && !IsThrough(pending)) {
+      if (failures > 0 && !IsThrough(until, pending)) {
         mChanged.WaitUntil(lock, std::chrono::steady_clock::now() + kEventRetryPause);
       }
-      while (!IsThrough(pending) && mContext.ThreadHandlesEvents()) {
+      while (!IsThrough(until, pending) && mContext.ThreadHandlesEvents()) {
         mChanged.Wait(lock);
       }
-      if (IsThrough(pending)) {
+      if (IsThrough(until, pending)) {
         return true;
       }
     }
@@ -282,8 +318,20 @@ void LibusbHandle::CompleteAbandoned() {
 }
 
 void LibusbHandle::EventThreadEnded() {
-  const MutexLock lock(mMutex);
-  mChanged.NotifyAll();
+  {
+    const MutexLock lock(mMutex);
+    mChanged.NotifyAll();
+  }
+  DeliverCancelled();  // What this thread was trusted with.
+}
+
+void LibusbHandle::DeliverCancelled() {
+  if (mContext.ThreadHandlesEvents() || tCompleting == this) {
+    return;
+  }
+  if (!Await(Until::kCancelledAreCompleted) && tUsing != this) {
+    Close();
+  }
 }
 
 }  // namespace vel

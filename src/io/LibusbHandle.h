@@ -82,13 +82,9 @@ class LibusbHandle {
   libusb_device_handle* Get() VEL_EXCLUDES(mMutex);
 
   // Submits a filled transfer, once no barrier stands. Called with a LibusbUse held. On success the transfer is in
-  // flight until its callback has called BeginCompletion and EndCompletion, or CompleteSync; it may be gone when this
-  // returns. After a failure there is no callback and the transfer is still the caller's.
+  // flight until its callback has made a LibusbCompletion or called CompleteSync; it may be gone when this returns.
+  // After a failure there is no callback and the transfer is still the caller's.
   int Submit(LibusbPendingTransfer& pending) VEL_EXCLUDES(mMutex);
-  // First act of a completion: from here on no cancel finds the transfer.
-  void BeginCompletion(LibusbPendingTransfer& pending) VEL_EXCLUDES(mMutex);
-  // Last act of a completion: a close does not wait for it any more.
-  void EndCompletion() VEL_EXCLUDES(mMutex);
   // Cancels the newest transfer with this id that was not cancelled before. LIBUSB_ERROR_NOT_FOUND with `*known` false
   // when there is none, otherwise libusb's result.
   int Cancel(std::uint32_t id, bool* known) VEL_EXCLUDES(mMutex);
@@ -105,10 +101,14 @@ class LibusbHandle {
   // belongs to its completion, which comes at the latest when the device is closed.
   [[nodiscard]] bool AwaitSync(LibusbPendingTransfer& pending) VEL_EXCLUDES(mMutex);
 
-  // The event thread is gone: those who wait for it handle events themselves from now on.
+  // The event thread is gone: those who wait for it handle events themselves from now on. On that thread.
   void EventThreadEnded() VEL_EXCLUDES(mMutex);
+  // For after a cancel: completes what is cancelled when no event thread does, on the caller's thread, unless that is
+  // in a completion. When libusb refuses to handle events, the device is closed, which completes everything.
+  void DeliverCancelled() VEL_EXCLUDES(mMutex);
 
  private:
+  friend class LibusbCompletion;
   friend class LibusbSubmitBarrier;
   friend class LibusbUse;
 
@@ -117,8 +117,12 @@ class LibusbHandle {
   void BeginBarrier(const LibusbEndpoints& endpoints) VEL_EXCLUDES(mMutex);
   void EndBarrier() VEL_EXCLUDES(mMutex);
   bool SubmissionIsUnderWay() const VEL_REQUIRES(mMutex);
-  bool Await(const LibusbPendingTransfer* pending) VEL_EXCLUDES(mMutex);
-  bool IsThrough(const LibusbPendingTransfer* pending) const VEL_REQUIRES(mMutex);
+  // What Await waits for: one synchronous transfer, all that was cancelled, or all that keeps the device open.
+  enum class Until : std::uint8_t { kCompleted, kCancelledAreCompleted, kUnused };
+  bool Await(Until until, const LibusbPendingTransfer* pending = nullptr) VEL_EXCLUDES(mMutex);
+  bool IsThrough(Until until, const LibusbPendingTransfer* pending) const VEL_REQUIRES(mMutex);
+  void BeginCompletion(LibusbPendingTransfer& pending) VEL_EXCLUDES(mMutex);
+  void EndCompletion() VEL_EXCLUDES(mMutex);
   int CancelPending(LibusbPendingTransfer& pending) VEL_REQUIRES(mMutex);
   void Unfile(LibusbPendingTransfer& pending) VEL_REQUIRES(mMutex);
   void AwaitUses() VEL_EXCLUDES(mMutex);
@@ -131,26 +135,38 @@ class LibusbHandle {
   bool mClosing VEL_GUARDED_BY(mMutex) = false;
   int mUses VEL_GUARDED_BY(mMutex) = 0;
   int mBarriers VEL_GUARDED_BY(mMutex) = 0;
-  int mInFlight VEL_GUARDED_BY(mMutex) = 0;  // Pending, or in their completion.
+  int mInFlight VEL_GUARDED_BY(mMutex) = 0;   // Pending, or in their completion.
+  int mCancelled VEL_GUARDED_BY(mMutex) = 0;  // Of the pending ones.
   LibusbPendingMap mPending VEL_GUARDED_BY(mMutex);
+};
+
+// The completion of a transfer that is not synchronous: from its beginning on no cancel finds the transfer, and a close
+// waits for its end.
+class LibusbCompletion {
+ public:
+  LibusbCompletion(LibusbHandle& owner, LibusbPendingTransfer& pending);
+  LibusbCompletion(const LibusbCompletion&) = delete;
+  LibusbCompletion& operator=(const LibusbCompletion&) = delete;
+  ~LibusbCompletion();
+
+ private:
+  LibusbHandle& mOwner;
+  LibusbHandle* const mOuter;
 };
 
 // Keeps the device open for the length of an operation.
 class LibusbUse {
  public:
-  explicit LibusbUse(LibusbHandle& owner) : mOwner(owner), mHandle(owner.BeginUse()) {}
+  explicit LibusbUse(LibusbHandle& owner);
   LibusbUse(const LibusbUse&) = delete;
   LibusbUse& operator=(const LibusbUse&) = delete;
-  ~LibusbUse() {
-    if (mHandle != nullptr) {
-      mOwner.EndUse();
-    }
-  }
+  ~LibusbUse();
   // Null when the device is not open, or about to be closed.
   libusb_device_handle* Get() const { return mHandle; }
 
  private:
   LibusbHandle& mOwner;
+  LibusbHandle* const mOuter;
   libusb_device_handle* const mHandle;
 };
 
@@ -166,7 +182,10 @@ class LibusbSubmitBarrier {
   }
   LibusbSubmitBarrier(const LibusbSubmitBarrier&) = delete;
   LibusbSubmitBarrier& operator=(const LibusbSubmitBarrier&) = delete;
-  ~LibusbSubmitBarrier() { mOwner.EndBarrier(); }
+  ~LibusbSubmitBarrier() {
+    mOwner.EndBarrier();
+    mOwner.DeliverCancelled();
+  }
 
  private:
   LibusbHandle& mOwner;

@@ -318,6 +318,7 @@ int LibusbIo::SetInterfaceAltSetting(int interfaceNumber, int altSetting) {
 int LibusbIo::CancelTransfer(std::uint32_t localXferId) {
   bool known = false;
   const int result = mHandle.Cancel(localXferId, &known);
+  mHandle.DeliverCancelled();
   if (!known) {
     VEL_ERROR("unknown Transfer localXferId[%d]", static_cast<int>(localXferId));
   } else if (result < 0) {
@@ -327,7 +328,9 @@ int LibusbIo::CancelTransfer(std::uint32_t localXferId) {
 }
 
 int LibusbIo::CancelOwnTransfers(const UsbIoTransferCallback* callback) {
-  return mHandle.CancelGroup(callback);
+  const int count = mHandle.CancelGroup(callback);
+  mHandle.DeliverCancelled();
+  return count;
 }
 
 int LibusbIo::ControlTransfer(std::uint8_t bmRequestType, std::uint8_t bRequest, std::uint16_t wValue,

@@ -19,9 +19,10 @@ namespace vel {
 // synchronous transfer.
 //
 // Without an event thread (it could not be started, or libusb reported an error to it) transfers are still accepted:
-// whoever then waits, in ControlTransfer, GetStringDescriptor or CloseUsbDev, handles libusb's events itself, and
-// completions run on that thread. When libusb refuses to handle events even so, a synchronous transfer ends with
-// LIBUSB_ERROR_IO, and a close gives the records back as cancelled after closing the handle.
+// whoever then waits, in ControlTransfer, GetStringDescriptor or CloseUsbDev, or cancels, handles libusb's events
+// itself, and completions run on that thread: a cancel returns when they have. When libusb refuses to handle events
+// even so, a synchronous transfer ends with LIBUSB_ERROR_IO, a close gives the records back as cancelled after closing
+// the handle, and a cancel closes the device. So whoever waits for completions only has to cancel or close.
 //
 // ControlTransfer and GetStringDescriptor are asynchronous transfers underneath. A close ends them: they then return
 // LIBUSB_ERROR_IO, and the handle is closed only when they are through, and every other operation too.

@@ -33,7 +33,8 @@ bool HasTable(const _UsbIoXferInfo& info) {
 
 }  // namespace
 
-LibusbTransfer::LibusbTransfer(LibusbHandle& owner, _UsbIoXferInfo& info, LibusbTransferPtr transfer, HeapBlock isoBuffer)
+LibusbTransfer::LibusbTransfer(LibusbHandle& owner, _UsbIoXferInfo& info, LibusbTransferPtr transfer,
+                               HeapBlock isoBuffer)
     : mOwner(owner),
       mInfo(&info),
       mIsoBuffer(std::move(isoBuffer)),
@@ -114,12 +115,10 @@ void LIBUSB_CALL LibusbTransfer::FuncAsyncTransferCB(libusb_transfer* transfer) 
     libusb_free_transfer(transfer);
     return;
   }
-  std::unique_ptr<LibusbTransfer> self(static_cast<LibusbTransfer*>(transfer->user_data));
-  LibusbHandle& owner = self->mOwner;
-  owner.BeginCompletion(self->mPending);
+  auto* const pending = static_cast<LibusbTransfer*>(transfer->user_data);
+  const LibusbCompletion completion(pending->mOwner, pending->mPending);
+  const std::unique_ptr<LibusbTransfer> self(pending);  // Gone when the completion ends.
   self->Complete();
-  self.reset();
-  owner.EndCompletion();
 }
 
 void LibusbTransfer::Complete() {

@@ -1,6 +1,9 @@
 #include "io/UsbIoXferInfo.h"
 
 #include <cstdlib>
+#include <exception>
+
+#include "base/VelLog.h"
 
 namespace vel {
 
@@ -9,15 +12,20 @@ void ReplaceXferData(_UsbIoXferInfo& info, std::uint8_t* data, std::uint32_t len
   info.length = length;
 }
 
-void CompleteXfer(_UsbIoXferInfo* info) {
+void CompleteXfer(_UsbIoXferInfo* info) noexcept {
   if (info->callback == nullptr) {
     FreeXfer(info);
     return;
   }
-  info->callback->UsbIoXferCb(info);
+  const std::uint32_t streamId = info->streamId;
+  try {
+    info->callback->UsbIoXferCb(info);
+  } catch (const std::exception& error) {
+    VEL_ERROR("completion of streamid[%u]: %s", streamId, error.what());
+  }
 }
 
-void FailXfer(_UsbIoXferInfo* info, std::int32_t status) {
+void FailXfer(_UsbIoXferInfo* info, std::int32_t status) noexcept {
   info->status = status;
   ReplaceXferData(*info, nullptr, 0);
   CompleteXfer(info);

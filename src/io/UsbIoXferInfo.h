@@ -87,11 +87,12 @@ constexpr bool IsIn(const _UsbIoXferInfo& info) {
 void ReplaceXferData(_UsbIoXferInfo& info, std::uint8_t* data, std::uint32_t length);
 
 // Gives the record to its callback. The record may be gone when this returns. A record without callback is freed, so
-// that none is lost.
-void CompleteXfer(_UsbIoXferInfo* info);
+// that none is lost. What the callback throws (it had no memory) ends here with a log line: completions run inside
+// libusb's C code and in destructors.
+void CompleteXfer(_UsbIoXferInfo* info) noexcept;
 
 // Completes a transfer that failed at the device: the status, no data.
-void FailXfer(_UsbIoXferInfo* info, std::int32_t status);
+void FailXfer(_UsbIoXferInfo* info, std::int32_t status) noexcept;
 
 // Frees the record with everything that it owns, without a completion.
 void FreeXfer(_UsbIoXferInfo* info);

@@ -71,7 +71,9 @@ int oskeloLogIsOn(int level) {
   return level >= Level().load(std::memory_order_relaxed) && level < OSKELO_LOG_OFF ? 1 : 0;
 }
 
-int oskeloLogPrint(int /*id*/, int level, const char* tag, const char* format, ...) {
+// Nothing leaves it but the result: it is called from C and from destructors. A line that there is no memory for is
+// lost.
+int oskeloLogPrint(int /*id*/, int level, const char* tag, const char* format, ...) try {
   if (oskeloLogIsOn(level) == 0) {
     return 0;
   }
@@ -97,6 +99,8 @@ int oskeloLogPrint(int /*id*/, int level, const char* tag, const char* format, .
   const auto spdlogLevel = found == kLevels.end() ? spdlog::level::err : found->spdlogLevel;
   StandardError().log(spdlogLevel, "{} {}", tag == nullptr ? "" : tag, std::string_view(text.data(), length));
   return 1;
+} catch (...) {
+  return 0;
 }
 
 void oskeloLogSetLevel(int level) {

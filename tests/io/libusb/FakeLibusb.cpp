@@ -4,7 +4,9 @@
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 #include <span>
+#include <utility>
 
 #include "support/Limits.h"
 
@@ -74,6 +76,18 @@ void Apply(libusb_transfer& transfer, const FakeResult& result) {
   }
 }
 
+// No allocation of this thread fails meanwhile.
+class Unfailing {
+ public:
+  Unfailing() = default;
+  Unfailing(const Unfailing&) = delete;
+  Unfailing& operator=(const Unfailing&) = delete;
+  ~Unfailing() { FakeLibusb::allocationsLeft = mLeft; }
+
+ private:
+  const int mLeft = std::exchange(FakeLibusb::allocationsLeft, -1);
+};
+
 // A call of the library: noted, held, answered; the handle that it works on counts as busy meanwhile.
 class Call {
  public:
@@ -94,12 +108,29 @@ class Call {
   FakeLibusb::Lock& Held() { return mLock; }
 
  private:
+  const Unfailing mUnfailing;
   FakeLibusb::Lock mLock;
   libusb_device_handle* mHandle;
   int mAnswer = 0;
 };
 
 }  // namespace
+
+thread_local int FakeLibusb::allocationsLeft = -1;
+
+void* operator new(std::size_t size) {
+  if (FakeLibusb::allocationsLeft >= 0 && FakeLibusb::allocationsLeft-- == 0) {
+    throw std::bad_alloc();
+  }
+  void* const block = std::malloc(std::max<std::size_t>(size, 1));
+  return block != nullptr ? block : throw std::bad_alloc();
+}
+[[gnu::noinline]] void operator delete(void* block) noexcept {
+  std::free(block);
+}
+[[gnu::noinline]] void operator delete(void* block, std::size_t) noexcept {
+  std::free(block);
+}
 
 FakeLibusb& FakeLibusb::Get() {
   static FakeLibusb fake;

@@ -83,6 +83,9 @@ class FakeLibusb {
     Change([&] { immediateResult = result; });
   }
 
+  // Of the calling thread: how many allocations with `new` go well before one fails; -1: none fails. Not those here.
+  static thread_local int allocationsLeft;
+
   // How many calls of the function there were.
   std::size_t Count(const std::string& function) {
     const Lock lock(mutex);

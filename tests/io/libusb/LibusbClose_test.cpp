@@ -194,6 +194,40 @@ TEST_F(LibusbIoClose, WithoutItsEventThreadTheWaitersHandleEvents) {
   ExpectWaitersHandleEvents();
 }
 
+// Whoever waits for completions need not know of event threads: it is enough to cancel.
+TEST_F(LibusbIoClose, WithoutItsEventThreadCancelsAreDelivered) {
+  Open();
+  fake.Hold("events");
+  io->BulkTransfer(records.Make(1, 0x81, Bytes(4)));
+  EXPECT_EQ(io->CancelTransfer(1), 0);
+  KillEventThread();  // It has this one to deliver.
+  fake.LetGo("events");
+  EXPECT_EQ(records.done.Await(1)[0].status, 3);
+
+  records.OnCompletion([this](const Completion& completion) {
+    if (completion.streamId == 2) {
+      EXPECT_EQ(io->CancelTransfer(3), 0);  // Whoever runs this goes on to deliver it.
+      EXPECT_EQ(records.Outstanding(), 2U);
+    }
+  });
+  for (std::uint32_t id = 2; id < 5; ++id) {
+    io->BulkTransfer(records.Make(id, 0x81, Bytes(4)));
+  }
+  EXPECT_EQ(io->CancelTransfer(2), 0);
+  EXPECT_EQ(records.done.Count(), 3U);
+  EXPECT_EQ(io->ResetDevice(), 0);
+  EXPECT_EQ(records.done.Count(), 4U);
+
+  records.OnCompletion(nullptr);
+  fake.FailEvents(LIBUSB_ERROR_IO, -1);
+  _UsbIoXferInfo* own = records.Make(0, 0x82, Bytes(4));
+  own->reserved = kModuleIds;
+  io->InterruptTransfer(own);
+  EXPECT_EQ(io->CancelOwnTransfers(&records), 1);
+  EXPECT_THAT(records.done.Await(5), Each(Field(&Completion::status, 3)));
+  EXPECT_EQ(io->GetIoHandler(), nullptr) << "closed: nothing else ends transfers then";
+}
+
 TEST_F(LibusbIoClose, EventsThatFailForeverHangNothing) {
   Open();
   Submit32();

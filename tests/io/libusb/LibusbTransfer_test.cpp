@@ -74,6 +74,28 @@ TEST_F(LibusbIoTransfer, FailedSubmissionCompletesTheRecordAsItWas) {
   EXPECT_EQ(io->BulkTransfer(absurd), LIBUSB_ERROR_INVALID_PARAM);
 }
 
+// Each allocation on the way fails once, log lines included; a completion that finds no memory ends in itself.
+TEST_F(LibusbIoTransfer, NoMemoryIsAResultAndNotAnException) {
+  Open();
+  records.OnCompletion([](const Completion&) {
+    FakeLibusb::allocationsLeft = -1;
+    throw std::bad_alloc();
+  });
+  for (const Kind& kind : kinds) {
+    std::set<int> results;
+    for (int left = 0; left < 16; ++left) {
+      _UsbIoXferInfo* info = kind.make(7);
+      FakeLibusb::allocationsLeft = left;
+      results.insert((*io.*kind.submit)(info));
+      FakeLibusb::allocationsLeft = -1;
+    }
+    EXPECT_THAT(results, ElementsAre(LIBUSB_ERROR_NO_MEM, 0));
+  }
+  EXPECT_GT(records.Outstanding(), 0U);
+  EXPECT_EQ(io->CloseUsbDev(), 0);
+  EXPECT_EQ(records.Outstanding(), 0U);
+}
+
 TEST_F(LibusbIoTransfer, TheNthFailureLeavesTheOthersInFlight) {
   Open();
   fake.Answer("libusb_submit_transfer", {0, LIBUSB_ERROR_BUSY, 0});
