@@ -24,7 +24,7 @@ constexpr std::uint32_t kReplyRoom = 1024;  // Beyond the data.
 VirtUDevice::VirtUDevice(VelDeviceBase* deviceBase, IoFactory factory)
     : mDeviceBase(deviceBase),
       mFactory(factory),
-      mBudget(kMaxPendingBytes),
+      mBudget(kMaxPendingBytes, kMaxPendingTransfers),
       mIo(std::make_unique<NullUsbIo>()),
       mPolicy(std::make_unique<RedirPolicy>(mIo.get())) {}
 
@@ -175,7 +175,7 @@ XferPtr VirtUDevice::NewXfer(std::uint32_t xferType, std::uint8_t epAddr, std::u
     // Nothing is left to answer with; the request ends here.
     VEL_ERROR("no memory for transfer streamid[%u]", streamId);
     if (reqCtx != nullptr) {
-      mBudget.Return(static_cast<TransferContext*>(reqCtx)->reserved);
+      ReturnBudget(*static_cast<TransferContext*>(reqCtx));
     }
     std::free(data);
     std::free(reqCtx);
@@ -278,7 +278,13 @@ void VirtUDevice::UsbIoXferCb(_UsbIoXferInfo* info) {
     info->isoPacketNum = 0;
     GivebackPackToRemote(*info);
   }
-  mBudget.Return(context->reserved);
+  ReturnBudget(*context);
+}
+
+void VirtUDevice::ReturnBudget(const TransferContext& context) {
+  if (context.reserved > 0) {
+    mBudget.ReturnTransfer(context.reserved);
+  }
 }
 
 void VirtUDevice::GivebackPackToRemote(const _UsbIoXferInfo& info) {

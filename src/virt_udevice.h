@@ -24,7 +24,7 @@ struct TransferContext {
   std::uint8_t reqId;
   std::uint32_t devId;
   std::uint32_t streamId;
-  std::uint32_t reserved;   // Bytes taken from the device's TransferBudget.
+  std::uint32_t reserved;   // Bytes taken from the device's TransferBudget; 0: it holds no place there.
   std::uint32_t dataGiven;  // Bytes of the data block that the request brought; what lies behind was never written.
 };
 
@@ -85,7 +85,7 @@ class VirtUDevice : private UsbIoTransferCallback {
   // Gives a transfer that cannot be carried out back with status 1 and no data. Takes `reqCtx` over.
   void RefuseTransfer(std::uint32_t xferType, std::uint32_t streamId, void* reqCtx);
 
-  // Bounds what waits in this device's transfers; the bytes that a context names are returned at completion.
+  // Bounds what waits for this device. A transfer's place in it, which its context names, is given back at completion.
   TransferBudget& Budget() { return mBudget; }
 
   // Ends the timing of the camera picture that was given back as `streamId`; `timestamp` is the remote side's.
@@ -98,6 +98,7 @@ class VirtUDevice : private UsbIoTransferCallback {
   // Completion thread of the backend, or the loop thread.
   void UsbIoXferCb(_UsbIoXferInfo* info) override;
   void GivebackPackToRemote(const _UsbIoXferInfo& info);
+  void ReturnBudget(const TransferContext& context);
 
   int SubmitBulkLike(std::uint32_t xferType, std::uint8_t epAddr, std::uint32_t streamId, std::uint32_t length,
                      std::uint8_t* data, void* reqCtx);

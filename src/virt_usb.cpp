@@ -21,6 +21,9 @@ std::uint64_t QueuedCost(const VelPacket& packet) {
 // that the loop can refuse it by name and stream id.
 constexpr std::size_t kKeptOfRefused = 16;
 
+// What such requests may take beyond the budget, together; more are dropped.
+constexpr std::uint64_t kMaxRefusedBytes = 16ULL << 20U;
+
 std::shared_ptr<VirtUDevice> OrUnavailable(VelDeviceBase* deviceBase, const std::shared_ptr<VirtUDevice>& device) {
   return device != nullptr ? device : std::make_shared<VirtUDevice>(deviceBase);
 }
@@ -89,8 +92,7 @@ VirtUsb::VirtUsb(VelDeviceBase* deviceBase, const std::shared_ptr<VirtUDevice>& 
     : mLooper(std::make_unique<Looper>()),
       mDeviceBase(deviceBase),
       mDevice(OrUnavailable(deviceBase, device)),
-      mEmulatedHold(IsEmulated(deviceBase) ? std::make_unique<DeviceHandlerAA>(mDevice) : nullptr),
-      mQueueBudget(kMaxPendingBytes) {
+      mEmulatedHold(IsEmulated(deviceBase) ? std::make_unique<DeviceHandlerAA>(mDevice) : nullptr) {
   if (deviceBase == nullptr || device == nullptr) {
     VEL_DEVICE_ERROR(mDeviceBase, "operator dev is NULL\n");
   }
@@ -133,13 +135,14 @@ int VirtUsb::EventHandler(std::unique_ptr<VelPacket> packet) {
     VEL_DEVICE_ERROR(mDeviceBase, "unknown cmd[%u]", unsigned{code});
     return 0;
   }
-  if (!mQueueBudget.Take(QueuedCost(*packet))) {
+  TransferBudget& budget = mDevice->Budget();
+  if (!budget.Take(QueuedCost(*packet))) {
     packet = KeepFields(*packet);  // Without its data it is refused as too short when its turn comes.
-    if (mQueueBudget.Taken() > 2 * kMaxPendingBytes) {
+    if (budget.Taken() > kMaxPendingBytes + kMaxRefusedBytes) {
       VEL_DEVICE_ERROR(mDeviceBase, "too many requests wait, one is dropped: cmd[%u]", unsigned{code});
       return 0;
     }
-    mQueueBudget.Add(QueuedCost(*packet));
+    budget.Add(QueuedCost(*packet));
   }
   struct Call {  // Small and trivial: std::function keeps it without an allocation.
     VirtUsb* session;
@@ -148,7 +151,7 @@ int VirtUsb::EventHandler(std::unique_ptr<VelPacket> packet) {
   const Call call{this, &EntryAt(index)};
   auto run = [call](std::unique_ptr<VelPacket> request) {
     VirtUsb& session = *call.session;
-    session.mQueueBudget.Return(QueuedCost(*request));
+    session.mDevice->Budget().Return(QueuedCost(*request));
     if (!session.mEnabled.load(std::memory_order_acquire)) {
       return 0;  // Stop is giving the device back: nothing touches it any more.
     }

@@ -8,7 +8,6 @@
 #include <mutex>
 #include <utility>
 
-#include "TransferBudget.h"
 #include "protocol/Commands.h"
 #include "protocol/Requests.h"
 #include "protocol/VelPacket.h"
@@ -128,7 +127,6 @@ class VirtUsb final : public VirtUsbInf {
   VelDeviceBase* const mDeviceBase;
   const std::shared_ptr<VirtUDevice> mDevice;  // Never null.
   const std::unique_ptr<DeviceHandlerAA> mEmulatedHold;
-  TransferBudget mQueueBudget;  // Bytes of the packets that wait in the loop.
   std::atomic<bool> mEnabled{true};
 };
 

@@ -20,6 +20,16 @@ namespace {
 constexpr std::uint32_t kReplyCapacity = 1024;
 constexpr std::uint32_t kConfigReplyCapacity = 16384;
 
+// What a pending transfer takes beside its data: record, context, what the backend keeps of it, what the allocator
+// adds; rounded up.
+constexpr std::uint32_t kTransferOverhead = 512;
+
+// The bytes that a transfer holds while it is pending. A backend has an isochronous transfer's packets in a buffer of
+// its own, whatever n is.
+std::uint32_t PendingCost(const TransferRequest& transfer) {
+  return kTransferOverhead + transfer.length + transfer.isoBytes;
+}
+
 // A block for the data of a transfer, never null for want of bytes: a record without data is a failed one.
 std::uint8_t* NewDataBlock(const TransferRequest& transfer) {
   auto* block = static_cast<std::uint8_t*>(std::malloc(std::max<std::size_t>(transfer.length, 1)));
@@ -273,10 +283,10 @@ bool VirtUsb::PrepareTransfer(const VelPacket& request, std::uint32_t xferType, 
   context.dataGiven = static_cast<std::uint32_t>(transfer.data.size());
   if (transfer.error != PayloadError::kNone) {
     LogBadPayload(request, transfer.error);
-  } else if (!mDevice->Budget().Take(transfer.length)) {
+  } else if (!mDevice->Budget().TakeTransfer(PendingCost(transfer))) {
     VEL_DEVICE_ERROR(mDeviceBase, "transfer of %u bytes refused: too many wait already", transfer.length);
   } else {
-    context.reserved = transfer.length;
+    context.reserved = PendingCost(transfer);
     blocks.data.reset(NewDataBlock(transfer));
     if (blocks.data != nullptr) {
       return true;

@@ -25,7 +25,7 @@ IsoPacketRecord RecordOf(std::span<const std::uint8_t> data, std::uint32_t index
   return record;
 }
 
-PayloadError CheckIsoTable(const TransferRequest& request) {
+PayloadError CheckIsoTable(TransferRequest& request) {
   const std::uint64_t table = IsoTableSize(request.isoPackets);
   if (table > request.length) {
     return PayloadError::kIsoTable;
@@ -37,7 +37,11 @@ PayloadError CheckIsoTable(const TransferRequest& request) {
   // An IN request brings its table alone or with filler for the payload; the answer is what has to be bounded.
   const bool in = (request.epAddr & kDirectionIn) != 0;
   const std::uint64_t room = in ? kMaxTransferBytes : request.length;
-  return table + payload > room ? PayloadError::kIsoTable : PayloadError::kNone;
+  if (table + payload > room) {
+    return PayloadError::kIsoTable;
+  }
+  request.isoBytes = static_cast<std::uint32_t>(table + payload);
+  return PayloadError::kNone;
 }
 
 PayloadError ReadFieldsAndData(std::span<const std::uint8_t> payload, bool iso, TransferRequest& request) {

@@ -14,7 +14,9 @@ namespace vel {
 inline constexpr std::uint32_t kMaxTransferBytes = 64U << 20U;
 inline constexpr std::uint32_t kMaxIsoPackets = 1024;
 inline constexpr std::uint32_t kMaxPolicyBytes = 64U << 10U;
+// On all that waits for one device: queued requests and pending transfers.
 inline constexpr std::uint64_t kMaxPendingBytes = 256ULL << 20U;
+inline constexpr std::uint32_t kMaxPendingTransfers = 16384;
 // Bytes that a string descriptor can have, and the room that its handler offers (USB 2.0, 9.6.7: bLength is u8).
 inline constexpr std::uint32_t kStringBufferBytes = 256;
 
@@ -35,6 +37,7 @@ struct TransferRequest {
   std::uint8_t epAddr = 0;
   std::uint32_t isoPackets = 0;
   std::uint32_t length = 0;
+  std::uint32_t isoBytes = 0;          // Table and packets together, as far as the table describes them.
   std::span<const std::uint8_t> data;  // At most `length` bytes; fewer only for IN, where the rest counts as zeros.
 };
 TransferRequest ReadTransferRequest(std::span<const std::uint8_t> payload);
