@@ -136,8 +136,13 @@ int VirtUsb::EventHandler(std::unique_ptr<VelPacket> packet) {
     return 0;
   }
   TransferBudget& budget = mDevice->Budget();
+  const HandlerEntry* entry = &EntryAt(index);
   if (!budget.Take(QueuedCost(*packet))) {
-    packet = KeepFields(*packet);  // Without its data it is refused as too short when its turn comes.
+    if (kCommands[index].fieldBytes > 0 && packet->PayloadBytes().size() > kKeptOfRefused) {
+      static constexpr HandlerEntry kDropped = {{}, &VirtUsb::onDroppedData};
+      entry = &kDropped;
+    }
+    packet = KeepFields(*packet);
     if (budget.Taken() > kMaxPendingBytes + kMaxRefusedBytes) {
       VEL_DEVICE_ERROR(mDeviceBase, "too many requests wait, one is dropped: cmd[%u]", unsigned{code});
       return 0;
@@ -148,7 +153,7 @@ int VirtUsb::EventHandler(std::unique_ptr<VelPacket> packet) {
     VirtUsb* session;
     const HandlerEntry* entry;
   };
-  const Call call{this, &EntryAt(index)};
+  const Call call{this, entry};
   auto run = [call](std::unique_ptr<VelPacket> request) {
     VirtUsb& session = *call.session;
     session.mDevice->Budget().Return(QueuedCost(*request));

@@ -105,10 +105,12 @@ class VirtUsb final : public VirtUsbInf {
   int onGetDeviceSpeed(PacketPtr packet);
   int onSetRedirPolicy(PacketPtr packet);
   int doPingProcess(PacketPtr packet);
+  // Instead of the command's own handler, for a request that lost data which that one would have read.
+  int onDroppedData(PacketPtr packet);
 
   // The handler of a command without fields whose reply is the operation's result.
   int RunStatusCommand(const VelPacket& request, const char* handler, int line, StatusOperation operation);
-  int RefuseSync(const VelPacket& request);
+  int RefuseSync(const VelPacket& request, PayloadError error = PayloadError::kTooShort);
   int ReplyStatus(const VelPacket& request, std::int32_t result);
   PacketPtr MakeReply(const VelPacket& request, std::uint32_t capacity) const;
   int SendReply(PacketPtr reply);

@@ -48,6 +48,12 @@ std::uint8_t* NewDataBlock(const TransferRequest& transfer) {
   return block;
 }
 
+std::uint32_t TransferType(Command command) {
+  return command == Command::kBulkTransfer        ? kXferBulk
+         : command == Command::kInterruptTransfer ? kXferInterrupt
+                                                  : kXferIsochronous;
+}
+
 }  // namespace
 
 DeviceHandlerAA::~DeviceHandlerAA() {
@@ -81,8 +87,8 @@ void VirtUsb::LogBadPayload(const VelPacket& request, PayloadError error) const 
                    PayloadErrorText(error).data());
 }
 
-int VirtUsb::RefuseSync(const VelPacket& request) {
-  LogBadPayload(request, PayloadError::kTooShort);
+int VirtUsb::RefuseSync(const VelPacket& request, PayloadError error) {
+  LogBadPayload(request, error);
   return ReplyStatus(request, LIBUSB_ERROR_INVALID_PARAM);
 }
 
@@ -329,6 +335,22 @@ int VirtUsb::onIsochTransfer(PacketPtr packet) {
     const std::lock_guard lock(mMutex);
     mDevice->IsoTransfer(transfer.epAddr, transfer.streamId, transfer.isoPackets, transfer.length,
                          blocks.data.release(), blocks.context.release());
+  }
+  return 0;
+}
+
+int VirtUsb::onDroppedData(PacketPtr packet) {
+  const CommandInfo& command = *FindCommand(packet->GetCommand());
+  switch (command.reply) {
+    case ReplyKind::kNone:
+      break;
+    case ReplyKind::kSync:
+      return RefuseSync(*packet, PayloadError::kDropped);
+    case ReplyKind::kAsync:
+      TransferRequest transfer = ReadTransferRequest(packet->PayloadBytes());
+      transfer.error = PayloadError::kDropped;
+      TransferBlocks blocks;
+      PrepareTransfer(*packet, TransferType(command.command), transfer, blocks);
   }
   return 0;
 }

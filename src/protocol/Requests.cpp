@@ -82,6 +82,8 @@ std::string_view PayloadErrorText(PayloadError error) {
       return "length or packet count above the bound";
     case PayloadError::kIsoTable:
       return "packet table does not fit the data";
+    case PayloadError::kDropped:
+      return "too many requests wait, its data was dropped";
   }
   return "unknown";
 }

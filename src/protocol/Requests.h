@@ -27,6 +27,7 @@ enum class PayloadError {
   kTooShort,  // The fields, or data that has to be there, are missing.
   kTooLong,   // A length or a packet count above its bound.
   kIsoTable,  // The table or the packets that it describes do not fit the data.
+  kDropped,   // The data was dropped: too much waited when the request came.
 };
 std::string_view PayloadErrorText(PayloadError error);
 

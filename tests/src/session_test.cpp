@@ -2,6 +2,7 @@
 // without a device or a backend.
 #include <algorithm>
 #include <array>
+#include <cstring>
 #include <span>
 #include <thread>
 #include <vector>
@@ -91,26 +92,41 @@ TEST(PendingTransfers, AreBoundedAndOnesThatAreDoneMakeRoom) {
   }
 }
 
-TEST_F(Session, WaitingRequestsBeyond256MiBLoseTheirDataAndAreRefusedInTurn) {
+TEST_F(Session, RequestsThatLoseTheirDataAreRefusedInTurnWhateverTheirDirection) {
   constexpr std::array<std::uint32_t, 3> kBulkOut = {0x01, 42, 60 * kMiB};
-  constexpr std::array<std::uint32_t, 3> kSmallBulkOut = {0x01, 43, 5};  // More than is kept of a refused one.
+  constexpr std::array<std::uint32_t, 3> kBulkIn = {0x81, 43, 5};
+  constexpr std::array<std::uint32_t, 4> kIsoIn = {0x83, 44, 1, 21};
+  constexpr std::array<std::uint32_t, 3> kControlIn = {0x80, 9U << 16U, 0};
+  const CapturingLog log(OSKELO_LOG_OFF);
   Hold();
-  for (int i = 0; i < 4; ++i) {
-    Post(LargeRequest(Command::kGetDevicePortNumber, 60 * kMiB));
-  }
+  Post(LargeRequest(Command::kGetDevicePortNumber, 200 * kMiB));
   Post(LargeRequest(Command::kBulkTransfer, 60 * kMiB, kBulkOut));
-  auto lies = LargeRequest(Command::kGetBusNumber, 60 * kMiB);
-  lies->MutableWire()[VelPacket::kLengthOffset + 1] = lies->MutableWire()[VelPacket::kLengthOffset + 2] = 0;
-  lies->MutableWire()[VelPacket::kLengthOffset + 3] = 0;  // Counts less than its header.
-  lies->MutableWire()[VelPacket::kLengthOffset] = 3;
-  Post(std::move(lies));
+  Post(LargeRequest(Command::kBulkTransfer, 60 * kMiB, kBulkIn));
+  Post(LargeRequest(Command::kIsochTransfer, 60 * kMiB, kIsoIn));
+  Post(LargeRequest(Command::kControlTransfer, 60 * kMiB, kControlIn));
+  for (const bool lies : {false, true}) {
+    auto request = LargeRequest(Command::kGetBusNumber, 60 * kMiB);  // Loses nothing that is read.
+    if (lies) {                                                      // Counts less than its header.
+      const std::uint32_t length = 3;
+      std::memcpy(request->MutableWire().data() + VelPacket::kLengthOffset, &length, sizeof length);
+    }
+    Post(std::move(request));
+  }
   io.Release("DetachKernelDriver");
-  ASSERT_TRUE(remote.WaitForReplies(7));
-  EXPECT_THAT(remote.Replies()[5], IsBulkReply(42, kXferError, IsEmpty()));
-  EXPECT_THAT(remote.Replies()[6], IsStatusReply(Command::kGetBusNumber, kId.reqId, kId.devId, 0));
-  // All of it was given back to the queue: the same bytes may wait once more.
+  ASSERT_TRUE(remote.WaitForReplies(8));
+  const auto status = [](Command command, std::int32_t result) {
+    return IsStatusReply(command, kId.reqId, kId.devId, result);
+  };
+  EXPECT_THAT(remote.Replies(),
+              ElementsAre(status(Command::kDetachKernelDriver, 0), status(Command::kGetDevicePortNumber, 0),
+                          IsBulkReply(42, kXferError, IsEmpty()), IsBulkReply(43, kXferError, IsEmpty()),
+                          IsIsoReply(44, kXferError, 0, IsEmpty()),
+                          status(Command::kControlTransfer, LIBUSB_ERROR_INVALID_PARAM),
+                          status(Command::kGetBusNumber, 0), status(Command::kGetBusNumber, 0)));
+  EXPECT_THAT(io.Transfers(), IsEmpty());
+  // All of it was given back: the same bytes may wait once more.
   Ask(LargeRequest(Command::kGetBusNumber, 250 * kMiB));
-  EXPECT_THAT(Ask(LargeRequest(Command::kBulkTransfer, 250 * kMiB, kSmallBulkOut)),
+  EXPECT_THAT(Ask(LargeRequest(Command::kBulkTransfer, 250 * kMiB, kBulkIn)),
               IsBulkReply(43, kXferCompleted, SizeIs(5)));
 }
 
