@@ -10,8 +10,8 @@ target_compile_options(virtusb_options INTERFACE
   # Log lines carry the file's name; none carries the folder that it was built in.
   "-fmacro-prefix-map=${CMAKE_SOURCE_DIR}/=")
 if(CMAKE_CXX_COMPILER_ID MATCHES "Clang")
-  # The lock annotations of vel/Mutex.h are checked by clang.
-  target_compile_options(virtusb_options INTERFACE -Wthread-safety)
+  # The lock annotations of vel/Mutex.h are checked by clang, and the order of base/LockOrder.h.
+  target_compile_options(virtusb_options INTERFACE -Wthread-safety -Wthread-safety-beta)
 else()
   target_compile_options(virtusb_options INTERFACE -Wduplicated-cond -Wlogical-op
     # False alarms of g++ 12 inside std::string and std::optional when it optimises (GCC bugs 105651, 105562).

@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <optional>
 
-#include "vel/Mutex.h"
+#include "base/LockOrder.h"
 
 namespace vel {
 
@@ -41,7 +41,7 @@ class PingClock {
     Clock::time_point sent;
   };
 
-  Mutex mMutex;
+  Mutex mMutex VEL_LOCK_LEVEL(Leaf);
   std::array<Entry, 64> mEntries VEL_GUARDED_BY(mMutex);
 };
 

@@ -113,7 +113,7 @@ int VirtUsb::IsRedirected() const {
 int VirtUsb::Stop() {
   VEL_DEVICE_DEBUG(mDeviceBase, "stop\n");
   {
-    const std::lock_guard lock(mMutex);
+    const MutexLock lock(mMutex);
     VEL_DEVICE_DEBUG(mDeviceBase, "virt_usb Close");
     if (mEnabled.exchange(false)) {
       mDevice->AttachKernelDriver();

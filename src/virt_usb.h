@@ -5,7 +5,6 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <utility>
 
 #include "protocol/Commands.h"
@@ -124,7 +123,8 @@ class VirtUsb final : public VirtUsbInf {
   // Writes the first bytes of a payload to the log.
   void velPrintData(const std::uint8_t* data, int n) const;
 
-  std::mutex mMutex;  // Serialises Stop with the handlers that open, select a setting, or submit isochronous.
+  // Serialises Stop with the handlers that open, select a setting, or submit isochronous.
+  Mutex mMutex VEL_LOCK_LEVEL(Session);
   const std::unique_ptr<Looper> mLooper;
   VelDeviceBase* const mDeviceBase;
   const std::shared_ptr<VirtUDevice> mDevice;  // Never null.

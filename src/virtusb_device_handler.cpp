@@ -116,7 +116,7 @@ int VirtUsb::onOpenUsbDev(PacketPtr packet) {
   VEL_DEVICE_DEBUG(mDeviceBase, "onOpenUsbDev start");
   int ret = LIBUSB_ERROR_NOT_FOUND;
   {
-    const std::lock_guard lock(mMutex);
+    const MutexLock lock(mMutex);
     if (mEnabled) {  // Stop may have closed the device while this waited: it stays closed.
       ret = mDevice->OpenUsbDev();
     }
@@ -220,7 +220,7 @@ int VirtUsb::onSetInterfaceAltSetting(PacketPtr packet) {
                    static_cast<int>(request->interfaceNumber), static_cast<int>(request->altSetting));
   int ret = LIBUSB_ERROR_NOT_FOUND;
   {
-    const std::lock_guard lock(mMutex);
+    const MutexLock lock(mMutex);
     if (mEnabled) {
       ret = mDevice->SetInterfaceAltSetting(request->interfaceNumber, request->altSetting);
     }
@@ -332,7 +332,7 @@ int VirtUsb::onIsochTransfer(PacketPtr packet) {
   TransferBlocks blocks;
   if (PrepareTransfer(*packet, kXferIsochronous, transfer, blocks)) {
     velPrintData(transfer.data.data(), static_cast<int>(transfer.data.size()));
-    const std::lock_guard lock(mMutex);
+    const MutexLock lock(mMutex);
     mDevice->IsoTransfer(transfer.epAddr, transfer.streamId, transfer.isoPackets, transfer.length,
                          blocks.data.release(), blocks.context.release());
   }

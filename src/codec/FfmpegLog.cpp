@@ -9,14 +9,14 @@ extern "C" {
 #include <libavutil/log.h>
 }
 
+#include "base/LockOrder.h"
 #include "base/VelLog.h"
-#include "vel/Mutex.h"
 
 namespace vel {
 namespace {
 
 struct Routes {
-  Mutex mutex;
+  Mutex mutex VEL_LOCK_LEVEL(Leaf);
   int count VEL_GUARDED_BY(mutex) = 0;
 };
 

@@ -6,7 +6,7 @@
 #include <utility>
 #include <vector>
 
-#include "vel/Mutex.h"
+#include "base/LockOrder.h"
 
 namespace vel {
 namespace {
@@ -17,7 +17,7 @@ struct Kept {
 };
 
 struct Store {
-  Mutex mutex;
+  Mutex mutex VEL_LOCK_LEVEL(Leaf);
   std::size_t users VEL_GUARDED_BY(mutex) = 0;
   std::vector<Kept> blocks VEL_GUARDED_BY(mutex);
 };

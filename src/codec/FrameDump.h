@@ -6,7 +6,7 @@
 #include <cstdio>
 #include <memory>
 
-#include "vel/Mutex.h"
+#include "base/LockOrder.h"
 
 namespace vel {
 
@@ -26,7 +26,7 @@ class FrameDump {
   };
   using File = std::unique_ptr<std::FILE, FileCloser>;
 
-  Mutex mMutex;
+  Mutex mMutex VEL_LOCK_LEVEL(Leaf);
   File mFile VEL_GUARDED_BY(mMutex);
   std::atomic<bool> mOn{false};  // Written under the mutex.
 };

@@ -7,8 +7,8 @@
 #include <list>
 #include <utility>
 
+#include "base/LockOrder.h"
 #include "codec/FrameThinning.h"
-#include "vel/Mutex.h"
 
 namespace vel {
 
@@ -94,7 +94,7 @@ class ThinnedQueue {
 
  private:
   const char* const mName;
-  mutable Mutex mMutex;
+  mutable Mutex mMutex VEL_LOCK_LEVEL(Queue);
   CondVar mChanged;                               // An item was added, or the queue closed.
   std::list<Item> mItems VEL_GUARDED_BY(mMutex);  // A list: thinning leaves the front where it is.
   bool mOpen VEL_GUARDED_BY(mMutex) = false;

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <chrono>
 #include <exception>
-#include <ranges>
 #include <utility>
 
 namespace vel {
@@ -192,9 +191,10 @@ int LibusbHandle::CancelGroup(const void* group) {
   const MutexLock lock(mMutex);
   const auto [first, last] = mPending.equal_range(LibusbPendingTransfer::kModuleKey);
   int count = 0;
-  for (const auto& [key, pending] : std::ranges::subrange(first, last)) {
-    if (pending->group == group && !pending->cancelled) {
-      CancelPending(*pending);
+  for (auto entry = first; entry != last; ++entry) {
+    LibusbPendingTransfer& pending = *entry->second;
+    if (pending.group == group && !pending.cancelled) {
+      CancelPending(pending);
       ++count;
     }
   }

@@ -5,10 +5,10 @@
 #include <map>
 #include <utility>
 
+#include "base/LockOrder.h"
 #include "io/LibusbContext.h"
 #include "io/LibusbDevice.h"
 #include "io/LibusbPtr.h"
-#include "vel/Mutex.h"
 
 namespace vel {
 
@@ -129,7 +129,7 @@ class LibusbHandle {
   void CompleteAbandoned() VEL_EXCLUDES(mMutex);
 
   LibusbContext& mContext;
-  Mutex mMutex;
+  Mutex mMutex VEL_LOCK_LEVEL(Leaf);
   CondVar mChanged;
   LibusbDeviceHandlePtr mHandle VEL_GUARDED_BY(mMutex);
   bool mClosing VEL_GUARDED_BY(mMutex) = false;

@@ -6,6 +6,7 @@
 #include <optional>
 #include <thread>
 
+#include "base/LockOrder.h"
 #include "base/ModuleExport.h"
 #include "codec/CodecInput.h"
 #include "codec/CodecTypes.h"
@@ -13,7 +14,6 @@
 #include "codec/FfmpegPtr.h"
 #include "codec/FrameBlocks.h"
 #include "codec/UVCDecoderHandler.h"
-#include "vel/Mutex.h"
 
 namespace vel {
 
@@ -67,7 +67,7 @@ class VEL_MODULE_EXPORT UVCDecoder {
   bool AwaitPicture(AVFrame& picture, int& result);
   void PassOn(const AVFrame& frame, _UVC_DECODER_TYPE type, _UVC_DECODER_OUTPUT_FORMAT format);
 
-  Mutex mCodecMutex;
+  Mutex mCodecMutex VEL_LOCK_LEVEL(Work);
   CondVar mCodecChanged;  // A frame was sent, or the worker is to end.
   CodecContextPtr mContext VEL_GUARDED_BY(mCodecMutex);
   FramePtr mFrame VEL_GUARDED_BY(mCodecMutex);  // Of Decode.

@@ -7,6 +7,7 @@
 #include <thread>
 #include <variant>
 
+#include "base/LockOrder.h"
 #include "base/ModuleExport.h"
 #include "codec/FfmpegLog.h"
 #include "codec/FfmpegPtr.h"
@@ -15,7 +16,6 @@
 #include "codec/UVCEncoderHandler.h"
 #include "codec/UVCFrame.h"
 #include "policys/Encoder/IEncoder.h"
-#include "vel/Mutex.h"
 
 namespace vel {
 
@@ -88,7 +88,7 @@ class VEL_MODULE_EXPORT UVCEncoder {
   void EncodeThread();
   void EncodeInput(Input& input);
 
-  Mutex mCodecMutex;
+  Mutex mCodecMutex VEL_LOCK_LEVEL(Work);
   std::unique_ptr<IEncoder> mEncoder VEL_GUARDED_BY(mCodecMutex);
   EncoderType mEncoderType VEL_GUARDED_BY(mCodecMutex) = EncoderType::kSoftware;
   int mWidth VEL_GUARDED_BY(mCodecMutex) = 0;

@@ -6,6 +6,7 @@
 #include <memory>
 #include <utility>
 
+#include "base/LockOrder.h"
 #include "base/ModuleExport.h"
 #include "codec/FrameDump.h"
 #include "codec/UVCDecoderHandler.h"
@@ -13,7 +14,6 @@
 #include "codec/UVCFrame.h"
 #include "policys/UVCEncoder.h"
 #include "policys/UVCUtil.h"
-#include "vel/Mutex.h"
 
 namespace vel {
 
@@ -82,8 +82,8 @@ class VEL_MODULE_EXPORT UVCFrameManager : private UVCUtil, public UVCEncoderHand
   void Finish(Stream& stream, UVCFramePtr frame);
   void ReplaceStream(std::shared_ptr<Stream> next) VEL_REQUIRES(mControlMutex);
 
-  Mutex mControlMutex;  // Init against Release; held while coders open and end.
-  Mutex mStreamMutex;
+  Mutex mControlMutex VEL_LOCK_LEVEL(Coders);  // Init against Release; held while coders open and end.
+  Mutex mStreamMutex VEL_LOCK_LEVEL(Leaf);
   std::shared_ptr<Stream> mStream VEL_GUARDED_BY(mStreamMutex);  // Null: not ready.
   _UVC_FRAME_TYPE mInFrameType VEL_GUARDED_BY(mStreamMutex);
   _UVC_FRAME_TYPE mOutFrameType VEL_GUARDED_BY(mStreamMutex);

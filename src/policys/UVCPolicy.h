@@ -6,10 +6,10 @@
 #include <optional>
 #include <span>
 
+#include "base/LockOrder.h"
 #include "io/IUsbIo.h"
 #include "policys/stream/UVCNegotiation.h"
 #include "policys/stream/UVCStream.h"
-#include "vel/Mutex.h"
 
 namespace vel {
 
@@ -72,8 +72,8 @@ class UVCPolicy {
   const std::uint32_t mHeightLimit;
   const std::uint8_t mTranscode;
   UVCNegotiation mNegotiation;
-  Mutex mControlMutex;  // Start against stop: held while a stream begins or ends.
-  Mutex mStreamMutex;
+  Mutex mControlMutex VEL_LOCK_LEVEL(Control);  // Start against stop: held while a stream begins or ends.
+  Mutex mStreamMutex VEL_LOCK_LEVEL(Leaf);
   std::shared_ptr<UVCStream> mStream VEL_GUARDED_BY(mStreamMutex);  // Null: idle.
 };
 

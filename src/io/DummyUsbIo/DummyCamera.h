@@ -8,8 +8,8 @@
 #include <thread>
 #include <vector>
 
+#include "base/LockOrder.h"
 #include "io/DummyUsbIo/ICamera.h"
-#include "vel/Mutex.h"
 
 namespace vel {
 
@@ -48,7 +48,7 @@ class DummyCamera final : public ICamera {
   static std::atomic<std::uint32_t> mFrameNumber;  // Of all instances.
 
   std::thread mProducer;
-  Mutex mMutex;
+  Mutex mMutex VEL_LOCK_LEVEL(Leaf);
   CondVar mChanged;
   int mPending VEL_GUARDED_BY(mMutex) = 0;
   void* mContext VEL_GUARDED_BY(mMutex) = nullptr;

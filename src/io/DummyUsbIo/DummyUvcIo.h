@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "base/LockOrder.h"
 #include "base/ModuleExport.h"
 #include "io/DummyUsbIo/CameraStreamCallback.h"
 #include "io/DummyUsbIo/ConfigDescTree.h"
@@ -17,7 +18,6 @@
 #include "io/DummyUsbIo/UvcStreamContext.h"
 #include "io/IUsbIo.h"
 #include "policys/UVCUtil.h"
-#include "vel/Mutex.h"
 
 namespace vel {
 
@@ -112,7 +112,7 @@ class VEL_MODULE_EXPORT DummyUvcIo final : public IUsbIo,
   std::atomic<std::uint32_t> mIoCapability{0};
 
   // Open, close and alternate settings. Held while the source starts and stops, and never in a completion.
-  Mutex mMutex;
+  Mutex mMutex VEL_LOCK_LEVEL(Control);
   std::unique_ptr<ICamera> mCamera VEL_GUARDED_BY(mMutex);
   std::vector<_CameraParam> mSupportedParams VEL_GUARDED_BY(mMutex);
   std::unique_ptr<Descriptors> mDescriptors VEL_GUARDED_BY(mMutex);

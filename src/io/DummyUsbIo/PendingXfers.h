@@ -4,8 +4,8 @@
 #include <cstdint>
 #include <vector>
 
+#include "base/LockOrder.h"
 #include "io/UsbIoXferInfo.h"
-#include "vel/Mutex.h"
 
 namespace vel {
 
@@ -24,7 +24,7 @@ class PendingXfers {
   void CancelAll();
 
  private:
-  Mutex mMutex;
+  Mutex mMutex VEL_LOCK_LEVEL(Leaf);
   std::vector<_UsbIoXferInfo*> mXfers VEL_GUARDED_BY(mMutex);
 };
 

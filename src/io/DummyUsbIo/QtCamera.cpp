@@ -4,8 +4,8 @@
 #include <system_error>
 #include <utility>
 
+#include "base/LockOrder.h"
 #include "base/VelLog.h"
-#include "vel/Mutex.h"
 
 namespace vel {
 namespace {
@@ -19,7 +19,7 @@ struct QtCamera::Opening {
   explicit Opening(std::string cameraId) : id(std::move(cameraId)) {}
 
   const std::string id;
-  Mutex mutex;
+  Mutex mutex VEL_LOCK_LEVEL(Leaf);
   CondVar changed;
   bool running VEL_GUARDED_BY(mutex) = true;  // The camera is wanted.
   bool done VEL_GUARDED_BY(mutex) = false;
@@ -40,7 +40,7 @@ struct QtCamera::Opening {
 };
 
 struct QtCamera::Streaming {
-  Mutex mutex;
+  Mutex mutex VEL_LOCK_LEVEL(Leaf);
   CondVar changed;
   bool stopped VEL_GUARDED_BY(mutex) = false;
   bool ended VEL_GUARDED_BY(mutex) = false;

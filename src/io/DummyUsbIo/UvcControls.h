@@ -6,9 +6,9 @@
 
 #include <libusb-1.0/libusb.h>
 
+#include "base/LockOrder.h"
 #include "uvc/UVCDescriptors.h"
 #include "uvc/UVCStreamCtrl.h"
-#include "vel/Mutex.h"
 
 namespace vel {
 
@@ -32,7 +32,7 @@ class UvcControls {
   void Set(std::uint8_t selector, const std::uint8_t* data, std::uint16_t wLength) VEL_EXCLUDES(mMutex);
   void SelectFrame() VEL_REQUIRES(mMutex);
 
-  mutable Mutex mMutex;
+  mutable Mutex mMutex VEL_LOCK_LEVEL(Leaf);
   UVCInputHeaderPtr mStreamingInfo VEL_GUARDED_BY(mMutex);
   UVCStreamCtrl mStreamCtrl VEL_GUARDED_BY(mMutex){};
   std::optional<UVCFrameDesc> mCurrentFrame VEL_GUARDED_BY(mMutex);

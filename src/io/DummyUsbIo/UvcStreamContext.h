@@ -5,8 +5,8 @@
 #include <functional>
 #include <span>
 
+#include "base/LockOrder.h"
 #include "io/UsbIoXferInfo.h"
-#include "vel/Mutex.h"
 
 namespace vel {
 
@@ -45,7 +45,7 @@ class UvcStreamContext {
   bool CancelIf(const std::function<bool(const _UsbIoXferInfo&)>& meant) VEL_EXCLUDES(mMutex);
   static void Complete(_UsbIoXferInfo* info, std::span<const std::uint8_t> picture);
 
-  mutable Mutex mMutex;
+  mutable Mutex mMutex VEL_LOCK_LEVEL(Leaf);
   _UsbIoXferInfo* mPending VEL_GUARDED_BY(mMutex) = nullptr;
   FrameSize mSize VEL_GUARDED_BY(mMutex){};
   bool mOpen VEL_GUARDED_BY(mMutex) = false;

@@ -5,8 +5,8 @@
 #include <thread>
 #include <vector>
 
+#include "base/LockOrder.h"
 #include "io/IUsbIo.h"
-#include "vel/Mutex.h"
 
 namespace vel {
 
@@ -68,7 +68,7 @@ class UVCCameraReader {
   UsbIoTransferCallback& mCallback;
   const Source mSource;
 
-  mutable Mutex mMutex;
+  mutable Mutex mMutex VEL_LOCK_LEVEL(Leaf);
   CondVar mChanged;
   bool mActive VEL_GUARDED_BY(mMutex) = false;
   bool mGone VEL_GUARDED_BY(mMutex) = false;      // Unplugged: nothing is tried again.

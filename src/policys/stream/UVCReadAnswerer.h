@@ -6,10 +6,10 @@
 #include <deque>
 #include <thread>
 
+#include "base/LockOrder.h"
 #include "io/UsbIoXferInfo.h"
 #include "policys/UVCFrameManager.h"
 #include "policys/stream/UVCStreamTally.h"
-#include "vel/Mutex.h"
 
 namespace vel {
 
@@ -17,11 +17,11 @@ namespace vel {
 // own: a remote side that takes its replies slowly holds up neither the camera's transfers nor the coders nor other
 // requests.
 //
-//   stopping | reads | frames | the thread
-//   no       | none  | any    | sleeps until a read comes
-//   no       | some  | none   | sleeps until a frame comes; lets the first read time out kFrameWait after its turn
-//   began no       | some  | some   | completes the first read with the oldest frame yes      | any   | any    | ends;
-//   Stop lets what waits time out
+//   stopping  reads  frames  the thread
+//   no        none   any     sleeps until a read comes
+//   no        some   none    sleeps until a frame comes; lets the first read time out kFrameWait after its turn began
+//   no        some   some    completes the first read with the oldest frame
+//   yes       any    any     ends; Stop lets what waits time out
 //
 // A read's turn begins when it is the first and the one before is completed. A cancelled read is completed by whoever
 // cancels it.
@@ -61,7 +61,7 @@ class UVCReadAnswerer {
 
   UVCFrameManager& mFrames;
   UVCStreamTally& mTally;
-  Mutex mMutex;
+  Mutex mMutex VEL_LOCK_LEVEL(Work);
   CondVar mChanged;  // For the thread alone: a first read or, while one waits, a frame came; or Stop.
   bool mStopping VEL_GUARDED_BY(mMutex) = false;
   std::deque<_UsbIoXferInfo*> mReads VEL_GUARDED_BY(mMutex);  // Bounded by the device's budget.

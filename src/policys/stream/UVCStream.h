@@ -3,13 +3,13 @@
 
 #include <cstdint>
 
+#include "base/LockOrder.h"
 #include "io/IUsbIo.h"
 #include "policys/UVCFrameManager.h"
 #include "policys/stream/UVCCameraReader.h"
 #include "policys/stream/UVCFrameIntake.h"
 #include "policys/stream/UVCReadAnswerer.h"
 #include "policys/stream/UVCStreamTally.h"
-#include "vel/Mutex.h"
 
 namespace vel {
 
@@ -54,7 +54,7 @@ class UVCStream : private UsbIoTransferCallback {
   const UVCCameraReader::Source mSource;
   UVCFrameManager mFrames;
   UVCStreamTally mTally;
-  Mutex mIntakeMutex;
+  Mutex mIntakeMutex VEL_LOCK_LEVEL(Intake);
   UVCFrameIntake mIntake VEL_GUARDED_BY(mIntakeMutex);
   UVCReadAnswerer mAnswerer;
   UVCCameraReader mReader;

@@ -5,7 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "vel/Mutex.h"
+#include "base/LockOrder.h"
 
 namespace vel {
 
@@ -37,7 +37,7 @@ class UVCStreamTally {
 
   static void CameraTimeProcess(const Latency& latency, std::uint32_t streamId, std::int64_t sentBefore);
 
-  Mutex mMutex;
+  Mutex mMutex VEL_LOCK_LEVEL(Leaf);
   std::uint32_t mLetIn VEL_GUARDED_BY(mMutex) = 0;                       // Counts as the frames' indexes do.
   std::uint32_t mPending VEL_GUARDED_BY(mMutex) = 0;                     // The last ones of them.
   std::array<Latency, kRemembered> mLatencies VEL_GUARDED_BY(mMutex){};  // By index, modulo.
