@@ -1,13 +1,9 @@
-// The module over the real libusb, on a mocked kernel. `mockdev_test --soak SECONDS` lets the
-// random part run longer.
+// The module over the real libusb, on a mocked kernel.
 #include <gmock/gmock.h>
 #include <libusb-1.0/libusb.h>
 
 #include <cerrno>
-#include <cstdlib>
-#include <filesystem>
-#include <iterator>
-#include <random>
+#include <functional>
 #include <string_view>
 
 #include "mockdev/MockRemote.h"
@@ -23,8 +19,6 @@ using testing::Pair;
 using testing::SizeIs;
 
 constexpr std::chrono::milliseconds kPrompt{500};  // Half of libusb's wait for events.
-constexpr int kShortSoak = 2;                      // Seconds.
-int gSoak = kShortSoak;
 
 class MockDevice : public testing::Test {
  protected:
@@ -166,83 +160,5 @@ TEST_F(MockDevice, EachOf32IsAnsweredOnceAndAtOnceHoweverItEnds) {
   }
 }
 
-std::size_t OpenDescriptors() {
-  return static_cast<std::size_t>(std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}));
-}
-
-// One session of random transfers, cancels and perhaps an unplug, ended in one of three ways.
-void RandomSession(MockUsbDevice& device, std::mt19937& random) {
-  const auto pick = [&random](std::size_t count) { return static_cast<std::uint32_t>(random() % count); };
-  Tally tally;
-  auto remote = Redirect(device, tally);
-  Take(*remote);
-  constexpr std::array<std::pair<Command, std::uint8_t>, 6> kTargets = {{
-      {Command::kBulkTransfer, 0x02},
-      {Command::kBulkTransfer, 0x82},
-      {Command::kBulkTransfer, 0x84},
-      {Command::kBulkTransfer, 0x85},
-      {Command::kInterruptTransfer, 0x03},
-      {Command::kInterruptTransfer, 0x83},
-  }};
-  std::uint32_t last = 0;
-  const std::uint32_t count = 1 + pick(60);
-  const std::uint32_t unplugAt = pick(3) == 0 ? 1 + pick(count) : 0;
-  while (last < count) {
-    if (pick(8) == 0) {
-      last = remote->SubmitIsoTransfer(pick(2) == 0 ? 0x06 : 0x86, std::vector<std::uint32_t>(8, 64), Bytes(512),
-                                       [](const TransferReply&) {});
-    } else {
-      const auto [command, endpoint] = kTargets[pick(kTargets.size())];
-      last = Submit(*remote, command, endpoint, 1 + pick(4096));
-    }
-    if (pick(3) == 0) {
-      const std::int32_t result = remote->CancelTransfer(1 + pick(last));
-      EXPECT_THAT(result, testing::AnyOf(0, LIBUSB_ERROR_NOT_FOUND, LIBUSB_ERROR_NO_DEVICE));
-    }
-    if (last == unplugAt) {
-      device.Unplug();
-    }
-  }
-  const bool closes = pick(2) == 0;
-  if (closes) {
-    EXPECT_EQ(remote->Status(Command::kCloseUsbDev), 0);
-    EXPECT_THAT(tally.Await(0), SizeIs(count));  // By the time the close is answered.
-  }
-  if (unplugAt == 0) {
-    if (closes) {
-      EXPECT_EQ(remote->Status(Command::kOpenUsbDev), 0);  // The end attaches what is open.
-    }
-    remote.reset();
-    EXPECT_TRUE(device.AwaitClosed());
-    EXPECT_THAT(device.Look().driverBound, Each(true));
-  } else {
-    remote.reset();
-    device.Plug();
-  }
-  EXPECT_THAT(tally.Await(0), Each(Pair(testing::_, SizeIs(1))));
-}
-
-TEST_F(MockDevice, RandomCancelsClosesAndUnplugsLeaveNothingBehind) {
-  std::mt19937 random(20240117);
-  RandomSession(mDevice, random);
-  ASSERT_TRUE(mDevice.AwaitClosed());
-  const std::size_t before = OpenDescriptors();
-  int sessions = 1;
-  for (const auto end = Clock::now() + std::chrono::seconds(gSoak); Clock::now() < end && !HasFailure(); ++sessions) {
-    RandomSession(mDevice, random);
-  }
-  ASSERT_TRUE(mDevice.AwaitClosed());
-  EXPECT_EQ(OpenDescriptors(), before);
-  RecordProperty("sessions", sessions);
-}
-
 }  // namespace
 }  // namespace vel
-
-int main(int argc, char** argv) {
-  testing::InitGoogleMock(&argc, argv);
-  if (argc == 3 && std::string_view(argv[1]) == "--soak") {
-    vel::gSoak = static_cast<int>(std::strtol(argv[2], nullptr, 10));
-  }
-  return RUN_ALL_TESTS();
-}

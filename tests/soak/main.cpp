@@ -20,6 +20,7 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <utility>
 
 #include <gmock/gmock.h>
 
@@ -34,12 +35,12 @@ using Clock = std::chrono::steady_clock;
 using std::chrono::seconds;
 
 constexpr long kAllowedGrowthKiB = 16L * 1024;
-constexpr unsigned kRoundSeconds = 120;
+constexpr unsigned kRoundSeconds = 300;
 constexpr std::uint64_t kSettlingRounds = 20;
 
 const std::map<std::string, std::unique_ptr<SoakSuite> (*)()> kSuites = {
-    {"camera", &MakeCameraSoak},
-    {"codec", &MakeCodecSoak},
+    {"camera", &MakeCameraSoak}, {"codec", &MakeCodecSoak},     {"device", &MakeDeviceSoak},
+    {"flood", &MakeFloodSoak},   {"session", &MakeSessionSoak},
 };
 
 struct Options {
@@ -94,9 +95,9 @@ void Check(const Footprint& now, const Footprint& before, long mostKiB) {
   };
   require(now.descriptors <= before.descriptors, "descriptors leak");
   require(now.threads <= before.threads, "threads are left");
-  // A sanitizer keeps what was freed.
-  require(kSanitized || now.memoryKiB <= before.memoryKiB + kAllowedGrowthKiB, "memory grows");
-  require(kSanitized || mostKiB == 0 || now.memoryKiB <= mostKiB, "memory is above its bound");
+  if (!kSanitized) {  // A sanitizer keeps what was freed.
+    require(now.memoryKiB <= (mostKiB == 0 ? before.memoryKiB + kAllowedGrowthKiB : mostKiB), "memory grows");
+  }
 }
 
 extern "C" void SayHanging(int) {
@@ -105,20 +106,23 @@ extern "C" void SayHanging(int) {
   std::abort();
 }
 
+// Where verdicts go: the module writes to standard output as well.
+std::FILE* gVerdicts = nullptr;
+
 void Print(const char* what, const Options& options, const SoakSuite& suite, const SoakRun& run, std::uint64_t rounds,
            Clock::time_point begin, const Footprint& now) {
-  std::printf("%-8s %6lld s  %8llu rounds  %11llu %s  %9llu faults  %7ld KiB  %3ld descriptors  %2ld threads  %s\n",
-              options.suite.c_str(),
-              static_cast<long long>(std::chrono::duration_cast<seconds>(Clock::now() - begin).count()),
-              static_cast<unsigned long long>(rounds), static_cast<unsigned long long>(run.work), suite.Unit(),
-              static_cast<unsigned long long>(run.faults), now.memoryKiB, now.descriptors, now.threads, what);
-  std::fflush(stdout);
+  std::fprintf(
+      gVerdicts, "%-8s %6lld s  %8llu rounds  %11llu %s  %9llu faults  %7ld KiB  %3ld descriptors  %2ld threads  %s\n",
+      options.suite.c_str(), static_cast<long long>(std::chrono::duration_cast<seconds>(Clock::now() - begin).count()),
+      static_cast<unsigned long long>(rounds), static_cast<unsigned long long>(run.work), suite.Unit(),
+      static_cast<unsigned long long>(run.faults), now.memoryKiB, now.descriptors, now.threads, what);
+  std::fflush(gVerdicts);
 }
 
 void Run(const Options& options) {
   const std::unique_ptr<SoakSuite> suite = kSuites.at(options.suite)();
-  SoakRun run{.random = std::mt19937(options.seed)};
-  std::printf("%-8s seed %u\n", options.suite.c_str(), options.seed);
+  SoakRun run{.random = std::mt19937(options.seed), .isShort = options.rounds != UINT64_MAX};
+  std::fprintf(gVerdicts, "%-8s seed %u\n", options.suite.c_str(), options.seed);
   const auto begin = Clock::now();
   auto line = begin + seconds(60);
   std::optional<Footprint> settled;
@@ -130,7 +134,10 @@ void Run(const Options& options) {
     alarm(0);
     ++rounds;
     now = AtRest(settled);
-    if (rounds > options.rounds / 2 || (rounds > kSettlingRounds && Clock::now() > begin + options.time / 10)) {
+    now.memoryKiB = std::max(now.memoryKiB, std::exchange(run.peakKiB, 0));
+    const bool settles =
+        rounds <= options.rounds / 2 && (rounds <= kSettlingRounds || Clock::now() <= begin + options.time / 10);
+    if (settled && !settles) {
       Check(now, *settled, suite->MostKiB());
     } else {
       settled = Largest(now, settled.value_or(now));
@@ -167,6 +174,11 @@ Options Parse(int argc, char** argv) {
 }
 
 }  // namespace
+
+void SoakRun::NoteMemory() {
+  peakKiB = std::max(peakKiB, Footprint::Now().memoryKiB);
+}
+
 }  // namespace vel::test
 
 int main(int argc, char** argv) {
@@ -174,12 +186,14 @@ int main(int argc, char** argv) {
   testing::FLAGS_gtest_throw_on_failure = true;
   std::signal(SIGALRM, vel::test::SayHanging);
   oskeloLogSetLevel(OSKELO_LOG_OFF);
-  std::string suite = argc > 1 ? argv[1] : "soak";
+  vel::test::gVerdicts = fdopen(dup(STDOUT_FILENO), "w");
+  static_cast<void>(std::freopen("/dev/null", "w", stdout));
+  const std::string suite = argc > 1 ? argv[1] : "soak";
   try {
     vel::test::Run(vel::test::Parse(argc, argv));
     return 0;
   } catch (const std::exception& error) {
-    std::printf("%-8s FAILED: %s\n", suite.c_str(), error.what());
+    std::fprintf(vel::test::gVerdicts, "%-8s FAILED: %s\n", suite.c_str(), error.what());
     return 1;
   }
 }

@@ -1,0 +1,24 @@
+#ifndef VIRTUSB_TESTS_SOAK_FAILING_MEMORY_H
+#define VIRTUSB_TESTS_SOAK_FAILING_MEMORY_H
+
+#include <cstdint>
+
+namespace vel::test {
+
+// Lets one in `oneIn` allocations of every thread that was not there before fail: operator new throws, malloc, calloc
+// and realloc of what is linked into this program return null. 0 ends it. Returns how many have failed since it was
+// last called. One thread, as a rule before others are started.
+std::uint32_t FailMemoryOfOthers(std::uint32_t oneIn);
+
+// As long as it lives, this thread's allocations work.
+class HealthyMemory {
+ public:
+  HealthyMemory();
+  ~HealthyMemory();
+  HealthyMemory(const HealthyMemory&) = delete;
+  HealthyMemory& operator=(const HealthyMemory&) = delete;
+};
+
+}  // namespace vel::test
+
+#endif
