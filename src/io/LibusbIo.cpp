@@ -102,8 +102,17 @@ int LibusbIo::OpenUsbDev() {
         result, libusb_error_name(result), unsigned{mDeviceBase->GetBusNumber()},
         unsigned{libusb_get_port_number(mDevice.Get())}, unsigned{mDeviceBase->GetDeviceAddress()},
         unsigned{mDeviceBase->GetVendorId()}, unsigned{mDeviceBase->GetProductId()});
+  } else if (mFoundConfiguration == 0) {
+    mFoundConfiguration = Configuration();
   }
   return result;
+}
+
+// The value of the active configuration; 0 when there is none, or it is not known.
+int LibusbIo::Configuration() {
+  const LibusbUse use(mHandle);
+  int value = 0;
+  return use.Get() != nullptr && libusb_get_configuration(use.Get(), &value) == LIBUSB_SUCCESS ? value : 0;
 }
 
 int LibusbIo::CloseUsbDev() {
@@ -199,7 +208,7 @@ int LibusbIo::AttachKernelDriver() {
   const LibusbUse use(mHandle);
   int result = LIBUSB_ERROR_NOT_FOUND;
   if (use.Get() != nullptr) {
-    const LibusbInterfaces interfaces = mDevice.ReadInterfaces();
+    LibusbInterfaces interfaces = mDevice.ReadInterfaces();
     result = interfaces.result;
     const LibusbSubmitBarrier barrier(mHandle, kAllEndpoints);
     // All are released before the first is attached: a driver may want several of them (cdc_acm does).
@@ -208,6 +217,15 @@ int LibusbIo::AttachKernelDriver() {
       if (released < 0) {
         VEL_ERROR("libusb_release_interface: error num %d = %d", number, released);
       }
+    }
+    const int found = mFoundConfiguration;
+    if (found != 0 && found != Configuration()) {
+      const int restored = libusb_set_configuration(use.Get(), found);
+      if (restored < 0) {
+        VEL_ERROR("libusb_set_configuration %d = %d", found, restored);
+      }
+      KeepFirstFailure(result, restored);
+      interfaces = mDevice.ReadInterfaces();
     }
     for (const int number : interfaces.All()) {
       int attached = libusb_attach_kernel_driver(use.Get(), number);

@@ -1,6 +1,7 @@
 #ifndef VEL_IO_LIBUSB_IO_H
 #define VEL_IO_LIBUSB_IO_H
 
+#include <atomic>
 #include <cstdint>
 
 #include "io/IUsbIo.h"
@@ -56,9 +57,11 @@ class LibusbIo : public IUsbIo {
   // Like the release of interfaces and, for its own endpoints, a new alternate setting, it ends the transfers in flight
   // as cancelled.
   int ResetDevice() override;
-  // The four below go through all interfaces of the active configuration, also after a failure, and return the first
-  // failure. A device without active configuration has no interfaces.
+  // Releases all interfaces, goes back to the configuration that the first open found, and attaches the kernel's
+  // drivers to all interfaces of that one.
   int AttachKernelDriver() override;
+  // These go through all interfaces of the active configuration, also after a failure, and return the first
+  // failure. A device without active configuration has no interfaces.
   int DetachKernelDriver() override;
   int ReleaseAllInterface() override;
   int ClaimAllInterface() override;
@@ -76,12 +79,14 @@ class LibusbIo : public IUsbIo {
 
  private:
   void GetLibusbDev();
+  int Configuration();
   // A bulk or interrupt transfer; its names are for the log.
   int SubmitBulkLike(_UsbIoXferInfo* info, libusb_transfer_type type, const char* operation, const char* typeName);
 
   VelDeviceBase* const mDeviceBase;
   LibusbContext mContext;
-  LibusbDevice mDevice;  // Written by Init only.
+  LibusbDevice mDevice;                      // Written by Init only.
+  std::atomic<int> mFoundConfiguration = 0;  // At the first open; 0: none.
   LibusbHandle mHandle;
 };
 

@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <initializer_list>
 #include <new>
 #include <span>
 #include <utility>
@@ -105,6 +106,14 @@ class Call {
     }
   }
   int Answer() const { return mAnswer; }
+  // Notes what is done to the device.
+  int Act(std::string what, std::initializer_list<int> numbers = {}) const {
+    for (const int number : numbers) {
+      what += " " + std::to_string(number);
+    }
+    Fake().acts.push_back(std::move(what));
+    return mAnswer;
+  }
   FakeLibusb::Lock& Held() { return mLock; }
 
  private:
@@ -144,6 +153,7 @@ void FakeLibusb::Reset() {
   answers.clear();
   held.clear();
   calls.clear();
+  acts.clear();
   violations.clear();
   inFlight.clear();
   done.clear();
@@ -253,8 +263,8 @@ void LIBUSB_CALL libusb_exit(libusb_context* context) {
   delete context;
 }
 
-int LIBUSB_CALL libusb_set_option(libusb_context*, enum libusb_option, ...) {
-  return Call("libusb_set_option").Answer();
+int LIBUSB_CALL libusb_set_option(libusb_context*, enum libusb_option option, ...) {
+  return Call("libusb_set_option").Act("option", {option});
 }
 
 ssize_t LIBUSB_CALL libusb_get_device_list(libusb_context*, libusb_device*** list) {
@@ -353,8 +363,16 @@ void LIBUSB_CALL libusb_close(libusb_device_handle* handle) {
   Fake().handles.remove_if([handle](const libusb_device_handle& open) { return &open == handle; });
 }
 
+int LIBUSB_CALL libusb_get_configuration(libusb_device_handle* handle, int* value) {
+  const Call call("libusb_get_configuration", handle);
+  const libusb_device& device = *handle->device;
+  *value = device.active < 0 ? 0 : device.configs[static_cast<std::size_t>(device.active)].first;
+  return call.Answer();
+}
+
 int LIBUSB_CALL libusb_set_configuration(libusb_device_handle* handle, int value) {
   const Call call("libusb_set_configuration", handle);
+  call.Act("configuration", {value});
   for (std::size_t i = 0; call.Answer() == 0 && i < handle->device->configs.size(); ++i) {
     if (handle->device->configs[i].first == value) {
       handle->device->active = static_cast<int>(i);
@@ -363,29 +381,29 @@ int LIBUSB_CALL libusb_set_configuration(libusb_device_handle* handle, int value
   return call.Answer();
 }
 
-int LIBUSB_CALL libusb_claim_interface(libusb_device_handle* handle, int) {
-  return Call("libusb_claim_interface", handle).Answer();
+int LIBUSB_CALL libusb_claim_interface(libusb_device_handle* handle, int number) {
+  return Call("libusb_claim_interface", handle).Act("claim", {number});
 }
-int LIBUSB_CALL libusb_release_interface(libusb_device_handle* handle, int) {
-  return Call("libusb_release_interface", handle).Answer();
+int LIBUSB_CALL libusb_release_interface(libusb_device_handle* handle, int number) {
+  return Call("libusb_release_interface", handle).Act("release", {number});
 }
-int LIBUSB_CALL libusb_set_interface_alt_setting(libusb_device_handle* handle, int, int) {
-  return Call("libusb_set_interface_alt_setting", handle).Answer();
+int LIBUSB_CALL libusb_set_interface_alt_setting(libusb_device_handle* handle, int number, int setting) {
+  return Call("libusb_set_interface_alt_setting", handle).Act("setting", {number, setting});
 }
-int LIBUSB_CALL libusb_clear_halt(libusb_device_handle* handle, unsigned char) {
-  return Call("libusb_clear_halt", handle).Answer();
+int LIBUSB_CALL libusb_clear_halt(libusb_device_handle* handle, unsigned char endpoint) {
+  return Call("libusb_clear_halt", handle).Act("clear halt", {endpoint});
 }
 int LIBUSB_CALL libusb_reset_device(libusb_device_handle* handle) {
-  return Call("libusb_reset_device", handle).Answer();
+  return Call("libusb_reset_device", handle).Act("reset");
 }
 int LIBUSB_CALL libusb_kernel_driver_active(libusb_device_handle* handle, int) {
   return Call("libusb_kernel_driver_active", handle).Answer();
 }
-int LIBUSB_CALL libusb_detach_kernel_driver(libusb_device_handle* handle, int) {
-  return Call("libusb_detach_kernel_driver", handle).Answer();
+int LIBUSB_CALL libusb_detach_kernel_driver(libusb_device_handle* handle, int number) {
+  return Call("libusb_detach_kernel_driver", handle).Act("detach", {number});
 }
-int LIBUSB_CALL libusb_attach_kernel_driver(libusb_device_handle* handle, int) {
-  return Call("libusb_attach_kernel_driver", handle).Answer();
+int LIBUSB_CALL libusb_attach_kernel_driver(libusb_device_handle* handle, int number) {
+  return Call("libusb_attach_kernel_driver", handle).Act("attach", {number});
 }
 
 libusb_transfer* LIBUSB_CALL libusb_alloc_transfer(int packets) {

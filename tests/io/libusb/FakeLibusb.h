@@ -14,6 +14,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <libusb-1.0/libusb.h>
@@ -91,6 +92,11 @@ class FakeLibusb {
     const Lock lock(mutex);
     return calls[function];
   }
+  // What was done to the device since this was asked last, each act with its numbers.
+  std::vector<std::string> Acts() {
+    const Lock lock(mutex);
+    return std::exchange(acts, {});
+  }
   // What went wrong so far, what is left over included.
   std::vector<std::string> Violations();
 
@@ -123,6 +129,7 @@ class FakeLibusb {
   std::set<std::string> held;
   std::map<std::string, int> waiting;
   std::map<std::string, std::size_t> calls;
+  std::vector<std::string> acts;
   std::vector<std::string> violations;
   std::deque<libusb_transfer*> inFlight;
   std::deque<std::pair<libusb_transfer*, FakeResult>> done;

@@ -3,6 +3,8 @@
 namespace vel {
 namespace {
 
+using testing::ElementsAre;
+
 class LibusbIoAccess : public LibusbIoTest {};
 
 TEST_F(LibusbIoAccess, WithoutItsDeviceAnswersThatThereIsNone) {
@@ -28,7 +30,7 @@ TEST_F(LibusbIoAccess, TakesTheFirstDeviceAtBusAndAddress) {
   io->Init();
   io->Init();
   EXPECT_EQ(fake.Count("libusb_init"), 1U);
-  EXPECT_EQ(fake.Count("libusb_set_option"), 1U);
+  EXPECT_THAT(fake.Acts(), ElementsAre("option " + std::to_string(LIBUSB_OPTION_USE_USBDK)));
   EXPECT_EQ(io->GetDevicePortNumber(), 3);
   fake.Answer("libusb_open", {LIBUSB_ERROR_ACCESS});
   EXPECT_EQ(io->OpenUsbDev(), LIBUSB_ERROR_ACCESS);
@@ -49,6 +51,32 @@ TEST_F(LibusbIoAccess, ClosedDeviceAnswersNotFound) {
         io->ControlTransfer(0x23, 3, 4, 0, nullptr, 0, 0), io->ResetDevice(), io->AttachKernelDriver(),
         io->DetachKernelDriver()}) {
     EXPECT_EQ(result, LIBUSB_ERROR_NOT_FOUND);
+  }
+}
+
+TEST_F(LibusbIoAccess, EachOperationActsOnTheDeviceInItsOrder) {
+  device->configs = {{1, {0, 3}}, {2, {5}}};
+  Open();
+  fake.Acts();
+  fake.Answer("libusb_kernel_driver_active", {1, 0, 0});  // The last one is of the alternate setting.
+  const std::pair<std::function<int()>, std::vector<std::string>> cases[] = {
+      {[this] { return io->DetachKernelDriver(); }, {"detach 0"}},
+      {[this] { return io->SetInterfaceAltSetting(3, 1); }, {"setting 3 1"}},
+      {[this] { return io->ClaimAllInterface(); }, {"claim 0", "claim 3"}},
+      {[this] { return io->ControlTransfer(0x02, 1, 0, 0x0185, nullptr, 0, 0); }, {"clear halt 133"}},
+      {[this] { return io->ControlTransfer(0x23, 3, 4, 0, nullptr, 0, 0); }, {"reset"}},
+      {[this] { return io->ReleaseAllInterface(); }, {"release 0", "release 3"}},
+      {[this] { return io->SetConfiguration(2); }, {"configuration 2"}},
+      {[this] { return io->CloseUsbDev(); }, {}},
+      {[this] { return io->OpenUsbDev(); }, {}},
+      // All is released first, and the configuration is the one that was found before this session.
+      {[this] { return io->AttachKernelDriver(); }, {"release 5", "configuration 1", "attach 0", "attach 3"}},
+      {[this] { return io->AttachKernelDriver(); }, {"release 0", "release 3", "attach 0", "attach 3"}},
+      {[this] { return io->ResetDevice(); }, {"reset"}},
+  };
+  for (const auto& [operation, acts] : cases) {
+    EXPECT_EQ(operation(), 0) << testing::PrintToString(acts);
+    EXPECT_EQ(fake.Acts(), acts);
   }
 }
 
