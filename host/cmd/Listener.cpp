@@ -78,6 +78,7 @@ UniqueFd Listener::Accept(const StopSignal& stop, std::string& peer) const {
       if (remote.IsValid()) {
         const int on = 1;  // A remote side whose machine went away is noticed in the end.
         setsockopt(remote.Get(), SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
+        // A small reply behind another must not wait until the first was acknowledged.
         setsockopt(remote.Get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
         peer = NameOf(address, length);
         return remote;

@@ -28,6 +28,7 @@ Server::Server(std::shared_ptr<ModuleLibrary> library, const DeviceIdentity& ide
     : mLibrary(std::move(library)),
       mAnswersFailures(answersFailures),
       mStream(stream),
+      mWriter(stream, [this](FdStream::Result result) { OnWriteFailed(result); }),
       mSession(NewSession(identity)) {}
 
 std::unique_ptr<ModuleSession> Server::NewSession(const DeviceIdentity& identity) {
@@ -41,6 +42,7 @@ Server::End Server::Run() {
   End end = ReadRequests();
   if (end == End::kRemoteDone) {
     Ask(kFence, true);
+    mWriter.Flush();
   }
   {
     const MutexLock lock(mMutex);
@@ -132,15 +134,13 @@ void Server::OnReply(std::unique_ptr<VelPacket> packet) {
       return;
     }
   }
-  const FdStream::Result written = mStream.WriteAll(packet->Wire());
-  if (written == FdStream::Result::kOk) {
-    return;
-  }
+  mWriter.Write(std::move(packet));
+}
+
+void Server::OnWriteFailed(FdStream::Result result) {
   {
     const MutexLock lock(mMutex);
-    if (mWritten != FdStream::Result::kStopped) {  // Writing fails after a stop, too.
-      mWritten = written;
-    }
+    mWritten = result;
     mChanged.NotifyAll();
   }
   mStream.Abort();  // Who gets no replies is gone, even when its requests still come.

@@ -8,6 +8,7 @@
 #include "protocol/Commands.h"
 #include "remote/FdStream.h"
 #include "remote/ModuleSession.h"
+#include "remote/PacketWriter.h"
 #include "vel/Mutex.h"
 
 namespace vel {
@@ -38,6 +39,7 @@ class Server {
   std::unique_ptr<ModuleSession> NewSession(const DeviceIdentity& identity);
   void Post(std::unique_ptr<VelPacket> packet);
   void OnReply(std::unique_ptr<VelPacket> packet);
+  void OnWriteFailed(FdStream::Result result);
   End ReadRequests();
   // Sends a request without fields of this program's own, behind all that came before, and waits for its reply; with
   // `forRemote` no longer than the remote side is there.
@@ -49,6 +51,7 @@ class Server {
   const std::shared_ptr<ModuleLibrary> mLibrary;
   const bool mAnswersFailures;
   FdStream& mStream;
+  PacketWriter mWriter;
   std::string mError;
   Mutex mMutex;
   CondVar mChanged;

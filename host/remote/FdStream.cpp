@@ -4,12 +4,30 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
+#include <climits>
 #include <system_error>
 #include <utility>
 
 namespace vel {
+namespace {
+
+// What is left of the pieces once `written` bytes of them are out.
+std::span<iovec> Behind(std::span<iovec> pieces, std::size_t written) {
+  while (!pieces.empty() && written >= pieces.front().iov_len) {
+    written -= pieces.front().iov_len;
+    pieces = pieces.subspan(1);
+  }
+  if (!pieces.empty()) {
+    pieces.front().iov_base = static_cast<std::uint8_t*>(pieces.front().iov_base) + written;
+    pieces.front().iov_len -= written;
+  }
+  return pieces;
+}
+
+}  // namespace
 
 UniqueFd& UniqueFd::operator=(UniqueFd&& other) noexcept {
   if (this != &other) {
@@ -100,11 +118,16 @@ FdStream::Result FdStream::Read(std::span<std::uint8_t> buffer, std::size_t& cou
 }
 
 FdStream::Result FdStream::WriteAll(std::span<const std::uint8_t> bytes) {
+  iovec piece{const_cast<std::uint8_t*>(bytes.data()), bytes.size()};  // Only read from.
+  return WriteAll({&piece, 1});
+}
+
+FdStream::Result FdStream::WriteAll(std::span<iovec> pieces) {
   const MutexLock lock(mWriteMutex);
-  while (!bytes.empty() && !mBroken) {
-    const ssize_t n = write(mOut, bytes.data(), bytes.size());
+  while (!pieces.empty() && !mBroken) {
+    const ssize_t n = writev(mOut, pieces.data(), static_cast<int>(std::min<std::size_t>(pieces.size(), IOV_MAX)));
     if (n >= 0) {
-      bytes = bytes.subspan(static_cast<std::size_t>(n));
+      pieces = Behind(pieces, static_cast<std::size_t>(n));
     } else if (errno == EAGAIN) {
       if (!WaitFor(mOut, POLLOUT)) {
         mBroken = true;  // Half a packet may be out: nothing can follow it.

@@ -1,6 +1,8 @@
 #ifndef VIRTUSB_HOST_REMOTE_FD_STREAM_H
 #define VIRTUSB_HOST_REMOTE_FD_STREAM_H
 
+#include <sys/uio.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <span>
@@ -57,6 +59,8 @@ class FdStream {
   Result Read(std::span<std::uint8_t> buffer, std::size_t& count);
   // Writes everything, in one piece among several writers. After a failure nothing more is written. Any thread.
   Result WriteAll(std::span<const std::uint8_t> bytes) VEL_EXCLUDES(mWriteMutex);
+  // The same of several pieces, one behind the other; `pieces` is used up.
+  Result WriteAll(std::span<iovec> pieces) VEL_EXCLUDES(mWriteMutex);
   // Ends the waits of this stream, now and later, as the stop signal does. Any thread.
   void Abort() { mAbort.Raise(); }
 

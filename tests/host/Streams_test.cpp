@@ -6,7 +6,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
+#include <chrono>
 #include <csignal>
 #include <cstring>
 #include <future>
@@ -14,7 +16,9 @@
 #include <vector>
 
 #include "remote/FdStream.h"
+#include "remote/PacketWriter.h"
 #include "remote/RemoteDevice.h"
+#include "remote/RequestBuilder.h"
 #include "remote/StreamChannel.h"
 
 namespace vel {
@@ -165,6 +169,37 @@ TEST_F(StreamChannelTest, CloseEndsABlockedReaderAndReportsNothing) {
   channel->Start({.onPacket = [](const std::unique_ptr<VelPacket>&) {}, .onClosed = [](const std::string&) { FAIL(); }});
   channel->Close();
   channel->Close();
+}
+
+TEST_F(StreamsTest, PacketsThatComeWhileOneIsWrittenGoOutTogether) {
+  std::array<int, 2> ends{};
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends.data()), 0);  // A message for each write.
+  const UniqueFd near(ends[0]);
+  const UniqueFd far(ends[1]);
+  std::size_t fill = 0;
+  while (send(near.Get(), mBuffer.data(), mBuffer.size(), MSG_DONTWAIT) > 0) {
+    ++fill;
+  }
+  FdStream stream(near.Get(), near.Get(), mStop);
+  PacketWriter writer(stream, [](Result) { ADD_FAILURE(); });
+  std::vector<std::future<void>> writes;
+  for (int i = 0; i < 3; ++i) {
+    writes.push_back(std::async(std::launch::async, [&] { writer.Write(BuildPing({}, 0, 0)); }));
+  }
+  const auto isBack = [](const std::future<void>& write) {
+    return write.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
+  };
+  while (std::ranges::count_if(writes, isBack) < 2) {
+    std::this_thread::yield();
+  }
+  std::array<char, 256> message{};
+  for (; fill > 0; --fill) {
+    ASSERT_EQ(recv(far.Get(), message.data(), message.size(), 0), static_cast<ssize_t>(mBuffer.size()));
+  }
+  constexpr ssize_t kPing = VelPacket::kHeaderSize + 12;
+  EXPECT_EQ(recv(far.Get(), message.data(), message.size(), 0), kPing);
+  EXPECT_EQ(recv(far.Get(), message.data(), message.size(), 0), 2 * kPing);
+  writer.Flush();
 }
 
 }  // namespace
