@@ -12,7 +12,7 @@
 
 #include "ConfigSerializer.h"
 #include "Require.h"
-#include "cmd/DescriptorText.h"
+#include "cmd/describe/DescriptorText.h"
 #include "io/NullUsbIo.h"
 #include "oskelo/log.h"
 #include "policys/RedirPolicy.h"
@@ -152,6 +152,18 @@ void ReadAndPrint(Input input) {
   const bool whole = found.config.has_value();
   Require(whole == DescriptorJson(found)["configuration"].is_object(), "a configuration is printed when it is whole");
   Require(!DescriptorText(found).empty() && !DescriptorSummary(found).empty(), "every device has a text");
+  if (input.size() < Enumeration::kCapabilitiesHead) {
+    return;
+  }
+  // The same bytes as class-specific descriptors of any class, and as capabilities.
+  AltSettingModel setting;
+  setting.bInterfaceClass = input[0];
+  setting.bInterfaceSubClass = input[1];
+  setting.extra.assign(input.begin() + 2, input.end());
+  found.config.emplace().interfaces = {{setting}};
+  found.capabilities.assign(input.begin(), input.end());
+  Require(DescriptorJson(found)["capabilities"].is_array(), "capabilities are printed");
+  Require(DescriptorText(found).find("Binary Object Store") != std::string::npos, "capabilities have a text");
 }
 
 }  // namespace

@@ -4,9 +4,9 @@
 root=$(cd "$(dirname "$0")/.." && pwd)
 
 build_packages="g++ cmake ninja-build pkg-config libusb-1.0-0-dev libspdlog-dev libcli11-dev nlohmann-json3-dev libavcodec-dev libavutil-dev libswscale-dev libavformat-dev"
-test_packages="libgtest-dev libgmock-dev libjpeg62-turbo-dev python3 binutils libumockdev-dev umockdev"
+test_packages="libgtest-dev libgmock-dev libjpeg62-turbo-dev python3 binutils libumockdev-dev umockdev usbutils"
 # For the tests in a virtual machine, which are skipped, and counted as such, where these cannot be had.
-vm_packages="qemu-system-x86 busybox-static cpio kmod udev usbutils xz-utils"
+vm_packages="qemu-system-x86 busybox-static cpio kmod udev xz-utils"
 
 # Installs what is missing, and asks for nothing when nothing is.
 install_packages() {

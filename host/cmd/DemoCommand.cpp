@@ -8,10 +8,10 @@
 #include <string>
 
 #include "cmd/Commands.h"
-#include "cmd/DescriptorText.h"
 #include "cmd/Devices.h"
 #include "cmd/Output.h"
 #include "cmd/UsbNames.h"
+#include "cmd/describe/DescriptorText.h"
 #include "protocol/IsoTable.h"
 #include "remote/ModuleChannel.h"
 #include "remote/RemoteDevice.h"

@@ -6,6 +6,8 @@
 #include <cstddef>
 #include <span>
 
+#include "cmd/describe/DecodedDescriptor.h"
+
 namespace vel {
 namespace {
 
@@ -64,7 +66,43 @@ void ReadStringOnce(RemoteDevice& remote, std::uint8_t index, std::map<std::uint
   }
 }
 
+// The strings that class-specific descriptors name.
+void ReadClassStrings(RemoteDevice& remote, const DescriptorPlace& place, const Bytes& extra,
+                      std::map<std::uint8_t, std::string>& strings) {
+  for (const std::span<const std::uint8_t> bytes : SplitDescriptors(extra)) {
+    const auto decoded = Decode(place, bytes);
+    for (const DecodedField& field : decoded ? decoded->fields : std::vector<DecodedField>()) {
+      if (field.as == As::kString) {
+        ReadStringOnce(remote, static_cast<std::uint8_t>(field.number), strings);
+      }
+    }
+  }
+}
+
+Bytes ReadCapabilities(RemoteDevice& remote) {
+  constexpr std::size_t kHead = Enumeration::kCapabilitiesHead;
+  ControlSetup setup{.bmRequestType = 0x80, .bRequest = 6, .wValue = 0x0F00, .wIndex = 0, .wLength = kHead};
+  Bytes bytes = remote.ControlTransfer(setup).data;
+  if (bytes.size() < kHead) {
+    return {};
+  }
+  setup.wLength = static_cast<std::uint16_t>(bytes[2] | bytes[3] << 8U);
+  bytes = remote.ControlTransfer(setup).data;
+  return bytes.size() < kHead ? Bytes() : bytes;
+}
+
 }  // namespace
+
+std::string Enumeration::StringAt(std::uint8_t index) const {
+  const auto text = strings.find(index);
+  return text == strings.end() ? "" : text->second;
+}
+
+// MaxPower counts 2 mA, at SuperSpeed 8 mA (USB 3.2, 9.6.3).
+unsigned Enumeration::MilliAmperes() const {
+  constexpr int kSuperSpeed = 4;
+  return config->MaxPower * (speed >= kSuperSpeed ? 8U : 2U);
+}
 
 Enumeration Enumerate(RemoteDevice& remote) {
   if (const std::int32_t opened = remote.Status(Command::kOpenUsbDev); opened != 0) {
@@ -80,7 +118,13 @@ Enumeration Enumerate(RemoteDevice& remote) {
   found.address = remote.Status(Command::kGetDeviceAddress);
   found.port = remote.Status(Command::kGetDevicePortNumber);
   found.speed = remote.Status(Command::kGetDeviceSpeed);
-  found.config = ReadConfigModel(remote.GetConfiguration());
+  const Bytes config = remote.GetConfiguration();
+  found.config = ReadConfigModel(config);
+  found.configBroken = !found.config && !config.empty();
+  constexpr std::uint16_t kWithCapabilities = 0x0201;
+  if (device->bcdUSB >= kWithCapabilities) {
+    found.capabilities = ReadCapabilities(remote);
+  }
   for (const std::uint8_t index : {device->iManufacturer, device->iProduct, device->iSerialNumber}) {
     ReadStringOnce(remote, index, found.strings);
   }
@@ -89,8 +133,10 @@ Enumeration Enumerate(RemoteDevice& remote) {
     for (const auto& settings : found.config->interfaces) {
       for (const AltSettingModel& setting : settings) {
         ReadStringOnce(remote, setting.iInterface, found.strings);
+        ReadClassStrings(remote, {setting.bInterfaceClass, setting.bInterfaceSubClass}, setting.extra, found.strings);
       }
     }
+    ReadClassStrings(remote, {}, found.config->extra, found.strings);
   }
   return found;
 }

@@ -19,7 +19,17 @@ struct Enumeration {
   std::int32_t speed = 0;
   DeviceModel device;
   std::optional<ConfigModel> config;
+  bool configBroken = false;  // There is one, but it cannot be read.
+  // The binary object store (USB 3.2, 9.6.2) of a device that has one; at least kCapabilitiesHead bytes then.
+  Bytes capabilities;
   std::map<std::uint8_t, std::string> strings;  // By index, in UTF-8.
+
+  static constexpr std::size_t kCapabilitiesHead = 5;
+
+  // Empty where there is none.
+  std::string StringAt(std::uint8_t index) const;
+  // What the configuration may draw. There is one.
+  unsigned MilliAmperes() const;
 };
 
 // Opens the device and asks it everything. Throws RemoteError when it does not open or does not answer.

@@ -48,8 +48,51 @@ constexpr std::array kSpeeds = {Name{0, "unknown"}, Name{1, "low"},   Name{2, "f
 constexpr std::array kStatuses = {Name{0, "completed"}, Name{1, "error"},   Name{2, "timed out"},
                                   Name{3, "cancelled"}, Name{4, "stalled"}, Name{5, "no device"},
                                   Name{6, "overflow"}};
-constexpr std::array kCdcSubtypes = {Name{0x00, "CDC Header"}, Name{0x01, "CDC Call Management"}, Name{0x02, "CDC ACM"},
-                                     Name{0x06, "CDC Union"}};
+// Class and subclass, and with a protocol these three, as one number.
+constexpr std::array kSubClasses = {
+    Name{0x0101, "Control Device"},
+    Name{0x0102, "Streaming"},
+    Name{0x0103, "MIDI Streaming"},
+    Name{0x0201, "Direct Line"},
+    Name{0x0202, "Abstract (modem)"},
+    Name{0x0203, "Telephone"},
+    Name{0x0204, "Multi-Channel"},
+    Name{0x0205, "CAPI Control"},
+    Name{0x0206, "Ethernet Networking"},
+    Name{0x0207, "ATM Networking"},
+    Name{0x0208, "Wireless Handset Control"},
+    Name{0x0209, "Device Management"},
+    Name{0x020A, "Mobile Direct Line"},
+    Name{0x020B, "OBEX"},
+    Name{0x020C, "Ethernet Emulation"},
+    Name{0x0301, "Boot Interface Subclass"},
+    Name{0x0601, "Still Image Capture"},
+    Name{0x0701, "Printer"},
+    Name{0x0806, "SCSI"},
+    Name{0x0E01, "Video Control"},
+    Name{0x0E02, "Video Streaming"},
+    Name{0x0E03, "Video Interface Collection"},
+    Name{0xE001, "Radio Frequency"},
+    Name{0xFE01, "Device Firmware Update"},
+    Name{0xFFFF, "Vendor Specific Subclass"},
+};
+constexpr std::array kProtocols = {
+    Name{0x020201, "AT-commands (v.25ter)"},
+    Name{0x020202, "AT-commands (PCCA101)"},
+    Name{0x020206, "AT-commands (CDMA)"},
+    Name{0x0202FF, "Vendor Specific (MSFT RNDIS?)"},
+    Name{0x020C07, "Ethernet Emulation (EEM)"},
+    Name{0x030101, "Keyboard"},
+    Name{0x030102, "Mouse"},
+    Name{0x060101, "Picture Transfer Protocol (PIMA 15470)"},
+    Name{0x070101, "Unidirectional"},
+    Name{0x070102, "Bidirectional"},
+    Name{0x070103, "IEEE 1284.4 compatible bidirectional"},
+    Name{0x080650, "Bulk-Only"},
+    Name{0xE00101, "Bluetooth"},
+    Name{0xEF0201, "Interface Association"},
+    Name{0xFFFFFF, "Vendor Specific Protocol"},
+};
 
 std::string_view Find(std::span<const Name> names, int number) {
   const auto found =
@@ -61,6 +104,12 @@ std::string_view Find(std::span<const Name> names, int number) {
 
 std::string_view ClassName(std::uint8_t usbClass) {
   return Find(kClasses, usbClass);
+}
+std::string_view SubClassName(std::uint8_t usbClass, std::uint8_t subClass) {
+  return Find(kSubClasses, usbClass << 8 | subClass);
+}
+std::string_view ProtocolName(std::uint8_t usbClass, std::uint8_t subClass, std::uint8_t protocol) {
+  return Find(kProtocols, usbClass << 16 | subClass << 8 | protocol);
 }
 std::string_view TransferTypeName(std::uint8_t attributes) {
   return Find(kTransferTypes, attributes & 3);
@@ -76,9 +125,6 @@ std::string_view SpeedName(int speed) {
 }
 std::string_view TransferStatusName(int status) {
   return Find(kStatuses, status);
-}
-std::string_view CdcSubtypeName(std::uint8_t subtype) {
-  return Find(kCdcSubtypes, subtype);
 }
 
 }  // namespace vel

@@ -7,13 +7,14 @@
 
 namespace vel {
 
-std::string_view ClassName(std::uint8_t usbClass);           // USB-IF class codes.
+std::string_view ClassName(std::uint8_t usbClass);  // USB-IF class codes.
+std::string_view SubClassName(std::uint8_t usbClass, std::uint8_t subClass);
+std::string_view ProtocolName(std::uint8_t usbClass, std::uint8_t subClass, std::uint8_t protocol);
 std::string_view TransferTypeName(std::uint8_t attributes);  // Bits 0 and 1 of bmAttributes (USB 2.0, 9.6.6).
 std::string_view SynchTypeName(std::uint8_t attributes);     // Bits 2 and 3.
 std::string_view UsageTypeName(std::uint8_t attributes);     // Bits 4 and 5.
 std::string_view SpeedName(int speed);                       // enum libusb_speed
 std::string_view TransferStatusName(int status);             // enum libusb_transfer_status
-std::string_view CdcSubtypeName(std::uint8_t subtype);       // CDC 1.2, table 13.
 
 }  // namespace vel
 

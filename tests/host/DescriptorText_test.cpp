@@ -1,7 +1,9 @@
-#include "cmd/DescriptorText.h"
+#include "cmd/describe/DescriptorText.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+
+#include <utility>
 
 namespace vel {
 namespace {
@@ -10,64 +12,79 @@ using testing::HasSubstr;
 using testing::Not;
 using testing::StartsWith;
 
-// A keyboard with a serial port: every kind of line that the text knows.
-Enumeration Sample() {
+// A video interface with these bytes behind it, and their strings.
+Enumeration WithExtra(Bytes extra) {
   Enumeration found;
   found.bus = 3;
   found.address = 130;
-  found.port = 1;
-  found.speed = 2;
   found.device = {18, 1, 0x0210, 0xEF, 2, 1, 64, 0x1A86, 0x7523, 0x0264, 1, 2, 0, 1};
-  found.strings = {{1, "Maker"}, {2, "Port & Keys"}, {4, "Keys"}};
-  AltSettingModel keys{9, 4, 0, 0, 1, 3, 1, 1, 4, {}, {9, 0x21, 0x11, 0x01, 0, 1, 0x22, 0x3F, 0}};
-  keys.endpoints.push_back({7, 5, 0x81, 3, 8, 10, 0, 0, {}});
-  AltSettingModel serial{9, 4, 1, 1, 1, 2, 2, 0, 0, {}, {5, 0x24, 0, 0x20, 0x01, 4, 0x24, 2, 6, 5, 0x24, 6, 1, 2}};
-  serial.endpoints.push_back({9, 5, 0x02, 0x15, 0x0C00, 1, 2, 0x83, {3, 0x30, 0xAB}});
-  found.config = ConfigModel{9, 2, 0x4B, 2, 1, 0, 0xE0, 49, {{serial}, {keys}}, {}};
+  found.strings = {{1, "Maker"}, {2, "Port & Keys"}, {4, "Eye"}};
+  AltSettingModel setting{9, 4, 0, 0, 1, 0x0E, 1, 0, 4, {}, std::move(extra)};
+  setting.endpoints.push_back({9, 5, 0x02, 0x15, 0x0C00, 1, 2, 0x83, {3, 0x30, 0xAB}});
+  found.config = ConfigModel{9, 2, 0x4B, 2, 1, 0, 0xE0, 49, {{setting}}, {}};
   return found;
 }
 
-TEST(DescriptorTextTest, LooksAsPeopleKnowIt) {
-  EXPECT_THAT(DescriptorText(Sample()),
-              StartsWith("Bus 003 Device 130: ID 1a86:7523 Port & Keys\nDevice Descriptor:\n"));
-  EXPECT_THAT(DescriptorText(Sample()), HasSubstr(R"(      CDC Header:
-        bcdCDC               1.20
-      CDC ACM:
-        bmCapabilities       0x06
-      CDC Union:
-        bMasterInterface        1
-        bSlaveInterface         2
-      Endpoint Descriptor:
-        bLength                 9
-        bDescriptorType         5
-        bEndpointAddress     0x02  EP 2 OUT
-        bmAttributes           21
-          Transfer Type            Isochronous
-          Synch Type               Asynchronous
-          Usage Type               Feedback
-        wMaxPacketSize     0x0c00  2x 1024 bytes
-        bInterval               1
-        bRefresh                2
-        bSynchAddress         131
-        ** UNRECOGNIZED:  03 30 ab
+TEST(DescriptorTextTest, StringsAndWhatNoTableKnowsArePrinted) {
+  const std::string text = DescriptorText(WithExtra({9, 0x24, 3, 8, 1, 1, 0, 6, 4}));
+  EXPECT_THAT(text, StartsWith("Bus 003 Device 130: ID 1a86:7523 Port & Keys\nDevice Descriptor:\n"));
+  EXPECT_THAT(text, HasSubstr("        iTerminal               4 Eye\n"));
+  EXPECT_THAT(text, HasSubstr("        bRefresh                2\n        bSynchAddress         131\n"
+                              "        ** UNRECOGNIZED:  03 30 ab\n"));
+}
+
+TEST(DescriptorTextTest, MalformedDescriptorsArePrintedAsFarAsTheyAreWhole) {
+  const std::pair<Bytes, const char*> cases[] = {
+      {{0, 0x24, 1}, "      ** INVALID, with a length that cannot be:  00 24 01\n      Endpoint"},
+      {{1, 0x24}, "      ** INVALID, with a length that cannot be:  01 24\n      Endpoint"},
+      {{2, 0x24, 9, 0x24, 3},
+       "      ** UNRECOGNIZED:  02 24\n      ** INVALID, with a length that cannot be:  09 24 03\n"},
+      {{6, 0x24, 4, 7, 200, 1},
+       "        baSource( 0)            1\n        Warning: Descriptor too short\n      Endpoint"},
+      {{5, 0x24, 2, 1, 1},
+       "        bTerminalID             1\n        Warning: Descriptor too short: 01\n      Endpoint"},
+      {{3, 0x24, 1}, "      1 (HEADER)\n        Warning: Descriptor too short\n      Endpoint"},
+      {{11, 0x24, 3, 8, 1, 1, 0, 6, 0, 0xA, 0xB}, "        junk at descriptor end: 0a 0b\n      Endpoint"}};
+  for (const auto& [extra, lines] : cases) {
+    const Enumeration found = WithExtra(extra);
+    EXPECT_THAT(DescriptorText(found), HasSubstr(lines));
+  }
+  Enumeration found = WithExtra({});
+  found.config.reset();
+  found.configBroken = true;
+  EXPECT_THAT(DescriptorText(found), HasSubstr("** INVALID configuration"));
+}
+
+// Of a device with link power management, SuperSpeed, a container and a platform's capability.
+TEST(DescriptorTextTest, CapabilitiesAreDecoded) {
+  Enumeration found = WithExtra({});
+  found.capabilities = {5,    15,   45,   0,    3,    7,    16,   2,    2,    0,    0,    0,    10,   16,   3,
+                        0,    14,   0,    1,    10,   255,  7,    23,   16,   5,    0,    0xDF, 0x60, 0xDD, 0xD8,
+                        0x89, 0x45, 0xC7, 0x4C, 0x9C, 0xD2, 0x65, 0x9D, 0x9E, 0x64, 0x8A, 0x9F, 1,    2,    3};
+  EXPECT_THAT(DescriptorText(found), HasSubstr(R"(
+Binary Object Store Descriptor:
+  bLength                 5
+  bDescriptorType        15
+  wTotalLength       0x002d
+  bNumDeviceCaps          3
+  USB 2.0 Extension Device Capability:
+    bLength                 7
+    bDescriptorType        16
+    bDevCapabilityType      2
+    bmAttributes   0x00000002
+      Link Power Management (LPM) Supported
+  SuperSpeed USB Device Capability:
 )"));
-  EXPECT_THAT(DescriptorText(Sample()), HasSubstr(R"(      HID Device Descriptor:
-        bLength                 9
-        bDescriptorType        33
-        bcdHID               1.11
-        bCountryCode            0 Not supported
-        bNumDescriptors         1
-        bDescriptorType        34 Report
-        wDescriptorLength      63
-)"));
+  EXPECT_THAT(DescriptorJson(found)["capabilities"][2].dump(),
+              HasSubstr(R"("PlatformCapabilityUUID":"{d8dd60df-4589-4cc7-9cd2-659d9e648a9f}")"));
 }
 
 TEST(DescriptorTextTest, NumbersWithoutANameAreNotPrintedAsNull) {
-  Enumeration found = Sample();
+  Enumeration found = WithExtra({});
   found.speed = -99;
   found.device.bDeviceClass = 0x99;
-  found.config->interfaces[1][0].bInterfaceClass = 0x98;
-  for (const std::string& text : {DescriptorText(found), DescriptorSummary(found), DescriptorJson(found).dump()}) {
+  found.config->interfaces[0][0].bInterfaceClass = 0x98;
+  for (const std::string& text : {DescriptorText(found), DescriptorSummary(found)}) {
     EXPECT_THAT(text, Not(HasSubstr("null")));
   }
 }

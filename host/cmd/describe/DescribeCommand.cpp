@@ -2,9 +2,9 @@
 #include <memory>
 
 #include "cmd/Commands.h"
-#include "cmd/DescriptorText.h"
 #include "cmd/DeviceChannel.h"
 #include "cmd/Output.h"
+#include "cmd/describe/DescriptorText.h"
 #include "remote/RemoteDevice.h"
 
 namespace vel {
