@@ -72,7 +72,7 @@ Binary Object Store Descriptor:
     bDescriptorType        16
     bDevCapabilityType      2
     bmAttributes   0x00000002
-      Link Power Management (LPM) Supported
+      HIRD Link Power Management (LPM) Supported
   SuperSpeed USB Device Capability:
 )"));
   EXPECT_THAT(DescriptorJson(found)["capabilities"][2].dump(),

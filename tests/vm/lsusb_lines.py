@@ -13,18 +13,25 @@ CHANGES = ((r"^(Bus .* ID \w+:\w+) .*", r"\1"), (r"^( *bMaxPacketSize0 ).*", r"\
 # A processing unit of UVC 1.0 has no video standards: lsusb takes the next descriptor's. It turns the fields of MJPEG round.
 LSUSBS_FAULTS = re.compile(r"^ {6}Warning: Descriptor too short\n((?:.*\n)*?) {8}bmVideoStandards .*\n(?: {10}.*\n)*"
                            r"|^ +Fields per frame: .*\n", re.MULTILINE)
+# The report's items are not a descriptor's; audio has no tables.
+LEFT_OUT = re.compile(r" *(Report Descriptor|Audio\w+ (Interface|Endpoint) Descriptor|Warning: Junk at end of descriptor"
+                      r"|\*\* UNRECOGNIZED:  \w\w 2[45] )")
 NAMED = re.compile(r" *b(Device|Interface|Function)(Class|SubClass|Protocol) +\d+")
 
 
 def lines(text: str) -> list[str]:
     """What is to be compared of a text."""
     result: list[str] = []
-    report = False
+    block = None  # Depth of the heading of what is left out.
     for line in LSUSBS_FAULTS.sub(r"\1", text).splitlines():
         if NOT_OURS.match(line):
             break
-        report = "Report Descriptor" in line or (report and line.startswith(10 * " "))
-        if line.strip() and not report:
+        depth = len(line) - len(line.lstrip())
+        if LEFT_OUT.match(line):
+            block = depth
+        elif block is not None and depth <= block:
+            block = None
+        if line.strip() and block is None:
             for pattern, replacement in CHANGES:
                 line = re.sub(pattern, replacement, line)
             result.append(line.rstrip())

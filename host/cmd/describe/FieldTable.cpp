@@ -86,7 +86,10 @@ constexpr DescriptorTable kVideoEndpointTable = {
     .heading = "VideoControl Endpoint Descriptor", .subtypeName = "(EP_INTERRUPT)", .fields = kVideoEndpointFields};
 
 // USB 3.2, 9.6.2.
-constexpr std::array kExtensionBits = {BitsLine{2, 2, "Link Power Management (LPM) Supported"}};
+constexpr std::array kExtensionBits = {
+    BitsLine{6, 2, "HIRD Link Power Management (LPM) Supported"},
+    BitsLine{6, 6, "BESL Link Power Management (LPM) Supported"},
+};
 constexpr std::array kExtensionFields = {Field{"bmAttributes", 4, As::kHex, 25, Flow::kOnce, {}, kExtensionBits}};
 constexpr std::array kSuperSpeedBits = {BitsLine{2, 2, "Latency Tolerance Messages (LTM) Supported"}};
 constexpr std::array kSpeeds = BitNames({
