@@ -268,7 +268,7 @@ void VirtUDevice::UsbIoXferCb(_UsbIoXferInfo* info) {
     return;
   }
   if (info->data != nullptr) {
-    if (info->status != kXferCompleted && context->dataGiven < info->length) {
+    if (info->status != kXferCompleted && (info->reserved & kXferHoldsPart) == 0 && context->dataGiven < info->length) {
       // An untouched block goes back: what the request did not bring reads as zeros.
       std::memset(info->data + context->dataGiven, 0, info->length - context->dataGiven);
     }

@@ -7,7 +7,6 @@
 
 #include "base/VelLog.h"
 #include "io/LibusbControl.h"
-#include "io/LibusbTransfer.h"
 
 namespace vel {
 namespace {
@@ -379,6 +378,12 @@ int LibusbIo::ControlTransfer(std::uint8_t bmRequestType, std::uint8_t bRequest,
   return result;
 }
 
+// Only who answers failures has a use for the part, and the module's own reads take whole transfers.
+LibusbTransfer::Failed LibusbIo::FailedHolds(const _UsbIoXferInfo& info) const {
+  return info.reserved == kRemoteIds && mDeviceBase->AnswersFailedTransfers() ? LibusbTransfer::Failed::kHoldsPart
+                                                                              : LibusbTransfer::Failed::kHoldsNothing;
+}
+
 // In the two below the use is older than the guard: a close waits for the completion of a failed submission too.
 
 int LibusbIo::SubmitBulkLike(_UsbIoXferInfo* info, libusb_transfer_type type, const char* operation,
@@ -394,7 +399,7 @@ int LibusbIo::SubmitBulkLike(_UsbIoXferInfo* info, libusb_transfer_type type, co
   VEL_LOG_LINE(OSKELO_LOG_DEBUG, operation, __LINE__, "Debug:%s streamid[%d] epaddr[%d] len[%d]", operation,
                static_cast<int>(info->streamId), int{info->epAddr}, static_cast<int>(info->length));
   info->owner = this;
-  const int result = LibusbTransfer::Submit(mHandle, use.Get(), *info, type);
+  const int result = LibusbTransfer::Submit(mHandle, use.Get(), *info, type, FailedHolds(*info));
   if (result < 0) {
     std::printf("Error submitting %s transfer, %d", typeName, result);
     return result;
@@ -424,7 +429,7 @@ int LibusbIo::IsochTransfer(_UsbIoXferInfo* info) {
   VEL_DEBUG("IsoTransfer streamid[0x%x] epaddr[0x%x] len[%d] isonum[%d]", info->streamId, unsigned{info->epAddr},
             static_cast<int>(info->length), static_cast<int>(info->isoPacketNum));
   info->owner = this;
-  const int result = LibusbTransfer::SubmitIso(mHandle, use.Get(), *info);
+  const int result = LibusbTransfer::SubmitIso(mHandle, use.Get(), *info, FailedHolds(*info));
   if (result < 0) {
     VEL_ERROR("Error submitting iso transfer, %d", result);
     return result;

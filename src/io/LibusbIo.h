@@ -8,6 +8,7 @@
 #include "io/LibusbContext.h"
 #include "io/LibusbDevice.h"
 #include "io/LibusbHandle.h"
+#include "io/LibusbTransfer.h"
 #include "vel/VelDeviceBase.h"
 
 namespace vel {
@@ -73,6 +74,8 @@ class LibusbIo : public IUsbIo {
   int CancelOwnTransfers(const UsbIoTransferCallback* callback) override;
   int ControlTransfer(std::uint8_t bmRequestType, std::uint8_t bRequest, std::uint16_t wValue, std::uint16_t wIndex,
                       std::uint8_t* data, std::uint16_t wLength, std::uint32_t timeout) override;
+  // A transfer that fails leaves its record without data or, where the device-base object wants failures answered, with
+  // what had been moved by then (kXferHoldsPart).
   int BulkTransfer(_UsbIoXferInfo* info) override;
   int InterruptTransfer(_UsbIoXferInfo* info) override;
   int IsochTransfer(_UsbIoXferInfo* info) override;
@@ -80,6 +83,7 @@ class LibusbIo : public IUsbIo {
  private:
   void GetLibusbDev();
   int Configuration();
+  LibusbTransfer::Failed FailedHolds(const _UsbIoXferInfo& info) const;
   // A bulk or interrupt transfer; its names are for the log.
   int SubmitBulkLike(_UsbIoXferInfo* info, libusb_transfer_type type, const char* operation, const char* typeName);
 

@@ -34,17 +34,18 @@ bool HasTable(const _UsbIoXferInfo& info) {
 }  // namespace
 
 LibusbTransfer::LibusbTransfer(LibusbHandle& owner, _UsbIoXferInfo& info, LibusbTransferPtr transfer,
-                               HeapBlock isoBuffer)
+                               HeapBlock isoBuffer, Failed failed)
     : mOwner(owner),
       mInfo(&info),
       mIsoBuffer(std::move(isoBuffer)),
+      mFailed(failed),
       mPending(std::move(transfer), info.reserved == kModuleIds ? LibusbPendingTransfer::kModuleKey : info.localXferId,
                info.callback) {
   mPending.transfer->user_data = this;
 }
 
 int LibusbTransfer::Submit(LibusbHandle& owner, libusb_device_handle* handle, _UsbIoXferInfo& info,
-                           libusb_transfer_type type) {
+                           libusb_transfer_type type, Failed failed) {
   if (info.length > INT_MAX || (info.data == nullptr && info.length > 0)) {
     return LIBUSB_ERROR_INVALID_PARAM;
   }
@@ -55,11 +56,11 @@ int LibusbTransfer::Submit(LibusbHandle& owner, libusb_device_handle* handle, _U
   libusb_fill_bulk_transfer(transfer.get(), handle, info.epAddr, info.data, static_cast<int>(info.length),
                             FuncAsyncTransferCB, nullptr, 0);
   transfer->type = static_cast<unsigned char>(type);
-  return Submit(
-      std::unique_ptr<LibusbTransfer>(new (std::nothrow) LibusbTransfer(owner, info, std::move(transfer), nullptr)));
+  return Submit(std::unique_ptr<LibusbTransfer>(new (std::nothrow)
+                                                    LibusbTransfer(owner, info, std::move(transfer), nullptr, failed)));
 }
 
-int LibusbTransfer::SubmitIso(LibusbHandle& owner, libusb_device_handle* handle, _UsbIoXferInfo& info) {
+int LibusbTransfer::SubmitIso(LibusbHandle& owner, libusb_device_handle* handle, _UsbIoXferInfo& info, Failed failed) {
   if (!HasTable(info)) {
     return LIBUSB_ERROR_INVALID_PARAM;
   }
@@ -93,7 +94,7 @@ int LibusbTransfer::SubmitIso(LibusbHandle& owner, libusb_device_handle* handle,
   libusb_fill_iso_transfer(transfer.get(), handle, info.epAddr, buffer.get(), static_cast<int>(payload),
                            static_cast<int>(info.isoPacketNum), FuncAsyncTransferCB, nullptr, 0);
   return Submit(std::unique_ptr<LibusbTransfer>(
-      new (std::nothrow) LibusbTransfer(owner, info, std::move(transfer), std::move(buffer))));
+      new (std::nothrow) LibusbTransfer(owner, info, std::move(transfer), std::move(buffer), failed)));
 }
 
 int LibusbTransfer::Submit(std::unique_ptr<LibusbTransfer> self) {
@@ -126,23 +127,38 @@ void LibusbTransfer::Complete() {
   if (transfer.status != LIBUSB_TRANSFER_COMPLETED) {
     VEL_ERROR("Libusb transfer status error[%d]!, transfer_type[%d]", static_cast<int>(transfer.status),
               int{transfer.type});
-    FailXfer(mInfo, transfer.status);
-    return;
-  }
-  const auto moved = static_cast<std::uint32_t>(std::clamp(transfer.actual_length, 0, transfer.length));
-  mInfo->status = kXferCompleted;
-  mInfo->length = moved;
-  if (transfer.type == LIBUSB_TRANSFER_TYPE_ISOCHRONOUS) {
-    if (!IsIn(*mInfo)) {
-      TakeIsoOut(moved);
-    } else if (!TakeIsoIn()) {
-      FailXfer(mInfo, kXferError);
+    if (mFailed == Failed::kHoldsNothing || !TakeResult()) {
+      FailXfer(mInfo, transfer.status);
       return;
     }
+    mInfo->status = transfer.status;
+    mInfo->reserved |= kXferHoldsPart;
+    CompleteXfer(mInfo);
+    return;
+  }
+  mInfo->status = kXferCompleted;
+  if (!TakeResult()) {
+    FailXfer(mInfo, kXferError);
+    return;
   }
   VEL_DEBUG("async transfer[%d] cb, streamid[0x%x] length[%d] actual_length[%d]", int{transfer.type}, mInfo->streamId,
             transfer.length, transfer.actual_length);
   CompleteXfer(mInfo);
+}
+
+// What was moved becomes the record's data. False when there is no memory.
+bool LibusbTransfer::TakeResult() {
+  const libusb_transfer& transfer = *mPending.transfer;
+  const auto moved = static_cast<std::uint32_t>(std::clamp(transfer.actual_length, 0, transfer.length));
+  mInfo->length = moved;
+  if (transfer.type != LIBUSB_TRANSFER_TYPE_ISOCHRONOUS) {
+    return true;
+  }
+  if (IsIn(*mInfo)) {
+    return TakeIsoIn();
+  }
+  TakeIsoOut(moved);
+  return true;
 }
 
 // The result of an OUT transfer is its own buffer, with the packet table written over the head of it.

@@ -52,8 +52,12 @@ enum XferIdSpace : std::uint32_t {
   kModuleIds = 1,  // Only IUsbIo::CancelOwnTransfers finds it, by its callback; localXferId is for the log.
 };
 
+// Beside the id space in `reserved`, written by a backend: the transfer failed, and its data is what had been moved by
+// then, where the device-base object asks for that. A failed transfer has no data otherwise.
+inline constexpr std::uint32_t kXferHoldsPart = 2;
+
 struct _UsbIoXferInfo {
-  std::uint32_t reserved;  // XferIdSpace.
+  std::uint32_t reserved;  // XferIdSpace; kXferHoldsPart.
   std::uint32_t xferType;
   std::uint32_t streamId;     // Of the remote request that this transfer answers.
   std::uint32_t localXferId;  // What CancelTransfer looks for.
@@ -62,7 +66,7 @@ struct _UsbIoXferInfo {
   std::uint32_t isoPacketNum;
   void* reqBuf;          // The reply context; may be null.
   std::uint32_t length;  // In: bytes to transfer. Out: bytes in `data`.
-  std::uint8_t* data;    // Null on completion when the transfer failed.
+  std::uint8_t* data;    // Null on completion when the transfer failed, unless it holds a part.
   UsbIoTransferCallback* callback;
   std::uint32_t isoDescLen;
   void* isoDescCopy;  // The request's packet table, kept for the libusb backend.

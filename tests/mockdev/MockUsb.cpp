@@ -21,6 +21,7 @@ constexpr char kSysPath[] = "/devices/usb1/1-1";
 constexpr std::array<std::uint8_t, 4096> kFifoFill{};
 constexpr std::size_t kSetupBytes = 8;
 constexpr std::uint8_t kLastAddress = 100;
+constexpr std::size_t kMemoryLimit = std::size_t{16} << 20U;  // usbcore.usbfs_memory_mb, of which each URB takes more.
 
 // The node of a device on bus 1, below /dev.
 std::string NodeOf(std::uint8_t address) {
@@ -331,6 +332,9 @@ long MockUsb::Submit(UMockdevIoctlClient* client) {
   }
   if (urb.type != USBDEVFS_URB_TYPE_CONTROL && mState.driverBound[InterfaceOf(urb.endpoint)]) {
     return -EBUSY;
+  }
+  if (urb.length >= kMemoryLimit) {
+    return -ENOMEM;
   }
   if (urb.type == USBDEVFS_URB_TYPE_ISO && mState.altSetting == 0) {
     return -ENOENT;

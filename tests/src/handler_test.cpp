@@ -103,7 +103,7 @@ TEST_F(Handler, TransfersAreGivenBackWithWhatTheBackendLeft) {
   EXPECT_THAT(remote.Replies(), ::testing::Each(::testing::Field(&Reply::devId, kId.devId)));
 }
 
-TEST_F(Handler, FailedTransfersAreGivenBackEmptyWhereTheRemoteSideWantsIt) {
+TEST_F(Handler, FailedTransfersAreGivenBackWithWhatTheyMovedWhereTheRemoteSideWantsIt) {
   io.HoldTransfers();
   for (const bool wanted : {false, true}) {
     if (wanted) {
@@ -117,8 +117,11 @@ TEST_F(Handler, FailedTransfersAreGivenBackEmptyWhereTheRemoteSideWantsIt) {
       ASSERT_TRUE(io.CompleteNext({.status = status, .bytes = {}}));
     }
   }
+  Post(BuildTransferRequest(Command::kBulkTransfer, kId, 0x81, 4, 2, {}));
+  ASSERT_TRUE(io.WaitForHeld(1));
+  ASSERT_TRUE(io.CompleteNext({.status = 4, .bytes = Bytes{9}}));
   EXPECT_THAT(remote.Replies(), ElementsAre(IsBulkReply(1, 2, IsEmpty()), IsInterruptReply(2, 4, IsEmpty()),
-                                            IsIsoReply(3, 5, 0, IsEmpty())));
+                                            IsIsoReply(3, 5, 0, IsEmpty()), IsBulkReply(4, 4, ElementsAre(9))));
 }
 
 TEST(RealDevice, RefusedTransfersReturnTheRequestsBytesAndZerosForTheRest) {

@@ -16,6 +16,7 @@ void Finish(_UsbIoXferInfo* info, const ScriptedUsbIo::Result& result) {
     auto* data = static_cast<std::uint8_t*>(std::malloc(std::max<std::size_t>(result.bytes->size(), 1)));
     std::copy(result.bytes->begin(), result.bytes->end(), data);
     ReplaceXferData(*info, data, static_cast<std::uint32_t>(result.bytes->size()));
+    info->reserved |= result.status != kXferCompleted ? kXferHoldsPart : 0;
   }
   info->status = result.status;
   CompleteXfer(info);

@@ -210,6 +210,38 @@ TEST_F(LibusbIoTransfer, IsoPacketsKeepTheirPlacesAndAreCutToTheirRoom) {
   EXPECT_THAT(Bytes(out.begin() + 32, out.end()), ElementsAre(33, 34, 35, 36, 37, 38, 39, 40));
 }
 
+TEST_F(LibusbIoTransfer, FailuresHoldWhatWasMovedWhereTheyAreAnswered) {
+  Open();
+  fake.SetCancelResult({.status = LIBUSB_TRANSFER_CANCELLED, .bytes = {1, 2}});
+  std::size_t count = 0;
+  for (const bool answered : {false, true}) {
+    if (answered) {
+      base.AnswerFailedTransfers();
+    }
+    const auto data = [&] { return records.done.Await(++count).back().data; };
+    const auto expected = [answered](Bytes part) { return answered ? std::optional(part) : std::nullopt; };
+    io->BulkTransfer(records.Make(1, 0x81, Bytes(4)));
+    io->CancelTransfer(1);
+    EXPECT_EQ(data(), expected({1, 2}));
+    io->InterruptTransfer(records.Make(1, 0x81, Bytes(4)));
+    fake.Complete(0x81, {.status = LIBUSB_TRANSFER_STALL});
+    EXPECT_EQ(data(), expected({}));
+    io->BulkTransfer(records.Make(1, 0x02, {3, 4}));
+    fake.Complete(0x02, {.status = LIBUSB_TRANSFER_TIMED_OUT});
+    EXPECT_EQ(data(), expected({3, 4}));
+    io->IsochTransfer(records.MakeIso(1, 0x83, {1, 1}));
+    fake.Complete(0x83, {.status = LIBUSB_TRANSFER_CANCELLED, .bytes = {5}, .packets = {{1, {}}, {0, {}}}});
+    const std::optional<Bytes> table = data();
+    ASSERT_EQ(table.has_value(), answered);
+    EXPECT_TRUE(!answered || (table->size() == 33 && table->back() == 5));
+  }
+  _UsbIoXferInfo* own = records.Make(1, 0x81, Bytes(4));
+  own->reserved = kModuleIds;
+  io->BulkTransfer(own);
+  io->CancelOwnTransfers(&records);
+  EXPECT_EQ(records.done.Await(++count).back().data, std::nullopt);
+}
+
 TEST_F(LibusbIoTransfer, IsoTablesThatDoNotFitAreRefused) {
   Open();
   const struct {
