@@ -266,7 +266,7 @@ bool LibusbHandle::IsThrough(Until until, const LibusbPendingTransfer* pending) 
     case Until::kCompleted:
       return pending->completed;
     case Until::kCancelledAreCompleted:
-      return mCancelled == 0 || mClosing;  // Who closes sees to it.
+      return mCancelled == 0;
     case Until::kUnused:
       return mInFlight == 0 && mUses == 0;
   }

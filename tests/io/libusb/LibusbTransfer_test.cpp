@@ -96,17 +96,6 @@ TEST_F(LibusbIoTransfer, NoMemoryIsAResultAndNotAnException) {
   EXPECT_EQ(records.Outstanding(), 0U);
 }
 
-TEST_F(LibusbIoTransfer, TheNthFailureLeavesTheOthersInFlight) {
-  Open();
-  fake.Answer("libusb_submit_transfer", {0, LIBUSB_ERROR_BUSY, 0});
-  EXPECT_EQ(io->BulkTransfer(records.Make(1, 0x81, Bytes(4))), 0);
-  EXPECT_EQ(io->BulkTransfer(records.Make(1, 0x82, Bytes(4))), LIBUSB_ERROR_BUSY);
-  EXPECT_EQ(io->BulkTransfer(records.Make(3, 0x83, Bytes(4))), 0);
-  EXPECT_TRUE(fake.Complete(0x81));
-  EXPECT_TRUE(fake.Complete(0x83));
-  EXPECT_EQ(records.done.Await(3).size(), 3U);
-}
-
 TEST_F(LibusbIoTransfer, MayCompleteBeforeTheSubmissionReturns) {
   Open();
   fake.SetImmediateResult({.bytes = {1, 2}});
