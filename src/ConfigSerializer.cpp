@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <new>
 
 #include "base/VelLog.h"
 
@@ -19,9 +20,10 @@ std::uint32_t ExtraLength(const unsigned char* extra, int length) {
 
 template <class Record>
 void AppendRecord(VelPacket& reply, const Record& record) {
-  if (record != nullptr) {
-    reply.Append(record.get(), sizeof *record);
+  if (record == nullptr) {
+    throw std::bad_alloc();
   }
+  reply.Append(record.get(), sizeof *record);
 }
 
 // In pieces: one append takes no more than the packet's first capacity.

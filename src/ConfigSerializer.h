@@ -15,7 +15,8 @@ std::unique_ptr<EndpointRecord, FreeDeleter> get_vep_desc(const libusb_endpoint_
 std::unique_ptr<InterfaceRecord, FreeDeleter> get_vif_desc(const libusb_interface_descriptor* setting);
 std::unique_ptr<ConfigRecord, FreeDeleter> get_vconfig_desc(const libusb_config_descriptor* config);
 
-// Appends the whole configuration to a reply.
+// Appends the whole configuration to a reply. Throws std::bad_alloc where a record cannot be had; a reply that cannot
+// grow is one whose length counts more than its bytes.
 void AppendConfig(VelPacket& reply, const libusb_config_descriptor& config);
 
 }  // namespace vel

@@ -1,6 +1,5 @@
 #include "VirtUsbDriver.h"
 
-#include <new>
 #include <utility>
 
 #include "base/VelLog.h"
@@ -25,27 +24,27 @@ int VirtUsbDriver::Init() {
     return -1;
   }
   mDevice->Init();
-  mSession = std::make_shared<VirtUsb>(mDeviceBase, mDevice);
+  auto session = std::make_shared<VirtUsb>(mDeviceBase, mDevice);
+  if (!session->IsRunning()) {
+    VEL_DEVICE_ERROR(mDeviceBase, "no thread for a session");
+    return -1;
+  }
+  mSession = std::move(session);
   return 0;
 }
 
-int VirtUsbDriver::onEvent(std::unique_ptr<VelPacket> packet) {
+int VirtUsbDriver::onEvent(std::unique_ptr<VelPacket> packet) noexcept {
   if (packet == nullptr) {
     return 0;
   }
   VEL_DEVICE_DEBUG(mDeviceBase, "getPacket devId=%u,reqID=%u \n", packet->GetDevId(), unsigned{packet->GetReqId()});
-  if (mSession == nullptr) {
-    return 0;
-  }
-  try {
+  if (mSession != nullptr) {
     mSession->EventHandler(std::move(packet));
-  } catch (const std::bad_alloc&) {
-    VEL_DEVICE_ERROR(mDeviceBase, "no memory to queue a request, it is dropped");
   }
   return 0;
 }
 
-int VirtUsbDriver::Close(std::uint8_t /*reason*/) {
+int VirtUsbDriver::Close(std::uint8_t /*reason*/) noexcept {
   VEL_DEVICE_DEBUG(mDeviceBase, "virtusb close \n");
   if (mSession != nullptr) {
     mSession->Stop();

@@ -19,12 +19,12 @@ class VirtUsbDriver final : public VelRawDriver {
   explicit VirtUsbDriver(VelDeviceBase* deviceBase, VirtUDevice::IoFactory factory = &CreateUsbIo);
   ~VirtUsbDriver() override;
 
-  // Makes the session. Returns 0, or -1 without a device-base object.
+  // Makes the session. Returns 0, or -1 without a device-base object or a thread for the session.
   int Init();
 
-  int onEvent(std::unique_ptr<VelPacket> packet) override;
+  int onEvent(std::unique_ptr<VelPacket> packet) noexcept override;
   int Activate() override { return 0; }
-  int Close(std::uint8_t reason) override;
+  int Close(std::uint8_t reason) noexcept override;
   // A further reference to the session, which then outlives this driver; empty before Init.
   std::shared_ptr<DriverObj> GetDriverObj() override { return mSession; }
 

@@ -8,7 +8,7 @@
 
 extern "C" {
 
-vel::VelDriver* virtusb_open(vel::VelDeviceBase* deviceBase) {
+vel::VelDriver* virtusb_open(vel::VelDeviceBase* deviceBase) noexcept {
   VEL_DEVICE_DEBUG(deviceBase, "enter");
   try {
     VEL_DEVICE_DEBUG(deviceBase, "if enter");
@@ -16,8 +16,10 @@ vel::VelDriver* virtusb_open(vel::VelDeviceBase* deviceBase) {
     return driver->Init() == -1 ? nullptr : driver.release();
   } catch (const std::exception& error) {
     VEL_DEVICE_ERROR(deviceBase, "cannot open a driver: %s", error.what());
-    return nullptr;
+  } catch (...) {
+    VEL_DEVICE_ERROR(deviceBase, "cannot open a driver");
   }
+  return nullptr;
 }
 
 vel::VelDrvModule VEL_DRV_MODULE = {

@@ -2,9 +2,13 @@
 
 #include <algorithm>
 #include <array>
+#include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <string>
+#include <exception>
+#include <new>
+#include <utility>
 
 #include "base/VelLog.h"
 #include "io/NullUsbIo.h"
@@ -31,7 +35,7 @@ VirtUDevice::VirtUDevice(VelDeviceBase* deviceBase, IoFactory factory)
 VirtUDevice::~VirtUDevice() {
   VEL_DEBUG("ENTER");
   mPolicy.reset();
-  mIo.reset();  // Completes what is pending, into members that still live.
+  mIo.reset();  // Completes what is pending, into members that still live; mIo itself is null meanwhile.
 }
 
 void VirtUDevice::Init() {
@@ -47,6 +51,7 @@ void VirtUDevice::Init() {
   }
   mPolicy.reset();
   mIo = std::move(io);
+  mEmulated = mIo->GetIoType() == kIoTypeEmulated;
   mIo->Init();
   mPolicy = std::make_unique<RedirPolicy>(mIo.get());
 }
@@ -172,10 +177,9 @@ XferPtr VirtUDevice::NewXfer(std::uint32_t xferType, std::uint8_t epAddr, std::u
                              std::uint8_t* data, void* reqCtx) {
   XferPtr info = MakeXfer();
   if (info == nullptr) {
-    // Nothing is left to answer with; the request ends here.
     VEL_ERROR("no memory for transfer streamid[%u]", streamId);
     if (reqCtx != nullptr) {
-      ReturnBudget(*static_cast<TransferContext*>(reqCtx));
+      RefuseTransfer(xferType, *static_cast<TransferContext*>(reqCtx));
     }
     std::free(data);
     std::free(reqCtx);
@@ -232,7 +236,7 @@ int VirtUDevice::IsoTransfer(std::uint8_t epAddr, std::uint32_t streamId, std::u
   }
   info->isoPacketNum = isoPacketNum;
   const std::uint64_t table = IsoTableSize(isoPacketNum);
-  if (mIo->GetIoType() != kIoTypeEmulated && table > 0 && table <= length) {
+  if (!mEmulated && table > 0 && table <= length) {
     info->isoDescCopy = std::malloc(table);
     if (info->isoDescCopy != nullptr) {
       info->isoDescLen = static_cast<std::uint32_t>(table);
@@ -248,37 +252,46 @@ int VirtUDevice::IsoTransfer(std::uint8_t epAddr, std::uint32_t streamId, std::u
   return 0;
 }
 
-void VirtUDevice::RefuseTransfer(std::uint32_t xferType, std::uint32_t streamId, void* reqCtx) {
-  // The block is empty and not null: a record without data would not be given back.
-  auto* data = static_cast<std::uint8_t*>(std::malloc(1));
-  XferPtr info = NewXfer(xferType, 0, streamId, 0, data, reqCtx);
-  if (info != nullptr) {
-    const XferGuard completesAsRefused(info.release());
-  }
+void VirtUDevice::RefuseTransfer(std::uint32_t xferType, const TransferContext& context) noexcept {
+  std::uint8_t none = 0;  // Empty and not null: a record without data would not be given back.
+  _UsbIoXferInfo info{};
+  info.xferType = xferType;
+  info.streamId = context.streamId;
+  info.status = kXferError;
+  info.data = &none;
+  Complete(info, context);
 }
 
-void VirtUDevice::UsbIoXferCb(_UsbIoXferInfo* info) {
+void VirtUDevice::UsbIoXferCb(_UsbIoXferInfo* info) noexcept {
   if (info == nullptr) {
     VEL_ERROR("Invalid CallbackArgs!");
     return;
   }
   const XferPtr owned(info);
-  const auto* context = static_cast<const TransferContext*>(info->reqBuf);
-  if (context == nullptr || context->deviceBase == nullptr) {
-    return;
+  if (info->reqBuf != nullptr) {
+    Complete(*info, *static_cast<const TransferContext*>(info->reqBuf));
   }
-  if (info->data != nullptr) {
-    if (info->status != kXferCompleted && (info->reserved & kXferHoldsPart) == 0 && context->dataGiven < info->length) {
-      // An untouched block goes back: what the request did not bring reads as zeros.
-      std::memset(info->data + context->dataGiven, 0, info->length - context->dataGiven);
+}
+
+void VirtUDevice::Complete(_UsbIoXferInfo& info, const TransferContext& context) noexcept {
+  try {
+    if (context.deviceBase == nullptr) {
+      VEL_DEBUG("nobody to answer");
+    } else if (info.data != nullptr) {
+      if (info.status != kXferCompleted && (info.reserved & kXferHoldsPart) == 0 && context.dataGiven < info.length) {
+        // An untouched block goes back: what the request did not bring reads as zeros.
+        std::memset(info.data + context.dataGiven, 0, info.length - context.dataGiven);
+      }
+      GivebackPackToRemote(info, context);
+    } else if (context.deviceBase->AnswersFailedTransfers()) {
+      info.length = 0;
+      info.isoPacketNum = 0;
+      GivebackPackToRemote(info, context);
     }
-    GivebackPackToRemote(*info);
-  } else if (context->deviceBase->AnswersFailedTransfers()) {
-    info->length = 0;
-    info->isoPacketNum = 0;
-    GivebackPackToRemote(*info);
+  } catch (const std::exception& error) {
+    VEL_ERROR("no reply for transfer streamid[%u]: %s", info.streamId, error.what());
   }
-  ReturnBudget(*context);
+  ReturnBudget(context);
 }
 
 void VirtUDevice::ReturnBudget(const TransferContext& context) {
@@ -287,7 +300,7 @@ void VirtUDevice::ReturnBudget(const TransferContext& context) {
   }
 }
 
-void VirtUDevice::GivebackPackToRemote(const _UsbIoXferInfo& info) {
+void VirtUDevice::GivebackPackToRemote(_UsbIoXferInfo& info, const TransferContext& context) {
   const std::uint32_t capacity = info.length + kReplyRoom;
   VEL_DEBUG("Give back pack total len: %d, streamId[%d], tranfer type[%d]", static_cast<int>(capacity),
             static_cast<int>(info.streamId), static_cast<int>(info.xferType));
@@ -295,10 +308,20 @@ void VirtUDevice::GivebackPackToRemote(const _UsbIoXferInfo& info) {
       mAwaitsFirstCameraData.exchange(false, std::memory_order_relaxed)) {
     ReportEvent("CAMERA_DATA", true, "get camera data success");
   }
-  const auto* context = static_cast<const TransferContext*>(info.reqBuf);
+  auto reply = VelPacket::TryMake(capacity);
+  if (reply == nullptr) {
+    // What the data would have taken is more than there is: the transfer has failed then.
+    VEL_ERROR("no memory for a reply of %u bytes", capacity);
+    info.status = kXferError;
+    info.length = 0;
+    info.isoPacketNum = 0;
+    reply = VelPacket::TryMake(kReplyRoom);
+    if (reply == nullptr) {
+      throw std::bad_alloc();
+    }
+  }
   const std::uint16_t command = transfer_type_to_proto_type(static_cast<std::uint8_t>(info.xferType));
-  auto reply = std::make_unique<VelPacket>(capacity);
-  reply->InitHeader(context->deviceBase->TakeReplyReqId(command, info.streamId), command, context->devId);
+  reply->InitHeader(context.deviceBase->TakeReplyReqId(command, info.streamId), command, context.devId);
   reply->Append(&info.streamId, sizeof info.streamId);
   reply->Append(&info.status, sizeof info.status);
   if (info.xferType == kXferIsochronous) {
@@ -308,7 +331,7 @@ void VirtUDevice::GivebackPackToRemote(const _UsbIoXferInfo& info) {
   if (info.data != nullptr && info.length > 0) {
     reply->Append(info.data, info.length);
   }
-  context->deviceBase->Send(std::move(reply), VelDeviceBase::kWaitUnbounded);
+  context.deviceBase->Send(std::move(reply), VelDeviceBase::kWaitUnbounded);
 }
 
 std::uint16_t VirtUDevice::transfer_type_to_proto_type(std::uint8_t xferType) {
@@ -335,17 +358,22 @@ void VirtUDevice::Ping(std::uint32_t streamId, std::uint64_t timestamp) {
   }
 }
 
-void VirtUDevice::ReportEvent(const char* name, bool success, const char* message) {
-  if (mDeviceBase == nullptr || mIo->GetIoType() != kIoTypeEmulated) {
+void VirtUDevice::ReportEvent(const char* name, bool success, const char* message) noexcept {
+  if (mDeviceBase == nullptr || !mEmulated) {
     return;
   }
-  const std::string event = std::string("LOCAL_") + name;
+  std::array<char, 64> event{};
+  static_cast<void>(std::snprintf(event.data(), event.size(), "LOCAL_%s", name));
   const std::array attributes = {
       VelTraceAttribute{"status", success ? "success" : "error"},
       VelTraceAttribute{"message", message},
       VelTraceAttribute{"success", success ? "true" : "false"},
   };
-  mDeviceBase->Trace(VelTracer::GetInstance().NewSpanId(), event.c_str(), attributes.data(), attributes.size());
+  try {
+    mDeviceBase->Trace(VelTracer::GetInstance().NewSpanId(), event.data(), attributes.data(), attributes.size());
+  } catch (const std::exception& error) {  // A transfer is given back all the same.
+    VEL_ERROR("%s is not reported: %s", event.data(), error.what());
+  }
 }
 
 }  // namespace vel

@@ -82,8 +82,8 @@ class VirtUDevice : private UsbIoTransferCallback {
   int IsoTransfer(std::uint8_t epAddr, std::uint32_t streamId, std::uint32_t isoPacketNum, std::uint32_t length,
                   std::uint8_t* data, void* reqCtx);
 
-  // Gives a transfer that cannot be carried out back with status 1 and no data. Takes `reqCtx` over.
-  void RefuseTransfer(std::uint32_t xferType, std::uint32_t streamId, void* reqCtx);
+  // Gives a transfer that cannot be carried out back with status 1 and no data, and its place in the budget.
+  void RefuseTransfer(std::uint32_t xferType, const TransferContext& context) noexcept;
 
   // Bounds what waits for this device. A transfer's place in it, which its context names, is given back at completion.
   TransferBudget& Budget() { return mBudget; }
@@ -96,8 +96,10 @@ class VirtUDevice : private UsbIoTransferCallback {
 
  private:
   // Completion thread of the backend, or the loop thread.
-  void UsbIoXferCb(_UsbIoXferInfo* info) override;
-  void GivebackPackToRemote(const _UsbIoXferInfo& info);
+  void UsbIoXferCb(_UsbIoXferInfo* info) noexcept override;
+  // Both let nothing through: a reply that cannot be made or sent is logged.
+  void Complete(_UsbIoXferInfo& info, const TransferContext& context) noexcept;
+  void GivebackPackToRemote(_UsbIoXferInfo& info, const TransferContext& context);
   void ReturnBudget(const TransferContext& context);
 
   int SubmitBulkLike(std::uint32_t xferType, std::uint8_t epAddr, std::uint32_t streamId, std::uint32_t length,
@@ -105,14 +107,15 @@ class VirtUDevice : private UsbIoTransferCallback {
   XferPtr NewXfer(std::uint32_t xferType, std::uint8_t epAddr, std::uint32_t streamId, std::uint32_t length,
                   std::uint8_t* data, void* reqCtx);
   // Trace event of an emulated device; nothing for a real one.
-  void ReportEvent(const char* name, bool success, const char* message);
+  void ReportEvent(const char* name, bool success, const char* message) noexcept;
 
   VelDeviceBase* const mDeviceBase;
   const IoFactory mFactory;
   TransferBudget mBudget;
   PingClock mPingClock;
   std::atomic<bool> mAwaitsFirstCameraData{false};
-  std::unique_ptr<IUsbIo> mIo;  // Never null, never changes after Init.
+  std::unique_ptr<IUsbIo> mIo;  // Not null before the destructor, does not change after Init.
+  bool mEmulated = false;       // The backend's type, for completions: they still come while it is destroyed.
   std::unique_ptr<RedirPolicy> mPolicy;
 };
 

@@ -2,9 +2,13 @@
 
 #include <algorithm>
 #include <array>
+#include <cstddef>
+#include <exception>
 #include <new>
+#include <span>
 
 #include "base/VelLog.h"
+#include "protocol/ByteReader.h"
 
 namespace vel {
 namespace {
@@ -19,7 +23,7 @@ std::uint64_t QueuedCost(const VelPacket& packet) {
 
 // Payload bytes that are kept of a request that does not fit the queue: enough for the fields of every command, so
 // that the loop can refuse it by name and stream id.
-constexpr std::size_t kKeptOfRefused = 16;
+constexpr std::uint32_t kKeptOfRefused = 16;
 
 // What such requests may take beyond the budget, together; more are dropped.
 constexpr std::uint64_t kMaxRefusedBytes = 16ULL << 20U;
@@ -32,17 +36,15 @@ bool IsEmulated(const VelDeviceBase* deviceBase) {
   return deviceBase != nullptr && deviceBase->IsEmulated();
 }
 
+// Null without memory.
 std::unique_ptr<VelPacket> KeepFields(const VelPacket& packet) {
-  const std::span<const std::uint8_t> wire = packet.Wire();
-  if (wire.size() < VelPacket::kHeaderSize) {  // A length that cannot be: nothing is known of it but its header.
-    auto empty = std::make_unique<VelPacket>(VelPacket::kHeaderSize);
-    empty->InitHeader(packet.GetReqId(), packet.GetCommand(), packet.GetDevId());
-    return empty;
+  const std::span<const std::uint8_t> payload = packet.PayloadBytes();
+  const std::span<const std::uint8_t> kept = payload.first(std::min<std::size_t>(payload.size(), kKeptOfRefused));
+  auto fields = VelPacket::TryMake(VelPacket::kHeaderSize + kKeptOfRefused);
+  if (fields != nullptr) {
+    fields->InitHeader(packet.GetReqId(), packet.GetCommand(), packet.GetDevId());
+    fields->Append(kept.data(), static_cast<std::uint32_t>(kept.size()));
   }
-  const std::size_t kept = std::min(wire.size(), VelPacket::kHeaderSize + kKeptOfRefused);
-  auto fields = VelPacket::ForReceived(wire.first<VelPacket::kHeaderSize>(), static_cast<std::uint32_t>(kept));
-  std::copy(wire.begin() + VelPacket::kHeaderSize, wire.begin() + static_cast<std::ptrdiff_t>(kept),
-            fields->MutableWire().begin() + VelPacket::kHeaderSize);
   return fields;
 }
 
@@ -92,11 +94,11 @@ VirtUsb::VirtUsb(VelDeviceBase* deviceBase, const std::shared_ptr<VirtUDevice>& 
     : mLooper(std::make_unique<Looper>()),
       mDeviceBase(deviceBase),
       mDevice(OrUnavailable(deviceBase, device)),
-      mEmulatedHold(IsEmulated(deviceBase) ? std::make_unique<DeviceHandlerAA>(mDevice) : nullptr) {
+      mEmulatedHold(IsEmulated(deviceBase) ? std::make_unique<DeviceHandlerAA>(mDevice) : nullptr),
+      mRunning(mLooper->Start() == 0) {
   if (deviceBase == nullptr || device == nullptr) {
     VEL_DEVICE_ERROR(mDeviceBase, "operator dev is NULL\n");
   }
-  mLooper->Start();
 }
 
 VirtUsb::~VirtUsb() {
@@ -110,21 +112,26 @@ int VirtUsb::IsRedirected() const {
   return mDeviceBase == nullptr ? 0 : mDeviceBase->IsRedirected();
 }
 
-int VirtUsb::Stop() {
+int VirtUsb::Stop() noexcept {
   VEL_DEVICE_DEBUG(mDeviceBase, "stop\n");
   {
     const MutexLock lock(mMutex);
     VEL_DEVICE_DEBUG(mDeviceBase, "virt_usb Close");
     if (mEnabled.exchange(false)) {
-      mDevice->AttachKernelDriver();
-      mDevice->ResetDevice();
-      mDevice->CloseUsbDev();
+      for (const StatusOperation giveBack :
+           {&VirtUDevice::AttachKernelDriver, &VirtUDevice::ResetDevice, &VirtUDevice::CloseUsbDev}) {
+        try {
+          ((*mDevice).*giveBack)();
+        } catch (const std::exception& error) {  // The next is done all the same.
+          VEL_DEVICE_ERROR(mDeviceBase, "giving the device back: %s", error.what());
+        }
+      }
     }
   }
   return mLooper->Stop();
 }
 
-int VirtUsb::EventHandler(std::unique_ptr<VelPacket> packet) {
+int VirtUsb::EventHandler(std::unique_ptr<VelPacket> packet) noexcept {
   if (packet == nullptr || !mEnabled.load(std::memory_order_acquire)) {
     return 0;
   }
@@ -137,32 +144,58 @@ int VirtUsb::EventHandler(std::unique_ptr<VelPacket> packet) {
   }
   TransferBudget& budget = mDevice->Budget();
   const HandlerEntry* entry = &EntryAt(index);
-  if (!budget.Take(QueuedCost(*packet))) {
+  std::uint64_t cost = QueuedCost(*packet);
+  if (!budget.Take(cost)) {
     if (kCommands[index].fieldBytes > 0 && packet->PayloadBytes().size() > kKeptOfRefused) {
       static constexpr HandlerEntry kDropped = {{}, &VirtUsb::onDroppedData};
       entry = &kDropped;
     }
     packet = KeepFields(*packet);
-    if (budget.Taken() > kMaxPendingBytes + kMaxRefusedBytes) {
+    if (packet == nullptr || budget.Taken() > kMaxPendingBytes + kMaxRefusedBytes) {
       VEL_DEVICE_ERROR(mDeviceBase, "too many requests wait, one is dropped: cmd[%u]", unsigned{code});
       return 0;
     }
-    budget.Add(QueuedCost(*packet));
+    cost = QueuedCost(*packet);
+    budget.Add(cost);
   }
   struct Call {  // Small and trivial: std::function keeps it without an allocation.
     VirtUsb* session;
     const HandlerEntry* entry;
   };
   const Call call{this, entry};
-  auto run = [call](std::unique_ptr<VelPacket> request) {
-    VirtUsb& session = *call.session;
-    session.mDevice->Budget().Return(QueuedCost(*request));
-    if (!session.mEnabled.load(std::memory_order_acquire)) {
-      return 0;  // Stop is giving the device back: nothing touches it any more.
+  auto run = [call](PacketPtr request) { return call.session->Handle(*call.entry, std::move(request)); };
+  std::unique_ptr<Message> task(new (std::nothrow) TransferTaskMessageA(run, std::move(packet)));
+  if (mLooper->PostMessageAAA(std::move(task)) != 0) {
+    budget.Return(cost);
+    if (mEnabled.load(std::memory_order_acquire)) {
+      VEL_DEVICE_ERROR(mDeviceBase, "no memory to queue a request, it is dropped: cmd[%u]", unsigned{code});
     }
-    return (session.*call.entry->handler)(std::move(request));
-  };
-  mLooper->PostMessageAAA(std::make_unique<TransferTaskMessageA>(run, std::move(packet)));
+  }
+  return 0;
+}
+
+int VirtUsb::Handle(const HandlerEntry& entry, PacketPtr packet) noexcept {
+  mDevice->Budget().Return(QueuedCost(*packet));
+  if (!mEnabled.load(std::memory_order_acquire)) {
+    return 0;  // Stop is giving the device back: nothing touches it any more.
+  }
+  const RequestHead head = HeadOf(*packet);
+  ByteReader fields(packet->PayloadBytes());
+  fields.Skip(sizeof(std::uint32_t));  // Of a transfer: the endpoint, then the stream id.
+  const auto streamId = fields.Host<std::uint32_t>();
+  mAnswered = false;
+  try {
+    return (this->*entry.handler)(std::move(packet));
+  } catch (const std::exception& error) {
+    VEL_DEVICE_ERROR(mDeviceBase, "request 0x%.4x failed: %s", unsigned{head.command}, error.what());
+  }
+  try {
+    if (!mAnswered) {
+      RefuseForWantOfMemory(head, streamId);
+    }
+  } catch (const std::exception& error) {
+    VEL_DEVICE_ERROR(mDeviceBase, "request 0x%.4x is not answered: %s", unsigned{head.command}, error.what());
+  }
   return 0;
 }
 

@@ -36,7 +36,8 @@ class TransferTaskMessageA : public Message {
   TransferTaskMessageA(Function function, std::unique_ptr<VelPacket> packet)
       : mFunction(std::move(function)), mPacket(std::move(packet)) {}
 
-  void HandleMessage() override { mFunction(std::move(mPacket)); }
+  // The function lets nothing through.
+  void HandleMessage() noexcept override { mFunction(std::move(mPacket)); }
 
  private:
   const Function mFunction;
@@ -61,10 +62,14 @@ class VirtUsb final : public VirtUsbInf {
 
   // Gives the device back and ends the loop: waits for the handler that runs, drops the requests that wait. Once
   // stopped, a session stays stopped; a second call does nothing. Returns 0.
-  int Stop() override;
-  // Queues a request. Returns 0; unknown commands and packets after Stop are dropped.
-  int EventHandler(std::unique_ptr<VelPacket> packet) override;
+  int Stop() noexcept override;
+  // Queues a request. Returns 0; unknown commands, packets after Stop and packets for which there is no memory are
+  // dropped.
+  int EventHandler(std::unique_ptr<VelPacket> packet) noexcept override;
   int IsDeviceRedirected() const override { return IsRedirected(); }
+
+  // False when the loop got no thread: nothing is ever carried out.
+  bool IsRunning() const { return mRunning; }
 
   static constexpr std::uint16_t kDriverType = 0x0010;
   static constexpr std::uint16_t kMatchesAll = 0xFFFF;
@@ -78,6 +83,19 @@ class VirtUsb final : public VirtUsbInf {
     Handler handler;
   };
   static const HandlerEntry& EntryAt(std::size_t index);
+  // What a reply repeats of its request.
+  struct RequestHead {
+    std::uint8_t reqId = 0;
+    std::uint16_t command = 0;
+    std::uint32_t devId = 0;
+  };
+  static RequestHead HeadOf(const VelPacket& request) {
+    return {request.GetReqId(), request.GetCommand(), request.GetDevId()};
+  }
+
+  // Carries a queued request out. Whatever fails in it, the request is answered, as refused if need be.
+  int Handle(const HandlerEntry& entry, PacketPtr packet) noexcept;
+  void RefuseForWantOfMemory(const RequestHead& request, std::uint32_t streamId);
 
   // Handlers: loop thread. virtusb_device_handler.cpp.
   int onGetDeviceDesc(PacketPtr packet);
@@ -110,8 +128,13 @@ class VirtUsb final : public VirtUsbInf {
   // The handler of a command without fields whose reply is the operation's result.
   int RunStatusCommand(const VelPacket& request, const char* handler, int line, StatusOperation operation);
   int RefuseSync(const VelPacket& request, PayloadError error = PayloadError::kTooShort);
-  int ReplyStatus(const VelPacket& request, std::int32_t result);
-  PacketPtr MakeReply(const VelPacket& request, std::uint32_t capacity) const;
+  int ReplyStatus(const RequestHead& request, std::int32_t result);
+  int ReplyStatus(const VelPacket& request, std::int32_t result) { return ReplyStatus(HeadOf(request), result); }
+  // Throws std::bad_alloc, as whatever a handler calls may.
+  static PacketPtr MakeReply(const RequestHead& request, std::uint32_t capacity);
+  static PacketPtr MakeReply(const VelPacket& request, std::uint32_t capacity) {
+    return MakeReply(HeadOf(request), capacity);
+  }
   int SendReply(PacketPtr reply);
   void LogBadPayload(const VelPacket& request, PayloadError error) const;
 
@@ -130,6 +153,8 @@ class VirtUsb final : public VirtUsbInf {
   const std::shared_ptr<VirtUDevice> mDevice;  // Never null.
   const std::unique_ptr<DeviceHandlerAA> mEmulatedHold;
   std::atomic<bool> mEnabled{true};
+  bool mAnswered = false;  // Loop thread: the present request has its reply, or the device sees to it.
+  const bool mRunning;     // The last, so that the loop finds the others whole.
 };
 
 }  // namespace vel

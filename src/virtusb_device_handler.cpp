@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -60,20 +61,24 @@ DeviceHandlerAA::~DeviceHandlerAA() {
   VEL_DEBUG("~devicehandler end\n");
 }
 
-std::unique_ptr<VelPacket> VirtUsb::MakeReply(const VelPacket& request, std::uint32_t capacity) const {
-  auto reply = std::make_unique<VelPacket>(capacity);
-  reply->InitHeader(request.GetReqId(), static_cast<std::uint16_t>(request.GetCommand() + 1), request.GetDevId());
+std::unique_ptr<VelPacket> VirtUsb::MakeReply(const RequestHead& request, std::uint32_t capacity) {
+  auto reply = VelPacket::TryMake(capacity);
+  if (reply == nullptr) {
+    throw std::bad_alloc();
+  }
+  reply->InitHeader(request.reqId, static_cast<std::uint16_t>(request.command + 1), request.devId);
   return reply;
 }
 
 int VirtUsb::SendReply(PacketPtr reply) {
+  mAnswered = true;
   if (mDeviceBase != nullptr) {
     mDeviceBase->Send(std::move(reply), VelDeviceBase::kWaitUnbounded);
   }
   return 0;
 }
 
-int VirtUsb::ReplyStatus(const VelPacket& request, std::int32_t result) {
+int VirtUsb::ReplyStatus(const RequestHead& request, std::int32_t result) {
   PacketPtr reply = MakeReply(request, kReplyCapacity);
   reply->Append(&result, sizeof result);
   return SendReply(std::move(reply));
@@ -90,6 +95,23 @@ void VirtUsb::LogBadPayload(const VelPacket& request, PayloadError error) const 
 int VirtUsb::RefuseSync(const VelPacket& request, PayloadError error) {
   LogBadPayload(request, error);
   return ReplyStatus(request, LIBUSB_ERROR_INVALID_PARAM);
+}
+
+void VirtUsb::RefuseForWantOfMemory(const RequestHead& request, std::uint32_t streamId) {
+  const CommandInfo& command = *FindCommand(request.command);
+  if (command.reply == ReplyKind::kAsync) {
+    mDevice->RefuseTransfer(TransferType(command.command), {.deviceBase = mDeviceBase,
+                                                            .device = mDevice.get(),
+                                                            .reqId = request.reqId,
+                                                            .devId = request.devId,
+                                                            .streamId = streamId,
+                                                            .reserved = 0,
+                                                            .dataGiven = 0});
+  } else if (command.command == Command::kGetDeviceConfig) {
+    SendReply(MakeReply(request, VelPacket::kHeaderSize));  // As without a configuration.
+  } else if (command.reply == ReplyKind::kSync && command.command != Command::kGetDeviceDesc) {
+    ReplyStatus(request, LIBUSB_ERROR_NO_MEM);
+  }
 }
 
 int VirtUsb::RunStatusCommand(const VelPacket& request, const char* handler, int line, StatusOperation operation) {
@@ -141,6 +163,9 @@ int VirtUsb::onGetDeviceconfig(PacketPtr packet) {
   PacketPtr reply = MakeReply(*packet, kConfigReplyCapacity);
   if (const libusb_config_descriptor* config = mDevice->GetDeviceconfig(); config != nullptr) {
     AppendConfig(*reply, *config);
+  }
+  if (reply->Wire().size() != reply->GetPacketSize()) {
+    throw std::bad_alloc();  // It could not grow: what is in it is not what its length says.
   }
   VEL_DEVICE_DEBUG(mDeviceBase, "GetPayloadSize[%d],GetPacketSize[%d]", static_cast<int>(reply->GetPayloadSize()),
                    static_cast<int>(reply->GetPacketSize()));
@@ -275,18 +300,14 @@ struct VirtUsb::TransferBlocks {
 
 bool VirtUsb::PrepareTransfer(const VelPacket& request, std::uint32_t xferType, const TransferRequest& transfer,
                               TransferBlocks& blocks) {
-  blocks.context.reset(static_cast<TransferContext*>(std::calloc(1, sizeof(TransferContext))));
-  if (blocks.context == nullptr) {
-    VEL_DEVICE_ERROR(mDeviceBase, "no memory for a transfer");
-    return false;
-  }
-  TransferContext& context = *blocks.context;
-  context.deviceBase = mDeviceBase;
-  context.device = mDevice.get();
-  context.reqId = request.GetReqId();
-  context.devId = request.GetDevId();
-  context.streamId = transfer.streamId;
-  context.dataGiven = static_cast<std::uint32_t>(transfer.data.size());
+  TransferContext context = {.deviceBase = mDeviceBase,
+                             .device = mDevice.get(),
+                             .reqId = request.GetReqId(),
+                             .devId = request.GetDevId(),
+                             .streamId = transfer.streamId,
+                             .reserved = 0,
+                             .dataGiven = static_cast<std::uint32_t>(transfer.data.size())};
+  mAnswered = true;  // From here on by the device.
   if (transfer.error != PayloadError::kNone) {
     LogBadPayload(request, transfer.error);
   } else if (!mDevice->Budget().TakeTransfer(PendingCost(transfer))) {
@@ -294,12 +315,14 @@ bool VirtUsb::PrepareTransfer(const VelPacket& request, std::uint32_t xferType, 
   } else {
     context.reserved = PendingCost(transfer);
     blocks.data.reset(NewDataBlock(transfer));
-    if (blocks.data != nullptr) {
+    blocks.context.reset(static_cast<TransferContext*>(std::malloc(sizeof context)));
+    if (blocks.data != nullptr && blocks.context != nullptr) {
+      *blocks.context = context;
       return true;
     }
     VEL_DEVICE_ERROR(mDeviceBase, "no memory for a transfer of %u bytes", transfer.length);
   }
-  mDevice->RefuseTransfer(xferType, transfer.streamId, blocks.context.release());
+  mDevice->RefuseTransfer(xferType, context);
   return false;
 }
 

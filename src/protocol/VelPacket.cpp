@@ -5,6 +5,8 @@
 #include <cstdio>
 #include <cstring>
 #include <limits>
+#include <new>
+#include <utility>
 
 namespace vel {
 namespace {
@@ -23,7 +25,7 @@ T SwapBytes(T value) {
 
 }  // namespace
 
-VelPacket::VelPacket(std::uint32_t capacity)
+VelPacket::VelPacket(std::uint32_t capacity) noexcept
     : mBuffer(static_cast<std::uint8_t*>(std::malloc(std::max(capacity, kHeaderSize)))) {
   if (mBuffer == nullptr) {
     return;
@@ -32,6 +34,11 @@ VelPacket::VelPacket(std::uint32_t capacity)
   std::memset(mBuffer.get(), 0, kHeaderSize);
   std::memcpy(mBuffer.get() + kLengthOffset, &kHeaderSize, sizeof kHeaderSize);
   InitHeader(0, 0, 0);
+}
+
+std::unique_ptr<VelPacket> VelPacket::TryMake(std::uint32_t capacity) noexcept {
+  std::unique_ptr<VelPacket> packet(new (std::nothrow) VelPacket(capacity));
+  return packet == nullptr || packet->mBuffer == nullptr ? nullptr : std::move(packet);
 }
 
 std::unique_ptr<VelPacket> VelPacket::ForReceived(std::span<const std::uint8_t, kHeaderSize> header,

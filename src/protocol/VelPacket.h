@@ -26,10 +26,13 @@ class VelPacket {
   static constexpr std::size_t kByteOrderOffset = 12;
 
   // Allocates at least the header. A capacity that cannot be had leaves a packet without a buffer.
-  explicit VelPacket(std::uint32_t capacity);
+  explicit VelPacket(std::uint32_t capacity) noexcept;
   VelPacket(const VelPacket&) = delete;
   VelPacket& operator=(const VelPacket&) = delete;
   ~VelPacket() = default;
+
+  // One with a buffer, or null without memory.
+  static std::unique_ptr<VelPacket> TryMake(std::uint32_t capacity) noexcept;
 
   // A packet as it came over the wire: `total` bytes (header included) of which the caller fills those behind the
   // header through MutableWire. The header's length field becomes `total`.

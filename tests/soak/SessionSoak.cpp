@@ -8,9 +8,9 @@
 
 #include "VirtUsbDriver.h"
 #include "remote/RequestBuilder.h"
-#include "soak/FailingMemory.h"
 #include "soak/RandomPackets.h"
 #include "support/CountingDeviceBase.h"
+#include "support/FailingMemory.h"
 
 namespace vel::test {
 namespace {

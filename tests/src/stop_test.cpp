@@ -9,6 +9,7 @@
 #include <gmock/gmock.h>
 
 #include "SessionFixture.h"
+#include "io/NullUsbIo.h"
 
 namespace vel {
 namespace {
@@ -162,6 +163,40 @@ TEST_F(Stop, WaitsForTheReplyThatIsUnderWayAndSendsNoneAfterIt) {
   closer.join();
   EXPECT_EQ(repliesAtClose, 1U);
   EXPECT_EQ(remote.ReplyCount(), 1U);
+}
+
+// Its transfer comes back whole when it is destroyed, as a camera's picture may.
+class LateBackend final : public NullUsbIo {
+ public:
+  ~LateBackend() override {
+    if (mInfo != nullptr) {
+      CompleteXfer(mInfo);
+    }
+  }
+  std::uint8_t GetIoType() override { return kIoTypeEmulated; }
+  int SetInterfaceAltSetting(int, int) override { return 0; }
+  int BulkTransfer(_UsbIoXferInfo* info) override {
+    mInfo = info;
+    return 0;
+  }
+
+ private:
+  _UsbIoXferInfo* mInfo = nullptr;
+};
+
+TEST(Deletion, GivesBackWhatCompletesWhileTheBackendGoes) {
+  const CapturingLog log(OSKELO_LOG_OFF);
+  RecordingDeviceBase remote;
+  auto driver = std::make_unique<VirtUsbDriver>(
+      &remote, [](std::uint32_t, VelDeviceBase*) -> IUsbIo* { return new LateBackend; });
+  driver->Init();
+  driver->onEvent(BuildAltSettingRequest(kId, 1, 1));  // The first data is awaited.
+  driver->onEvent(BuildTransferRequest(Command::kBulkTransfer, kId, 0x81, 7, 2, std::array<std::uint8_t, 2>{1, 2}));
+  driver->onEvent(BuildRequest(Command::kGetDeviceSpeed, kId));
+  ASSERT_TRUE(remote.WaitForReplies(2));
+  driver.reset();
+  EXPECT_THAT(remote.Replies(), Contains(IsBulkReply(7, kXferCompleted, ElementsAre(1, 2))));
+  EXPECT_THAT(remote.Events(), SizeIs(2)) << "the start and the first data";
 }
 
 // A request that is past the enabled flag when stopping begins, and gets the mutex only when the device is closed.

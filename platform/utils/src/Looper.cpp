@@ -1,7 +1,8 @@
 #include "vel/Looper.h"
 
 #include <atomic>
-#include <system_error>
+#include <exception>
+#include <new>
 #include <utility>
 #include <vector>
 
@@ -38,7 +39,7 @@ int Looper::Start() {
   }
   try {
     mThread = std::thread([queue = mQueue] { Run(*queue); });
-  } catch (const std::system_error&) {
+  } catch (const std::exception&) {  // No thread, or no memory for one.
     const MutexLock lock(mQueue->mutex);
     mQueue->started = false;
     return -1;
@@ -64,7 +65,7 @@ int Looper::Stop() {
   return 0;
 }
 
-int Looper::PostMessageAAA(std::unique_ptr<Message> message) {
+int Looper::PostMessageAAA(std::unique_ptr<Message> message) noexcept {
   if (message == nullptr) {
     return -1;
   }
@@ -74,7 +75,11 @@ int Looper::PostMessageAAA(std::unique_ptr<Message> message) {
     if (mQueue->stopped) {
       return -1;
     }
-    mQueue->messages.push_back(std::move(message));
+    try {
+      mQueue->messages.push_back(std::move(message));
+    } catch (const std::bad_alloc&) {
+      return -1;
+    }
     wake = std::exchange(mQueue->waiting, false);
   }
   if (wake) {  // Outside the lock: the woken thread takes it at once.
@@ -83,7 +88,7 @@ int Looper::PostMessageAAA(std::unique_ptr<Message> message) {
   return 0;
 }
 
-void Looper::Run(Queue& queue) {
+void Looper::Run(Queue& queue) noexcept {
   {
     const MutexLock lock(queue.mutex);
     queue.runner = std::this_thread::get_id();

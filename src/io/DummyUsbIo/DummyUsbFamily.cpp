@@ -178,8 +178,12 @@ int DummyUsbFamily::InterruptTransfer(_UsbIoXferInfo* info) {
   if (info == nullptr || mProfile.interrupt == DummyUsbProfile::Interrupt::kAnswers) {
     return BulkTransfer(info);
   }
+  XferGuard guard(info);
   info->owner = this;
-  mPending.Add(info);
+  if (!mPending.Add(info)) {
+    return LIBUSB_ERROR_NO_MEM;
+  }
+  static_cast<void>(guard.Release());  // It is the list's, and may be gone.
   return 0;
 }
 

@@ -2,12 +2,18 @@
 
 #include <algorithm>
 #include <iterator>
+#include <new>
 
 namespace vel {
 
-void PendingXfers::Add(_UsbIoXferInfo* info) {
+bool PendingXfers::Add(_UsbIoXferInfo* info) noexcept {
   const MutexLock lock(mMutex);
-  mXfers.push_back(info);
+  try {
+    mXfers.push_back(info);
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
+  return true;
 }
 
 bool PendingXfers::Cancel(std::uint32_t localXferId) {

@@ -18,7 +18,8 @@ class PendingXfers {
   PendingXfers& operator=(const PendingXfers&) = delete;
   ~PendingXfers() { CancelAll(); }
 
-  void Add(_UsbIoXferInfo* info);
+  // False without memory: the record stays the caller's.
+  bool Add(_UsbIoXferInfo* info) noexcept;
   // Completes the latest transfer with this id as cancelled. False when there is none.
   bool Cancel(std::uint32_t localXferId);
   void CancelAll();

@@ -1,4 +1,4 @@
-#include "soak/FailingMemory.h"
+#include "support/FailingMemory.h"
 
 #include <atomic>
 #include <cstddef>
@@ -11,11 +11,28 @@ namespace {
 std::atomic<std::uint32_t> gOneIn{0};
 std::atomic<std::uint32_t> gFailed{0};
 std::atomic<std::uint32_t> gCount{0};
+// Failures to come, behind the allocations that still succeed.
+std::atomic<std::uint32_t> gToFail{0};
+std::atomic<std::int64_t> gToSucceed{0};
 thread_local int tHealthy = 0;
 
+// Counts down to 0.
+bool Take(std::atomic<std::uint32_t>& left) {
+  std::uint32_t value = left.load();
+  while (value > 0 && !left.compare_exchange_weak(value, value - 1)) {
+  }
+  return value > 0;
+}
+
 bool Fails() {
+  if (tHealthy > 0) {
+    return false;
+  }
+  if (gToFail.load(std::memory_order_relaxed) > 0 && gToSucceed.fetch_sub(1) <= 0 && Take(gToFail)) {
+    return true;
+  }
   const std::uint32_t oneIn = gOneIn.load(std::memory_order_relaxed);
-  if (oneIn == 0 || tHealthy > 0 || gCount.fetch_add(1, std::memory_order_relaxed) % oneIn != oneIn - 1) {
+  if (oneIn == 0 || gCount.fetch_add(1, std::memory_order_relaxed) % oneIn != oneIn - 1) {
     return false;
   }
   gFailed.fetch_add(1, std::memory_order_relaxed);
@@ -28,6 +45,14 @@ std::uint32_t FailMemoryOfOthers(std::uint32_t oneIn) {
   tHealthy = 1;
   gOneIn = oneIn;
   return gFailed.exchange(0);
+}
+
+std::uint32_t FailMemoryOfOthersAfter(std::uint32_t succeed, std::uint32_t fail) {
+  tHealthy = 1;
+  const std::uint32_t left = gToFail.exchange(0);
+  gToSucceed = succeed;
+  gToFail = fail;
+  return left;
 }
 
 HealthyMemory::HealthyMemory() {
@@ -62,13 +87,14 @@ void* __wrap_realloc(void* block, std::size_t size) {
 
 }  // extern "C"
 
-void* operator new(std::size_t size) {
+// Not inline: a compiler that sees into them takes malloc and delete for a pair that does not fit.
+[[gnu::noinline]] void* operator new(std::size_t size) {
   void* const block = vel::test::Fails() ? nullptr : __real_malloc(size == 0 ? 1 : size);
   return block != nullptr ? block : throw std::bad_alloc();
 }
-void operator delete(void* block) noexcept {
+[[gnu::noinline]] void operator delete(void* block) noexcept {
   std::free(block);
 }
-void operator delete(void* block, std::size_t /*size*/) noexcept {
+[[gnu::noinline]] void operator delete(void* block, std::size_t /*size*/) noexcept {
   std::free(block);
 }

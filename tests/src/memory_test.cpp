@@ -1,0 +1,137 @@
+// No memory and no thread: what was asked is answered or dropped, and nothing ends.
+#include <pthread.h>
+
+#include <array>
+#include <atomic>
+#include <memory>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "entry.h"
+#include "remote/RequestBuilder.h"
+#include "support/CapturingLog.h"
+#include "support/Collected.h"
+#include "support/FailingMemory.h"
+#include "support/FakeDeviceBase.h"
+#include "vel/VelDriver.h"
+
+namespace vel {
+namespace {
+
+using test::FailMemoryOfOthersAfter;
+
+// An emulated keyboard, the device on which interrupt transfers stay pending.
+class Keyboard final : public FakeDeviceBase {
+ public:
+  Keyboard() : FakeDeviceBase({.productId = 0xFF01}) {}
+  int Send(std::unique_ptr<VelPacket> packet, std::uint32_t) override {
+    const test::HealthyMemory healthy;
+    if (packet->GetDevId() == mRound) {
+      replies.Add(packet->GetCommand());
+    }
+    return 0;
+  }
+  void Begin(std::uint32_t round) {
+    mRound = round;
+    replies.Take();
+  }
+
+  Collected<std::uint16_t> replies;  // Of this round.
+
+ private:
+  std::atomic<std::uint32_t> mRound{0};
+};
+
+std::unique_ptr<VelPacket> Request(Command command, RequestId id) {
+  constexpr std::array<std::uint8_t, 3> kData = {1, 2, 3};
+  switch (command) {
+    case Command::kBulkTransfer:
+    case Command::kInterruptTransfer:
+      return BuildTransferRequest(command, id, 0x01, id.devId, 3, kData);
+    case Command::kIsochTransfer:
+      return BuildIsoRequest(id, 0x83, id.devId, std::array{3U}, {});
+    case Command::kControlTransfer:
+      return BuildControlRequest(id, {0x80, 6, 0x0300, 0, 255}, 0);
+    case Command::kSetRedirPolicy:
+      return BuildPolicyRequest(id, std::vector<std::uint8_t>(64, 'x'));
+    default:
+      return BuildRequest(command, id, std::vector<std::uint8_t>(8));
+  }
+}
+
+class Memory : public ::testing::Test {
+ protected:
+  const CapturingLog mLog{OSKELO_LOG_OFF};
+  Keyboard mDevice;
+};
+
+TEST_F(Memory, WithoutItARequestIsRefusedAndTheNextIsCarriedOut) {
+  const std::unique_ptr<VelDriver> driver(virtusb_open(&mDevice));
+  std::uint32_t round = 0;
+  for (const CommandInfo& command : kCommands) {
+    SCOPED_TRACE(command.name);
+    // A keyboard's interrupt transfers are answered by their cancel, a descriptor that cannot be sent is not.
+    const bool answered = command.reply != ReplyKind::kNone && command.command != Command::kInterruptTransfer;
+    const bool refused = answered && command.command != Command::kGetDeviceDesc;
+    for (const std::uint32_t fail : {1U, 2U}) {  // The request; its refusal too.
+      std::uint32_t succeed = 0;
+      std::uint32_t left = 0;
+      while (left < fail && ++succeed < 100) {
+        mDevice.Begin(++round);
+        FailMemoryOfOthersAfter(succeed - 1, fail);
+        driver->onEvent(Request(command.command, {.reqId = 1, .devId = round}));
+        for (int i = 0; i < 2; ++i) {
+          driver->onEvent(BuildRequest(Command::kGetDeviceSpeed, {.reqId = 1, .devId = round}));
+        }
+        const std::size_t least = fail == 1 && refused ? 3 : fail == 1 || answered ? 2 : 1;
+        ASSERT_EQ(mDevice.replies.Await(least).size(), least) << succeed - 1 << " succeed, " << fail << " fail";
+        left = FailMemoryOfOthersAfter(0, 0);
+      }
+      EXPECT_EQ(left, fail) << "not all allocations failed";
+      EXPECT_GT(succeed, 2U);
+    }
+  }
+  driver->Close(0);
+}
+
+// The framework's thread is a new one, this one's allocations always work.
+TEST_F(Memory, WithoutItAPacketIsDroppedAndADriverIsNotMade) {
+  int failed = 0;
+  for (std::uint32_t succeed = 0, left = 0; left == 0 && succeed < 1000; ++succeed) {
+    std::unique_ptr<VelDriver> driver;
+    FailMemoryOfOthersAfter(succeed, 1);
+    std::thread([&] { driver.reset(virtusb_open(&mDevice)); }).join();
+    left = FailMemoryOfOthersAfter(0, 0);
+    failed += driver == nullptr ? 1 : 0;
+  }
+  EXPECT_GT(failed, 3);
+  const std::unique_ptr<VelDriver> driver(virtusb_open(&mDevice));
+  for (std::uint32_t succeed = 0; succeed < 8; ++succeed) {
+    mDevice.Begin(1);
+    auto request = BuildRequest(Command::kGetDeviceSpeed, {.reqId = 1, .devId = 0});
+    FailMemoryOfOthersAfter(succeed, 1);
+    std::thread([&] { driver->onEvent(std::move(request)); }).join();
+    FailMemoryOfOthersAfter(0, 0);
+    driver->onEvent(BuildRequest(Command::kGetDeviceSpeed, {.reqId = 1, .devId = 1}));
+    ASSERT_EQ(mDevice.replies.Await(1).size(), 1U);
+  }
+  driver->Close(0);
+}
+
+TEST_F(Memory, WithoutAThreadADriverIsNotMade) {
+  pthread_attr_t former;
+  ASSERT_EQ(pthread_getattr_default_np(&former), 0);
+  pthread_attr_t huge = former;
+  ASSERT_EQ(pthread_attr_setstacksize(&huge, std::size_t{1} << 46U), 0);
+  ASSERT_EQ(pthread_setattr_default_np(&huge), 0);
+  EXPECT_EQ(virtusb_open(&mDevice), nullptr);
+  ASSERT_EQ(pthread_setattr_default_np(&former), 0);
+  pthread_attr_destroy(&former);
+  EXPECT_NE(std::unique_ptr<VelDriver>(virtusb_open(&mDevice)), nullptr);
+}
+
+}  // namespace
+}  // namespace vel
