@@ -301,7 +301,9 @@ void VirtUDevice::ReturnBudget(const TransferContext& context) {
 }
 
 void VirtUDevice::GivebackPackToRemote(_UsbIoXferInfo& info, const TransferContext& context) {
-  const std::uint32_t capacity = info.length + kReplyRoom;
+  const bool carriesData =
+      info.data != nullptr && info.length > 0 && (IsIn(info) || !context.deviceBase->WantsLeanReplies());
+  const std::uint32_t capacity = (carriesData ? info.length : 0) + kReplyRoom;
   VEL_DEBUG("Give back pack total len: %d, streamId[%d], tranfer type[%d]", static_cast<int>(capacity),
             static_cast<int>(info.streamId), static_cast<int>(info.xferType));
   if (info.length > 0 && mAwaitsFirstCameraData.load(std::memory_order_relaxed) &&
@@ -328,7 +330,7 @@ void VirtUDevice::GivebackPackToRemote(_UsbIoXferInfo& info, const TransferConte
     reply->Append(&info.isoPacketNum, sizeof info.isoPacketNum);
     mPingClock.Sent(info.streamId);
   }
-  if (info.data != nullptr && info.length > 0) {
+  if (carriesData && info.length > 0) {
     reply->Append(info.data, info.length);
   }
   context.deviceBase->Send(std::move(reply), VelDeviceBase::kWaitUnbounded);

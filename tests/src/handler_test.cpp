@@ -124,6 +124,17 @@ TEST_F(Handler, FailedTransfersAreGivenBackWithWhatTheyMovedWhereTheRemoteSideWa
                                             IsIsoReply(3, 5, 0, IsEmpty()), IsBulkReply(4, 4, ElementsAre(9))));
 }
 
+TEST_F(Handler, LeanRepliesLeaveTheDataOfOutTransfersOut) {
+  remote.WantLeanReplies();
+  const Bytes data = {1, 2};
+  EXPECT_THAT(Ask(BuildTransferRequest(Command::kBulkTransfer, kId, 0x02, 1, 2, data)), IsBulkReply(1, 0, IsEmpty()));
+  EXPECT_THAT(Ask(BuildIsoRequest(kId, 0x03, 2, std::array{2U}, data)), IsIsoReply(2, 0, 1, IsEmpty()));
+  EXPECT_THAT(Ask(BuildTransferRequest(Command::kBulkTransfer, kId, 0x82, 3, 2, data)), IsBulkReply(3, 0, data));
+  io.Answer("InterruptTransfer", LIBUSB_ERROR_NO_DEVICE);
+  EXPECT_THAT(Ask(BuildTransferRequest(Command::kInterruptTransfer, kId, 0x02, 4, 2, data)),
+              IsInterruptReply(4, kXferError, IsEmpty()));
+}
+
 TEST(RealDevice, RefusedTransfersReturnTheRequestsBytesAndZerosForTheRest) {
   const CapturingLog log(OSKELO_LOG_OFF);
   TestedSession session(kReal);

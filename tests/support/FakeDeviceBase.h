@@ -30,6 +30,7 @@ class FakeDeviceBase : public VelDeviceBase {
 
   // To be set before a driver is made.
   void AnswerFailedTransfers() { mAnswersFailedTransfers = true; }
+  void WantLeanReplies() { mWantsLeanReplies = true; }
 
   std::uint8_t GetBusNumber() const final { return mIdentity.bus; }
   std::uint8_t GetDeviceAddress() const final { return mIdentity.address; }
@@ -42,10 +43,12 @@ class FakeDeviceBase : public VelDeviceBase {
   std::uint8_t TakeReplyReqId(std::uint16_t, std::uint32_t) final { return kReplyReqId; }
   void Trace(std::uint64_t, const char*, const VelTraceAttribute*, std::size_t) override {}
   bool AnswersFailedTransfers() const final { return mAnswersFailedTransfers; }
+  bool WantsLeanReplies() const final { return mWantsLeanReplies; }
 
  private:
   const Identity mIdentity;
   bool mAnswersFailedTransfers;
+  bool mWantsLeanReplies = false;
 };
 
 }  // namespace vel

@@ -6,5 +6,8 @@ VelDeviceBase::~VelDeviceBase() = default;
 bool VelDeviceBase::AnswersFailedTransfers() const {
   return false;
 }
+bool VelDeviceBase::WantsLeanReplies() const {
+  return false;
+}
 
 }  // namespace vel

@@ -64,6 +64,9 @@ class VEL_FRAMEWORK_EXPORT VelDeviceBase {
   // Whether the remote side wants an answer for transfers that failed at the device or were cancelled. By
   // default it hears nothing of them.
   virtual bool AnswersFailedTransfers() const;
+
+  // Whether replies to OUT transfers leave the request's data out. By default they carry it.
+  virtual bool WantsLeanReplies() const;
 };
 
 }  // namespace vel
