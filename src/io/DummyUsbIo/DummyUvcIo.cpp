@@ -192,9 +192,7 @@ void DummyUvcIo::CloseSource() {
     DestroyUvcDevice();
     mOpened = false;
   }
-  if (mRegistered.exchange(false)) {
-    CamSetStreamCallback(mArgs.c_str(), nullptr, nullptr);
-  }
+  mCaptureCallback.Unregister();
 }
 
 libusb_device_descriptor* DummyUvcIo::GetDeviceDesc() {
@@ -289,11 +287,11 @@ int DummyUvcIo::IsochTransfer(_UsbIoXferInfo* info) {
               ByteAt(*info, 1), ByteAt(*info, 2), ByteAt(*info, 3));
   }
   const auto frame = mControls.CurrentFrame();
-  mStreamContext.SetPending(info, frame ? frame->wWidth : 0, frame ? frame->wHeight : 0);
+  if (!mStreamContext.SetPending(info, frame ? frame->wWidth : 0, frame ? frame->wHeight : 0)) {
+    return 0;
+  }
   // From here on the record may be gone.
-  CamSetStreamCallback(mArgs.c_str(), &CameraStreamCallbackQt, &mStreamContext);
-  mRegistered = true;  // Last: a close in between must not make the next one believe that there is
-                       // nothing to undo.
+  mCaptureCallback.Register();
   if (info != nullptr && mSource != nullptr) {
     mSource->SetStreamCallback(this, info);  // The way of the synthetic source.
   }

@@ -11,6 +11,7 @@
 #include "base/LockOrder.h"
 #include "base/ModuleExport.h"
 #include "io/DummyUsbIo/CameraStreamCallback.h"
+#include "io/DummyUsbIo/CaptureCallback.h"
 #include "io/DummyUsbIo/ConfigDescTree.h"
 #include "io/DummyUsbIo/DummyUsbUtils.h"
 #include "io/DummyUsbIo/ICamera.h"
@@ -121,9 +122,9 @@ class VEL_MODULE_EXPORT DummyUvcIo final : public IUsbIo,
   bool mOpened VEL_GUARDED_BY(mMutex) = false;
 
   UvcControls mControls;
-  ICamera* const mSource;                // mCamera, for requesting pictures without the lock.
-  std::atomic<bool> mRegistered{false};  // The capture library knows the stream context.
+  ICamera* const mSource;  // mCamera, for requesting pictures without the lock.
   UvcStreamContext mStreamContext;
+  CaptureCallback mCaptureCallback{mArgs, IsLocalCamera(), &CameraStreamCallbackQt, &mStreamContext};
 };
 
 }  // namespace vel

@@ -24,18 +24,25 @@ void UvcStreamContext::Close() {
   }
 }
 
-void UvcStreamContext::SetPending(_UsbIoXferInfo* info, int width, int height) {
-  _UsbIoXferInfo* cancelled = info;
+bool UvcStreamContext::SetPending(_UsbIoXferInfo* info, int width, int height) {
+  _UsbIoXferInfo* failed = info;
+  std::int32_t status = kXferCancelled;
+  bool waits = false;
   {
     const MutexLock lock(mMutex);
     mSize = {width, height};
-    if (mOpen) {
-      cancelled = std::exchange(mPending, info);
+    const bool ownWaits = mPending != nullptr && mPending->reserved == kModuleIds;
+    if (mOpen && ownWaits && info != nullptr && info->reserved != kModuleIds) {
+      status = kXferError;
+    } else if (mOpen) {
+      failed = std::exchange(mPending, info);
+      waits = true;
     }
   }
-  if (cancelled != nullptr) {
-    FailXfer(cancelled, kXferCancelled);
+  if (failed != nullptr) {
+    FailXfer(failed, status);
   }
+  return waits;
 }
 
 void UvcStreamContext::Cancel(std::uint32_t localXferId) {

@@ -23,8 +23,10 @@ class UvcStreamContext {
   void Open() VEL_EXCLUDES(mMutex);
   void Close() VEL_EXCLUDES(mMutex);
 
-  // The transfer that waits from now on; null for none. `width` and `height` (pixels) are what it is to hold.
-  void SetPending(_UsbIoXferInfo* info, int width, int height) VEL_EXCLUDES(mMutex);
+  // The transfer that waits from now on; null for none. `width` and `height` (pixels) are what it is to hold. False
+  // when it does not wait: closed, or one of the remote side's where the module's own waits, which is not given up for
+  // it but refuses it.
+  bool SetPending(_UsbIoXferInfo* info, int width, int height) VEL_EXCLUDES(mMutex);
   // Cancels the pending transfer when it is the remote side's with this id, or the module's with this callback.
   void Cancel(std::uint32_t localXferId) VEL_EXCLUDES(mMutex);
   bool CancelOwn(const UsbIoTransferCallback* callback) VEL_EXCLUDES(mMutex);

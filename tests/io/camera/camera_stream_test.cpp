@@ -7,8 +7,8 @@
 #include <thread>
 
 #include "FakeCapture.h"
-#include "support/Completions.h"
 #include "io/DummyUsbIo/DummyUvcIo.h"
+#include "support/Completions.h"
 
 namespace vel {
 namespace {
@@ -86,6 +86,31 @@ TEST_F(CameraStream, CancelsWhatIsReplacedWithdrawnCancelledOrLeft) {
   io.reset();
   EXPECT_THAT(Taken(), ElementsAre(Done{6, kXferCancelled}));
   EXPECT_FALSE(capture.Picture("x"));
+}
+
+TEST_F(CameraStream, DoesNotGiveUpTheModulesReadForTheRemoteSides) {
+  _UsbIoXferInfo* own = Record(1);
+  own->reserved = kModuleIds;
+  io->IsochTransfer(own);
+  Submit(2);
+  EXPECT_THAT(Taken(), ElementsAre(Done{2, kXferError}));
+  capture.Picture("abc");
+  EXPECT_THAT(Taken(), ElementsAre(Done{1, 0, "abc"}));
+}
+
+TEST_F(CameraStream, KeepsItsCallbackWhateverAnotherDeviceOfItsIdDoes) {
+  Submit(1);
+  {
+    DummyUvcIo synthetic(1, 0x85, 1, 1, "cam");
+    ASSERT_EQ(synthetic.OpenUsbDev(), 0);
+    synthetic.IsochTransfer(Record(2));
+    capture.Picture("abc");
+    EXPECT_THAT(Taken(), ElementsAre(Done{1, 0, "abc"}));
+    Submit(3);
+  }
+  EXPECT_THAT(Taken(), ElementsAre(Done{2, kXferCancelled}));
+  EXPECT_TRUE(capture.Picture("def"));
+  EXPECT_THAT(Taken(), ElementsAre(Done{3, 0, "def"}));
 }
 
 TEST_F(CameraStream, StartsTheSourceWithTheNegotiatedFrame) {
