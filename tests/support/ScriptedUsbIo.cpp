@@ -69,9 +69,20 @@ class ScriptedUsbIo::Backend final : public IUsbIo {
   }
   int CancelTransfer(std::uint32_t localXferId) override {
     const int result = mScript.Call("CancelTransfer", {localXferId});
-    const auto wanted = [localXferId](const _UsbIoXferInfo& info) { return info.localXferId == localXferId; };
+    const auto wanted = [localXferId](const _UsbIoXferInfo& info) { return HasRemoteId(info, localXferId); };
     const bool found = mScript.CompleteOne(wanted, {.status = kXferCancelled, .bytes = {}});
     return result == 0 && !found ? LIBUSB_ERROR_NOT_FOUND : result;
+  }
+  int CancelOwnTransfers(const UsbIoTransferCallback* callback) override {
+    mScript.Call("CancelOwnTransfers");
+    int count = 0;
+    const auto wanted = [callback](const _UsbIoXferInfo& info) {
+      return info.reserved == kModuleIds && info.callback == callback;
+    };
+    while (mScript.CompleteOne(wanted, {.status = kXferCancelled, .bytes = {}})) {
+      ++count;
+    }
+    return count;
   }
   int ControlTransfer(std::uint8_t bmRequestType, std::uint8_t bRequest, std::uint16_t wValue, std::uint16_t wIndex,
                       std::uint8_t* data, std::uint16_t wLength, std::uint32_t timeout) override {

@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstddef>
 #include <cstdlib>
+#include <iterator>
 #include <system_error>
 #include <utility>
 
@@ -13,11 +15,9 @@
 namespace vel {
 namespace {
 
-// Between a failure and the next try: about a picture's time.
+// Between a failure and the next try: about a picture's time at first, doubled with each failure that follows.
 constexpr std::chrono::milliseconds kRetryPause{33};
-
-// Far from the ids of remote requests, which usually count from 0: the backend files transfers of both under one key.
-constexpr std::uint32_t kFirstLocalXferId = 0xFFFFFF00;
+constexpr std::chrono::milliseconds kLongestPause{1000};
 
 constexpr std::uint32_t kTableSize = UVCCameraReader::kPackets * sizeof(IsoPacketRecord);
 
@@ -86,12 +86,10 @@ int UVCCameraReader::Start() {
     mActive = true;
     mAside.reserve(count);
   }
-  if (mSource.kind != Kind::kWholeFrame) {
-    try {
-      mThread = std::thread(&UVCCameraReader::FrameManagerThread, this);
-    } catch (const std::system_error& error) {
-      VEL_WARN("no thread for failed camera transfers: %s", error.what());
-    }
+  try {
+    mThread = std::thread(&UVCCameraReader::FrameManagerThread, this);
+  } catch (const std::system_error& error) {
+    VEL_WARN("no thread for failed camera transfers: %s", error.what());
   }
   int result = LIBUSB_ERROR_NO_MEM;
   for (std::uint32_t number = 0; number < count; ++number) {
@@ -113,7 +111,8 @@ XferPtr UVCCameraReader::MakeRecord(std::uint32_t number) const {
   if (record != nullptr) {
     const bool bulk = mSource.kind == Kind::kBulk;
     record->xferType = bulk ? kXferBulk : kXferIsochronous;
-    record->streamId = record->localXferId = kFirstLocalXferId + number;
+    record->reserved = kModuleIds;
+    record->streamId = record->localXferId = number;
     record->epAddr = mSource.endpoint;
     record->isoPacketNum = bulk ? 0 : kPackets;
     record->callback = &mCallback;
@@ -145,7 +144,6 @@ bool UVCCameraReader::Prepare(_UsbIoXferInfo& info) const {
 }
 
 int UVCCameraReader::Submit(XferPtr record) {
-  const std::uint32_t localXferId = record->localXferId;
   if (!Prepare(*record)) {
     record->status = kXferError;
     mCallback.UsbIoXferCb(record.release());
@@ -154,11 +152,15 @@ int UVCCameraReader::Submit(XferPtr record) {
   const int result =
       mSource.kind == Kind::kBulk ? mIo.BulkTransfer(record.release()) : mIo.IsochTransfer(record.release());
   if (result < 0) {
-    VEL_ERROR("Submit transfer error[%d]", result);
     const MutexLock lock(mMutex);
-    mGone = mGone || result == LIBUSB_ERROR_NO_DEVICE || result == LIBUSB_ERROR_NOT_FOUND;
+    mGone = mGone || result == LIBUSB_ERROR_NO_DEVICE;
+    if (const std::uint32_t count = mSubmitFailures.Count(); count == 1) {
+      VEL_ERROR("Submit transfer error[%d]", result);
+    } else if (count > 1) {
+      VEL_ERROR("Submit transfer error[%d], %u of them", result, count);
+    }
   } else if (!IsActive()) {
-    mIo.CancelTransfer(localXferId);  // Stop may have looked for it before it was there.
+    mIo.CancelOwnTransfers(&mCallback);  // Stop may have looked for it before it was there.
   }
   return result;
 }
@@ -167,39 +169,59 @@ void UVCCameraReader::Resubmit(XferPtr record) {
   const Use use(*this);
   {
     const MutexLock lock(mMutex);
+    const bool completed = record->status == kXferCompleted;
+    if (completed) {
+      mPause = {};
+    } else if (const std::uint32_t count = mTransferFailures.Count(); count == 1) {
+      VEL_ERROR("Error submitting transfer, %d", record->status);
+    } else if (count > 1) {
+      VEL_ERROR("Error submitting transfer, %d, %u of them", record->status, count);
+    }
     if (!mActive) {
       VEL_DEBUG("Stop request frame %d\n", static_cast<int>(++mStopped));
     }
-    if (!mActive || record->status != kXferCompleted) {
+    if (!mActive || !completed) {
       --mOut;
       mGone = mGone || record->status == LIBUSB_TRANSFER_NO_DEVICE;
-      if (mActive && !mGone && mSource.kind != Kind::kWholeFrame) {
+      if (mActive && !mGone) {
         mAside.push_back(std::move(record));
       }
       mChanged.NotifyAll();
       return;
     }
+    if (!mAside.empty()) {
+      mChanged.NotifyAll();  // The others need not wait any longer.
+    }
   }
   Submit(std::move(record));
 }
 
+bool UVCCameraReader::AwaitFailed(std::vector<XferPtr>& failed) {
+  MutexLock lock(mMutex);
+  while (mActive && mAside.empty()) {
+    mChanged.Wait(lock);
+  }
+  const auto begin = std::chrono::steady_clock::now();
+  mPause = mPause == mPause.zero() ? kRetryPause : std::min(mPause * 2, kLongestPause);
+  const bool again = mPause > kRetryPause;
+  const auto due = [this, begin]() VEL_REQUIRES(mMutex) { return begin + std::max(mPause, kRetryPause); };
+  while (mActive && std::chrono::steady_clock::now() < due()) {
+    mChanged.WaitUntil(lock, due());
+  }
+  if (!mActive || mGone) {
+    return false;
+  }
+  const bool probes = again && mPause > mPause.zero();
+  const auto end = mAside.begin() + (probes ? 1 : static_cast<std::ptrdiff_t>(mAside.size()));
+  failed.assign(std::move_iterator(mAside.begin()), std::move_iterator(end));
+  mAside.erase(mAside.begin(), end);
+  mOut += static_cast<std::uint32_t>(failed.size());
+  return true;
+}
+
 void UVCCameraReader::FrameManagerThread() {
-  for (;;) {
-    std::vector<XferPtr> failed;
-    {
-      MutexLock lock(mMutex);
-      while (mActive && mAside.empty()) {
-        mChanged.Wait(lock);
-      }
-      const auto next = std::chrono::steady_clock::now() + kRetryPause;
-      while (mActive && mChanged.WaitUntil(lock, next)) {
-      }
-      failed.swap(mAside);
-      if (!mActive || mGone) {
-        return;
-      }
-      mOut += static_cast<std::uint32_t>(failed.size());
-    }
+  std::vector<XferPtr> failed;
+  while (AwaitFailed(failed)) {
     const auto stalled = [](const XferPtr& record) { return record->status == LIBUSB_TRANSFER_STALL; };
     if (std::ranges::any_of(failed, stalled)) {
       const int result = mIo.ClearHalt(mSource.endpoint);
@@ -228,9 +250,7 @@ void UVCCameraReader::Stop() {
     out = mOut;
   }
   if (out > 0) {
-    for (std::uint32_t number = 0; number < InFlight(mSource.kind); ++number) {
-      mIo.CancelTransfer(kFirstLocalXferId + number);
-    }
+    mIo.CancelOwnTransfers(&mCallback);
     const int result = mIo.IsochTransfer(nullptr);
     if (result < 0) {
       VEL_ERROR("Submit transfer error[%d]", result);

@@ -1,19 +1,21 @@
 #ifndef VEL_POLICYS_STREAM_UVC_CAMERA_READER_H
 #define VEL_POLICYS_STREAM_UVC_CAMERA_READER_H
 
+#include <chrono>
 #include <cstdint>
 #include <thread>
 #include <vector>
 
 #include "base/LockOrder.h"
 #include "io/IUsbIo.h"
+#include "policys/stream/FailureLine.h"
 
 namespace vel {
 
 // Keeps transfers of a camera's streaming endpoint in flight. Every record is submitted again from its own completion;
 // one that failed goes to a thread, which waits a moment, clears a halt and submits it again, unless the device is
-// gone. Several are in flight at once, since with a single one the camera's data is lost between a completion and the
-// next submission.
+// gone. While everything fails it waits longer and longer, and tries with one record alone. Several are in flight at
+// once, since with a single one the camera's data is lost between a completion and the next submission.
 class UVCCameraReader {
  public:
   enum class Kind : std::uint8_t {
@@ -45,8 +47,8 @@ class UVCCameraReader {
   // Submits the transfers, once. Returns the result of the last submission, negative when it failed. Loop thread.
   int Start();
 
-  // Ends every transfer and waits until the callback has given each of them back. Not from the callback. Repeating it
-  // does nothing.
+  // Ends every transfer and waits until the callback has given each of them back, which the backend sees to after a
+  // cancel. Not from the callback. Repeating it does nothing.
   void Stop();
 
   // Takes a completed record: submits it again, puts it aside when it failed, frees it when stopping. Completion
@@ -63,6 +65,8 @@ class UVCCameraReader {
   bool Prepare(_UsbIoXferInfo& info) const;
   int Submit(XferPtr record);
   void FrameManagerThread();
+  // Takes what failed and is to be submitted now, after its pause; false at the end.
+  bool AwaitFailed(std::vector<XferPtr>& failed);
 
   IUsbIo& mIo;
   UsbIoTransferCallback& mCallback;
@@ -75,8 +79,11 @@ class UVCCameraReader {
   std::uint32_t mOut VEL_GUARDED_BY(mMutex) = 0;  // Records with the backend or the callback.
   std::uint32_t mUses VEL_GUARDED_BY(mMutex) = 0;
   std::uint32_t mStopped VEL_GUARDED_BY(mMutex) = 0;
-  std::vector<XferPtr> mAside VEL_GUARDED_BY(mMutex);  // Failed, for the thread.
-  std::thread mThread;                                 // Real devices only.
+  std::vector<XferPtr> mAside VEL_GUARDED_BY(mMutex);         // Failed, for the thread.
+  std::chrono::milliseconds mPause VEL_GUARDED_BY(mMutex){};  // Before the next try; none since the last success.
+  FailureLine mSubmitFailures VEL_GUARDED_BY(mMutex);
+  FailureLine mTransferFailures VEL_GUARDED_BY(mMutex);
+  std::thread mThread;
 };
 
 }  // namespace vel

@@ -30,9 +30,7 @@ bool UVCStream::Init() {
 }
 
 void UVCStream::FrameRequestCB(XferPtr record) {
-  if (record->status != kXferCompleted) {
-    VEL_ERROR("Error submitting transfer, %d", record->status);
-  } else if (mReader.IsActive()) {
+  if (record->status == kXferCompleted && mReader.IsActive()) {
     TakeIn(*record);
   }
   mReader.Resubmit(std::move(record));  // The last that is touched: Stop may be waiting for it.

@@ -73,6 +73,19 @@ TEST(EmulatedCamera, DeliversEachPictureOfItsSourceWholeAndInOrder) {
   }
 }
 
+TEST(EmulatedCamera, StreamsOnWhateverElseIsAskedOfIt) {
+  CameraGuest guest(kCamera);
+  guest.Open();
+  guest.Negotiate(1, 1);
+  guest.Start();
+  ASSERT_FALSE(guest.Picture().empty());
+  guest.Remote().SubmitIsoTransfer(0x82, std::array{1U}, {}, [](const TransferReply&) {});
+  guest.Remote().CancelTransfer(0xFFFFFF00);
+  for (int i = 0; i < 5; ++i) {
+    EXPECT_FALSE(guest.Picture().empty());
+  }
+}
+
 TEST(EmulatedCamera, StopsAndEndsAtAnyMoment) {
   for (int i = 0; i < 50; ++i) {
     CameraGuest guest(kCamera);

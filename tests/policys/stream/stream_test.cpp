@@ -221,7 +221,7 @@ TEST(Stream, ReadWithoutAFrameTimesOut) {
 }
 
 TEST(Stream, FailedTransfersAreTriedAgainAndAStallIsCleared) {
-  for (const Kind kind : {Kind::kIso, Kind::kBulk}) {
+  for (const Kind kind : {Kind::kEmulated, Kind::kIso, Kind::kBulk}) {
     ScriptedCamera camera(kind);
     camera.Start(ScriptedCamera::Ctrl(64));
     for (std::size_t i = 0; i < InFlight(kind); ++i) {
@@ -235,12 +235,27 @@ TEST(Stream, FailedTransfersAreTriedAgainAndAStallIsCleared) {
     Feed(camera, kind, "works");
     EXPECT_THAT(camera.reads.done.Await(1), ElementsAre(Done{1, 0, "works"}));
   }
-  ScriptedCamera refused(Kind::kIso);
-  refused.io.Answer("IsochTransfer", LIBUSB_ERROR_IO);
-  refused.Start(ScriptedCamera::Ctrl(64));
-  EXPECT_THAT(refused.Submitted(), SizeIs(5));
-  refused.io.Answer("IsochTransfer", 0);
-  EXPECT_TRUE(refused.io.WaitForHeld(5));
+}
+
+TEST(Stream, RefusedTransfersAreTriedAgainMoreAndMoreSeldomAndSaySoOnceASecond) {
+  for (const int refusal : {LIBUSB_ERROR_IO, LIBUSB_ERROR_INVALID_PARAM, LIBUSB_ERROR_NOT_FOUND}) {
+    ScriptedCamera camera(Kind::kIso);
+    camera.io.Answer("IsochTransfer", refusal);
+    const CapturingLog log(OSKELO_LOG_ERROR);
+    const auto begin = std::chrono::steady_clock::now();
+    camera.Start(ScriptedCamera::Ctrl(64));
+    while (camera.Submitted().size() < 5 + 5 + 2) {  // All twice, then one by one.
+      std::this_thread::yield();
+    }
+    const auto took = std::chrono::steady_clock::now() - begin;
+    EXPECT_GE(took, std::chrono::milliseconds(33 + 66 + 132));
+    EXPECT_LE(log.Count("Error:Submit transfer error["), 1U + static_cast<std::size_t>(took / std::chrono::seconds(1)));
+    EXPECT_GE(log.Count("Error:Error submitting transfer, 1"), 1U);
+    camera.io.Answer("IsochTransfer", 0);
+    ASSERT_TRUE(camera.io.WaitForHeld(1));
+    Feed(camera, Kind::kIso, "works");
+    EXPECT_TRUE(camera.io.WaitForHeld(5));
+  }
 }
 
 // Whatever threads may, at every point: each record is completed once, nothing hangs.
