@@ -50,6 +50,7 @@ Subcommand AddList(CLI::App& app, CommonOptions& common);
 Subcommand AddDescribe(CLI::App& app, CommonOptions& common);
 Subcommand AddStream(CLI::App& app, CommonOptions& common);
 Subcommand AddServe(CLI::App& app, CommonOptions& common);
+Subcommand AddGiveback(CLI::App& app, CommonOptions& common);
 Subcommand AddDemo(CLI::App& app, CommonOptions& common);
 
 // What several commands take.
@@ -65,6 +66,7 @@ int RunDemo(const CommonOptions& common);
 int RunStream(const CommonOptions& common, const StreamOptions& options, const StopSignal& stop);
 // Serves until `stop` is raised, or with stdio until its input ends.
 int RunServe(const CommonOptions& common, const ServeOptions& serve, const StopSignal& stop);
+int RunGiveback(const CommonOptions& common);
 
 // The rule file that lets a user open USB devices, as installed or in the source tree.
 std::string UdevRulePath();

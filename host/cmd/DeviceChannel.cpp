@@ -9,6 +9,7 @@
 #include <utility>
 #include <vector>
 
+#include "cmd/DeviceHold.h"
 #include "cmd/Devices.h"
 #include "remote/ExecChannel.h"
 #include "remote/ModuleChannel.h"
@@ -26,6 +27,21 @@ constexpr char kExecAdvice[] =
     "its own messages tell more; it has to be like \"virtusb serve DEVICE --stdio\" on its standard input and output";
 // A program that reaches another machine has to find it, and may have to ask for a password first.
 constexpr std::chrono::seconds kExecStartTime{30};
+
+// The channel to a device that this process redirects, held while it is open.
+class HeldChannel final : public PacketChannel {
+ public:
+  HeldChannel(std::shared_ptr<ModuleLibrary> library, const DeviceIdentity& identity, bool answersFailures)
+      : mHold(HoldIfLocal(identity)), mChannel(std::move(library), identity, answersFailures) {}
+
+  void Start(Receiver receiver) override { mChannel.Start(std::move(receiver)); }
+  bool Send(std::unique_ptr<VelPacket> packet) override { return mChannel.Send(std::move(packet)); }
+  void Close() override { mChannel.Close(); }
+
+ private:
+  const std::unique_ptr<DeviceHold> mHold;  // Longer than the module has it.
+  ModuleChannel mChannel;
+};
 
 struct WordsDeleter {
   void operator()(wordexp_t* words) const { wordfree(words); }
@@ -77,7 +93,7 @@ std::unique_ptr<PacketChannel> OpenDevice(const std::string& device, const Commo
                                           bool answersFailures) {
   if (!IsRemoteDevice(device)) {
     const DeviceIdentity identity = FindDevice(device, common.cameraSource);
-    return std::make_unique<ModuleChannel>(ModuleLibrary::Load(common.modulePath), identity, answersFailures);
+    return std::make_unique<HeldChannel>(ModuleLibrary::Load(common.modulePath), identity, answersFailures);
   }
   static_cast<void>(std::signal(SIGPIPE, SIG_IGN));
   if (device.starts_with(kTcp)) {

@@ -3,6 +3,7 @@
 #include <poll.h>
 
 #include <array>
+#include <exception>
 #include <variant>
 
 #include "cmd/Output.h"
@@ -16,7 +17,8 @@ DevicePresence::DevicePresence(const std::string& device, bool wait, const std::
     return;
   }
   if (!wait) {
-    mPresent = FindDevice(device);
+    const MutexLock lock(mMutex);
+    Take(FindDevice(device));
   }
   mWatch = std::make_unique<DeviceWatch>(
       std::get<LocalSelector>(choice),
@@ -44,12 +46,34 @@ std::optional<DeviceIdentity> DevicePresence::Await(const StopSignal& stop) {
   }
 }
 
+void DevicePresence::Take(const DeviceIdentity& identity) {
+  mHold = HoldIfLocal(identity);
+  mPresent = identity;
+  if (const std::string other = mHold == nullptr ? "" : mHold->OtherProgram(); !other.empty()) {
+    Note(Describe(identity) + " is held by " + other + ": until that ends, the remote side cannot use all of it");
+  }
+}
+
+void DevicePresence::GiveBack() {
+  const MutexLock lock(mMutex);
+  if (mHold != nullptr) {
+    if (const DeviceHold::Repair repair = mHold->PutRight(); !repair.failure.empty()) {
+      Note(repair.failure);
+    }
+  }
+}
+
 void DevicePresence::OnArrived(const DeviceIdentity& identity) {
   const MutexLock lock(mMutex);
   if (mPresent) {
     return;  // Already known, or a second one of the same kind.
   }
-  mPresent = identity;
+  try {
+    Take(identity);
+  } catch (const std::exception& error) {
+    Note(error.what());
+    return;
+  }
   if (mServer != nullptr) {
     mServer->Redirect(identity);
   }
@@ -67,6 +91,7 @@ void DevicePresence::OnLeft(const DeviceIdentity& identity) {
   }
   Note("device was unplugged: " + Describe(identity));
   mPresent.reset();
+  mHold.reset();
   if (mServer != nullptr && !mWait) {
     mServer->DeviceLeft();
   }

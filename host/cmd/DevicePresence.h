@@ -5,6 +5,7 @@
 #include <optional>
 #include <string>
 
+#include "cmd/DeviceHold.h"
 #include "cmd/Devices.h"
 #include "cmd/LocalDevices.h"
 #include "cmd/Server.h"
@@ -17,11 +18,14 @@ namespace vel {
 class DevicePresence {
  public:
   // With `wait`, a local device may be absent: it is waited for, and taken back when it returns. Without, one that
-  // is not there throws std::runtime_error.
+  // is not there throws std::runtime_error, as does one that is redirected already.
   DevicePresence(const std::string& device, bool wait, const std::string& cameraSource);
 
   // The device; waits until it is there. Nothing once stopped.
   std::optional<DeviceIdentity> Await(const StopSignal& stop) VEL_EXCLUDES(mMutex);
+
+  // Brings back what the machine had of the device. To be called when no session has it.
+  void GiveBack() VEL_EXCLUDES(mMutex);
 
   // Tells a server of the device's coming and going, for a scope.
   class Attachment {
@@ -39,9 +43,13 @@ class DevicePresence {
   void OnArrived(const DeviceIdentity& identity) VEL_EXCLUDES(mMutex);
   void OnLeft(const DeviceIdentity& identity) VEL_EXCLUDES(mMutex);
 
+  // Makes the device this process's own.
+  void Take(const DeviceIdentity& identity) VEL_REQUIRES(mMutex);
+
   const bool mWait;
   Mutex mMutex;
   std::optional<DeviceIdentity> mPresent VEL_GUARDED_BY(mMutex);
+  std::unique_ptr<DeviceHold> mHold VEL_GUARDED_BY(mMutex);  // Of a local device that is there.
   Server* mServer VEL_GUARDED_BY(mMutex) = nullptr;
   std::shared_ptr<StopSignal> mArrival VEL_GUARDED_BY(mMutex);  // Raised when somebody waits and the device is there.
   std::unique_ptr<DeviceWatch> mWatch;                          // Null for an emulated device.

@@ -130,6 +130,19 @@ std::optional<DeviceIdentity> FindLocalDevice(const LocalSelector& selector) {
   return found;
 }
 
+std::optional<int> ActiveConfiguration(const DeviceIdentity& wanted) {
+  std::optional<int> value;
+  ForEachDevice([&](libusb_device* device, const DeviceIdentity& identity) {
+    if (identity.bus == wanted.bus && identity.address == wanted.address) {
+      libusb_config_descriptor* raw = nullptr;
+      const int result = libusb_get_active_config_descriptor(device, &raw);
+      const std::unique_ptr<libusb_config_descriptor, ConfigDeleter> config(result == 0 ? raw : nullptr);
+      value = config == nullptr ? 0 : config->bConfigurationValue;
+    }
+  });
+  return value;
+}
+
 DeviceWatch::DeviceWatch(const LocalSelector& selector, Callbacks callbacks)
     : mSelector(selector), mCallbacks(std::move(callbacks)), mContext(NewContext()) {
   if (libusb_has_capability(LIBUSB_CAP_HAS_HOTPLUG) == 0) {

@@ -48,6 +48,9 @@ struct LocalSelector {
 // Where this device is now; nothing when it is not there.
 std::optional<DeviceIdentity> FindLocalDevice(const LocalSelector& selector);
 
+// The value of its configuration, 0 when it has none; nothing when it is not there.
+std::optional<int> ActiveConfiguration(const DeviceIdentity& identity);
+
 // Tells when the selected device arrives or leaves. The callbacks come on the watch's own thread, and for a device
 // that is there already once at the start.
 class DeviceWatch {

@@ -30,10 +30,14 @@ struct Service {
     if (!identity) {
       return stop.IsRaised() ? Server::End::kStopped : Server::End::kDeviceGone;
     }
-    Server server(library, *identity, answerFailures, stream);
-    const DevicePresence::Attachment attachment(presence, server);
-    const Server::End end = server.Run();
-    error = server.Error();
+    Server::End end = Server::End::kStopped;
+    {
+      Server server(library, *identity, answerFailures, stream);
+      const DevicePresence::Attachment attachment(presence, server);
+      end = server.Run();
+      error = server.Error();
+    }
+    presence.GiveBack();
     return end;
   }
 };

@@ -54,7 +54,6 @@ Server::End Server::Run() {
     }
   }
   mStream.Abort();  // A reply that nobody reads must not hold the device.
-  OpenToGiveBack();
   std::unique_ptr<ModuleSession> session;
   {
     const MutexLock lock(mSessionMutex);
@@ -79,22 +78,12 @@ void Server::Redirect(const DeviceIdentity& identity) {
     const MutexLock lock(mSessionMutex);
     if (mSession != nullptr) {  // Otherwise Run is over.
       mSession.swap(session);
-      mOpened = false;
-      mDriversDetached = false;
     }
   }
 }
 
 void Server::Post(std::unique_ptr<VelPacket> packet) {
-  const std::uint16_t code = packet->GetCommand();
   const MutexLock lock(mSessionMutex);
-  if (code == static_cast<std::uint16_t>(Command::kOpenUsbDev) ||
-      code == static_cast<std::uint16_t>(Command::kCloseUsbDev)) {
-    mOpened = code == static_cast<std::uint16_t>(Command::kOpenUsbDev);
-  } else if (code == static_cast<std::uint16_t>(Command::kDetachKernelDriver) ||
-             code == static_cast<std::uint16_t>(Command::kAttachKernelDriver)) {
-    mDriversDetached = code == static_cast<std::uint16_t>(Command::kDetachKernelDriver);
-  }
   mSession->Post(std::move(packet));
 }
 
@@ -156,22 +145,6 @@ void Server::Ask(Command command, bool forRemote) {
   MutexLock lock(mMutex);
   while (mAwaited != 0 && !(forRemote && mWritten != FdStream::Result::kOk) && mChanged.WaitUntil(lock, deadline)) {
   }
-}
-
-void Server::OpenToGiveBack() {
-  {
-    const MutexLock lock(mMutex);
-    if (mDeviceGone) {
-      return;
-    }
-  }
-  {
-    const MutexLock lock(mSessionMutex);
-    if (mOpened || !mDriversDetached) {
-      return;
-    }
-  }
-  Ask(Command::kOpenUsbDev, false);
 }
 
 }  // namespace vel

@@ -44,9 +44,6 @@ class Server {
   // Sends a request without fields of this program's own, behind all that came before, and waits for its reply; with
   // `forRemote` no longer than the remote side is there.
   void Ask(Command command, bool forRemote);
-  // Opens the device again when the remote side has closed it without attaching the drivers that it detached: the
-  // session's end attaches what is open.
-  void OpenToGiveBack();
 
   const std::shared_ptr<ModuleLibrary> mLibrary;
   const bool mAnswersFailures;
@@ -60,8 +57,6 @@ class Server {
   bool mDeviceGone VEL_GUARDED_BY(mMutex) = false;
   Mutex mSessionMutex;  // Posting, and exchanging the session. Nothing else is taken with it held.
   std::unique_ptr<ModuleSession> mSession VEL_GUARDED_BY(mSessionMutex);
-  bool mOpened VEL_GUARDED_BY(mSessionMutex) = false;  // What the remote side asked for last of either.
-  bool mDriversDetached VEL_GUARDED_BY(mSessionMutex) = false;
 };
 
 }  // namespace vel

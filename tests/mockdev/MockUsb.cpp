@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <functional>
 #include <stdexcept>
 #include <string_view>
 #include <utility>
@@ -123,6 +124,7 @@ void MockUsb::Plug() {
     mHalted = mTraits.halted;
     mState.driverBound = {true, true};
     mState.altSetting = 0;
+    mState.configuration = 1;
     Changed();
   }
   umockdev_testbed_uevent(mTestbed.get(), (std::string("/sys") + kSysPath).c_str(), "add");
@@ -250,6 +252,8 @@ long MockUsb::Handle(UMockdevIoctlClient* client) {
     }
     case USBDEVFS_SETINTERFACE:
       return SetInterface(As<usbdevfs_setinterface>(*argument(sizeof(usbdevfs_setinterface))));
+    case USBDEVFS_SETCONFIGURATION:
+      return SetConfiguration(As<int>(*argument(sizeof(int))));
     case USBDEVFS_CLEAR_HALT:
       mHalted.erase(static_cast<std::uint8_t>(As<unsigned>(*argument(sizeof(unsigned)))));
       ++mState.clearedHalts;
@@ -302,6 +306,17 @@ long MockUsb::SetInterface(const usbdevfs_setinterface& wanted) {
   }
   KillInterface(wanted.interface);
   mState.altSetting = wanted.interface == 1 ? wanted.altsetting : mState.altSetting;
+  return 0;
+}
+
+long MockUsb::SetConfiguration(int value) {
+  if (std::ranges::any_of(mState.driverBound, std::identity()) ||
+      std::ranges::any_of(mClaims, [](const void* claim) { return claim != nullptr; })) {
+    return -EBUSY;
+  }
+  mState.configuration = value;
+  umockdev_testbed_set_attribute(mTestbed.get(), (std::string("/sys") + kSysPath).c_str(), "bConfigurationValue",
+                                 std::to_string(value).c_str());
   return 0;
 }
 

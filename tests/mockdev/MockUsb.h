@@ -40,6 +40,7 @@ class MockUsb {
     int clearedHalts = 0;
     std::array<bool, 2> driverBound{};  // By interface.
     unsigned altSetting = 0;            // Of interface 1.
+    int configuration = 0;              // Any is taken.
   };
 
   MockUsb(const MockUsb&) = delete;
@@ -116,6 +117,7 @@ class MockUsb {
   // Result of the call, or a negated errno.
   long Handle(UMockdevIoctlClient* client) VEL_REQUIRES(mMutex);
   long DriverCall(const UMockdevIoctlClient* client, unsigned interface, unsigned code) VEL_REQUIRES(mMutex);
+  long SetConfiguration(int value) VEL_REQUIRES(mMutex);
   long SetInterface(const usbdevfs_setinterface& wanted) VEL_REQUIRES(mMutex);
   long Submit(UMockdevIoctlClient* client) VEL_REQUIRES(mMutex);
   bool ServeControl(Urb& urb, const Bytes& data) VEL_REQUIRES(mMutex);

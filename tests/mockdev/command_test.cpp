@@ -1,9 +1,15 @@
 // The command and its real devices, on a mocked kernel.
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <libusb-1.0/libusb.h>
+#include <linux/usbdevice_fs.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
 
 #include <array>
 #include <csignal>
+#include <cstdlib>
+#include <filesystem>
 #include <functional>
 #include <nlohmann/json.hpp>
 #include <string_view>
@@ -24,6 +30,8 @@ std::vector<std::string> Words(std::vector<std::string> words) {
 
 class CommandAndDevice : public testing::Test {
  protected:
+  CommandAndDevice() { setenv("VIRTUSB_STATE_DIR", mRecords.c_str(), 1); }
+  ~CommandAndDevice() override { std::filesystem::remove_all(mRecords); }
   std::string Place() const { return std::to_string(MockUsbDevice::kBus) + ":" + std::to_string(mDevice.Address()); }
   static CommandProcess::Ending Run(const std::vector<std::string>& words) {
     return CommandProcess(words, kDeadline).Leave();
@@ -33,6 +41,20 @@ class CommandAndDevice : public testing::Test {
     EXPECT_THAT(mDevice.Look().driverBound, Each(true));
   }
 
+  // A redirection that has changed everything, and is killed.
+  void KillARedirection() {
+    CommandProcess command(Words({"serve", "1209:0001", "--stdio"}), kDeadline);
+    ASSERT_EQ(command.Remote().Status(Command::kOpenUsbDev), 0);
+    ASSERT_EQ(command.Remote().Status(Command::kDetachKernelDriver), 0);
+    ASSERT_EQ(command.Remote().SetConfiguration(2), 0);
+    ASSERT_EQ(command.Remote().Status(Command::kClaimAllInterface), 0);
+    command.Kill(SIGKILL);
+    ASSERT_TRUE(mDevice.AwaitClosed());
+    ASSERT_THAT(mDevice.Look().driverBound, Each(false));
+    ASSERT_EQ(mDevice.Look().configuration, 2);
+  }
+
+  const std::string mRecords = testing::TempDir() + "virtusb_records_" + std::to_string(getpid());
   MockUsbDevice mDevice;
 };
 
@@ -76,6 +98,7 @@ TEST_F(CommandAndDevice, ServeGivesTheDeviceBackHoweverItEnds) {
        0, ""},
       {"no packet", [&](CommandProcess& command) { return command.Leave(kNoPacket); }, 1, "virtusb: "},
       {"interrupt", [](CommandProcess& command) { return command.Kill(SIGINT); }, 0, ""},
+      {"hang-up", [](CommandProcess& command) { return command.Kill(SIGHUP); }, 0, ""},
       {"terminate", [](CommandProcess& command) { return command.Kill(SIGTERM); }, 0, ""},
       {"unplugged",
        [this](CommandProcess& command) {
@@ -100,6 +123,50 @@ TEST_F(CommandAndDevice, ServeGivesTheDeviceBackHoweverItEnds) {
     EXPECT_TRUE(mDevice.AwaitClosed());
     EXPECT_THAT(mDevice.Look().driverBound, Each(std::string_view(name) != "unplugged"));
   }
+}
+
+TEST_F(CommandAndDevice, WhatAKilledRedirectionLeftComesBackByGivebackOrTheNextServe) {
+  mDevice.Plug();
+  for (const auto& [words, output] :
+       {std::pair(std::vector<std::string>{"giveback", Place()},
+                  "configuration 1 is back, interface 0 has its kernel driver back, interface 1 has its kernel"),
+        std::pair(std::vector<std::string>{"serve", Place(), "--stdio"}, "")}) {
+    KillARedirection();
+    const auto ending = Run(Words(words));
+    EXPECT_EQ(ending.status, 0) << ending.messages;
+    EXPECT_THAT(ending.output, HasSubstr(output));
+    ExpectDriversBack();
+    EXPECT_EQ(mDevice.Look().configuration, 1);
+  }
+  EXPECT_THAT(Run(Words({"giveback", Place()})).output, HasSubstr("nothing had to be brought back"));
+}
+
+TEST_F(CommandAndDevice, SecondUserIsRefusedAndDisturbsNothing) {
+  mDevice.Plug();
+  CommandProcess command(Words({"serve", "1209:0001", "--stdio"}), kDeadline);
+  Take(command.Remote());
+  const std::string owner = "is already redirected by process " + std::to_string(command.Pid());
+  for (const auto& words : {std::vector<std::string>{"describe", Place()},
+                            {"serve", Place(), "--stdio"},
+                            {"stream", Place()},
+                            {"giveback", Place()}}) {
+    const auto ending = Run(Words(words));
+    EXPECT_EQ(ending.status, 1);
+    EXPECT_THAT(ending.messages, HasSubstr(owner)) << words[0];
+  }
+  EXPECT_THAT(mDevice.Look().driverBound, Each(false));
+  EXPECT_EQ(mDevice.Look().resets, 0);
+  EXPECT_EQ(command.Remote().Transfer(Command::kBulkTransfer, 0x82, 64).data, MockUsbDevice::Pattern(64));
+}
+
+TEST_F(CommandAndDevice, ServeSaysThatAnotherProgramHoldsTheDevice) {
+  mDevice.Plug();
+  const UniqueFd other(open(("/dev/bus/usb/001/00" + std::to_string(mDevice.Address())).c_str(), O_RDWR));
+  unsigned interface = 1;
+  usbdevfs_ioctl detach{1, USBDEVFS_DISCONNECT, nullptr};
+  ASSERT_EQ(ioctl(other.Get(), USBDEVFS_IOCTL, &detach), 0);
+  ASSERT_EQ(ioctl(other.Get(), USBDEVFS_CLAIMINTERFACE, &interface), 0);
+  EXPECT_THAT(Run(Words({"serve", Place(), "--stdio"})).messages, HasSubstr("is held by "));
 }
 
 TEST_F(CommandAndDevice, ServeWaitsForTheDeviceAndTakesItBack) {
