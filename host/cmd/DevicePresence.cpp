@@ -19,6 +19,8 @@ DevicePresence::DevicePresence(const std::string& device, bool wait, const std::
   if (!wait) {
     const MutexLock lock(mMutex);
     Take(FindDevice(device));
+  } else if (FindLocalDevice(std::get<LocalSelector>(choice)); !DeviceWatch::IsTold()) {
+    Note("no udevd runs on this machine: the device is looked for every second");
   }
   mWatch = std::make_unique<DeviceWatch>(
       std::get<LocalSelector>(choice),
@@ -71,7 +73,10 @@ void DevicePresence::OnArrived(const DeviceIdentity& identity) {
   try {
     Take(identity);
   } catch (const std::exception& error) {
-    Note(error.what());
+    if (mRefusal != error.what()) {
+      mRefusal = error.what();
+      Note(mRefusal);
+    }
     return;
   }
   if (mServer != nullptr) {

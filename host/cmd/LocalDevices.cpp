@@ -1,5 +1,7 @@
 #include "cmd/LocalDevices.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <array>
 #include <cstddef>
@@ -28,17 +30,20 @@ LibusbContextHandle NewContext() {
   return LibusbContextHandle(context);
 }
 
-// Nothing for a hub, and for a device that is going away.
-std::optional<DeviceIdentity> IdentityOf(libusb_device* device) {
-  libusb_device_descriptor desc{};
-  if (libusb_get_device_descriptor(device, &desc) != 0 || desc.bDeviceClass == LIBUSB_CLASS_HUB) {
-    return std::nullopt;
-  }
-  return DeviceIdentity{libusb_get_bus_number(device), libusb_get_device_address(device), desc.idVendor, desc.idProduct,
-                        ""};
+bool IsHub(const libusb_device_descriptor& desc) {
+  return desc.bDeviceClass == LIBUSB_CLASS_HUB;
 }
 
-// Calls visit(device, identity) for each device.
+DeviceIdentity IdentityOf(libusb_device* device, const libusb_device_descriptor& desc) {
+  return {libusb_get_bus_number(device), libusb_get_device_address(device), desc.idVendor, desc.idProduct, ""};
+}
+
+// BUS:ADDRESS, as the command line takes it.
+std::string Place(const DeviceIdentity& identity) {
+  return std::to_string(identity.bus) + ":" + std::to_string(identity.address);
+}
+
+// Calls visit(device, descriptor) for each device and hub.
 template <class Visit>
 void ForEachDevice(Visit visit) {
   const LibusbContextHandle context = NewContext();
@@ -49,8 +54,9 @@ void ForEachDevice(Visit visit) {
   }
   const std::unique_ptr<libusb_device*, DeviceListDeleter> list(rawList);
   for (libusb_device* device : std::span(list.get(), static_cast<std::size_t>(count))) {
-    if (const std::optional<DeviceIdentity> identity = IdentityOf(device)) {
-      visit(device, *identity);
+    libusb_device_descriptor desc{};
+    if (libusb_get_device_descriptor(device, &desc) == 0) {  // Otherwise it is going away.
+      visit(device, desc);
     }
   }
 }
@@ -98,6 +104,14 @@ LocalDevice LookAt(libusb_device* device, const DeviceIdentity& identity) {
   return local;
 }
 
+bool AreSamePlace(const DeviceIdentity& one, const DeviceIdentity& other) {
+  return one.bus == other.bus && one.address == other.address;
+}
+
+bool IsBefore(const DeviceIdentity& one, const DeviceIdentity& other) {
+  return std::pair(one.bus, one.address) < std::pair(other.bus, other.address);
+}
+
 template <class T>
 bool IsWanted(const std::optional<T>& wanted, T value) {
   return !wanted || *wanted == value;
@@ -107,11 +121,12 @@ bool IsWanted(const std::optional<T>& wanted, T value) {
 
 std::vector<LocalDevice> LocalDevices() {
   std::vector<LocalDevice> devices;
-  ForEachDevice(
-      [&](libusb_device* device, const DeviceIdentity& identity) { devices.push_back(LookAt(device, identity)); });
-  std::sort(devices.begin(), devices.end(), [](const LocalDevice& a, const LocalDevice& b) {
-    return std::pair(a.identity.bus, a.identity.address) < std::pair(b.identity.bus, b.identity.address);
+  ForEachDevice([&](libusb_device* device, const libusb_device_descriptor& desc) {
+    if (!IsHub(desc)) {
+      devices.push_back(LookAt(device, IdentityOf(device, desc)));
+    }
   });
+  std::ranges::sort(devices, &IsBefore, &LocalDevice::identity);
   return devices;
 }
 
@@ -120,20 +135,48 @@ bool LocalSelector::Matches(const DeviceIdentity& identity) const {
          IsWanted(productId, identity.productId);
 }
 
-std::optional<DeviceIdentity> FindLocalDevice(const LocalSelector& selector) {
-  std::optional<DeviceIdentity> found;
-  ForEachDevice([&](libusb_device*, const DeviceIdentity& identity) {
-    if (!found && selector.Matches(identity)) {
-      found = identity;
+namespace {
+
+std::vector<DeviceIdentity> FindAll(const LocalSelector& selector) {
+  std::vector<DeviceIdentity> found;
+  ForEachDevice([&](libusb_device* device, const libusb_device_descriptor& desc) {
+    const DeviceIdentity identity = IdentityOf(device, desc);
+    if (!IsHub(desc) && selector.Matches(identity)) {
+      found.push_back(identity);
     }
   });
+  std::ranges::sort(found, &IsBefore);
   return found;
+}
+
+}  // namespace
+
+std::optional<DeviceIdentity> FindLocalDevice(const LocalSelector& selector) {
+  const std::vector<DeviceIdentity> found = FindAll(selector);
+  if (found.size() > 1) {
+    std::string places;
+    for (const DeviceIdentity& identity : found) {
+      places += (places.empty() ? "" : ", ") + Place(identity);
+    }
+    throw std::runtime_error("several devices are meant: give one by its place, as BUS:ADDRESS: " + places);
+  }
+  if (!found.empty()) {
+    return found.front();
+  }
+  ForEachDevice([&](libusb_device* device, const libusb_device_descriptor& desc) {
+    if (IsHub(desc) && selector.Matches(IdentityOf(device, desc))) {
+      throw std::runtime_error(Place(IdentityOf(device, desc)) +
+                               " is a hub, and hubs are not redirected: name a device that is plugged into it");
+    }
+  });
+  return std::nullopt;
 }
 
 std::optional<int> ActiveConfiguration(const DeviceIdentity& wanted) {
   std::optional<int> value;
-  ForEachDevice([&](libusb_device* device, const DeviceIdentity& identity) {
-    if (identity.bus == wanted.bus && identity.address == wanted.address) {
+  ForEachDevice([&](libusb_device* device, const libusb_device_descriptor& desc) {
+    const DeviceIdentity identity = IdentityOf(device, desc);
+    if (AreSamePlace(identity, wanted)) {
       libusb_config_descriptor* raw = nullptr;
       const int result = libusb_get_active_config_descriptor(device, &raw);
       const std::unique_ptr<libusb_config_descriptor, ConfigDeleter> config(result == 0 ? raw : nullptr);
@@ -165,19 +208,49 @@ DeviceWatch::~DeviceWatch() {
   mThread.join();
 }
 
+bool DeviceWatch::IsTold() {
+  return access("/run/udev/control", F_OK) == 0;
+}
+
 void DeviceWatch::HandleEvents() {
+  const bool told = IsTold();
   while (!mStopped) {
-    timeval wait{60, 0};  // Interrupted when the watch ends.
+    timeval wait{told ? 60 : 1, 0};  // Interrupted when the watch ends.
     libusb_handle_events_timeout_completed(mContext.get(), &wait, nullptr);
+    if (!told && !mStopped) {
+      LookForChange();
+    }
   }
+}
+
+void DeviceWatch::LookForChange() {
+  std::vector<DeviceIdentity> all;
+  try {
+    all = FindAll(mSelector);
+  } catch (const std::runtime_error&) {
+    return;  // In a second, perhaps.
+  }
+  const bool same = mSeen && std::ranges::any_of(all, [this](const DeviceIdentity& identity) {
+                      return AreSamePlace(identity, *mSeen);
+                    });
+  const std::optional<DeviceIdentity> found = same ? mSeen : all.empty() ? std::nullopt : std::optional(all.front());
+  if (mSeen && !same) {
+    mCallbacks.onLeft(*mSeen);
+  }
+  if (found) {
+    mCallbacks.onArrived(*found);  // Again, too: it may be free by now.
+  }
+  mSeen = found;
 }
 
 int LIBUSB_CALL DeviceWatch::OnHotplug(libusb_context* /*context*/, libusb_device* device, libusb_hotplug_event event,
                                        void* self) {
   const auto& watch = *static_cast<const DeviceWatch*>(self);
-  const std::optional<DeviceIdentity> identity = IdentityOf(device);
-  if (identity && watch.mSelector.Matches(*identity)) {
-    (event == LIBUSB_HOTPLUG_EVENT_DEVICE_ARRIVED ? watch.mCallbacks.onArrived : watch.mCallbacks.onLeft)(*identity);
+  libusb_device_descriptor desc{};
+  libusb_get_device_descriptor(device, &desc);
+  const DeviceIdentity identity = IdentityOf(device, desc);
+  if (!IsHub(desc) && watch.mSelector.Matches(identity)) {
+    (event == LIBUSB_HOTPLUG_EVENT_DEVICE_ARRIVED ? watch.mCallbacks.onArrived : watch.mCallbacks.onLeft)(identity);
   }
   return 0;
 }

@@ -45,14 +45,15 @@ struct LocalSelector {
   bool Matches(const DeviceIdentity& identity) const;
 };
 
-// Where this device is now; nothing when it is not there.
+// Where this device is now; nothing when it is not there. Throws std::runtime_error, with a text for people, when it is
+// a hub, or several devices are meant.
 std::optional<DeviceIdentity> FindLocalDevice(const LocalSelector& selector);
 
 // The value of its configuration, 0 when it has none; nothing when it is not there.
 std::optional<int> ActiveConfiguration(const DeviceIdentity& identity);
 
 // Tells when the selected device arrives or leaves. The callbacks come on the watch's own thread, and for a device
-// that is there already once at the start.
+// that is there already once at the start. Something that is known may be told again.
 class DeviceWatch {
  public:
   struct Callbacks {
@@ -67,16 +68,21 @@ class DeviceWatch {
   // No callback comes after it. Not from a callback.
   ~DeviceWatch();
 
+  // Whether this machine's udevd runs, which tells of devices. Without, the watch looks for them every second.
+  static bool IsTold();
+
  private:
   static int LIBUSB_CALL OnHotplug(libusb_context* context, libusb_device* device, libusb_hotplug_event event,
                                    void* self);
   void HandleEvents();
+  void LookForChange();
 
   const LocalSelector mSelector;
   const Callbacks mCallbacks;
   LibusbContextHandle mContext;
   libusb_hotplug_callback_handle mHotplug = 0;
   std::atomic<bool> mStopped{false};
+  std::optional<DeviceIdentity> mSeen;  // By LookForChange; the watch's thread.
   std::thread mThread;
 };
 

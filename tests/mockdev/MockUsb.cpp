@@ -130,6 +130,13 @@ void MockUsb::Plug() {
   umockdev_testbed_uevent(mTestbed.get(), (std::string("/sys") + kSysPath).c_str(), "add");
 }
 
+void MockUsb::PlugTwin() {
+  Bytes descriptors = Descriptor(1, 0);
+  descriptors.insert(descriptors.end(), mTraits.config.begin(), mTraits.config.end());
+  const std::string text = DeviceText("/devices/usb1/1-2", kLastAddress + 1, descriptors);
+  umockdev_testbed_add_from_string(mTestbed.get(), text.c_str(), nullptr);
+}
+
 void MockUsb::Unplug() {
   umockdev_testbed_detach_ioctl(mTestbed.get(), ("/dev/" + NodeOf(mAddress)).c_str(), nullptr);
   {

@@ -49,6 +49,8 @@ class MockUsb {
 
   // At a new address each time.
   void Plug() VEL_EXCLUDES(mMutex);
+  // A second device that looks the same, and does nothing.
+  void PlugTwin();
   void Unplug() VEL_EXCLUDES(mMutex);
   // Takes everybody's right to open it.
   void Forbid();

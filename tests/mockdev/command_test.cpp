@@ -159,6 +159,16 @@ TEST_F(CommandAndDevice, SecondUserIsRefusedAndDisturbsNothing) {
   EXPECT_EQ(command.Remote().Transfer(Command::kBulkTransfer, 0x82, 64).data, MockUsbDevice::Pattern(64));
 }
 
+TEST_F(CommandAndDevice, HubsAndDevicesThatAreTwoAreRefused) {
+  mDevice.Plug();
+  EXPECT_THAT(Run(Words({"describe", "1:1"})).messages, HasSubstr("1:1 is a hub, and hubs are not redirected"));
+  mDevice.PlugTwin();
+  for (const auto& words :
+       {std::vector<std::string>{"describe", "1209:0001"}, {"serve", "1209:0001", "--stdio", "--wait"}}) {
+    EXPECT_THAT(Run(Words(words)).messages, HasSubstr("BUS:ADDRESS: " + Place() + ", 1:101\n"));
+  }
+}
+
 TEST_F(CommandAndDevice, ServeSaysThatAnotherProgramHoldsTheDevice) {
   mDevice.Plug();
   const UniqueFd other(open(("/dev/bus/usb/001/00" + std::to_string(mDevice.Address())).c_str(), O_RDWR));
