@@ -23,7 +23,7 @@ int Looper::Stop() {
   return 0;
 }
 
-int Looper::PostMessageAAA(std::unique_ptr<Message> message) {
+int Looper::PostMessageAAA(std::unique_ptr<Message> message) noexcept {
   if (!mQueue->runs) {
     return -1;
   }

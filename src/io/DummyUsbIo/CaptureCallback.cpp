@@ -3,14 +3,14 @@
 #include <map>
 #include <utility>
 
-#include "vel/Mutex.h"
+#include "base/LockOrder.h"
 
 namespace vel {
 namespace {
 
 // Who has the callback of which id.
 struct Holders {
-  Mutex mutex;
+  Mutex mutex VEL_LOCK_LEVEL(Leaf);
   std::map<std::string, const CaptureCallback*> byId VEL_GUARDED_BY(mutex);
 };
 
