@@ -134,6 +134,14 @@ void* operator new(std::size_t size) {
   void* const block = std::malloc(std::max<std::size_t>(size, 1));
   return block != nullptr ? block : throw std::bad_alloc();
 }
+// Beside that one, since a sanitizer has its own for whichever is missing.
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+  try {
+    return operator new(size);
+  } catch (const std::bad_alloc&) {
+    return nullptr;
+  }
+}
 [[gnu::noinline]] void operator delete(void* block) noexcept {
   std::free(block);
 }

@@ -196,6 +196,14 @@ TEST_F(LibusbIoClose, WithoutItsEventThreadTheWaitersHandleEvents) {
 
 // Whoever waits for completions need not know of event threads: it is enough to cancel.
 TEST_F(LibusbIoClose, WithoutItsEventThreadCancelsAreDelivered) {
+  records.OnCompletion([this](const Completion& completion) {
+    if (completion.streamId == 2) {
+      EXPECT_EQ(io->CancelTransfer(3), 0);  // Whoever runs this goes on to deliver it.
+      EXPECT_EQ(records.Outstanding(), 2U);
+    } else if (completion.status == 1) {
+      EXPECT_EQ(io->CancelTransfer(5), 0);  // Within an operation, for which a close would wait.
+    }
+  });
   Open();
   fake.Hold("events");
   io->BulkTransfer(records.Make(1, 0x81, Bytes(4)));
@@ -204,12 +212,6 @@ TEST_F(LibusbIoClose, WithoutItsEventThreadCancelsAreDelivered) {
   fake.LetGo("events");
   EXPECT_EQ(records.done.Await(1)[0].status, 3);
 
-  records.OnCompletion([this](const Completion& completion) {
-    if (completion.streamId == 2) {
-      EXPECT_EQ(io->CancelTransfer(3), 0);  // Whoever runs this goes on to deliver it.
-      EXPECT_EQ(records.Outstanding(), 2U);
-    }
-  });
   for (std::uint32_t id = 2; id < 5; ++id) {
     io->BulkTransfer(records.Make(id, 0x81, Bytes(4)));
   }
@@ -219,11 +221,6 @@ TEST_F(LibusbIoClose, WithoutItsEventThreadCancelsAreDelivered) {
   EXPECT_EQ(records.done.Count(), 4U);
 
   fake.FailEvents(LIBUSB_ERROR_IO, -1);
-  records.OnCompletion([this](const Completion& completion) {
-    if (completion.status == 1) {
-      EXPECT_EQ(io->CancelTransfer(5), 0);  // Within an operation, for which a close would wait.
-    }
-  });
   io->BulkTransfer(records.Make(5, 0x81, Bytes(4)));
   fake.Answer("libusb_submit_transfer", {LIBUSB_ERROR_BUSY});
   EXPECT_EQ(io->BulkTransfer(records.Make(6, 0x81, Bytes(4))), LIBUSB_ERROR_BUSY);
