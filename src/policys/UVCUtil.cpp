@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdio>
 #include <memory>
+#include <utility>
 
 #include "base/Clock.h"
 #include "base/VelLog.h"
@@ -115,18 +116,22 @@ std::uint32_t UVCUtil::GetVSEndpointFromConfig(const libusb_config_descriptor* c
   return address;
 }
 
-UVCInputHeaderPtr UVCUtil::ParseUVCInputHeader(const libusb_config_descriptor* config) {
+UVCUtil::StreamingInterface UVCUtil::FindStreamingInterface(const libusb_config_descriptor* config) {
   int position = 0;
   for (const libusb_interface& interface : Interfaces(config)) {
     if (const auto* setting = VsSetting(interface); setting != nullptr) {
       const std::span<const std::uint8_t> block = VsBlock(*setting, position);
       if (UVCInputHeaderPtr header = block.empty() ? nullptr : ParseUVCInputHeader(block)) {
-        return header;
+        return {&interface, std::move(header)};
       }
     }
     ++position;
   }
-  return nullptr;
+  return {};
+}
+
+UVCInputHeaderPtr UVCUtil::ParseUVCInputHeader(const libusb_config_descriptor* config) {
+  return FindStreamingInterface(config).header;
 }
 
 UVCInputHeaderPtr UVCUtil::ParseUVCInputHeader(std::span<const std::uint8_t> block) {

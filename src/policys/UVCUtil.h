@@ -39,6 +39,14 @@ class UVCUtil {
   // header wins: devices have one.
   static std::uint32_t GetVSEndpointFromConfig(const libusb_config_descriptor* config);
 
+  // The first VS interface whose descriptors can be read, inside the configuration, with its tree; both null when there
+  // is none.
+  struct StreamingInterface {
+    const libusb_interface* interface = nullptr;
+    UVCInputHeaderPtr header;
+  };
+  static StreamingInterface FindStreamingInterface(const libusb_config_descriptor* config);
+
   // The tree of the first VS interface with an input header, from the extra bytes of its first alternate setting or,
   // where that has none, of that setting's first endpoint. Null when there is none.
   static UVCInputHeaderPtr ParseUVCInputHeader(const libusb_config_descriptor* config);

@@ -59,6 +59,7 @@ inline constexpr std::uint8_t kClassRequestIn = 0xA1;
 
 // guidFormat of an uncompressed format, and its place in the descriptor (uncompressed payload 1.1, table 3-1).
 inline constexpr std::size_t kGuidFormatAt = 5;
+inline constexpr std::size_t kBitsPerPixelAt = 21;
 inline constexpr std::array<std::uint8_t, 16> kGuidYuy2 = {0x59, 0x55, 0x59, 0x32, 0x00, 0x00, 0x10, 0x00,
                                                            0x80, 0x00, 0x00, 0xAA, 0x00, 0x38, 0x9B, 0x71};
 

@@ -2,6 +2,7 @@
 #define VEL_POLICYS_STREAM_UVC_NEGOTIATION_H
 
 #include <cstdint>
+#include <map>
 #include <span>
 
 #include <libusb-1.0/libusb.h>
@@ -28,6 +29,7 @@ struct UVCClassRequest {
 class UVCNegotiation {
  public:
   // The camera's configuration, or a raw block of its streaming interface, which says nothing of bulk or isochronous.
+  // Of several streaming interfaces the first one counts whose descriptors can be read.
   void ParseDescriptors(const libusb_config_descriptor* config);
   void ParseDescriptors(std::span<const std::uint8_t> block);
 
@@ -49,16 +51,25 @@ class UVCNegotiation {
   // Whether that frame's format is YUYV.
   bool IsYuyv() const;
   bool IsH265() const { return mH265; }
+  // How many bytes each picture has; 0 where that is not the same for all, or not what was agreed on.
+  std::uint32_t PictureSize() const;
+  // What the camera sends at most in a payload, header included: what was agreed on and, of an isochronous endpoint,
+  // not more than this alternate setting carries.
+  std::uint32_t PayloadSize(std::uint32_t altSetting) const;
 
  private:
   bool IsForStream(const UVCClassRequest& request) const;
   void TakeStreamCtrl(std::span<const std::uint8_t> data);
   void SelectFrame();
+  // That of the frame that was agreed on, or null.
+  const UVCFormatDesc* Format() const;
 
   UVCInputHeaderPtr mInputHeader;
   std::uint8_t mVSInterface = UVCUtil::kNoInterface;
   std::uint8_t mVSEndpoint = 0xFF;
   bool mOverBulk = false;
+  // Bytes that the endpoint carries in an interval, of each alternate setting that has it.
+  std::map<std::uint32_t, std::uint32_t> mCarried;
   bool mH265 = false;
   UVCStreamCtrl mStreamCtrlInfo{};
   const UVCFrameDesc* mFrame = nullptr;  // In mInputHeader.
