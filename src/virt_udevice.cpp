@@ -53,7 +53,7 @@ void VirtUDevice::Init() {
   mIo = std::move(io);
   mEmulated = mIo->GetIoType() == kIoTypeEmulated;
   mIo->Init();
-  mPolicy = std::make_unique<RedirPolicy>(mIo.get());
+  mPolicy = std::make_unique<RedirPolicy>(mIo.get(), mDeviceBase->PayloadHeaderLengthCounts());
 }
 
 int VirtUDevice::OpenUsbDev() {

@@ -104,7 +104,7 @@ void WriteAltSetting(DescriptorWriter& writer, const libusb_interface_descriptor
 
 }  // namespace
 
-RedirPolicy::RedirPolicy(IUsbIo* io) : mIo(io) {
+RedirPolicy::RedirPolicy(IUsbIo* io, bool headerLengthCounts) : mIo(io), mHeaderLengthCounts(headerLengthCounts) {
   VEL_DEBUG("ENTER");
 }
 
@@ -139,10 +139,10 @@ void RedirPolicy::ProbeCamera() {
   const auto enabled = mPolicyMap.find(kUvcClassVideo);
   if (enabled != mPolicyMap.end() && enabled->second == 1) {
     VEL_DEBUG("Enable UVC policy");
-    mUvcPolicy = std::make_unique<UVCPolicy>(mIo, 0, 1, 1);
+    mUvcPolicy = std::make_unique<UVCPolicy>(mIo, 0, 1, 1, mHeaderLengthCounts);
   } else {
     VEL_DEBUG("Disable UVC policy");
-    mUvcPolicy = std::make_unique<UVCPolicy>(mIo, 0, 0, 0);
+    mUvcPolicy = std::make_unique<UVCPolicy>(mIo, 0, 0, 0, mHeaderLengthCounts);
   }
   mUvcPolicy->ParseDescriptors(mConfig);
   mPolicyInterface = mUvcPolicy->GetVSInterface();

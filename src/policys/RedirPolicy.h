@@ -19,7 +19,8 @@ namespace vel {
 // turns. `io` outlives the policy.
 class RedirPolicy {
  public:
-  explicit RedirPolicy(IUsbIo* io);
+  // `headerLengthCounts`: whether a camera's payload headers are as long as they say (UVCPayloadHeader::SizeOf).
+  explicit RedirPolicy(IUsbIo* io, bool headerLengthCounts = false);
   RedirPolicy(const RedirPolicy&) = delete;
   RedirPolicy& operator=(const RedirPolicy&) = delete;
   ~RedirPolicy() = default;
@@ -62,6 +63,7 @@ class RedirPolicy {
   std::vector<std::uint8_t> MakeRawConfigDesc(const libusb_config_descriptor& config) const;
 
   IUsbIo* const mIo;
+  const bool mHeaderLengthCounts;
   libusb_config_descriptor* mConfig = nullptr;  // The backend's.
   std::vector<std::uint8_t> mRawConfig;
   std::uint8_t mPolicyEndpoint = kNoPolicy;

@@ -9,8 +9,9 @@
 
 namespace vel {
 
-UVCPolicy::UVCPolicy(IUsbIo* io, std::uint32_t heightLimit, std::int8_t /*unused*/, std::uint8_t transcode)
-    : mIo(*io), mHeightLimit(heightLimit), mTranscode(transcode) {}
+UVCPolicy::UVCPolicy(IUsbIo* io, std::uint32_t heightLimit, std::int8_t /*unused*/, std::uint8_t transcode,
+                     bool headerLengthCounts)
+    : mIo(*io), mHeightLimit(heightLimit), mTranscode(transcode), mHeaderLengthCounts(headerLengthCounts) {}
 
 UVCPolicy::~UVCPolicy() {
   VEL_DEBUG("~UVCPolicy");
@@ -42,7 +43,7 @@ int UVCPolicy::SetInterfacePost(std::uint32_t interfaceNumber, std::uint32_t alt
   const auto setting = static_cast<int>(altSetting);
   if (altSetting != 0) {
     VEL_DEBUG("start stream, ifnum:%d, setting:%d\n", number, setting);
-    StartStream();
+    StartStream(altSetting);
   } else {
     VEL_DEBUG("stop stream, ifnum:%d, setting:%d\n", number, setting);
     StopStream();
@@ -89,21 +90,23 @@ UVCStream::Format UVCPolicy::StreamFormat() const {
   return format;
 }
 
-UVCCameraReader::Source UVCPolicy::StreamSource() const {
+UVCCameraReader::Source UVCPolicy::StreamSource(std::uint32_t altSetting) const {
   using Kind = UVCCameraReader::Kind;
   const UVCStreamCtrl& ctrl = mNegotiation.StreamCtrl();
   const Kind real = mNegotiation.IsOverBulk() ? Kind::kBulk : Kind::kIsochronous;
   return {.kind = mIo.GetIoType() == kIoTypeEmulated ? Kind::kWholeFrame : real,
           .endpoint = mNegotiation.Endpoint(),
           .frameSize = ctrl.dwMaxVideoFrameSize,
-          .payloadSize = ctrl.dwMaxPayloadTransferSize};
+          .payloadSize = mNegotiation.PayloadSize(altSetting),
+          .pictureSize = mNegotiation.PictureSize(),
+          .headerLengthCounts = mHeaderLengthCounts};
 }
 
-int UVCPolicy::StartStream() {
+int UVCPolicy::StartStream(std::uint32_t altSetting) {
   VEL_DEBUG("StartStream");
   const MutexLock control(mControlMutex);
   EndStream();  // Of a setting selected before this one.
-  const UVCCameraReader::Source source = StreamSource();
+  const UVCCameraReader::Source source = StreamSource(altSetting);
   if (mNegotiation.Frame() == nullptr || !IsFrameSizeUsable(mNegotiation.StreamCtrl()) ||
       !UVCCameraReader::IsUsable(source)) {
     VEL_ERROR("Invalid frame type!");

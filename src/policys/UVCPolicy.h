@@ -21,8 +21,9 @@ namespace vel {
 class UVCPolicy {
  public:
   // `heightLimit`: frames that are taller (pixels) are hidden from the remote side; 0 hides none. `unused` is ignored.
-  // `transcode`: raw pictures go out as H.264.
-  UVCPolicy(IUsbIo* io, std::uint32_t heightLimit, std::int8_t unused, std::uint8_t transcode);
+  // `transcode`: raw pictures go out as H.264. `headerLengthCounts`: see UVCPayloadHeader::SizeOf.
+  UVCPolicy(IUsbIo* io, std::uint32_t heightLimit, std::int8_t unused, std::uint8_t transcode,
+            bool headerLengthCounts = false);
   UVCPolicy(const UVCPolicy&) = delete;
   UVCPolicy& operator=(const UVCPolicy&) = delete;
   ~UVCPolicy();
@@ -61,16 +62,17 @@ class UVCPolicy {
   static int SaveFrame(const std::uint8_t* buffer, int length, int index);
 
  private:
-  int StartStream();
+  int StartStream(std::uint32_t altSetting);
   void StopStream();
   void EndStream() VEL_REQUIRES(mControlMutex);
   std::shared_ptr<UVCStream> CurrentStream();
   UVCStream::Format StreamFormat() const;
-  UVCCameraReader::Source StreamSource() const;
+  UVCCameraReader::Source StreamSource(std::uint32_t altSetting) const;
 
   IUsbIo& mIo;
   const std::uint32_t mHeightLimit;
   const std::uint8_t mTranscode;
+  const bool mHeaderLengthCounts;
   UVCNegotiation mNegotiation;
   Mutex mControlMutex VEL_LOCK_LEVEL(Control);  // Start against stop: held while a stream begins or ends.
   Mutex mStreamMutex VEL_LOCK_LEVEL(Leaf);

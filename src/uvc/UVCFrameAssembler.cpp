@@ -26,7 +26,8 @@ void UVCFrameAssembler::ParseFrameData(std::span<const std::uint8_t> data, std::
 }
 
 void UVCFrameAssembler::TakePacket(std::uint32_t index, std::span<const std::uint8_t> packet) {
-  if (packet.size() < UVCPayloadHeader::kSize) {
+  const std::size_t headerSize = UVCPayloadHeader::SizeOf(packet, mHeaderLengthCounts);
+  if (packet.size() < headerSize) {
     return;
   }
   const UVCPayloadHeader header(packet);
@@ -40,7 +41,7 @@ void UVCFrameAssembler::TakePacket(std::uint32_t index, std::span<const std::uin
     SwapUVCFrame();
   }
   mFid = header.Fid();
-  if (!Append(packet.subspan(UVCPayloadHeader::kSize))) {
+  if (!Append(packet.subspan(headerSize))) {
     VEL_DEBUG("Error frame length: %d, iso num: %d, actural len: %d", static_cast<int>(mFrame->Length()),
               static_cast<int>(index), static_cast<int>(packet.size()));
     ParseUVCFrameHeader(packet.data(), static_cast<int>(packet.size()));

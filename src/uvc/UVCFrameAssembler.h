@@ -19,8 +19,9 @@ namespace vel {
 // Not synchronised: one thread at a time.
 class UVCFrameAssembler {
  public:
-  // The receiver outlives this object.
-  explicit UVCFrameAssembler(UVCFrameReceiver& receiver) : mReceiver(receiver) {}
+  // The receiver outlives this object. `headerLengthCounts`: see UVCPayloadHeader::SizeOf.
+  explicit UVCFrameAssembler(UVCFrameReceiver& receiver, bool headerLengthCounts = false)
+      : mReceiver(receiver), mHeaderLengthCounts(headerLengthCounts) {}
   UVCFrameAssembler(const UVCFrameAssembler&) = delete;
   UVCFrameAssembler& operator=(const UVCFrameAssembler&) = delete;
   ~UVCFrameAssembler() = default;
@@ -38,6 +39,7 @@ class UVCFrameAssembler {
   void SwapUVCFrame();
 
   UVCFrameReceiver& mReceiver;
+  const bool mHeaderLengthCounts;
   std::optional<UVCFrameAssembly> mFrame;  // None before its first data.
   bool mFid = false;
 };

@@ -108,6 +108,32 @@ TEST(UVCPayloads, BecomeFramesByTheRules) {
   }
 }
 
+TEST(UVCPayloads, HeadersAreAsLongAsTheySayWhereThatCountsAndIsTrue) {
+  const struct {
+    std::uint8_t length;
+    std::uint8_t info;
+    std::string frame;  // Of the bytes "abcdefghijkl" behind the first two.
+    std::string fixed;  // The same where it does not count.
+  } cases[] = {{2, 0x80, "abcdefghijkl", "kl"}, {6, 0x84, "efghijkl", "kl"}, {8, 0x88, "ghijkl", "kl"},
+               {12, 0x8C, "kl", "kl"},          {8, 0x80, "kl", "kl"},       {12, 0x80, "kl", "kl"},
+               {0, 0x80, "kl", "kl"},           {14, 0x8C, "kl", "kl"}};
+  for (const auto& [length, info, frame, fixed] : cases) {
+    SCOPED_TRACE(int{length});
+    for (const bool counts : {false, true}) {
+      Frames frames(16);
+      UVCFrameAssembler assembler(frames, counts);
+      std::string payload{static_cast<char>(length), static_cast<char>(info | kEof)};
+      payload += "abcdefghijkl";
+      const auto* const bytes = reinterpret_cast<const std::uint8_t*>(payload.data());
+      assembler.ParsePayload({bytes, payload.size()});
+      for (const std::size_t shorter : {0U, 1U, 2U}) {
+        assembler.ParsePayload({bytes, shorter});
+      }
+      EXPECT_THAT(frames.texts, ElementsAre(counts ? frame : fixed));
+    }
+  }
+}
+
 TEST(UVCPayloads, OutsideOfTheTransferAreSkipped) {
   // The transfer has 59 bytes.
   for (const auto& [offset, length, errors] :

@@ -9,5 +9,8 @@ bool VelDeviceBase::AnswersFailedTransfers() const {
 bool VelDeviceBase::WantsLeanReplies() const {
   return false;
 }
+bool VelDeviceBase::PayloadHeaderLengthCounts() const {
+  return false;
+}
 
 }  // namespace vel

@@ -26,8 +26,10 @@ class UVCCameraReader {
   struct Source {
     Kind kind;
     std::uint8_t endpoint;
-    std::uint32_t frameSize;    // Bytes, dwMaxVideoFrameSize.
-    std::uint32_t payloadSize;  // Bytes, dwMaxPayloadTransferSize.
+    std::uint32_t frameSize;          // Bytes, dwMaxVideoFrameSize.
+    std::uint32_t payloadSize;        // Bytes, as much as a packet or a bulk transfer may carry.
+    std::uint32_t pictureSize = 0;    // Bytes of each whole picture; 0 where they differ.
+    bool headerLengthCounts = false;  // See UVCPayloadHeader::SizeOf.
   };
   static constexpr std::uint32_t kPackets = 32;
   // Isochronous transfers in flight. At 8000 packets a second five are 20 ms, which is how long the thread that handles

@@ -67,6 +67,10 @@ class VEL_FRAMEWORK_EXPORT VelDeviceBase {
 
   // Whether replies to OUT transfers leave the request's data out. By default they carry it.
   virtual bool WantsLeanReplies() const;
+
+  // Whether the headers that the device, a camera, puts before its payloads are as long as their own length byte says,
+  // where that agrees with their flags. By default each is taken for 12 bytes. Asked when the device is initialised.
+  virtual bool PayloadHeaderLengthCounts() const;
 };
 
 }  // namespace vel
