@@ -4,6 +4,8 @@
 #include <cstdlib>
 #include <utility>
 
+#include "protocol/IsoTable.h"
+
 namespace vel {
 namespace {
 
@@ -159,7 +161,8 @@ int ScriptedUsbIo::Submit(std::string_view operation, _UsbIoXferInfo* info) {
   const int result = Call(operation, {info->epAddr, info->streamId, info->length});
   {
     const MutexLock lock(mMutex);
-    mTransfers.push_back({.length = info->length});
+    const bool hasTable = info->isoPacketNum > 0 && info->data != nullptr && info->length >= sizeof(IsoPacketRecord);
+    mTransfers.push_back({.length = info->length, .packetLength = hasTable ? LoadIsoRecord(info->data, 0).length : 0U});
     if (result >= 0 && mMode != Mode::kAtOnce) {
       mHeld.push_back(info);
       mChanged.NotifyAll();

@@ -7,8 +7,8 @@
 
 namespace vel {
 
-UVCFrameIntake::UVCFrameIntake(UVCFrameManager& frames, UVCStreamTally& tally, std::uint32_t frameSize)
-    : mFrames(frames), mTally(tally), mFrameSize(frameSize) {}
+UVCFrameIntake::UVCFrameIntake(UVCFrameManager& frames, UVCStreamTally& tally, const UVCCameraReader::Source& source)
+    : mFrames(frames), mTally(tally), mSource(source), mAssembler(*this, source.headerLengthCounts) {}
 
 void UVCFrameIntake::TakePackets(const _UsbIoXferInfo& info) {
   mAssembler.ParseFrameData({info.data, info.length}, info.isoPacketNum);
@@ -23,12 +23,12 @@ void UVCFrameIntake::TakeWholeFrame(_UsbIoXferInfo& info) {
   VEL_DEBUG("frame interval [%lld], timstamp [%lld]", static_cast<long long>(now - mLastWholeFrame.value_or(now)),
             static_cast<long long>(now));
   mLastWholeFrame = now;
-  if (info.length == 0 || info.length > mFrameSize) {
+  if (info.length == 0 || info.length > mSource.frameSize) {
     return;
   }
-  HeapBlock next = FrameBlocks::Take(mFrameSize);
+  HeapBlock next = FrameBlocks::Take(mSource.frameSize);
   if (next == nullptr || !mTally.AddPending()) {
-    FrameBlocks::Give(std::move(next), mFrameSize);
+    FrameBlocks::Give(std::move(next), mSource.frameSize);
     return;
   }
   mBlock.reset(std::exchange(info.data, next.release()));
@@ -37,9 +37,20 @@ void UVCFrameIntake::TakeWholeFrame(_UsbIoXferInfo& info) {
 
 std::span<std::uint8_t> UVCFrameIntake::NextBlock() {
   if (mBlock == nullptr) {
-    mBlock = FrameBlocks::Take(mFrameSize);
+    mBlock = FrameBlocks::Take(mSource.frameSize);
   }
-  return {mBlock.get(), mBlock == nullptr ? 0 : mFrameSize};
+  return {mBlock.get(), mBlock == nullptr ? 0 : mSource.frameSize};
+}
+
+void UVCFrameIntake::TakeFrame(std::span<std::uint8_t> frame) {
+  if (frame.size() < mSource.pictureSize) {
+    if (const std::uint32_t count = mShortPictures.Count(); count > 0) {
+      VEL_ERROR("a picture of %zu bytes instead of %u is dropped, %u of them", frame.size(), mSource.pictureSize,
+                count);
+    }
+  } else if (mTally.AddPending()) {
+    HandOn(frame.size());
+  }
 }
 
 void UVCFrameIntake::HandOn(std::size_t length) {

@@ -9,19 +9,23 @@
 #include "codec/FrameBlocks.h"
 #include "io/UsbIoXferInfo.h"
 #include "policys/UVCFrameManager.h"
+#include "policys/stream/FailureLine.h"
+#include "policys/stream/UVCCameraReader.h"
 #include "policys/stream/UVCStreamTally.h"
 #include "uvc/UVCFrameAssembler.h"
 #include "uvc/UVCFrameReceiver.h"
 
 namespace vel {
 
-// Makes frames of what a camera's transfers brought and hands them to the frame manager.
+// Makes frames of what a camera's transfers brought and hands them to the frame manager. Drops them, before anything
+// more is spent on them, while as many wait for the remote side as may. A raw picture that is shorter than its size is
+// dropped as well: packets of it were lost, and what is left shows every row behind them in another place.
 //
 // One thread at a time.
 class UVCFrameIntake : private UVCFrameReceiver {
  public:
-  // `frameSize`: bytes, dwMaxVideoFrameSize. The others outlive this object.
-  UVCFrameIntake(UVCFrameManager& frames, UVCStreamTally& tally, std::uint32_t frameSize);
+  // Manager and tally outlive this object.
+  UVCFrameIntake(UVCFrameManager& frames, UVCStreamTally& tally, const UVCCameraReader::Source& source);
   ~UVCFrameIntake() override = default;
   UVCFrameIntake(const UVCFrameIntake&) = delete;
   UVCFrameIntake& operator=(const UVCFrameIntake&) = delete;
@@ -30,22 +34,22 @@ class UVCFrameIntake : private UVCFrameReceiver {
   void TakePackets(const _UsbIoXferInfo& info);
   void TakePayload(const _UsbIoXferInfo& info);
 
-  // A transfer that is a picture. Takes the record's block and leaves another one in its place, unless as many frames
-  // wait for the remote side as may: then the picture is dropped.
+  // A transfer that is a picture. Takes the record's block and leaves another one in its place, unless it is dropped.
   void TakeWholeFrame(_UsbIoXferInfo& info);
 
  private:
   std::span<std::uint8_t> NextBlock() override;
-  void TakeFrame(std::span<std::uint8_t> frame) override { HandOn(frame.size()); }
+  void TakeFrame(std::span<std::uint8_t> frame) override;
   // Stamps the frame of so many bytes in mBlock.
   void HandOn(std::size_t length);
 
   UVCFrameManager& mFrames;
   UVCStreamTally& mTally;
-  const std::uint32_t mFrameSize;
+  const UVCCameraReader::Source mSource;
   const FrameBlocks::User mBlocksUser;
   HeapBlock mBlock;  // Of the frame under assembly.
-  UVCFrameAssembler mAssembler{*this};
+  UVCFrameAssembler mAssembler;
+  FailureLine mShortPictures;
   std::uint32_t mFrameCounter = 0;
   std::optional<std::int64_t> mLastTimestamp;   // Milliseconds.
   std::optional<std::int64_t> mLastWholeFrame;  // Milliseconds.

@@ -10,7 +10,7 @@ UVCStream::UVCStream(IUsbIo& io, const Format& format, const UVCCameraReader::So
     : mFormat(format),
       mSource(source),
       mFrames(format.in, format.out),
-      mIntake(mFrames, mTally, source.frameSize),
+      mIntake(mFrames, mTally, source),
       mAnswerer(mFrames, mTally),
       mReader(io, *this, source) {}
 

@@ -10,6 +10,7 @@
 
 #include "ScriptedCamera.h"
 #include "support/CapturingLog.h"
+#include "support/Collected.h"
 
 namespace vel::test {
 namespace {
@@ -55,10 +56,6 @@ TEST(Negotiation, StartsWithWhatWasAgreedOnAlone) {
       {"64 MiB", Kind::kEmulated, [](ScriptedCamera& c) { c.Commit(ScriptedCamera::Ctrl(kMax)); }, {kMax}},
       {"above", Kind::kEmulated, [](ScriptedCamera& c) { c.Commit(ScriptedCamera::Ctrl(kMax + 1)); }, {}},
       {"payload 0", Kind::kIso, [](ScriptedCamera& c) { c.Commit(ScriptedCamera::Ctrl(64, 0)); }, {}},
-      {"packets above 64 MiB",
-       Kind::kIso,
-       [](ScriptedCamera& c) { c.Commit(ScriptedCamera::Ctrl(64, kMax / 32 + 1)); },
-       {}},
       {"bulk", Kind::kBulk, [](ScriptedCamera& c) { c.Commit(ScriptedCamera::Ctrl(64, 70)); }, {70, 70, 70}},
       {"bulk, payload 0", Kind::kBulk, [](ScriptedCamera& c) { c.Commit(ScriptedCamera::Ctrl(64, 0)); }, {}},
   };
@@ -72,6 +69,55 @@ TEST(Negotiation, StartsWithWhatWasAgreedOnAlone) {
     EXPECT_EQ(log.Count("Error:Invalid frame type!"), test.submitted.empty() ? 1U : 0U);
     camera.Stop();
   }
+}
+
+TEST(Negotiation, PacketsAreNoLargerThanAgreedOnAndThanTheSettingCarries) {
+  const Bytes superSpeed = {6, 0x30, 15, 2, 0x00, 0xB4};                                 // 46080 bytes.
+  const Bytes superSpeedPlus = {6, 0x30, 15, 0x82, 1, 0, 8, 0x31, 0, 0, 0x00, 0x70, 1};  // 94208, cut short.
+  const Bytes whole = {6, 0x30, 15, 0x82, 1, 0, 8, 0x31, 0, 0, 0x00, 0x70, 1, 0};
+  const struct {
+    std::uint16_t wMaxPacketSize;
+    Bytes companion;
+    std::uint32_t agreed;
+    std::uint32_t packets;  // 0: no stream.
+  } cases[] = {{0x0400, {}, 3072, 1024},      {0x0C00, {}, 3072, 2048},       {0x1400, {}, 3072, 3072},
+               {0x1400, {}, 3060, 3060},      {0x0000, {}, 3060, 3060},       {0x0400, superSpeed, 50000, 46080},
+               {0x1400, {2, 5}, 3060, 3060},  {0x0400, whole, 100000, 94208}, {0x0400, superSpeedPlus, 9, 1},
+               {0x0000, {}, kMax / 32 + 1, 0}};
+  for (const auto& [wMaxPacketSize, companion, agreed, packets] : cases) {
+    SCOPED_TRACE(agreed);
+    ScriptedCamera camera(Kind::kIso);
+    camera.tree.endpoint.wMaxPacketSize = wMaxPacketSize;
+    DescriptorTree::SetExtra(camera.tree.endpoint, companion);
+    camera.policy->ParseDescriptors(&camera.tree.config);
+    camera.Start(ScriptedCamera::Ctrl(64, agreed));
+    for (const ScriptedUsbIo::Submitted& each : camera.io.Transfers()) {
+      EXPECT_EQ(each.packetLength, packets);
+    }
+    EXPECT_THAT(camera.io.Transfers(), SizeIs(packets == 0 ? 0 : 5));
+  }
+}
+
+// Colour and infrared: all that is known is of the first interface that can be read.
+TEST(Negotiation, BelongsToOneStreamingInterface) {
+  ScriptedCamera camera(Kind::kIso);
+  const VsBlock infrared("yuyv 480", 0x86);
+  libusb_interface_descriptor settings[2] = {camera.tree.settings[0], camera.tree.settings[0]};
+  settings[0].bInterfaceNumber = 2;  // Nothing to be read of it.
+  settings[0].extra = nullptr;
+  settings[0].extra_length = 0;
+  settings[1].bInterfaceNumber = 5;
+  DescriptorTree::SetExtra(settings[1], infrared.bytes);
+  const libusb_interface interfaces[] = {{&settings[0], 1}, camera.tree.interface, {&settings[1], 1}};
+  camera.tree.config.interface = interfaces;
+  for (const std::uint8_t count : {std::uint8_t{2}, std::uint8_t{3}}) {
+    camera.tree.config.bNumInterfaces = count;
+    camera.policy->ParseDescriptors(&camera.tree.config);
+    EXPECT_EQ(camera.policy->GetVSInterface(), ScriptedCamera::kInterface);
+    EXPECT_EQ(camera.policy->GetVSEndpoint(), 0x81);
+  }
+  camera.Start(ScriptedCamera::Ctrl(64));
+  EXPECT_THAT(camera.Submitted(), SizeIs(5)) << "isochronous, as it is and the others are not";
 }
 
 TEST(Negotiation, AnswerGoesOnWithoutTheH265BitWhenItsFrameIsKnown) {
@@ -134,21 +180,66 @@ INSTANTIATE_TEST_SUITE_P(Stream, EachKind, testing::Values(Kind::kEmulated, Kind
                                                                 : "Bulk";
                          });
 
-TEST(Stream, OfAnEmulatedCameraKeepsThreeFramesUntilTheyAreRead) {
-  ScriptedCamera camera(Kind::kEmulated);
-  camera.Start(ScriptedCamera::Ctrl(70000));  // Recycled blocks.
+TEST_P(EachKind, KeepsThreeFramesUntilTheyAreRead) {
+  ScriptedCamera camera(GetParam());
+  camera.Start(ScriptedCamera::Ctrl(70000, 64));  // Recycled blocks.
   for (const char* frame : {"1", "2", "3", "dropped", "dropped", ""}) {
-    ASSERT_TRUE(camera.Complete(frame));
+    Feed(camera, GetParam(), frame);
   }
   camera.Read(2);
   EXPECT_THAT(camera.reads.done.Await(2), ElementsAre(Done{1, 0, "1"}, Done{2, 0, "2"}));
   for (const char* frame : {"4", "5", "dropped"}) {
-    ASSERT_TRUE(camera.Complete(frame));
+    Feed(camera, GetParam(), frame);
   }
   camera.Read(3);
   EXPECT_THAT(camera.reads.done.Await(5),
               ElementsAre(testing::_, testing::_, Done{3, 0, "3"}, Done{4, 0, "4"}, Done{5, 0, "5"}));
-  EXPECT_THAT(camera.Submitted(), Each(70000U)) << "a record has its whole size again";
+  EXPECT_THAT(camera.Submitted(), Each(camera.Submitted().front())) << "a record has its whole size again";
+}
+
+// Takes its time over a reply, as a remote side that does not read.
+struct SlowRemote final : UsbIoTransferCallback {
+  void UsbIoXferCb(_UsbIoXferInfo* info) override {
+    const XferPtr owned(info);
+    entered.Add(1);
+    EXPECT_EQ(go.Await(1).size(), 1U);
+  }
+  Collected<int> entered;
+  Collected<int> go;
+};
+
+TEST_P(EachKind, GoesOnReadingWhileTheRemoteSideTakesItsTime) {
+  ScriptedCamera camera(GetParam());
+  SlowRemote slow;
+  camera.Start(ScriptedCamera::Ctrl(64));
+  XferPtr read = MakeXfer();
+  read->callback = &slow;
+  ASSERT_EQ(camera.policy->DoTransfer(read.release()), 0);
+  Feed(camera, GetParam(), "1");
+  EXPECT_THAT(slow.entered.Await(1), SizeIs(1));
+  for (int frame = 2; frame < 20; ++frame) {
+    Feed(camera, GetParam(), std::to_string(frame));  // On this thread: it is not held.
+  }
+  EXPECT_TRUE(camera.io.WaitForHeld(InFlight(GetParam())));
+  camera.Read(3);
+  slow.go.Add(1);
+  EXPECT_THAT(camera.reads.done.Await(3), ElementsAre(Done{1, 0, "2"}, Done{2, 0, "3"}, Done{3, 0, "4"}));
+}
+
+TEST(Stream, RawPicturesThatAreNotWholeAreNotGivenOut) {
+  ScriptedCamera camera(Kind::kBulk);
+  camera.block.bytes[camera.block.starts[1] + 21] = 16;  // Bits for each pixel.
+  camera.policy->ParseDescriptors(&camera.tree.config);
+  const std::string whole(ScriptedCamera::kFrameBytes, 'w');
+  for (const std::uint8_t format : {std::uint8_t{1}, std::uint8_t{2}}) {
+    UVCStreamCtrl ctrl = ScriptedCamera::Ctrl(ScriptedCamera::kFrameBytes, ScriptedCamera::kFrameBytes + 12);
+    ctrl.bFormatIndex = format;
+    camera.Start(ctrl);
+    Feed(camera, Kind::kBulk, "short");
+    Feed(camera, Kind::kBulk, whole);
+    camera.Read();
+    EXPECT_EQ(camera.reads.done.Await(format).back(), (Done{format, 0, format == 1 ? whole : "short"}));
+  }
 }
 
 // Reads in front of a frame that never comes of what a coder could not use.
