@@ -15,12 +15,19 @@ if(TARGET vel_framework AND TARGET vel_utils AND TARGET oskelo_log AND TARGET os
     DESTINATION "${VIRTUSB_CMAKE_DIR}" COMPONENT dev)
 endif()
 
-# The packet format is a source-level interface: who writes a client needs VelPacket to hand packets in.
-install(FILES src/base/HeapBlock.h DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/virtusb/base" COMPONENT dev)
-install(FILES
-    src/protocol/ByteReader.h src/protocol/Commands.h src/protocol/ConfigRecords.h src/protocol/IsoTable.h
-    src/protocol/Requests.h src/protocol/VelPacket.h
-  DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/virtusb/protocol" COMPONENT dev)
+# The packet format is a source-level interface: who writes a client needs VelPacket to hand packets in. The others are
+# the exported classes of the camera pipeline, and what their declarations name.
+foreach(header IN ITEMS
+    base/HeapBlock.h base/LockOrder.h base/ModuleExport.h base/VelLog.h
+    codec/CodecInput.h codec/CodecTypes.h codec/FfmpegLog.h codec/FfmpegPtr.h codec/FrameBlocks.h codec/FrameDump.h
+    codec/FrameThinning.h codec/ThinnedQueue.h codec/UVCDecoderHandler.h codec/UVCEncoderHandler.h codec/UVCFrame.h
+    policys/UVCDecoder.h policys/UVCEncoder.h policys/UVCFrameManager.h policys/UVCUtil.h
+    protocol/ByteReader.h protocol/Commands.h protocol/ConfigRecords.h protocol/IsoTable.h protocol/Requests.h
+    protocol/VelPacket.h
+    uvc/UVCDescriptors.h uvc/UVCStreamCtrl.h)
+  cmake_path(GET header PARENT_PATH room)
+  install(FILES "src/${header}" DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/virtusb/${room}" COMPONENT dev)
+endforeach()
 
 configure_file(cmake/virtusb.pc.in "${PROJECT_BINARY_DIR}/virtusb.pc" @ONLY)
 install(FILES "${PROJECT_BINARY_DIR}/virtusb.pc" DESTINATION "${CMAKE_INSTALL_LIBDIR}/pkgconfig" COMPONENT dev)

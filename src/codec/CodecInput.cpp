@@ -1,9 +1,15 @@
 #include "codec/CodecInput.h"
 
+extern "C" {
+#include <libavcodec/avcodec.h>
+}
+
 #include <cstring>
 #include <limits>
 
 namespace vel {
+
+CodecInput::CodecInput() : mPacket(av_packet_alloc()) {}
 
 AVPacket* CodecInput::Fill(const std::uint8_t* data, std::uint32_t size, std::int64_t pts) {
   constexpr std::uint32_t kMaxSize = std::numeric_limits<int>::max() - AV_INPUT_BUFFER_PADDING_SIZE;

@@ -4,6 +4,10 @@
 #include <cstddef>
 #include <cstdint>
 
+extern "C" {
+#include <libavcodec/avcodec.h>
+}
+
 #include "codec/CodecTypes.h"
 #include "codec/FfmpegPtr.h"
 #include "codec/FrameBlocks.h"

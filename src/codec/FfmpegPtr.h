@@ -1,21 +1,23 @@
-// Owning pointers for FFmpeg's objects.
+// Owning pointers for FFmpeg's objects, without its headers: whoever includes those of the codecs needs none of them.
 #ifndef VEL_CODEC_FFMPEG_PTR_H
 #define VEL_CODEC_FFMPEG_PTR_H
 
 #include <memory>
 
-extern "C" {
-#include <libavcodec/avcodec.h>
-}
+struct AVBufferPool;
+struct AVCodecContext;
+struct AVCodecParameters;
+struct AVFrame;
+struct AVPacket;
 
 namespace vel {
 
 struct FfmpegDeleter {
-  void operator()(AVCodecContext* context) const { avcodec_free_context(&context); }
-  void operator()(AVCodecParameters* parameters) const { avcodec_parameters_free(&parameters); }
-  void operator()(AVFrame* frame) const { av_frame_free(&frame); }
-  void operator()(AVPacket* packet) const { av_packet_free(&packet); }
-  void operator()(AVBufferPool* pool) const { av_buffer_pool_uninit(&pool); }
+  void operator()(AVCodecContext* context) const;
+  void operator()(AVCodecParameters* parameters) const;
+  void operator()(AVFrame* frame) const;
+  void operator()(AVPacket* packet) const;
+  void operator()(AVBufferPool* pool) const;
 };
 
 using CodecContextPtr = std::unique_ptr<AVCodecContext, FfmpegDeleter>;

@@ -3,11 +3,13 @@
 
 #include <cstdint>
 
+#include "base/ModuleExport.h"
+
 namespace vel {
 
 class DecodedPicture;
 
-class UVCDecoderHandler {
+class VEL_MODULE_EXPORT UVCDecoderHandler {
  public:
   // One picture: its bytes, which stay the decoder's and are valid during the call, and the index of the frame that it
   // was made of. The decoder's worker thread; no lock is held; must not release the decoder.

@@ -2,6 +2,7 @@
 
 #include <cstdlib>
 
+#include "codec/FrameBlocks.h"
 #include "codec/FrameThinning.h"
 
 namespace vel {

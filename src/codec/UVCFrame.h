@@ -7,7 +7,8 @@
 #include <deque>
 #include <memory>
 
-#include "codec/FrameBlocks.h"
+#include "base/HeapBlock.h"
+#include "base/ModuleExport.h"
 
 namespace vel {
 
@@ -35,7 +36,7 @@ static_assert(sizeof(UVC_FRAME) == sizeof(void*) + 28);
 static_assert(offsetof(UVC_FRAME, timestamp) == sizeof(void*) + 12);
 
 // Data, which may be recycled (FrameBlocks), and record. Null is allowed.
-void FreeUvcFrame(UVC_FRAME* frame);
+VEL_MODULE_EXPORT void FreeUvcFrame(UVC_FRAME* frame);
 
 struct UVCFrameDeleter {
   void operator()(UVC_FRAME* frame) const { FreeUvcFrame(frame); }
@@ -43,7 +44,7 @@ struct UVCFrameDeleter {
 using UVCFramePtr = std::unique_ptr<UVC_FRAME, UVCFrameDeleter>;
 
 // A frame that takes the block over; the other fields are 0. Null, with the block freed, when there is no memory.
-UVCFramePtr MakeUvcFrame(HeapBlock data, std::uint32_t length, std::uint32_t index);
+VEL_MODULE_EXPORT UVCFramePtr MakeUvcFrame(HeapBlock data, std::uint32_t length, std::uint32_t index);
 
 // The frame's data, which the frame then no longer has.
 HeapBlock TakeFrameData(UVC_FRAME& frame);

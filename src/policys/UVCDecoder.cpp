@@ -3,6 +3,10 @@
 #include <system_error>
 #include <utility>
 
+extern "C" {
+#include <libavcodec/avcodec.h>
+}
+
 #include "base/Clock.h"
 #include "base/VelLog.h"
 #include "codec/DecodedPicture.h"
@@ -32,6 +36,8 @@ extern "C" int GetPictureBuffer(AVCodecContext* context, AVFrame* picture, int f
 }
 
 }  // namespace
+
+UVCDecoder::UVCDecoder() = default;
 
 UVCDecoder::~UVCDecoder() {
   Release();

@@ -24,7 +24,7 @@ class VEL_MODULE_EXPORT UVCDecoder {
  public:
   static constexpr int kMaxDimension = 8192;  // Pixels.
 
-  UVCDecoder() = default;
+  UVCDecoder();
   UVCDecoder(const UVCDecoder&) = delete;
   UVCDecoder& operator=(const UVCDecoder&) = delete;
   ~UVCDecoder();

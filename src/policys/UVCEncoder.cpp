@@ -9,6 +9,10 @@
 #include <system_error>
 #include <utility>
 
+extern "C" {
+#include <libavcodec/avcodec.h>
+}
+
 #include "base/VelLog.h"
 #include "pixel/PixelConvert.h"
 #include "policys/Encoder/FFmpegEncoder.h"
@@ -57,6 +61,8 @@ PlaneOut Plane(const AVFrame& frame, int plane) {
 }
 
 }  // namespace
+
+UVCEncoder::UVCEncoder() = default;
 
 UVCEncoder::~UVCEncoder() {
   Release();

@@ -15,10 +15,10 @@
 #include "codec/ThinnedQueue.h"
 #include "codec/UVCEncoderHandler.h"
 #include "codec/UVCFrame.h"
-#include "policys/Encoder/IEncoder.h"
 
 namespace vel {
 
+class IEncoder;
 struct CameraFuns;
 
 enum _UVC_ENCODER_TYPE : std::uint32_t {
@@ -36,7 +36,7 @@ enum class EncoderType {
 // Bit rate, frame rate and distance of key frames follow from the picture's height.
 class VEL_MODULE_EXPORT UVCEncoder {
  public:
-  UVCEncoder() = default;
+  UVCEncoder();
   UVCEncoder(const UVCEncoder&) = delete;
   UVCEncoder& operator=(const UVCEncoder&) = delete;
   ~UVCEncoder();

@@ -6,7 +6,12 @@
 #include <random>
 #include <stdexcept>
 
+extern "C" {
+#include <libavcodec/avcodec.h>
+}
+
 #include "codec/FfmpegPtr.h"
+#include "codec/FrameBlocks.h"
 #include "pixel/PixelConvert.h"
 
 namespace vel::test {

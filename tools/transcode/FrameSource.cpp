@@ -5,6 +5,8 @@
 #include <stdexcept>
 #include <utility>
 
+#include "codec/FrameBlocks.h"
+
 namespace vel {
 namespace {
 

@@ -9,6 +9,10 @@ extern "C" {
 #include <libavformat/avformat.h>
 }
 
+extern "C" {
+#include <libavcodec/avcodec.h>
+}
+
 #include "codec/FfmpegPtr.h"
 #include "codec/UVCFrame.h"
 

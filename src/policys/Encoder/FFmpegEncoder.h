@@ -5,6 +5,10 @@
 #include <optional>
 #include <string>
 
+extern "C" {
+#include <libavcodec/avcodec.h>
+}
+
 #include "codec/FfmpegPtr.h"
 #include "policys/Encoder/GopRate.h"
 #include "policys/Encoder/IEncoder.h"

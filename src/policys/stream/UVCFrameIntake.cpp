@@ -4,6 +4,7 @@
 
 #include "base/Clock.h"
 #include "base/VelLog.h"
+#include "codec/FrameBlocks.h"
 
 namespace vel {
 

@@ -1,17 +1,27 @@
-// Loads the installed module, opens the emulated raw device and asks for its speed.
+// Loads the installed module, opens the emulated raw device and asks for its speed. Then uses the module as a library:
+// encodes a picture.
 #include <dlfcn.h>
 
 #include <condition_variable>
+#include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <mutex>
+#include <utility>
 
+#include "policys/UVCDecoder.h"
+#include "policys/UVCFrameManager.h"
 #include "protocol/Commands.h"
 #include "protocol/VelPacket.h"
 #include "vel/VelDeviceBase.h"
 #include "vel/VelDriver.h"
 #include "vel/VelDrvModule.h"
+
+#if defined(AVCODEC_AVCODEC_H) || defined(AVUTIL_AVUTIL_H)
+#error "the package's headers want FFmpeg's"
+#endif
 
 namespace {
 
@@ -45,6 +55,26 @@ class RawDevice final : public vel::VelDeviceBase {
   std::unique_ptr<vel::VelPacket> mReply;
 };
 
+// One grey picture comes out as an access unit in byte stream format.
+bool EncodesAPicture() {
+  constexpr std::uint16_t kSize = 64;
+  constexpr std::uint32_t kBytes = kSize * kSize * 2;
+  vel::UVCDecoder unused;
+  vel::UVCFrameManager frames(vel::UVC_FRAME_TYPE_YUYV, vel::UVC_FRAME_TYPE_H264);
+  if (frames.Init(kSize, kSize, vel::UVC_FRAME_TYPE_YUYV, vel::UVC_FRAME_TYPE_H264, nullptr) != 0) {
+    return false;
+  }
+  vel::HeapBlock picture(static_cast<std::uint8_t*>(std::malloc(kBytes)));
+  std::memset(picture.get(), 128, kBytes);
+  vel::UVCFramePtr frame = vel::MakeUvcFrame(std::move(picture), kBytes, 1);
+  if (frames.EnqueueFrame(frame.get()) == 0) {
+    static_cast<void>(frame.release());
+  }
+  const vel::UVCFramePtr encoded(frames.DequeueFrame(60'000));
+  constexpr std::uint8_t kStartCode[] = {0, 0, 0, 1};
+  return encoded != nullptr && encoded->length > 4 && std::memcmp(encoded->data, kStartCode, 4) == 0;
+}
+
 }  // namespace
 
 int main() {
@@ -64,5 +94,6 @@ int main() {
   std::uint32_t speed = 0;
   reply->ReadU32(&speed);
   std::printf("%s: speed %u\n", module->name, speed);
-  return std::strcmp(module->name, "virtusb-redir") == 0 && speed == 2 && reply->GetReqId() == 7 ? 0 : 1;
+  const bool answered = std::strcmp(module->name, "virtusb-redir") == 0 && speed == 2 && reply->GetReqId() == 7;
+  return answered && EncodesAPicture() ? 0 : 1;
 }
