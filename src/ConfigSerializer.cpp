@@ -1,6 +1,7 @@
 #include "ConfigSerializer.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <cstdlib>
 #include <new>
 

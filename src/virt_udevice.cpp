@@ -111,7 +111,7 @@ libusb_device_descriptor* VirtUDevice::GetDevDescript() {
     VEL_ERROR("Get device descriptor failed");
     return nullptr;
   }
-  // The pairing of the two tests is odd and meant: remote sides count on 64 for nearly every device.
+  // An odd pairing of two tests, but remote sides count on 64 for nearly every device.
   if (!(desc->bMaxPacketSize0 == 8 && desc->bNumConfigurations == 0x40)) {
     VEL_DEBUG("bMaxPacketSize0[%d]-[64]", int{desc->bMaxPacketSize0});
     desc->bMaxPacketSize0 = 64;

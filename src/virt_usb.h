@@ -2,6 +2,7 @@
 #define VEL_VIRT_USB_H
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>

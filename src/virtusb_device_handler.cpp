@@ -3,6 +3,8 @@
 
 #include <algorithm>
 #include <array>
+#include <cstddef>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -211,7 +213,7 @@ int VirtUsb::onDetachKernelDriver(PacketPtr packet) {
 
 int VirtUsb::onClearHalt(PacketPtr packet) {
   VEL_DEVICE_DEBUG(mDeviceBase, "ENTER");
-  const int ret = mDevice->ClearHalt(0);  // Always endpoint 0: the payload is not read, as meant.
+  const int ret = mDevice->ClearHalt(0);  // Always endpoint 0, on which remote sides count: the payload is not read.
   VEL_DEVICE_DEBUG(mDeviceBase, "onClearHalt ret:%d", ret);
   return ReplyStatus(*packet, ret);
 }

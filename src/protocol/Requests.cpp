@@ -1,6 +1,8 @@
 #include "protocol/Requests.h"
 
 #include <algorithm>
+#include <cstddef>
+#include <cstring>
 
 #include "protocol/ByteReader.h"
 #include "protocol/IsoTable.h"

@@ -2,7 +2,9 @@
 
 #include <atomic>
 #include <exception>
+#include <memory>
 #include <new>
+#include <thread>
 #include <utility>
 #include <vector>
 
