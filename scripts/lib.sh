@@ -5,6 +5,8 @@ root=$(cd "$(dirname "$0")/.." && pwd)
 
 build_packages="g++ cmake ninja-build pkg-config libusb-1.0-0-dev libspdlog-dev libcli11-dev nlohmann-json3-dev libavcodec-dev libavutil-dev libswscale-dev libavformat-dev"
 test_packages="libgtest-dev libgmock-dev libjpeg62-turbo-dev python3 binutils libumockdev-dev umockdev usbutils"
+# Only makes builds faster.
+optional_packages="ccache"
 # For the tests in a virtual machine, which are skipped, and counted as such, where these cannot be had.
 vm_packages="qemu-system-x86 busybox-static cpio kmod udev xz-utils"
 
@@ -22,10 +24,14 @@ install_packages() {
   DEBIAN_FRONTEND=noninteractive $as_root apt-get install -y -q --no-install-recommends $missing >&2
 }
 
-# build PRESET [TARGET...]: configures once, builds what changed.
+# build PRESET [TARGET...]: configures once, builds what changed. ccache, where it is, spares what another build folder or
+# checkout has compiled: its objects do not depend on where the tree lies.
 build() {
   preset=$1
   shift
-  [ -f "$root/build/$preset/build.ninja" ] || (cd "$root" && cmake --preset "$preset") >&2
+  export CCACHE_BASEDIR="$root" CCACHE_NOHASHDIR=1
+  launcher=$(command -v ccache || true)
+  [ -f "$root/build/$preset/build.ninja" ] ||
+    (cd "$root" && cmake --preset "$preset" ${launcher:+"-DCMAKE_CXX_COMPILER_LAUNCHER=$launcher"}) >&2
   cmake --build "$root/build/$preset" ${1:+--target "$@"} >&2
 }

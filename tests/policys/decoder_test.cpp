@@ -107,6 +107,36 @@ TEST_F(Decoder, DecodesCameraH264AtOnce) {
   }
 }
 
+// Planar where asked for, and the last picture again for clients.
+TEST_F(Decoder, GivesH264AsPlanesAndTheLastPictureAgain) {
+  constexpr std::size_t kPixels = 96 * 64;
+  const Bytes picture = Scene(96, 64).Draw(0);
+  UVCEncoder encoder;
+  ASSERT_EQ(encoder.Init(UVC_ENCODER_TYPE_H264, 96, 64, nullptr, nullptr), 0);
+  Bytes unit(picture.size());
+  std::uint32_t unitSize = 0;
+  ASSERT_EQ(encoder.Encode(picture.data(), 2 * kPixels, unit.data(), &unitSize), 0);
+  Bytes planes(2 * kPixels);
+  Bytes yuyv(2 * kPixels);
+  for (const _UVC_DECODER_OUTPUT_FORMAT format : {UVC_DECODER_OUTPUT_I420, UVC_DECODER_OUTPUT_YUYV}) {
+    UVCDecoder decoder;
+    std::uint32_t size = 0;
+    Bytes again(2 * kPixels);
+    ASSERT_EQ(decoder.Init(UVC_DECODER_TYPE_H264, format, 96, 64, nullptr), 0);
+    EXPECT_EQ(decoder.GetOutputData(again.data(), &size), -1) << "nothing decoded yet";
+    Bytes& out = format == UVC_DECODER_OUTPUT_I420 ? planes : yuyv;
+    ASSERT_EQ(decoder.Decode(unit.data(), unitSize, out.data(), &size), 1);
+    EXPECT_EQ(size, format == UVC_DECODER_OUTPUT_I420 ? kPixels * 3 / 2 : 2 * kPixels);
+    EXPECT_EQ(decoder.GetOutputData(again.data(), &size), 0);
+    EXPECT_EQ(again, out);
+  }
+  const std::uint8_t* const parts[3] = {planes.data(), planes.data() + kPixels, planes.data() + kPixels * 5 / 4};
+  const int strides[3] = {96, 48, 48};
+  Bytes converted(2 * kPixels);
+  UVCDecoder::YUV420PToYUV422(parts, strides, converted.data(), 96, 64);
+  EXPECT_EQ(converted, yuyv);
+}
+
 TEST_F(Decoder, RefusesWhatItCannotDo) {
   const CapturingLog log;
   std::uint32_t size = 0;

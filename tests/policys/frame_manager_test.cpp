@@ -4,7 +4,9 @@
 #include <array>
 #include <atomic>
 #include <chrono>
+#include <fstream>
 #include <iterator>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -149,7 +151,34 @@ TEST(FrameManager, RefusesAndFreesWhatItCannotUse) {
   manager.Release();
 }
 
+TEST(FrameManager, DumpsWhatComesInAndWhatWasEncoded) {
+  const std::string folder = testing::TempDir();
+  const std::array<std::string, 2> files = {folder + "frames.encoded", folder + "frames.raw"};
+  const CapturingLog log(OSKELO_LOG_ERROR);
+  UVCFrameManager manager(kYuyv, kH264);
+  manager.EnableDumpStream(nullptr, 0);
+  manager.EnableDumpStream(files[0].c_str(), 2);
+  EXPECT_EQ(log.Count("Error:unknow stream type."), 1U);
+  for (const std::uint8_t type : {UVCFrameManager::kDumpEncoded, UVCFrameManager::kDumpRaw}) {
+    manager.EnableDumpStream(files[type].c_str(), type);
+  }
+  ASSERT_EQ(manager.Init(64, 64, kYuyv, kH264, nullptr), 0);
+  const Bytes picture = JpegWriter{.width = 64, .height = 64}.Yuyv();
+  ASSERT_EQ(manager.EnqueueFrame(MakeFrame(picture, 0).release()), 0);
+  const UVCFramePtr unit = Dequeue(manager);
+  ASSERT_NE(unit, nullptr);
+  manager.DisableDumpStream();
+  manager.DumpStream(picture.data(), 9, UVCFrameManager::kDumpRaw);  // Off.
+  const auto content = [](const std::string& file) {
+    std::ifstream stream(file, std::ios::binary);
+    return Bytes(std::istreambuf_iterator<char>(stream), {});
+  };
+  EXPECT_EQ(content(files[1]), picture);
+  EXPECT_EQ(content(files[0]), Bytes(unit->data, unit->data + unit->length));
+}
+
 TEST(FrameManager, WaitsAsLongAsAskedAndNoLongerThanRelease) {
+  const CapturingLog log(OSKELO_LOG_OFF);
   UVCFrameManager manager(kYuyv, kYuyv);
   ASSERT_EQ(manager.Init(64, 64, kYuyv, kYuyv, nullptr), 0);
   const auto begin = Clock::now();
