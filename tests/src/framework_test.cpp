@@ -159,12 +159,12 @@ TEST(Device, StreamBeginsAndEndsBehindTheBackendsChangeOfSetting) {
   std::vector<std::string> order;
   for (const std::string& call : io.Calls()) {
     const std::string name = call.substr(0, call.find(' '));
-    if (name == "SetInterfaceAltSetting" || name == "IsochTransfer" || name == "CancelTransfer") {
+    if (name == "SetInterfaceAltSetting" || name == "IsochTransfer" || name == "CancelOwnTransfers") {
       order.push_back(name == "SetInterfaceAltSetting" ? call : name);
     }
   }
   EXPECT_THAT(order, ElementsAre("SetInterfaceAltSetting 3 1", "IsochTransfer", "SetInterfaceAltSetting 3 0",
-                                 "CancelTransfer"));
+                                 "CancelOwnTransfers"));
 }
 
 }  // namespace
