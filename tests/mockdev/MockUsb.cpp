@@ -64,7 +64,7 @@ MockUsb::MockUsb(Traits traits)
     : mTraits(std::move(traits)), mTestbed(umockdev_testbed_new()), mHandler(umockdev_ioctl_base_new()) {
   g_signal_connect(mHandler.get(), "handle-ioctl", G_CALLBACK(&MockUsb::OnIoctl), this);
   g_signal_connect(mHandler.get(), "client-connected", G_CALLBACK(&MockUsb::OnOpened), this);
-  const Bytes hub = {18, 1, 0x00, 0x02, 9, 0, 0, 64, 0x6B, 0x1D, 2, 0, 0, 1, 0, 0, 0, 1};
+  const Bytes hub = {18, 1, 0x00, 0x02, 9, 0, 0, 64, 0x6B, 0x1D, 2, 0, 0, 1, 0, 0, 0, 1, 9, 2, 9, 0, 0, 1, 0, 0, 0};
   umockdev_testbed_add_from_string(mTestbed.get(), DeviceText("/devices/usb1", 1, hub).c_str(), nullptr);
 }
 
