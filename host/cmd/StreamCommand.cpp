@@ -28,6 +28,7 @@ namespace vel {
 namespace {
 
 using Clock = PictureReader::Clock;
+using Presence = GuestCamera::Presence;
 
 // A camera that has shown nothing for so long has failed, whatever its reads say.
 constexpr std::chrono::seconds kSilence{5};
@@ -92,6 +93,9 @@ class StreamRun {
             Outputs& outputs)
       : mCamera(camera), mStream(stream), mOptions(options), mModuleHere(moduleHere), mOutputs(outputs) {}
 
+  // Why there was no picture lately, for people.
+  const std::string& LastFailure() const { return mLastFailure; }
+
   // Throws RemoteError when the camera goes away or shows nothing any more.
   void Run(PictureReader& reader) {
     reader.Start();
@@ -108,6 +112,7 @@ class StreamRun {
         mLive.Show(mStatistics.Figures());
       }
       if (Clock::now() - mStatistics.LastPicture() >= kSilence) {
+        Note("no picture any more, giving the camera back");
         throw RemoteError(Format("the camera has sent no picture for %lld seconds: %s",
                                  static_cast<long long>(kSilence.count()), mLastFailure.c_str()));
       }
@@ -144,8 +149,13 @@ class StreamRun {
     if (status == kTimedOut || status == RemoteDevice::kNoDevice) {
       mStatistics.AddTimeout(arrival);
       mLastFailure = "its reads time out";
-      if (!mCamera.IsThere() || status == RemoteDevice::kNoDevice) {
+      // One that has not answered is not asked again: each time would take a second.
+      mPresence = mPresence == Presence::kSilent ? mPresence : mCamera.Ask();
+      if (mPresence == Presence::kGone || status == RemoteDevice::kNoDevice) {
         throw RemoteError("the camera is gone");
+      }
+      if (mPresence == Presence::kSilent) {
+        mLastFailure = "it answers nothing any more";
       }
       return;
     }
@@ -153,7 +163,8 @@ class StreamRun {
     mFormat = mFormat ? mFormat : format;
     if (!format || format != mFormat) {
       mStatistics.AddBroken(arrival);
-      mLastFailure = status == kCompleted ? "what it sends is no whole picture"
+      mLastFailure = status == kCompleted ? Format("what it sends is no whole picture, the last has %zu bytes",
+                                                   arrival.reply.data.size())
                                           : "its reads end with \"" + std::string(TransferStatusName(status)) + "\"";
       return;
     }
@@ -170,6 +181,7 @@ class StreamRun {
   StreamStatistics mStatistics;
   LiveLine mLive;
   std::optional<PictureFormat> mFormat;
+  Presence mPresence = Presence::kThere;
   std::string mLastFailure = "its reads are not answered";
   bool mInterrupted = false;
 };
@@ -184,6 +196,28 @@ std::unique_ptr<GuestCamera> TakeCamera(RemoteDevice& remote, bool transcode, co
     throw RemoteError(std::string(error.what()) + " (is the camera source \"" + common.cameraSource +
                       "\" there, and free?)");
   }
+}
+
+// From the first request to the last, the device being given back then.
+StreamResult Stream(RemoteDevice& remote, const std::optional<PictureSize>& size, const CommonOptions& common,
+                    const StreamOptions& options, Outputs& outputs, const StopSignal& stop) {
+  const std::unique_ptr<GuestCamera> camera = TakeCamera(remote, !options.untouched, common);
+  const GuestCamera::Stream stream = camera->Negotiate(size);
+  StreamRun run(*camera, stream, options, !IsRemoteDevice(common.device), outputs);
+  {
+    PictureReader reader(remote, camera->Endpoint(), stream.payloadBytes);
+    const StopWatcher watcher(stop, [&reader] { reader.Stop(); });
+    camera->Start(stream);
+    run.Run(reader);
+    reader.Withdraw();
+    camera->Stop();
+  }
+  camera->GiveBack();
+  StreamResult result = run.Result();
+  if (result.figures.frames == 0) {
+    throw RemoteError("the camera sent no picture: " + run.LastFailure());
+  }
+  return result;
 }
 
 }  // namespace
@@ -224,25 +258,19 @@ int RunStream(const CommonOptions& common, const StreamOptions& options, const S
   const std::optional<PictureSize> size = ParseSize(options.size);
   std::unique_ptr<PacketChannel> channel = OpenDevice(common.device, common, true);
   Outputs outputs(options);
-  RemoteDevice remote(std::move(channel));
-  const std::unique_ptr<GuestCamera> camera = TakeCamera(remote, !options.untouched, common);
-  const GuestCamera::Stream stream = camera->Negotiate(size);
+  auto remote = std::make_unique<RemoteDevice>(std::move(channel));
   std::optional<StreamResult> result;
-  {
-    PictureReader reader(remote, camera->Endpoint(), stream.payloadBytes);
-    const StopWatcher watcher(stop, [&reader] { reader.Stop(); });
-    StreamRun run(*camera, stream, options, !IsRemoteDevice(common.device), outputs);
-    camera->Start(stream);
-    run.Run(reader);
-    result = run.Result();
-    reader.Withdraw();
-    camera->Stop();
+  try {
+    result = Stream(*remote, size, common, options, outputs, stop);
+  } catch (const RemoteError& error) {
+    const Clock::time_point begin = Clock::now();
+    remote.reset();
+    const std::chrono::duration<double> taken = Clock::now() - begin;
+    throw RemoteError(error.what() + (taken < std::chrono::seconds(1)
+                                          ? std::string()
+                                          : Format("; giving it back took %.0f seconds more", taken.count())));
   }
-  camera->GiveBack();
-  if (result->figures.frames == 0) {
-    throw RemoteError("the camera sent no picture");
-  }
-  outputs.Finish({stream.mode.width, stream.mode.height});
+  outputs.Finish({result->stream.mode.width, result->stream.mode.height});
   Print(common.json ? StreamJson(*result).dump(2) + "\n" : StreamText(*result));
   return 0;
 }

@@ -164,9 +164,12 @@ void GuestCamera::Stop() {
   mRemote.SetInterfaceAltSetting(mModel.interfaceNumber, 0);
 }
 
-bool GuestCamera::IsThere() {
+GuestCamera::Presence GuestCamera::Ask() {
   constexpr ControlSetup kGetStatus{.bmRequestType = 0x80, .bRequest = 0, .wValue = 0, .wIndex = 0, .wLength = 2};
-  return mRemote.ControlTransfer(kGetStatus).value != LIBUSB_ERROR_NO_DEVICE;
+  const std::int32_t answer = mRemote.ControlTransfer(kGetStatus).value;
+  return answer == LIBUSB_ERROR_NO_DEVICE ? Presence::kGone
+         : answer == LIBUSB_ERROR_TIMEOUT ? Presence::kSilent
+                                          : Presence::kThere;
 }
 
 void GuestCamera::GiveBack() {

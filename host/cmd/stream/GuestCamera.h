@@ -42,8 +42,9 @@ class GuestCamera {
   void Start(const Stream& stream);
   void Stop();
 
-  // Whether the device answers at all.
-  bool IsThere();
+  // Asks the device whether it is there; one that does not answer takes a second.
+  enum class Presence { kThere, kSilent, kGone };
+  Presence Ask();
 
   // Hands the device back to this machine.
   void GiveBack();
