@@ -27,6 +27,7 @@ struct ServeOptions {
   bool stdio = false;
   std::string listen;  // ADDR:PORT, :PORT or PORT
   bool answerFailures = false;
+  bool leanReplies = false;
   bool wait = false;  // For a local device that is not there yet, or comes back.
 };
 

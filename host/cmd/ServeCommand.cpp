@@ -22,7 +22,7 @@ struct Service {
   std::shared_ptr<ModuleLibrary> library;
   DevicePresence& presence;
   const StopSignal& stop;
-  bool answerFailures;
+  Server::Answers answers;
 
   // Serves one remote side. Stopped when the device never came.
   Server::End Run(FdStream& stream, std::string& error) const {
@@ -32,7 +32,7 @@ struct Service {
     }
     Server::End end = Server::End::kStopped;
     {
-      Server server(library, *identity, answerFailures, stream);
+      Server server(library, *identity, answers, stream);
       const DevicePresence::Attachment attachment(presence, server);
       end = server.Run();
       error = server.Error();
@@ -98,7 +98,8 @@ Subcommand AddServe(CLI::App& app, CommonOptions& common) {
       ->type_name("[ADDR:]PORT");
   where->require_option(1);
   line->add_flag("--answer-failures", serve->answerFailures,
-                 "Answer transfers that failed or were cancelled, with their status and no data");
+                 "Answer transfers that failed or were cancelled, too: with their status and what had arrived");
+  line->add_flag("--lean-replies", serve->leanReplies, "Answer OUT transfers without the data of their requests");
   line->add_flag("--wait", serve->wait,
                  "Wait for a local device that is not there yet, and take it back when it returns");
   return {line, [&common, serve] {
@@ -109,7 +110,8 @@ Subcommand AddServe(CLI::App& app, CommonOptions& common) {
 
 int RunServe(const CommonOptions& common, const ServeOptions& serve, const StopSignal& stop) {
   DevicePresence presence(common.device, serve.wait, common.cameraSource);
-  const Service service{ModuleLibrary::Load(common.modulePath), presence, stop, serve.answerFailures};
+  const Service service{
+      ModuleLibrary::Load(common.modulePath), presence, stop, {serve.answerFailures, serve.leanReplies}};
   return serve.stdio ? ServeStdio(service) : ServeSocket(service, common.device, Listener(serve.listen));
 }
 

@@ -23,17 +23,18 @@ constexpr Command kFence = Command::kGetBusNumber;
 
 }  // namespace
 
-Server::Server(std::shared_ptr<ModuleLibrary> library, const DeviceIdentity& identity, bool answersFailures,
+Server::Server(std::shared_ptr<ModuleLibrary> library, const DeviceIdentity& identity, Answers answers,
                FdStream& stream)
     : mLibrary(std::move(library)),
-      mAnswersFailures(answersFailures),
+      mAnswers(answers),
       mStream(stream),
       mWriter(stream, [this](FdStream::Result result) { OnWriteFailed(result); }),
       mSession(NewSession(identity)) {}
 
 std::unique_ptr<ModuleSession> Server::NewSession(const DeviceIdentity& identity) {
   ModuleSession::Options options;
-  options.answersFailures = mAnswersFailures;
+  options.answersFailures = mAnswers.failures;
+  options.leanReplies = mAnswers.lean;
   options.onReply = [this](std::unique_ptr<VelPacket> packet) { OnReply(std::move(packet)); };
   return std::make_unique<ModuleSession>(mLibrary, identity, std::move(options));
 }

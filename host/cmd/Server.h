@@ -24,8 +24,13 @@ class Server {
     kStopped,
   };
 
-  Server(std::shared_ptr<ModuleLibrary> library, const DeviceIdentity& identity, bool answersFailures,
-         FdStream& stream);
+  // How the module is to answer.
+  struct Answers {
+    bool failures = false;  // Failed and cancelled transfers, too.
+    bool lean = false;      // OUT replies without the request's data.
+  };
+
+  Server(std::shared_ptr<ModuleLibrary> library, const DeviceIdentity& identity, Answers answers, FdStream& stream);
 
   End Run();
   const std::string& Error() const { return mError; }
@@ -46,7 +51,7 @@ class Server {
   void Ask(Command command, bool forRemote);
 
   const std::shared_ptr<ModuleLibrary> mLibrary;
-  const bool mAnswersFailures;
+  const Answers mAnswers;
   FdStream& mStream;
   PacketWriter mWriter;
   std::string mError;

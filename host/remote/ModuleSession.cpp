@@ -22,6 +22,7 @@ class ModuleSession::Device final : public VelDeviceBase {
   std::uint16_t GetProductId() const override { return mIdentity.productId; }
   const char* GetArgs() const override { return mIdentity.args.c_str(); }
   bool AnswersFailedTransfers() const override { return mOptions.answersFailures; }
+  bool WantsLeanReplies() const override { return mOptions.leanReplies; }
 
   std::uint8_t TakeReplyReqId(std::uint16_t replyCommand, std::uint32_t streamId) override {
     return mReplyIds.Take(replyCommand, streamId);

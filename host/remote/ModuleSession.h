@@ -30,6 +30,7 @@ class ModuleSession {
   struct Options {
     std::uint32_t devId = 1;
     bool answersFailures = false;
+    bool leanReplies = false;
     // Reply from the module, on its loop or completion threads. Must not close the session; while it blocks,
     // so does Close.
     std::function<void(std::unique_ptr<VelPacket>)> onReply;
