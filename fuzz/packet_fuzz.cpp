@@ -3,7 +3,6 @@
 // odd about the packet, its payload's length (2 bytes), the payload.
 #include <algorithm>
 #include <array>
-#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -20,13 +19,11 @@
 #include "protocol/IsoTable.h"
 #include "protocol/Requests.h"
 #include "protocol/VelPacket.h"
-#include "support/FakeDeviceBase.h"
+#include "support/CountingDeviceBase.h"
 #include "vel/Mutex.h"
 
 namespace vel {
 namespace {
-
-constexpr std::chrono::seconds kReplyTime{60};  // That a session which hangs is found, not how fast it is.
 
 constexpr unsigned kSettings = 2;  // That an input may choose: a camera's stream takes threads, and most of the time.
 
@@ -35,52 +32,39 @@ constexpr std::uint32_t kLastDevId = UINT32_MAX;  // Of the status request behin
 using StreamKey = std::pair<std::uint16_t, std::uint32_t>;  // Reply command and stream id.
 
 // The remote side of the device: keeps which replies came. Any thread.
-class Remote final : public FakeDeviceBase {
+class Remote final : public CountingDeviceBase {
  public:
-  Remote(std::uint16_t productId, bool answersFailures) : FakeDeviceBase({.productId = productId}, answersFailures) {}
+  using CountingDeviceBase::CountingDeviceBase;
 
-  int Send(std::unique_ptr<VelPacket> packet, std::uint32_t /*waitMs*/) override {
+  int Send(std::unique_ptr<VelPacket> packet, std::uint32_t waitMs) override {
     Require(packet->Wire().size() == packet->GetPacketSize(), "a reply holds what its header counts");
     const CommandInfo* request = FindCommand(static_cast<std::uint16_t>(packet->GetCommand() - 1));
     Require(request != nullptr && request->reply != ReplyKind::kNone, "a reply has the command of a request, + 1");
-    const MutexLock lock(mMutex);
-    if (request->reply == ReplyKind::kSync) {
-      ++mSync;
-      mLastDevId = packet->GetDevId();
-      mChanged.NotifyAll();
-    } else {
+    if (request->reply == ReplyKind::kAsync) {
       ByteReader reader(packet->PayloadBytes());
       const auto streamId = reader.Host<std::uint32_t>();
       reader.Skip(sizeof(std::int32_t));
       Require(reader.Ok(), "the reply to a transfer has stream id and status");
+      const MutexLock lock(mTransfersMutex);
       ++mTransfers[{packet->GetCommand(), streamId}];
+      ++mTransferCount;
     }
-    return 0;
+    return CountingDeviceBase::Send(std::move(packet), waitMs);
   }
 
-  // False when the reply to `devId` is not the last one to come.
-  bool AwaitSync(std::uint32_t devId) {
-    const auto deadline = std::chrono::steady_clock::now() + kReplyTime;
-    MutexLock lock(mMutex);
-    while (mLastDevId != devId && mChanged.WaitUntil(lock, deadline)) {
-    }
-    return mLastDevId == devId;
+  std::map<StreamKey, std::size_t> Transfers() {
+    const MutexLock lock(mTransfersMutex);
+    return mTransfers;
   }
   std::size_t Sync() {
-    const MutexLock lock(mMutex);
-    return mSync;
-  }
-  std::map<StreamKey, std::size_t> Transfers() {
-    const MutexLock lock(mMutex);
-    return mTransfers;
+    const MutexLock lock(mTransfersMutex);
+    return Replies() - mTransferCount;
   }
 
  private:
-  Mutex mMutex;
-  CondVar mChanged;
-  std::size_t mSync VEL_GUARDED_BY(mMutex) = 0;
-  std::uint32_t mLastDevId VEL_GUARDED_BY(mMutex) = 0;
-  std::map<StreamKey, std::size_t> mTransfers VEL_GUARDED_BY(mMutex);
+  Mutex mTransfersMutex;
+  std::map<StreamKey, std::size_t> mTransfers VEL_GUARDED_BY(mTransfersMutex);
+  std::size_t mTransferCount VEL_GUARDED_BY(mTransfersMutex) = 0;
 };
 
 // Lengths of some megabytes only take time: those within the bound of 64 MiB are cut.

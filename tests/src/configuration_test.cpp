@@ -70,44 +70,6 @@ TEST(Configuration, IsSerialisedWholeAlsoAboveTheReplysCapacity) {
   }
 }
 
-TEST(Configuration, IsSizedByWhatIsThereWhateverTheTreeClaims) {
-  const struct {
-    const char* what;
-    void (*lie)(DescriptorTree&);
-    std::size_t size;  // Rebuilt.
-  } rows[] = {
-      {"total of 65535", [](DescriptorTree& t) { t.config.wTotalLength = 0xFFFF; }, 34},
-      {"configuration length 0", [](DescriptorTree& t) { t.config.bLength = 0; }, 34},
-      {"setting length 255", [](DescriptorTree& t) { t.settings[1].bLength = 255; }, 34},
-      {"endpoint length 8", [](DescriptorTree& t) { t.endpoint.bLength = 8; }, 34},
-      {"endpoint length 255", [](DescriptorTree& t) { t.endpoint.bLength = 255; }, 36},
-      {"extra bytes at null", [](DescriptorTree& t) { t.config.extra_length = 10; }, 34},
-      {"extra bytes of negative length", [](DescriptorTree& t) { t.endpoint.extra_length = -5; }, 34},
-      {"settings below zero", [](DescriptorTree& t) { t.interface.num_altsetting = -1; }, 9},
-      {"settings at null", [](DescriptorTree& t) { t.interface.altsetting = nullptr; }, 9},
-      {"endpoints at null", [](DescriptorTree& t) { t.settings[0].bNumEndpoints = 255; }, 34},
-      {"interfaces at null", [](DescriptorTree& t) { t.config.interface = nullptr; }, 9},
-  };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.what);
-    DescriptorTree tree;
-    row.lie(tree);
-    const Bytes raw = Rebuilt(tree);
-    ASSERT_EQ(raw.size(), row.size);
-    EXPECT_EQ(raw[2] + raw[3] * 256U, raw.size()) << "wTotalLength";
-    std::size_t at = 0;  // Every descriptor can be found.
-    while (at < raw.size()) {
-      ASSERT_GE(raw[at], 2);
-      at += raw[at];
-    }
-    EXPECT_EQ(at, raw.size());
-    const auto read = Serialised(tree);
-    ASSERT_TRUE(read);
-    EXPECT_THAT(read->extra, IsEmpty());
-    EXPECT_EQ(!read->interfaces.empty() && !read->interfaces[0].empty(), row.size > 9);
-  }
-}
-
 TEST(Configuration, OfMoreThan64KiBIsNotRebuilt) {
   DescriptorTree tree;
   const Bytes extra(0xFFFF - 34 + 1);
