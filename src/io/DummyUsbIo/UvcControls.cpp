@@ -96,6 +96,7 @@ void UvcControls::Set(std::uint8_t selector, const std::uint8_t* data, std::uint
   const MutexLock lock(mMutex);
   if (data != nullptr) {
     std::memcpy(&mStreamCtrl, data, std::min<std::size_t>(wLength, sizeof(UVCStreamCtrl)));
+    mStreamCtrl.dwMaxPayloadTransferSize = kInitial.dwMaxPayloadTransferSize;  // A guest picks its setting by it.
   }
   if (selector == kVsCommitControl) {
     VEL_DEBUG("Interface, CS[0x%x], [COMMIT] need set param[%d][%d], maxVideoSize[%d]", unsigned{selector},
