@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "Require.h"
+#include "codec/UVCFrame.h"
 #include "oskelo/log.h"
 #include "policys/UVCDecoder.h"
 #include "vel/Mutex.h"
@@ -50,7 +51,7 @@ bool IsGoodPicture(const std::uint8_t* data, std::size_t length) {
 class Pictures final : public UVCDecoderHandler {
  public:
   void OnFinishDecode(std::uint8_t* data, std::uint32_t length, std::int64_t index) override {
-    constexpr std::uint32_t kMost = 2U * UVCDecoder::kMaxDimension * UVCDecoder::kMaxDimension;
+    constexpr std::uint32_t kMost = 2U * kMaxPictureSide * kMaxPictureSide;
     Require(length > 0 && length <= kMost, "a picture has a size, and a bounded one");
     const Bytes whole(data, data + length);  // Every byte is there.
     const MutexLock lock(mMutex);

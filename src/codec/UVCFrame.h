@@ -35,6 +35,12 @@ struct UVC_FRAME {
 static_assert(sizeof(UVC_FRAME) == sizeof(void*) + 28);
 static_assert(offsetof(UVC_FRAME, timestamp) == sizeof(void*) + 12);
 
+// Pixels in a direction of a picture, for decoder, encoder and manager alike.
+inline constexpr int kMaxPictureSide = 8192;
+constexpr bool IsPictureSizeUsable(int width, int height) {
+  return width <= kMaxPictureSide && height <= kMaxPictureSide;
+}
+
 // Data, which may be recycled (FrameBlocks), and record. Null is allowed.
 VEL_MODULE_EXPORT void FreeUvcFrame(UVC_FRAME* frame);
 

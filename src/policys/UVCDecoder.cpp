@@ -10,6 +10,7 @@ extern "C" {
 #include "base/Clock.h"
 #include "base/VelLog.h"
 #include "codec/DecodedPicture.h"
+#include "codec/UVCFrame.h"
 #include "pixel/PixelConvert.h"
 
 namespace vel {
@@ -28,7 +29,7 @@ AVCodecID CodecOf(_UVC_DECODER_TYPE type) {
 
 // Called by the codec before it allocates a picture's memory.
 extern "C" int GetPictureBuffer(AVCodecContext* context, AVFrame* picture, int flags) {
-  if (picture->width > UVCDecoder::kMaxDimension || picture->height > UVCDecoder::kMaxDimension) {
+  if (!IsPictureSizeUsable(picture->width, picture->height)) {
     VEL_ERROR("a picture of %dx%d is refused", picture->width, picture->height);
     return AVERROR(EINVAL);
   }
@@ -137,17 +138,11 @@ int UVCDecoder::Decode(const std::uint8_t* in, std::uint32_t inSize, std::uint8_
     VEL_ERROR("decode fail (%d)\n", result);
     return -1;
   }
-  const auto room = static_cast<std::int64_t>(mWidth) * mHeight * 2;
   const DecodedPicture picture(*mFrame, mType, mFormat);
-  if (static_cast<std::int64_t>(picture.BlockBytes()) > room) {
-    VEL_ERROR("a picture of %dx%d does not fit %dx%d", mFrame->width, mFrame->height, mWidth, mHeight);
-    return -1;
+  if (Fits(picture)) {
+    picture.FillUnknownWithBlack(out);
   }
-  picture.LogFormat();
-  picture.FillUnknownWithBlack(out);
-  picture.Convert(out);
-  *outSize = picture.Bytes();
-  return *outSize > 0 ? 1 : -1;
+  return Convert(picture, out, outSize) ? 1 : -1;
 }
 
 int UVCDecoder::GetOutputData(std::uint8_t* out, std::uint32_t* outSize) {
@@ -155,14 +150,25 @@ int UVCDecoder::GetOutputData(std::uint8_t* out, std::uint32_t* outSize) {
   if (mFrame == nullptr || mFrame->data[0] == nullptr || out == nullptr || outSize == nullptr) {
     return -1;
   }
-  const DecodedPicture picture(*mFrame, mType, mFormat);
+  return Convert(DecodedPicture(*mFrame, mType, mFormat), out, outSize) ? 0 : -1;
+}
+
+bool UVCDecoder::Fits(const DecodedPicture& picture) const {
+  return static_cast<std::int64_t>(picture.BlockBytes()) <= static_cast<std::int64_t>(mWidth) * mHeight * 2;
+}
+
+bool UVCDecoder::Convert(const DecodedPicture& picture, std::uint8_t* out, std::uint32_t* outSize) const {
+  if (!Fits(picture)) {
+    VEL_ERROR("a picture of %dx%d does not fit %dx%d", picture.Width(), picture.Height(), mWidth, mHeight);
+    return false;
+  }
   picture.LogFormat();
   if (picture.Bytes() == 0) {
-    return -1;
+    return false;
   }
   picture.Convert(out);
   *outSize = picture.Bytes();
-  return 0;
+  return true;
 }
 
 int UVCDecoder::DecodeAsync(std::uint8_t* in, std::uint32_t inSize, std::uint32_t index) {

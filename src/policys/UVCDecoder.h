@@ -17,13 +17,13 @@
 
 namespace vel {
 
+class DecodedPicture;
+
 // Decodes a camera's MJPEG or H.264 frames. Pictures have the size that they have in the stream, whatever was
 // negotiated; above 8192 pixels in a direction they are refused. A frame that cannot be decoded costs an Error line and
 // no other frame. A pixel format that the decoder does not convert gives a black picture and an Error line.
 class VEL_MODULE_EXPORT UVCDecoder {
  public:
-  static constexpr int kMaxDimension = 8192;  // Pixels.
-
   UVCDecoder();
   UVCDecoder(const UVCDecoder&) = delete;
   UVCDecoder& operator=(const UVCDecoder&) = delete;
@@ -52,7 +52,7 @@ class VEL_MODULE_EXPORT UVCDecoder {
   int Release();
 
   // For clients: converts the picture that Decode decoded last into `out` and sets the size; neither when it cannot be
-  // converted. As for Decode, `out` has the negotiated room.
+  // converted, or needs more than the negotiated room, which `out` has as for Decode. Returns 0 or -1.
   int GetOutputData(std::uint8_t* out, std::uint32_t* outSize);
 
   // For clients: planar 4:2:0 to YUYV, each chroma row twice. `out` has width * height * 2 bytes. Any thread.
@@ -62,6 +62,11 @@ class VEL_MODULE_EXPORT UVCDecoder {
  private:
   int OpenCodec(_UVC_DECODER_TYPE type) VEL_REQUIRES(mCodecMutex);
   int Send(const std::uint8_t* in, std::uint32_t inSize, std::int64_t pts) VEL_REQUIRES(mCodecMutex);
+  // Whether it fits the negotiated size.
+  bool Fits(const DecodedPicture& picture) const VEL_REQUIRES(mCodecMutex);
+  // False, with an Error line, when it does not fit or cannot be converted.
+  bool Convert(const DecodedPicture& picture, std::uint8_t* out, std::uint32_t* outSize) const
+      VEL_REQUIRES(mCodecMutex);
   void DecodeThread(_UVC_DECODER_TYPE type, _UVC_DECODER_OUTPUT_FORMAT format);
   // Waits for the next picture or failure; false at the end.
   bool AwaitPicture(AVFrame& picture, int& result);

@@ -98,6 +98,10 @@ int UVCEncoder::Init(_UVC_ENCODER_TYPE type, int width, int height, UVCEncoderHa
 }
 
 bool UVCEncoder::OpenEncoder(_UVC_ENCODER_TYPE type) {
+  if (!IsPictureSizeUsable(mWidth, mHeight)) {
+    VEL_ERROR("pictures of %dx%d are refused", mWidth, mHeight);
+    return false;
+  }
   mPacket.reset(av_packet_alloc());
   if (mPacket == nullptr) {
     VEL_ERROR("alloc packet failed\n");

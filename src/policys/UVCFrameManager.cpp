@@ -60,6 +60,10 @@ int UVCFrameManager::Init(std::uint16_t width, std::uint16_t height, _UVC_FRAME_
 
 std::unique_ptr<UVCFrameManager::Stream> UVCFrameManager::MakeStream(int width, int height, _UVC_FRAME_TYPE in,
                                                                      _UVC_FRAME_TYPE out, CameraFuns* camera) {
+  if (!IsPictureSizeUsable(width, height)) {
+    VEL_ERROR("pictures of %dx%d are refused", width, height);
+    return nullptr;
+  }
   auto stream = std::make_unique<Stream>();
   stream->width = width;
   stream->height = height;

@@ -154,6 +154,9 @@ TEST_F(Decoder, RefusesWhatItCannotDo) {
               picture.width == 64 ? 1 : -1);
   }
   EXPECT_EQ(log.Count("Error:a picture of 72x64 does not fit 64x64"), 1U);
+  const Bytes large = JpegWriter{.width = 128, .height = 64}.Write();
+  EXPECT_EQ(mDecoder.Decode(large.data(), static_cast<std::uint32_t>(large.size()), out.data(), &size), -1);
+  EXPECT_EQ(mDecoder.GetOutputData(out.data(), &size), -1) << "not what Decode refused";
   EXPECT_EQ(mDecoder.Release(), 0);
   EXPECT_EQ(mDecoder.Release(), 0);
 }

@@ -122,6 +122,7 @@ TEST(Encoder, RefusesWhatItCannotDo) {
   EXPECT_EQ(encoder.Encode(nullptr, 0, nullptr, &size), -1);
   EXPECT_EQ(encoder.Init(UVC_ENCODER_TYPE_H265, 640, 480, nullptr, nullptr), -1);
   EXPECT_EQ(encoder.Init(UVC_ENCODER_TYPE_H264, 641, 480, nullptr, nullptr), -1);
+  EXPECT_EQ(encoder.Init(UVC_ENCODER_TYPE_H264, 8194, 16, nullptr, nullptr), -1);
   // An access unit that is larger than its picture does not leave the block.
   ASSERT_EQ(encoder.Init(UVC_ENCODER_TYPE_H264, 16, 16, nullptr, nullptr), 0);
   Bytes block(16 * 16 * 2);

@@ -140,6 +140,7 @@ TEST(FrameManager, RefusesAndFreesWhatItCannotUse) {
   const UVCFramePtr mine = MakeFrame(Bytes(8), 1);
   EXPECT_EQ(manager.EnqueueFrame(mine.get()), -1);
   EXPECT_EQ(manager.Init(64, 64, kYuyv, UVC_FRAME_TYPE_H265, nullptr), -1);
+  EXPECT_EQ(manager.Init(64, 8193, kMjpeg, kMjpeg, nullptr), -1);
   ASSERT_EQ(manager.Init(64, 64, kMjpeg, kH264, nullptr), 0);
   EXPECT_EQ(manager.EnqueueFrame(nullptr), -1);
   EXPECT_EQ(manager.EnqueueFrame(MakeFrame({}, 1).release()), 0);  // Empty, and not a picture: freed.
