@@ -6,6 +6,7 @@ namespace vel {
 
 bool FrameDump::Open(const char* path) {
   const MutexLock lock(mMutex);
+  mFile.reset();  // First: it may be the same file, whose last bytes are written now.
   mFile.reset(std::fopen(path, "wb"));
   mOn = mFile != nullptr;
   if (mFile == nullptr) {
