@@ -106,7 +106,7 @@ class SessionSoak final : public SoakSuite {
 
   void Round(SoakRun& run) override {
     const std::uint16_t product = kProducts[run.Pick(kProducts.size())];
-    const bool scarce = !run.isShort && run.OneIn(4);
+    const bool scarce = run.OneIn(4);
     const bool interrupted = run.OneIn(4);
     Remote remote(product);
     auto driver = std::make_unique<VirtUsbDriver>(&remote);
