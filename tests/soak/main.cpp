@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
@@ -15,10 +16,10 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <map>
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <utility>
 
@@ -38,10 +39,21 @@ constexpr long kAllowedGrowthKiB = 16L * 1024;
 constexpr unsigned kRoundSeconds = 300;
 constexpr std::uint64_t kSettlingRounds = 20;
 
-const std::map<std::string, std::unique_ptr<SoakSuite> (*)()> kSuites = {
-    {"camera", &MakeCameraSoak}, {"codec", &MakeCodecSoak},     {"device", &MakeDeviceSoak},
-    {"flood", &MakeFloodSoak},   {"session", &MakeSessionSoak},
-};
+using MakeSuite = std::unique_ptr<SoakSuite> (*)();
+
+constexpr std::array<std::pair<std::string_view, MakeSuite>, 5> kSuites = {{
+    {"camera", &MakeCameraSoak},
+    {"codec", &MakeCodecSoak},
+    {"device", &MakeDeviceSoak},
+    {"flood", &MakeFloodSoak},
+    {"session", &MakeSessionSoak},
+}};
+
+// Null where there is none of this name.
+MakeSuite FindSuite(std::string_view name) {
+  const auto* const found = std::ranges::find(kSuites, name, &std::pair<std::string_view, MakeSuite>::first);
+  return found == kSuites.end() ? nullptr : found->second;
+}
 
 struct Options {
   std::string suite;
@@ -111,18 +123,18 @@ std::FILE* gVerdicts = nullptr;
 
 void Print(const char* what, const Options& options, const SoakSuite& suite, const SoakRun& run, std::uint64_t rounds,
            Clock::time_point begin, const Footprint& now) {
-  std::fprintf(
+  static_cast<void>(std::fprintf(
       gVerdicts, "%-8s %6lld s  %8llu rounds  %11llu %s  %9llu faults  %7ld KiB  %3ld descriptors  %2ld threads  %s\n",
       options.suite.c_str(), static_cast<long long>(std::chrono::duration_cast<seconds>(Clock::now() - begin).count()),
       static_cast<unsigned long long>(rounds), static_cast<unsigned long long>(run.work), suite.Unit(),
-      static_cast<unsigned long long>(run.faults), now.memoryKiB, now.descriptors, now.threads, what);
-  std::fflush(gVerdicts);
+      static_cast<unsigned long long>(run.faults), now.memoryKiB, now.descriptors, now.threads, what));
+  static_cast<void>(std::fflush(gVerdicts));
 }
 
 void Run(const Options& options) {
-  const std::unique_ptr<SoakSuite> suite = kSuites.at(options.suite)();
+  const std::unique_ptr<SoakSuite> suite = FindSuite(options.suite)();
   SoakRun run{.random = std::mt19937(options.seed), .isShort = options.rounds != UINT64_MAX};
-  std::fprintf(gVerdicts, "%-8s seed %u\n", options.suite.c_str(), options.seed);
+  static_cast<void>(std::fprintf(gVerdicts, "%-8s seed %u\n", options.suite.c_str(), options.seed));
   const auto begin = Clock::now();
   auto line = begin + seconds(60);
   std::optional<Footprint> settled;
@@ -152,7 +164,7 @@ void Run(const Options& options) {
 
 Options Parse(int argc, char** argv) {
   Options options;
-  if (argc < 2 || argc % 2 != 0 || !kSuites.contains(argv[1])) {
+  if (argc < 2 || argc % 2 != 0 || FindSuite(argv[1]) == nullptr) {
     throw std::invalid_argument("usage: soak SUITE [--seconds N | --rounds N] [--seed N]");
   }
   options.suite = argv[1];
@@ -184,7 +196,7 @@ void SoakRun::NoteMemory() {
 int main(int argc, char** argv) {
   testing::InitGoogleMock(&argc, argv);
   testing::FLAGS_gtest_throw_on_failure = true;
-  std::signal(SIGALRM, vel::test::SayHanging);
+  static_cast<void>(std::signal(SIGALRM, vel::test::SayHanging));
   oskeloLogSetLevel(OSKELO_LOG_OFF);
   vel::test::gVerdicts = fdopen(dup(STDOUT_FILENO), "w");
   static_cast<void>(std::freopen("/dev/null", "w", stdout));
@@ -193,7 +205,7 @@ int main(int argc, char** argv) {
     vel::test::Run(vel::test::Parse(argc, argv));
     return 0;
   } catch (const std::exception& error) {
-    std::fprintf(vel::test::gVerdicts, "%-8s FAILED: %s\n", suite.c_str(), error.what());
+    static_cast<void>(std::fprintf(vel::test::gVerdicts, "%-8s FAILED: %s\n", suite.c_str(), error.what()));
     return 1;
   }
 }

@@ -21,7 +21,7 @@ class FakeDeviceBase : public VelDeviceBase {
     std::uint16_t vendorId = 0xFF00;
     std::uint16_t productId = 0xFF06;
     std::uint32_t devId = 9;
-    std::string args = "";
+    std::string args = {};
   };
   static constexpr std::uint8_t kReplyReqId = 0x77;  // Of give-backs.
 
