@@ -45,11 +45,12 @@ class Transcoding(unittest.TestCase):
                 ("MJPEG with a cut frame", 3 * whole + cut, (), (4, 3, 1))):
             with self.subTest(name):
                 document = self.transcode(data, *arguments)
-                self.assertEqual(tuple(document[key] for key in ("framesIn", "framesOut", "notDecoded")), figures)
-                self.assertEqual(document["thinned"], 0)
+                thinned = document["thinned"]  # Only where the file sets the pace, on a machine that cannot keep it.
+                self.assertTrue(thinned == 0 or "--rate" in arguments, thinned)
+                self.assertEqual((document["framesIn"], document["framesOut"] + thinned, document["notDecoded"]), figures)
                 stages = document["milliseconds"]
                 self.assertEqual(stages["decode"]["frames"], 0 if arguments else figures[1])
-                self.assertEqual(stages["encode"]["frames"], figures[1])
+                self.assertEqual(stages["encode"]["frames"], document["framesOut"])
 
     def test_what_cannot_be_read_is_said_and_leaves_nothing_behind(self) -> None:
         for data in (None, b"", b"no pictures in here"):
