@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "remote/FdStream.h"
 
@@ -40,6 +41,13 @@ struct StreamOptions {
   std::string snapshot;      // Empty: none.
 };
 
+// Of attach and export.
+struct FarOptions {
+  std::vector<std::string> devices;
+  bool untouched = false;       // A camera's raw pictures stay raw on the way.
+  std::string listen = "3240";  // As of ServeOptions; export's alone.
+};
+
 // A command of the command line, and what runs it once the line was parsed.
 struct Subcommand {
   CLI::App* line = nullptr;
@@ -52,6 +60,8 @@ Subcommand AddDescribe(CLI::App& app, CommonOptions& common);
 Subcommand AddStream(CLI::App& app, CommonOptions& common);
 Subcommand AddServe(CLI::App& app, CommonOptions& common);
 Subcommand AddGiveback(CLI::App& app, CommonOptions& common);
+Subcommand AddAttach(CLI::App& app, CommonOptions& common);
+Subcommand AddExport(CLI::App& app, CommonOptions& common);
 Subcommand AddDemo(CLI::App& app, CommonOptions& common);
 
 // What several commands take.
@@ -68,6 +78,10 @@ int RunStream(const CommonOptions& common, const StreamOptions& options, const S
 // Serves until `stop` is raised, or with stdio until its input ends.
 int RunServe(const CommonOptions& common, const ServeOptions& serve, const StopSignal& stop);
 int RunGiveback(const CommonOptions& common);
+// Puts devices on this machine's bus until `stop` is raised or none is left.
+int RunAttach(const CommonOptions& common, const FarOptions& far, const StopSignal& stop);
+// Gives devices to guests' own clients until `stop` is raised.
+int RunExport(const CommonOptions& common, const FarOptions& far, const StopSignal& stop);
 
 // The rule file that lets a user open USB devices, as installed or in the source tree.
 std::string UdevRulePath();

@@ -61,8 +61,10 @@ int main(int argc, char** argv) {
         ->type_name("LEVEL")
         ->check(CLI::IsMember({"debug", "info", "warn", "error", "off"}));
 
-    const std::array commands = {vel::AddList(app, common),  vel::AddDescribe(app, common), vel::AddStream(app, common),
-                                 vel::AddServe(app, common), vel::AddGiveback(app, common), vel::AddDemo(app, common)};
+    const std::array commands = {vel::AddList(app, common),     vel::AddDescribe(app, common),
+                                 vel::AddStream(app, common),   vel::AddServe(app, common),
+                                 vel::AddGiveback(app, common), vel::AddAttach(app, common),
+                                 vel::AddExport(app, common),   vel::AddDemo(app, common)};
     for (const vel::Subcommand& command : commands) {
       command.line->fallthrough();
     }

@@ -1,0 +1,50 @@
+#include <CLI/CLI.hpp>
+#include <memory>
+#include <string>
+#include <utility>
+
+#include "cmd/Commands.h"
+#include "cmd/FarDevices.h"
+#include "cmd/Listener.h"
+#include "cmd/Output.h"
+#include "cmd/Signals.h"
+#include "far/UsbipServer.h"
+
+namespace vel {
+
+Subcommand AddExport(CLI::App& app, CommonOptions& common) {
+  const auto far = std::make_shared<FarOptions>();
+  CLI::App* const line =
+      app.add_subcommand("export", "Give devices to guests that use their own USB/IP client, until interrupted");
+  AddFarOptions(*line, *far);
+  line->add_option("--listen", far->listen, "On ADDR:PORT, or on PORT of the loopback address")
+      ->type_name("[ADDR:]PORT")
+      ->capture_default_str();
+  line->footer(
+      "A guest takes one with: usbip attach -r HOST -b BUSID. Nothing is encrypted, nobody is asked who he is.");
+  return {line, [&common, far] {
+            const CaughtSignals signals;
+            return RunExport(common, *far, signals.Stop());
+          }};
+}
+
+int RunExport(const CommonOptions& common, const FarOptions& far, const StopSignal& stop) {
+  const Listener listener(far.listen);
+  UsbipServer server(stop, &Note);
+  for (std::size_t i = 0; i < far.devices.size(); ++i) {
+    server.Add(far.devices[i], OpenFarDevice(far.devices[i], common, far));
+    Note(far.devices[i] + " is " + server.Record(i).busId);
+  }
+  Note("serving " + std::to_string(far.devices.size()) + " devices by USB/IP on " + listener.Name() +
+       "; interrupt to end");
+  while (true) {
+    std::string peer;
+    UniqueFd connection = listener.Accept(stop, peer);
+    if (!connection.IsValid()) {
+      return 0;
+    }
+    server.Serve(std::move(connection), std::move(peer));
+  }
+}
+
+}  // namespace vel

@@ -1,0 +1,33 @@
+#include "cmd/FarDevices.h"
+
+#include <CLI/CLI.hpp>
+#include <stdexcept>
+#include <utility>
+
+#include "cmd/DeviceChannel.h"
+#include "cmd/Output.h"
+
+namespace vel {
+
+std::unique_ptr<FarDevice> OpenFarDevice(const std::string& device, const CommonOptions& common,
+                                         const FarOptions& far) {
+  FarDevice::Options options;
+  options.transcode = !far.untouched;
+  options.note = [device](const std::string& line) { Note(device + ": " + line); };
+  std::unique_ptr<PacketChannel> channel = OpenDevice(device, common, true);
+  try {
+    return std::make_unique<FarDevice>(std::move(channel), std::move(options));
+  } catch (const std::runtime_error& error) {
+    throw std::runtime_error(device + ": " + error.what());
+  }
+}
+
+void AddFarOptions(CLI::App& command, FarOptions& far) {
+  command
+      .add_option("DEVICE", far.devices,
+                  "Names from \"virtusb list\", BUS:ADDRESS, VID:PID, tcp://HOST:PORT or \"exec:COMMAND...\"")
+      ->required();
+  command.add_flag("--no-transcode", far.untouched, "A camera's raw pictures travel as they are; without, as H.264");
+}
+
+}  // namespace vel

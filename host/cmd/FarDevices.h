@@ -1,0 +1,21 @@
+// What attach and export have in common.
+#ifndef VIRTUSB_HOST_CMD_FAR_DEVICES_H
+#define VIRTUSB_HOST_CMD_FAR_DEVICES_H
+
+#include <memory>
+#include <string>
+
+#include "cmd/Commands.h"
+#include "far/FarDevice.h"
+
+namespace vel {
+
+// Opens what DEVICE names for a guest. Throws as OpenDevice does, and RemoteError when the device does not answer.
+std::unique_ptr<FarDevice> OpenFarDevice(const std::string& device, const CommonOptions& common, const FarOptions& far);
+
+// Puts the devices and how they are taken into a command's options.
+void AddFarOptions(CLI::App& command, FarOptions& far);
+
+}  // namespace vel
+
+#endif

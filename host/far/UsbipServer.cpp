@@ -1,0 +1,143 @@
+#include "far/UsbipServer.h"
+
+#include <poll.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <utility>
+
+#include "far/UsbipLink.h"
+
+namespace vel {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// For a client to say what it wants.
+constexpr std::chrono::seconds kRequestTime{10};
+
+// Fills `bytes`. False when the client goes, takes too long, or everything ends.
+bool ReadWhole(int fd, std::span<std::uint8_t> bytes, Clock::time_point deadline, const StopSignal& stop) {
+  while (!bytes.empty()) {
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
+    std::array<pollfd, 2> descriptors = {pollfd{fd, POLLIN, 0}, pollfd{stop.Fd(), POLLIN, 0}};
+    const int ready = poll(descriptors.data(), descriptors.size(), static_cast<int>(std::max<long long>(left, 0)));
+    if (ready == 0 || descriptors[1].revents != 0) {
+      return false;
+    }
+    const ssize_t count = ready < 0 ? -1 : read(fd, bytes.data(), bytes.size());
+    if (count == 0 || (count < 0 && errno != EINTR && errno != EAGAIN)) {
+      return false;
+    }
+    bytes = bytes.subspan(static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
+  }
+  return true;
+}
+
+}  // namespace
+
+UsbipServer::~UsbipServer() {
+  for (Connection& connection : mConnections) {
+    connection.thread.join();
+  }
+}
+
+void UsbipServer::Add(std::string name, std::unique_ptr<FarDevice> device) {
+  const auto number = static_cast<std::uint32_t>(mDevices.size() + 1);
+  auto exported = std::make_unique<Exported>();
+  exported->name = std::move(name);
+  exported->record = device->Facts().Record("1-" + std::to_string(number), number);
+  exported->device = std::move(device);
+  mDevices.push_back(std::move(exported));
+}
+
+void UsbipServer::Serve(UniqueFd connection, std::string peer) {
+  for (auto each = mConnections.begin(); each != mConnections.end();) {
+    if (each->over) {
+      each->thread.join();
+      each = mConnections.erase(each);
+    } else {
+      ++each;
+    }
+  }
+  if (mConnections.size() >= kMaxConnections) {
+    mNote(peer + ": refused, there are " + std::to_string(kMaxConnections) + " clients already");
+    return;
+  }
+  Connection& added = mConnections.emplace_back();
+  added.thread = std::thread([this, &added, fd = std::move(connection), peer = std::move(peer)]() mutable {
+    Talk(fd.Get(), peer);
+    fd = UniqueFd();
+    added.over = true;
+  });
+}
+
+void UsbipServer::Talk(int fd, const std::string& peer) {
+  std::array<std::uint8_t, kOperationHeaderBytes> header{};
+  if (!ReadWhole(fd, header, Clock::now() + kRequestTime, mStop)) {
+    return;
+  }
+  const auto operation = ReadOperation(header);
+  if (!operation) {
+    mNote(peer + ": refused, it does not speak USB/IP 1.1.1");
+  } else if (*operation == UsbipOperation::kDeviceList) {
+    SendList(fd);
+  } else {
+    Import(fd, peer);
+  }
+}
+
+void UsbipServer::SendList(int fd) const {
+  std::vector<UsbipDeviceRecord> free;
+  for (const auto& exported : mDevices) {
+    if (!exported->taken && !exported->device->IsGone()) {
+      free.push_back(exported->record);
+    }
+  }
+  FdStream(fd, fd, mStop).WriteAll(WriteDeviceList(free));
+}
+
+void UsbipServer::Import(int fd, const std::string& peer) {
+  std::array<std::uint8_t, kBusIdBytes> bytes{};
+  if (!ReadWhole(fd, bytes, Clock::now() + kRequestTime, mStop)) {
+    return;
+  }
+  const std::string busId = ReadBusId(bytes);
+  const auto found =
+      std::ranges::find_if(mDevices, [&busId](const auto& exported) { return exported->record.busId == busId; });
+  const auto refuse = [&](UsbipRefusal refusal, const std::string& why) {
+    FdStream(fd, fd, mStop).WriteAll(WriteImportReply(nullptr, refusal));
+    mNote(peer + ": refused, " + why);
+  };
+  if (found == mDevices.end()) {
+    return refuse(UsbipRefusal::kNoDevice, "it asks for a device that there is not");
+  }
+  Exported& exported = **found;
+  if (exported.device->IsGone()) {
+    return refuse(UsbipRefusal::kError, exported.name + " is gone");
+  }
+  if (exported.taken.exchange(true)) {
+    return refuse(UsbipRefusal::kBusy, exported.name + " has another guest");
+  }
+  if (FdStream(fd, fd, mStop).WriteAll(WriteImportReply(&exported.record)) == FdStream::Result::kOk) {
+    mNote(peer + " has " + exported.name + " (" + busId + ")");
+    UsbipLink link(fd, *exported.device, mStop);
+    switch (link.Run()) {
+      case UsbipLink::End::kGuestLeft:
+      case UsbipLink::End::kStopped:
+        mNote(peer + " has given " + exported.name + " back");
+        break;
+      case UsbipLink::End::kMalformed:
+        mNote(peer + ": ended, it sends what is no USB/IP: " + link.Error());
+        break;
+      case UsbipLink::End::kDeviceGone:
+        break;  // The device has said so.
+    }
+  }
+  exported.taken = false;
+}
+
+}  // namespace vel

@@ -1,0 +1,133 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <numeric>
+
+#include "far/FarCamera.h"
+#include "far/PayloadCutter.h"
+#include "support/Collected.h"
+
+namespace vel {
+namespace {
+
+using testing::ElementsAre;
+using Bytes = std::vector<std::uint8_t>;
+
+TEST(PayloadCutter, PictureEndsWithItsFlagAndTheNextOneTogglesTheFrameId) {
+  PayloadCutter cutter;
+  std::vector<UrbPacket> packets = {{0, 5}, {5, 2}, {7, 5}, {12, 5}};  // One without room for anything.
+  const Bytes picture = {1, 2, 3, 4, 5};
+  cutter.Begin(picture);
+  EXPECT_THAT(cutter.Cut(packets), ElementsAre(2, 0x81, 1, 2, 3, 2, 0x83, 4, 5));
+  EXPECT_THAT(packets,
+              ElementsAre(testing::Field(&UrbPacket::actualLength, 5), testing::Field(&UrbPacket::actualLength, 0),
+                          testing::Field(&UrbPacket::actualLength, 4), testing::Field(&UrbPacket::actualLength, 0)));
+  EXPECT_FALSE(cutter.HasRest());
+  cutter.Begin(std::span(picture).first(3));
+  EXPECT_THAT(cutter.CutBulk(5), ElementsAre(2, 0x80, 1, 2));  // Short, so that the guest sees its end.
+  EXPECT_THAT(cutter.CutBulk(5), ElementsAre(2, 0x82, 3));
+}
+
+// A device that notes what its camera asks for. Its guest has as many URBs as the test gives.
+class Port final : public FarCamera::Port {
+ public:
+  std::uint32_t NewStreamId() override { return ++mNext; }
+  void SendRead(std::uint8_t /*endpoint*/, std::uint32_t streamId, std::uint32_t room) override {
+    EXPECT_EQ(room, 3072U);
+    reads.Add(streamId);
+  }
+  void CancelRead(std::uint32_t streamId) override { cancels.Add(streamId); }
+  void SendSetting(std::uint8_t /*interfaceNumber*/, std::uint8_t /*setting*/) override {}
+  void Note(const std::string& line) override { ADD_FAILURE() << line; }
+  bool AnswerHeld(const FarCamera::Fill& fill) override {
+    int left = urbs;
+    while (left > 0 && !urbs.compare_exchange_weak(left, left - 1)) {
+    }
+    if (left > 0) {
+      std::vector<UrbPacket> packets = {{0, 1000}};
+      const auto data = fill(packets, 1000);
+      filled.Add({data.begin(), data.end()});
+    }
+    return left > 0;
+  }
+
+  std::atomic<int> urbs{0};
+  Collected<std::uint32_t> reads;
+  Collected<std::uint32_t> cancels;
+  Collected<Bytes> filled;
+
+ private:
+  std::atomic<std::uint32_t> mNext{100};
+};
+
+class FarCameraTest : public testing::Test {
+ protected:
+  static CameraModel Model() {
+    CameraModel model;
+    model.interfaceNumber = 1;
+    model.endpoint = 0x81;
+    model.modes = {{.format = PictureFormat::kYuyv, .formatIndex = 1, .frameIndex = 2, .width = 8, .height = 4}};
+    model.settings = {{1, 3072}};
+    return model;
+  }
+  void Commit(std::uint8_t frameIndex) {
+    Bytes control(26);
+    control[2] = 1;
+    control[3] = frameIndex;
+    control[23] = 3072 >> 8;
+    camera.BeforeRequest({0x21, 1, 0x0200, 1, 26}, control);
+  }
+  void SelectSetting(std::uint16_t setting) {
+    const ControlSetup setup{0x01, 11, setting, 1, 0};
+    camera.BeforeRequest(setup, {});
+    camera.AfterRequest(setup);
+  }
+  void Answer(std::uint32_t streamId, std::int32_t status, const Bytes& picture) {
+    auto packet = std::make_unique<VelPacket>(1024);
+    packet->InitHeader(0, 0x1029, 1);
+    packet->Append(picture.data(), static_cast<std::uint32_t>(picture.size()));
+    const TransferAnswer answer{streamId, status, 0, packet->PayloadBytes()};
+    EXPECT_TRUE(camera.TakeReply(answer, packet));
+  }
+
+  Port port;
+  FarCamera camera{Model(), port};
+};
+
+TEST_F(FarCameraTest, NewestPictureWinsAndReadsStayInFlight) {
+  Commit(2);
+  SelectSetting(1);
+  const auto reads = port.reads.Await(4);
+  ASSERT_EQ(reads.size(), 4U);
+  Answer(reads[0], 0, Bytes(64, 1));
+  Answer(reads[1], 0, Bytes(64, 2));
+  port.reads.Await(6);  // Both were taken, and read again.
+  port.urbs = 1;
+  camera.OnUrb();
+  const auto filled = port.filled.Await(1);
+  ASSERT_EQ(filled.size(), 1U);
+  ASSERT_EQ(filled[0].size(), 66U);
+  EXPECT_EQ(filled[0][2] + 0, 2);
+  SelectSetting(0);
+  EXPECT_THAT(port.cancels.Take(), ElementsAre(106, 105, 104, 103));
+  std::unique_ptr<VelPacket> late;
+  EXPECT_FALSE(camera.TakeReply({103, 3, 0, {}}, late));
+}
+
+TEST_F(FarCameraTest, StreamThatShowsNothingIsNotSpunOn) {
+  Commit(2);
+  SelectSetting(1);
+  for (const std::uint32_t read : port.reads.Await(4)) {
+    Answer(read, 1, {});
+  }
+  // Four that failed, and as many when their time has come: not hundreds.
+  EXPECT_EQ(port.reads.Await(8).size(), 8U);
+  EXPECT_EQ(port.reads.Count(), 8U);
+  SelectSetting(0);
+  Commit(9);  // What the camera does not offer.
+  SelectSetting(1);
+  EXPECT_EQ(port.reads.Count(), 8U);
+}
+
+}  // namespace
+}  // namespace vel
