@@ -18,7 +18,10 @@ done
 cp "$(command -v udevadm)" "$root/bin/systemd-udevd"
 cp "$(command -v lsusb)" "$root/bin/lsusb"
 cp "$@" "$root/opt/"
-ldd "$(command -v udevadm)" "$(command -v lsusb)" "$@" | awk '/=> \// { print $3 } /^\t\// { print $1 }' | sort -u |
+for tool in v4l2-ctl usbip mkfs.ext4; do
+  cp "$(command -v $tool)" "$root/bin/"
+done
+ldd "$(command -v udevadm)" "$root"/bin/lsusb "$root"/bin/v4l2-ctl "$root"/bin/usbip "$root"/bin/mkfs.ext4 "$@" | awk '/=> \// { print $3 } /^\t\// { print $1 }' | sort -u |
   xargs cp -L --parents -t "$root"
 strip -d "$root"/opt/*
 (cd "$root" && find . | cpio -o -H newc --quiet) >"$image"

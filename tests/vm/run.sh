@@ -2,33 +2,34 @@
 # Boots a small virtual machine under software emulation, in which the command redirects USB devices of a real kernel
 # and a test remote uses them. What the guest says on its serial console is the result.
 #
-# run.sh WORK_DIR PROGRAM...   VM_SCENARIOS=a,b leaves all other scenarios out
+# run.sh WORK_DIR SET PROGRAM...   SET is a folder of guest/: its modules, devices and scenarios.
+#                                  VM_SCENARIOS=a,b leaves all other scenarios out
 set -eu
 PATH=$PATH:/sbin:/usr/sbin
 here=$(cd "$(dirname "$0")" && pwd)
-work=$1
-shift
+work=$1 set=$2
+shift 2
 skip() {
   echo "skipped: $1"
   exit 77
 }
 [ -z "${SANITIZED:-}" ] || skip "under emulation a sanitizer takes too long; the plain build is tested"
-for tool in qemu-system-x86_64 busybox cpio depmod lsusb udevadm xz; do
+for tool in qemu-system-x86_64 busybox cpio depmod lsusb udevadm usbip v4l2-ctl mkfs.ext4 xz; do
   command -v $tool >/dev/null || skip "no $tool here; vm_packages in scripts/lib.sh names what to install"
 done
 
-mkdir -p "$work"
+mkdir -p "$work/$set"
 # shellcheck disable=SC2046 # One module a line.
-"$here/fetch_kernel.sh" "$work/kernel" $(cat "$here/guest/modules")
-"$here/build_image.sh" "$work/image" "$work/kernel/modules" "$here/guest" "$@"
-cd "$work"
+"$here/fetch_kernel.sh" "$work/kernel" $(cat "$here"/guest/*/modules | sort -u)
+"$here/build_image.sh" "$work/$set/image" "$work/kernel/modules" "$here/guest" "$@"
+cd "$work/$set"
 rm -rf results results.tar sound.wav
 head -c 4194304 /dev/urandom >disk.img
 
 limit=1100 # Seconds; an idle machine takes a tenth of it.
 timeout -k 5 $limit qemu-system-x86_64 -accel tcg -smp 2 -m 1024 -display none -no-reboot -nodefaults \
-  -kernel kernel/vmlinux -initrd image \
-  -append "console=ttyS0 quiet panic=-1 rdinit=/vm/init ${VM_SCENARIOS:+vm.scenarios=$VM_SCENARIOS}" \
+  -kernel ../kernel/vmlinux -initrd image \
+  -append "console=ttyS0 quiet panic=-1 rdinit=/vm/init vm.set=$set ${VM_SCENARIOS:+vm.scenarios=$VM_SCENARIOS}" \
   -serial file:/dev/stdout -serial file:results.tar -monitor none \
   -device qemu-xhci \
   -drive if=none,id=disk,format=raw,file=disk.img -device usb-storage,drive=disk \
@@ -38,7 +39,9 @@ cat qemu.log
 mkdir results
 status=0
 tar -xf results.tar -C results || status=1
-"$here/check_results.py" . "${VM_SCENARIOS:-describe,audio}" || status=1
+checks=
+[ "$set" = kernel ] && checks=describe,audio
+"$here/check_results.py" . "${VM_SCENARIOS:-$checks}" || status=1
 grep -q '^@result passed=[1-9][0-9]* failed=0$' console.log || {
   echo "the machine ended without a good result (it has $limit s)" >&2
   status=1

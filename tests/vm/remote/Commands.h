@@ -24,6 +24,12 @@ std::string Audio(const std::string& place, Arguments arguments);
 std::string Rounds(const std::string& place, Arguments arguments);
 // UDC_FILE: pulls the gadget out while data flows.
 std::string Unplug(const std::string& place, Arguments arguments);
+// COUNT: uses the raw device by libusb where it is attached, and cancels so many transfers.
+std::string Guest(const std::string& place, Arguments arguments);
+// FILE WIDTH HEIGHT DB: recorded pictures of the synthetic camera, each another one and none worse than so many dB.
+std::string Pictures(const std::string& file, Arguments arguments);
+// COUNT: the cases of usbtest's driver that the device has, each so often.
+std::string UsbTest(const std::string& place, Arguments arguments);
 
 }  // namespace vel::vm
 

@@ -1,0 +1,59 @@
+# For the scenarios of the far side; sourced.
+# shellcheck shell=sh
+
+# attach DEVICE...: in the background; what it says is in $said. Waits until the last device's driver is there.
+said=/tmp/attached
+attached= exporter=
+# shellcheck disable=SC2086 # None, or one.
+trap '[ -z "$attached$exporter" ] || kill $attached $exporter 2>/dev/null || true' EXIT
+attach() {
+  for last in "$@"; do :; done
+  $VIRTUSB --module $VIRTUSB_MODULE attach "$@" 2>$said &
+  attached=$!
+  await "$last on the bus" grep -qF "$last is on port" $said
+}
+# detach: interrupts it; it ends well, and its devices go.
+detach() {
+  kill -TERM $attached
+  wait $attached || fail "attach ends with $?: $(cat $said)"
+  attached=
+  await "the ports to be free" ports_free
+}
+ports_free() { ! grep -hE '^(hs|ss) +[0-9]+ 006' /sys/devices/platform/vhci_hcd.0/status; }
+
+# What the drivers of the keyboard, the printer and the serial adapters do with their devices.
+use_simple_devices() {
+  led=$(find /sys/class/leds/ -name '*::numlock' | head -n 1)
+  echo 1 >"$led/brightness"
+  id=$(find "/sys/bus/usb/devices/$(device_of 2867:1112)/" -name ieee1284_id -exec cat {} \;)
+  [ "$id" = "MFG:DV3;CMD:PDF;MDL:VTL;" ] || fail "the printer's id: $id"
+  head -c 1048576 /dev/urandom >/tmp/page
+  timeout 20 dd if=/tmp/page of=/dev/usb/lp0 bs=64k 2>/dev/null || fail "printing"
+  for tty in ttyUSB0 ttyACM0; do
+    stty -F /dev/$tty raw -echo 115200
+    # The adapters send a pattern that counts down from 255 to 1; a read begins anywhere in it.
+    timeout 10 head -c 4096 /dev/$tty | od -An -tu1 -v -w1 |
+      awk 'NR > 1 && $1 != (p > 1 ? p - 1 : 255) && $1 != 255 { exit 1 } { p = $1 } END { exit NR != 4096 }' ||
+      fail "$tty gives no data"
+    timeout 10 dd if=/tmp/page of=/dev/$tty bs=4k count=4 2>/dev/null || fail "$tty takes no data"
+  done
+  echo "LED set, 1 MiB printed, both serial adapters give and take data"
+}
+
+# The camera's node, and COUNT pictures of it into /tmp/pictures: record WIDTH HEIGHT COUNT
+video() { echo "/dev/$(basename "$(find "/sys/bus/usb/devices/$(device_of ff00:fffe)/" -path '*/video4linux/video*' -name index -exec grep -l 0 {} \; | xargs dirname)")"; }
+record() {
+  timeout 30 v4l2-ctl -d "$(video)" --set-fmt-video="width=$1,height=$2,pixelformat=YUYV" --stream-mmap \
+    --stream-count="$3" --stream-to=/tmp/pictures >/tmp/record 2>&1 || fail "no pictures: $(tail -n 3 /tmp/record)"
+}
+# record_on: in the background, until it is ended or fails; there are pictures when it returns.
+record_on() {
+  rm -f /tmp/pictures
+  v4l2-ctl -d "$(video)" --stream-mmap --stream-to=/tmp/pictures >/dev/null 2>&1 &
+  recorder=$!
+  await "a picture" test -s /tmp/pictures
+}
+record_off() {
+  kill $recorder 2>/dev/null || true
+  wait $recorder || true
+}

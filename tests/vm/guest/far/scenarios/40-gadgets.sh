@@ -1,0 +1,26 @@
+# Devices of this kernel, redirected and put back on its bus: storage with a file system, usbtest.
+# shellcheck shell=sh
+. /vm/far/lib.sh
+disk=$(place_of 1d6b:0106)
+zero=$(place_of 0525:a4a0)
+attach "$disk" "$zero"
+cat $said
+on_vhci() { for folder in /sys/devices/platform/vhci_hcd.*/usb*/*-*; do [ "$(cat "$folder/idVendor" 2>/dev/null):$(cat "$folder/idProduct" 2>/dev/null)" = "$1" ] && echo "$folder" && return; done; return 1; }
+block_of() { find "$(on_vhci 1d6b:0106)/" -path '*/block/sd?' | head -n 1; }
+has_block() { [ "$(block_of)" ]; }
+await "the disk" has_block
+block=/dev/$(basename "$(block_of)")
+mkfs.ext4 -q -O ^has_journal "$block" 2>/dev/null
+mkdir -p /mnt
+mount -t ext4 "$block" /mnt
+head -c 20971520 /dev/urandom >/mnt/data
+sum=$(md5sum </mnt/data)
+umount /mnt
+mount -t ext4 "$block" /mnt
+[ "$(md5sum </mnt/data)" = "$sum" ] || fail "the file has changed"
+umount /mnt
+echo "ext4: 20 MiB, the same after it was mounted again"
+folder=$(on_vhci 0525:a4a0)
+remote usbtest "$(cat "$folder/busnum"):$(cat "$folder/devnum")" 20
+detach
+await "usb-storage on the gadget again" has_driver 1d6b:0106 0 usb-storage

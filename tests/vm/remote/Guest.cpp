@@ -1,0 +1,154 @@
+// A program of the guest: libusb on the emulated raw device, as it is attached to this machine's own bus.
+#include <libusb-1.0/libusb.h>
+
+#include <algorithm>
+#include <array>
+#include <memory>
+#include <vector>
+
+#include "Commands.h"
+#include "Served.h"
+
+namespace vel::vm {
+namespace {
+
+constexpr unsigned kTimeout = 5000;
+constexpr std::uint8_t kBulkIn = 0x81;
+constexpr std::uint8_t kBulkOut = 0x01;
+constexpr std::uint8_t kInterruptOut = 0x02;
+constexpr std::uint8_t kInterruptIn = 0x82;
+constexpr std::uint8_t kIsoOut = 0x03;
+constexpr std::uint8_t kIsoIn = 0x83;
+
+struct TransferDeleter {
+  void operator()(libusb_transfer* transfer) const { libusb_free_transfer(transfer); }
+};
+using TransferPtr = std::unique_ptr<libusb_transfer, TransferDeleter>;
+
+class Raw {
+ public:
+  explicit Raw(const std::string& place) {
+    Require(libusb_init(&mContext) == 0, "libusb does not start");
+    libusb_device** list = nullptr;
+    const ssize_t count = libusb_get_device_list(mContext, &list);
+    for (ssize_t i = 0; i < count; ++i) {
+      if (std::to_string(libusb_get_bus_number(list[i])) + ":" + std::to_string(libusb_get_device_address(list[i])) ==
+          place) {
+        libusb_open(list[i], &mHandle);
+      }
+    }
+    libusb_free_device_list(list, 1);
+    Require(mHandle != nullptr, "the device cannot be opened");
+    RequireEqual(libusb_claim_interface(mHandle, 0), 0, "claim");
+  }
+  Raw(const Raw&) = delete;
+  Raw& operator=(const Raw&) = delete;
+  ~Raw() {
+    libusb_close(mHandle);
+    libusb_exit(mContext);
+  }
+
+  libusb_device_handle* Handle() const { return mHandle; }
+  // Runs transfers until `left` is 0.
+  void Await(const int& left) const {
+    while (left > 0) {
+      libusb_handle_events(mContext);
+    }
+  }
+
+ private:
+  libusb_context* mContext = nullptr;
+  libusb_device_handle* mHandle = nullptr;
+};
+
+// From 255 down to 1, and anew with each transfer that the guest's kernel makes of what it is asked for.
+bool IsPattern(std::span<const std::uint8_t> bytes) {
+  std::uint8_t next = 255;
+  for (const std::uint8_t byte : bytes) {
+    if (byte != next && byte != 255) {
+      return false;
+    }
+    next = byte == 1 ? 255 : static_cast<std::uint8_t>(byte - 1);
+  }
+  return true;
+}
+
+void LIBUSB_CALL Count(libusb_transfer* transfer) {
+  --*static_cast<int*>(transfer->user_data);
+}
+
+void MoveData(const Raw& raw) {
+  std::vector<std::uint8_t> buffer(1U << 20U);
+  int moved = 0;
+  RequireEqual(
+      libusb_bulk_transfer(raw.Handle(), kBulkIn, buffer.data(), static_cast<int>(buffer.size()), &moved, kTimeout), 0,
+      "bulk IN");
+  Require(moved == static_cast<int>(buffer.size()) && IsPattern(buffer), "bulk IN's bytes");
+  RequireEqual(libusb_bulk_transfer(raw.Handle(), kBulkOut, buffer.data(), moved, &moved, kTimeout), 0, "bulk OUT");
+  RequireEqual(libusb_interrupt_transfer(raw.Handle(), kInterruptIn, buffer.data(), 64, &moved, kTimeout), 0,
+               "interrupt IN");
+  Require(moved == 64 && IsPattern(std::span(buffer).first(64)), "interrupt IN's bytes");
+  RequireEqual(libusb_interrupt_transfer(raw.Handle(), kInterruptOut, buffer.data(), 64, &moved, kTimeout), 0,
+               "interrupt OUT");
+}
+
+void MoveIso(const Raw& raw, std::uint8_t endpoint) {
+  constexpr int kPackets = 32;  // More than the emulated device takes at once.
+  constexpr int kSize = 64;
+  std::vector<std::uint8_t> buffer(static_cast<std::size_t>(kPackets * kSize));
+  const TransferPtr transfer(libusb_alloc_transfer(kPackets));
+  int left = 1;
+  libusb_fill_iso_transfer(transfer.get(), raw.Handle(), endpoint, buffer.data(), static_cast<int>(buffer.size()),
+                           kPackets, Count, &left, kTimeout);
+  libusb_set_iso_packet_lengths(transfer.get(), kSize);
+  RequireEqual(libusb_submit_transfer(transfer.get()), 0, "isochronous submission");
+  raw.Await(left);
+  RequireEqual(transfer->status, LIBUSB_TRANSFER_COMPLETED, "isochronous status");
+  for (int i = 0; i < kPackets; ++i) {
+    const libusb_iso_packet_descriptor& packet = transfer->iso_packet_desc[i];
+    RequireEqual(packet.status, LIBUSB_TRANSFER_COMPLETED, "isochronous packet status");
+    RequireEqual(packet.actual_length, kSize, "isochronous packet length");
+  }
+  Require(endpoint == kIsoOut || IsPattern(buffer),
+          "isochronous bytes");
+}
+
+// Transfers that are cancelled as soon as they are submitted, so that unlinks race with answers.
+int CancelMany(const Raw& raw, int count) {
+  constexpr int kAtOnce = 32;
+  std::array<std::uint8_t, 512> buffer{};
+  int cancelled = 0;
+  for (int done = 0; done < count; done += kAtOnce) {
+    std::vector<TransferPtr> transfers;
+    int left = 0;
+    for (int i = 0; i < kAtOnce; ++i) {
+      transfers.emplace_back(libusb_alloc_transfer(0));
+      const std::uint8_t endpoint = i % 2 == 0 ? kBulkIn : kInterruptIn;
+      libusb_fill_bulk_transfer(transfers.back().get(), raw.Handle(), endpoint, buffer.data(), 64, Count, &left, 0);
+      transfers.back()->type = i % 2 == 0 ? LIBUSB_TRANSFER_TYPE_BULK : LIBUSB_TRANSFER_TYPE_INTERRUPT;
+      RequireEqual(libusb_submit_transfer(transfers.back().get()), 0, "submission");
+      ++left;
+    }
+    std::ranges::for_each(transfers, [](const TransferPtr& each) { libusb_cancel_transfer(each.get()); });
+    raw.Await(left);
+    cancelled += static_cast<int>(std::ranges::count_if(
+        transfers, [](const TransferPtr& each) { return each->status == LIBUSB_TRANSFER_CANCELLED; }));
+  }
+  return cancelled;
+}
+
+}  // namespace
+
+std::string Guest(const std::string& place, Arguments arguments) {
+  const Raw raw(place);
+  MoveData(raw);
+  MoveIso(raw, kIsoIn);
+  MoveIso(raw, kIsoOut);
+  const int count = std::stoi(arguments[0]);
+  const int cancelled = CancelMany(raw, count);
+  MoveData(raw);
+  return "bulk, interrupt and isochronous both ways; " + std::to_string(cancelled) + " of " + std::to_string(count) +
+         " transfers cancelled";
+}
+
+}  // namespace vel::vm

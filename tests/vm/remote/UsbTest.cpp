@@ -1,0 +1,52 @@
+// The cases of the kernel's usbtest driver (drivers/usb/misc/usbtest.c) that run on the zero gadget.
+#include <fcntl.h>
+#include <linux/usbdevice_fs.h>
+#include <sys/ioctl.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "Commands.h"
+#include "Served.h"
+
+namespace vel::vm {
+namespace {
+
+struct UsbTestParameters {
+  std::uint32_t testNumber;
+  std::uint32_t iterations;
+  std::uint32_t length;
+  std::uint32_t vary;
+  std::uint32_t listLength;
+  std::uint32_t seconds;
+  std::uint32_t microseconds;
+};
+constexpr unsigned long kUsbTestRequest = _IOWR('U', 100, UsbTestParameters);
+constexpr std::uint32_t kCases = 30;
+
+}  // namespace
+
+std::string UsbTest(const std::string& place, Arguments arguments) {
+  const auto iterations = static_cast<std::uint32_t>(std::stoul(arguments[0]));
+  const std::size_t colon = place.find(':');
+  char path[64];
+  static_cast<void>(
+      std::snprintf(path, sizeof path, "/dev/bus/usb/%03d/%03d", std::stoi(place), std::stoi(place.substr(colon + 1))));
+  const UniqueFd device(open(path, O_RDWR));
+  Require(device.IsValid(), std::string("cannot open ") + path);
+  std::string passed;
+  for (std::uint32_t number = 0; number < kCases; ++number) {
+    // Whole packets at any speed: a shorter read of an endless source would be an overflow.
+    UsbTestParameters parameters{number, iterations, 4096, 1024, 8, 0, 0};
+    usbdevfs_ioctl request{0, static_cast<int>(kUsbTestRequest), &parameters};
+    if (ioctl(device.Get(), USBDEVFS_IOCTL, &request) >= 0) {
+      passed += " " + std::to_string(number);
+    } else {
+      Require(errno == EOPNOTSUPP, "usbtest case " + std::to_string(number) + ": " + std::strerror(errno));
+    }
+  }
+  return "usbtest cases" + passed;
+}
+
+}  // namespace vel::vm
