@@ -73,21 +73,6 @@ class RemoteDeviceTest : public testing::Test {
   RemoteDevice mRemote{std::move(mMade), 0x12345678, kDeadline};
 };
 
-TEST_F(RemoteDeviceTest, SynchronousReplyIsMatchedByCommandAndReqId) {
-  Channel().answer = [&](const VelPacket& request) {
-    const int id = request.GetReqId();
-    Channel().Reply(0x100B, id, {1, 0, 0, 0});      // Another command.
-    Channel().Reply(0x102B, id + 1, {2, 0, 0, 0});  // Another request.
-    Channel().Reply(0x102A, id, {3, 0, 0, 0});      // No reply at all.
-    Channel().Reply(0x0005, id, {4, 0, 0, 0});      // Nothing answers a ping.
-    Channel().Reply(0x0000, id, {5, 0, 0, 0});
-    Channel().Reply(0xFFFF, id, {6, 0, 0, 0});
-    Channel().Reply(0x1025, id, {7, 0, 0, 0, 0, 0, 0, 0});  // A transfer that nobody sent.
-    Channel().Reply(0x102B, id, {42, 0, 0, 0});
-  };
-  EXPECT_EQ(Remote().Status(Command::kGetDeviceSpeed), 42);
-}
-
 TEST_F(RemoteDeviceTest, CallWithoutAResultInTimeIsAnErrorAndALateReplyIsIgnored) {
   Channel().answer = [&](const VelPacket& request) { Channel().Reply(0x1011, request.GetReqId(), {1, 2, 3}); };
   EXPECT_THAT(ErrorOf([&] { Remote().Status(Command::kResetDevice); }), HasSubstr("holds no result"));

@@ -1,4 +1,3 @@
-#include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -10,16 +9,13 @@
 #include <array>
 #include <chrono>
 #include <csignal>
-#include <cstring>
 #include <future>
 #include <thread>
 #include <vector>
 
 #include "remote/FdStream.h"
 #include "remote/PacketWriter.h"
-#include "remote/RemoteDevice.h"
 #include "remote/RequestBuilder.h"
-#include "remote/StreamChannel.h"
 
 namespace vel {
 namespace {
@@ -124,51 +120,11 @@ TEST_F(StreamsTest, EachOfSeveralWritersWritesInOnePiece) {
   EXPECT_THAT(pieces, testing::ElementsAre(0, kPieces, kPieces, kPieces));
 }
 
-TEST_F(StreamsTest, WriteToNobodyFailsAndTheOutputGetsItsBlockingModeBack) {
-  {
-    FdStream stream(mPair.near.Get(), mPair.near.Get(), mStop);
-    EXPECT_NE(fcntl(mPair.near.Get(), F_GETFL) & O_NONBLOCK, 0);
-    mPair.far = UniqueFd();
-    EXPECT_EQ(stream.WriteAll(mBuffer), Result::kFailed);
-  }
-  EXPECT_EQ(fcntl(mPair.near.Get(), F_GETFL) & O_NONBLOCK, 0);
-}
-
 TEST_F(StreamsTest, RaisingAStopSignalOftenNeverBlocks) {
   for (int i = 0; i < 100000; ++i) {  // More than a pipe holds.
     mStop.Raise();
   }
   EXPECT_TRUE(mStop.IsRaised());
-}
-
-class StreamChannelTest : public StreamsTest {
- protected:
-  std::unique_ptr<StreamChannel> MakeChannel() {
-    UniqueFd out(fcntl(mPair.near.Get(), F_DUPFD_CLOEXEC, 0));
-    return std::make_unique<StreamChannel>(std::move(mPair.near), std::move(out));
-  }
-};
-
-TEST_F(StreamChannelTest, EndAndGarbageCloseTheDevice) {
-  for (const char* bytes : {"", "'", "GET / HTTP/1.0\r\n\r\n"}) {
-    SCOPED_TRACE(bytes);
-    mPair = Pair();
-    RemoteDevice remote(MakeChannel());
-    auto serving = std::async(std::launch::async, [&] {
-      std::array<std::uint8_t, 16> request{};
-      EXPECT_EQ(recv(mPair.far.Get(), request.data(), request.size(), MSG_WAITALL), 16);
-      EXPECT_EQ(write(mPair.far.Get(), bytes, std::strlen(bytes)), static_cast<ssize_t>(std::strlen(bytes)));
-      shutdown(mPair.far.Get(), SHUT_WR);
-    });
-    EXPECT_THROW(remote.Status(Command::kGetDeviceSpeed), RemoteError);
-  }
-}
-
-TEST_F(StreamChannelTest, CloseEndsABlockedReaderAndReportsNothing) {
-  const auto channel = MakeChannel();
-  channel->Start({.onPacket = [](const std::unique_ptr<VelPacket>&) {}, .onClosed = [](const std::string&) { FAIL(); }});
-  channel->Close();
-  channel->Close();
 }
 
 TEST_F(StreamsTest, PacketsThatComeWhileOneIsWrittenGoOutTogether) {

@@ -1,14 +1,10 @@
 #include "vel/Looper.h"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <functional>
 #include <future>
-#include <numeric>
-#include <set>
-#include <string>
 #include <thread>
 #include <vector>
 
@@ -43,38 +39,6 @@ void AwaitStopping(Looper& looper) {
   while (Post(looper, [] {}) == 0) {
     std::this_thread::yield();
   }
-}
-
-TEST(Looper, HandlesInPostingOrderOnOneThreadOfItsOwn) {
-  constexpr int kMessages = 500;
-  Looper looper;
-  std::vector<std::vector<int>> handled(4);  // Of each of several posters, the first one before the start.
-  std::set<std::thread::id> threads;
-  const auto postAll = [&](std::vector<int>& mine) {
-    for (int i = 0; i < kMessages; ++i) {
-      EXPECT_EQ(Post(looper,
-                     [&, i] {
-                       mine.push_back(i);
-                       threads.insert(std::this_thread::get_id());
-                     }),
-                0);
-    }
-  };
-  postAll(handled[0]);
-  ASSERT_EQ(looper.Start(), 0);
-  {
-    std::vector<std::jthread> posters;
-    for (std::size_t i = 1; i < handled.size(); ++i) {
-      posters.emplace_back(postAll, std::ref(handled[i]));
-    }
-  }
-  Event done;
-  Post(looper, [&] { done.Add(1); });
-  ASSERT_EQ(done.Await(1).size(), 1U);
-  std::vector<int> expected(kMessages);
-  std::iota(expected.begin(), expected.end(), 0);
-  EXPECT_THAT(handled, testing::Each(expected));
-  EXPECT_THAT(threads, testing::ElementsAre(testing::Ne(std::this_thread::get_id())));
 }
 
 TEST(Looper, RunsOnceAndDestroysWhatItDoesNotHandle) {

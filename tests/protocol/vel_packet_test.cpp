@@ -31,8 +31,6 @@ namespace vel {
 namespace {
 
 using testing::ElementsAre;
-using testing::ElementsAreArray;
-using testing::IsEmpty;
 
 using Header = std::array<std::uint8_t, VelPacket::kHeaderSize>;
 
@@ -46,25 +44,6 @@ std::vector<std::uint8_t> Counting(std::size_t n, std::uint8_t first = 1) {
 
 void SetLength(VelPacket& packet, std::uint32_t length) {
   std::memcpy(packet.MutableWire().data() + VelPacket::kLengthOffset, &length, sizeof length);
-}
-
-TEST(VelPacket, PacketIsRightToTheByte) {
-  for (const std::uint32_t capacity : {0U, 15U, 16U, 17U, 1024U}) {
-    const VelPacket packet(capacity);
-    EXPECT_EQ(packet.GetCapacity(), std::max(capacity, 16U));
-    EXPECT_THAT(packet.Wire(), ElementsAre(0x27, 0, 0, 0, 0, 0, 0, 0, 16, 0, 0, 0, 0, 0, 0, 0));
-    EXPECT_THAT(packet.PayloadBytes(), IsEmpty());
-  }
-  VelPacket reply(1024);
-  const std::int32_t result = -5;
-  ASSERT_EQ(reply.Append(&result, sizeof result), 0);
-  ASSERT_EQ(reply.InitHeader(7, 0x1017, 0x89ABCDEF), 0);  // Keeps length and payload.
-  EXPECT_THAT(reply.Wire(), ElementsAre(0x27, 7, 0x17, 0x10, 0xEF, 0xCD, 0xAB, 0x89, 20, 0, 0, 0, 0, 0, 0, 0,  //
-                                        0xFB, 0xFF, 0xFF, 0xFF));
-  const Header foreign = {0x99, 1, 0x10, 0x24, 0, 0, 0, 9, 0, 0, 0, 16, 1, 0, 0, 0};
-  const auto packet = VelPacket::ForReceived(foreign, 16);
-  packet->InitHeader(2, 0x1025, 4);  // One of this host from now on.
-  EXPECT_THAT(packet->Wire(), ElementsAre(0x27, 2, 0x25, 0x10, 4, 0, 0, 0, 16, 0, 0, 0, 0, 0, 0, 0));
 }
 
 TEST(VelPacket, AppendLooksAtTheLastSizeAloneAndGrowsInWholeSteps) {
@@ -166,18 +145,6 @@ TEST(VelPacket, LengthFieldNeverLeadsOutOfTheBlock) {
   VelPacket full(64);
   SetLength(full, 0xFFFFFFF0);
   EXPECT_EQ(full.Append("0123456789abcdef", 16), -1) << "counted past its field";
-}
-
-TEST(VelPacket, ReceivedPacketKeepsItsHeaderButForTheLength) {
-  const Header header = {0x27, 9, 0x22, 0x10, 1, 2, 3, 4, 0xFF, 0xFF, 0xFF, 0xFF, 1, 5, 6, 7};
-  for (const std::uint8_t total : {std::uint8_t{0}, std::uint8_t{16}, std::uint8_t{21}}) {
-    const auto packet = VelPacket::ForReceived(header, total);
-    const std::uint8_t size = std::max<std::uint8_t>(total, 16);
-    EXPECT_EQ(packet->MutableWire().size(), size);
-    EXPECT_THAT(packet->Wire().first(16),
-                ElementsAreArray(Header{0x27, 9, 0x22, 0x10, 1, 2, 3, 4, size, 0, 0, 0, 1, 5, 6, 7}));
-    EXPECT_EQ(packet->GetDevId(), 0x04030201U);
-  }
 }
 
 }  // namespace

@@ -10,7 +10,6 @@
 
 #include "SessionFixture.h"
 #include "io/NullUsbIo.h"
-#include "policys/RedirPolicy.h"
 #include "support/Collected.h"
 #include "support/DescriptorTree.h"
 #include "support/VsBlock.h"
@@ -60,38 +59,11 @@ TEST_F(Framework, HearsSynchronousRepliesFromTheSessionsThreadAndTransfersFromTh
   EXPECT_EQ(threads[2], std::this_thread::get_id());
 }
 
-TEST_F(Framework, OfThePayloadsOnlyThatOfAPingHasTheByteOrderOfItsWriter) {
-  const CapturingLog log;
-  for (const std::uint8_t order : {std::uint8_t{0}, std::uint8_t{1}}) {
-    auto ping = BuildPing(kId, 0x01020304, 5);
-    auto setting = BuildU32Request(Command::kSetConfiguration, kId, 2);
-    ping->MutableWire()[VelPacket::kByteOrderOffset] = order;
-    setting->MutableWire()[VelPacket::kByteOrderOffset] = order;
-    Post(std::move(ping));
-    Ask(std::move(setting));
-    EXPECT_EQ(io.Calls().back(), "SetConfiguration 2");
-  }
-  EXPECT_THAT(log.Messages("doPingProcess"), ::testing::IsSupersetOf({::testing::HasSubstr("streamid = 16909060 "),
-                                                                      ::testing::HasSubstr("streamid = 67305985 ")}));
-}
-
-TEST_F(Framework, ClearedHaltIsClearedHereBeforeTheDeviceIsAsked) {
-  Ask(BuildControlRequest(kId, {0x02, LIBUSB_REQUEST_CLEAR_FEATURE, 0, 0x81, 0}, 9));
-  Ask(BuildControlRequest(kId, {0x00, LIBUSB_REQUEST_CLEAR_FEATURE, 1, 0, 0}, 9));  // Of the device: no endpoint.
-  EXPECT_THAT(io.Calls(),
-              ElementsAre("Init", "ClearHalt 129", "ControlTransfer 2 1 0 129 0 9", "ControlTransfer 0 1 1 0 0 9"));
-}
-
-// A backend with descriptors to look at.
 class DescribedIo final : public NullUsbIo {
  public:
   libusb_device_descriptor* GetDeviceDesc() override { return &device; }
-  libusb_config_descriptor* GetConfigDesc() override { return &mTree.config; }
   std::uint8_t GetIoType() override { return kIoTypeEmulated; }
   libusb_device_descriptor device{};
-
- private:
-  DescriptorTree mTree;
 };
 
 TEST(Device, SaysPacketsOf64BytesButForOneOddPair) {
@@ -110,25 +82,6 @@ TEST(Device, SaysPacketsOf64BytesButForOneOddPair) {
     io->device.bMaxPacketSize0 = each.size;
     io->device.bNumConfigurations = each.configurations;
     EXPECT_EQ(device.GetDevDescript()->bMaxPacketSize0, each.said) << int{each.size} << " " << int{each.configurations};
-  }
-}
-
-// Bits 1 and 2 of the recipient decide.
-TEST(Device, AnswersDescriptorRequestsOfDeviceAndInterface) {
-  DescribedIo io;
-  RedirPolicy policy(&io);
-  policy.ProbePolicy(nullptr, nullptr);
-  std::array<std::uint8_t, 64> data{};
-  const struct {
-    std::uint8_t type;
-    std::uint8_t request;
-    std::uint16_t value;
-    int result;
-  } cases[] = {{0x80, 6, 0x0100, 18}, {0x80, 6, 0x0200, 34}, {0x81, 6, 0x0200, 34}, {0x82, 6, 0x0100, 0},
-               {0x84, 6, 0x0200, 0},  {0x80, 8, 0x0200, 0},  {0x80, 6, 0x0300, 0}};
-  for (const auto& each : cases) {
-    EXPECT_EQ(policy.GetVirtControlData(each.type, each.request, each.value, 0, data.data(), data.size()), each.result)
-        << std::hex << int{each.type} << " " << int{each.request} << " " << each.value;
   }
 }
 

@@ -32,28 +32,6 @@ Bytes Answer(std::int32_t result, const Bytes& data = {}) {
   return bytes;
 }
 
-TEST_F(Handler, StatusCommandsAnswerWhatTheirOperationDid) {
-  const CapturingLog log(OSKELO_LOG_OFF);
-  const struct {
-    Command command;
-    std::string call;
-    std::int32_t result;
-  } rows[] = {
-      {Command::kGetDevicePortNumber, "GetDevicePortNumber", 0xFF},
-      {Command::kAttachKernelDriver, "AttachKernelDriver", LIBUSB_ERROR_NOT_SUPPORTED},
-      {Command::kClearHalt, "ClearHalt 0", LIBUSB_ERROR_PIPE},
-      {Command::kSetConfiguration, "SetConfiguration 2", LIBUSB_ERROR_TIMEOUT},
-      {Command::kSetInterfaceAltSetting, "SetInterfaceAltSetting 2 -1", LIBUSB_ERROR_OVERFLOW},
-      {Command::kCancelTransfer, "CancelTransfer 2", LIBUSB_ERROR_NO_MEM},
-  };
-  for (const auto& [command, call, result] : rows) {
-    io.Answer(call.substr(0, call.find(' ')), result);
-    EXPECT_THAT(Ask(BuildRequest(command, kId, Bytes{2, 0, 0, 0, 0xFF, 0xFF, 0xFF, 0xFF})),
-                IsStatusReply(command, kId.reqId, kId.devId, result));
-    EXPECT_EQ(io.Calls().back(), call);
-  }
-}
-
 TEST_F(Handler, RepliesHoldNoMoreThanTheBufferWhateverTheBackendClaims) {
   const CapturingLog log(OSKELO_LOG_OFF);
   const auto fill = [](int result) {

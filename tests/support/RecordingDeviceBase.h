@@ -44,15 +44,14 @@ class RecordingDeviceBase final : public FakeDeviceBase {
   void OnSend(SendHook hook) { mHook = std::move(hook); }
   void SetBackend(BackendMaker maker) { mBackendMaker = std::move(maker); }
   IUsbIo* MakeBackend(std::uint32_t type) const { return mBackendMaker ? mBackendMaker(type) : nullptr; }
-  void CountRepliesOnly() { mKeepsReplies = false; }
 
   // False when fewer than `n` replies, counted from the start, have come by the deadline.
   [[nodiscard]] bool WaitForReplies(std::size_t n) const {
     const auto deadline = std::chrono::steady_clock::now() + kDeadline;
     MutexLock lock(mMutex);
-    while (mReplyCount < n && mReplied.WaitUntil(lock, deadline)) {
+    while (mReplies.size() < n && mReplied.WaitUntil(lock, deadline)) {
     }
-    return mReplyCount >= n;
+    return mReplies.size() >= n;
   }
   std::vector<Reply> Replies() const {
     const MutexLock lock(mMutex);
@@ -60,7 +59,7 @@ class RecordingDeviceBase final : public FakeDeviceBase {
   }
   std::size_t ReplyCount() const {
     const MutexLock lock(mMutex);
-    return mReplyCount;
+    return mReplies.size();
   }
   // "NAME key=value, key=value", in order.
   std::vector<std::string> Events() const {
@@ -75,10 +74,7 @@ class RecordingDeviceBase final : public FakeDeviceBase {
       mHook(reply);
     }
     const MutexLock lock(mMutex);
-    ++mReplyCount;
-    if (mKeepsReplies) {
-      mReplies.push_back(std::move(reply));
-    }
+    mReplies.push_back(std::move(reply));
     mReplied.NotifyAll();
     return 0;
   }
@@ -106,11 +102,9 @@ class RecordingDeviceBase final : public FakeDeviceBase {
 
   SendHook mHook;
   BackendMaker mBackendMaker;
-  bool mKeepsReplies = true;
   mutable Mutex mMutex;
   mutable CondVar mReplied;
   std::vector<Reply> mReplies VEL_GUARDED_BY(mMutex);
-  std::size_t mReplyCount VEL_GUARDED_BY(mMutex) = 0;
   std::vector<std::string> mEvents VEL_GUARDED_BY(mMutex);
 };
 
