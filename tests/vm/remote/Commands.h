@@ -12,16 +12,8 @@ using Arguments = std::span<const std::string>;
 
 // MIB: that much each of source, sink and loopback, every byte looked at.
 std::string Bulk(const std::string& place, Arguments arguments);
-// COUNT: cancels of transfers that are pending, and as many of such that are just moving data.
-std::string Cancels(const std::string& place, Arguments arguments);
-// TTY BYTES: both ways between the function's terminal and the redirected device; ended by SIGTERM.
-std::string Acm(const std::string& place, Arguments arguments);
-// FILE: reads the medium by raw commands and compares it with FILE.
-std::string Storage(const std::string& place, Arguments arguments);
 // MILLISECONDS FILE: plays sound, and writes into FILE how many frames.
 std::string Audio(const std::string& place, Arguments arguments);
-// COUNT: opens and closes within one service, and counts what it holds.
-std::string Rounds(const std::string& place, Arguments arguments);
 // UDC_FILE: pulls the gadget out while data flows.
 std::string Unplug(const std::string& place, Arguments arguments);
 // COUNT: uses the raw device by libusb where it is attached, and cancels so many transfers.

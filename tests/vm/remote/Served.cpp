@@ -51,7 +51,8 @@ void Served::GiveBack() {
   Check(Command::kCloseUsbDev);
 }
 
-void Served::RequireGood(const CommandProcess::Ending& ending) {
+void Served::Done() {
+  const CommandProcess::Ending ending = mCommand.Leave();
   RequireEqual(ending.status, 0, "exit status (" + ending.messages + ")");
 }
 

@@ -39,8 +39,7 @@ class Served {
   void Take();
   void GiveBack();
   // Ends the service as a remote side does that is done.
-  void Done() { RequireGood(mCommand.Leave()); }
-  static void RequireGood(const CommandProcess::Ending& ending);
+  void Done();
 
   // The first endpoint of this direction and transfer type (LIBUSB_TRANSFER_TYPE_*) among the settings of the interface
   // with this position.

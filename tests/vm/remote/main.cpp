@@ -18,9 +18,7 @@ struct Subject {
 };
 
 constexpr std::array kSubjects = {
-    Subject{"bulk", 1, vel::vm::Bulk},         Subject{"cancels", 1, vel::vm::Cancels},
-    Subject{"acm", 2, vel::vm::Acm},           Subject{"storage", 1, vel::vm::Storage},
-    Subject{"audio", 2, vel::vm::Audio},       Subject{"rounds", 1, vel::vm::Rounds},
+    Subject{"bulk", 1, vel::vm::Bulk},         Subject{"audio", 2, vel::vm::Audio},
     Subject{"unplug", 1, vel::vm::Unplug},     Subject{"guest", 1, vel::vm::Guest},
     Subject{"pictures", 3, vel::vm::Pictures}, Subject{"usbtest", 1, vel::vm::UsbTest},
 };

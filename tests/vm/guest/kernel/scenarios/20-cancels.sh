@@ -1,2 +1,0 @@
-# shellcheck shell=sh
-remote cancels "$(place_of 0525:a4a0)" 200
