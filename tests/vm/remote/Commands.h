@@ -20,7 +20,7 @@ std::string Unplug(const std::string& place, Arguments arguments);
 std::string Guest(const std::string& place, Arguments arguments);
 // FILE WIDTH HEIGHT DB: recorded pictures of the synthetic camera, each another one and none worse than so many dB.
 std::string Pictures(const std::string& file, Arguments arguments);
-// COUNT: the cases of usbtest's driver that the device has, each so often.
+// COUNT: the cases of usbtest's driver that the device has, each so often; the line says which passed.
 std::string UsbTest(const std::string& place, Arguments arguments);
 
 }  // namespace vel::vm

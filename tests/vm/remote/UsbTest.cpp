@@ -36,17 +36,19 @@ std::string UsbTest(const std::string& place, Arguments arguments) {
   const UniqueFd device(open(path, O_RDWR));
   Require(device.IsValid(), std::string("cannot open ") + path);
   std::string passed;
+  std::string failed;
   for (std::uint32_t number = 0; number < kCases; ++number) {
-    // Whole packets at any speed: a shorter read of an endless source would be an overflow.
-    UsbTestParameters parameters{number, iterations, 4096, 1024, 8, 0, 0};
+    // Whole packets at any speed: a shorter read of an endless source would be an overflow. Control writes are shorter.
+    const bool control = number == 14 || number == 21;
+    UsbTestParameters parameters{number, iterations, control ? 1024U : 4096U, control ? 512U : 1024U, 8, 0, 0};
     usbdevfs_ioctl request{0, static_cast<int>(kUsbTestRequest), &parameters};
     if (ioctl(device.Get(), USBDEVFS_IOCTL, &request) >= 0) {
       passed += " " + std::to_string(number);
-    } else {
-      Require(errno == EOPNOTSUPP, "usbtest case " + std::to_string(number) + ": " + std::strerror(errno));
+    } else if (errno != EOPNOTSUPP) {
+      failed += " " + std::to_string(number);
     }
   }
-  return "usbtest cases" + passed;
+  return "usbtest passes" + passed + (failed.empty() ? "" : ", fails" + failed);
 }
 
 }  // namespace vel::vm
