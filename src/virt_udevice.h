@@ -46,6 +46,8 @@ class VirtUDevice : private UsbIoTransferCallback {
   void Init();
 
   int OpenUsbDev();
+  // For good, see IUsbIo. Any thread.
+  void CancelOpen() { mIo->CancelOpen(); }
   // This, ResetDevice and AttachKernelDriver: also from the thread that stops the session.
   int CloseUsbDev();
   int ResetDevice();

@@ -114,6 +114,7 @@ int VirtUsb::IsRedirected() const {
 
 int VirtUsb::Stop() noexcept {
   VEL_DEVICE_DEBUG(mDeviceBase, "stop\n");
+  mDevice->CancelOpen();  // Under the mutex a camera may take its seconds.
   {
     const MutexLock lock(mMutex);
     VEL_DEVICE_DEBUG(mDeviceBase, "virt_usb Close");

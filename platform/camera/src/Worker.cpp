@@ -1,4 +1,3 @@
-#include <atomic>
 #include <memory>
 #include <system_error>
 #include <thread>
@@ -8,16 +7,13 @@
 struct CamWorker {
   void (*function)(void*) = nullptr;
   void* context = nullptr;
-  // Shared with the thread, which may outlive the worker.
-  std::shared_ptr<std::atomic<bool>> returned;
   std::thread thread;
 };
 
 extern "C" {
 
 CamWorker* CreatQtWorker(void* /*parent*/, void (*function)(void*), void* context) {
-  return function == nullptr ? nullptr
-                             : new CamWorker{function, context, std::make_shared<std::atomic<bool>>(false), {}};
+  return function == nullptr ? nullptr : new CamWorker{function, context, {}};
 }
 
 int StartQtWroker(CamWorker* worker) {
@@ -25,10 +21,7 @@ int StartQtWroker(CamWorker* worker) {
     return -1;
   }
   try {
-    worker->thread = std::thread([function = worker->function, context = worker->context, returned = worker->returned] {
-      function(context);
-      *returned = true;
-    });
+    worker->thread = std::thread(worker->function, worker->context);
   } catch (const std::system_error&) {
     return -1;
   }
@@ -37,13 +30,8 @@ int StartQtWroker(CamWorker* worker) {
 
 void QuitQtWroker(CamWorker* worker) {
   const std::unique_ptr<CamWorker> owned(worker);
-  if (owned == nullptr || !owned->thread.joinable()) {
-    return;
-  }
-  if (*owned->returned) {
+  if (owned != nullptr && owned->thread.joinable()) {
     owned->thread.join();
-  } else {
-    owned->thread.detach();
   }
 }
 

@@ -115,6 +115,12 @@ int DummyUvcIo::OpenUsbDev() {
   return 0;
 }
 
+void DummyUvcIo::CancelOpen() {
+  if (mSource != nullptr) {
+    mSource->CancelOpen();
+  }
+}
+
 int DummyUvcIo::ReadCamParamList() {
   _CameraParam* list = nullptr;
   int size = 0;

@@ -47,6 +47,7 @@ class VEL_MODULE_EXPORT DummyUvcIo final : public IUsbIo,
   std::uint32_t GetIoCapability() override;
   void Init() override;
   int OpenUsbDev() override;
+  void CancelOpen() override;
   int CloseUsbDev() override;
   std::uint8_t GetDevicePortNumber() override { return mPortNumber; }
   libusb_device_descriptor* GetDeviceDesc() override;
@@ -122,7 +123,7 @@ class VEL_MODULE_EXPORT DummyUvcIo final : public IUsbIo,
   bool mOpened VEL_GUARDED_BY(mMutex) = false;
 
   UvcControls mControls;
-  ICamera* const mSource;  // mCamera, for requesting pictures without the lock.
+  ICamera* const mSource;  // mCamera, for requesting pictures and for CancelOpen, without the lock.
   UvcStreamContext mStreamContext;
   CaptureCallback mCaptureCallback{mArgs, IsLocalCamera(), &CameraStreamCallbackQt, &mStreamContext};
 };

@@ -27,8 +27,8 @@ static_assert(sizeof(_CameraInfo) == 920 && offsetof(_CameraInfo, name) == 20 &&
 
 // Where the emulated camera's pictures come from. The order of the virtual operations is a binary interface.
 //
-// Results are 0 or more, or negative on failure. One thread at a time, but for SetStreamCallback, which any thread may
-// call while another operation runs; no callback comes after StreamOff has returned.
+// Results are 0 or more, or negative on failure. One thread at a time, but for SetStreamCallback and CancelOpen, which
+// any thread may call while another operation runs; no callback comes after StreamOff has returned.
 class ICamera {
  public:
   ICamera() = default;
@@ -51,6 +51,8 @@ class ICamera {
   virtual int EnableDebug(bool enable) = 0;
   virtual int GetParam(_CameraParam* param) = 0;
   virtual int ProbeParam(_CameraParam* param) = 0;
+  // Makes an Open that runs return soon, and every later one at once: as failed, unless it was faster.
+  virtual void CancelOpen() {}
 };
 
 }  // namespace vel

@@ -1,17 +1,14 @@
 #include "io/DummyUsbIo/QtCamera.h"
 
 #include <chrono>
-#include <system_error>
 #include <utility>
 
-#include "base/LockOrder.h"
 #include "base/VelLog.h"
 
 namespace vel {
 namespace {
 
 constexpr std::chrono::milliseconds kOpenLimit(3000);
-constexpr std::chrono::milliseconds kStopLimit(1000);
 
 }  // namespace
 
@@ -21,39 +18,37 @@ struct QtCamera::Opening {
   const std::string id;
   Mutex mutex VEL_LOCK_LEVEL(Leaf);
   CondVar changed;
-  bool running VEL_GUARDED_BY(mutex) = true;  // The camera is wanted.
-  bool done VEL_GUARDED_BY(mutex) = false;
+  bool wanted VEL_GUARDED_BY(mutex) = true;
+  bool done VEL_GUARDED_BY(mutex) = false;  // The library has answered.
   int result VEL_GUARDED_BY(mutex) = -1;
-  std::shared_ptr<Opening> self VEL_GUARDED_BY(mutex);  // The worker's share, until its function takes it.
+  bool returned VEL_GUARDED_BY(mutex) = false;  // The worker uses nothing of this any more.
 
-  void Finish(int withResult) VEL_EXCLUDES(mutex) {
+  void Return(int withResult) VEL_EXCLUDES(mutex) {
     const MutexLock lock(mutex);
-    result = withResult;
-    done = true;
+    if (!done) {
+      result = withResult;
+      done = true;
+    }
+    returned = true;
+    changed.NotifyAll();
+  }
+  // Not once the library has answered.
+  void GiveUp() VEL_EXCLUDES(mutex) {
+    const MutexLock lock(mutex);
+    wanted = wanted && done;
     changed.NotifyAll();
   }
   void End() VEL_EXCLUDES(mutex) {
     const MutexLock lock(mutex);
-    running = false;
+    wanted = false;
     changed.NotifyAll();
   }
-};
-
-struct QtCamera::Streaming {
-  Mutex mutex VEL_LOCK_LEVEL(Leaf);
-  CondVar changed;
-  bool stopped VEL_GUARDED_BY(mutex) = false;
-  bool ended VEL_GUARDED_BY(mutex) = false;
 };
 
 QtCamera::~QtCamera() {
   VEL_DEBUG("");
   StreamOff();
-  if (mOpened) {
-    Close();
-  }
-  ReleaseWorker();
-  ReleaseStreamThread();
+  Close();
 }
 
 int QtCamera::GetCameraList(std::vector<_CameraInfo>& /*list*/) {
@@ -71,10 +66,14 @@ int QtCamera::Open(const std::string& id) {
   }
   ReleaseWorker();
   mCameraId = id;
-  mOpening = std::make_shared<Opening>(id);
-  try {
-    mOpenThread = std::thread([opening = mOpening] { HoldWorker(opening); });
-  } catch (const std::system_error&) {
+  const auto opening = std::make_shared<Opening>(id);
+  bool cancelled = false;
+  {
+    const MutexLock lock(mMutex);
+    cancelled = mOpenCancelled;
+    mOpening = opening;
+  }
+  if (cancelled || !mOpenThread.Start([opening] { HoldWorker(*opening); })) {
     VEL_ERROR("Open camera[%d], failed.", -1);
     return -1;
   }
@@ -82,45 +81,55 @@ int QtCamera::Open(const std::string& id) {
   int result = -1;
   {
     const auto deadline = std::chrono::steady_clock::now() + kOpenLimit;
-    MutexLock lock(mOpening->mutex);
-    while (!mOpening->done && mOpening->changed.WaitUntil(lock, deadline)) {
+    MutexLock lock(opening->mutex);
+    while (!opening->done && opening->wanted && opening->changed.WaitUntil(lock, deadline)) {
     }
-    done = mOpening->done;
-    result = mOpening->result;
-    mOpening->running = done;
+    done = opening->done;
+    result = opening->result;
+    mOpened = done && result >= 0;
+    opening->wanted = mOpened;
+    opening->changed.NotifyAll();
   }
-  mOpened = done && result >= 0;
   if (mOpened) {
     return 0;
   }
-  if (!done) {
-    Close();
+  if (!done) {  // Not where it could not be opened: the id may be another's.
+    CamClose(mCameraId.c_str());
   }
-  ReleaseWorker();
   VEL_ERROR("Open camera[%d], failed.", result);
   return -1;
 }
 
-// The open thread.
-void QtCamera::HoldWorker(const std::shared_ptr<Opening>& opening) {
+void QtCamera::CancelOpen() {
+  std::shared_ptr<Opening> opening;
   {
-    const MutexLock lock(opening->mutex);
-    opening->self = opening;
+    const MutexLock lock(mMutex);
+    mOpenCancelled = true;
+    opening = mOpening;
   }
-  CamWorker* worker = CreatQtWorker(nullptr, &OpenCamera, opening.get());
+  if (opening != nullptr) {
+    opening->GiveUp();
+  }
+}
+
+// The open thread. It stays until the worker's function has left the module's code.
+void QtCamera::HoldWorker(Opening& opening) {
+  CamWorker* worker = CreatQtWorker(nullptr, &OpenCamera, &opening);
   if (worker == nullptr || StartQtWroker(worker) < 0) {
-    opening->Finish(-1);
-    const MutexLock lock(opening->mutex);
-    opening->self.reset();
+    opening.Return(-1);
   }
   {
-    MutexLock lock(opening->mutex);
-    while (opening->running) {
-      opening->changed.Wait(lock);
+    MutexLock lock(opening.mutex);
+    while (opening.wanted) {
+      opening.changed.Wait(lock);
     }
   }
   if (worker != nullptr) {
     QuitQtWroker(worker);
+  }
+  MutexLock lock(opening.mutex);
+  while (!opening.returned) {
+    opening.changed.Wait(lock);
   }
 }
 
@@ -130,48 +139,53 @@ void QtCamera::OpenCamera(void* context) {
     VEL_DEBUG("userData error\n");
     return;
   }
-  std::shared_ptr<Opening> opening;
+  auto& opening = *static_cast<Opening*>(context);
+  bool wanted = false;
   {
-    auto* given = static_cast<Opening*>(context);
-    const MutexLock lock(given->mutex);
-    opening = std::move(given->self);
+    const MutexLock lock(opening.mutex);
+    wanted = opening.wanted;
   }
-  const int result = CamOpen(opening->id.c_str());
+  if (!wanted) {  // Given up before the library could have been told.
+    opening.Return(-1);
+    return;
+  }
+  const int result = CamOpen(opening.id.c_str());
   if (result < 0) {
     VEL_ERROR("open camera failed, ret[%d]", result);
   }
-  bool wanted = false;
   {
-    const MutexLock lock(opening->mutex);
-    wanted = opening->running;
-    opening->result = result;
-    opening->done = true;
-    opening->changed.NotifyAll();
+    const MutexLock lock(opening.mutex);
+    wanted = opening.wanted;
+    opening.result = wanted ? result : -1;
+    opening.done = true;
+    opening.changed.NotifyAll();
   }
   if (result >= 0 && !wanted) {
-    CamClose(opening->id.c_str());
+    CamClose(opening.id.c_str());
   }
-  VEL_DEBUG("Open camera[%s] finish.", EscapeForLog(opening->id).c_str());
+  VEL_DEBUG("Open camera[%s] finish.", EscapeForLog(opening.id).c_str());
+  opening.Return(result);
 }
 
 int QtCamera::Close() {
-  // Also for a camera that is still being opened. Not for one that could not be: the id may be another's.
-  if (mOpening != nullptr) {
+  if (mOpened) {
     CamClose(mCameraId.c_str());
+    mOpened = false;
   }
   ReleaseWorker();
-  mOpened = false;
   return 0;
 }
 
 void QtCamera::ReleaseWorker() {
-  if (mOpening != nullptr) {
-    mOpening->End();
-    mOpening.reset();
+  std::shared_ptr<Opening> opening;
+  {
+    const MutexLock lock(mMutex);
+    opening.swap(mOpening);
   }
-  if (mOpenThread.joinable()) {
-    mOpenThread.join();
+  if (opening != nullptr) {
+    opening->End();
   }
+  mOpenThread.Leave();
 }
 
 int QtCamera::SetParam(_CameraParam* param) {
@@ -180,39 +194,19 @@ int QtCamera::SetParam(_CameraParam* param) {
 }
 
 int QtCamera::StreamOn() {
-  if (!mStopped) {
-    const MutexLock lock(mStreaming->mutex);
-    if (!mStreaming->ended) {
-      VEL_DEBUG("already start");
-      return 0;
+  if (!mStopped && !mStreamThread.HasEnded()) {
+    VEL_DEBUG("already start");
+    return 0;
+  }
+  mStreamWanted = std::make_shared<std::atomic<bool>>(true);
+  const bool started = mStreamThread.Start([wanted = mStreamWanted, id = mCameraId] {
+    if (*wanted) {
+      [[maybe_unused]] const int result = CamStreamOn(id.c_str());
+      VEL_DEBUG("StreamOn ret[%d]", result);
     }
-  }
-  ReleaseStreamThread();
-  mStreaming = std::make_shared<Streaming>();
-  try {
-    mStreamThread = std::thread([streaming = mStreaming, id = mCameraId] { Capture(*streaming, id); });
-  } catch (const std::system_error&) {
-    mStopped = true;
-    return -1;
-  }
-  mStopped = false;
-  return 0;
-}
-
-// The stream thread.
-void QtCamera::Capture(Streaming& streaming, const std::string& id) {
-  bool wanted = false;
-  {
-    const MutexLock lock(streaming.mutex);
-    wanted = !streaming.stopped;
-  }
-  if (wanted) {
-    [[maybe_unused]] const int result = CamStreamOn(id.c_str());
-    VEL_DEBUG("StreamOn ret[%d]", result);
-  }
-  const MutexLock lock(streaming.mutex);
-  streaming.ended = true;
-  streaming.changed.NotifyAll();
+  });
+  mStopped = !started;
+  return started ? 0 : -1;
 }
 
 int QtCamera::StreamOff() {
@@ -220,37 +214,10 @@ int QtCamera::StreamOff() {
     return -1;
   }
   mStopped = true;
-  {
-    const MutexLock lock(mStreaming->mutex);
-    mStreaming->stopped = true;
-  }
+  *mStreamWanted = false;
   CamStreamOff(mCameraId.c_str());
-  if (mStreamThread.get_id() != std::this_thread::get_id()) {
-    const auto deadline = std::chrono::steady_clock::now() + kStopLimit;
-    {
-      MutexLock lock(mStreaming->mutex);
-      while (!mStreaming->ended && mStreaming->changed.WaitUntil(lock, deadline)) {
-      }
-    }
-    ReleaseStreamThread();
-  }
+  mStreamThread.Leave();
   return 0;
-}
-
-void QtCamera::ReleaseStreamThread() {
-  if (!mStreamThread.joinable()) {
-    return;
-  }
-  bool ended = false;
-  {
-    const MutexLock lock(mStreaming->mutex);
-    ended = mStreaming->ended;
-  }
-  if (ended) {
-    mStreamThread.join();
-  } else {
-    mStreamThread.detach();
-  }
 }
 
 int QtCamera::GetCurrentFrame(std::uint8_t** /*data*/, std::uint32_t* /*length*/) {

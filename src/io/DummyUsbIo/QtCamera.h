@@ -1,12 +1,14 @@
 #ifndef VEL_IO_DUMMY_USB_IO_QT_CAMERA_H
 #define VEL_IO_DUMMY_USB_IO_QT_CAMERA_H
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <string>
-#include <thread>
 #include <vector>
 
+#include "base/LockOrder.h"
+#include "io/DummyUsbIo/CaptureThread.h"
 #include "io/DummyUsbIo/ICamera.h"
 
 namespace vel {
@@ -15,8 +17,8 @@ namespace vel {
 // SetStreamCallback has no part in it. The array of GetParamList is the library's, valid until Close.
 //
 // Threads: the library's worker opens the camera, the open thread holds that worker until the camera is closed, and the
-// stream thread is inside the library while it captures. Neither a camera that does not finish opening nor one that
-// does not stop keeps the caller: what it needs is shared with its thread, which ends by itself.
+// stream thread is inside the library while it captures. A camera that does not finish opening, or does not stop, keeps
+// the caller 1000 ms at most when it is closed, stopped or destroyed (CaptureThread).
 class QtCamera final : public ICamera {
  public:
   QtCamera() = default;
@@ -24,7 +26,7 @@ class QtCamera final : public ICamera {
 
   int GetCameraList(std::vector<_CameraInfo>& list) override;
   int GetParamList(_CameraParam** list, int* count) override;
-  // Waits up to 3000 ms for the camera.
+  // Waits up to 3000 ms for the camera. One that was late is being closed when this returns.
   int Open(const std::string& id) override;
   int Close() override;
   int SetParam(_CameraParam* param) override;
@@ -36,24 +38,24 @@ class QtCamera final : public ICamera {
   int EnableDebug(bool enable) override;
   int GetParam(_CameraParam* param) override;
   int ProbeParam(_CameraParam* param) override;
+  void CancelOpen() override;
 
  private:
   struct Opening;
-  struct Streaming;
 
   static void OpenCamera(void* context);
-  static void HoldWorker(const std::shared_ptr<Opening>& opening);
-  static void Capture(Streaming& streaming, const std::string& id);
+  static void HoldWorker(Opening& opening);
   void ReleaseWorker();
-  void ReleaseStreamThread();
 
   bool mStopped = true;
   std::string mCameraId;
   bool mOpened = false;
-  std::shared_ptr<Opening> mOpening;
-  std::thread mOpenThread;
-  std::shared_ptr<Streaming> mStreaming;
-  std::thread mStreamThread;
+  Mutex mMutex VEL_LOCK_LEVEL(Leaf);
+  bool mOpenCancelled VEL_GUARDED_BY(mMutex) = false;
+  std::shared_ptr<Opening> mOpening VEL_GUARDED_BY(mMutex);
+  CaptureThread mOpenThread;
+  std::shared_ptr<std::atomic<bool>> mStreamWanted;
+  CaptureThread mStreamThread;
 };
 
 }  // namespace vel

@@ -4,11 +4,16 @@
 #include <thread>
 
 #include "FakeCapture.h"
+#include "VirtUsbDriver.h"
 #include "io/DummyUsbIo/DummyCamera.h"
+#include "io/DummyUsbIo/DummyUvcIo.h"
+#include "io/DummyUsbIo/ICameraFactory.h"
 #include "io/DummyUsbIo/QtCamera.h"
 #include "pixel/BgrxToYuyv.h"
+#include "remote/RequestBuilder.h"
 #include "support/CapturingLog.h"
 #include "support/Collected.h"
+#include "support/RecordingDeviceBase.h"
 
 namespace vel {
 namespace {
@@ -90,6 +95,35 @@ TEST(QtCamera, GivesUpACameraThatDoesNotFinishOpening) {
     std::this_thread::yield();
   }
   EXPECT_THAT(capture.Calls(), ElementsAre("CamOpen slow", "CamClose slow", "CamClose slow"));
+}
+
+TEST(QtCamera, IsStoppedAtOnceWhileItOpensAndLeavesNoThread) {
+  FakeCapture capture;
+  capture.BlockOpen(true);
+  const CapturingLog log;
+  RecordingDeviceBase remote;
+  {
+    VirtUsbDriver driver(
+        &remote, [](std::uint32_t, VelDeviceBase*) -> IUsbIo* { return new DummyUvcIo(1, 0x80, 1, 1, "slow"); });
+    ASSERT_EQ(driver.Init(), 0);
+    driver.onEvent(BuildRequest(Command::kOpenUsbDev, {}));
+    while (capture.Calls().empty()) {
+      std::this_thread::yield();
+    }
+    const auto start = std::chrono::steady_clock::now();
+    driver.Close(0);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(2900)) << "waited for the camera";
+    EXPECT_EQ(remote.ReplyCount(), 1U);
+    capture.BlockOpen(false);
+  }
+  EXPECT_EQ(log.Count("Open camera[slow] finish."), 1U);
+  EXPECT_THAT(capture.Calls(), ElementsAre("CamOpen slow", "CamClose slow", "CamClose slow"));
+}
+
+TEST(ICameraFactory, HasNoCameraOfTheSecondType) {
+  const CapturingLog log;
+  EXPECT_EQ(ICameraFactory::CreateCamera(2), nullptr);
+  EXPECT_EQ(log.Count("Error:unsupport v4l2 in this platform"), 1U);
 }
 
 TEST(BgrxToYuyv, ConvertsPairsAndSkipsAnOddColumn) {

@@ -87,8 +87,8 @@ OSKELO_CAMERA_EXPORT CamWorker* CreatQtWorker(void* parent, void (*function)(voi
 // Calls the function, once, on the worker's thread. Negative when no thread can be had or it was
 // started before.
 OSKELO_CAMERA_EXPORT int StartQtWroker(CamWorker* worker);
-// Gives the worker back. Does not wait for a function that has not returned, which then ends by
-// itself. Not on the worker's own thread.
+// Gives the worker back when its function has returned, so that no code of the caller's runs on its
+// thread any more. CamClose ends a CamOpen that the function is in. Not on the worker's own thread.
 OSKELO_CAMERA_EXPORT void QuitQtWroker(CamWorker* worker);
 
 #ifdef __cplusplus
