@@ -8,10 +8,17 @@
 namespace vel {
 namespace {
 
-// Who has the callback of which id.
+// Whose callback an id has.
+struct Holder {
+  const CaptureCallback* device = nullptr;
+  bool changed = false;  // Since the library was told.
+  bool telling = false;  // A thread is at it, and goes on until nothing has changed.
+};
+
 struct Holders {
   Mutex mutex VEL_LOCK_LEVEL(Leaf);
-  std::map<std::string, const CaptureCallback*> byId VEL_GUARDED_BY(mutex);
+  CondVar told;
+  std::map<std::string, Holder> byId VEL_GUARDED_BY(mutex);
 };
 
 Holders& TheHolders() {
@@ -24,35 +31,73 @@ Holders& TheHolders() {
 CaptureCallback::CaptureCallback(std::string id, bool owns, CamStreamCallback callback, void* context)
     : mId(std::move(id)), mOwns(owns), mCallback(callback), mContext(context) {}
 
-// The library is called without the lock: it waits for a running callback, whose completion may register.
 void CaptureCallback::Register() {
-  Holders& holders = TheHolders();
   {
+    Holders& holders = TheHolders();
     const MutexLock lock(holders.mutex);
-    const CaptureCallback*& holder = holders.byId.try_emplace(mId, this).first->second;
-    if (holder != this && !mOwns) {
+    Holder& holder = holders.byId[mId];
+    if (holder.device != nullptr && holder.device != this && !mOwns) {
       return;
     }
-    holder = this;
+    holder.device = this;
+    holder.changed = true;
   }
-  CamSetStreamCallback(mId.c_str(), mCallback, mContext);
+  Tell(mId);
 }
 
 void CaptureCallback::Unregister() {
-  Holders& holders = TheHolders();
-  const auto holds = [this, &holders] {
-    const MutexLock lock(holders.mutex);
-    const auto found = holders.byId.find(mId);
-    return found != holders.byId.end() && found->second == this;
-  };
-  if (!holds()) {
-    return;
+  while (Withdraw()) {
+    Tell(mId);
   }
-  CamSetStreamCallback(mId.c_str(), nullptr, nullptr);
-  const MutexLock lock(holders.mutex);
-  const auto found = holders.byId.find(mId);
-  if (found != holders.byId.end() && found->second == this) {
-    holders.byId.erase(found);
+}
+
+bool CaptureCallback::Withdraw() {
+  Holders& holders = TheHolders();
+  MutexLock lock(holders.mutex);
+  auto found = holders.byId.find(mId);
+  while (found != holders.byId.end() && found->second.device != this && found->second.telling) {
+    holders.told.Wait(lock);
+    found = holders.byId.find(mId);
+  }
+  if (found == holders.byId.end() || found->second.device != this) {
+    return false;
+  }
+  found->second.device = nullptr;
+  found->second.changed = true;
+  return true;
+}
+
+// One thread at a time tells the library, or an older wish could come last. It does so without the lock: the library
+// waits for a running callback, whose completion may register.
+void CaptureCallback::Tell(const std::string& id) {
+  Holders& holders = TheHolders();
+  bool isAtIt = false;
+  while (true) {
+    CamStreamCallback callback = nullptr;
+    void* context = nullptr;
+    {
+      const MutexLock lock(holders.mutex);
+      const auto found = holders.byId.find(id);
+      if (found == holders.byId.end() || (found->second.telling && !isAtIt)) {
+        return;
+      }
+      Holder& holder = found->second;
+      if (!holder.changed) {
+        holder.telling = false;
+        if (holder.device == nullptr) {
+          holders.byId.erase(found);
+        }
+        holders.told.NotifyAll();
+        return;
+      }
+      holder.changed = false;
+      holder.telling = isAtIt = true;
+      if (holder.device != nullptr) {
+        callback = holder.device->mCallback;
+        context = holder.device->mContext;
+      }
+    }
+    CamSetStreamCallback(id.c_str(), callback, context);
   }
 }
 

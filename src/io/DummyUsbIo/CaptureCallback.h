@@ -18,12 +18,17 @@ class CaptureCallback {
   CaptureCallback& operator=(const CaptureCallback&) = delete;
   ~CaptureCallback() { Unregister(); }
 
-  // Does nothing while the callback is another device's. May be repeated.
+  // Does nothing while the callback is another device's. May be repeated. Where another thread is telling the library
+  // about this id, that one sees to it.
   void Register();
   // When it returns, the callback is not running and will not be called again. Not from the callback.
   void Unregister();
 
  private:
+  // False when the callback is not this device's, and no thread is about to make it so.
+  bool Withdraw();
+  static void Tell(const std::string& id);
+
   const std::string mId;
   const bool mOwns;
   const CamStreamCallback mCallback;

@@ -1,6 +1,7 @@
 #include "FakeCapture.h"
 
 #include <thread>
+#include <utility>
 
 #include "oskelo/log.h"
 
@@ -119,6 +120,9 @@ int CamStreamOff(const char* id) {
 void CamSetStreamCallback(const char* /*id*/, CamStreamCallback callback, void* context) {
   if (gFake == nullptr) {
     return;
+  }
+  if (callback == nullptr && gFake->beforeClear) {
+    std::exchange(gFake->beforeClear, nullptr)();
   }
   vel::MutexLock lock(gFake->mutex);
   gFake->callback = callback;

@@ -1,6 +1,7 @@
 #ifndef VIRTUSB_TESTS_IO_CAMERA_FAKE_CAPTURE_H
 #define VIRTUSB_TESTS_IO_CAMERA_FAKE_CAPTURE_H
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -29,6 +30,7 @@ struct FakeCapture {
   std::vector<_CameraParam> params = {{640, 480, 2, 0}, {1280, 720, 2, 0}};
   int openResult = 0;
   int listResult = 0;
+  std::function<void()> beforeClear;  // Called once, before a callback is taken away.
 
   // The library's side.
   Mutex mutex;

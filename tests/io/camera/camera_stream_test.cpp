@@ -113,6 +113,17 @@ TEST_F(CameraStream, KeepsItsCallbackWhateverAnotherDeviceOfItsIdDoes) {
   EXPECT_THAT(Taken(), ElementsAre(Done{3, 0, "def"}));
 }
 
+TEST_F(CameraStream, KeepsItsCallbackWhenAnotherDeviceClearsItsOwnAtThatMoment) {
+  {
+    DummyUvcIo synthetic(1, 0x85, 1, 1, "cam");
+    ASSERT_EQ(synthetic.OpenUsbDev(), 0);
+    synthetic.IsochTransfer(Record(1));
+    capture.beforeClear = [this] { Submit(2); };
+  }
+  EXPECT_TRUE(capture.Picture("abc"));
+  EXPECT_THAT(Taken(), testing::UnorderedElementsAre(Done{1, kXferCancelled}, Done{2, 0, "abc"}));
+}
+
 TEST_F(CameraStream, StartsTheSourceWithTheNegotiatedFrame) {
   std::vector<std::uint8_t> commit(26);
   commit[2] = 1;
