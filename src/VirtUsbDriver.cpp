@@ -1,14 +1,30 @@
 #include "VirtUsbDriver.h"
 
+#include <new>
 #include <utility>
 
 #include "base/VelLog.h"
 #include "protocol/VelPacket.h"
 
 namespace vel {
+namespace {
+
+// Null without memory.
+std::shared_ptr<VirtUDevice> MakeDevice(VelDeviceBase* deviceBase, VirtUDevice::IoFactory factory) {
+  try {
+    return std::make_shared<VirtUDevice>(deviceBase, factory);
+  } catch (const std::bad_alloc&) {
+    return nullptr;
+  }
+}
+
+}  // namespace
 
 VirtUsbDriver::VirtUsbDriver(VelDeviceBase* deviceBase, VirtUDevice::IoFactory factory)
-    : mDeviceBase(deviceBase), mDevice(std::make_shared<VirtUDevice>(deviceBase, factory)) {
+    : mDeviceBase(deviceBase), mDevice(MakeDevice(deviceBase, factory)) {
+  if (mDevice == nullptr) {
+    VEL_DEVICE_ERROR(mDeviceBase, "new driver dev is NULL\n");
+  }
   VEL_DEVICE_DEBUG(mDeviceBase, "virtusb driver construct\n");
 }
 
@@ -19,7 +35,7 @@ VirtUsbDriver::~VirtUsbDriver() {
 
 int VirtUsbDriver::Init() {
   VEL_DEVICE_DEBUG(mDeviceBase, " enter");
-  if (mDeviceBase == nullptr) {
+  if (mDeviceBase == nullptr || mDevice == nullptr) {
     VEL_DEVICE_ERROR(mDeviceBase, "new driver dev is NULL\n");
     return -1;
   }

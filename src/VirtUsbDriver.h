@@ -19,7 +19,8 @@ class VirtUsbDriver final : public VelRawDriver {
   explicit VirtUsbDriver(VelDeviceBase* deviceBase, VirtUDevice::IoFactory factory = &CreateUsbIo);
   ~VirtUsbDriver() override;
 
-  // Makes the session. Returns 0, or -1 without a device-base object or a thread for the session.
+  // Makes the session. Returns 0, or -1 without a device-base object, memory for the device or a thread for the
+  // session.
   int Init();
 
   int onEvent(std::unique_ptr<VelPacket> packet) noexcept override;
@@ -34,7 +35,7 @@ class VirtUsbDriver final : public VelRawDriver {
 
  private:
   VelDeviceBase* const mDeviceBase;
-  const std::shared_ptr<VirtUDevice> mDevice;
+  const std::shared_ptr<VirtUDevice> mDevice;  // Null when there was no memory for it.
   std::shared_ptr<VirtUsb> mSession;
 };
 

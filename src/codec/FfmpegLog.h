@@ -4,8 +4,9 @@
 namespace vel {
 
 // Routes FFmpeg's messages into the module's log while at least one of these lives; then FFmpeg has its own log back,
-// so that none of its messages reaches a module that was unloaded. What FFmpeg's level lets through is logged at Error,
-// Warn or, everything below a warning, Debug. Any thread.
+// so that none of its messages reaches a module that was unloaded. FFmpeg has one log callback for the process and
+// tells nobody which one is set: a client with a callback of its own sets it again when its camera has stopped. What
+// FFmpeg's level lets through is logged at Error, Warn or, everything below a warning, Debug. Any thread.
 class FfmpegLogRoute {
  public:
   FfmpegLogRoute();

@@ -27,7 +27,8 @@ AVCodecID CodecOf(_UVC_DECODER_TYPE type) {
   return AV_CODEC_ID_NONE;
 }
 
-// Called by the codec before it allocates a picture's memory.
+// Called by the codec before it allocates a picture's memory. FFmpeg's own pool is of memory set to 0: what a damaged
+// picture leaves undecoded is that, or an earlier picture of the same camera.
 extern "C" int GetPictureBuffer(AVCodecContext* context, AVFrame* picture, int flags) {
   if (!IsPictureSizeUsable(picture->width, picture->height)) {
     VEL_ERROR("a picture of %dx%d is refused", picture->width, picture->height);
@@ -96,10 +97,7 @@ int UVCDecoder::OpenCodec(_UVC_DECODER_TYPE type) {
   }
   mContext->get_buffer2 = &GetPictureBuffer;
   mContext->thread_type = FF_THREAD_SLICE;  // Threads for frames hold pictures back.
-  if (type == UVC_DECODER_TYPE_MJPEG) {
-    // A picture that ends early is a failure: its rest would be what the memory held before.
-    mContext->err_recognition |= AV_EF_EXPLODE;
-  } else {
+  if (type == UVC_DECODER_TYPE_H264) {
     mContext->flags |= AV_CODEC_FLAG_LOW_DELAY;
   }
   if (avcodec_open2(mContext.get(), codec, nullptr) < 0) {

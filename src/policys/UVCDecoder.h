@@ -21,7 +21,8 @@ class DecodedPicture;
 
 // Decodes a camera's MJPEG or H.264 frames. Pictures have the size that they have in the stream, whatever was
 // negotiated; above 8192 pixels in a direction they are refused. A frame that cannot be decoded costs an Error line and
-// no other frame. A pixel format that the decoder does not convert gives a black picture and an Error line.
+// no other frame; of a damaged MJPEG picture what decodes is passed on, with an Error line of FFmpeg's. A pixel format
+// that the decoder does not convert gives a black picture and an Error line.
 class VEL_MODULE_EXPORT UVCDecoder {
  public:
   UVCDecoder();

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <iterator>
 #include <limits>
+#include <new>
 #include <system_error>
 #include <utility>
 
@@ -125,7 +126,11 @@ bool UVCEncoder::OpenEncoder(_UVC_ENCODER_TYPE type) {
     VEL_ERROR("Could not allocate the video frame data\n");
     return false;
   }
-  mEncoder = std::make_unique<FFmpegEncoder>(false);
+  mEncoder.reset(new (std::nothrow) FFmpegEncoder(false));
+  if (mEncoder == nullptr) {
+    VEL_ERROR("create encoder failed\n");
+    return false;
+  }
   if (mEncoder->open(param) != 0) {
     VEL_ERROR("Encoder open failed\n");
     return false;

@@ -1,5 +1,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <malloc.h>
 
 #include <array>
 #include <cstdlib>
@@ -86,6 +87,29 @@ TEST_F(Decoder, UnknownPixelFormatIsBlackWhateverWasThereBefore) {
   }
   EXPECT_EQ(mDeliveries.frames.Await(2).at(1).bytes, black);
   EXPECT_EQ(log.Count("Error:mjpeg decoder  unknow format = 8 "), 1U);
+}
+
+TEST_F(Decoder, KeepsWhatDecodesOfADamagedPictureAndShowsNoOtherMemory) {
+  mallopt(M_PERTURB, 0x5A);  // Memory that nobody wrote is not 0.
+  const CapturingLog log;
+  const JpegWriter whole{.width = 64, .height = 64};
+  Bytes cut = whole.Write();
+  cut.resize(cut.size() - 20);
+  Open();
+  ASSERT_EQ(Send(cut), 0);
+  const std::vector<Delivered> pictures = mDeliveries.frames.Await(1);
+  mallopt(M_PERTURB, 0);
+  ASSERT_EQ(pictures.size(), 1U);
+  const Bytes expected = whole.Yuyv();
+  ASSERT_EQ(pictures[0].bytes.size(), expected.size());
+  std::size_t kept = 0;
+  for (std::size_t i = 0; i < expected.size(); ++i) {
+    const std::uint8_t byte = pictures[0].bytes[i];
+    kept += byte == expected[i] ? 1U : 0U;
+    ASSERT_TRUE(byte == expected[i] || byte == 0) << i;
+  }
+  EXPECT_GT(kept, expected.size() * 3 / 4);
+  EXPECT_EQ(log.Count("Error:[mjpeg @ "), 1U);
 }
 
 TEST_F(Decoder, DecodesCameraH264AtOnce) {
