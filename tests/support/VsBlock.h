@@ -1,6 +1,8 @@
 #ifndef VIRTUSB_TESTS_SUPPORT_VS_BLOCK_H
 #define VIRTUSB_TESTS_SUPPORT_VS_BLOCK_H
 
+#include <algorithm>
+#include <array>
 #include <cstdint>
 #include <sstream>
 #include <string>
@@ -35,6 +37,9 @@ struct VsBlock {
       mFormat = bytes.size();
       Add(word == "yuyv" ? 27 : word == "mjpeg" ? 11 : 28, word == "yuyv" ? 4 : word == "mjpeg" ? 6 : 16, {++bytes[3]});
       bytes.back() = 0xFB;
+      if (word == "yuyv") {
+        std::ranges::copy(kYuy2, bytes.begin() + static_cast<std::ptrdiff_t>(mFormat) + 5);
+      }
     } else if (word == "still") {
       Add(10, 3, {0, 1, 0x80, 2, 0xE0, 1});
     } else if (word == "color") {
@@ -63,6 +68,9 @@ struct VsBlock {
     bytes.insert(bytes.end(), rest.begin(), rest.end());
     bytes.resize(starts.back() + static_cast<std::size_t>(length));
   }
+
+  static constexpr std::array<std::uint8_t, 16> kYuy2 = {'Y',  'U', 'Y', '2',  0, 0,    0x10, 0,
+                                                         0x80, 0,   0,   0xAA, 0, 0x38, 0x9B, 0x71};
 
   std::size_t mFormat = 0;
 };

@@ -35,9 +35,6 @@ struct ScriptedCamera {
   explicit ScriptedCamera(Kind kind, bool transcode = false)
       : backend(ScriptedUsbIo::Create(kind == Kind::kEmulated ? kIoTypeEmulated : kIoTypeLibusb, &remote)),
         policy(std::make_unique<UVCPolicy>(backend.get(), 0, std::int8_t{0}, std::uint8_t{transcode})) {
-    constexpr std::array<std::uint8_t, 16> kYuy2 = {0x59, 0x55, 0x59, 0x32, 0, 0,    0x10, 0,
-                                                    0x80, 0,    0,    0xAA, 0, 0x38, 0x9B, 0x71};
-    std::ranges::copy(kYuy2, block.bytes.begin() + static_cast<std::ptrdiff_t>(block.starts[1]) + 5);
     for (libusb_interface_descriptor& setting : tree.settings) {
       setting.bInterfaceClass = 14;
       setting.bInterfaceSubClass = 2;
