@@ -132,18 +132,6 @@ TEST(CameraModelTest, SettingsCarryWhatTheirEndpointsSayAndControlsGrowWithTheCl
   }
 }
 
-TEST(CameraModelTest, WhatIsCutIsLeftOut) {
-  const Bytes format = Format(4, 27, 1, "YUY2", 1);
-  for (const Bytes& block : {Join({kInput, Frame(5, 1, 21)}),              // Of no format.
-                             Join({kInput, format, Frame(5, 1, 21, 25)}),  // Too short for its interval.
-                             Join({kInput, Format(4, 26, 1, "YUY2", 1), Frame(5, 1, 21)}),
-                             Join({kInput, format, Bytes{30, 0x24, 5, 1}})}) {  // Ends in the middle.
-    EXPECT_THAT(Camera(block).value().modes, IsEmpty());
-  }
-  EXPECT_FALSE(Camera({}).has_value());
-  EXPECT_FALSE(Camera(Descriptor(0x24, 12, {1, 2, 0, 0, 0x82})).has_value());
-}
-
 // A camera that agrees to everything, unless told to change what it agreed to.
 class FakeCamera final : public PacketChannel {
  public:

@@ -81,27 +81,6 @@ TEST_F(Handler, TransfersAreGivenBackWithWhatTheBackendLeft) {
   EXPECT_THAT(remote.Replies(), ::testing::Each(::testing::Field(&Reply::devId, kId.devId)));
 }
 
-TEST_F(Handler, FailedTransfersAreGivenBackWithWhatTheyMovedWhereTheRemoteSideWantsIt) {
-  io.HoldTransfers();
-  for (const bool wanted : {false, true}) {
-    if (wanted) {
-      remote.AnswerFailedTransfers();
-    }
-    Post(BuildTransferRequest(Command::kBulkTransfer, kId, 0x81, 1, 2, {}));
-    Post(BuildTransferRequest(Command::kInterruptTransfer, kId, 0x81, 2, 1, {}));
-    Post(BuildIsoRequest(kId, 0x83, 3, std::array{4U}, {}));
-    ASSERT_TRUE(io.WaitForHeld(3));
-    for (const std::int32_t status : {2, 4, 5}) {
-      ASSERT_TRUE(io.CompleteNext({.status = status, .bytes = {}}));
-    }
-  }
-  Post(BuildTransferRequest(Command::kBulkTransfer, kId, 0x81, 4, 2, {}));
-  ASSERT_TRUE(io.WaitForHeld(1));
-  ASSERT_TRUE(io.CompleteNext({.status = 4, .bytes = Bytes{9}}));
-  EXPECT_THAT(remote.Replies(), ElementsAre(IsBulkReply(1, 2, IsEmpty()), IsInterruptReply(2, 4, IsEmpty()),
-                                            IsIsoReply(3, 5, 0, IsEmpty()), IsBulkReply(4, 4, ElementsAre(9))));
-}
-
 TEST_F(Handler, LeanRepliesLeaveTheDataOfOutTransfersOut) {
   remote.WantLeanReplies();
   const Bytes data = {1, 2};

@@ -2,7 +2,6 @@
 #include <algorithm>
 #include <array>
 #include <future>
-#include <set>
 #include <thread>
 #include <vector>
 
@@ -89,26 +88,6 @@ TEST_F(Stop, PendingTransfersAreCancelled) {
   EXPECT_THAT(remote.Replies(),
               ElementsAre(IsBulkReply(1, kXferCancelled, IsEmpty()), IsInterruptReply(2, kXferCancelled, IsEmpty()),
                           IsIsoReply(3, kXferCancelled, 0, IsEmpty())));
-}
-
-TEST_F(Stop, CompletionsOfTheBackendsThreadRaceWithItEachOnce) {
-  remote.AnswerFailedTransfers();
-  io.CompleteOnOwnThread();
-  constexpr std::size_t kTransfers = 500;
-  for (std::uint32_t stream = 0; stream < kTransfers; ++stream) {
-    Post(BuildTransferRequest(Command::kBulkTransfer, kId, 0x81, stream, 64, {}));
-  }
-  ASSERT_TRUE(remote.WaitForReplies(kTransfers / 4));
-  driver->Close(0);
-  driver.reset();
-  EXPECT_EQ(io.CompletedCount(), io.Transfers().size());
-  const std::vector<Reply> replies = remote.Replies();
-  EXPECT_EQ(replies.size(), io.Transfers().size());
-  std::set<std::vector<std::uint8_t>> streams;
-  for (const Reply& reply : replies) {
-    streams.emplace(reply.payload.begin(), reply.payload.begin() + 4);
-  }
-  EXPECT_EQ(streams.size(), replies.size()) << "answered twice";
 }
 
 TEST_F(Stop, TwoThreadsMayStopAtOnceAndBothFindItStopped) {

@@ -113,17 +113,6 @@ ScriptedUsbIo::ScriptedUsbIo(RecordingDeviceBase& device) {
   device.SetBackend([this](std::uint32_t type) { return new Backend(*this, type); });
 }
 
-ScriptedUsbIo::~ScriptedUsbIo() {
-  {
-    const MutexLock lock(mMutex);
-    mEnding = true;
-    mChanged.NotifyAll();
-  }
-  if (mCompleter.joinable()) {
-    mCompleter.join();
-  }
-}
-
 IUsbIo* ScriptedUsbIo::Create(std::uint32_t type, VelDeviceBase* device) {
   return static_cast<RecordingDeviceBase*>(device)->MakeBackend(type);
 }
@@ -163,7 +152,7 @@ int ScriptedUsbIo::Submit(std::string_view operation, _UsbIoXferInfo* info) {
     const MutexLock lock(mMutex);
     const bool hasTable = info->isoPacketNum > 0 && info->data != nullptr && info->length >= sizeof(IsoPacketRecord);
     mTransfers.push_back({.length = info->length, .packetLength = hasTable ? LoadIsoRecord(info->data, 0).length : 0U});
-    if (result >= 0 && mMode != Mode::kAtOnce) {
+    if (result >= 0 && mHolds) {
       mHeld.push_back(info);
       mChanged.NotifyAll();
       return result;
@@ -174,8 +163,6 @@ int ScriptedUsbIo::Submit(std::string_view operation, _UsbIoXferInfo* info) {
   } else {
     Finish(info, {});
   }
-  const MutexLock lock(mMutex);
-  ++mCompleted;
   return result;
 }
 
@@ -199,7 +186,6 @@ bool ScriptedUsbIo::CompleteOne(const Wanted& wanted, const Result& result) {
   Finish(info, result);
   const MutexLock lock(mMutex);
   --mCompleting;
-  ++mCompleted;
   mChanged.NotifyAll();
   return true;
 }
@@ -210,25 +196,6 @@ void ScriptedUsbIo::CancelAll() {
   MutexLock lock(mMutex);
   while (mCompleting > 0) {
     mChanged.Wait(lock);
-  }
-}
-
-void ScriptedUsbIo::CompleteOnOwnThread() {
-  const MutexLock lock(mMutex);
-  mMode = Mode::kOwnThread;
-  mCompleter = std::thread(&ScriptedUsbIo::CompleteUntilEnd, this);
-}
-
-void ScriptedUsbIo::CompleteUntilEnd() {
-  bool ends = false;
-  while (!ends) {
-    while (CompleteNext({})) {
-    }
-    MutexLock lock(mMutex);
-    while (mHeld.empty() && !mEnding) {
-      mChanged.Wait(lock);
-    }
-    ends = mHeld.empty();
   }
 }
 

@@ -12,7 +12,6 @@
 #include <span>
 #include <string>
 #include <string_view>
-#include <thread>
 #include <vector>
 
 #include "io/IUsbIo.h"
@@ -49,7 +48,6 @@ class ScriptedUsbIo {
   explicit ScriptedUsbIo(RecordingDeviceBase& device);
   ScriptedUsbIo(const ScriptedUsbIo&) = delete;
   ScriptedUsbIo& operator=(const ScriptedUsbIo&) = delete;
-  ~ScriptedUsbIo();
   // Null where no ScriptedUsbIo was made for the device, a RecordingDeviceBase.
   static IUsbIo* Create(std::uint32_t type, VelDeviceBase* device);
 
@@ -79,9 +77,8 @@ class ScriptedUsbIo {
   // Transfers complete at once with their data as it is, on the submitter's thread, unless told otherwise.
   void HoldTransfers() {
     const MutexLock lock(mMutex);
-    mMode = Mode::kHeld;
+    mHolds = true;
   }
-  void CompleteOnOwnThread();
   // Completes the oldest held transfer with this id, or the oldest of all, on this thread. False when there is none.
   bool Complete(std::uint32_t streamId, const Result& result) {
     return CompleteOne([streamId](const _UsbIoXferInfo& info) { return info.streamId == streamId; }, result);
@@ -100,10 +97,6 @@ class ScriptedUsbIo {
     const MutexLock lock(mMutex);
     return mTransfers;
   }
-  std::size_t CompletedCount() const {
-    const MutexLock lock(mMutex);
-    return mCompleted;
-  }
   bool IsDestroyed() const {
     const MutexLock lock(mMutex);
     return mDestroyed;
@@ -116,7 +109,6 @@ class ScriptedUsbIo {
 
  private:
   class Backend;
-  enum class Mode : std::uint8_t { kAtOnce, kHeld, kOwnThread };
   using Wanted = std::function<bool(const _UsbIoXferInfo&)>;
 
   // An operation: noted, held while it is blocked, answered.
@@ -127,7 +119,6 @@ class ScriptedUsbIo {
   void Note(std::string call) VEL_REQUIRES(mMutex);
   bool CompleteOne(const Wanted& wanted, const Result& result) VEL_EXCLUDES(mMutex);
   void CancelAll() VEL_EXCLUDES(mMutex);
-  void CompleteUntilEnd() VEL_EXCLUDES(mMutex);
   void Unblock() VEL_EXCLUDES(mMutex);
   bool WaitForCall(std::string_view call, std::chrono::milliseconds limit) const VEL_EXCLUDES(mMutex);
 
@@ -138,14 +129,11 @@ class ScriptedUsbIo {
   std::set<std::string, std::less<>> mBlocked VEL_GUARDED_BY(mMutex);
   std::vector<std::string> mCalls VEL_GUARDED_BY(mMutex);
   libusb_config_descriptor* mConfig VEL_GUARDED_BY(mMutex) = nullptr;
-  Mode mMode VEL_GUARDED_BY(mMutex) = Mode::kAtOnce;
+  bool mHolds VEL_GUARDED_BY(mMutex) = false;
   std::deque<_UsbIoXferInfo*> mHeld VEL_GUARDED_BY(mMutex);
   std::size_t mCompleting VEL_GUARDED_BY(mMutex) = 0;
-  std::size_t mCompleted VEL_GUARDED_BY(mMutex) = 0;
   std::vector<Submitted> mTransfers VEL_GUARDED_BY(mMutex);
   bool mDestroyed VEL_GUARDED_BY(mMutex) = false;
-  bool mEnding VEL_GUARDED_BY(mMutex) = false;
-  std::thread mCompleter;  // The test's thread only.
 };
 
 }  // namespace vel

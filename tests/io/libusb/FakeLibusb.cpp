@@ -25,19 +25,13 @@ bool IsInTransfer(const libusb_transfer& transfer) {
   return ((SetupSize(transfer) != 0 ? transfer.buffer[0] : transfer.endpoint) & LIBUSB_ENDPOINT_IN) != 0;
 }
 
-// A configuration in which each interface has one endpoint and, as extra bytes, the configuration's value.
+// A configuration of interfaces with one empty setting each.
 int MakeConfig(const libusb_device& device, int index, libusb_config_descriptor** made) {
   const auto& [value, numbers] = device.configs.at(static_cast<std::size_t>(index));
   auto* interfaces = new libusb_interface[numbers.size()]();
   for (std::size_t i = 0; i < numbers.size(); ++i) {
-    auto* endpoint = new libusb_endpoint_descriptor[1]();
-    endpoint->bEndpointAddress = 0x81;
     auto* setting = new libusb_interface_descriptor[1]();
     setting->bInterfaceNumber = numbers[i];
-    setting->bNumEndpoints = 1;
-    setting->endpoint = endpoint;
-    setting->extra = new unsigned char[2]{2, value};
-    setting->extra_length = 2;
     interfaces[i] = {.altsetting = setting, .num_altsetting = 1};
   }
   *made = new libusb_config_descriptor{};
@@ -340,8 +334,6 @@ int LIBUSB_CALL libusb_get_config_descriptor(libusb_device* device, std::uint8_t
 void LIBUSB_CALL libusb_free_config_descriptor(libusb_config_descriptor* config) {
   --Fake().openConfigs;
   for (const libusb_interface& item : std::span(config->interface, config->bNumInterfaces)) {
-    delete[] item.altsetting->endpoint;
-    delete[] item.altsetting->extra;
     delete[] item.altsetting;
   }
   delete[] config->interface;

@@ -86,31 +86,5 @@ TEST(EmulatedCamera, StreamsOnWhateverElseIsAskedOfIt) {
   }
 }
 
-TEST(EmulatedCamera, StopsAndEndsAtAnyMoment) {
-  for (int i = 0; i < 50; ++i) {
-    CameraGuest guest(kCamera);
-    if (i % 2 == 0) {
-      guest.AllowTranscoding();
-    }
-    guest.Open();
-    guest.Negotiate(1, static_cast<std::uint8_t>(1 + i % 2));
-    guest.Start();
-    const auto reads = static_cast<std::size_t>(i % 5);
-    for (std::size_t read = 0; read < reads; ++read) {
-      guest.Read();
-    }
-    if (i % 4 == 0) {
-      guest.Stop();
-    } else if (i % 4 == 1) {
-      EXPECT_EQ(guest.Remote().Status(Command::kCloseUsbDev), 0);
-    } else if (i % 4 == 2) {
-      guest.Start(2);
-    }
-    if (i % 4 != 3) {  // Else destroyed as it is.
-      EXPECT_THAT(guest.Rest(), SizeIs(reads));
-    }
-  }
-}
-
 }  // namespace
 }  // namespace vel::test

@@ -151,13 +151,6 @@ TEST(Negotiation, ReadsWhileNoStreamRunsAreTheBackends) {
   EXPECT_THAT(camera.reads.done.Await(3), SizeIs(3));
 }
 
-TEST(Negotiation, HeightLimitShortensTheDescriptors) {
-  const ScriptedCamera camera(Kind::kIso);
-  Bytes block = camera.block.bytes;
-  EXPECT_EQ(UVCPolicy(camera.backend.get(), 64, 1, 1).RewriteDescriptors(block), std::nullopt);
-  EXPECT_EQ(UVCPolicy(camera.backend.get(), 48, 1, 1).RewriteDescriptors(block), block.size() - 60);
-}
-
 // What a scripted backend holds of a camera at rest.
 std::size_t InFlight(Kind kind) {
   return kind == Kind::kEmulated ? 1 : kind == Kind::kIso ? 5 : 3;
