@@ -92,6 +92,14 @@ void* __wrap_realloc(void* block, std::size_t size) {
   void* const block = vel::test::Fails() ? nullptr : __real_malloc(size == 0 ? 1 : size);
   return block != nullptr ? block : throw std::bad_alloc();
 }
+// Beside that one, since a sanitizer has its own for whichever is missing.
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+  try {
+    return operator new(size);
+  } catch (const std::bad_alloc&) {
+    return nullptr;
+  }
+}
 [[gnu::noinline]] void operator delete(void* block) noexcept {
   std::free(block);
 }

@@ -121,13 +121,13 @@ XferPtr UVCCameraReader::MakeRecord(std::uint32_t number) const {
   return record;
 }
 
-// Makes the record what it was before its last completion: a backend replaces the data of an isochronous transfer by
-// its result, and takes that of a failed one away.
+// Makes the record what it was before its last completion: a backend may replace the data of an isochronous transfer by
+// a block of its result's length, and takes that of a failed one away. A bulk transfer's block stays.
 bool UVCCameraReader::Prepare(_UsbIoXferInfo& info) const {
   const std::uint32_t bytes = mSource.kind == Kind::kWholeFrame    ? mSource.frameSize
                               : mSource.kind == Kind::kIsochronous ? kTableSize
                                                                    : mSource.payloadSize;
-  const bool reusable = mSource.kind != Kind::kIsochronous || info.length >= bytes;
+  const bool reusable = mSource.kind == Kind::kBulk || info.length >= bytes;
   if (info.data == nullptr || !reusable) {
     auto* block = static_cast<std::uint8_t*>(std::malloc(bytes));
     if (block == nullptr) {

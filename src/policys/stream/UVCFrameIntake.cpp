@@ -33,7 +33,7 @@ void UVCFrameIntake::TakeWholeFrame(_UsbIoXferInfo& info) {
     return;
   }
   mBlock.reset(std::exchange(info.data, next.release()));
-  HandOn(info.length);
+  HandOn(std::exchange(info.length, mSource.frameSize));
 }
 
 std::span<std::uint8_t> UVCFrameIntake::NextBlock() {
