@@ -27,6 +27,13 @@ def png_rows(png: bytes) -> tuple[int, int, bytes]:
     return *struct.unpack_from(">II", png, 16), zlib.decompress(data)
 
 
+def painted(width: int, height: int, number: int) -> bytes:
+    """The synthetic camera's picture of this number, modulo 256."""
+    ramp = bytes(range(256)) * (2 + width // 256)
+    starts = itertools.chain(((row + 3 * number) % 256 for row in range(height)), height * [(5 * number + 64) % 256])
+    return b"".join(ramp[start:start + width] for start in starts)
+
+
 class Streaming(CommandTestCase):
     def setUp(self) -> None:
         folder = tempfile.TemporaryDirectory()
@@ -66,7 +73,12 @@ class Streaming(CommandTestCase):
                 self.assertEqual(document["bytesFromCamera"], frames * length)
                 data = self.file.read_bytes()
                 if options:
-                    self.assertEqual(len(data), frames * length)
+                    pictures = [data[at:at + length] for at in range(0, len(data), length)]
+                    numbers = [picture[0] * 171 % 256 for picture in pictures]  # Each begins with 3 times its own.
+                    self.assertTrue(all(0 < (after - before) % 256 < 128
+                                        for before, after in itertools.pairwise(numbers)), numbers)
+                    for picture, number in zip(pictures, numbers):
+                        self.assertTrue(picture == painted(width, height, number), number)
                 else:
                     self.assertLess(len(data), frames * length / 10)
                     self.assertEqual(data[:5], b"\0\0\0\1\x67", "does not begin with parameter sets")

@@ -67,9 +67,4 @@ std::size_t CapturingLog::Count(std::string_view part) const {
       lines.begin(), lines.end(), [part](const LogLine& line) { return line.text.find(part) != std::string::npos; }));
 }
 
-void CapturingLog::Clear() {
-  const MutexLock lock(mMutex);
-  mLines.clear();
-}
-
 }  // namespace vel

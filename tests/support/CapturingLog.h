@@ -37,7 +37,6 @@ class CapturingLog {
   std::vector<std::string> Messages(std::string_view function = {}) const;
   // Lines that hold `part`.
   std::size_t Count(std::string_view part) const;
-  void Clear();
 
  private:
   static void Take(void* self, int level, const char* tag, const char* text);

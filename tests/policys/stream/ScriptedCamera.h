@@ -9,9 +9,9 @@
 #include <utility>
 #include <vector>
 
-#include "support/Completions.h"
 #include "policys/UVCPolicy.h"
 #include "protocol/IsoTable.h"
+#include "support/Completions.h"
 #include "support/DescriptorTree.h"
 #include "support/RecordingDeviceBase.h"
 #include "support/ScriptedUsbIo.h"
