@@ -181,7 +181,8 @@ struct Streaming {
       }
     }
     camera->Show(pictures);
-    EXPECT_EQ(guest.Negotiate(format, frame).dwMaxVideoFrameSize, RawSize(frame));
+    const std::uint32_t agreed = guest.Negotiate(format, frame).dwMaxVideoFrameSize;  // Copied: the record is packed.
+    EXPECT_EQ(agreed, RawSize(frame));
     // A camera that streams over bulk has no such setting, and the stream starts all the same.
     EXPECT_EQ(guest.Remote().SetInterfaceAltSetting(1, 1) == 0, !bulk);
   }
