@@ -42,9 +42,9 @@ class BenchCamera::Io final : public NullUsbIo {
                       std::uint32_t) override {
     return wLength;
   }
-  int CancelTransfer(std::uint32_t) override {
+  int CancelOwnTransfers(const UsbIoTransferCallback*) override {
     Withdraw();
-    return 0;
+    return 1;
   }
   int IsochTransfer(_UsbIoXferInfo* info) override {
     if (info != nullptr) {
