@@ -20,6 +20,8 @@ std::string Unplug(const std::string& place, Arguments arguments);
 std::string Guest(const std::string& place, Arguments arguments);
 // FILE WIDTH HEIGHT DB: recorded pictures of the synthetic camera, each another one and none worse than so many dB.
 std::string Pictures(const std::string& file, Arguments arguments);
+// The tty of an attached adapter: its pattern is read, and data written.
+std::string Serial(const std::string& node, Arguments arguments);
 // COUNT: the cases of usbtest's driver that the device has, each so often; the line says which passed.
 std::string UsbTest(const std::string& place, Arguments arguments);
 

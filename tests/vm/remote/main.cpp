@@ -21,6 +21,7 @@ constexpr std::array kSubjects = {
     Subject{"bulk", 1, vel::vm::Bulk},         Subject{"audio", 2, vel::vm::Audio},
     Subject{"unplug", 1, vel::vm::Unplug},     Subject{"guest", 1, vel::vm::Guest},
     Subject{"pictures", 3, vel::vm::Pictures}, Subject{"usbtest", 1, vel::vm::UsbTest},
+    Subject{"serial", 0, vel::vm::Serial},
 };
 
 }  // namespace
