@@ -41,7 +41,7 @@ void ControlRouter::Route(const ControlSetup& setup, std::span<const std::uint8_
     --mUnderWay;
   };
   if (known) {  // Behind the ones before it, whose replies come before this one's: a guest counts on their order.
-    mPipe.Ask(Command::kGetBusNumber, [this, known, setup, length, done = std::move(done)](const RequestPipe::Reply&) {
+    mPipe.Ask(Command::kGetBusNumber, [known, setup, length, done = std::move(done)](const RequestPipe::Reply&) {
       AnswerKnown(*known, setup, length, done);
     });
   } else if (setup.bmRequestType == kToDevice && setup.bRequest == LIBUSB_REQUEST_SET_CONFIGURATION) {
