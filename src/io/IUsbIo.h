@@ -68,7 +68,7 @@ class IUsbIo {
 
   // Cancels the module's own transfers (kModuleIds) that complete to `callback`, all of them and no other; their
   // completions arrive as after CancelTransfer. Returns how many it cancelled. Any thread, also within a completion.
-  virtual int CancelOwnTransfers(const UsbIoTransferCallback* /*callback*/) { return 0; }
+  virtual int CancelOwnTransfers(const UsbIoTransferCallback* callback) = 0;
 
   // The device is about to be given back for good: an OpenUsbDev that runs returns soon, and every later one at once,
   // as failed unless it was faster. Any thread; does not wait.

@@ -31,6 +31,7 @@ class NullUsbIo : public IUsbIo {
   int ClaimAllInterface() override { return LIBUSB_ERROR_NOT_FOUND; }
   int SetInterfaceAltSetting(int, int) override { return LIBUSB_ERROR_NOT_FOUND; }
   int CancelTransfer(std::uint32_t) override { return LIBUSB_ERROR_NOT_FOUND; }
+  int CancelOwnTransfers(const UsbIoTransferCallback*) override { return 0; }
   int ControlTransfer(std::uint8_t, std::uint8_t, std::uint16_t, std::uint16_t, std::uint8_t*, std::uint16_t,
                       std::uint32_t) override {
     return LIBUSB_ERROR_NOT_FOUND;

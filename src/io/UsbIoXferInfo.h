@@ -83,6 +83,11 @@ constexpr bool HasRemoteId(const _UsbIoXferInfo& info, std::uint32_t id) {
   return info.reserved == kRemoteIds && info.localXferId == id;
 }
 
+// Whether a CancelOwnTransfers(callback) means this record.
+constexpr bool IsOwnOf(const _UsbIoXferInfo& info, const UsbIoTransferCallback* callback) {
+  return info.reserved == kModuleIds && info.callback == callback;
+}
+
 constexpr bool IsIn(const _UsbIoXferInfo& info) {
   return (info.epAddr & 0x80U) != 0;
 }

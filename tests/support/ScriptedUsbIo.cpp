@@ -78,9 +78,7 @@ class ScriptedUsbIo::Backend final : public IUsbIo {
   int CancelOwnTransfers(const UsbIoTransferCallback* callback) override {
     mScript.Call("CancelOwnTransfers");
     int count = 0;
-    const auto wanted = [callback](const _UsbIoXferInfo& info) {
-      return info.reserved == kModuleIds && info.callback == callback;
-    };
+    const auto wanted = [callback](const _UsbIoXferInfo& info) { return IsOwnOf(info, callback); };
     while (mScript.CompleteOne(wanted, {.status = kXferCancelled, .bytes = {}})) {
       ++count;
     }

@@ -75,6 +75,7 @@ class DummyUsbFamily : public IUsbIo, private DummyUsbUtils {
   int ClaimAllInterface() override;
   int SetInterfaceAltSetting(int interfaceNumber, int altSetting) override;
   int CancelTransfer(std::uint32_t localXferId) override;
+  int CancelOwnTransfers(const UsbIoTransferCallback* callback) override { return mPending.CancelOwn(callback); }
   int ControlTransfer(std::uint8_t bmRequestType, std::uint8_t bRequest, std::uint16_t wValue, std::uint16_t wIndex,
                       std::uint8_t* data, std::uint16_t wLength, std::uint32_t timeout) override;
   int BulkTransfer(_UsbIoXferInfo* info) override;

@@ -17,12 +17,23 @@ bool PendingXfers::Add(_UsbIoXferInfo* info) noexcept {
 }
 
 bool PendingXfers::Cancel(std::uint32_t localXferId) {
+  return CancelLatest([localXferId](const _UsbIoXferInfo& info) { return HasRemoteId(info, localXferId); });
+}
+
+int PendingXfers::CancelOwn(const UsbIoTransferCallback* callback) {
+  int count = 0;
+  while (CancelLatest([callback](const _UsbIoXferInfo& info) { return IsOwnOf(info, callback); })) {
+    ++count;
+  }
+  return count;
+}
+
+bool PendingXfers::CancelLatest(const std::function<bool(const _UsbIoXferInfo&)>& meant) {
   _UsbIoXferInfo* cancelled = nullptr;
   {
     const MutexLock lock(mMutex);
-    const auto found = std::find_if(mXfers.rbegin(), mXfers.rend(), [localXferId](const _UsbIoXferInfo* info) {
-      return HasRemoteId(*info, localXferId);
-    });
+    const auto found =
+        std::find_if(mXfers.rbegin(), mXfers.rend(), [&meant](const _UsbIoXferInfo* info) { return meant(*info); });
     if (found == mXfers.rend()) {
       return false;
     }

@@ -2,6 +2,7 @@
 #define VEL_IO_DUMMY_USB_IO_PENDING_XFERS_H
 
 #include <cstdint>
+#include <functional>
 #include <vector>
 
 #include "base/LockOrder.h"
@@ -22,9 +23,13 @@ class PendingXfers {
   bool Add(_UsbIoXferInfo* info) noexcept;
   // Completes the latest transfer with this id as cancelled. False when there is none.
   bool Cancel(std::uint32_t localXferId);
+  // The same of the module's own transfers that complete to `callback`, all of them. How many those were.
+  int CancelOwn(const UsbIoTransferCallback* callback);
   void CancelAll();
 
  private:
+  bool CancelLatest(const std::function<bool(const _UsbIoXferInfo&)>& meant);
+
   Mutex mMutex VEL_LOCK_LEVEL(Leaf);
   std::vector<_UsbIoXferInfo*> mXfers VEL_GUARDED_BY(mMutex);
 };

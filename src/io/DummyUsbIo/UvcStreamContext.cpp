@@ -50,8 +50,7 @@ void UvcStreamContext::Cancel(std::uint32_t localXferId) {
 }
 
 bool UvcStreamContext::CancelOwn(const UsbIoTransferCallback* callback) {
-  return CancelIf(
-      [callback](const _UsbIoXferInfo& info) { return info.reserved == kModuleIds && info.callback == callback; });
+  return CancelIf([callback](const _UsbIoXferInfo& info) { return IsOwnOf(info, callback); });
 }
 
 bool UvcStreamContext::CancelIf(const std::function<bool(const _UsbIoXferInfo&)>& meant) {

@@ -60,6 +60,11 @@ TEST_P(SilentEndpoint, CancelsTheLatestOfATransferAndLeavesTheOthers) {
     EXPECT_EQ(io->CancelTransfer(id), 0);
   }
   EXPECT_THAT(completions.done.Take(), ElementsAre(Done{70, kXferCancelled}, Done{7, kXferCancelled}));
+  _UsbIoXferInfo* own = completions.Record(0x81, 1, 8);
+  own->reserved = kModuleIds;
+  io->InterruptTransfer(own);
+  EXPECT_EQ(io->CancelOwnTransfers(nullptr) + io->CancelOwnTransfers(&completions), 1);
+  EXPECT_THAT(completions.done.Take(), ElementsAre(Done{1, kXferCancelled}));
   EXPECT_EQ(io->CloseUsbDev(), 0);
   EXPECT_THAT(completions.done.Take(), ElementsAre(Done{1, kXferCancelled}, Done{2, kXferCancelled}));
   SubmitInterrupt(3);  // There is no open state.
