@@ -1,5 +1,7 @@
 #include "pixel/PixelConvert.h"
 
+#include <algorithm>
+
 namespace vel {
 
 const PixelRows& BestPixelRows() {
@@ -12,10 +14,7 @@ const PixelRows& BestPixelRows() {
 
 void YuyvToPlanar(const std::uint8_t* packed, PlaneOut y, PlaneOut u, PlaneOut v, int width, int height,
                   const PixelRows& rows) {
-  if (width <= 0 || height <= 0) {
-    return;
-  }
-  const auto pixels = static_cast<std::size_t>(width);
+  const auto pixels = static_cast<std::size_t>(std::max(width, 0));
   for (int row = 0; row < height; ++row) {
     if (row % 2 == 0) {
       rows.luma(packed, y.data, pixels);
@@ -31,10 +30,7 @@ void YuyvToPlanar(const std::uint8_t* packed, PlaneOut y, PlaneOut u, PlaneOut v
 
 void YuyvToSemiPlanar(const std::uint8_t* packed, PlaneOut y, PlaneOut uv, int width, int height,
                       const PixelRows& rows) {
-  if (width <= 0 || height <= 0) {
-    return;
-  }
-  const auto pixels = static_cast<std::size_t>(width);
+  const auto pixels = static_cast<std::size_t>(std::max(width, 0));
   for (int row = 0; row < height; ++row) {
     // The last row of an odd height has no chroma row of its own.
     if (row % 2 == 0 && row + 1 < height) {
@@ -50,10 +46,7 @@ void YuyvToSemiPlanar(const std::uint8_t* packed, PlaneOut y, PlaneOut uv, int w
 
 void PlanarToYuyv(ChromaLayout layout, PlaneIn y, PlaneIn u, PlaneIn v, std::uint8_t* packed, int width, int height,
                   const PixelRows& rows) {
-  if (width <= 0 || height <= 0) {
-    return;
-  }
-  const auto pixels = static_cast<std::size_t>(width);
+  const auto pixels = static_cast<std::size_t>(std::max(width, 0));
   const auto pack = layout == ChromaLayout::k444 ? rows.packFull : rows.pack;
   for (int row = 0; row < height; ++row) {
     const std::ptrdiff_t chromaRow = layout == ChromaLayout::k420 ? row / 2 : row;

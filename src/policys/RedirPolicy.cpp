@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <array>
 #include <cstddef>
-#include <cstring>
 #include <initializer_list>
 #include <limits>
 #include <span>
@@ -33,9 +32,7 @@ std::span<std::uint8_t> Data(std::uint8_t* data, std::uint16_t wLength) {
 
 int CopyBounded(std::span<const std::uint8_t> bytes, std::uint8_t* data, std::uint16_t wLength) {
   const std::size_t count = data == nullptr ? 0 : std::min<std::size_t>(bytes.size(), wLength);
-  if (count > 0) {
-    std::memcpy(data, bytes.data(), count);
-  }
+  std::copy_n(bytes.begin(), count, data);
   return static_cast<int>(count);
 }
 
@@ -122,7 +119,7 @@ int RedirPolicy::ProbePolicy(const void* /*unused1*/, const void* /*unused2*/) {
     return -1;
   }
   ProbeCamera();
-  mRawConfig = MakeRawConfigDesc(*mConfig);
+  mRawConfig = MakeRawConfigDesc(*mConfig, mUvcPolicy.get());
   return 0;
 }
 
@@ -150,7 +147,8 @@ void RedirPolicy::ProbeCamera() {
   VEL_DEBUG("Apply UVC policy, Interface[%d], Endpoint[0x%x]", int{mPolicyInterface}, unsigned{mPolicyEndpoint});
 }
 
-std::vector<std::uint8_t> RedirPolicy::MakeRawConfigDesc(const libusb_config_descriptor& config) const {
+std::vector<std::uint8_t> RedirPolicy::MakeRawConfigDesc(const libusb_config_descriptor& config,
+                                                         const UVCPolicy* camera) {
   DescriptorWriter writer;
   writer.Standard({config.bDescriptorType, static_cast<std::uint8_t>(config.wTotalLength),
                    static_cast<std::uint8_t>(config.wTotalLength >> 8U), config.bNumInterfaces,
@@ -159,7 +157,7 @@ std::vector<std::uint8_t> RedirPolicy::MakeRawConfigDesc(const libusb_config_des
   for (int i = 0; i < config.bNumInterfaces && config.interface != nullptr; ++i) {
     const libusb_interface& interface = config.interface[i];
     for (int j = 0; j < interface.num_altsetting && interface.altsetting != nullptr; ++j) {
-      WriteAltSetting(writer, interface.altsetting[j], mUvcPolicy.get());
+      WriteAltSetting(writer, interface.altsetting[j], camera);
     }
   }
   std::vector<std::uint8_t> raw = writer.Take();

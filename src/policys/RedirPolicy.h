@@ -55,12 +55,14 @@ class RedirPolicy {
   int GetVirtControlData(std::uint8_t bmRequestType, std::uint8_t bRequest, std::uint16_t wValue, std::uint16_t wIndex,
                          std::uint8_t* data, std::uint16_t wLength);
 
+  // The wire form of the tree, with a camera's streaming interface as its policy wants it. Empty when it would not fit
+  // 64 KiB.
+  static std::vector<std::uint8_t> MakeRawConfigDesc(const libusb_config_descriptor& config, const UVCPolicy* camera);
+
  private:
   static constexpr std::uint8_t kNoPolicy = 0xFF;
 
   void ProbeCamera();
-  // The wire form of the tree. Empty when it would not fit 64 KiB.
-  std::vector<std::uint8_t> MakeRawConfigDesc(const libusb_config_descriptor& config) const;
 
   IUsbIo* const mIo;
   const bool mHeaderLengthCounts;

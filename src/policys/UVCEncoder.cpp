@@ -113,7 +113,6 @@ bool UVCEncoder::OpenEncoder(_UVC_ENCODER_TYPE type) {
     VEL_ERROR("Do not support H265 in this platform.\n");
     return false;
   }
-  mEncoderType = EncoderType::kSoftware;
   mFrame.reset(av_frame_alloc());
   if (mFrame == nullptr) {
     VEL_ERROR("Could not allocate video frame\n");
@@ -239,11 +238,9 @@ int UVCEncoder::EncodePicture(const std::uint8_t* data, std::uint32_t length) {
   }
   mFrame->pts = NextPictureNumber();
   if (data == nullptr || length < PackedBytes(mWidth, mHeight)) {
-    SetDummyPicData(mEncoderType, mFrame.get());
-  } else if (mEncoderType == EncoderType::kSoftware) {
-    YuyvToPlanar(data, Plane(*mFrame, 0), Plane(*mFrame, 1), Plane(*mFrame, 2), mWidth, mHeight);
+    SetDummyPicData(EncoderType::kSoftware, mFrame.get());
   } else {
-    YuyvToSemiPlanar(data, Plane(*mFrame, 0), Plane(*mFrame, 1), mWidth, mHeight);
+    YuyvToPlanar(data, Plane(*mFrame, 0), Plane(*mFrame, 1), Plane(*mFrame, 2), mWidth, mHeight);
   }
   return mEncoder->encode(mFrame.get(), mPacket.get());
 }
@@ -283,7 +280,7 @@ int UVCEncoder::Release() {
 }
 
 void UVCEncoder::YUYVToNV12(const std::uint8_t* src, std::uint8_t* dstY, std::uint8_t* dstUV, int width, int height) {
-  if (width <= 0 || height <= 0) {
+  if (!IsPictureSizeUsable(width, height)) {
     return;
   }
   std::uint8_t* uv = dstUV != nullptr ? dstUV : dstY + PackedBytes(width, height) / 2;
@@ -291,7 +288,7 @@ void UVCEncoder::YUYVToNV12(const std::uint8_t* src, std::uint8_t* dstY, std::ui
 }
 
 void UVCEncoder::YUYVToYUV420P(const std::uint8_t* src, std::uint8_t* dst, int width, int height) {
-  if (width <= 0 || height <= 0) {
+  if (!IsPictureSizeUsable(width, height)) {
     return;
   }
   const std::size_t pixels = PackedBytes(width, height) / 2;

@@ -90,7 +90,6 @@ class VEL_MODULE_EXPORT UVCEncoder {
 
   Mutex mCodecMutex VEL_LOCK_LEVEL(Work);
   std::unique_ptr<IEncoder> mEncoder VEL_GUARDED_BY(mCodecMutex);
-  EncoderType mEncoderType VEL_GUARDED_BY(mCodecMutex) = EncoderType::kSoftware;
   int mWidth VEL_GUARDED_BY(mCodecMutex) = 0;
   int mHeight VEL_GUARDED_BY(mCodecMutex) = 0;
   FramePtr mFrame VEL_GUARDED_BY(mCodecMutex);

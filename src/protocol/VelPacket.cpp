@@ -107,7 +107,7 @@ bool VelPacket::GrowTo(std::uint64_t size) {
   mBuffer.reset(static_cast<std::uint8_t*>(grown));
   if (const std::uint32_t length = GetPacketSize(); length > mCapacity) {
     // An earlier append could not grow: what it left out reads as zeros.
-    std::memset(mBuffer.get() + mCapacity, 0, length - mCapacity);
+    std::fill(mBuffer.get() + mCapacity, mBuffer.get() + length, std::uint8_t{0});
   }
   mCapacity = static_cast<std::uint32_t>(capacity);
   return true;

@@ -44,7 +44,10 @@ class Decoder : public testing::Test {
     ASSERT_EQ(mDecoder.Init(type, format, width, height, &mDeliveries), 0);
   }
   int Send(const Bytes& frame, std::uint32_t index = 0) {
-    return mDecoder.DecodeAsync(Exact(frame).release(), static_cast<std::uint32_t>(frame.size()), index);
+    HeapBlock block = Exact(frame);
+    const int result = mDecoder.DecodeAsync(block, static_cast<std::uint32_t>(frame.size()), index);
+    EXPECT_EQ(block, nullptr) << "taken, also where it fails";
+    return result;
   }
 
   Deliveries mDeliveries;
@@ -82,11 +85,21 @@ TEST_F(Decoder, UnknownPixelFormatIsBlackWhateverWasThereBefore) {
   ASSERT_EQ(Send(JpegWriter{.width = 64, .height = 64}.Write(), 1), 0);
   ASSERT_EQ(Send(JpegWriter{.width = 64, .height = 64, .grey = true}.Write(), 2), 0);
   Bytes black;
+  Bytes planes(64 * 64, 16);
+  planes.resize(2 * planes.size(), 128);
   for (int i = 0; i < 64 * 64; ++i) {
     black.insert(black.end(), {16, 128});
   }
   EXPECT_EQ(mDeliveries.frames.Await(2).at(1).bytes, black);
   EXPECT_EQ(log.Count("Error:mjpeg decoder  unknow format = 8 "), 1U);
+  UVCDecoder planar;
+  ASSERT_EQ(planar.Init(UVC_DECODER_TYPE_MJPEG, UVC_DECODER_OUTPUT_I420, 64, 64, nullptr), 0);
+  const Bytes grey = JpegWriter{.width = 64, .height = 64, .grey = true}.Write();
+  std::uint32_t size = 7;
+  EXPECT_EQ(planar.Decode(grey.data(), static_cast<std::uint32_t>(grey.size()), black.data(), &size), -1);
+  EXPECT_EQ(black, planes);
+  EXPECT_EQ(size, 7U);
+  EXPECT_EQ(log.Count("Error:Unsupport yuv format when use this codec"), 1U);
 }
 
 TEST_F(Decoder, KeepsWhatDecodesOfADamagedPictureAndShowsNoOtherMemory) {

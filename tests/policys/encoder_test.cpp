@@ -2,9 +2,14 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <iterator>
 #include <numeric>
 #include <string>
 #include <vector>
+
+extern "C" {
+#include <libavutil/frame.h>
+}
 
 #include "codec/FrameBlocks.h"
 #include "policys/UVCDecoder.h"
@@ -114,6 +119,36 @@ TEST(Encoder, ThinsItsQueueAndFreesItAtRelease) {
   EXPECT_EQ(encoder.Release(), 0);
   const UVCFramePtr late = MakeFrame(Bytes(100), 1);
   EXPECT_EQ(encoder.EncodeAsync(late.get()), -1) << "still ours";
+}
+
+// Chroma of the even rows beside each other, of the odd ones in planes; and the picture that stands for none.
+TEST(Encoder, ConvertsAndPaintsForClients) {
+  const Bytes packed = {1, 20, 2, 30, 3, 21, 4, 31, 5, 22, 6, 32, 7, 23, 8, 33};
+  Bytes out(12, 0xEE);
+  Bytes chroma(4);
+  UVCEncoder::YUYVToNV12(packed.data(), out.data(), nullptr, 4, 2);
+  EXPECT_THAT(out, testing::ElementsAre(1, 2, 3, 4, 5, 6, 7, 8, 20, 30, 21, 31));
+  UVCEncoder::YUYVToYUV420P(packed.data(), out.data(), 4, 2);
+  EXPECT_THAT(out, testing::ElementsAre(1, 2, 3, 4, 5, 6, 7, 8, 22, 23, 32, 33));
+  UVCEncoder::YUYVToNV12(packed.data(), out.data(), chroma.data(), 4, 2);
+  EXPECT_THAT(chroma, testing::ElementsAre(20, 30, 21, 31));
+  const Bytes planar = {52, 52, 9, 53, 53, 9, 2, 3, 9, 2, 3, 9};
+  const Bytes interleaved = {52, 2, 52, 3, 9, 9, 53, 2, 53, 3, 9, 9};
+  for (const EncoderType type : {EncoderType::kSoftware, EncoderType::kHardware}) {
+    Bytes planes(24, 9);
+    AVFrame frame{};
+    frame.width = frame.height = 3;
+    frame.pts = 90;
+    const int strides[] = {4, type == EncoderType::kSoftware ? 3 : 6, 3};
+    for (int plane = 0; plane < 3; ++plane) {
+      frame.data[plane] = planes.data() + 6 * plane + (plane > 0 ? 6 : 0);
+      frame.linesize[plane] = strides[plane];
+    }
+    UVCEncoder::SetDummyPicData(type, &frame);
+    Bytes expected = {14, 15, 16, 9, 15, 16, 17, 9, 16, 17, 18, 9};
+    std::ranges::copy(type == EncoderType::kSoftware ? planar : interleaved, std::back_inserter(expected));
+    EXPECT_EQ(planes, expected);
+  }
 }
 
 TEST(Encoder, RefusesWhatItCannotDo) {

@@ -46,6 +46,12 @@ TEST(FrameManager, PassesTheVeryRecordThroughAndThinsWhatWaits) {
     EXPECT_EQ(frame->index, kept);
   }
   EXPECT_EQ(Dequeue(manager, 0), nullptr);
+  const Bytes decoded(16, 5);
+  manager.OnFinishDecode(const_cast<std::uint8_t*>(decoded.data()), 16, 8);  // Of a client's decoder: a copy.
+  const UVCFramePtr frame = Dequeue(manager, 0);
+  ASSERT_NE(frame, nullptr);
+  EXPECT_EQ(Bytes(frame->data, frame->data + frame->length), decoded);
+  EXPECT_EQ(frame->index, 8U);
 }
 
 // Worked out by hand: N / k <= C for the first k below N, interval k - 1, N / (interval + 1) groups.
@@ -170,6 +176,11 @@ TEST(FrameManager, DumpsWhatComesInAndWhatWasEncoded) {
   ASSERT_NE(unit, nullptr);
   manager.DisableDumpStream();
   manager.DumpStream(picture.data(), 9, UVCFrameManager::kDumpRaw);  // Off.
+  manager.EnableDumpStream("/dev/full", UVCFrameManager::kDumpRaw);
+  for (int i = 0; i < 2; ++i) {
+    manager.DumpStream(picture.data(), 8192, UVCFrameManager::kDumpRaw);
+  }
+  EXPECT_EQ(log.Count("Error:cannot write 8192 bytes of frames, the dump ends"), 1U);
   const auto content = [](const std::string& file) {
     std::ifstream stream(file, std::ios::binary);
     return Bytes(std::istreambuf_iterator<char>(stream), {});

@@ -1,4 +1,6 @@
 // Raw video-streaming blocks: the tree, the lookup in it, the filter, what becomes of broken ones, and where they lie.
+#include <fstream>
+#include <iterator>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -6,8 +8,8 @@
 #include <gmock/gmock.h>
 
 #include "policys/UVCUtil.h"
-#include "support/DescriptorTree.h"
 #include "support/CapturingLog.h"
+#include "support/DescriptorTree.h"
 #include "support/VsBlock.h"
 
 namespace vel {
@@ -139,6 +141,31 @@ TEST(UVCFilter, TakesTallFramesOut) {
     EXPECT_EQ(bounded.bytes, after);
     EXPECT_EQ(trusted.bytes, after);
   }
+}
+
+TEST(UVCUtil, HelpsClientsWithTheirDiagnosis) {
+  const CapturingLog log;
+  for (const std::uint8_t request : Bytes{0x00, 0x01, 0x81, 0x82, 0x83, 0x84, 0x85, 0x86, 0x87, 0x02}) {
+    UVCUtil::DumpRequest(request);
+  }
+  UVCUtil::DumpCtrlSelector(0x14FF);
+  EXPECT_THAT(log.Messages(), testing::ElementsAre("Error:[UVC_RC_UNDEFINED]", "Error:[UVC_SET_CUR]",
+                                                   "Error:[UVC_GET_CUR]", "Error:[UVC_GET_MIN]", "Error:[UVC_GET_MAX]",
+                                                   "Error:[UVC_GET_RES]", "Error:[UVC_GET_LEN]", "Error:[UVC_GET_INFO]",
+                                                   "Error:[UVC_GET_DEF]", "Error:[Invalid reqeust]"));
+  UVCUtil::DumpCtrlSelector(0x1500);
+  EXPECT_EQ(log.Count("Error:[Invalid reqeust]"), 2U);
+  const std::string path = testing::TempDir() + "picture";
+  const Bytes picture = {1, 2, 3};
+  UVCUtil::SavePicture(picture.data(), 3, path.c_str());
+  std::ifstream file(path, std::ios::binary);
+  EXPECT_EQ(Bytes(std::istreambuf_iterator<char>(file), {}), picture);
+  EXPECT_EQ(log.Count("fail"), 0U);
+  UVCUtil::SavePicture(picture.data(), 3, "/nowhere/picture");
+  EXPECT_EQ(log.Count("Error:open /nowhere/picture, fail"), 1U);
+  UVCUtil::SavePicture(nullptr, 3, path.c_str());
+  UVCUtil::ParseUVCFrameHeader(picture.data(), 3);
+  EXPECT_EQ(log.Count("Error:"), 13U);
 }
 
 TEST(UVCConfig, IsSearchedForItsStreamingInterfaceAndItsBlockAlsoBehindTheEndpoint) {

@@ -162,7 +162,11 @@ bool DummyCamera::AwaitRequest() {
   while (!mStopped && std::chrono::steady_clock::now() < due) {
     mChanged.WaitUntil(lock, due);
   }
-  return !mStopped;
+  if (mStopped) {
+    return false;
+  }
+  --mPending;
+  return true;
 }
 
 void DummyCamera::DeliverPicture(std::vector<std::uint8_t>& picture) {
@@ -185,8 +189,6 @@ void DummyCamera::DeliverPicture(std::vector<std::uint8_t>& picture) {
   if (callback != nullptr) {
     callback->CameraStreamCb(picture.data(), static_cast<std::uint32_t>(picture.size()), context);
   }
-  const MutexLock lock(mMutex);
-  mPending -= mPending > 0 ? 1 : 0;  // A stop in the callback has cleared it.
 }
 
 void DummyCamera::Paint(std::span<std::uint8_t> picture, std::uint32_t width, std::uint32_t height, std::uint32_t n) {

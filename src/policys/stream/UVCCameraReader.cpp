@@ -57,10 +57,6 @@ class UVCCameraReader::Use {
 UVCCameraReader::UVCCameraReader(IUsbIo& io, UsbIoTransferCallback& callback, const Source& source)
     : mIo(io), mCallback(callback), mSource(source) {}
 
-UVCCameraReader::~UVCCameraReader() {
-  Stop();
-}
-
 bool UVCCameraReader::IsUsable(const Source& source) {
   switch (source.kind) {
     case Kind::kWholeFrame:

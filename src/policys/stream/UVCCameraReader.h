@@ -41,7 +41,7 @@ class UVCCameraReader {
   UVCCameraReader(IUsbIo& io, UsbIoTransferCallback& callback, const Source& source);
   UVCCameraReader(const UVCCameraReader&) = delete;
   UVCCameraReader& operator=(const UVCCameraReader&) = delete;
-  ~UVCCameraReader();
+  ~UVCCameraReader() = default;  // Stop comes first.
 
   // False when the sizes make no transfer that can be submitted.
   static bool IsUsable(const Source& source);

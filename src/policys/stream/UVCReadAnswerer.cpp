@@ -17,10 +17,6 @@ void SetTimedOut(_UsbIoXferInfo& read) {
 
 }  // namespace
 
-UVCReadAnswerer::~UVCReadAnswerer() {
-  Stop();
-}
-
 bool UVCReadAnswerer::Start() {
   try {
     mThread = std::thread(&UVCReadAnswerer::AnswerReads, this);

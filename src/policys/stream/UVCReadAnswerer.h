@@ -34,7 +34,7 @@ class UVCReadAnswerer {
   UVCReadAnswerer(UVCFrameManager& frames, UVCStreamTally& tally) : mFrames(frames), mTally(tally) {}
   UVCReadAnswerer(const UVCReadAnswerer&) = delete;
   UVCReadAnswerer& operator=(const UVCReadAnswerer&) = delete;
-  ~UVCReadAnswerer();
+  ~UVCReadAnswerer() = default;  // Stop comes first.
 
   // Once, before any read. False, with an Error line, when there is no thread to be had.
   bool Start();

@@ -1,7 +1,10 @@
 #include "FakeCapture.h"
 
+#include <chrono>
 #include <thread>
 #include <utility>
+
+#include <gtest/gtest.h>
 
 #include "oskelo/log.h"
 
@@ -20,6 +23,11 @@ FakeCapture::FakeCapture() {
 }
 
 FakeCapture::~FakeCapture() {
+  const auto deadline = std::chrono::steady_clock::now() + kDeadline;
+  MutexLock lock(mutex);
+  while (workers > 0 && changed.WaitUntil(lock, deadline)) {
+  }
+  EXPECT_EQ(workers, 0) << "not quit";
   gFake = nullptr;
 }
 
@@ -138,6 +146,8 @@ struct CamWorker {
 };
 
 CamWorker* CreatQtWorker(void* /*parent*/, void (*function)(void*), void* context) {
+  const vel::MutexLock lock(gFake->mutex);
+  ++gFake->workers;
   return new CamWorker{function, context};
 }
 
@@ -148,6 +158,9 @@ int StartQtWroker(CamWorker* worker) {
 
 void QuitQtWroker(CamWorker* worker) {
   delete worker;
+  const vel::MutexLock lock(gFake->mutex);
+  --gFake->workers;
+  gFake->changed.NotifyAll();
 }
 
 }  // extern "C"

@@ -36,6 +36,7 @@ struct FakeCapture {
   Mutex mutex;
   CondVar changed;
   std::vector<std::string> calls;
+  int workers = 0;
   bool openBlocked = false;
   bool streaming = false;
   bool stopped = false;

@@ -120,6 +120,30 @@ TEST(QtCamera, IsStoppedAtOnceWhileItOpensAndLeavesNoThread) {
   EXPECT_THAT(capture.Calls(), ElementsAre("CamOpen slow", "CamClose slow", "CamClose slow"));
 }
 
+TEST(ICamera, AnswersWhatItDoesNotDoWithSuccess) {
+  FakeCapture capture;
+  DummyCamera dummy;
+  QtCamera local;
+  for (ICamera* camera : {static_cast<ICamera*>(&dummy), static_cast<ICamera*>(&local)}) {
+    std::vector<_CameraInfo> list;
+    _CameraParam param{};
+    EXPECT_EQ(camera->GetCameraList(list), 0);
+    EXPECT_THAT(list, testing::SizeIs(camera == &dummy ? 3 : 0));
+    EXPECT_TRUE(list.empty() || (list[2].index == 2 && list[2].available == 1));
+    EXPECT_STREQ(list.empty() ? "Dummy Camera" : list[2].name, "Dummy Camera");
+    EXPECT_EQ(camera->GetCurrentFrame(nullptr, nullptr), 0);
+    EXPECT_EQ(camera->EnableDebug(true), 0);
+    EXPECT_EQ(camera->GetParam(&param), 0);
+    EXPECT_EQ(camera->ProbeParam(&param), 0);
+    EXPECT_EQ(camera->SetStreamCallback(nullptr, nullptr), 0);
+    EXPECT_EQ(camera->StreamOff(), -1) << "not on";
+    EXPECT_EQ(camera->Open("cam"), 0);
+    EXPECT_EQ(camera->Open("cam"), 0);
+    EXPECT_EQ(camera->Close(), 0);
+  }
+  EXPECT_THAT(capture.Calls(), ElementsAre("CamOpen cam", "CamClose cam"));
+}
+
 TEST(ICameraFactory, HasNoCameraOfTheSecondType) {
   const CapturingLog log;
   EXPECT_EQ(ICameraFactory::CreateCamera(2), nullptr);

@@ -69,7 +69,9 @@ struct ScriptedCamera {
     policy->PeekClassControlTransferRet({0xA1, 0x81, 0x0100, wIndex, data});
     return data;
   }
-  void Start(std::uint32_t altSetting = 1) { policy->SetInterfacePost(kInterface, altSetting); }
+  void Start(std::uint32_t altSetting = 1) {
+    EXPECT_EQ(policy->SetInterface(kInterface, altSetting) + policy->SetInterfacePost(kInterface, altSetting), 0);
+  }
   void Start(const UVCStreamCtrl& ctrl) {
     Commit(ctrl);
     Start();
