@@ -81,7 +81,8 @@ Bytes MockUsb::Descriptor(std::uint8_t type, std::uint8_t index) const {
   constexpr std::uint8_t kVendorHigh = kVendor >> 8U;
   const auto product = static_cast<std::uint8_t>(mTraits.product);
   if (type == 1) {
-    return {18, 1, 0x00, 0x02, mTraits.usbClass, 0, 0, 64, kVendorLow, kVendorHigh, product, 0, 0, 1, 1, 2, 0, 1};
+    return {18, 1, 0x00, 0x02, mTraits.usbClass,      0, 0, 64, kVendorLow, kVendorHigh, product, 0, 0,
+            1,  1, 2,    0,    mTraits.configurations};
   }
   if (type == 2) {
     return mTraits.config;
@@ -405,7 +406,6 @@ std::size_t MockUsb::Kill(int status, const std::function<bool(const Urb&)>& fit
     const auto next = std::next(urb);
     if (fits(*urb)) {
       urb->status = status;
-      urb->moved = 0;
       mDone.splice(mDone.end(), mPending, urb);
       ++killed;
     }

@@ -72,7 +72,8 @@ class MockUsb {
   struct Traits {
     std::uint16_t product = 0;
     std::uint8_t usbClass = 0;
-    Bytes config;
+    Bytes config;                     // One behind the other.
+    std::uint8_t configurations = 1;  // How many those are.
     std::uint8_t endpoint = 0;        // The number of interface 1's endpoints.
     unsigned lastSetting = 0;         // Of interface 1.
     std::set<std::uint8_t> halted{};  // When it is plugged in.

@@ -64,6 +64,9 @@ class DeviceSoak final : public SoakSuite {
                     testing::AnyOf(0, LIBUSB_ERROR_NOT_FOUND, LIBUSB_ERROR_NO_DEVICE));
         ++run.faults;
       }
+      if (run.OneIn(20)) {
+        remote->ControlTransfer({0xC0, MockUsbDevice::kFetch, 0, 0, 8});
+      }
       if (last == unplugAt) {
         mDevice.Unplug();
       }

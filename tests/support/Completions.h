@@ -4,9 +4,11 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
+#include <functional>
 #include <map>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -31,28 +33,41 @@ class Completions final : public UsbIoTransferCallback {
   Completions() = default;
   Completions(const Completions&) = delete;
   Completions& operator=(const Completions&) = delete;
-  ~Completions() override {
-    const MutexLock lock(mMutex);
-    for (const auto& [id, open] : mOpen) {
-      EXPECT_EQ(open, 0) << "completions of transfer " << id << " are missing";
-    }
-  }
+  ~Completions() override { EXPECT_EQ(Outstanding(), 0) << "completions are missing"; }
 
-  // A record with `size` bytes of 0xEE, or with no block.
-  _UsbIoXferInfo* Record(std::uint8_t epAddr, std::uint32_t streamId, std::optional<std::uint32_t> size) {
+  // A record with these bytes.
+  _UsbIoXferInfo* RecordOf(std::uint8_t epAddr, std::uint32_t streamId, std::string_view bytes) {
     XferPtr info = MakeXfer();
     info->xferType = kXferIsochronous;
     info->epAddr = epAddr;
     info->streamId = info->localXferId = streamId;
     info->callback = this;
-    info->length = size.value_or(40);
-    if (size) {
-      info->data = static_cast<std::uint8_t*>(std::malloc(std::max(*size, 1U)));
-      std::fill_n(info->data, *size, std::uint8_t{0xEE});
-    }
+    info->length = static_cast<std::uint32_t>(bytes.size());
+    info->data = static_cast<std::uint8_t*>(std::malloc(std::max<std::size_t>(bytes.size(), 1)));
+    std::ranges::copy(bytes, info->data);
     const MutexLock lock(mMutex);
     ++mOpen[streamId];
     return info.release();
+  }
+  // A record with `size` bytes of 0xEE, or with no block.
+  _UsbIoXferInfo* Record(std::uint8_t epAddr, std::uint32_t streamId, std::optional<std::uint32_t> size) {
+    _UsbIoXferInfo* info = RecordOf(epAddr, streamId, std::string(size.value_or(40), '\xEE'));
+    if (!size) {
+      std::free(std::exchange(info->data, nullptr));
+    }
+    return info;
+  }
+
+  // Runs in each completion, after it was noted. To be set before there is one.
+  void OnDone(std::function<void(const _UsbIoXferInfo&)> hook) { mHook = std::move(hook); }
+  // How many have not come yet.
+  int Outstanding() {
+    const MutexLock lock(mMutex);
+    int count = 0;
+    for (const auto& [id, open] : mOpen) {
+      count += open;
+    }
+    return count;
   }
 
   Collected<Done> done;
@@ -67,8 +82,12 @@ class Completions final : public UsbIoTransferCallback {
     done.Add(
         {info->streamId, info->status,
          info->data == nullptr ? std::nullopt : std::optional<std::string>({info->data, info->data + info->length})});
+    if (mHook) {
+      mHook(*info);
+    }
   }
 
+  std::function<void(const _UsbIoXferInfo&)> mHook;
   Mutex mMutex;
   std::map<std::uint32_t, int> mOpen VEL_GUARDED_BY(mMutex);  // By the id for cancelling.
 };

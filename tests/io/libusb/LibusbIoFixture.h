@@ -1,122 +1,169 @@
-// What the tests of the libusb backend share: the device-base object, the log, the records and their completions.
 #ifndef TESTS_IO_LIBUSB_LIBUSB_IO_FIXTURE_H
 #define TESTS_IO_LIBUSB_LIBUSB_IO_FIXTURE_H
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
-#include <functional>
+#include <future>
 #include <memory>
-#include <optional>
-#include <set>
+#include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "FakeLibusb.h"
+#include "LibusbSeam.h"
 #include "io/LibusbIo.h"
+#include "mockdev/MockUsb.h"
 #include "protocol/IsoTable.h"
 #include "support/CapturingLog.h"
-#include "support/Collected.h"
+#include "support/Completions.h"
 #include "support/RecordingDeviceBase.h"
 
 namespace vel {
 
-using Bytes = std::vector<std::uint8_t>;
+using Done = Completions::Done;
 
-struct Completion {
-  std::uint32_t streamId;
-  std::int32_t status;
-  std::optional<Bytes> data;  // None: the record had no block.
+// How a transfer ends. Of an OUT transfer all bytes are moved.
+struct UsbResult {
+  Bytes bytes{};
+  int status = 0;                                   // As the kernel has it: a negated errno.
+  std::vector<std::pair<unsigned, int>> packets{};  // Isochronous: bytes moved, status.
 };
 
-// Makes records, takes their completions, and knows which records were not completed, or twice.
-class Recorder : public UsbIoTransferCallback {
+// A mocked device whose transfers end when the test says so. 0x83 and 0x04 are isochronous. Configuration 1 has both
+// interfaces, 2 only the second.
+class WaitingUsb final : public MockUsb {
  public:
-  ~Recorder() override { EXPECT_EQ(Outstanding(), 0U) << "records without a completion"; }
+  static constexpr std::uint8_t kAny = 0xFF;
 
-  _UsbIoXferInfo* Make(std::uint32_t id, std::uint8_t endpoint, const Bytes& data) {
-    _UsbIoXferInfo* info = MakeXfer().release();
-    info->streamId = info->localXferId = id;
-    info->epAddr = endpoint;
-    info->length = static_cast<std::uint32_t>(data.size());
-    info->data = static_cast<std::uint8_t*>(std::malloc(data.size() + 1));
-    std::ranges::copy(data, info->data);
-    info->callback = this;
+  WaitingUsb()
+      : MockUsb({.product = 1,
+                 .usbClass = 0,
+                 .config = {9,  2, 34, 0, 2, 1,    0,  0x80, 50, 9, 4, 0,    0,   0,  255, 0, 0, 0,
+                            9,  4, 1,  0, 0, 255,  0,  0,    0,  7, 5, 0x83, 1,   64, 0,   1, 9, 2,
+                            18, 0, 1,  2, 0, 0x80, 50, 9,    4,  1, 0, 0,    255, 0,  0,   0},
+                 .configurations = 2,
+                 .endpoint = 3,
+                 .lastSetting = 1}) {
+    Plug();
+  }
+  ~WaitingUsb() override { static_cast<void>(AwaitClosed()); }
+
+  // The oldest transfer that waits on this endpoint (0: control) ends so. False when there is none.
+  bool Complete(std::uint8_t endpoint, const UsbResult& result = {}) {
     const MutexLock lock(mMutex);
-    mOutstanding.insert(info);
-    return info;
+    const auto urb = Fill(endpoint, result);
+    if (urb == mPending.end()) {
+      return false;
+    }
+    urb->status = result.status;
+    mDone.splice(mDone.end(), mPending, urb);
+    Changed();
+    return true;
   }
-
-  // A record whose table asks for these packets; `payload` lies behind the table.
-  _UsbIoXferInfo* MakeIso(std::uint32_t id, std::uint8_t endpoint, const std::vector<std::uint32_t>& lengths,
-                          const Bytes& payload = {}) {
-    const std::size_t tableSize = lengths.size() * sizeof(IsoPacketRecord);
-    Bytes data(tableSize);
-    for (std::size_t i = 0; i < lengths.size(); ++i) {
-      StoreIsoRecord(data.data(), i, {.offset = 0, .length = lengths[i], .actual_length = 0, .status = 0});
-    }
-    data.insert(data.end(), payload.begin(), payload.end());
-    _UsbIoXferInfo* info = Make(id, endpoint, data);
-    info->isoPacketNum = static_cast<std::uint32_t>(lengths.size());
-    info->isoDescLen = static_cast<std::uint32_t>(tableSize);
-    info->isoDescCopy = std::malloc(tableSize + 1);
-    std::memcpy(info->isoDescCopy, data.data(), tableSize);
-    return info;
-  }
-
-  // Runs in each completion, after it was noted.
-  void OnCompletion(std::function<void(const Completion&)> hook) { mHook = std::move(hook); }
-
-  void UsbIoXferCb(_UsbIoXferInfo* info) override {
-    {
-      const MutexLock lock(mMutex);
-      EXPECT_EQ(mOutstanding.erase(info), 1U) << "completed twice";
-    }
-    Completion completion{info->streamId, info->status, std::nullopt};
-    if (info->data != nullptr) {
-      completion.data = Bytes(info->data, info->data + info->length);
-    }
-    FreeXfer(info);
-    done.Add(completion);
-    if (mHook) {
-      mHook(completion);
-    }
-  }
-
-  std::size_t Outstanding() {
+  // It has moved this, and goes on waiting.
+  void MovePart(std::uint8_t endpoint, const UsbResult& result) {
     const MutexLock lock(mMutex);
-    return mOutstanding.size();
+    Fill(endpoint, result);
   }
-
-  Collected<Completion> done;
+  Bytes LastSent() {
+    const MutexLock lock(mMutex);
+    return mSent;
+  }
 
  private:
-  Mutex mMutex;
-  std::set<_UsbIoXferInfo*> mOutstanding VEL_GUARDED_BY(mMutex);
-  std::function<void(const Completion&)> mHook;
-};
-
-// A backend over the fake, its device on the bus. Whatever a test does, all is given back at its end and the fake has
-// nothing to complain about.
-class LibusbIoTest : public testing::Test {
- protected:
-  LibusbIoTest() {
-    fake.Reset();
-    device = &fake.devices.emplace_back();
-    io = std::make_unique<LibusbIo>(&base);
+  bool Serve(Urb& /*urb*/, Bytes out) override VEL_REQUIRES(mMutex) {
+    mSent = std::move(out);
+    return false;
+  }
+  bool ServeRequest(Urb& /*urb*/, std::span<const std::uint8_t> /*setup*/, Bytes /*out*/, Bytes& /*answer*/) override
+      VEL_REQUIRES(mMutex) {
+    return false;
+  }
+  std::list<Urb>::iterator Fill(std::uint8_t endpoint, const UsbResult& result) VEL_REQUIRES(mMutex) {
+    const auto urb =
+        std::ranges::find_if(mPending, [&](const Urb& each) { return endpoint == kAny || each.endpoint == endpoint; });
+    if (urb == mPending.end()) {
+      return urb;
+    }
+    const bool isIso = urb->type == USBDEVFS_URB_TYPE_ISO;
+    urb->moved = isIso ? 0 : urb->IsIn() || urb->endpoint == 0 ? result.bytes.size() : urb->length;
+    urb->in = urb->endpoint == 0 ? Bytes(8) : Bytes();  // A request's setup comes first.
+    urb->in.insert(urb->in.end(), result.bytes.begin(), result.bytes.end());
+    for (std::size_t i = 0; isIso && i < urb->Packets().size(); ++i) {
+      usbdevfs_iso_packet_desc& packet = urb->Packets()[i];
+      packet.actual_length = i < result.packets.size() ? result.packets[i].first : packet.length;
+      packet.status = static_cast<unsigned>(i < result.packets.size() ? result.packets[i].second : 0);
+    }
+    return urb;
   }
 
+  Bytes mSent VEL_GUARDED_BY(mMutex);
+};
+
+// Where a thread of the module is held until the test opens it; for one passage.
+struct Gate {
+  void Pass() {
+    arrived.set_value();
+    opened.get_future().wait();
+  }
+  void AwaitArrival() { arrived.get_future().wait(); }
+  void Open() { opened.set_value(); }
+
+  std::promise<void> arrived;
+  std::promise<void> opened;
+};
+
+// A backend over libusb on a mocked kernel. Every record is completed by the end of a test.
+class LibusbIoTest : public testing::Test {
+ protected:
+  LibusbIoTest() { seam.Reset(); }
+
+  // Ready for transfers of all kinds.
   void Open() {
     io->Init();
     ASSERT_EQ(io->OpenUsbDev(), 0);
+    ASSERT_EQ(io->DetachKernelDriver(), 0);
+    ASSERT_EQ(io->ClaimAllInterface(), 0);
+    ASSERT_EQ(io->SetInterfaceAltSetting(1, 1), 0);
   }
 
-  void TearDown() override {
-    io.reset();
-    EXPECT_THAT(fake.Violations(), testing::IsEmpty());
+  // Submits a transfer of 4 bytes.
+  int Bulk(std::uint32_t id, std::uint8_t endpoint = 0x81) { return io->BulkTransfer(records.Record(endpoint, id, 4)); }
+  // A record whose table asks for these packets; `payload` lies behind the table.
+  _UsbIoXferInfo* MakeIso(std::uint32_t id, std::uint8_t endpoint, const std::vector<std::uint32_t>& lengths,
+                          const std::string& payload = {}) {
+    const std::size_t tableSize = lengths.size() * sizeof(IsoPacketRecord);
+    _UsbIoXferInfo* info = records.RecordOf(endpoint, id, std::string(tableSize, '\0') + payload);
+    for (std::size_t i = 0; i < lengths.size(); ++i) {
+      StoreIsoRecord(info->data, i, {.offset = 0, .length = lengths[i], .actual_length = 0, .status = 0});
+    }
+    info->isoPacketNum = static_cast<std::uint32_t>(lengths.size());
+    info->isoDescLen = static_cast<std::uint32_t>(tableSize);
+    info->isoDescCopy = std::malloc(tableSize + 1);
+    std::memcpy(info->isoDescCopy, info->data, tableSize);
+    return info;
+  }
+
+  int ReadByte(std::uint8_t& byte) { return io->ControlTransfer(0xC0, 1, 0, 0, &byte, 1, 0); }
+
+  // The next wait for events that begins is this.
+  void OnEvents(LibusbSeam::Hook hook) {
+    seam.Instead("handle_events", std::move(hook));
+    seam.Interrupt();
+  }
+  // The event thread waits in the gate; when it is let on, event handling has this result, once.
+  void HoldEvents(Gate& gate, int result = 0) {
+    OnEvents([this, &gate, result](const LibusbSeam::Call&) {
+      seam.Instead("handle_events", nullptr);
+      gate.Pass();
+      return result;
+    });
+    gate.AwaitArrival();
   }
 
   // Waits for a close on another thread to have begun.
@@ -126,14 +173,13 @@ class LibusbIoTest : public testing::Test {
     }
   }
 
-  int ReadByte(std::uint8_t& byte) { return io->ControlTransfer(0xC0, 1, 0, 0, &byte, 1, 0); }
-
-  FakeLibusb& fake = FakeLibusb::Get();
-  libusb_device* device = nullptr;
-  RecordingDeviceBase base{{.bus = 1, .address = 5, .vendorId = 0x1D6B, .productId = 0x0104}};
+  LibusbSeam& seam = LibusbSeam::Get();
+  WaitingUsb device;
+  RecordingDeviceBase base{
+      {.bus = MockUsb::kBus, .address = device.Address(), .vendorId = 0x1D6B, .productId = 0x0104}};
   CapturingLog log;
-  Recorder records;
-  std::unique_ptr<LibusbIo> io;
+  Completions records;
+  std::unique_ptr<LibusbIo> io = std::make_unique<LibusbIo>(&base);
 };
 
 }  // namespace vel

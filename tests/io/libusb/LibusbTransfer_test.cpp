@@ -1,36 +1,40 @@
+#include <array>
+#include <cerrno>
+#include <functional>
 #include <numeric>
+#include <set>
 #include <span>
 
 #include "LibusbIoFixture.h"
+#include "support/FailingMemory.h"
 
 namespace vel {
 namespace {
 
+using testing::Each;
 using testing::ElementsAre;
-using testing::ElementsAreArray;
+using testing::Field;
 
 class LibusbIoTransfer : public LibusbIoTest {
  protected:
   // A transfer operation with a record that suits it.
   struct Kind {
     int (LibusbIo::*submit)(_UsbIoXferInfo*);
-    std::function<_UsbIoXferInfo*(std::uint32_t)> make;
+    std::function<_UsbIoXferInfo*()> make;
   };
   std::vector<Kind> kinds = {
-      {&LibusbIo::BulkTransfer, [this](std::uint32_t id) { return records.Make(id, 0x02, Bytes(3, 1)); }},
-      {&LibusbIo::InterruptTransfer, [this](std::uint32_t id) { return records.Make(id, 0x03, Bytes(1, 4)); }},
+      {&LibusbIo::BulkTransfer, [this] { return records.RecordOf(0x02, 7, "abc"); }},
+      {&LibusbIo::InterruptTransfer, [this] { return records.RecordOf(0x01, 7, "d"); }},
       {&LibusbIo::IsochTransfer,
-       [this](std::uint32_t id) {
-         return records.MakeIso(id, 0x04, {2, 1}, Bytes(3, 5));
+       [this] {
+         return MakeIso(7, 0x04, {2, 1}, "efg");
        }},
   };
 
-  static Bytes DataOf(const _UsbIoXferInfo& info) { return {info.data, info.data + info.length}; }
-
-  static std::vector<IsoPacketRecord> Table(const Bytes& data, std::size_t count) {
+  static std::vector<IsoPacketRecord> Table(const std::string& data, std::size_t count) {
     std::vector<IsoPacketRecord> table;
     for (std::size_t i = 0; i < count; ++i) {
-      table.push_back(LoadIsoRecord(data.data(), i));
+      table.push_back(LoadIsoRecord(reinterpret_cast<const std::uint8_t*>(data.data()), i));
     }
     return table;
   }
@@ -43,189 +47,199 @@ MATCHER_P4(IsPacket, offset, length, actual, status, "") {
 
 // Whatever fails: one completion with status 1, the data as it was, before the negative result; nothing is left filed.
 TEST_F(LibusbIoTransfer, FailedSubmissionCompletesTheRecordAsItWas) {
-  const struct {
-    const char* function;
-    int result;
-  } failures[] = {{"not open", LIBUSB_ERROR_NOT_FOUND},
-                  {"libusb_alloc_transfer", LIBUSB_ERROR_NO_MEM},
-                  {"libusb_submit_transfer", LIBUSB_ERROR_NO_DEVICE}};
   io->Init();
   std::size_t count = 0;
-  for (const auto& [function, result] : failures) {
+  for (const auto& [function, result] : {std::pair("not open", LIBUSB_ERROR_NOT_FOUND),
+                                         {"alloc_transfer", LIBUSB_ERROR_NO_MEM},
+                                         {"submit_transfer", LIBUSB_ERROR_NO_DEVICE}}) {
+    SCOPED_TRACE(function);
+    seam.Instead(function, [result = result](const auto&) { return result; });
     for (const Kind& kind : kinds) {
-      SCOPED_TRACE(function);
       EXPECT_EQ((*io.*kind.submit)(nullptr), 0);
-      fake.Answer(function, {result});
-      _UsbIoXferInfo* info = kind.make(7);
-      const Bytes sent = DataOf(*info);
+      _UsbIoXferInfo* info = kind.make();
+      const std::string sent(info->data, info->data + info->length);
       EXPECT_EQ((*io.*kind.submit)(info), result);
-      EXPECT_EQ(records.Outstanding(), 0U);
-      const Completion completion = records.done.Await(++count).back();
-      EXPECT_EQ(completion.status, 1);
-      EXPECT_EQ(completion.data, sent);
+      EXPECT_EQ(records.Outstanding(), 0);
+      EXPECT_EQ(records.done.Await(++count).back(), (Done{7, 1, sent}));
       EXPECT_EQ(io->CancelTransfer(7), LIBUSB_ERROR_NOT_FOUND);
-      EXPECT_THAT(fake.transfers, testing::IsEmpty());
     }
+    seam.Instead(function, nullptr);
     ASSERT_EQ(io->OpenUsbDev(), 0);
   }
-  _UsbIoXferInfo* absurd = records.Make(1, 0x81, {});
-  std::free(std::exchange(absurd->data, nullptr));
-  absurd->length = 5;
+  _UsbIoXferInfo* absurd = records.Record(0x81, 1, std::nullopt);
   EXPECT_EQ(io->BulkTransfer(absurd), LIBUSB_ERROR_INVALID_PARAM);
 }
 
-// Each allocation on the way fails once, log lines included; a completion that finds no memory ends in itself.
+// Each allocation on the way to libusb fails once, log lines included; a completion that finds no memory ends in
+// itself.
 TEST_F(LibusbIoTransfer, NoMemoryIsAResultAndNotAnException) {
   Open();
-  records.OnCompletion([](const Completion&) {
-    FakeLibusb::allocationsLeft = -1;
-    throw std::bad_alloc();
+  test::FailMemoryOfOthersAfter(0, 0);  // From now on, this thread is not meant.
+  records.OnDone([](const auto&) { throw std::bad_alloc(); });
+  seam.Instead("submit_transfer", [](const auto& call) {
+    test::FailMemoryOfOthersAfter(0, 0);
+    return call();
   });
   for (const Kind& kind : kinds) {
     std::set<int> results;
-    for (int left = 0; left < 16; ++left) {
-      _UsbIoXferInfo* info = kind.make(7);
-      FakeLibusb::allocationsLeft = left;
-      results.insert((*io.*kind.submit)(info));
-      FakeLibusb::allocationsLeft = -1;
+    for (std::uint32_t succeed = 0; succeed < 16; ++succeed) {
+      _UsbIoXferInfo* info = kind.make();
+      int result = 1;
+      test::FailMemoryOfOthersAfter(succeed, 1);
+      std::thread([&] { result = (*io.*kind.submit)(info); }).join();
+      test::FailMemoryOfOthersAfter(0, 0);
+      results.insert(result);
     }
     EXPECT_THAT(results, ElementsAre(LIBUSB_ERROR_NO_MEM, 0));
   }
-  EXPECT_GT(records.Outstanding(), 0U);
+  EXPECT_GT(records.Outstanding(), 0);
   EXPECT_EQ(io->CloseUsbDev(), 0);
-  EXPECT_EQ(records.Outstanding(), 0U);
+  EXPECT_EQ(records.Outstanding(), 0);
 }
 
 TEST_F(LibusbIoTransfer, MayCompleteBeforeTheSubmissionReturns) {
   Open();
-  fake.SetImmediateResult({.bytes = {1, 2}});
+  std::size_t count = 0;
+  std::string brought = "ab";
+  seam.Instead("submit_transfer", [&](const auto& call) {
+    const int result = call();
+    EXPECT_TRUE(device.Complete(WaitingUsb::kAny, {.bytes = {brought.begin(), brought.end()}}));
+    EXPECT_EQ(records.done.Await(++count).size(), count);
+    return result;
+  });
   for (const Kind& kind : kinds) {
-    EXPECT_EQ((*io.*kind.submit)(kind.make(1)), 0);
+    EXPECT_EQ((*io.*kind.submit)(kind.make()), 0);
   }
-  io->BulkTransfer(records.Make(1, 0x81, Bytes(4)));
-  fake.SetImmediateResult({});
-  io->BulkTransfer(records.Make(2, 0x81, Bytes(4)));
-  const std::vector<Completion> all = records.done.Await(5);
-  EXPECT_THAT(all, testing::Each(testing::Field(&Completion::status, 0)));
-  EXPECT_EQ(all[3].data, Bytes({1, 2}));
-  EXPECT_EQ(all[4].data, Bytes()) << "none where nothing arrived";
+  Bulk(1);
+  brought.clear();
+  Bulk(2);
+  const std::vector<Done> all = records.done.Await(5);
+  EXPECT_THAT(all, Each(Field(&Done::status, 0)));
+  EXPECT_EQ(all[3].data, "ab");
+  EXPECT_EQ(all[4].data, "") << "none where nothing arrived";
 }
 
 TEST_F(LibusbIoTransfer, CancelRacesTheSubmissionTheCompletionAndItself) {
   Open();
-  fake.Hold("libusb_submit_transfer");
-  std::thread loop([this] { io->BulkTransfer(records.Make(1, 0x81, Bytes(4))); });
-  fake.AwaitHeld("libusb_submit_transfer");
+  Gate submission;
+  seam.Instead("submit_transfer", [&](const auto& call) {
+    submission.Pass();
+    return call();
+  });
+  std::thread loop([this] { Bulk(1); });
+  submission.AwaitArrival();
   EXPECT_EQ(io->CancelTransfer(1), 0);  // Takes effect after the submission.
-  fake.LetGo("libusb_submit_transfer");
+  seam.Instead("submit_transfer", nullptr);
+  submission.Open();
   loop.join();
   EXPECT_EQ(records.done.Await(1)[0].status, 3);
 
-  fake.Hold("events");
-  io->BulkTransfer(records.Make(2, 0x81, Bytes(4)));
-  fake.Complete(0x81, {.bytes = {5}});
-  EXPECT_EQ(io->CancelTransfer(2), LIBUSB_ERROR_NOT_FOUND);  // The completion was faster.
-  io->BulkTransfer(records.Make(3, 0x81, Bytes(4)));
+  Gate events;
+  HoldEvents(events);
+  Bulk(2);
+  device.Complete(0x81, {.bytes = {'a'}});
+  EXPECT_LT(io->CancelTransfer(2), 0);  // The completion was faster.
+  Bulk(3);
   EXPECT_EQ(io->CancelTransfer(3), 0);
   EXPECT_EQ(io->CancelTransfer(3), LIBUSB_ERROR_NOT_FOUND);
-  fake.LetGo("events");
-  const std::vector<Completion> all = records.done.Await(3);
-  EXPECT_EQ(all[1].data, Bytes{5});
+  events.Open();
+  const std::vector<Done> all = records.done.Await(3);
+  EXPECT_EQ(all[1].data, "a");
   EXPECT_EQ(all[2].status, 3);
 }
 
 TEST_F(LibusbIoTransfer, EqualIdsDoNotDisturbEachOther) {
   Open();
-  for (const std::uint8_t endpoint : {std::uint8_t{0x81}, std::uint8_t{0x82}, std::uint8_t{0x83}}) {
-    io->BulkTransfer(records.Make(1, endpoint, Bytes(4)));
+  for (const std::uint8_t endpoint : {std::uint8_t{0x81}, std::uint8_t{0x82}, std::uint8_t{0x85}}) {
+    Bulk(1, endpoint);
   }
-  fake.Complete(0x81, {.bytes = {1}});
-  EXPECT_EQ(records.done.Await(1)[0].data, Bytes{1});
-  fake.Hold("events");
+  device.Complete(0x81, {.bytes = {'a'}});
+  EXPECT_EQ(records.done.Await(1)[0].data, "a");
+  Gate events;
+  HoldEvents(events);
   EXPECT_EQ(io->CancelTransfer(1), 0);  // Still finds the newest one, and only that.
-  EXPECT_FALSE(fake.Complete(0x83));
-  EXPECT_TRUE(fake.Complete(0x82));
-  fake.LetGo("events");
-  EXPECT_EQ(records.done.Await(3)[1].status, 3);
+  EXPECT_FALSE(device.Complete(0x85));
+  EXPECT_TRUE(device.Complete(0x82));
+  events.Open();
+  EXPECT_THAT(records.done.Await(3), testing::Contains(Field(&Done::status, 3)).Times(1));
   EXPECT_EQ(io->CancelTransfer(1), LIBUSB_ERROR_NOT_FOUND);
 }
 
 // Whatever id the remote side chooses, it does not meet the module's own reads, nor they the remote side's.
 TEST_F(LibusbIoTransfer, OwnTransfersAreNotAmongTheRemoteSidesIds) {
   Open();
-  Recorder other;
-  fake.Hold("events");
-  const auto submit = [this](Recorder& recorder, std::uint32_t space, std::uint8_t endpoint) {
-    _UsbIoXferInfo* info = recorder.Make(0xFFFFFF00, endpoint, Bytes(4));
+  Completions other;
+  const auto submit = [this](Completions& completions, std::uint32_t space, std::uint8_t endpoint) {
+    _UsbIoXferInfo* info = completions.Record(endpoint, 0xFFFFFF00, 4);
     info->reserved = space;
     EXPECT_EQ(io->BulkTransfer(info), 0);
   };
   submit(records, kRemoteIds, 0x81);
   submit(records, kModuleIds, 0x82);
   submit(records, kModuleIds, 0x82);
-  submit(other, kModuleIds, 0x83);
+  submit(other, kModuleIds, 0x85);
   EXPECT_EQ(io->CancelTransfer(0xFFFFFF00), 0);
   EXPECT_EQ(io->CancelTransfer(0xFFFFFF00), LIBUSB_ERROR_NOT_FOUND);
-  EXPECT_FALSE(fake.Complete(0x81));
+  EXPECT_FALSE(device.Complete(0x81));
   EXPECT_EQ(io->CancelOwnTransfers(&records), 2);
   EXPECT_EQ(io->CancelOwnTransfers(&records), 0);
-  EXPECT_FALSE(fake.Complete(0x82));
-  EXPECT_TRUE(fake.Complete(0x83, {}));
-  fake.LetGo("events");
-  EXPECT_THAT(records.done.Await(3), testing::Each(testing::Field(&Completion::status, 3)));
+  EXPECT_FALSE(device.Complete(0x82));
+  EXPECT_TRUE(device.Complete(0x85));
+  EXPECT_THAT(records.done.Await(3), Each(Field(&Done::status, 3)));
   EXPECT_EQ(other.done.Await(1)[0].status, 0);
   io.reset();  // Its thread may not have left the completion of `other`.
 }
 
 TEST_F(LibusbIoTransfer, IsoPacketsKeepTheirPlacesAndAreCutToTheirRoom) {
   Open();
-  io->IsochTransfer(records.MakeIso(1, 0x83, {1, 0, 4}));
-  fake.Complete(0x83, {.bytes = {7, 1, 2, 3, 4},
-                       .packets = {{1, LIBUSB_TRANSFER_COMPLETED}, {0, LIBUSB_TRANSFER_ERROR}, {4000, {}}}});
-  const Bytes in = records.done.Await(1)[0].data.value();
+  io->IsochTransfer(MakeIso(1, 0x83, {1, 0, 4}));
+  device.Complete(0x83, {.bytes = {'a', 'b', 'c', 'd', 'e'}, .packets = {{1, 0}, {0, -EPROTO}, {4000, 0}}});
+  const std::string in = records.done.Await(1)[0].data.value();
   EXPECT_THAT(Table(in, 3), ElementsAre(IsPacket(48, 1, 1, 0), IsPacket(49, 0, 0, 1), IsPacket(49, 4, 4, 0)));
-  EXPECT_THAT(Bytes(in.begin() + 48, in.end()), ElementsAre(7, 1, 2, 3, 4));
+  EXPECT_EQ(in.substr(48), "abcde");
 
-  // OUT sends the payload and answers in its buffer.
-  Bytes payload(40);
-  std::iota(payload.begin(), payload.end(), std::uint8_t{1});
-  io->IsochTransfer(records.MakeIso(1, 0x04, {30, 10}, payload));
-  fake.AwaitInFlight(1);
-  EXPECT_THAT(std::span(fake.inFlight[0]->buffer, 40), ElementsAreArray(payload));
-  fake.Complete(0x04, {.packets = {{30, LIBUSB_TRANSFER_COMPLETED}, {4, LIBUSB_TRANSFER_ERROR}}});
-  const Bytes out = records.done.Await(2)[1].data.value();
-  ASSERT_EQ(out.size(), 40U);
+  // OUT sends the payload and answers in its buffer, of which this platform's libusb says that no byte was moved.
+  std::string payload(40, '\0');
+  std::iota(payload.begin(), payload.end(), '\1');
+  std::string out;
+  records.OnDone([&](const _UsbIoXferInfo& info) { out.assign(info.data, info.data + payload.size()); });
+  io->IsochTransfer(MakeIso(1, 0x04, {30, 10}, payload));
+  EXPECT_EQ(device.LastSent(), Bytes(payload.begin(), payload.end()));
+  device.Complete(0x04, {.packets = {{30, 0}, {4, -EPROTO}}});
+  io.reset();
+  EXPECT_EQ(records.done.Await(2)[1], (Done{1, 0, ""}));
   // The offsets stay what the buffer holds there.
   EXPECT_THAT(Table(out, 2), ElementsAre(IsPacket(0x04030201, 30, 30, 0), IsPacket(0x14131211, 10, 4, 1)));
-  EXPECT_THAT(Bytes(out.begin() + 32, out.end()), ElementsAre(33, 34, 35, 36, 37, 38, 39, 40));
+  EXPECT_EQ(out.substr(32), payload.substr(32));
 }
 
 TEST_F(LibusbIoTransfer, FailuresHoldWhatWasMovedWhereTheyAreAnswered) {
   Open();
-  fake.SetCancelResult({.status = LIBUSB_TRANSFER_CANCELLED, .bytes = {1, 2}});
   std::size_t count = 0;
   for (const bool answered : {false, true}) {
     if (answered) {
       base.AnswerFailedTransfers();
     }
     const auto data = [&] { return records.done.Await(++count).back().data; };
-    const auto expected = [answered](Bytes part) { return answered ? std::optional(part) : std::nullopt; };
-    io->BulkTransfer(records.Make(1, 0x81, Bytes(4)));
+    const auto expected = [answered](std::string part) { return answered ? std::optional(part) : std::nullopt; };
+    Bulk(1);
+    device.MovePart(0x81, {.bytes = {'a', 'b'}});
     io->CancelTransfer(1);
-    EXPECT_EQ(data(), expected({1, 2}));
-    io->InterruptTransfer(records.Make(1, 0x81, Bytes(4)));
-    fake.Complete(0x81, {.status = LIBUSB_TRANSFER_STALL});
-    EXPECT_EQ(data(), expected({}));
-    io->BulkTransfer(records.Make(1, 0x02, {3, 4}));
-    fake.Complete(0x02, {.status = LIBUSB_TRANSFER_TIMED_OUT});
-    EXPECT_EQ(data(), expected({3, 4}));
-    io->IsochTransfer(records.MakeIso(1, 0x83, {1, 1}));
-    fake.Complete(0x83, {.status = LIBUSB_TRANSFER_CANCELLED, .bytes = {5}, .packets = {{1, {}}, {0, {}}}});
-    const std::optional<Bytes> table = data();
+    EXPECT_EQ(data(), expected("ab"));
+    io->InterruptTransfer(records.Record(0x81, 1, 4));
+    device.Complete(0x81, {.status = -EPIPE});
+    EXPECT_EQ(data(), expected(""));
+    io->BulkTransfer(records.RecordOf(0x02, 1, "cd"));
+    device.Complete(0x02, {.status = -EPROTO});
+    EXPECT_EQ(data(), expected("cd"));
+    io->IsochTransfer(MakeIso(1, 0x83, {1, 1}));
+    device.MovePart(0x83, {.bytes = {'e'}, .packets = {{1, 0}, {0, 0}}});
+    io->CancelTransfer(1);
+    const std::optional<std::string> table = data();
     ASSERT_EQ(table.has_value(), answered);
-    EXPECT_TRUE(!answered || (table->size() == 33 && table->back() == 5));
+    EXPECT_TRUE(!answered || (table->size() == 33 && table->back() == 'e'));
   }
-  _UsbIoXferInfo* own = records.Make(1, 0x81, Bytes(4));
+  _UsbIoXferInfo* own = records.Record(0x81, 1, 4);
   own->reserved = kModuleIds;
   io->BulkTransfer(own);
   io->CancelOwnTransfers(&records);
@@ -247,13 +261,13 @@ TEST_F(LibusbIoTransfer, IsoTablesThatDoNotFitAreRefused) {
                {0x83, {0x04000000, 1}, 0, 2}};
   std::size_t count = 0;
   for (const auto& [endpoint, lengths, payload, packets] : cases) {
-    _UsbIoXferInfo* info = records.MakeIso(1, endpoint, lengths, Bytes(payload));
+    _UsbIoXferInfo* info = MakeIso(1, endpoint, lengths, std::string(payload, 'x'));
     info->isoPacketNum = packets;
     EXPECT_EQ(io->IsochTransfer(info), LIBUSB_ERROR_INVALID_PARAM) << count;
     EXPECT_EQ(records.done.Await(++count).back().status, 1);
   }
-  io->IsochTransfer(records.MakeIso(1, 0x04, std::vector<std::uint32_t>(8, 1), Bytes(8)));  // The table is larger.
-  EXPECT_TRUE(fake.Complete(0x04, {}));
+  io->IsochTransfer(MakeIso(1, 0x04, std::vector<std::uint32_t>(8, 1), "12345678"));  // The table is larger.
+  EXPECT_TRUE(device.Complete(0x04));
   EXPECT_EQ(records.done.Await(++count).back().status, 0);
 }
 
