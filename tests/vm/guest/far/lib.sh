@@ -19,7 +19,7 @@ detach() {
   attached=
   await "the ports to be free" ports_free
 }
-ports_free() { ! grep -hE '^(hs|ss) +[0-9]+ 006' /sys/devices/platform/vhci_hcd.0/status; }
+ports_free() { [ ! "$(ports_of 006)" ]; }
 
 # What the drivers of the keyboard, the printer and the serial adapters do with their devices.
 use_simple_devices() {
