@@ -5,11 +5,8 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
-#include <deque>
 #include <functional>
 #include <memory>
-#include <optional>
-#include <span>
 #include <string>
 #include <vector>
 
@@ -17,9 +14,8 @@
 #include "far/ControlRouter.h"
 #include "far/DeviceFacts.h"
 #include "far/FarCamera.h"
+#include "far/GuestUrbs.h"
 #include "far/RequestPipe.h"
-#include "far/UrbGuest.h"
-#include "far/UrbTable.h"
 #include "vel/Mutex.h"
 
 namespace vel {
@@ -51,49 +47,32 @@ class FarDevice final : private FarCamera::Port {
   bool IsGone() const { return mGone; }
 
   // A guest takes the device from this machine's drivers; one at a time. `guest` is called until Disconnect returns.
-  void Connect(UrbGuest& guest) VEL_EXCLUDES(mMutex);
+  void Connect(UrbGuest& guest);
   // The guest is gone: nothing of its is left, and this machine's drivers have the device back. Waits for calls of
   // the guest, which must not block any more.
-  void Disconnect() VEL_EXCLUDES(mMutex);
+  void Disconnect();
 
   // Guest's thread.
-  void Submit(const Urb& urb) VEL_EXCLUDES(mMutex);
-  void Unlink(const UnlinkRequest& request) VEL_EXCLUDES(mMutex);
+  void Submit(const Urb& urb);
+  void Unlink(const UnlinkRequest& request) VEL_EXCLUDES(mPaceMutex);
 
  private:
   using Clock = Alarms::Clock;
-
-  // An answer between the table and the guest.
-  struct Answer {
-    UrbGuest* guest = nullptr;
-    std::uint32_t seqnum = 0;
-    std::optional<std::uint32_t> unlink;
-    std::int32_t status = 0;
-    std::uint32_t actualLength = 0;
-    std::uint32_t length = 0;
-    std::vector<UrbPacket> packets;
-    std::vector<std::uint8_t> data;
-  };
 
   // Closes the channel when this takes too long, so that it ends.
   void WithinTime(const std::function<void()>& send);
   void SubmitControl(const Urb& urb);
   void SubmitTransfer(const Urb& urb, const EndpointType& type);
-  // False when the URB was answered here.
-  bool File(const Urb& urb, Command command, UrbInFlight::Stage stage) VEL_EXCLUDES(mMutex);
-  // When the endpoint of an emulated device, which answers at once, is to be asked.
-  Clock::time_point Schedule(const Urb& urb) VEL_EXCLUDES(mMutex);
-  void SendDue(std::uint32_t generation, std::uint32_t seqnum) VEL_EXCLUDES(mMutex);
-  void GiveUp(std::uint32_t generation, std::uint32_t seqnum) VEL_EXCLUDES(mMutex);
-
-  // Takes the URB for its answer; nothing when it is not there, or somebody else's to answer.
-  std::optional<Answer> BeginAnswer(std::uint32_t seqnum) VEL_REQUIRES(mMutex);
-  void EndAnswer(const Answer& answer, std::span<const std::uint8_t> data) VEL_EXCLUDES(mMutex);
-  void AnswerNow(std::uint32_t seqnum, std::int32_t status) VEL_EXCLUDES(mMutex);
+  // For the endpoints of an emulated device, which answers at once: it is asked at the bus's pace.
+  void SubmitPaced(const Urb& urb, std::uint32_t firstStream, std::vector<std::unique_ptr<VelPacket>> requests)
+      VEL_EXCLUDES(mPaceMutex);
+  void SendDue(std::uint32_t generation, std::uint32_t seqnum) VEL_EXCLUDES(mPaceMutex);
+  void Send(std::vector<std::unique_ptr<VelPacket>> requests);
+  void GiveUp(std::uint32_t generation, std::uint32_t seqnum);
 
   // Channel's threads.
-  void OnTransfer(std::unique_ptr<VelPacket> packet) VEL_EXCLUDES(mMutex);
-  void OnLost(const std::string& why) VEL_EXCLUDES(mMutex);
+  void OnTransfer(std::unique_ptr<VelPacket> packet);
+  void OnLost(const std::string& why);
 
   // FarCamera::Port
   void SendRead(std::uint8_t endpoint, std::uint32_t streamId, std::uint32_t room) override;
@@ -101,7 +80,7 @@ class FarDevice final : private FarCamera::Port {
   std::uint32_t NewStreamId() override;
   void Note(const std::string& line) override;
   void SendSetting(std::uint8_t interfaceNumber, std::uint8_t setting) override;
-  bool AnswerHeld(const FarCamera::Fill& fill) override VEL_EXCLUDES(mMutex);
+  bool AnswerHeld(const FarCamera::Fill& fill) override;
   void SendCancel(std::uint32_t streamId);
 
   const Options mOptions;
@@ -111,16 +90,10 @@ class FarDevice final : private FarCamera::Port {
   std::atomic<std::uint32_t> mLeaving{0};  // Counts what has to end within its time.
   std::atomic<std::uint32_t> mNextStream{1};
 
-  Mutex mPaceMutex;  // A paced request leaves before its cancel. Taken before mMutex.
-  Mutex mMutex;
-  CondVar mChanged;
-  UrbGuest* mGuest VEL_GUARDED_BY(mMutex) = nullptr;
-  std::uint32_t mGeneration VEL_GUARDED_BY(mMutex) = 0;  // Of guests: what comes late is not the next one's.
-  std::uint32_t mAnswering VEL_GUARDED_BY(mMutex) = 0;   // Calls of the guest.
-  UrbTable mTable VEL_GUARDED_BY(mMutex);
-  std::deque<std::uint32_t> mHeld VEL_GUARDED_BY(mMutex);  // URBs that wait for pictures, as far as still there.
-  std::array<Clock::time_point, 256> mNextDue VEL_GUARDED_BY(mMutex);  // By endpoint address.
+  Mutex mPaceMutex;                                                        // A paced request leaves before its cancel.
+  std::array<Clock::time_point, 256> mNextDue VEL_GUARDED_BY(mPaceMutex);  // By endpoint address.
 
+  GuestUrbs mUrbs;
   RequestPipe mPipe;
   DeviceFacts mFacts;
   ControlRouter mRouter;

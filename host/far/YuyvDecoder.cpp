@@ -3,10 +3,10 @@
 #include <algorithm>
 #include <stdexcept>
 
+#include "far/FfmpegPtr.h"
+
 extern "C" {
-#include <libavcodec/avcodec.h>
 #include <libavutil/log.h>
-#include <libswscale/swscale.h>
 }
 
 namespace vel {
@@ -15,26 +15,13 @@ namespace {
 constexpr int kMaxSide = 8192;
 constexpr std::size_t kMaxBytes = 64U << 20U;
 
-struct ContextDeleter {
-  void operator()(AVCodecContext* context) const { avcodec_free_context(&context); }
-};
-struct FrameDeleter {
-  void operator()(AVFrame* frame) const { av_frame_free(&frame); }
-};
-struct PacketDeleter {
-  void operator()(AVPacket* packet) const { av_packet_free(&packet); }
-};
-struct ScalerDeleter {
-  void operator()(SwsContext* scaler) const { sws_freeContext(scaler); }
-};
-
 }  // namespace
 
 struct YuyvDecoder::Codec {
-  std::unique_ptr<AVCodecContext, ContextDeleter> context;
-  std::unique_ptr<AVFrame, FrameDeleter> frame{av_frame_alloc()};
-  std::unique_ptr<AVPacket, PacketDeleter> packet{av_packet_alloc()};
-  std::unique_ptr<SwsContext, ScalerDeleter> scaler;
+  CodecContextPtr context;
+  FramePtr frame{av_frame_alloc()};
+  PacketPtr packet{av_packet_alloc()};
+  ScalerPtr scaler;
   std::vector<std::uint8_t> input;
 };
 

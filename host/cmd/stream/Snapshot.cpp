@@ -6,32 +6,16 @@
 #include <stdexcept>
 #include <string>
 
+#include "far/FfmpegPtr.h"
+
 extern "C" {
-#include <libavcodec/avcodec.h>
 #include <libavutil/imgutils.h>
 #include <libavutil/log.h>
 #include <libavutil/opt.h>
-#include <libswscale/swscale.h>
 }
 
 namespace vel {
 namespace {
-
-struct ContextDeleter {
-  void operator()(AVCodecContext* context) const { avcodec_free_context(&context); }
-};
-struct FrameDeleter {
-  void operator()(AVFrame* frame) const { av_frame_free(&frame); }
-};
-struct PacketDeleter {
-  void operator()(AVPacket* packet) const { av_packet_free(&packet); }
-};
-struct ScalerDeleter {
-  void operator()(SwsContext* scaler) const { sws_freeContext(scaler); }
-};
-using ContextPtr = std::unique_ptr<AVCodecContext, ContextDeleter>;
-using FramePtr = std::unique_ptr<AVFrame, FrameDeleter>;
-using PacketPtr = std::unique_ptr<AVPacket, PacketDeleter>;
 
 void Require(bool done, const char* what) {
   if (!done) {
@@ -57,9 +41,9 @@ FramePtr NewFrame(AVPixelFormat format, int width, int height) {
   return frame;
 }
 
-ContextPtr NewContext(const AVCodec* codec) {
+CodecContextPtr NewContext(const AVCodec* codec) {
   Require(codec != nullptr, "this machine's FFmpeg has no such codec");
-  ContextPtr context(avcodec_alloc_context3(codec));
+  CodecContextPtr context(avcodec_alloc_context3(codec));
   Require(context != nullptr, "no memory");
   return context;
 }
@@ -74,7 +58,7 @@ PacketPtr CopyToPacket(const std::vector<std::uint8_t>& bytes) {
 
 FramePtr Decode(AVCodecID id, const std::vector<std::uint8_t>& bytes) {
   const AVCodec* codec = avcodec_find_decoder(id);
-  const ContextPtr decoder = NewContext(codec);
+  const CodecContextPtr decoder = NewContext(codec);
   Require(avcodec_open2(decoder.get(), codec, nullptr), "the decoder does not start");
   FramePtr frame(av_frame_alloc());
   Require(frame != nullptr, "no memory");
@@ -96,9 +80,9 @@ FramePtr FromYuyv(const std::vector<std::uint8_t>& bytes, const PictureSize& siz
 
 FramePtr ToRgb(const AVFrame& picture) {
   FramePtr rgb = NewFrame(AV_PIX_FMT_RGB24, picture.width, picture.height);
-  const std::unique_ptr<SwsContext, ScalerDeleter> scaler(
-      sws_getContext(picture.width, picture.height, static_cast<AVPixelFormat>(picture.format), picture.width,
-                     picture.height, AV_PIX_FMT_RGB24, SWS_BICUBIC, nullptr, nullptr, nullptr));
+  const ScalerPtr scaler(sws_getContext(picture.width, picture.height, static_cast<AVPixelFormat>(picture.format),
+                                        picture.width, picture.height, AV_PIX_FMT_RGB24, SWS_BICUBIC, nullptr, nullptr,
+                                        nullptr));
   Require(scaler != nullptr, "its pixel format cannot be converted");
   Require(sws_scale(scaler.get(), picture.data, picture.linesize, 0, picture.height, rgb->data, rgb->linesize),
           "its pixel format cannot be converted");
@@ -107,7 +91,7 @@ FramePtr ToRgb(const AVFrame& picture) {
 
 PacketPtr EncodePng(const AVFrame& rgb) {
   const AVCodec* codec = avcodec_find_encoder(AV_CODEC_ID_PNG);
-  const ContextPtr encoder = NewContext(codec);
+  const CodecContextPtr encoder = NewContext(codec);
   encoder->width = rgb.width;
   encoder->height = rgb.height;
   encoder->pix_fmt = AV_PIX_FMT_RGB24;

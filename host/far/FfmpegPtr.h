@@ -1,0 +1,27 @@
+// FFmpeg's objects, owned.
+#ifndef VIRTUSB_HOST_FAR_FFMPEG_PTR_H
+#define VIRTUSB_HOST_FAR_FFMPEG_PTR_H
+
+#include <memory>
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libswscale/swscale.h>
+}
+
+namespace vel {
+
+struct FfmpegDeleter {
+  void operator()(AVCodecContext* context) const { avcodec_free_context(&context); }
+  void operator()(AVFrame* frame) const { av_frame_free(&frame); }
+  void operator()(AVPacket* packet) const { av_packet_free(&packet); }
+  void operator()(SwsContext* scaler) const { sws_freeContext(scaler); }
+};
+using CodecContextPtr = std::unique_ptr<AVCodecContext, FfmpegDeleter>;
+using FramePtr = std::unique_ptr<AVFrame, FfmpegDeleter>;
+using PacketPtr = std::unique_ptr<AVPacket, FfmpegDeleter>;
+using ScalerPtr = std::unique_ptr<SwsContext, FfmpegDeleter>;
+
+}  // namespace vel
+
+#endif
