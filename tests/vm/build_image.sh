@@ -1,16 +1,17 @@
 #!/bin/sh
 # Builds the initramfs: busybox, the kernel modules, the guest's scripts, the programs and the libraries they load.
 #
-# build_image.sh IMAGE MODULES_TREE GUEST_SCRIPTS PROGRAM...
+# build_image.sh IMAGE MODULES_TREE GUEST_SCRIPTS SET PROGRAM...   SET: a folder, also where it is one of the scripts'
 set -eu
-image=$1 modules=$2 scripts=$3
-shift 3
+image=$1 modules=$2 scripts=$3 set=$4
+shift 4
 root=$image.root
 rm -rf "$root"
 mkdir -p "$root"/bin "$root"/lib "$root"/opt "$root"/proc "$root"/sys "$root"/dev "$root"/run "$root"/tmp \
   "$root"/etc/udev/rules.d
 cp -a "$modules/lib/modules" "$root/lib/"
 cp -r "$scripts" "$root/vm"
+cp -r "$set" "$root/vm/"
 cp "$(command -v busybox)" "$root/bin/"
 for applet in $(busybox --list); do
   [ "$applet" = busybox ] || ln -s busybox "$root/bin/$applet"

@@ -2,12 +2,13 @@
 # Boots a small virtual machine under software emulation, in which the command redirects USB devices of a real kernel
 # and a test remote uses them. What the guest says on its serial console is the result.
 #
-# run.sh WORK_DIR SET PROGRAM...   SET is a folder of guest/: its modules, devices and scenarios.
-#                                  VM_SCENARIOS=a,b leaves all other scenarios out
+# run.sh WORK_DIR SET PROGRAM...   SET is a folder of guest/, or the path of one elsewhere: its modules, devices and
+#                                  scenarios. VM_SCENARIOS=a,b leaves all other scenarios out
 set -eu
 PATH=$PATH:/sbin:/usr/sbin
 here=$(cd "$(dirname "$0")" && pwd)
-work=$1 set=$2
+work=$1 set=$(basename "$2")
+case $2 in */*) folder=$2 ;; *) folder=$here/guest/$2 ;; esac
 shift 2
 skip() {
   echo "skipped: $1"
@@ -20,8 +21,8 @@ done
 
 mkdir -p "$work/$set"
 # shellcheck disable=SC2046 # One module a line.
-"$here/fetch_kernel.sh" "$work/kernel" $(cat "$here"/guest/*/modules | sort -u)
-"$here/build_image.sh" "$work/$set/image" "$work/kernel/modules" "$here/guest" "$@"
+"$here/fetch_kernel.sh" "$work/kernel" $(cat "$here"/guest/*/modules "$folder/modules" | sort -u)
+"$here/build_image.sh" "$work/$set/image" "$work/kernel/modules" "$here/guest" "$folder" "$@"
 cd "$work/$set"
 rm -rf results results.tar sound.wav
 head -c 4194304 /dev/urandom >disk.img
