@@ -1,12 +1,15 @@
 #include <libusb-1.0/libusb.h>
 
 #include <array>
+#include <chrono>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 
+#include "Checks.h"
 #include "Commands.h"
-#include "Pump.h"
-#include "Served.h"
+#include "support/Collected.h"
+#include "support/CommandProcess.h"
 
 namespace vel::vm {
 namespace {
@@ -15,6 +18,7 @@ constexpr std::uint32_t kPackets = 32;
 constexpr std::uint32_t kPacketSize = 192;  // A millisecond of 48 kHz, two channels, 16 bits.
 constexpr unsigned kDepth = 8;
 constexpr std::uint32_t kStreamInterface = 1;
+constexpr std::uint8_t kSpeaker = 0x01;
 constexpr std::size_t kFrame = 4;
 
 // A ramp on the left, its negative on the right; what the machine plays into its file is compared
@@ -27,31 +31,34 @@ void FillRamp(std::span<std::uint8_t> data, std::uint64_t firstFrame) {
   }
 }
 
-void CheckPackets(const TransferReply& reply) {
-  RequireEqual(reply.status, LIBUSB_TRANSFER_COMPLETED, "status");
-  RequireEqual(reply.isoPackets, kPackets, "packets");
-  // This platform's libusb counts no bytes for isochronous transfers, so that the reply has no
-  // table.
-  RequireEqual(static_cast<long long>(reply.data.size()), 0, "bytes of the reply");
-}
-
 }  // namespace
 
 std::string Audio(const std::string& place, Arguments arguments) {
   const std::uint64_t transfers = (std::stoull(arguments[0]) + kPackets - 1) / kPackets;
-  Served served(place);
-  served.Take();
-  RemoteDevice& remote = served.Remote();
-  const std::uint8_t endpoint = served.Endpoint(kStreamInterface, Way::kOut, LIBUSB_TRANSFER_TYPE_ISOCHRONOUS);
+  Collected<TransferReply> replies;
+  CommandProcess command({std::getenv("VIRTUSB"), "--module", std::getenv("VIRTUSB_MODULE"), "--log", "off", "serve",
+                          place, "--stdio", "--answer-failures"},
+                         kDeadline);
+  RemoteDevice& remote = command.Remote();
+  RequireEqual(remote.Status(Command::kOpenUsbDev), 0, "open");
+  RequireEqual(remote.Status(Command::kDetachKernelDriver), 0, "detach");
+  RequireEqual(remote.Status(Command::kClaimAllInterface), 0, "claim");
   RequireEqual(remote.SetInterfaceAltSetting(kStreamInterface, 1), 0, "alternate setting 1");
   const std::vector<std::uint32_t> lengths(kPackets, kPacketSize);
   std::vector<std::uint8_t> sound(std::size_t{kPackets} * kPacketSize);
   const auto start = std::chrono::steady_clock::now();
-  const auto submit = [&](std::uint64_t index, RemoteDevice::TransferDone done) {
+  for (std::uint64_t index = 0; index < transfers; ++index) {
+    replies.Await(index < kDepth ? 0 : index - kDepth + 1);
     FillRamp(sound, index * sound.size() / kFrame);
-    remote.SubmitIsoTransfer(endpoint, lengths, sound, std::move(done));
-  };
-  RunWindow(transfers, kDepth, submit, [](std::uint64_t, const TransferReply& reply) { CheckPackets(reply); });
+    remote.SubmitIsoTransfer(kSpeaker, lengths, sound,
+                             [&replies](TransferReply reply) { replies.Add(std::move(reply)); });
+  }
+  const auto all = replies.Await(transfers);
+  RequireEqual(static_cast<long long>(all.size()), static_cast<long long>(transfers), "replies");
+  for (const TransferReply& reply : all) {
+    RequireEqual(reply.status, LIBUSB_TRANSFER_COMPLETED, "status");
+    RequireEqual(reply.isoPackets, kPackets, "packets");
+  }
   const auto taken =
       std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start).count();
   const std::uint64_t packets = transfers * kPackets;
@@ -59,7 +66,7 @@ std::string Audio(const std::string& place, Arguments arguments) {
   Require(taken * 10 >= static_cast<long long>(packets) * 9,
           "faster than the bus has frames: " + std::to_string(taken) + " ms");
   RequireEqual(remote.SetInterfaceAltSetting(kStreamInterface, 0), 0, "alternate setting 0");
-  served.Done();
+  RequireEqual(command.Leave().status, 0, "exit status");
   return std::to_string(packets) + " packets in " + std::to_string(taken) + " ms";
 }
 

@@ -10,12 +10,8 @@ namespace vel::vm {
 
 using Arguments = std::span<const std::string>;
 
-// MIB: that much each of source, sink and loopback, every byte looked at.
-std::string Bulk(const std::string& place, Arguments arguments);
 // MILLISECONDS FILE: plays sound, and writes into FILE how many frames.
 std::string Audio(const std::string& place, Arguments arguments);
-// UDC_FILE: pulls the gadget out while data flows.
-std::string Unplug(const std::string& place, Arguments arguments);
 // COUNT: uses the raw device by libusb where it is attached, and cancels so many transfers.
 std::string Guest(const std::string& place, Arguments arguments);
 // FILE WIDTH HEIGHT DB: recorded pictures of the synthetic camera, each another one and none worse than so many dB.

@@ -6,8 +6,8 @@
 #include <memory>
 #include <vector>
 
+#include "Checks.h"
 #include "Commands.h"
-#include "Served.h"
 
 namespace vel::vm {
 namespace {
@@ -109,8 +109,7 @@ void MoveIso(const Raw& raw, std::uint8_t endpoint) {
     RequireEqual(packet.status, LIBUSB_TRANSFER_COMPLETED, "isochronous packet status");
     RequireEqual(packet.actual_length, kSize, "isochronous packet length");
   }
-  Require(endpoint == kIsoOut || IsPattern(buffer),
-          "isochronous bytes");
+  Require(endpoint == kIsoOut || IsPattern(buffer), "isochronous bytes");
 }
 
 // Transfers that are cancelled as soon as they are submitted, so that unlinks race with answers.

@@ -8,8 +8,8 @@
 #include <set>
 #include <vector>
 
+#include "Checks.h"
 #include "Commands.h"
-#include "Served.h"
 
 namespace vel::vm {
 namespace {

@@ -5,15 +5,15 @@
 
 #include <vector>
 
+#include "Checks.h"
 #include "Commands.h"
-#include "Served.h"
 #include "remote/FdStream.h"
 
 namespace vel::vm {
 
 std::string Serial(const std::string& node, Arguments /*arguments*/) {
   constexpr std::size_t kCount = 4096;
-  alarm(kLimit.count());  // Reading and draining wait for the adapter.
+  alarm(20);  // Reading and draining wait for the adapter.
   const UniqueFd tty(open(node.c_str(), O_RDWR | O_NOCTTY));
   const int file = tty.Get();
   // At once: the adapters send without end, and as long as the line discipline echoes that, nothing ever drains.

@@ -7,8 +7,9 @@
 #include <cstdio>
 #include <cstring>
 
+#include "Checks.h"
 #include "Commands.h"
-#include "Served.h"
+#include "remote/FdStream.h"
 
 namespace vel::vm {
 namespace {

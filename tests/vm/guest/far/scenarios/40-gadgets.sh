@@ -27,3 +27,18 @@ echo "$redirected"
 [ "$redirected" = "$direct" ] || fail "directly: $direct"
 detach
 await "usb-storage on the gadget again" has_driver 1d6b:0106 0 usb-storage
+
+# Pulled out while data flows.
+attach "$(place_of 1d6b:0106)"
+await "the disk" has_block
+dd if=/dev/"$(basename "$(block_of)")" of=/tmp/read bs=64k 2>/dev/null &
+reader=$!
+await "data" test -s /tmp/read
+echo >$gadgets/disk/UDC
+status=0
+wait $attached || status=$?
+attached=
+[ $status = 1 ] || fail "attach ends with $status: $(cat $said)"
+await "the ports to be free" ports_free
+wait $reader && fail "the disk could be read to its end"
+echo "pulled out in the middle of a read"

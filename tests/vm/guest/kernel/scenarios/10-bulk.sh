@@ -1,2 +1,0 @@
-# shellcheck shell=sh
-remote bulk "$(place_of 0525:a4a0)" 34
