@@ -11,14 +11,13 @@
 #include <string_view>
 #include <utility>
 
-#include "protocol/Commands.h"
+#include "far/FakeFarEnd.h"
 
 namespace vel {
 namespace {
 
 using testing::ElementsAre;
 using testing::FieldsAre;
-using testing::IsEmpty;
 
 Bytes Join(std::initializer_list<Bytes> parts) {
   Bytes all;
@@ -132,53 +131,39 @@ TEST(CameraModelTest, SettingsCarryWhatTheirEndpointsSayAndControlsGrowWithTheCl
   }
 }
 
-// A camera that agrees to everything, unless told to change what it agreed to.
-class FakeCamera final : public PacketChannel {
- public:
-  void Start(Receiver receiver) override { mReceiver = std::move(receiver); }
-  void Close() override {}
-
-  bool Send(std::unique_ptr<VelPacket> packet) override {
-    const auto command = static_cast<Command>(packet->GetCommand());
-    const Bytes payload(packet->PayloadBytes().begin(), packet->PayloadBytes().end());
-    sent[command] = payload;
-    Bytes reply(4);  // Status 0.
-    if (command == Command::kGetDeviceDesc) {
-      reply = Bytes(18, 1);
-    } else if (command == Command::kGetDeviceConfig) {
-      // MJPEG in two sizes, YUYV in the second only.
-      reply = Configuration(Join({kInput, Format(6, 11, 1, "", 1), Frame(7, 1, 21, 30, 64), Frame(7, 2, 21, 30, 32),
-                                  Format(4, 27, 2, "YUY2", 1), Frame(5, 1, 21, 30, 32)}),
-                            {{192}, {1024}, {512}});
-    } else if (command == Command::kControlTransfer) {
-      constexpr std::size_t kSetup = 12;
-      const bool in = payload[0] == 0xA1;
-      mControl = in ? mControl : Bytes(payload.begin() + kSetup, payload.end());
-      reply[0] = static_cast<std::uint8_t>(mControl.size());
-      if (in) {
-        change(mControl);
-        reply.insert(reply.end(), mControl.begin(), mControl.end());
-      }
-    }
-    auto answer = std::make_unique<VelPacket>(16384);
-    answer->InitHeader(packet->GetReqId(), ReplyCode(command), packet->GetDevId());
-    answer->Append(reply.data(), static_cast<std::uint32_t>(reply.size()));
-    mReceiver.onPacket(std::move(answer));
-    return true;
-  }
-
-  std::map<Command, Bytes> sent;  // The latest payload of each kind.
-  std::function<void(Bytes&)> change = [](Bytes&) {};
-
- private:
-  Receiver mReceiver;
-  Bytes mControl;
-};
-
+// Over a camera that agrees to everything, unless told to change what it agreed to.
 class GuestCameraTest : public testing::Test {
  protected:
-  std::unique_ptr<FakeCamera> mMade = std::make_unique<FakeCamera>();
-  FakeCamera& mCamera = *mMade;
+  GuestCameraTest() {
+    mCamera.answer = [this](Command command, std::span<const std::uint8_t> payload) {
+      mSent[command] = {payload.begin(), payload.end()};
+      return Answer(command, payload);
+    };
+  }
+  std::optional<Bytes> Answer(Command command, std::span<const std::uint8_t> payload) {
+    if (command == Command::kGetDeviceConfig) {
+      // MJPEG in two sizes, YUYV in the second only.
+      return Configuration(Join({kInput, Format(6, 11, 1, "", 1), Frame(7, 1, 21, 30, 64), Frame(7, 2, 21, 30, 32),
+                                 Format(4, 27, 2, "YUY2", 1), Frame(5, 1, 21, 30, 32)}),
+                           {{192}, {1024}, {512}});
+    }
+    if (command != Command::kControlTransfer) {
+      return std::nullopt;
+    }
+    constexpr std::size_t kSetup = 12;
+    const bool in = payload[0] == 0xA1;
+    mControl = in ? mControl : Bytes(payload.begin() + kSetup, payload.end());
+    if (in) {
+      mChange(mControl);
+    }
+    return Join({{static_cast<std::uint8_t>(mControl.size()), 0, 0, 0}, in ? mControl : Bytes()});
+  }
+
+  std::map<Command, Bytes> mSent;  // The latest payload of each kind.
+  std::function<void(Bytes&)> mChange = [](Bytes&) {};
+  Bytes mControl;
+  std::unique_ptr<FakeFarEnd> mMade = std::make_unique<FakeFarEnd>();
+  FakeFarEnd& mCamera = *mMade;
   RemoteDevice mRemote{std::move(mMade)};
 };
 
@@ -193,14 +178,14 @@ TEST_F(GuestCameraTest, FormatIsTheOneThatCanBeTranscodedOrTheFirst) {
   for (const Case& test : {Case{true, std::nullopt, kYuyv, 1}, Case{false, std::nullopt, kMjpeg, 1},
                            Case{true, PictureSize{32, 772}, kYuyv, 1}, Case{false, PictureSize{32, 772}, kMjpeg, 2},
                            Case{true, PictureSize{64, 772}, kMjpeg, 1}}) {
-    mCamera.sent.clear();
+    mSent.clear();
     GuestCamera camera(mRemote, test.transcode);
     camera.Negotiate(test.size);
-    const Bytes& commit = mCamera.sent[Command::kControlTransfer];
+    const Bytes& commit = mSent[Command::kControlTransfer];
     EXPECT_EQ(commit[3], 2) << "the last control is the commit";
     EXPECT_EQ(commit[14], test.formatIndex);
     EXPECT_EQ(commit[15], test.frameIndex);
-    EXPECT_EQ(mCamera.sent[Command::kSetRedirPolicy].empty(), !test.transcode);
+    EXPECT_EQ(mSent[Command::kSetRedirPolicy].empty(), !test.transcode);
   }
 }
 
@@ -208,12 +193,12 @@ TEST_F(GuestCameraTest, SettingIsTheSmallestThatCarriesThePayloads) {
   const std::pair<std::uint32_t, std::uint8_t> tests[] = {{100, 1}, {192, 1}, {193, 3}, {513, 2}, {3000, 2}};
   GuestCamera camera(mRemote, false);
   for (const auto& [payloadBytes, setting] : tests) {
-    mCamera.change = [bytes = payloadBytes](Bytes& control) {
+    mChange = [bytes = payloadBytes](Bytes& control) {
       control[22] = static_cast<std::uint8_t>(bytes);
       control[23] = static_cast<std::uint8_t>(bytes >> 8U);
     };
     camera.Start(camera.Negotiate(std::nullopt));
-    EXPECT_EQ(mCamera.sent[Command::kSetInterfaceAltSetting], (Bytes{1, 0, 0, 0, setting, 0, 0, 0})) << payloadBytes;
+    EXPECT_EQ(mSent[Command::kSetInterfaceAltSetting], (Bytes{1, 0, 0, 0, setting, 0, 0, 0})) << payloadBytes;
   }
 }
 

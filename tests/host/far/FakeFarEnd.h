@@ -5,8 +5,10 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
-#include <map>
 #include <memory>
+#include <optional>
+#include <span>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -20,7 +22,8 @@
 namespace vel {
 
 // The far end of a channel: a vendor device with bulk 0x81/0x01, interrupt 0x82 and isochronous 0x83/0x03 endpoints.
-// Synchronous requests are answered at once, or with `Hold` when the test says so; transfers by the test. Any thread.
+// Synchronous requests are answered at once, or with `Release` when the test says so; transfers by the test. Any
+// thread.
 class FakeFarEnd final : public PacketChannel {
  public:
   using Bytes = std::vector<std::uint8_t>;
@@ -30,7 +33,7 @@ class FakeFarEnd final : public PacketChannel {
     std::uint32_t first = 0;   // Endpoint, setting's interface, or what the payload begins with.
     std::uint32_t second = 0;  // Stream id, setting.
     std::uint32_t length = 0;  // n of a transfer.
-    friend bool operator==(const Sent&, const Sent&) = default;
+    std::uint8_t reqId = 0;
   };
 
   static constexpr std::array<std::uint8_t, 18> kDevice = {18,   1,    0x00, 0x02, 0xFF, 0, 0, 64, 0x34,
@@ -45,21 +48,25 @@ class FakeFarEnd final : public PacketChannel {
     if (code == Command::kIsochTransfer) {
       sent.length = reader.Host<std::uint32_t>();
     }
+    sent.reqId = packet->GetReqId();
     const bool transfer = FindCommand(packet->GetCommand())->reply == ReplyKind::kAsync;
-    Bytes reply = transfer ? Bytes() : Answer(code, packet->PayloadBytes());
+    std::optional<Bytes> reply = answer ? answer(code, packet->PayloadBytes()) : std::nullopt;
+    if (!reply && !transfer && !silent) {
+      reply = Answer(code, packet->PayloadBytes());
+    }
     bool held = false;
     {
       const MutexLock lock(mMutex);
-      held = mHolds && !transfer;
+      held = mHolds && reply;
       if (held) {
-        mHeld.emplace_back(static_cast<int>(code) + 1, packet->GetReqId(), reply);
+        mHeld.emplace_back(ReplyCode(code), sent.reqId, *reply);
       }
     }
     mSent.Add(sent);
-    if (!transfer && !held && !silent) {
-      Reply(static_cast<int>(code) + 1, packet->GetReqId(), reply);
+    if (reply && !held) {
+      Reply(ReplyCode(code), sent.reqId, *reply);
     }
-    return !broken;
+    return true;
   }
 
   void Close() override {}
@@ -119,10 +126,10 @@ class FakeFarEnd final : public PacketChannel {
     }
   }
 
-  std::map<Command, std::int32_t> results;  // Of status requests, where not 0.
-  std::int32_t address = 5;                 // Above 127: emulated.
-  bool silent = false;                      // Synchronous requests get no answer.
-  bool broken = false;
+  // What the test answers itself; transfers, too.
+  std::function<std::optional<Bytes>(Command, std::span<const std::uint8_t>)> answer;
+  std::int32_t address = 5;  // Above 127: emulated.
+  bool silent = false;       // Synchronous requests get no other answer.
 
  private:
   struct EndpointBytes {
@@ -150,6 +157,9 @@ class FakeFarEnd final : public PacketChannel {
     if (command == Command::kGetDeviceConfig) {
       return Config();
     }
+    if (command == Command::kGetDeviceDesc) {
+      return {kDevice.begin(), kDevice.end()};
+    }
     Bytes reply;
     if (command == Command::kControlTransfer && request[0] == 0x80 && request[1] == 6) {
       Bytes descriptor(kDevice.begin(), kDevice.end());
@@ -160,11 +170,9 @@ class FakeFarEnd final : public PacketChannel {
       reply.insert(reply.end(), descriptor.begin(), descriptor.end());
       return reply;
     }
-    const auto result = results.find(command);
     Put(reply, static_cast<std::uint32_t>(command == Command::kGetDeviceSpeed     ? 3
                                           : command == Command::kGetDeviceAddress ? address
-                                          : result == results.end()               ? 0
-                                                                                  : result->second));
+                                                                                  : 0));
     return reply;
   }
 

@@ -1,8 +1,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <numeric>
-
 #include "far/FarCamera.h"
 #include "far/PayloadCutter.h"
 #include "support/Collected.h"

@@ -3,7 +3,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <map>
 #include <random>
@@ -187,7 +186,7 @@ Bytes IsoReply(const std::vector<std::pair<std::uint32_t, std::uint32_t>>& packe
   return bytes;
 }
 
-TEST_F(FarDeviceTest, IsochronousDataStaysPackedAndItsSumRight) {
+TEST_F(FarDeviceTest, IsochronousPacketsThatFailOrClaimTooMuchLeaveTheOthersInPlace) {
   Open();
   Submit(2, 0x83, 24, 0, {}, {{0, 8}, {8, 8}, {16, 8}});
   far->Complete(Command::kIsochTransfer, far->TakeStreams(1).at(0), kCompleted, IsoReply({{3, 0}, {0, 1}, {2, 0}}), 3);
@@ -195,41 +194,22 @@ TEST_F(FarDeviceTest, IsochronousDataStaysPackedAndItsSumRight) {
   EXPECT_THAT(guest.data, ElementsAre(1, 1, 1, 3, 3));
   EXPECT_EQ(guest.packets.at(1).status, -EPROTO);
   EXPECT_EQ(guest.packets.at(2).offset, 16U);
-
-  // Packets that claim more than they or the reply have.
   Submit(3, 0x83, 16, 0, {}, {{0, 8}, {8, 8}});
   Bytes lying = IsoReply({{9, 0}, {8, 0}});
   lying.resize(32 + 10);
   far->Complete(Command::kIsochTransfer, far->TakeStreams(1).at(0), kCompleted, lying, 2);
   EXPECT_THAT(guest.Take(1), ElementsAre(Told{'d', 3, 0, 10}));
   EXPECT_EQ(guest.data.size(), 10U);
-
-  const Bytes payload(16, 7);
-  Submit(4, 0x03, 16, 0, payload, {{0, 8}, {8, 8}});
-  far->Complete(Command::kIsochTransfer, far->TakeStreams(1).at(0), kCompleted, {}, 2);  // As real devices answer.
-  EXPECT_THAT(guest.Take(1), ElementsAre(Told{'d', 4, 0, 16}));
 }
 
-TEST_F(FarDeviceTest, EmulatedDeviceGetsFifteenPacketsAtOnceAndItsIntervals) {
-  address = 0x86;
+TEST_F(FarDeviceTest, PacedRequestThatWasNotSentYetIsUnlinked) {
+  address = 0x86;  // Emulated: 15 packets at once, at their intervals.
   Open();
-  std::vector<UrbPacket> packets;
-  for (std::uint32_t i = 0; i < 20; ++i) {
-    packets.push_back({8 * i, 8});
+  for (const std::uint32_t seqnum : {2U, 3U}) {
+    Submit(seqnum, 0x83, 160, 0, {}, std::vector<UrbPacket>(20, {0, 8}));
   }
-  const auto begin = std::chrono::steady_clock::now();
-  Submit(2, 0x83, 160, 0, {}, packets);
-  Submit(3, 0x83, 160, 0, {}, packets);  // 20 microframes later.
-  const auto streams = far->TakeStreams(2);
-  far->Complete(Command::kIsochTransfer, streams.at(0), kCompleted, IsoReply({15, {8, 0}}), 15);
-  far->Complete(Command::kIsochTransfer, streams.at(1), kCompleted, IsoReply({5, {8, 0}}), 5);
-  EXPECT_THAT(guest.Take(1), ElementsAre(Told{'d', 2, 0, 160}));
-  EXPECT_EQ(far->TakeSent(2).size(), 2U);
-  EXPECT_GE(std::chrono::steady_clock::now() - begin, 20 * 125us);
-  Submit(4, 0x83, 160, 0, {}, packets);
-  Submit(5, 0x83, 160, 0, {}, packets);
-  device->Unlink({6, 5});
-  EXPECT_THAT(guest.Take(1), ElementsAre(Told{'u', 6, -ECONNRESET}));  // It was not sent yet.
+  device->Unlink({4, 3});
+  EXPECT_THAT(guest.Take(1), ElementsAre(Told{'u', 4, -ECONNRESET}));
 }
 
 TEST_F(FarDeviceTest, UnlinkInEveryStateIsAnsweredOnce) {
@@ -257,7 +237,8 @@ TEST_F(FarDeviceTest, UnlinkInEveryStateIsAnsweredOnce) {
     Submit(12, 0x81, 8);
     const std::uint32_t stream = far->TakeStreams(1).at(0);
     device->Unlink({13, 12});
-    EXPECT_THAT(far->TakeSent(1), ElementsAre(FakeFarEnd::Sent{Command::kCancelTransfer, stream}));
+    const auto cancel = far->TakeSent(1);
+    EXPECT_EQ(std::pair(cancel.at(0).command, cancel.at(0).first), std::pair(Command::kCancelTransfer, stream));
     EXPECT_THAT(guest.Take(0), IsEmpty());
     far->Complete(Command::kBulkTransfer, stream, each.status, each.data);
     EXPECT_EQ(guest.Take(each.told.size()), each.told);

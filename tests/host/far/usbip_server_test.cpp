@@ -5,7 +5,6 @@
 #include <sys/socket.h>
 
 #include <array>
-#include <cerrno>
 #include <fstream>
 
 #include "FakeFarEnd.h"
