@@ -1,6 +1,5 @@
 // In front of the looper of vel_utils: a message is handled where it is posted. A thread for each input, and waking it
 // for each packet, took the fuzzer nine tenths of its time.
-#include <utility>
 
 #include "vel/Looper.h"
 

@@ -10,7 +10,7 @@
 #include "oskelo/log.h"
 #include "policys/JpegWriter.h"
 #include "policys/UVCDecoder.h"
-#include "vel/Mutex.h"
+#include "support/Collected.h"
 
 namespace vel {
 namespace {
@@ -23,30 +23,17 @@ constexpr std::int64_t kGoodIndex = 7;
 
 const test::JpegWriter kGood{.width = 16, .height = 8};
 
-class Pictures final : public UVCDecoderHandler {
- public:
+struct Pictures final : UVCDecoderHandler {
   void OnFinishDecode(std::uint8_t* data, std::uint32_t length, std::int64_t index) override {
     constexpr std::uint32_t kMost = 2U * kMaxPictureSide * kMaxPictureSide;
     Require(length > 0 && length <= kMost, "a picture has a size, and a bounded one");
     const Bytes whole(data, data + length);  // Every byte is there.
-    const MutexLock lock(mMutex);
     if (index == kGoodIndex) {
       Require(whole == kGood.Yuyv(), "a good frame after a broken one is as it should be");
-      mGoodCame = true;
-      mCame.NotifyOne();
+      good.Add(1);
     }
   }
-  void AwaitGood() {
-    MutexLock lock(mMutex);
-    while (!mGoodCame) {
-      mCame.Wait(lock);
-    }
-  }
-
- private:
-  Mutex mMutex;
-  CondVar mCame;
-  bool mGoodCame VEL_GUARDED_BY(mMutex) = false;
+  Collected<int> good;
 };
 
 // A malloc block of exactly these bytes.
@@ -74,7 +61,7 @@ void DecodeOnWorker(const std::uint8_t* data, std::size_t size, const Bytes& goo
   Require(
       decoder.DecodeAsync(Block(good.data(), good.size()), static_cast<std::uint32_t>(good.size()), kGoodIndex) == 0,
       "a good frame is taken");
-  pictures.AwaitGood();
+  Require(pictures.good.Await(1).size() == 1, "a good frame comes");
 }
 
 }  // namespace

@@ -2,7 +2,6 @@
 // byte that chooses which; then an answer for each request: a byte for what is odd about it, its length (2 bytes), its
 // payload. What is left over is taken for a picture. The connection ends with the input.
 #include <algorithm>
-#include <array>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>

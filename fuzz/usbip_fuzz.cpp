@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "Require.h"
+#include "Pieces.h"
 #include "far/UsbipWire.h"
 #include "protocol/Requests.h"
 
@@ -33,20 +33,17 @@ void Note(Outcome& outcome, const Urb& urb) {
   outcome.commands.insert(outcome.commands.end(), urb.data.begin(), urb.data.end());
 }
 
-// A size of 0 is the whole rest.
-Outcome Read(std::span<const std::uint8_t> stream, std::span<const std::uint8_t> sizes) {
+Outcome Read(Pieces stream) {
   Outcome outcome;
   UsbipReader reader;
   Urb urb;
   UnlinkRequest unlink;
-  for (std::size_t i = 0; !stream.empty() && outcome.error.empty(); ++i) {
-    const std::size_t size = sizes.empty() || sizes[i % sizes.size()] == 0 ? stream.size() : sizes[i % sizes.size()];
+  while (!stream.AtEnd() && outcome.error.empty()) {
     const std::span<std::uint8_t> room = reader.Room();
     Require(!room.empty(), "there is always room");
-    const auto piece = stream.first(std::min({size, stream.size(), room.size()}));
+    const auto piece = stream.Next(room.size());
     std::ranges::copy(piece, room.begin());
     reader.Filled(piece.size());
-    stream = stream.subspan(piece.size());
     for (bool more = true; more;) {
       switch (reader.Next(urb, unlink)) {
         case UsbipReader::Got::kUrb:
@@ -71,11 +68,8 @@ Outcome Read(std::span<const std::uint8_t> stream, std::span<const std::uint8_t>
 }  // namespace vel
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  constexpr std::size_t kSizes = 4;
   const std::span<const std::uint8_t> input(data, size);
-  const auto sizes = input.first(std::min(kSizes, size));
-  const auto stream = input.subspan(sizes.size());
-  vel::Require(vel::Read(stream, sizes) == vel::Read(stream, {}), "pieces give what the whole gives");
+  vel::RequireSameInPieces(input, vel::Read);
   if (input.size() >= vel::kBusIdBytes) {
     static_cast<void>(vel::ReadOperation(input.first<vel::kOperationHeaderBytes>()));
     vel::Require(vel::ReadBusId(input.first<vel::kBusIdBytes>()).size() <= vel::kBusIdBytes, "a bus id is bounded");
