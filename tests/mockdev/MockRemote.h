@@ -3,7 +3,7 @@
 
 #include <gtest/gtest.h>
 
-#include <chrono>
+#include <algorithm>
 #include <map>
 #include <memory>
 #include <utility>
@@ -13,7 +13,7 @@
 #include "protocol/ByteReader.h"
 #include "remote/ModuleChannel.h"
 #include "remote/RemoteDevice.h"
-#include "support/Limits.h"
+#include "support/Collected.h"
 
 namespace vel {
 
@@ -22,29 +22,25 @@ class Tally {
  public:
   using Statuses = std::map<std::uint32_t, std::vector<int>>;
 
-  void Note(const VelPacket& packet) VEL_EXCLUDES(mMutex) {
+  void Note(const VelPacket& packet) {
     const CommandInfo* request = FindCommand(static_cast<std::uint16_t>(packet.GetCommand() - 1));
     if (request != nullptr && request->reply == ReplyKind::kAsync) {
       ByteReader reader(packet.PayloadBytes());
       const auto streamId = reader.Host<std::uint32_t>();
-      const MutexLock lock(mMutex);
-      mStatuses[streamId].push_back(static_cast<int>(reader.Host<std::uint32_t>()));
-      mChanged.NotifyAll();
+      mReplies.Add({streamId, static_cast<int>(reader.Host<std::uint32_t>())});
     }
   }
-  // Once that many transfers were answered; as they are after the time limit otherwise.
-  Statuses Await(std::size_t count) VEL_EXCLUDES(mMutex) {
-    const auto deadline = std::chrono::steady_clock::now() + kDeadline;
-    MutexLock lock(mMutex);
-    while (mStatuses.size() < count && mChanged.WaitUntil(lock, deadline)) {
+  // Once that many were answered, or more; as they are after the time limit otherwise.
+  Statuses Await(std::size_t count) {
+    Statuses statuses;
+    for (const auto& [streamId, status] : mReplies.Await(std::max(count, mReplies.Count()))) {
+      statuses[streamId].push_back(status);
     }
-    return mStatuses;
+    return statuses;
   }
 
  private:
-  Mutex mMutex;
-  CondVar mChanged;
-  Statuses mStatuses VEL_GUARDED_BY(mMutex);
+  Collected<std::pair<std::uint32_t, int>> mReplies;
 };
 
 // A channel that counts the replies which pass.

@@ -1,6 +1,5 @@
 #include "mockdev/MockUsbDevice.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <utility>
 

@@ -5,7 +5,6 @@
 #include <array>
 #include <cstdlib>
 #include <cstring>
-#include <string>
 #include <vector>
 
 #include "policys/JpegWriter.h"

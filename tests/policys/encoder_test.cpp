@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <iterator>
 #include <numeric>
-#include <string>
 #include <vector>
 
 extern "C" {

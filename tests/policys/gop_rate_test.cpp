@@ -1,6 +1,5 @@
 #include "policys/Encoder/GopRate.h"
 
-#include <algorithm>
 #include <cmath>
 #include <numeric>
 #include <vector>

@@ -1,6 +1,5 @@
 // The emulated camera at its own pace, through the module: pictures in time and not more and more of them waiting, and
 // an application that does something else at any moment.
-#include <chrono>
 #include <memory>
 
 #include <gmock/gmock.h>

@@ -24,6 +24,7 @@
 #include <utility>
 
 #include <gmock/gmock.h>
+#include <CLI/CLI.hpp>
 
 #include "oskelo/log.h"
 #include "soak/Soak.h"
@@ -164,23 +165,16 @@ void Run(const Options& options) {
 
 Options Parse(int argc, char** argv) {
   Options options;
-  if (argc < 2 || argc % 2 != 0 || FindSuite(argv[1]) == nullptr) {
-    throw std::invalid_argument("usage: soak SUITE [--seconds N | --rounds N] [--seed N]");
-  }
-  options.suite = argv[1];
-  for (int i = 2; i < argc; i += 2) {
-    const std::string name = argv[i];
-    const unsigned long value = std::stoul(argv[i + 1]);
-    if (name == "--seconds") {
-      options.time = seconds(value);
-    } else if (name == "--rounds") {
-      options.rounds = value;
-      options.time = std::chrono::hours(24);
-    } else if (name == "--seed") {
-      options.seed = static_cast<unsigned>(value);
-    } else {
-      throw std::invalid_argument("no such option: " + name);
-    }
+  CLI::App app;
+  app.add_option("suite", options.suite)->required();
+  auto* const time = app.add_option_function<long>("--seconds", [&](long count) { options.time = seconds(count); });
+  app.add_option("--rounds", options.rounds)->excludes(time)->each([&](const std::string&) {
+    options.time = std::chrono::hours(24);
+  });
+  app.add_option("--seed", options.seed);
+  app.parse(argc, argv);
+  if (FindSuite(options.suite) == nullptr) {
+    throw std::invalid_argument("no such suite");
   }
   return options;
 }

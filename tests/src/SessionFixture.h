@@ -1,7 +1,6 @@
 #ifndef VIRTUSB_TESTS_SRC_SESSION_FIXTURE_H
 #define VIRTUSB_TESTS_SRC_SESSION_FIXTURE_H
 
-#include <cstdint>
 #include <memory>
 #include <utility>
 

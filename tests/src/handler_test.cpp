@@ -16,7 +16,6 @@ namespace {
 
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
-using ::testing::SizeIs;
 
 using Bytes = std::vector<std::uint8_t>;
 

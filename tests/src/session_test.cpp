@@ -4,8 +4,6 @@
 #include <array>
 #include <cstring>
 #include <span>
-#include <thread>
-#include <vector>
 
 #include <gmock/gmock.h>
 

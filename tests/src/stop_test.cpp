@@ -1,5 +1,4 @@
 // Giving the device back, whatever is going on at that moment.
-#include <algorithm>
 #include <array>
 #include <future>
 #include <thread>

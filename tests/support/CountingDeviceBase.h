@@ -5,7 +5,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
-#include <utility>
 
 #include "protocol/Commands.h"
 #include "support/FakeDeviceBase.h"

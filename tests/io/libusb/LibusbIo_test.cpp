@@ -84,6 +84,10 @@ TEST_F(LibusbIoAccess, EachOperationActsOnTheDeviceInItsOrder) {
     EXPECT_EQ(operation(), 0) << testing::PrintToString(calls);
     EXPECT_EQ(seam.TakeCalls(), calls);
   }
+  // A step that fails is the result, and the others are made.
+  seam.Instead("attach_kernel_driver", [](const auto&) { return LIBUSB_ERROR_IO; });
+  EXPECT_EQ(io->AttachKernelDriver(), LIBUSB_ERROR_IO);
+  EXPECT_EQ(seam.TakeCalls().back(), "attach_kernel_driver 1");
 }
 
 TEST_F(LibusbIoAccess, ConfigDescriptorsStayValidAndDoNotPileUp) {

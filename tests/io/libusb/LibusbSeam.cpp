@@ -67,38 +67,29 @@ int libusb_set_option(libusb_context* /*context*/, libusb_option option, ...) {
   return vel::LibusbSeam::Get().Run("set_option", "set_option " + std::to_string(option),
                                     [] { return LIBUSB_ERROR_NOT_SUPPORTED; });
 }
+#define SEAM(function, parameters, ...)      \
+  int function parameters {                  \
+    return vel::Pass(__func__, __VA_ARGS__); \
+  }
+SEAM(libusb_open, (libusb_device * device, libusb_device_handle** handle), device, handle)
+SEAM(libusb_set_configuration, (libusb_device_handle * handle, int value), handle, value)
+SEAM(libusb_claim_interface, (libusb_device_handle * handle, int number), handle, number)
+SEAM(libusb_release_interface, (libusb_device_handle * handle, int number), handle, number)
+SEAM(libusb_set_interface_alt_setting, (libusb_device_handle * handle, int number, int setting), handle, number,
+     setting)
+SEAM(libusb_clear_halt, (libusb_device_handle * handle, unsigned char endpoint), handle, endpoint)
+SEAM(libusb_reset_device, (libusb_device_handle * handle), handle)
+SEAM(libusb_detach_kernel_driver, (libusb_device_handle * handle, int number), handle, number)
+SEAM(libusb_attach_kernel_driver, (libusb_device_handle * handle, int number), handle, number)
+SEAM(libusb_submit_transfer, (libusb_transfer * transfer), transfer)
+SEAM(libusb_cancel_transfer, (libusb_transfer * transfer), transfer)
+#undef SEAM
+
 ssize_t libusb_get_device_list(libusb_context* context, libusb_device*** list) {
   return vel::Pass(__func__, context, list);
 }
-int libusb_open(libusb_device* device, libusb_device_handle** handle) {
-  return vel::Pass(__func__, device, handle);
-}
 void libusb_close(libusb_device_handle* handle) {
   vel::Pass(__func__, handle);
-}
-int libusb_set_configuration(libusb_device_handle* handle, int value) {
-  return vel::Pass(__func__, handle, value);
-}
-int libusb_claim_interface(libusb_device_handle* handle, int number) {
-  return vel::Pass(__func__, handle, number);
-}
-int libusb_release_interface(libusb_device_handle* handle, int number) {
-  return vel::Pass(__func__, handle, number);
-}
-int libusb_set_interface_alt_setting(libusb_device_handle* handle, int number, int setting) {
-  return vel::Pass(__func__, handle, number, setting);
-}
-int libusb_clear_halt(libusb_device_handle* handle, unsigned char endpoint) {
-  return vel::Pass(__func__, handle, endpoint);
-}
-int libusb_reset_device(libusb_device_handle* handle) {
-  return vel::Pass(__func__, handle);
-}
-int libusb_detach_kernel_driver(libusb_device_handle* handle, int number) {
-  return vel::Pass(__func__, handle, number);
-}
-int libusb_attach_kernel_driver(libusb_device_handle* handle, int number) {
-  return vel::Pass(__func__, handle, number);
 }
 libusb_transfer* libusb_alloc_transfer(int packets) {
   libusb_transfer* transfer = nullptr;
@@ -107,12 +98,6 @@ libusb_transfer* libusb_alloc_transfer(int packets) {
     return 0;
   });
   return transfer;
-}
-int libusb_submit_transfer(libusb_transfer* transfer) {
-  return vel::Pass(__func__, transfer);
-}
-int libusb_cancel_transfer(libusb_transfer* transfer) {
-  return vel::Pass(__func__, transfer);
 }
 int libusb_handle_events_timeout_completed(libusb_context* context, timeval* limit, int* completed) {
   return vel::LibusbSeam::Get().Run("handle_events", "", [&] {

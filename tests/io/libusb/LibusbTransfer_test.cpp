@@ -1,9 +1,7 @@
-#include <array>
 #include <cerrno>
 #include <functional>
 #include <numeric>
 #include <set>
-#include <span>
 
 #include "LibusbIoFixture.h"
 #include "support/FailingMemory.h"

@@ -1,7 +1,6 @@
 #ifndef VIRTUSB_TESTS_PLATFORM_CAMERA_MEDIA_FILE_H
 #define VIRTUSB_TESTS_PLATFORM_CAMERA_MEDIA_FILE_H
 
-#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <filesystem>

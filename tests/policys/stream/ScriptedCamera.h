@@ -2,11 +2,9 @@
 #define VIRTUSB_TESTS_POLICYS_STREAM_SCRIPTED_CAMERA_H
 
 #include <algorithm>
-#include <array>
 #include <cstdint>
 #include <memory>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "policys/UVCPolicy.h"
