@@ -8,7 +8,6 @@ bool FrameDump::Open(const char* path) {
   const MutexLock lock(mMutex);
   mFile.reset();  // First: it may be the same file, whose last bytes are written now.
   mFile.reset(std::fopen(path, "wb"));
-  mOn = mFile != nullptr;
   if (mFile == nullptr) {
     VEL_ERROR("cannot open %s for the frames", path);
   }
@@ -17,18 +16,13 @@ bool FrameDump::Open(const char* path) {
 
 void FrameDump::Close() {
   const MutexLock lock(mMutex);
-  mOn = false;
   mFile.reset();
 }
 
 void FrameDump::Write(const std::uint8_t* data, std::uint32_t length) {
-  if (!mOn.load(std::memory_order_relaxed) || data == nullptr) {
-    return;
-  }
   const MutexLock lock(mMutex);
-  if (mFile != nullptr && std::fwrite(data, 1, length, mFile.get()) != length) {
+  if (mFile != nullptr && data != nullptr && std::fwrite(data, 1, length, mFile.get()) != length) {
     VEL_ERROR("cannot write %u bytes of frames, the dump ends", length);
-    mOn = false;
     mFile.reset();
   }
 }

@@ -1,7 +1,6 @@
 #ifndef VEL_CODEC_FRAME_DUMP_H
 #define VEL_CODEC_FRAME_DUMP_H
 
-#include <atomic>
 #include <cstdint>
 #include <cstdio>
 #include <memory>
@@ -17,7 +16,7 @@ class FrameDump {
   bool Open(const char* path);
   void Close();
 
-  // Does nothing while closed. Costs one load then.
+  // Does nothing while closed.
   void Write(const std::uint8_t* data, std::uint32_t length);
 
  private:
@@ -28,7 +27,6 @@ class FrameDump {
 
   Mutex mMutex VEL_LOCK_LEVEL(Leaf);
   File mFile VEL_GUARDED_BY(mMutex);
-  std::atomic<bool> mOn{false};  // Written under the mutex.
 };
 
 }  // namespace vel

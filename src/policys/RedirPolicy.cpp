@@ -54,9 +54,8 @@ class DescriptorWriter {
     mBytes.insert(mBytes.end(), fields);
   }
   void Extra(const unsigned char* extra, int length) {
-    if (extra != nullptr && length > 0) {
-      mBytes.insert(mBytes.end(), extra, extra + length);
-    }
+    const std::span bytes(extra, extra == nullptr ? 0U : static_cast<std::size_t>(std::max(length, 0)));
+    mBytes.insert(mBytes.end(), bytes.begin(), bytes.end());
   }
   // Extra bytes that a camera's policy may shorten.
   void Extra(const unsigned char* extra, int length, const UVCPolicy& camera) {

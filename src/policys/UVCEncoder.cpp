@@ -79,9 +79,6 @@ int UVCEncoder::Init(_UVC_ENCODER_TYPE type, int width, int height, UVCEncoderHa
     mHeight = height;
     if (!OpenEncoder(type)) {
       mEncoder.reset();
-      mFrame.reset();
-      mPacket.reset();
-      mLogRoute.reset();
       return -1;
     }
   }

@@ -55,10 +55,7 @@ const libusb_interface_descriptor* VsSetting(const libusb_interface& interface) 
 
 template <class Desc>
 std::span<const std::uint8_t> Extra(const Desc& desc) {
-  if (desc.extra == nullptr || desc.extra_length <= 0) {
-    return {};
-  }
-  return {desc.extra, static_cast<std::size_t>(desc.extra_length)};
+  return {desc.extra, desc.extra == nullptr ? 0U : static_cast<std::size_t>(std::max(desc.extra_length, 0))};
 }
 
 const libusb_endpoint_descriptor* FirstEndpoint(const libusb_interface_descriptor& setting) {

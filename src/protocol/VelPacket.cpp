@@ -136,10 +136,7 @@ std::uint32_t VelPacket::GetPacketSize() const {
 }
 
 const std::uint8_t* VelPacket::GetPayload() const {
-  if (mBuffer == nullptr || std::uint64_t{kHeaderSize} + mCursor > mCapacity) {
-    return nullptr;
-  }
-  return mBuffer.get() + kHeaderSize + mCursor;
+  return mBuffer == nullptr ? nullptr : mBuffer.get() + kHeaderSize + mCursor;
 }
 
 std::uint32_t VelPacket::GetPayloadSize() const {
@@ -171,12 +168,7 @@ std::uint32_t VelPacket::BytesInBlock() const {
 }
 
 std::span<const std::uint8_t> VelPacket::PayloadBytes() const {
-  const std::uint32_t end = BytesInBlock();
-  const std::uint64_t begin = std::uint64_t{kHeaderSize} + mCursor;
-  if (begin >= end) {
-    return {};
-  }
-  return {mBuffer.get() + begin, mBuffer.get() + end};
+  return Wire().subspan(std::min(kHeaderSize + mCursor, BytesInBlock()));
 }
 
 std::span<const std::uint8_t> VelPacket::Wire() const {

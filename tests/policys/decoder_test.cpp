@@ -195,6 +195,8 @@ TEST_F(Decoder, RefusesWhatItCannotDo) {
   EXPECT_EQ(mDecoder.GetOutputData(out.data(), &size), -1) << "not what Decode refused";
   EXPECT_EQ(mDecoder.Release(), 0);
   EXPECT_EQ(mDecoder.Release(), 0);
+  Open();
+  EXPECT_EQ(mDecoder.GetOutputData(out.data(), &size), -1) << "from the start";
 }
 
 }  // namespace

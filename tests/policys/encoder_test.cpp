@@ -13,6 +13,7 @@ extern "C" {
 #include "codec/FrameBlocks.h"
 #include "policys/UVCDecoder.h"
 #include "policys/UVCEncoder.h"
+#include "support/CapturingLog.h"
 #include "support/Collected.h"
 #include "support/Limits.h"
 #include "support/Scene.h"
@@ -46,6 +47,7 @@ class EncoderStream : public testing::TestWithParam<Setting> {};
 TEST_P(EncoderStream, IsWhatAReceiverLikes) {
   const Setting& setting = GetParam();
   const Scene scene(setting.width, setting.height);
+  const CapturingLog log(OSKELO_LOG_ERROR);
   UVCEncoder encoder;
   ASSERT_EQ(encoder.Init(UVC_ENCODER_TYPE_H264, setting.width, setting.height, nullptr, nullptr), 0);
   UVCDecoder decoder;
@@ -74,6 +76,7 @@ TEST_P(EncoderStream, IsWhatAReceiverLikes) {
     psnr += LumaPsnr(picture, decoded) / frames;
   }
   EXPECT_GT(psnr, 36);
+  EXPECT_THAT(log.Messages(), testing::IsEmpty());
 
   const double average = std::accumulate(sizes.begin(), sizes.end(), 0.0) / frames;
   EXPECT_LE(*std::max_element(sizes.begin(), sizes.end()), 12 * average);
@@ -100,6 +103,27 @@ struct HeldDeliveries : UVCEncoderHandler {
   Collected<std::uint32_t> indices;
   Collected<int> go;
 };
+
+TEST(FrameBlocks, AreKeptAndTakenAgainWhileSomebodyUsesThem) {
+  constexpr std::size_t kSize = 1U << 20U;
+  std::optional<FrameBlocks::User> first(std::in_place);
+  std::optional<FrameBlocks::User> second(std::in_place);
+  std::vector<HeapBlock> blocks;
+  std::vector<const std::uint8_t*> given;
+  for (std::size_t i = 0; i < 2 * FrameBlocks::kBlocksForUser + 1; ++i) {
+    blocks.push_back(FrameBlocks::Take(kSize));
+    given.push_back(blocks.back().get());
+  }
+  for (HeapBlock& block : blocks) {
+    FrameBlocks::Give(std::move(block), kSize);
+  }
+  second.reset();  // Ends nothing for the first.
+  EXPECT_NE(FrameBlocks::Take(kSize + 1).get(), given.back()) << "too small";
+  for (std::size_t i = given.size() - 1; i > 0; --i) {  // The first gave way to the last.
+    blocks[i] = FrameBlocks::Take(kSize);
+    EXPECT_EQ(blocks[i].get(), given[i]);
+  }
+}
 
 TEST(Encoder, ThinsItsQueueAndFreesItAtRelease) {
   HeldDeliveries held;

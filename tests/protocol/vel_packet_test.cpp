@@ -136,7 +136,9 @@ TEST(VelPacket, LengthFieldNeverLeadsOutOfTheBlock) {
   for (const auto& test : cases) {
     SCOPED_TRACE(test.length);
     VelPacket packet(24);
+    EXPECT_EQ(packet.InitHeader(1, 2, 3), 0);
     packet.Append(Counting(8).data(), 8);
+    EXPECT_EQ(packet.GetPayload(), packet.Wire().data() + 16);
     SetLength(packet, test.length);
     EXPECT_EQ(packet.GetPacketSize(), test.length);
     EXPECT_EQ(packet.Wire().size(), test.wire);

@@ -106,18 +106,21 @@ TEST(Device, StreamBeginsAndEndsBehindTheBackendsChangeOfSetting) {
   std::array<std::uint8_t, 34> commit{};
   std::memcpy(commit.data(), &ctrl, commit.size());
   device.ControlTransfer(0x21, 0x01, 0x0200, 3, commit.data(), commit.size(), 0);
-  for (const std::uint32_t setting : {1U, 0U}) {
+  for (const std::uint32_t setting : {1U, 0U, 1U}) {
     device.SetInterfaceAltSetting(3, setting);
   }
+  device.CloseUsbDev();
   std::vector<std::string> order;
   for (const std::string& call : io.Calls()) {
     const std::string name = call.substr(0, call.find(' '));
-    if (name == "SetInterfaceAltSetting" || name == "IsochTransfer" || name == "CancelOwnTransfers") {
+    if (name == "SetInterfaceAltSetting" || name == "IsochTransfer" || name == "CancelOwnTransfers" ||
+        name == "CloseUsbDev") {
       order.push_back(name == "SetInterfaceAltSetting" ? call : name);
     }
   }
   EXPECT_THAT(order, ElementsAre("SetInterfaceAltSetting 3 1", "IsochTransfer", "SetInterfaceAltSetting 3 0",
-                                 "CancelOwnTransfers"));
+                                 "CancelOwnTransfers", "SetInterfaceAltSetting 3 1", "IsochTransfer",
+                                 "CancelOwnTransfers", "CloseUsbDev"));
 }
 
 }  // namespace

@@ -80,6 +80,33 @@ TEST_F(Handler, TransfersAreGivenBackWithWhatTheBackendLeft) {
   EXPECT_THAT(remote.Replies(), ::testing::Each(::testing::Field(&Reply::devId, kId.devId)));
 }
 
+TEST_F(Handler, SaysWhatDataMovesAndHowLongAPictureTakes) {
+  const CapturingLog log;
+  const Bytes data = {1, 2, 0xAB};
+  Ask(BuildTransferRequest(Command::kInterruptTransfer, kId, 0x02, 1, 3, data));  // Not shown.
+  EXPECT_THAT(log.Messages("velPrintData"), IsEmpty());
+  Ask(BuildTransferRequest(Command::kBulkTransfer, kId, 0x02, 2, 3, data));
+  Ask(BuildTransferRequest(Command::kBulkTransfer, kId, 0x02, 3, 33, Bytes(33, 7)));
+  Ask(BuildIsoRequest(kId, 0x03, 4, std::array{1U}, Bytes{9}));
+  io.Answer("ControlTransfer", 2);
+  Ask(BuildControlRequest(kId, {0xC0, 1, 0, 0, 2}, 0, Bytes(2)));
+  std::string cut = "Debug:ret:";
+  for (int i = 0; i < 32; ++i) {
+    cut += "0x07 ";
+  }
+  std::string iso = "Debug:ret:0x10 0x00 0x00 0x00 0x01 0x00 0x00 0x00 ";
+  iso += "0x00 0x00 0x00 0x00 0x00 0x00 0x00 0x00 0x09 ";
+  EXPECT_THAT(log.Messages("velPrintData"), ElementsAre("Debug:ret:0x01 0x02 0xab ", cut, iso, "Debug:ret:0x00 0x00 "));
+  Post(BuildPing(kId, 2, 77));  // A bulk reply.
+  Post(BuildPing(kId, 4, 77));
+  Post(BuildPing(kId, 4, 77));  // Once.
+  Ask(BuildRequest(Command::kGetBusNumber, kId));
+  EXPECT_THAT(log.Messages("Ping"),
+              ElementsAre(::testing::StartsWith("Debug:[UVC tuning] streamid = 4 reply to ping")));
+  EXPECT_EQ(log.Count("remote timestamp = 77"), 1U);
+  EXPECT_EQ(log.Count("bad payload"), 0U);
+}
+
 TEST_F(Handler, LeanRepliesLeaveTheDataOfOutTransfersOut) {
   remote.WantLeanReplies();
   const Bytes data = {1, 2};

@@ -37,6 +37,7 @@ class ScriptedUsbIo::Backend final : public IUsbIo {
 
   void* GetIoHandler() override { return nullptr; }
   std::uint8_t GetIoType() override { return mType; }
+  std::uint32_t GetIoCapability() override { return mScript.mCapability; }
   void Init() override { mScript.Call("Init"); }
   int OpenUsbDev() override { return mScript.Call("OpenUsbDev"); }
   int CloseUsbDev() override {

@@ -62,6 +62,7 @@ class ScriptedUsbIo {
     const MutexLock lock(mMutex);
     mHooks.insert_or_assign(std::string(operation), std::move(hook));
   }
+  void SetCapability(std::uint32_t capability) { mCapability = capability; }  // Before it is used.
   void Describe(libusb_config_descriptor* config) {
     const MutexLock lock(mMutex);
     mConfig = config;
@@ -129,6 +130,7 @@ class ScriptedUsbIo {
   std::set<std::string, std::less<>> mBlocked VEL_GUARDED_BY(mMutex);
   std::vector<std::string> mCalls VEL_GUARDED_BY(mMutex);
   libusb_config_descriptor* mConfig VEL_GUARDED_BY(mMutex) = nullptr;
+  std::uint32_t mCapability = 0;
   bool mHolds VEL_GUARDED_BY(mMutex) = false;
   std::deque<_UsbIoXferInfo*> mHeld VEL_GUARDED_BY(mMutex);
   std::size_t mCompleting VEL_GUARDED_BY(mMutex) = 0;

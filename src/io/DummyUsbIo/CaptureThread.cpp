@@ -45,20 +45,20 @@ bool CaptureThread::HasEnded() const {
   return mState->ended;
 }
 
+bool CaptureThread::AwaitEnd() const {
+  const auto deadline = std::chrono::steady_clock::now() + kLeaveLimit;
+  const bool own = mThread.get_id() == std::this_thread::get_id();
+  MutexLock lock(mState->mutex);
+  while (!mState->ended && !own && mState->changed.WaitUntil(lock, deadline)) {
+  }
+  return mState->ended;
+}
+
 void CaptureThread::Leave() {
   if (!mThread.joinable()) {
     return;
   }
-  bool ended = false;
-  {
-    const auto deadline = std::chrono::steady_clock::now() + kLeaveLimit;
-    const bool own = mThread.get_id() == std::this_thread::get_id();
-    MutexLock lock(mState->mutex);
-    while (!mState->ended && !own && mState->changed.WaitUntil(lock, deadline)) {
-    }
-    ended = mState->ended;
-  }
-  if (ended) {
+  if (AwaitEnd()) {
     mThread.join();
   } else {
     PinModule();

@@ -26,6 +26,9 @@ class CaptureThread {
  private:
   struct State;
 
+  // Whether the function has returned, at the latest after that time.
+  bool AwaitEnd() const;
+
   std::shared_ptr<State> mState;
   std::thread mThread;
 };

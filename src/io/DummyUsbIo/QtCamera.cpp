@@ -23,6 +23,18 @@ struct QtCamera::Opening {
   int result VEL_GUARDED_BY(mutex) = -1;
   bool returned VEL_GUARDED_BY(mutex) = false;  // The worker uses nothing of this any more.
 
+  bool IsWanted() VEL_EXCLUDES(mutex) {
+    const MutexLock lock(mutex);
+    return wanted;
+  }
+  // What the library said. Whether somebody still waits for it.
+  bool Answer(int said) VEL_EXCLUDES(mutex) {
+    const MutexLock lock(mutex);
+    result = wanted ? said : -1;
+    done = true;
+    changed.NotifyAll();
+    return wanted;
+  }
   void Return(int withResult) VEL_EXCLUDES(mutex) {
     const MutexLock lock(mutex);
     if (!done) {
@@ -140,12 +152,7 @@ void QtCamera::OpenCamera(void* context) {
     return;
   }
   auto& opening = *static_cast<Opening*>(context);
-  bool wanted = false;
-  {
-    const MutexLock lock(opening.mutex);
-    wanted = opening.wanted;
-  }
-  if (!wanted) {  // Given up before the library could have been told.
+  if (!opening.IsWanted()) {  // Given up before the library could have been told.
     opening.Return(-1);
     return;
   }
@@ -153,14 +160,7 @@ void QtCamera::OpenCamera(void* context) {
   if (result < 0) {
     VEL_ERROR("open camera failed, ret[%d]", result);
   }
-  {
-    const MutexLock lock(opening.mutex);
-    wanted = opening.wanted;
-    opening.result = wanted ? result : -1;
-    opening.done = true;
-    opening.changed.NotifyAll();
-  }
-  if (result >= 0 && !wanted) {
+  if (!opening.Answer(result) && result >= 0) {
     CamClose(opening.id.c_str());
   }
   VEL_DEBUG("Open camera[%s] finish.", EscapeForLog(opening.id).c_str());

@@ -70,8 +70,10 @@ TEST(DummyCamera, GivesAPictureForEachRequestToTheLatestCallbackAtItsPace) {
   EXPECT_EQ(camera.StreamOff(), 0);
   EXPECT_EQ(camera.StreamOn(), 0);
   std::this_thread::sleep_for(kNever);  // Only lets a fault show: a picture of before the stop.
-  EXPECT_EQ(camera.StreamOff(), 0);
   EXPECT_EQ(pictures.got.Count(), 2U);
+  camera.SetStreamCallback(&pictures, nullptr);  // Wakes the producer.
+  EXPECT_EQ(pictures.got.Await(3).size(), 3U);
+  EXPECT_EQ(camera.StreamOff(), 0);
   EXPECT_EQ(former.got.Count(), 0U);
 }
 
@@ -137,11 +139,12 @@ TEST(ICamera, AnswersWhatItDoesNotDoWithSuccess) {
     EXPECT_EQ(camera->ProbeParam(&param), 0);
     EXPECT_EQ(camera->SetStreamCallback(nullptr, nullptr), 0);
     EXPECT_EQ(camera->StreamOff(), -1) << "not on";
+    EXPECT_EQ(camera->SetParam(&param), 0);
     EXPECT_EQ(camera->Open("cam"), 0);
     EXPECT_EQ(camera->Open("cam"), 0);
     EXPECT_EQ(camera->Close(), 0);
   }
-  EXPECT_THAT(capture.Calls(), ElementsAre("CamOpen cam", "CamClose cam"));
+  EXPECT_THAT(capture.Calls(), ElementsAre("CamSetParam 0x0 0", "CamOpen cam", "CamClose cam"));
 }
 
 TEST(ICameraFactory, HasNoCameraOfTheSecondType) {

@@ -30,7 +30,7 @@ struct ScriptedCamera {
   static constexpr int kWidth = 1048;
   static constexpr std::uint32_t kFrameBytes = 2 * kWidth * kHeight;
 
-  explicit ScriptedCamera(Kind kind, bool transcode = false)
+  explicit ScriptedCamera(Kind kind, bool transcode = false, std::uint32_t capability = 0)
       : backend(ScriptedUsbIo::Create(kind == Kind::kEmulated ? kIoTypeEmulated : kIoTypeLibusb, &remote)),
         policy(std::make_unique<UVCPolicy>(backend.get(), 0, std::int8_t{0}, std::uint8_t{transcode})) {
     for (libusb_interface_descriptor& setting : tree.settings) {
@@ -41,6 +41,7 @@ struct ScriptedCamera {
     tree.interface.num_altsetting = kind == Kind::kBulk ? 1 : 2;
     policy->ParseDescriptors(&tree.config);
     io.HoldTransfers();
+    io.SetCapability(capability);
   }
 
   static UVCStreamCtrl Ctrl(std::uint32_t frameSize, std::uint32_t payloadSize = 64) {

@@ -2,7 +2,10 @@
 #include <array>
 #include <atomic>
 #include <chrono>
+#include <filesystem>
+#include <fstream>
 #include <functional>
+#include <iterator>
 #include <random>
 #include <thread>
 
@@ -48,6 +51,23 @@ TEST(Negotiation, StartsWithWhatWasAgreedOnAlone) {
       {"frame size cut off", Kind::kEmulated, [&](ScriptedCamera& c) { c.Commit(good, 18); }, {}},
       {"probe answer", Kind::kEmulated, [&](ScriptedCamera& c) { c.ProbeAnswer(ScriptedCamera::Block(good, 34)); },
        whole},
+      {"commit answer alone",
+       Kind::kEmulated,
+       [&](ScriptedCamera& c) {
+         Bytes data = ScriptedCamera::Block(good, 34);
+         c.policy->PeekClassControlTransferRet({0xA1, 0x81, 0x0200, ScriptedCamera::kInterface, data});
+       },
+       {}},
+      {"raw block",
+       Kind::kEmulated,
+       [&](ScriptedCamera& c) {
+         c.Commit(good);
+         c.policy->ParseDescriptors(VsBlock("mjpeg 64", 0x86).bytes);
+         EXPECT_EQ(c.policy->GetVSEndpoint(), 0x86);
+         c.policy->ParseDescriptors(Bytes());
+         EXPECT_EQ(c.policy->GetVSEndpoint(), 0xFF);
+       },
+       {}},
       {"other interface", Kind::kEmulated, [&](ScriptedCamera& c) { c.Commit(good, 34, 0x0103); }, {}},
       {"format 2, frame 2", Kind::kEmulated, [](ScriptedCamera& c) { c.Commit(With(2, 2)); }, whole},
       {"no such format", Kind::kEmulated, [](ScriptedCamera& c) { c.Commit(With(3, 1)); }, {}},
@@ -303,6 +323,36 @@ TEST(Stream, ReadWithoutAFrameTimesOut) {
   camera.Read();
   EXPECT_THAT(camera.reads.done.Await(1), ElementsAre(Done{1, kXferTimedOut, ""}));
   EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(500));
+}
+
+TEST(Stream, ReadThatTimesOutMakesRoomForAFrameInsteadOfOneThatACoderLost) {
+  ScriptedCamera camera(Kind::kEmulated, true, 1);
+  const CapturingLog log(OSKELO_LOG_ERROR);
+  camera.Start(ScriptedCamera::Ctrl(64));
+  for (const std::size_t lost : {1U, 2U, 3U, 3U}) {
+    Feed(camera, Kind::kEmulated, "no JPEG");
+    EXPECT_EQ(log.Count("Do async decode fail ("), lost);
+  }
+  camera.Read();
+  EXPECT_THAT(camera.reads.done.Await(1), ElementsAre(Done{1, kXferTimedOut, ""}));
+  Feed(camera, Kind::kEmulated, "no JPEG");
+  EXPECT_EQ(log.Count("Do async decode fail ("), 4U);
+}
+
+// A given operation that nothing calls.
+TEST(UVCPolicy, SavesABufferByItsNumber) {
+  const std::filesystem::path before = std::filesystem::current_path();
+  std::filesystem::current_path(testing::TempDir());
+  const Bytes bytes = {1, 2, 3};
+  EXPECT_EQ(UVCPolicy::SaveFrame(bytes.data(), 3, 77), 0);
+  std::ifstream file("77.data", std::ios::binary);
+  EXPECT_EQ(Bytes(std::istreambuf_iterator<char>(file), {}), bytes);
+  std::filesystem::remove("77.data");
+  std::filesystem::create_directory("78.data");  // Nothing to write to.
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(UVCPolicy::SaveFrame(bytes.data(), 3, 78), 0);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "New file open error.\n");
+  std::filesystem::current_path(before);
 }
 
 TEST(Stream, FailedTransfersAreTriedAgainAndAStallIsCleared) {
