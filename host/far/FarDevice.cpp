@@ -37,6 +37,9 @@ FarDevice::FarDevice(std::unique_ptr<PacketChannel> channel, Options options)
     mCamera = std::make_unique<FarCamera>(*model, port);
   }
   mReady = true;
+  if (!mPipe.AnswersFailures()) {
+    Note("the far end does not say that it answers failed and cancelled transfers (start it with --answer-failures)");
+  }
 }
 
 FarDevice::~FarDevice() {
@@ -190,9 +193,6 @@ void FarDevice::GiveUp(std::uint32_t generation, std::uint32_t seqnum) {
   auto answer = mUrbs.BeginSent(generation, seqnum);
   if (!answer) {
     return;
-  }
-  if (!mNotedSilence.exchange(true)) {
-    Note("the far end does not answer cancelled transfers (it is to be started with --answer-failures)");
   }
   answer->status = -ECONNRESET;
   mUrbs.End(*answer, {});

@@ -85,8 +85,7 @@ class FarDevice final : private FarCamera::Port {
 
   const Options mOptions;
   std::atomic<bool> mGone{false};
-  std::atomic<bool> mReady{false};  // Transfers are answered: all members are there.
-  std::atomic<bool> mNotedSilence{false};
+  std::atomic<bool> mReady{false};         // Transfers are answered: all members are there.
   std::atomic<std::uint32_t> mLeaving{0};  // Counts what has to end within its time.
   std::atomic<std::uint32_t> mNextStream{1};
 

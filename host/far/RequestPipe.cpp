@@ -88,6 +88,9 @@ void RequestPipe::OnPacket(std::unique_ptr<VelPacket> packet) {
   if (command == nullptr || packet->GetDevId() != kDevId) {
     return;
   }
+  if ((packet->Wire()[kServiceOffset] & kAnswersFailures) != 0) {
+    mAnswersFailures = true;
+  }
   if (command->reply == ReplyKind::kAsync) {
     mReceiver.onTransfer(std::move(packet));
   } else if (command->reply == ReplyKind::kSync) {

@@ -1,6 +1,7 @@
 #ifndef VIRTUSB_HOST_FAR_REQUEST_PIPE_H
 #define VIRTUSB_HOST_FAR_REQUEST_PIPE_H
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <deque>
@@ -45,6 +46,8 @@ class RequestPipe {
   void Start(Receiver receiver);
   // How long the first reply may take, at least.
   std::chrono::milliseconds StartTime() const { return mChannel->GetContact().startTime; }
+  // A reply has said that failed and cancelled transfers are answered.
+  bool AnswersFailures() const { return mAnswersFailures; }
   // Why nothing is answered any more; empty as long as it is.
   std::string WhyLost() VEL_EXCLUDES(mMutex);
   // Sends a synchronous request.
@@ -71,6 +74,7 @@ class RequestPipe {
 
   const std::unique_ptr<PacketChannel> mChannel;
   Receiver mReceiver;
+  std::atomic<bool> mAnswersFailures{false};
   Mutex mSendMutex;  // Requests leave in the order in which they wait. Taken before mMutex.
   Mutex mMutex;
   std::uint8_t mNextReqId VEL_GUARDED_BY(mMutex) = 0;

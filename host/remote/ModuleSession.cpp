@@ -6,6 +6,7 @@
 
 #include "protocol/ByteReader.h"
 #include "protocol/Commands.h"
+#include "remote/PacketChannel.h"
 
 namespace vel {
 
@@ -30,6 +31,9 @@ class ModuleSession::Device final : public VelDeviceBase {
   }
 
   int Send(std::unique_ptr<VelPacket> packet, std::uint32_t /*waitMs*/) override {
+    if (const auto wire = packet->MutableWire(); mOptions.answersFailures && wire.size() > kServiceOffset) {
+      wire[kServiceOffset] |= kAnswersFailures;
+    }
     mOptions.onReply(std::move(packet));
     return 0;
   }

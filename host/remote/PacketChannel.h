@@ -2,6 +2,8 @@
 #define VIRTUSB_HOST_REMOTE_PACKET_CHANNEL_H
 
 #include <chrono>
+#include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
@@ -9,6 +11,10 @@
 #include "protocol/VelPacket.h"
 
 namespace vel {
+
+// In the header of a reply, where the module writes zero: what virtusb says of how the device is served.
+inline constexpr std::size_t kServiceOffset = 13;
+inline constexpr std::uint8_t kAnswersFailures = 1;  // Transfers that fail or are cancelled have a reply.
 
 // A way to a redirected device, as its remote side sees it: requests go in, replies come out. Whether the module is
 // in this process or behind a byte stream does not show.

@@ -69,6 +69,7 @@ class FarDeviceTest : public testing::Test {
     far->address = address;
     FarDevice::Options options;
     options.cancelLimit = cancelLimit;
+    options.note = [this](const std::string& line) { notes.push_back(line); };
     device = std::make_unique<FarDevice>(std::move(made), std::move(options));
     device->Connect(guest);
     device->Submit({.seqnum = 1, .endpoint = 0, .setup = {0x00, 9, 1, 0, 0}});
@@ -88,6 +89,7 @@ class FarDeviceTest : public testing::Test {
   }
 
   std::int32_t address = 5;
+  std::vector<std::string> notes;  // Of the opening; the loss of the channel adds one.
   FakeFarEnd* far = nullptr;
   Guest guest;
   std::unique_ptr<FarDevice> device;
@@ -276,6 +278,7 @@ TEST_F(FarDeviceTest, FarEndThatDoesNotAnswerACancelIsNotWaitedFor) {
   const std::uint32_t stream = far->TakeStreams(1).at(0);
   device->Unlink({3, 2});
   EXPECT_THAT(guest.Take(1), ElementsAre(Told{'u', 3, -ECONNRESET}));
+  EXPECT_THAT(notes, ElementsAre(testing::HasSubstr("--answer-failures")));
   far->Complete(Command::kBulkTransfer, stream, kCompleted);
   EXPECT_THAT(guest.Take(0), IsEmpty());
 }
