@@ -93,7 +93,9 @@ class WaitingUsb final : public MockUsb {
     const bool isIso = urb->type == USBDEVFS_URB_TYPE_ISO;
     urb->moved = isIso ? 0 : urb->IsIn() || urb->endpoint == 0 ? result.bytes.size() : urb->length;
     urb->in = urb->endpoint == 0 ? Bytes(8) : Bytes();  // A request's setup comes first.
-    urb->in.insert(urb->in.end(), result.bytes.begin(), result.bytes.end());
+    if (urb->IsIn() || urb->endpoint == 0) {
+      urb->in.insert(urb->in.end(), result.bytes.begin(), result.bytes.end());
+    }
     for (std::size_t i = 0; isIso && i < urb->Packets().size(); ++i) {
       usbdevfs_iso_packet_desc& packet = urb->Packets()[i];
       packet.actual_length = i < result.packets.size() ? result.packets[i].first : packet.length;
