@@ -55,7 +55,11 @@ class ThinnedQueue {
       if (mItems.size() > kFrameListLimit) {
         ThinFrames(kFrameListCacheSize, mItems, mName);
       }
-      mItems.push_back(std::move(item));
+      if (mSpare.empty()) {
+        mSpare.emplace_back();
+      }
+      mSpare.front() = std::move(item);
+      mItems.splice(mItems.end(), mSpare, mSpare.begin());
       waiting = mItems.size();
     }
     mChanged.NotifyOne();
@@ -72,9 +76,7 @@ class ThinnedQueue {
     if (mItems.empty() || !mOpen) {
       return Item{};
     }
-    Item item = std::move(mItems.front());
-    mItems.pop_front();
-    return item;
+    return TakeFront();
   }
 
   // Waits for an item and leaves it where it is, so that it counts as waiting while it is in use: thinning does not
@@ -87,16 +89,24 @@ class ThinnedQueue {
     return mOpen ? &mItems.front() : nullptr;
   }
   void PopFront() {
-    std::list<Item> done;  // Freed after the lock.
+    Item done;  // Freed after the lock.
     const MutexLock lock(mMutex);
-    done.splice(done.begin(), mItems, mItems.begin());
+    done = TakeFront();
   }
 
  private:
+  Item TakeFront() VEL_REQUIRES(mMutex) {
+    Item item = std::move(mItems.front());
+    mItems.front() = Item{};
+    mSpare.splice(mSpare.begin(), mItems, mItems.begin());
+    return item;
+  }
+
   const char* const mName;
   mutable Mutex mMutex VEL_LOCK_LEVEL(Queue);
   CondVar mChanged;                               // An item was added, or the queue closed.
   std::list<Item> mItems VEL_GUARDED_BY(mMutex);  // A list: thinning leaves the front where it is.
+  std::list<Item> mSpare VEL_GUARDED_BY(mMutex);  // Empty items, so that a picture costs no allocation here.
   bool mOpen VEL_GUARDED_BY(mMutex) = false;
 };
 
