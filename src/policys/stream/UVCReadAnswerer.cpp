@@ -47,30 +47,40 @@ void UVCReadAnswerer::FrameReady() {
   }
 }
 
+void UVCReadAnswerer::AnswerHere() {
+  while (_UsbIoXferInfo* const read = TryCompletion()) {
+    CompleteXfer(read);
+    EndCompletion();
+  }
+}
+
 void UVCReadAnswerer::AnswerReads() {
   while (_UsbIoXferInfo* const read = AwaitCompletion()) {
     CompleteXfer(read);
+    EndCompletion();
   }
+}
+
+_UsbIoXferInfo* UVCReadAnswerer::TryCompletion() {
+  const MutexLock lock(mMutex);
+  return mStopping || mCompleting ? nullptr : MatchRead();
 }
 
 _UsbIoXferInfo* UVCReadAnswerer::AwaitCompletion() {
   MutexLock lock(mMutex);
-  mTurnBegan = Clock::now();
   while (!mStopping) {
     if (mReads.empty()) {
       mChanged.Wait(lock);
-    } else if (const UVCFramePtr frame{mFrames.DequeueFrame(0)}) {
-      VEL_DEBUG("Poped one frame, frameLength: %d\n", static_cast<int>(frame->length));
-      _UsbIoXferInfo& read = PopRead();
-      mTally.FrameSent(frame->index, read.streamId, frame->length, WallClockMs());
-      ReplaceXferData(read, TakeFrameData(*frame).release(), frame->length);
-      return &read;
+    } else if (mCompleting) {  // The turn of the first read begins later than now.
+      mChanged.WaitUntil(lock, Clock::now() + kFrameWait);
+    } else if (_UsbIoXferInfo* const read = MatchRead()) {
+      return read;
     } else if (Clock::now() >= mTurnBegan + kFrameWait) {
       mTally.FrameMissed();
       VEL_ERROR("CTRL Pop fail, timeout");
-      _UsbIoXferInfo& read = PopRead();
-      SetTimedOut(read);
-      return &read;
+      _UsbIoXferInfo& late = PopRead();
+      SetTimedOut(late);
+      return &late;
     } else {
       mChanged.WaitUntil(lock, mTurnBegan + kFrameWait);
     }
@@ -78,10 +88,35 @@ _UsbIoXferInfo* UVCReadAnswerer::AwaitCompletion() {
   return nullptr;
 }
 
+_UsbIoXferInfo* UVCReadAnswerer::MatchRead() {
+  if (mReads.empty()) {
+    return nullptr;
+  }
+  const UVCFramePtr frame{mFrames.DequeueFrame(0)};
+  if (frame == nullptr) {
+    return nullptr;
+  }
+  VEL_DEBUG("Poped one frame, frameLength: %d\n", static_cast<int>(frame->length));
+  _UsbIoXferInfo& read = PopRead();
+  mTally.FrameSent(frame->index, read.streamId, frame->length, WallClockMs());
+  ReplaceXferData(read, TakeFrameData(*frame).release(), frame->length);
+  return &read;
+}
+
 _UsbIoXferInfo& UVCReadAnswerer::PopRead() {
+  mCompleting = true;
   _UsbIoXferInfo* const read = mReads.front();
   mReads.pop_front();
   return *read;
+}
+
+void UVCReadAnswerer::EndCompletion() {
+  const MutexLock lock(mMutex);
+  mCompleting = false;
+  mTurnBegan = Clock::now();
+  if (mStopping) {
+    mChanged.NotifyAll();
+  }
 }
 
 bool UVCReadAnswerer::Cancel(std::uint32_t localXferId) {
@@ -107,10 +142,13 @@ bool UVCReadAnswerer::Cancel(std::uint32_t localXferId) {
 void UVCReadAnswerer::Stop() {
   std::deque<_UsbIoXferInfo*> left;
   {
-    const MutexLock lock(mMutex);
+    MutexLock lock(mMutex);
     mStopping = true;
-    mChanged.NotifyOne();
+    mChanged.NotifyAll();
     left.swap(mReads);
+    while (mCompleting) {
+      mChanged.Wait(lock);
+    }
   }
   if (mThread.joinable()) {
     mThread.join();

@@ -13,15 +13,17 @@
 
 namespace vel {
 
-// Answers the remote side's reads of the streaming endpoint, one whole frame each, in their order, on a thread of its
-// own: a remote side that takes its replies slowly holds up neither the camera's transfers nor the coders nor other
-// requests.
+// Answers the remote side's reads of the streaming endpoint, one whole frame each, in their order, and never on a thread
+// that takes in the camera's transfers or other requests: a remote side may take its replies slowly. A frame that meets
+// a waiting read is sent by the coder's thread that made it, which saves a hand-over; all else by a thread of its own.
 //
-//   stopping  reads  frames  the thread
-//   no        none   any     sleeps until a read comes
-//   no        some   none    sleeps until a frame comes; lets the first read time out kFrameWait after its turn began
-//   no        some   some    completes the first read with the oldest frame
-//   yes       any    any     ends; Stop lets what waits time out
+//   stopping  completing  reads  frames  the thread
+//   no        yes         any    any     sleeps: the coder's thread sends, and looks for more afterwards
+//   no        no          none   any     sleeps until a read comes
+//   no        no          some   none    sleeps until a frame comes; lets the first read time out kFrameWait after its
+//                                        turn began
+//   no        no          some   some    completes the first read with the oldest frame
+//   yes       any         any    any     ends; Stop lets what waits time out
 //
 // A read's turn begins when it is the first and the one before is completed. A cancelled read is completed by whoever
 // cancels it.
@@ -44,11 +46,13 @@ class UVCReadAnswerer {
 
   // A frame was made ready. Any thread; returns at once.
   void FrameReady();
+  // The same on a thread that may wait for the remote side: completes a read there unless one is being completed.
+  void AnswerHere();
 
   // Completes the last read of this id as cancelled, if it still waits. Any thread.
   bool Cancel(std::uint32_t localXferId);
 
-  // Completes what waits as timed out. Not from a completion. Repeating it does nothing.
+  // Completes what waits as timed out, behind what is being completed. Not from a completion. Repeating it does nothing.
   void Stop();
 
  private:
@@ -57,13 +61,19 @@ class UVCReadAnswerer {
   void AnswerReads();
   // The next read to complete, with its frame or as timed out; null at Stop.
   _UsbIoXferInfo* AwaitCompletion();
+  // The first read with the oldest frame; null while there are not both, somebody completes one, or after Stop.
+  _UsbIoXferInfo* TryCompletion();
+  // Follows the completion of what these return.
+  void EndCompletion();
+  _UsbIoXferInfo* MatchRead() VEL_REQUIRES(mMutex);
   _UsbIoXferInfo& PopRead() VEL_REQUIRES(mMutex);
 
   UVCFrameManager& mFrames;
   UVCStreamTally& mTally;
   Mutex mMutex VEL_LOCK_LEVEL(Work);
-  CondVar mChanged;  // For the thread alone: a first read or, while one waits, a frame came; or Stop.
+  CondVar mChanged;  // A first read or, while one waits, a frame came; Stop, or what it waits for.
   bool mStopping VEL_GUARDED_BY(mMutex) = false;
+  bool mCompleting VEL_GUARDED_BY(mMutex) = false;
   std::deque<_UsbIoXferInfo*> mReads VEL_GUARDED_BY(mMutex);  // Bounded by the device's budget.
   Clock::time_point mTurnBegan VEL_GUARDED_BY(mMutex);        // Of the first of them.
   std::thread mThread;

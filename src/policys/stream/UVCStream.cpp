@@ -25,7 +25,11 @@ void UVCStream::Stop() {
 }
 
 bool UVCStream::Init() {
-  mFrames.SetFrameListener([this] { mAnswerer.FrameReady(); });
+  if (mFormat.in == mFormat.out) {  // Untouched frames are made ready on the thread that reads the camera.
+    mFrames.SetFrameListener([this] { mAnswerer.FrameReady(); });
+  } else {
+    mFrames.SetFrameListener([this] { mAnswerer.AnswerHere(); });
+  }
   return mAnswerer.Start() && mFrames.Init(mFormat.width, mFormat.height, mFormat.in, mFormat.out, nullptr) == 0;
 }
 
