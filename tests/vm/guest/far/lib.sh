@@ -8,6 +8,7 @@ attached= exporter=
 trap '[ -z "$attached$exporter" ] || kill $attached $exporter 2>/dev/null || true' EXIT
 attach() {
   for last in "$@"; do :; done
+  rm -f $said # Another's lines are not waited for.
   $VIRTUSB --module $VIRTUSB_MODULE attach "$@" 2>$said &
   attached=$!
   await "$last on the bus" grep -qF "$last is on port" $said
