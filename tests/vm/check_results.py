@@ -1,6 +1,8 @@
 #!/usr/bin/env python3
-"""Looks at what the virtual machine left behind: descriptors and sound."""
+"""Looks at what the virtual machine left behind: descriptors, pictures and sound."""
 import pathlib
+import re
+import subprocess
 import sys
 import wave
 
@@ -41,17 +43,30 @@ def check_sound(work):
     return f"{played} frames of sound came out of the machine as they were sent"
 
 
-CHECKS = {"describe": check_descriptors, "audio": check_sound}
+def check_camera(work):
+    """Pictures that crossed as H.264 are no worse than the encoder leaves them."""
+    results = []
+    for line in (work / "results/transcoded").read_text().splitlines():
+        width, height, worst = re.match(r"(\d+)x(\d+): .* worst has (\S+) dB", line).groups()
+        alone = float(subprocess.check_output([sys.argv[-1], "encoder", width, height], stderr=subprocess.DEVNULL))
+        assert float(worst) >= alone - 0.5, f"{line}, {alone} behind the encoder alone"
+        results.append(f"{worst} dB, {alone:.1f} behind the encoder alone")
+    assert len(results) == 2, results
+    return "the worst pictures have " + "; ".join(results)
+
+
+CHECKS = {"describe": check_descriptors, "attach": check_descriptors, "audio": check_sound, "camera": check_camera}
 
 
 def main():
-    """check_results.py WORK_DIR SCENARIO,...: a check for each scenario that has one."""
+    """check_results.py WORK_DIR SCENARIO,... PROGRAM... VM_REMOTE: a check for each scenario that has one."""
     failed = False
     for scenario in sys.argv[2].split(","):
         try:
             if scenario in CHECKS:
                 print("ok   ", CHECKS[scenario](pathlib.Path(sys.argv[1])))
-        except (AssertionError, LookupError, ValueError, OSError, EOFError, wave.Error) as error:
+        except (AssertionError, AttributeError, LookupError, ValueError, OSError, EOFError, wave.Error,
+                subprocess.SubprocessError) as error:
             print("FAIL ", scenario, repr(error))
             failed = True
     return 1 if failed else 0

@@ -30,7 +30,7 @@ head -c 4194304 /dev/urandom >disk.img
 limit=1100 # Seconds; an idle machine takes a tenth of it.
 timeout -k 5 $limit qemu-system-x86_64 -accel tcg -smp 2 -m 1024 -display none -no-reboot -nodefaults \
   -kernel ../kernel/vmlinux -initrd image \
-  -append "console=ttyS0 quiet panic=-1 rdinit=/vm/init vm.set=$set ${VM_SCENARIOS:+vm.scenarios=$VM_SCENARIOS}" \
+  -append "console=ttyS0 quiet panic=-1 log_buf_len=16M rdinit=/vm/init vm.set=$set ${VM_SCENARIOS:+vm.scenarios=$VM_SCENARIOS}" \
   -serial file:/dev/stdout -serial file:results.tar -monitor none \
   -device qemu-xhci \
   -drive if=none,id=disk,format=raw,file=disk.img -device usb-storage,drive=disk \
@@ -40,9 +40,8 @@ cat qemu.log
 mkdir results
 status=0
 tar -xf results.tar -C results || status=1
-checks=
-[ "$set" = kernel ] && checks=describe,audio
-"$here/check_results.py" . "${VM_SCENARIOS:-$checks}" || status=1
+case $set in kernel) checks=describe,audio ;; far) checks=attach,camera ;; *) checks= ;; esac
+"$here/check_results.py" . "${VM_SCENARIOS:-$checks}" "$@" || status=1
 grep -q '^@result passed=[1-9][0-9]* failed=0$' console.log || {
   echo "the machine ended without a good result (it has $limit s)" >&2
   status=1

@@ -14,10 +14,15 @@ using Arguments = std::span<const std::string>;
 std::string Audio(const std::string& place, Arguments arguments);
 // COUNT: uses the raw device by libusb where it is attached, and cancels so many transfers.
 std::string Guest(const std::string& place, Arguments arguments);
+// COUNT: cancels so many transfers of an endpoint that always has data.
+std::string Cancels(const std::string& place, Arguments arguments);
 // FILE WIDTH HEIGHT DB: recorded pictures of the synthetic camera, each another one and none worse than so many dB.
 std::string Pictures(const std::string& file, Arguments arguments);
 // The tty of an attached adapter: its pattern is read, and data written.
 std::string Serial(const std::string& node, Arguments arguments);
+// HEIGHT: the dB that the module's encoder alone leaves of the synthetic camera's worst picture. The place is the
+// width.
+std::string Encoder(const std::string& width, Arguments arguments);
 // COUNT: the cases of usbtest's driver that the device has, each so often; the line says which passed.
 std::string UsbTest(const std::string& place, Arguments arguments);
 

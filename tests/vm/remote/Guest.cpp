@@ -1,4 +1,5 @@
-// A program of the guest: libusb on the emulated raw device, as it is attached to this machine's own bus.
+// Programs of the guest: libusb on the emulated raw device, and on a gadget, as they are attached to this machine's
+// bus.
 #include <libusb-1.0/libusb.h>
 
 #include <algorithm>
@@ -13,6 +14,7 @@ namespace vel::vm {
 namespace {
 
 constexpr unsigned kTimeout = 5000;
+constexpr int kPacket = 1024;
 constexpr std::uint8_t kBulkIn = 0x81;
 constexpr std::uint8_t kBulkOut = 0x01;
 constexpr std::uint8_t kInterruptOut = 0x02;
@@ -39,6 +41,7 @@ class Raw {
     }
     libusb_free_device_list(list, 1);
     Require(mHandle != nullptr, "the device cannot be opened");
+    libusb_set_auto_detach_kernel_driver(mHandle, 1);
     RequireEqual(libusb_claim_interface(mHandle, 0), 0, "claim");
   }
   Raw(const Raw&) = delete;
@@ -112,19 +115,21 @@ void MoveIso(const Raw& raw, std::uint8_t endpoint) {
   Require(endpoint == kIsoOut || IsPattern(buffer), "isochronous bytes");
 }
 
-// Transfers that are cancelled as soon as they are submitted, so that unlinks race with answers.
-int CancelMany(const Raw& raw, int count) {
+// Transfers of the bulk endpoint and of another that are cancelled as soon as they are submitted, so that unlinks race
+// with answers. How many the unlink reached.
+int CancelMany(const Raw& raw, int count, std::uint8_t other) {
   constexpr int kAtOnce = 32;
-  std::array<std::uint8_t, 512> buffer{};
+  std::array<std::uint8_t, kPacket> buffer{};
   int cancelled = 0;
   for (int done = 0; done < count; done += kAtOnce) {
     std::vector<TransferPtr> transfers;
     int left = 0;
     for (int i = 0; i < kAtOnce; ++i) {
       transfers.emplace_back(libusb_alloc_transfer(0));
-      const std::uint8_t endpoint = i % 2 == 0 ? kBulkIn : kInterruptIn;
-      libusb_fill_bulk_transfer(transfers.back().get(), raw.Handle(), endpoint, buffer.data(), 64, Count, &left, 0);
-      transfers.back()->type = i % 2 == 0 ? LIBUSB_TRANSFER_TYPE_BULK : LIBUSB_TRANSFER_TYPE_INTERRUPT;
+      const std::uint8_t endpoint = i % 2 == 0 ? kBulkIn : other;
+      libusb_fill_bulk_transfer(transfers.back().get(), raw.Handle(), endpoint, buffer.data(), kPacket, Count, &left,
+                                0);
+      transfers.back()->type = endpoint == kBulkIn ? LIBUSB_TRANSFER_TYPE_BULK : LIBUSB_TRANSFER_TYPE_INTERRUPT;
       RequireEqual(libusb_submit_transfer(transfers.back().get()), 0, "submission");
       ++left;
     }
@@ -144,10 +149,20 @@ std::string Guest(const std::string& place, Arguments arguments) {
   MoveIso(raw, kIsoIn);
   MoveIso(raw, kIsoOut);
   const int count = std::stoi(arguments[0]);
-  const int cancelled = CancelMany(raw, count);
+  const int cancelled = CancelMany(raw, count, kInterruptIn);
   MoveData(raw);
   return "bulk, interrupt and isochronous both ways; " + std::to_string(cancelled) + " of " + std::to_string(count) +
          " transfers cancelled";
+}
+
+std::string Cancels(const std::string& place, Arguments arguments) {
+  const Raw raw(place);
+  const int cancelled = CancelMany(raw, std::stoi(arguments[0]), kBulkIn);
+  std::array<std::uint8_t, kPacket> buffer{};
+  int moved = 0;
+  RequireEqual(libusb_bulk_transfer(raw.Handle(), kBulkIn, buffer.data(), kPacket, &moved, kTimeout), 0, "bulk IN");
+  RequireEqual(moved, kPacket, "bulk IN's bytes");
+  return std::to_string(cancelled) + " of " + arguments[0] + " transfers cancelled while data flowed";
 }
 
 }  // namespace vel::vm

@@ -18,11 +18,10 @@ struct Subject {
 };
 
 constexpr std::array kSubjects = {
-    Subject{"audio", 2, vel::vm::Audio},
-    Subject{"guest", 1, vel::vm::Guest},
-    Subject{"pictures", 3, vel::vm::Pictures},
-    Subject{"usbtest", 1, vel::vm::UsbTest},
-    Subject{"serial", 0, vel::vm::Serial},
+    Subject{"audio", 2, vel::vm::Audio},       Subject{"guest", 1, vel::vm::Guest},
+    Subject{"pictures", 3, vel::vm::Pictures}, Subject{"usbtest", 1, vel::vm::UsbTest},
+    Subject{"serial", 0, vel::vm::Serial},     Subject{"encoder", 1, vel::vm::Encoder},
+    Subject{"cancels", 1, vel::vm::Cancels},
 };
 
 }  // namespace

@@ -3,8 +3,7 @@
 ifconfig lo up
 mkdir -p /var/run
 gadget zero 0525:a4a0
-add_function zero SourceSink.0 pattern=0
-add_function zero Loopback.0
+add_function zero SourceSink.0 pattern=0 # Alone: only then it gets the control requests of usbtest.
 plug zero 0
 gadget disk 1d6b:0106
 head -c 41943040 /dev/zero >/tmp/disk.img

@@ -1,11 +1,17 @@
-# Devices of this kernel, redirected and put back on its bus: storage with a file system, usbtest.
+# Devices of this kernel, redirected and put back on its bus: storage with a file system, a serial adapter, usbtest.
 # shellcheck shell=sh
 . /vm/far/lib.sh
+gadget acm 1d6b:0104
+add_function acm acm.0
+plug acm 2
+await "cdc_acm" has_driver 1d6b:0104 0 cdc_acm
 disk=$(place_of 1d6b:0106)
 zero=$(place_of 0525:a4a0)
+acm=$(place_of 1d6b:0104)
 # What this kernel's driver finds in the gadget by itself is what it has to find behind the redirection.
 direct=$(remote usbtest "$zero" 20)
-attach "$disk" "$zero"
+case $direct in *fails*) fail "directly: $direct" ;; esac
+attach "$disk" "$zero" "$acm"
 on_vhci() { for folder in /sys/devices/platform/vhci_hcd.*/usb*/*-*; do [ "$(cat "$folder/idVendor" 2>/dev/null):$(cat "$folder/idProduct" 2>/dev/null)" = "$1" ] && echo "$folder" && return; done; return 1; }
 block_of() { find "$(on_vhci 1d6b:0106)/" -path '*/block/sd?' | head -n 1; }
 has_block() { [ "$(block_of)" ]; }
@@ -21,12 +27,31 @@ mount -t ext4 "$block" /mnt
 [ "$(md5sum </mnt/data)" = "$sum" ] || fail "the file has changed"
 umount /mnt
 echo "ext4: 20 MiB, the same after it was mounted again"
+tty=$(basename "$(find "$(on_vhci 1d6b:0104)/" -path '*/tty/ttyACM*' -name 'ttyACM*')")
+for each in $tty ttyGS0; do stty -F /dev/$each raw -echo; done
+head -c 102400 /dev/urandom >/tmp/sent
+for way in "$tty ttyGS0" "ttyGS0 $tty"; do
+  timeout 20 head -c 102400 "/dev/${way#* }" >/tmp/received &
+  reader=$!
+  timeout 20 dd if=/tmp/sent "of=/dev/${way% *}" bs=4k 2>/dev/null || fail "$way: not written"
+  wait $reader || fail "$way: not read"
+  cmp /tmp/sent /tmp/received || fail "$way: other bytes"
+done
+echo "ACM: 100 kB each way"
+
 folder=$(on_vhci 0525:a4a0)
-redirected=$(remote usbtest "$(cat "$folder/busnum"):$(cat "$folder/devnum")" 20)
-echo "$redirected"
+place=$(cat "$folder/busnum"):$(cat "$folder/devnum")
+unlinks() { dmesg | grep -cE 'vhci_hcd: (urb->status|.*already given back)'; }
+before=$(unlinks || true)
+redirected=$(remote usbtest "$place" 20)
+echo "$redirected, with $(($(unlinks) - before)) unlinks"
 [ "$redirected" = "$direct" ] || fail "directly: $direct"
+# Cases 11 and 12 end with an unlink each, in both of their ways.
+[ $(($(unlinks) - before)) -ge 80 ] || fail "the unlinks were not passed on"
+remote cancels "$place" 2000
 detach
 await "usb-storage on the gadget again" has_driver 1d6b:0106 0 usb-storage
+await "cdc_acm on the gadget again" has_driver 1d6b:0104 0 cdc_acm
 
 # Pulled out while data flows.
 attach "$(place_of 1d6b:0106)"
