@@ -30,7 +30,6 @@ VirtUsbDriver::VirtUsbDriver(VelDeviceBase* deviceBase, VirtUDevice::IoFactory f
 
 VirtUsbDriver::~VirtUsbDriver() {
   VEL_DEVICE_DEBUG(mDeviceBase, "ENTER");
-  mSession.reset();
 }
 
 int VirtUsbDriver::Init() {

@@ -45,9 +45,7 @@ std::uint8_t* NewDataBlock(const TransferRequest& transfer) {
   }
   // Of the filler that an IN request left out only the packet table is read before it is overwritten.
   const std::size_t table = std::min<std::size_t>(IsoTableSize(transfer.isoPackets), transfer.length);
-  if (given < table) {
-    std::memset(block + given, 0, table - given);
-  }
+  std::fill(block + std::min(given, table), block + table, std::uint8_t{0});
   return block;
 }
 

@@ -38,8 +38,8 @@ bool IsThere(const void* device, const char* function, const char* name = nullpt
 }
 
 void KeepFirstFailure(int& first, int result) {
-  if (first == LIBUSB_SUCCESS && result < 0) {
-    first = result;
+  if (first == LIBUSB_SUCCESS) {
+    first = std::min(result, 0);
   }
 }
 
@@ -80,7 +80,7 @@ void LibusbIo::GetLibusbDev() {
   if (!mContext.StartThread([this] { mHandle.EventThreadEnded(); })) {
     VEL_WARN("Starting LibusbEventHandler failed\n");
   }
-  const std::size_t found = count < 0 ? 0 : static_cast<std::size_t>(count);
+  const auto found = static_cast<std::size_t>(std::max<ssize_t>(count, 0));
   if (!mDevice.Find({list.get(), found}, mDeviceBase->GetBusNumber(), mDeviceBase->GetDeviceAddress())) {
     VEL_ERROR("GetLibusbDev failed\n");
     return;

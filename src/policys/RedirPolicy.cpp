@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "base/VelLog.h"
+#include "policys/UVCUtil.h"
 #include "uvc/UvcCodes.h"
 
 namespace vel {
@@ -126,14 +127,10 @@ void RedirPolicy::ProbeCamera() {
   mUvcPolicy.reset();
   mPolicyInterface = kNoPolicy;
   mPolicyEndpoint = kNoPolicy;
-  const std::span interfaces(mConfig->interface, mConfig->interface == nullptr ? 0U : mConfig->bNumInterfaces);
-  if (std::ranges::none_of(interfaces, [](const libusb_interface& each) {
-        return each.num_altsetting > 0 && each.altsetting != nullptr && IsVideoStreaming(each.altsetting[0]);
-      })) {
+  if (UVCUtil::GetVSInterfaceFromConfig(mConfig) == UVCUtil::kNoInterface) {
     return;
   }
-  const auto enabled = mPolicyMap.find(kUvcClassVideo);
-  if (enabled != mPolicyMap.end() && enabled->second == 1) {
+  if (mPolicyMap[kUvcClassVideo] == 1) {
     VEL_DEBUG("Enable UVC policy");
     mUvcPolicy = std::make_unique<UVCPolicy>(mIo, 0, 1, 1, mHeaderLengthCounts);
   } else {

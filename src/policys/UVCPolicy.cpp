@@ -15,7 +15,6 @@ UVCPolicy::UVCPolicy(IUsbIo* io, std::uint32_t heightLimit, std::int8_t /*unused
 
 UVCPolicy::~UVCPolicy() {
   VEL_DEBUG("~UVCPolicy");
-  StopStream();
 }
 
 void UVCPolicy::ParseDescriptors(const libusb_config_descriptor* config) {

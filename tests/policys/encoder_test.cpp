@@ -186,6 +186,7 @@ TEST(Encoder, RefusesWhatItCannotDo) {
   Bytes block(16 * 16 * 2);
   const int result = encoder.Encode(block.data(), 512, block.data(), &size);
   EXPECT_TRUE(result == 0 ? size <= block.size() : size == 0);
+  EXPECT_EQ(encoder.Init(UVC_ENCODER_TYPE_H264, 64, 64, nullptr, nullptr), 0) << "released first";
 }
 
 }  // namespace

@@ -52,6 +52,7 @@ TEST(FrameManager, PassesTheVeryRecordThroughAndThinsWhatWaits) {
   ASSERT_NE(frame, nullptr);
   EXPECT_EQ(Bytes(frame->data, frame->data + frame->length), decoded);
   EXPECT_EQ(frame->index, 8U);
+  EXPECT_EQ(manager.PushFrameToOutQ(nullptr), 0);
 }
 
 // Worked out by hand: N / k <= C for the first k below N, interval k - 1, N / (interval + 1) groups.
@@ -79,6 +80,8 @@ TEST(FrameList, ThinningKeepsTheFirstOfEachGroup) {
     std::vector<std::uint32_t> left;
     std::ranges::transform(list, std::back_inserter(left), [](const UVCFramePtr& frame) { return frame->index; });
     EXPECT_EQ(left, row.left) << row.frames << " frames, cache size " << row.cacheSize;
+    EXPECT_EQ(UVCFrameManager::FrameListFlush(list), 0);
+    EXPECT_TRUE(list.empty());
   }
 }
 

@@ -136,7 +136,7 @@ TEST(RealDevice, RefusedTransfersReturnTheRequestsBytesAndZerosForTheRest) {
 }
 
 TEST(Events, AreReportedForEmulatedDevicesAlone) {
-  const CapturingLog log(OSKELO_LOG_OFF);
+  const CapturingLog log;
   const std::string opened = "LOCAL_DEVICE_OPEN status=success, message=streamon camera success, success=true";
   const std::vector<std::string> all = {
       "LOCAL_CAMERA_CREATE status=error, message=create camera fail, success=false",
@@ -160,6 +160,7 @@ TEST(Events, AreReportedForEmulatedDevicesAlone) {
     read(1);  // Not streaming any more.
     EXPECT_EQ(session.remote.Events(), emulated ? all : std::vector<std::string>());
   }
+  EXPECT_EQ(log.Count("~devicehandler end"), 1U);
 }
 
 }  // namespace

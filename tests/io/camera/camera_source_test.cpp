@@ -1,6 +1,7 @@
 // The camera sources by themselves.
 #include <gmock/gmock.h>
 
+#include <memory>
 #include <thread>
 
 #include "FakeCapture.h"
@@ -122,15 +123,16 @@ TEST(QtCamera, IsStoppedAtOnceWhileItOpensAndLeavesNoThread) {
   EXPECT_THAT(capture.Calls(), ElementsAre("CamOpen slow", "CamClose slow", "CamClose slow"));
 }
 
-TEST(ICamera, AnswersWhatItDoesNotDoWithSuccess) {
+TEST(ICamera, AnswersWhatItDoesNotDoWithSuccessAndEndsWhileItStreams) {
   FakeCapture capture;
-  DummyCamera dummy;
-  QtCamera local;
-  for (ICamera* camera : {static_cast<ICamera*>(&dummy), static_cast<ICamera*>(&local)}) {
+  const CapturingLog log(OSKELO_LOG_ERROR);
+  for (const int type : {kCameraSynthetic, kCameraLocal}) {
+    const std::unique_ptr<ICamera> camera(ICameraFactory::CreateCamera(type));
+    const auto streams = [&] { return type == kCameraSynthetic || capture.WaitForStream(); };
     std::vector<_CameraInfo> list;
     _CameraParam param{};
     EXPECT_EQ(camera->GetCameraList(list), 0);
-    EXPECT_THAT(list, testing::SizeIs(camera == &dummy ? 3 : 0));
+    EXPECT_THAT(list, testing::SizeIs(type == kCameraSynthetic ? 3 : 0));
     EXPECT_TRUE(list.empty() || (list[2].index == 2 && list[2].available == 1));
     EXPECT_STREQ(list.empty() ? "Dummy Camera" : list[2].name, "Dummy Camera");
     EXPECT_EQ(camera->GetCurrentFrame(nullptr, nullptr), 0);
@@ -139,12 +141,20 @@ TEST(ICamera, AnswersWhatItDoesNotDoWithSuccess) {
     EXPECT_EQ(camera->ProbeParam(&param), 0);
     EXPECT_EQ(camera->SetStreamCallback(nullptr, nullptr), 0);
     EXPECT_EQ(camera->StreamOff(), -1) << "not on";
+    for (int i = 0; i < 2; ++i) {
+      EXPECT_EQ(camera->Open("cam"), 0);
+    }
+    EXPECT_EQ(camera->StreamOn(), 0);
+    EXPECT_TRUE(streams());
+    EXPECT_EQ(camera->StreamOn(), 0) << "goes on";
+    EXPECT_EQ(camera->StreamOff(), 0);
     EXPECT_EQ(camera->SetParam(&param), 0);
-    EXPECT_EQ(camera->Open("cam"), 0);
-    EXPECT_EQ(camera->Open("cam"), 0);
-    EXPECT_EQ(camera->Close(), 0);
+    EXPECT_EQ(camera->StreamOn(), 0);
+    EXPECT_TRUE(streams());
   }
-  EXPECT_THAT(capture.Calls(), ElementsAre("CamSetParam 0x0 0", "CamOpen cam", "CamClose cam"));
+  EXPECT_THAT(capture.Calls(), ElementsAre("CamOpen cam", "CamStreamOn cam", "CamStreamOff cam", "CamSetParam 0x0 0",
+                                           "CamStreamOn cam", "CamStreamOff cam", "CamClose cam"));
+  EXPECT_THAT(log.Messages(), testing::IsEmpty());
 }
 
 TEST(ICameraFactory, HasNoCameraOfTheSecondType) {

@@ -41,6 +41,10 @@ TEST_P(EmulatedDevice, TakesANullRecordANullBufferAndNoCallback) {
     info->epAddr = 0x81;
     (io.get()->*transfer)(info.release());  // Freed.
   }
+  for (const auto operation : {&IUsbIo::ResetDevice, &IUsbIo::AttachKernelDriver, &IUsbIo::DetachKernelDriver,
+                               &IUsbIo::ReleaseAllInterface, &IUsbIo::ClaimAllInterface}) {
+    EXPECT_EQ((io.get()->*operation)(), 0);
+  }
   EXPECT_EQ(io->GetStringDescriptor(1, 0, nullptr, 255), 0);
   EXPECT_EQ(io->ControlTransfer(0x80, 6, 0x0300, 0, nullptr, 0, 0), 0);
 }
