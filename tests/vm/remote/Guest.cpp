@@ -4,11 +4,11 @@
 
 #include <algorithm>
 #include <array>
-#include <memory>
 #include <vector>
 
 #include "Checks.h"
 #include "Commands.h"
+#include "io/LibusbPtr.h"
 
 namespace vel::vm {
 namespace {
@@ -22,46 +22,38 @@ constexpr std::uint8_t kInterruptIn = 0x82;
 constexpr std::uint8_t kIsoOut = 0x03;
 constexpr std::uint8_t kIsoIn = 0x83;
 
-struct TransferDeleter {
-  void operator()(libusb_transfer* transfer) const { libusb_free_transfer(transfer); }
-};
-using TransferPtr = std::unique_ptr<libusb_transfer, TransferDeleter>;
-
 class Raw {
  public:
   explicit Raw(const std::string& place) {
-    Require(libusb_init(&mContext) == 0, "libusb does not start");
-    libusb_device** list = nullptr;
-    const ssize_t count = libusb_get_device_list(mContext, &list);
-    for (ssize_t i = 0; i < count; ++i) {
-      if (std::to_string(libusb_get_bus_number(list[i])) + ":" + std::to_string(libusb_get_device_address(list[i])) ==
-          place) {
-        libusb_open(list[i], &mHandle);
+    libusb_context* context = nullptr;
+    Require(libusb_init(&context) == 0, "libusb does not start");
+    mContext.reset(context);
+    libusb_device** devices = nullptr;
+    const ssize_t count = libusb_get_device_list(context, &devices);
+    const LibusbDeviceListPtr list(devices);
+    for (libusb_device* device : std::span(devices, static_cast<std::size_t>(std::max<ssize_t>(count, 0)))) {
+      libusb_device_handle* handle = nullptr;
+      if (std::to_string(libusb_get_bus_number(device)) + ":" + std::to_string(libusb_get_device_address(device)) ==
+              place &&
+          libusb_open(device, &handle) == 0) {
+        mHandle.reset(handle);
       }
     }
-    libusb_free_device_list(list, 1);
     Require(mHandle != nullptr, "the device cannot be opened");
-    libusb_set_auto_detach_kernel_driver(mHandle, 1);
-    RequireEqual(libusb_claim_interface(mHandle, 0), 0, "claim");
+    libusb_set_auto_detach_kernel_driver(mHandle.get(), 1);
+    RequireEqual(libusb_claim_interface(mHandle.get(), 0), 0, "claim");
   }
-  Raw(const Raw&) = delete;
-  Raw& operator=(const Raw&) = delete;
-  ~Raw() {
-    libusb_close(mHandle);
-    libusb_exit(mContext);
-  }
-
-  libusb_device_handle* Handle() const { return mHandle; }
+  libusb_device_handle* Handle() const { return mHandle.get(); }
   // Runs transfers until `left` is 0.
   void Await(const int& left) const {
     while (left > 0) {
-      libusb_handle_events(mContext);
+      libusb_handle_events(mContext.get());
     }
   }
 
  private:
-  libusb_context* mContext = nullptr;
-  libusb_device_handle* mHandle = nullptr;
+  LibusbContextPtr mContext;
+  LibusbDeviceHandlePtr mHandle;
 };
 
 // From 255 down to 1, and anew with each transfer that the guest's kernel makes of what it is asked for.
@@ -99,7 +91,7 @@ void MoveIso(const Raw& raw, std::uint8_t endpoint) {
   constexpr int kPackets = 32;  // More than the emulated device takes at once.
   constexpr int kSize = 64;
   std::vector<std::uint8_t> buffer(static_cast<std::size_t>(kPackets * kSize));
-  const TransferPtr transfer(libusb_alloc_transfer(kPackets));
+  const LibusbTransferPtr transfer(libusb_alloc_transfer(kPackets));
   int left = 1;
   libusb_fill_iso_transfer(transfer.get(), raw.Handle(), endpoint, buffer.data(), static_cast<int>(buffer.size()),
                            kPackets, Count, &left, kTimeout);
@@ -122,7 +114,7 @@ int CancelMany(const Raw& raw, int count, std::uint8_t other) {
   std::array<std::uint8_t, kPacket> buffer{};
   int cancelled = 0;
   for (int done = 0; done < count; done += kAtOnce) {
-    std::vector<TransferPtr> transfers;
+    std::vector<LibusbTransferPtr> transfers;
     int left = 0;
     for (int i = 0; i < kAtOnce; ++i) {
       transfers.emplace_back(libusb_alloc_transfer(0));
@@ -133,10 +125,10 @@ int CancelMany(const Raw& raw, int count, std::uint8_t other) {
       RequireEqual(libusb_submit_transfer(transfers.back().get()), 0, "submission");
       ++left;
     }
-    std::ranges::for_each(transfers, [](const TransferPtr& each) { libusb_cancel_transfer(each.get()); });
+    std::ranges::for_each(transfers, [](const LibusbTransferPtr& each) { libusb_cancel_transfer(each.get()); });
     raw.Await(left);
     cancelled += static_cast<int>(std::ranges::count_if(
-        transfers, [](const TransferPtr& each) { return each->status == LIBUSB_TRANSFER_CANCELLED; }));
+        transfers, [](const LibusbTransferPtr& each) { return each->status == LIBUSB_TRANSFER_CANCELLED; }));
   }
   return cancelled;
 }
