@@ -136,9 +136,3 @@ class BadInput(wire.WireTestCase):
                             (iso_raw(0x83, 5, 1, iso_table([9]), 25), iso_given_back(5, [9], pattern(9))),
                             (bulk(0x01, 6, b"abcde", 3), given_back(6, b"abc")),  # More than was said is ignored.
                             (policy(b""), status(0)), (policy(b"a" * 0x10000), status(0)), ALIVE])
-
-    def test_more_than_256_mib_of_pending_transfers_is_refused(self) -> None:
-        self.expect("keyboard", [(Request(OPEN), status(0)),
-                                 *((interrupt(0x81, stream, b"", 60 * MIB), None) for stream in range(4)),
-                                 (interrupt(0x81, 4, b"", 60 * MIB), given_back(4, result=1)),
-                                 (bulk(0x81, 5, b"", 3), given_back(5, pattern(3))), ALIVE])

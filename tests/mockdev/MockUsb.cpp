@@ -264,7 +264,6 @@ long MockUsb::Handle(UMockdevIoctlClient* client) {
       return SetConfiguration(As<int>(*argument(sizeof(int))));
     case USBDEVFS_CLEAR_HALT:
       mHalted.erase(static_cast<std::uint8_t>(As<unsigned>(*argument(sizeof(unsigned)))));
-      ++mState.clearedHalts;
       return 0;
     case USBDEVFS_RESET:
       ++mState.resets;

@@ -37,7 +37,6 @@ class MockUsb {
     std::size_t openFiles = 0;
     std::size_t pending = 0;  // Transfers that were submitted and are not done.
     int resets = 0;
-    int clearedHalts = 0;
     std::array<bool, 2> driverBound{};  // By interface.
     unsigned altSetting = 0;            // Of interface 1.
     int configuration = 0;              // Any is taken.

@@ -18,7 +18,6 @@ namespace {
 
 using test::CameraGuest;
 using testing::Each;
-using testing::Ge;
 using testing::SizeIs;
 
 constexpr std::uint8_t kEndpoint = 0x81;
@@ -79,13 +78,6 @@ class MockCamera final : public MockUsb {
       Fill(mPending.front());
       mDone.splice(mDone.end(), mPending, mPending.begin());
     }
-    Changed();
-  }
-  // The endpoint stalls until that is cleared.
-  void Halt() VEL_EXCLUDES(mMutex) {
-    const MutexLock lock(mMutex);
-    mHalted = {kEndpoint};
-    Kill(-EPIPE, [](const Urb&) { return true; });
     Changed();
   }
 
@@ -215,17 +207,6 @@ TEST(RealCamera, PicturesComeOutBitExact) {
       }
     }
   }
-}
-
-// Isochronous endpoints do not stall.
-TEST(RealCamera, StallIsClearedAndTheStreamGoesOn) {
-  Streaming stream(true, kMjpeg);
-  EXPECT_THAT(stream.Receive(2), SizeIs(2));
-  stream.camera->Halt();
-  const std::vector<Bytes> after = stream.Receive(3);
-  ASSERT_THAT(after, SizeIs(3));
-  EXPECT_TRUE(after[2] == stream.pictures[4]);
-  EXPECT_THAT(stream.camera->Look().clearedHalts, Ge(1));
 }
 
 TEST(RealCamera, StopsStartsAgainAndChangesItsSizeAndFormat) {

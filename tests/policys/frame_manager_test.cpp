@@ -192,38 +192,16 @@ TEST(FrameManager, DumpsWhatComesInAndWhatWasEncoded) {
   EXPECT_EQ(content(files[0]), Bytes(unit->data, unit->data + unit->length));
 }
 
-TEST(FrameManager, WaitsAsLongAsAskedAndNoLongerThanRelease) {
-  const CapturingLog log(OSKELO_LOG_OFF);
+TEST(FrameManager, WaitsAsLongAsAsked) {
   UVCFrameManager manager(kYuyv, kYuyv);
   ASSERT_EQ(manager.Init(64, 64, kYuyv, kYuyv, nullptr), 0);
   const auto begin = Clock::now();
   EXPECT_EQ(Dequeue(manager, 50), nullptr);
   EXPECT_GE(Clock::now() - begin, std::chrono::milliseconds(50));
-  // Round after round, Release meets the consumer before it waits, as a rule while it does, and after it.
-  std::atomic<bool> end{false};
-  std::atomic<int> returned{0};
-  std::thread consumer([&] {
-    while (!end) {
-      EXPECT_EQ(Dequeue(manager), nullptr);
-      ++returned;
-    }
-  });
-  for (int round = 0; round < 60; ++round) {
-    ASSERT_EQ(manager.Init(64, 64, kYuyv, kYuyv, nullptr), 0);
-    for (int i = 0; i < round % 8; ++i) {
-      std::this_thread::yield();
-    }
-    const int before = returned;
-    manager.Release();
-    while (returned == before) {
-      std::this_thread::yield();
-    }
-  }
-  end = true;
-  consumer.join();
 }
 
-// Producers, coders and consumers at once, with Release and Init at any moment between them.
+// Producers, coders and consumers at once, with Release and Init at any moment between them. Release meets a consumer
+// before it waits, while it does, and after it: one that is not woken hangs.
 TEST(FrameManager, StopsFromAnyState) {
   const Scene scene(64, 48);
   const std::vector<Bytes> pictures = {EncodeJpeg(scene.Draw(0), 64, 48), Bytes(100, 0xFF),
@@ -245,7 +223,7 @@ TEST(FrameManager, StopsFromAnyState) {
   }
   threads.emplace_back([&] {
     while (!end) {
-      out += Dequeue(manager, 20) != nullptr ? 1 : 0;
+      out += Dequeue(manager) != nullptr ? 1 : 0;
     }
   });
   constexpr Route kRoutes[] = {{kMjpeg, kH264}, {kYuyv, kH264}, {kMjpeg, kYuyv}, {kYuyv, kYuyv}};

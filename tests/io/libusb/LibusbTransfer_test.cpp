@@ -1,7 +1,7 @@
 #include <cerrno>
 #include <functional>
-#include <numeric>
 #include <set>
+#include <tuple>
 
 #include "LibusbIoFixture.h"
 #include "support/FailingMemory.h"
@@ -28,20 +28,7 @@ class LibusbIoTransfer : public LibusbIoTest {
          return MakeIso(7, 0x04, {2, 1}, "efg");
        }},
   };
-
-  static std::vector<IsoPacketRecord> Table(const std::string& data, std::size_t count) {
-    std::vector<IsoPacketRecord> table;
-    for (std::size_t i = 0; i < count; ++i) {
-      table.push_back(LoadIsoRecord(reinterpret_cast<const std::uint8_t*>(data.data()), i));
-    }
-    return table;
-  }
 };
-
-MATCHER_P4(IsPacket, offset, length, actual, status, "") {
-  return arg.offset == static_cast<std::uint32_t>(offset) && arg.length == static_cast<std::uint32_t>(length) &&
-         arg.actual_length == static_cast<std::uint32_t>(actual) && arg.status == static_cast<std::uint32_t>(status);
-}
 
 // Whatever fails: one completion with status 1, the data as it was, before the negative result; nothing is left filed.
 TEST_F(LibusbIoTransfer, FailedSubmissionCompletesTheRecordAsItWas) {
@@ -188,27 +175,26 @@ TEST_F(LibusbIoTransfer, OwnTransfersAreNotAmongTheRemoteSidesIds) {
   io.reset();  // Its thread may not have left the completion of `other`.
 }
 
-TEST_F(LibusbIoTransfer, IsoPacketsKeepTheirPlacesAndAreCutToTheirRoom) {
+// What a device brings in good order is seen over the whole module.
+TEST_F(LibusbIoTransfer, IsoPacketsAreCutToTheirRoomAndOutAnswersInItsBuffer) {
   Open();
   io->IsochTransfer(MakeIso(1, 0x83, {1, 0, 4}));
   device.Complete(0x83, {.bytes = {'a', 'b', 'c', 'd', 'e'}, .packets = {{1, 0}, {0, -EPROTO}, {4000, 0}}});
   const std::string in = records.done.Await(1)[0].data.value();
-  EXPECT_THAT(Table(in, 3), ElementsAre(IsPacket(48, 1, 1, 0), IsPacket(49, 0, 0, 1), IsPacket(49, 4, 4, 0)));
+  EXPECT_EQ(LoadIsoRecord(in.data(), 2).actual_length, 4U);
   EXPECT_EQ(in.substr(48), "abcde");
-
-  // OUT sends the payload and answers in its buffer, of which this platform's libusb says that no byte was moved.
-  std::string payload(40, '\0');
-  std::iota(payload.begin(), payload.end(), '\1');
+  // This platform's libusb says that no byte of the buffer was moved.
   std::string out;
-  records.OnDone([&](const _UsbIoXferInfo& info) { out.assign(info.data, info.data + payload.size()); });
-  io->IsochTransfer(MakeIso(1, 0x04, {30, 10}, payload));
-  EXPECT_EQ(device.LastSent(), Bytes(payload.begin(), payload.end()));
+  records.OnDone([&](const _UsbIoXferInfo& info) { out.assign(info.data, info.data + 40); });
+  io->IsochTransfer(MakeIso(1, 0x04, {30, 10}, std::string(40, 'x')));
+  EXPECT_EQ(device.LastSent(), Bytes(40, 'x'));
   device.Complete(0x04, {.packets = {{30, 0}, {4, -EPROTO}}});
   io.reset();
   EXPECT_EQ(records.done.Await(2)[1], (Done{1, 0, ""}));
-  // The offsets stay what the buffer holds there.
-  EXPECT_THAT(Table(out, 2), ElementsAre(IsPacket(0x04030201, 30, 30, 0), IsPacket(0x14131211, 10, 4, 1)));
-  EXPECT_EQ(out.substr(32), payload.substr(32));
+  const IsoPacketRecord last = LoadIsoRecord(out.data(), 1);
+  EXPECT_EQ(std::tuple(+last.offset, +last.length, +last.actual_length, +last.status),
+            std::tuple(0x78787878U, 10U, 4U, 1U));  // The offset stays what the buffer holds there.
+  EXPECT_EQ(out.substr(32), "xxxxxxxx");
 }
 
 TEST_F(LibusbIoTransfer, FailuresHoldWhatWasMovedWhereTheyAreAnswered) {
