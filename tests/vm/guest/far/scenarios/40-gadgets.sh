@@ -46,8 +46,8 @@ before=$(unlinks || true)
 redirected=$(remote usbtest "$place" 20)
 echo "$redirected, with $(($(unlinks) - before)) unlinks"
 [ "$redirected" = "$direct" ] || fail "directly: $direct"
-# Cases 11 and 12 end with an unlink each, in both of their ways.
-[ $(($(unlinks) - before)) -ge 80 ] || fail "the unlinks were not passed on"
+# Cases 11 and 12 repeat the first of their two ways until an unlink has reached the transfer.
+[ $(($(unlinks) - before)) -ge 40 ] || fail "the unlinks were not passed on"
 remote cancels "$place" 2000
 detach
 await "usb-storage on the gadget again" has_driver 1d6b:0106 0 usb-storage
