@@ -236,14 +236,13 @@ void FarCamera::Run(const CameraMode& mode) {
     }
     bool waiting = true;
     while (waiting) {
-      if (!cutter.HasRest()) {
+      if (!cutter.HasRest() || cutter.IsUncut()) {  // One that no URB has seen gives way to a newer one.
         const auto picture = pictures.Next();
-        if (picture.empty()) {
-          break;
+        if (!picture.empty()) {
+          cutter.Begin(picture);
         }
-        cutter.Begin(picture);
       }
-      waiting = mPort.AnswerHeld(fill);
+      waiting = cutter.HasRest() && mPort.AnswerHeld(fill);
     }
   }
 }

@@ -14,7 +14,8 @@ constexpr std::uint8_t kEndOfHeader = 0x80;
 
 void PayloadCutter::Begin(std::span<const std::uint8_t> picture) {
   mRest = picture;
-  mFrameId = !mFrameId;
+  mFrameId = mUncut ? mFrameId : !mFrameId;
+  mUncut = true;
 }
 
 std::uint32_t PayloadCutter::Payload(std::uint32_t room) {
@@ -23,6 +24,7 @@ std::uint32_t PayloadCutter::Payload(std::uint32_t room) {
   }
   const auto piece = mRest.first(std::min<std::size_t>(room - kHeaderBytes, mRest.size()));
   mRest = mRest.subspan(piece.size());
+  mUncut = false;
   mBytes.push_back(kHeaderBytes);
   mBytes.push_back(kEndOfHeader | (mFrameId ? kFrameId : 0) | (mRest.empty() ? kEndOfFrame : 0));
   mBytes.insert(mBytes.end(), piece.begin(), piece.end());

@@ -13,9 +13,11 @@ namespace vel {
 // is no clock on this side whose times would mean something. One thread.
 class PayloadCutter {
  public:
-  // `picture` stays where it is until it is cut or another one begins. Not empty.
+  // `picture` stays where it is until it is cut or another one begins. Not empty. One of which nothing was cut gives
+  // way to it as if it had never begun.
   void Begin(std::span<const std::uint8_t> picture);
   bool HasRest() const { return !mRest.empty(); }
+  bool IsUncut() const { return mUncut; }
 
   // Fills an isochronous URB's packets, one payload each; what is behind the picture's end stays empty. Valid until
   // the next call.
@@ -27,6 +29,7 @@ class PayloadCutter {
   std::uint32_t Payload(std::uint32_t room);  // Bytes of the payload that was put behind mBytes.
 
   std::span<const std::uint8_t> mRest;
+  bool mUncut = false;
   bool mFrameId = false;
   std::vector<std::uint8_t> mBytes;
 };

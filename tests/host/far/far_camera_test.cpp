@@ -38,6 +38,8 @@ class Port final : public FarCamera::Port {
       std::vector<UrbPacket> packets = {{0, 1000}};
       const auto data = fill(packets, 1000);
       filled.Add({data.begin(), data.end()});
+    } else {
+      refused.Add(0);
     }
     return left > 0;
   }
@@ -46,6 +48,7 @@ class Port final : public FarCamera::Port {
   Collected<std::uint32_t> reads;
   Collected<std::uint32_t> cancels;
   Collected<Bytes> filled;
+  Collected<int> refused;
 
  private:
   std::atomic<std::uint32_t> mNext{100};
@@ -91,6 +94,7 @@ TEST_F(FarCameraTest, NewestPictureWinsAndReadsStayInFlight) {
   const auto reads = port.reads.Await(4);
   ASSERT_EQ(reads.size(), 4U);
   Answer(reads[0], 0, Bytes(64, 1));
+  port.refused.Await(1);  // No URB is there to see it.
   Answer(reads[1], 0, Bytes(64, 2));
   port.reads.Await(6);  // Both were taken, and read again.
   port.urbs = 1;
