@@ -54,6 +54,12 @@ void UVCReadAnswerer::AnswerHere() {
   }
 }
 
+void UVCReadAnswerer::GiveUpWaiting() {
+  const MutexLock lock(mMutex);
+  mGivenUp = mReads.size();
+  mChanged.NotifyOne();
+}
+
 void UVCReadAnswerer::AnswerReads() {
   while (_UsbIoXferInfo* const read = AwaitCompletion()) {
     CompleteXfer(read);
@@ -75,7 +81,7 @@ _UsbIoXferInfo* UVCReadAnswerer::AwaitCompletion() {
       mChanged.WaitUntil(lock, Clock::now() + kFrameWait);
     } else if (_UsbIoXferInfo* const read = MatchRead()) {
       return read;
-    } else if (Clock::now() >= mTurnBegan + kFrameWait) {
+    } else if (mGivenUp > 0 || Clock::now() >= mTurnBegan + kFrameWait) {
       mTally.FrameMissed();
       VEL_ERROR("CTRL Pop fail, timeout");
       _UsbIoXferInfo& late = PopRead();
@@ -107,6 +113,7 @@ _UsbIoXferInfo& UVCReadAnswerer::PopRead() {
   mCompleting = true;
   _UsbIoXferInfo* const read = mReads.front();
   mReads.pop_front();
+  mGivenUp -= mGivenUp > 0 ? 1 : 0;
   return *read;
 }
 
@@ -114,7 +121,7 @@ void UVCReadAnswerer::EndCompletion() {
   const MutexLock lock(mMutex);
   mCompleting = false;
   mTurnBegan = Clock::now();
-  if (mStopping) {
+  if (mStopping || mGivenUp > 0) {
     mChanged.NotifyAll();
   }
 }
@@ -134,6 +141,7 @@ bool UVCReadAnswerer::Cancel(std::uint32_t localXferId) {
       mTurnBegan = Clock::now();
     }
     mReads.erase(std::prev(found.base()));
+    mGivenUp = std::min(mGivenUp, mReads.size());
   }
   FailXfer(read, kXferCancelled);
   return true;

@@ -13,9 +13,10 @@
 
 namespace vel {
 
-// Answers the remote side's reads of the streaming endpoint, one whole frame each, in their order, and never on a thread
-// that takes in the camera's transfers or other requests: a remote side may take its replies slowly. A frame that meets
-// a waiting read is sent by the coder's thread that made it, which saves a hand-over; all else by a thread of its own.
+// Answers the remote side's reads of the streaming endpoint, one whole frame each, in their order, and never on a
+// thread that takes in the camera's transfers or other requests: a remote side may take its replies slowly. A frame
+// that meets a waiting read is sent by the coder's thread that made it, which saves a hand-over; all else by a thread
+// of its own.
 //
 //   stopping  completing  reads  frames  the thread
 //   no        yes         any    any     sleeps: the coder's thread sends, and looks for more afterwards
@@ -23,6 +24,8 @@ namespace vel {
 //   no        no          some   none    sleeps until a frame comes; lets the first read time out kFrameWait after its
 //                                        turn began
 //   no        no          some   some    completes the first read with the oldest frame
+//   no        no          given  none    lets them time out at once
+//                         up
 //   yes       any         any    any     ends; Stop lets what waits time out
 //
 // A read's turn begins when it is the first and the one before is completed. A cancelled read is completed by whoever
@@ -49,10 +52,14 @@ class UVCReadAnswerer {
   // The same on a thread that may wait for the remote side: completes a read there unless one is being completed.
   void AnswerHere();
 
+  // No frame will come for the reads that wait now. Any thread; returns at once.
+  void GiveUpWaiting();
+
   // Completes the last read of this id as cancelled, if it still waits. Any thread.
   bool Cancel(std::uint32_t localXferId);
 
-  // Completes what waits as timed out, behind what is being completed. Not from a completion. Repeating it does nothing.
+  // Completes what waits as timed out, behind what is being completed. Not from a completion. Repeating it does
+  // nothing.
   void Stop();
 
  private:
@@ -71,10 +78,11 @@ class UVCReadAnswerer {
   UVCFrameManager& mFrames;
   UVCStreamTally& mTally;
   Mutex mMutex VEL_LOCK_LEVEL(Work);
-  CondVar mChanged;  // A first read or, while one waits, a frame came; Stop, or what it waits for.
+  CondVar mChanged;  // A first read or, while one waits, a frame came or none will; Stop, or what it waits for.
   bool mStopping VEL_GUARDED_BY(mMutex) = false;
   bool mCompleting VEL_GUARDED_BY(mMutex) = false;
   std::deque<_UsbIoXferInfo*> mReads VEL_GUARDED_BY(mMutex);  // Bounded by the device's budget.
+  std::size_t mGivenUp VEL_GUARDED_BY(mMutex) = 0;            // Of the first of them.
   Clock::time_point mTurnBegan VEL_GUARDED_BY(mMutex);        // Of the first of them.
   std::thread mThread;
 };

@@ -36,6 +36,8 @@ bool UVCStream::Init() {
 void UVCStream::FrameRequestCB(XferPtr record) {
   if (record->status == kXferCompleted && mReader.IsActive()) {
     TakeIn(*record);
+  } else if (record->status == LIBUSB_TRANSFER_NO_DEVICE) {
+    mAnswerer.GiveUpWaiting();
   }
   mReader.Resubmit(std::move(record));  // The last that is touched: Stop may be waiting for it.
 }
