@@ -2,7 +2,6 @@
 #include <sys/socket.h>
 
 #include <CLI/CLI.hpp>
-#include <array>
 #include <atomic>
 #include <functional>
 #include <memory>
@@ -99,7 +98,7 @@ int RunAttach(const CommonOptions& common, const FarOptions& far, const StopSign
   const StopSignal allOver;
   std::vector<std::unique_ptr<FarDevice>> devices;  // All are there before the first one is plugged in.
   for (const std::string& device : far.devices) {
-    devices.push_back(OpenFarDevice(device, common, far));
+    devices.push_back(OpenFarDevice(device, common, far, stop));
   }
   std::atomic<std::size_t> left{devices.size()};
   const StopSignal end;  // Ends the devices when the next one cannot be attached.
@@ -116,9 +115,7 @@ int RunAttach(const CommonOptions& common, const FarOptions& far, const StopSign
     for (const auto& each : attached) {
       each->SayDrivers(vhci, stop);
     }
-    std::array<pollfd, 2> descriptors = {pollfd{stop.Fd(), POLLIN, 0}, pollfd{allOver.Fd(), POLLIN, 0}};
-    while (poll(descriptors.data(), descriptors.size(), -1) <= 0) {
-    }
+    stop.WaitFor(allOver.Fd(), POLLIN);
   } catch (...) {
     end.Raise();
     throw;

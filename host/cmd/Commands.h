@@ -71,9 +71,10 @@ void AddAnyDevice(CLI::App& command, CommonOptions& common);
 void AddJson(CLI::App& command, CommonOptions& common);
 
 int RunList(const CommonOptions& common);
-int RunDescribe(const CommonOptions& common);
+// Throws Interrupted once `stop` is raised.
+int RunDescribe(const CommonOptions& common, const StopSignal& stop);
 int RunDemo(const CommonOptions& common);
-// Streams a camera until enough has come or `stop` is raised.
+// Streams a camera until enough has come or `stop` is raised; throws Interrupted when no picture had come by then.
 int RunStream(const CommonOptions& common, const StreamOptions& options, const StopSignal& stop);
 // Serves until `stop` is raised, or with stdio until its input ends.
 int RunServe(const CommonOptions& common, const ServeOptions& serve, const StopSignal& stop);

@@ -13,6 +13,7 @@
 #include "cmd/Devices.h"
 #include "remote/ExecChannel.h"
 #include "remote/ModuleChannel.h"
+#include "remote/StopWatcher.h"
 #include "remote/StreamChannel.h"
 #include "remote/TcpConnection.h"
 
@@ -67,14 +68,16 @@ std::vector<std::string> SplitCommand(const std::string& command) {
   return {expanded.we_wordv, expanded.we_wordv + expanded.we_wordc};
 }
 
-std::unique_ptr<PacketChannel> OpenTcp(const std::string& device) {
+std::unique_ptr<PacketChannel> OpenTcp(const std::string& device, const StopSignal& stop) {
   const std::optional<HostPort> address = ParseHostPort(device.substr(kTcp.size()));
   if (!address || address->host.empty() || address->port == "0") {
     throw UsageError("\"" + device + "\" is no address: give tcp://HOST:PORT, for example tcp://[::1]:4000");
   }
   UniqueFd fd;
   try {
-    fd = ConnectTcp(*address);
+    fd = ConnectTcp(*address, stop);
+  } catch (const Interrupted&) {
+    throw;
   } catch (const std::runtime_error& error) {
     throw std::runtime_error("cannot reach " + device + ": " + error.what());
   }
@@ -90,18 +93,19 @@ bool IsRemoteDevice(const std::string& device) {
 }
 
 std::unique_ptr<PacketChannel> OpenDevice(const std::string& device, const CommonOptions& common,
-                                          bool answersFailures) {
+                                          const StopSignal& stop, bool answersFailures) {
   if (!IsRemoteDevice(device)) {
     const DeviceIdentity identity = FindDevice(device, common.cameraSource);
     return std::make_unique<HeldChannel>(ModuleLibrary::Load(common.modulePath), identity, answersFailures);
   }
   static_cast<void>(std::signal(SIGPIPE, SIG_IGN));
   if (device.starts_with(kTcp)) {
-    return OpenTcp(device);
+    return OpenTcp(device, stop);
   }
   const std::string command = device.substr(kExec.size());
   return std::make_unique<ExecChannel>(SplitCommand(command), "\"" + command + "\"",
-                                       PacketChannel::Contact{.startTime = kExecStartTime, .advice = kExecAdvice});
+                                       PacketChannel::Contact{.startTime = kExecStartTime, .advice = kExecAdvice},
+                                       stop);
 }
 
 }  // namespace vel

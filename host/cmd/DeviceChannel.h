@@ -5,6 +5,7 @@
 #include <string>
 
 #include "cmd/Commands.h"
+#include "remote/FdStream.h"
 #include "remote/PacketChannel.h"
 
 namespace vel {
@@ -16,9 +17,10 @@ namespace vel {
 // this process ignores SIGPIPE.
 //
 // `answersFailures` is for devices that this process redirects; elsewhere it is up to who serves.
-// Throws UsageError for a text that names no device, and std::runtime_error for one that is not there.
+// Throws UsageError for a text that names no device, std::runtime_error for one that is not there, and Interrupted once
+// `stop` is raised, which outlives the channel.
 std::unique_ptr<PacketChannel> OpenDevice(const std::string& device, const CommonOptions& common,
-                                          bool answersFailures = false);
+                                          const StopSignal& stop, bool answersFailures = false);
 
 // Whether DEVICE names one behind packets.
 bool IsRemoteDevice(const std::string& device);

@@ -2,7 +2,6 @@
 
 #include <poll.h>
 
-#include <array>
 #include <exception>
 #include <variant>
 
@@ -40,9 +39,7 @@ std::optional<DeviceIdentity> DevicePresence::Await(const StopSignal& stop) {
       mArrival = arrival;
     }
     Note("waiting for the device");
-    std::array<pollfd, 2> descriptors = {pollfd{arrival->Fd(), POLLIN, 0}, pollfd{stop.Fd(), POLLIN, 0}};
-    poll(descriptors.data(), descriptors.size(), -1);
-    if (stop.IsRaised()) {
+    if (!stop.WaitFor(arrival->Fd(), POLLIN)) {
       return std::nullopt;
     }
   }

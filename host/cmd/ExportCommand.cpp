@@ -29,17 +29,17 @@ Subcommand AddExport(CLI::App& app, CommonOptions& common) {
 }
 
 int RunExport(const CommonOptions& common, const FarOptions& far, const StopSignal& stop) {
-  const Listener listener(far.listen);
+  const Listener listener(far.listen, stop);
   UsbipServer server(stop, &Note);
   for (std::size_t i = 0; i < far.devices.size(); ++i) {
-    server.Add(far.devices[i], OpenFarDevice(far.devices[i], common, far));
+    server.Add(far.devices[i], OpenFarDevice(far.devices[i], common, far, stop));
     Note(far.devices[i] + " is " + server.Record(i).busId);
   }
   Note("serving " + std::to_string(far.devices.size()) + " devices by USB/IP on " + listener.Name() +
        "; interrupt to end");
   while (true) {
     std::string peer;
-    UniqueFd connection = listener.Accept(stop, peer);
+    UniqueFd connection = listener.Accept(peer);
     if (!connection.IsValid()) {
       return 0;
     }

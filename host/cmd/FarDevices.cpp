@@ -6,18 +6,23 @@
 
 #include "cmd/DeviceChannel.h"
 #include "cmd/Output.h"
+#include "remote/StopWatcher.h"
 
 namespace vel {
 
-std::unique_ptr<FarDevice> OpenFarDevice(const std::string& device, const CommonOptions& common,
-                                         const FarOptions& far) {
+std::unique_ptr<FarDevice> OpenFarDevice(const std::string& device, const CommonOptions& common, const FarOptions& far,
+                                         const StopSignal& stop) {
   FarDevice::Options options;
   options.transcode = !far.untouched;
+  options.stop = &stop;
   options.note = [device](const std::string& line) { Note(device + ": " + line); };
-  std::unique_ptr<PacketChannel> channel = OpenDevice(device, common, true);
+  std::unique_ptr<PacketChannel> channel = OpenDevice(device, common, stop, true);
   try {
     return std::make_unique<FarDevice>(std::move(channel), std::move(options));
   } catch (const std::runtime_error& error) {
+    if (stop.IsRaised()) {
+      throw Interrupted();
+    }
     throw std::runtime_error(device + ": " + error.what());
   }
 }

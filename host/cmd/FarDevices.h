@@ -10,8 +10,10 @@
 
 namespace vel {
 
-// Opens what DEVICE names for a guest. Throws as OpenDevice does, and RemoteError when the device does not answer.
-std::unique_ptr<FarDevice> OpenFarDevice(const std::string& device, const CommonOptions& common, const FarOptions& far);
+// Opens what DEVICE names for a guest. Throws as OpenDevice does, and RemoteError when the device does not answer. Once
+// `stop` is raised nothing waits for it any more.
+std::unique_ptr<FarDevice> OpenFarDevice(const std::string& device, const CommonOptions& common, const FarOptions& far,
+                                         const StopSignal& stop);
 
 // Puts the devices and how they are taken into a command's options.
 void AddFarOptions(CLI::App& command, FarOptions& far);

@@ -7,6 +7,7 @@
 
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <cstddef>
 #include <cstring>
 #include <optional>
@@ -18,14 +19,17 @@
 namespace vel {
 namespace {
 
-UniqueFd Listen(const std::string& text) {
+// After an accept that failed.
+constexpr std::chrono::milliseconds kPause{100};
+
+UniqueFd Listen(const std::string& text, const StopSignal& stop) {
   const std::optional<HostPort> address = ParseHostPort(text.find(':') == std::string::npos ? ":" + text : text);
   if (!address) {
     throw UsageError("cannot listen on \"" + text + "\": give ADDR:PORT, or a port for this machine alone");
   }
   std::string problem;
   const AddrInfoHandle info =
-      LookUp({address->host.empty() ? "127.0.0.1" : address->host, address->port}, AI_PASSIVE, problem);
+      LookUp({address->host.empty() ? "127.0.0.1" : address->host, address->port}, AI_PASSIVE, stop, problem);
   if (info == nullptr) {
     throw std::runtime_error("cannot listen on " + text + ": " + problem +
                              " (give an address of this machine, or a port alone)");
@@ -56,7 +60,7 @@ std::string NameOf(const sockaddr_storage& address, socklen_t length) {
 
 }  // namespace
 
-Listener::Listener(const std::string& address) : mFd(Listen(address)) {}
+Listener::Listener(const std::string& address, const StopSignal& stop) : mFd(Listen(address, stop)), mStop(stop) {}
 
 std::string Listener::Name() const {
   sockaddr_storage address{};
@@ -65,25 +69,23 @@ std::string Listener::Name() const {
   return NameOf(address, length);
 }
 
-UniqueFd Listener::Accept(const StopSignal& stop, std::string& peer) const {
+UniqueFd Listener::Accept(std::string& peer) const {
   while (true) {
-    std::array<pollfd, 2> descriptors = {pollfd{mFd.Get(), POLLIN, 0}, pollfd{stop.Fd(), POLLIN, 0}};
-    if (poll(descriptors.data(), descriptors.size(), -1) > 0) {
-      if (descriptors[1].revents != 0) {
-        return UniqueFd();
-      }
-      sockaddr_storage address{};
-      socklen_t length = sizeof address;
-      UniqueFd remote(accept4(mFd.Get(), reinterpret_cast<sockaddr*>(&address), &length, SOCK_CLOEXEC));
-      if (remote.IsValid()) {
-        const int on = 1;  // A remote side whose machine went away is noticed in the end.
-        setsockopt(remote.Get(), SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
-        // A small reply behind another must not wait until the first was acknowledged.
-        setsockopt(remote.Get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-        peer = NameOf(address, length);
-        return remote;
-      }
+    if (!mStop.WaitFor(mFd.Get(), POLLIN)) {
+      return UniqueFd();
     }
+    sockaddr_storage address{};
+    socklen_t length = sizeof address;
+    UniqueFd remote(accept4(mFd.Get(), reinterpret_cast<sockaddr*>(&address), &length, SOCK_CLOEXEC));
+    if (remote.IsValid()) {
+      const int on = 1;  // A remote side whose machine went away is noticed in the end.
+      setsockopt(remote.Get(), SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
+      // A small reply behind another must not wait until the first was acknowledged.
+      setsockopt(remote.Get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+      peer = NameOf(address, length);
+      return remote;
+    }
+    mStop.WaitFor(-1, 0, kPause);  // Without descriptors left, it stays readable.
   }
 }
 

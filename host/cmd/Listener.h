@@ -11,16 +11,18 @@ namespace vel {
 class Listener {
  public:
   // `address` is ADDR:PORT, or :PORT or PORT of the loopback address; port 0 is any free one. Throws UsageError for a
-  // text that is none of these, and std::runtime_error when it cannot be listened on.
-  explicit Listener(const std::string& address);
+  // text that is none of these, std::runtime_error when it cannot be listened on, and Interrupted when `stop` was
+  // raised before. `stop` outlives it.
+  Listener(const std::string& address, const StopSignal& stop);
 
   // Address and port as they are.
   std::string Name() const;
   // Waits for the next remote side; `peer` gets its name. Not valid once stopped.
-  UniqueFd Accept(const StopSignal& stop, std::string& peer) const;
+  UniqueFd Accept(std::string& peer) const;
 
  private:
   UniqueFd mFd;
+  const StopSignal& mStop;
 };
 
 }  // namespace vel

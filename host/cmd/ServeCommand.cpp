@@ -63,7 +63,7 @@ int ServeSocket(const Service& service, const std::string& device, const Listene
   Note("serving " + device + " on " + listener.Name() + ", one remote side at a time; interrupt to end");
   while (true) {
     std::string peer;
-    const UniqueFd remote = listener.Accept(service.stop, peer);
+    const UniqueFd remote = listener.Accept(peer);
     if (!remote.IsValid()) {
       return 0;
     }
@@ -112,7 +112,7 @@ int RunServe(const CommonOptions& common, const ServeOptions& serve, const StopS
   DevicePresence presence(common.device, serve.wait, common.cameraSource);
   const Service service{
       ModuleLibrary::Load(common.modulePath), presence, stop, {serve.answerFailures, serve.leanReplies}};
-  return serve.stdio ? ServeStdio(service) : ServeSocket(service, common.device, Listener(serve.listen));
+  return serve.stdio ? ServeStdio(service) : ServeSocket(service, common.device, Listener(serve.listen, stop));
 }
 
 }  // namespace vel

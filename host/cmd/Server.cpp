@@ -1,5 +1,7 @@
 #include "cmd/Server.h"
 
+#include <poll.h>
+
 #include <chrono>
 #include <cstddef>
 #include <span>
@@ -17,9 +19,9 @@ constexpr std::size_t kReadBytes = 256U << 10U;
 
 // Requests of this program's own, whose replies are not passed on.
 constexpr RequestId kOwnId{0xFE, 0xFE4CE000};
-constexpr std::chrono::seconds kOwnTime{10};
 // One that changes nothing. Its reply comes when all requests before it have been handled.
 constexpr Command kFence = Command::kGetBusNumber;
+constexpr std::chrono::seconds kFenceTime{10};
 
 }  // namespace
 
@@ -42,7 +44,7 @@ std::unique_ptr<ModuleSession> Server::NewSession(const DeviceIdentity& identity
 Server::End Server::Run() {
   End end = ReadRequests();
   if (end == End::kRemoteDone) {
-    Ask(kFence, true);
+    Fence();
     mWriter.Flush();
   }
   {
@@ -120,7 +122,7 @@ void Server::OnReply(std::unique_ptr<VelPacket> packet) {
     const MutexLock lock(mMutex);
     if (packet->GetCommand() == mAwaited) {
       mAwaited = 0;
-      mChanged.NotifyAll();
+      mAnswered.Raise();
       return;
     }
   }
@@ -131,21 +133,17 @@ void Server::OnWriteFailed(FdStream::Result result) {
   {
     const MutexLock lock(mMutex);
     mWritten = result;
-    mChanged.NotifyAll();
   }
   mStream.Abort();  // Who gets no replies is gone, even when its requests still come.
 }
 
-void Server::Ask(Command command, bool forRemote) {
+void Server::Fence() {
   {
     const MutexLock lock(mMutex);
-    mAwaited = ReplyCode(command);
+    mAwaited = ReplyCode(kFence);
   }
-  Post(BuildRequest(command, kOwnId));
-  const auto deadline = std::chrono::steady_clock::now() + kOwnTime;
-  MutexLock lock(mMutex);
-  while (mAwaited != 0 && !(forRemote && mWritten != FdStream::Result::kOk) && mChanged.WaitUntil(lock, deadline)) {
-  }
+  Post(BuildRequest(kFence, kOwnId));
+  mStream.WaitFor(mAnswered.Fd(), POLLIN, kFenceTime);
 }
 
 }  // namespace vel

@@ -46,18 +46,17 @@ class Server {
   void OnReply(std::unique_ptr<VelPacket> packet);
   void OnWriteFailed(FdStream::Result result);
   End ReadRequests();
-  // Sends a request without fields of this program's own, behind all that came before, and waits for its reply; with
-  // `forRemote` no longer than the remote side is there.
-  void Ask(Command command, bool forRemote);
+  // Waits until all requests were handled, no longer than the remote side is there.
+  void Fence();
 
   const std::shared_ptr<ModuleLibrary> mLibrary;
   const Answers mAnswers;
   FdStream& mStream;
   PacketWriter mWriter;
   std::string mError;
+  const StopSignal mAnswered;  // Raised by the fence's reply.
   Mutex mMutex;
-  CondVar mChanged;
-  std::uint16_t mAwaited VEL_GUARDED_BY(mMutex) = 0;                         // The reply that Ask waits for; 0: none.
+  std::uint16_t mAwaited VEL_GUARDED_BY(mMutex) = 0;                         // That reply; 0 while none is awaited.
   FdStream::Result mWritten VEL_GUARDED_BY(mMutex) = FdStream::Result::kOk;  // Of the reply that could not be sent.
   bool mDeviceGone VEL_GUARDED_BY(mMutex) = false;
   Mutex mSessionMutex;  // Posting, and exchanging the session. Nothing else is taken with it held.

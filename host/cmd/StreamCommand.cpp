@@ -20,9 +20,9 @@
 #include "cmd/stream/PictureFile.h"
 #include "cmd/stream/PictureReader.h"
 #include "cmd/stream/Snapshot.h"
-#include "cmd/stream/StopWatcher.h"
 #include "cmd/stream/StreamReport.h"
 #include "cmd/stream/StreamStatistics.h"
+#include "remote/StopWatcher.h"
 
 namespace vel {
 namespace {
@@ -98,6 +98,26 @@ class StreamRun {
 
   // Throws RemoteError when the camera goes away or shows nothing any more.
   void Run(PictureReader& reader) {
+    try {
+      Read(reader);
+    } catch (const Interrupted&) {
+      mInterrupted = true;
+    }
+  }
+
+  StreamResult Result() const {
+    return {.camera = mCamera.Name(),
+            .stream = mStream,
+            .format = mFormat.value_or(mStream.mode.format),
+            .figures = mStatistics.Figures(),
+            .interrupted = mInterrupted,
+            .moduleHere = mModuleHere,
+            .file = mOptions.file,
+            .snapshot = mOptions.snapshot};
+  }
+
+ private:
+  void Read(PictureReader& reader) {
     reader.Start();
     while (!IsDone()) {
       std::optional<PictureReader::Arrival> arrival = reader.Next(NextDeadline());
@@ -119,18 +139,6 @@ class StreamRun {
     }
   }
 
-  StreamResult Result() const {
-    return {.camera = mCamera.Name(),
-            .stream = mStream,
-            .format = mFormat.value_or(mStream.mode.format),
-            .figures = mStatistics.Figures(),
-            .interrupted = mInterrupted,
-            .moduleHere = mModuleHere,
-            .file = mOptions.file,
-            .snapshot = mOptions.snapshot};
-  }
-
- private:
   bool IsDone() const {
     return (mOptions.frames > 0 && mStatistics.Frames() >= mOptions.frames) ||
            (mOptions.seconds > 0 && Clock::now() >= End());
@@ -198,22 +206,35 @@ std::unique_ptr<GuestCamera> TakeCamera(RemoteDevice& remote, bool transcode, co
   }
 }
 
+// As a guest ends a stream. What is interrupted at it is given back by the end of the session.
+void GiveBack(GuestCamera& camera, PictureReader& reader) {
+  try {
+    reader.Withdraw();
+    camera.Stop();
+    camera.GiveBack();
+  } catch (const Interrupted&) {
+  }
+}
+
 // From the first request to the last, the device being given back then.
 StreamResult Stream(RemoteDevice& remote, const std::optional<PictureSize>& size, const CommonOptions& common,
                     const StreamOptions& options, Outputs& outputs, const StopSignal& stop) {
+  const auto cutOff = [&remote] { remote.Interrupt(); };
+  std::optional<StopWatcher> opening(std::in_place, stop, cutOff);
   const std::unique_ptr<GuestCamera> camera = TakeCamera(remote, !options.untouched, common);
   const GuestCamera::Stream stream = camera->Negotiate(size);
   StreamRun run(*camera, stream, options, !IsRemoteDevice(common.device), outputs);
-  {
-    PictureReader reader(remote, camera->Endpoint(), stream.payloadBytes);
-    const StopWatcher watcher(stop, [&reader] { reader.Stop(); });
-    camera->Start(stream);
-    run.Run(reader);
-    reader.Withdraw();
-    camera->Stop();
-  }
-  camera->GiveBack();
+  PictureReader reader(remote, camera->Endpoint(), stream.payloadBytes);
+  camera->Start(stream);
+  opening.reset();
+  const StopWatcher last(stop, cutOff, StopWatcher::kGrace);
+  const StopWatcher first(stop, [&reader] { reader.Stop(); });
+  run.Run(reader);
+  GiveBack(*camera, reader);
   StreamResult result = run.Result();
+  if (result.figures.frames == 0 && result.interrupted) {
+    throw Interrupted();
+  }
   if (result.figures.frames == 0) {
     throw RemoteError("the camera sent no picture: " + run.LastFailure());
   }
@@ -256,7 +277,7 @@ Subcommand AddStream(CLI::App& app, CommonOptions& common) {
 
 int RunStream(const CommonOptions& common, const StreamOptions& options, const StopSignal& stop) {
   const std::optional<PictureSize> size = ParseSize(options.size);
-  std::unique_ptr<PacketChannel> channel = OpenDevice(common.device, common, true);
+  std::unique_ptr<PacketChannel> channel = OpenDevice(common.device, common, stop, true);
   Outputs outputs(options);
   auto remote = std::make_unique<RemoteDevice>(std::move(channel));
   std::optional<StreamResult> result;

@@ -13,6 +13,7 @@
 #include "cmd/Output.h"
 #include "oskelo/log.h"
 #include "remote/ModuleLibrary.h"
+#include "remote/StopWatcher.h"
 
 namespace {
 
@@ -85,6 +86,8 @@ int main(int argc, char** argv) {
     try {
       return chosen->run();
     } catch (const vel::UsageError&) {
+      throw;
+    } catch (const vel::Interrupted&) {
       throw;
     } catch (const std::exception&) {
       log.ShowKept();

@@ -25,7 +25,9 @@ constexpr std::chrono::microseconds kMicroframe{125};
 FarDevice::FarDevice(std::unique_ptr<PacketChannel> channel, Options options)
     : mOptions(std::move(options)),
       mPipe(std::move(channel)),
+      mCutOff(CutOffAtStop(StopWatcher::kGrace)),
       mFacts([this] {
+        const auto cutOff = CutOffAtStop({});
         mPipe.Start({[this](std::unique_ptr<VelPacket> packet) { OnTransfer(std::move(packet)); },
                      [this](const std::string& why) { OnLost(why); }});
         return DeviceFacts::Ask(mPipe, mOptions.transcode, std::max(mOptions.replyTime, mPipe.StartTime()));
@@ -47,12 +49,20 @@ FarDevice::~FarDevice() {
   mReady = false;
   WithinTime([this] { mPipe.Ask(Command::kCloseUsbDev); });
   mAlarms.Stop();
+  mLimits.Stop();
   mPipe.Close();
+  mCutOff.reset();
+}
+
+std::unique_ptr<StopWatcher> FarDevice::CutOffAtStop(std::chrono::milliseconds grace) {
+  return mOptions.stop == nullptr ? nullptr
+                                  : std::make_unique<StopWatcher>(
+                                        *mOptions.stop, [this] { mPipe.Close(); }, grace);
 }
 
 void FarDevice::WithinTime(const std::function<void()>& send) {
   const std::uint32_t ticket = ++mLeaving;
-  mAlarms.At(Clock::now() + kLeaveTime, [this, ticket] {
+  mLimits.At(Clock::now() + kLeaveTime, [this, ticket] {
     if (mLeaving == ticket) {
       mPipe.Close();
     }
@@ -183,7 +193,7 @@ void FarDevice::Unlink(const UnlinkRequest& request) {
   }
   std::ranges::for_each(unlinked.streams, [this](std::uint32_t stream) { SendCancel(stream); });
   if (!unlinked.streams.empty()) {
-    mAlarms.At(Clock::now() + mOptions.cancelLimit,
+    mLimits.At(Clock::now() + mOptions.cancelLimit,
                [this, generation = unlinked.generation, seqnum = request.target] { GiveUp(generation, seqnum); });
   }
 }

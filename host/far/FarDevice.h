@@ -16,6 +16,7 @@
 #include "far/FarCamera.h"
 #include "far/GuestUrbs.h"
 #include "far/RequestPipe.h"
+#include "remote/StopWatcher.h"
 #include "vel/Mutex.h"
 
 namespace vel {
@@ -24,7 +25,7 @@ namespace vel {
 //
 // Threads: the guest's thread calls Submit and Unlink; answers come on it where nothing had to be asked, and otherwise
 // on the channel's threads. A thread of its own is there for emulated devices' periodic endpoints, whose pace it
-// keeps, and one for a camera that streams. The channel's threads never send.
+// keeps, one for what has a time limit, and one for a camera that streams. The channel's threads never send.
 class FarDevice final : private FarCamera::Port {
  public:
   struct Options {
@@ -33,6 +34,7 @@ class FarDevice final : private FarCamera::Port {
     std::chrono::milliseconds controlLimit{3000};  // For the device to answer a control request.
     std::chrono::milliseconds cancelLimit{2000};   // For the end of a transfer that was cancelled.
     std::function<void(const std::string&)> note;  // A line for people. Any thread; may be empty.
+    const StopSignal* stop = nullptr;              // Cuts off what still waits for the far end; outlives the device.
   };
 
   // Opens the device. Throws RemoteError when that fails.
@@ -59,6 +61,8 @@ class FarDevice final : private FarCamera::Port {
  private:
   using Clock = Alarms::Clock;
 
+  // Null where nothing stops it.
+  std::unique_ptr<StopWatcher> CutOffAtStop(std::chrono::milliseconds grace);
   // Closes the channel when this takes too long, so that it ends.
   void WithinTime(const std::function<void()>& send);
   void SubmitControl(const Urb& urb);
@@ -94,11 +98,13 @@ class FarDevice final : private FarCamera::Port {
 
   GuestUrbs mUrbs;
   RequestPipe mPipe;
+  std::unique_ptr<StopWatcher> mCutOff;
   DeviceFacts mFacts;
   ControlRouter mRouter;
   std::unique_ptr<FarCamera> mCamera;  // Null for what is none.
   std::size_t mMaxPackets = 0;         // Of an isochronous request.
-  Alarms mAlarms;
+  Alarms mAlarms;                      // Their calls may send, and so wait for a far end that does not read.
+  Alarms mLimits;                      // Theirs do not.
 };
 
 }  // namespace vel

@@ -19,6 +19,7 @@ namespace {
 
 // Long enough for a device to be given back, by a service that found its input's end or was told to stop.
 constexpr std::chrono::milliseconds kTimeToEnd{3000};
+constexpr std::chrono::milliseconds kTimeToEndOnceStopped{100};
 constexpr std::chrono::milliseconds kTimeToStop{10000};
 
 std::pair<UniqueFd, UniqueFd> MakePipe() {
@@ -71,7 +72,7 @@ class SpawnSetup {
 
 }  // namespace
 
-ChildProcess::ChildProcess(std::vector<std::string> words) {
+ChildProcess::ChildProcess(std::vector<std::string> words, const StopSignal& stop) : mStop(stop) {
   auto [childInput, input] = MakePipe();
   auto [output, childOutput] = MakePipe();
   const int error = SpawnSetup(childInput, childOutput).Run(words, mPid);
@@ -87,7 +88,8 @@ ChildProcess::ChildProcess(std::vector<std::string> words) {
 ChildProcess::~ChildProcess() {
   mInput = UniqueFd();
   mOutput = UniqueFd();
-  if (!AwaitEnd(kTimeToEnd)) {
+  mStop.WaitFor(mEnd.Get(), POLLIN, kTimeToEnd);
+  if (!AwaitEnd(mStop.IsRaised() ? kTimeToEndOnceStopped : std::chrono::milliseconds(0))) {
     kill(mPid, SIGTERM);
     if (!AwaitEnd(kTimeToStop)) {
       kill(mPid, SIGKILL);

@@ -15,11 +15,13 @@ namespace vel {
 // to say. One thread but for AwaitEnd.
 class ChildProcess {
  public:
-  // Looks the first word up in PATH, without a shell. Throws std::runtime_error when it cannot be run.
-  explicit ChildProcess(std::vector<std::string> words);
+  // Looks the first word up in PATH, without a shell. Throws std::runtime_error when it cannot be run. `stop` outlives
+  // it.
+  ChildProcess(std::vector<std::string> words, const StopSignal& stop);
   ChildProcess(const ChildProcess&) = delete;
   ChildProcess& operator=(const ChildProcess&) = delete;
-  // Closes what is left of the pipes and waits for the end; who does not end is told to, and killed at last.
+  // Closes what is left of the pipes and waits for the end; who does not end is told to, soon once stopped, and killed
+  // at last.
   ~ChildProcess();
 
   // The pipes' ends here, once each.
@@ -29,6 +31,7 @@ class ChildProcess {
   std::optional<std::string> AwaitEnd(std::chrono::milliseconds time) const;
 
  private:
+  const StopSignal& mStop;
   int mPid = -1;
   UniqueFd mEnd;  // Readable once it has ended.
   UniqueFd mInput;

@@ -14,9 +14,9 @@ namespace vel {
 // as the channel is there.
 class ExecChannel final : public PacketChannel {
  public:
-  // Throws std::runtime_error when the program cannot be run.
-  ExecChannel(std::vector<std::string> words, std::string name, Contact contact)
-      : mChild(std::move(words)),
+  // Throws std::runtime_error when the program cannot be run. Once `stop` is raised, it has little time to end.
+  ExecChannel(std::vector<std::string> words, std::string name, Contact contact, const StopSignal& stop)
+      : mChild(std::move(words), stop),
         mStream(mChild.TakeOutput(), mChild.TakeInput(), std::move(name), std::move(contact)) {}
 
   Contact GetContact() const override { return mStream.GetContact(); }

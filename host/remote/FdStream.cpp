@@ -27,6 +27,21 @@ std::span<iovec> Behind(std::span<iovec> pieces, std::size_t written) {
   return pieces;
 }
 
+// Waits until the first is ready. False when another one is, and after `limit`; a negative one is none. True on
+// failure, which the caller's next call explains.
+bool WaitForFirst(std::array<pollfd, 3> descriptors, std::chrono::milliseconds limit) {
+  using Clock = std::chrono::steady_clock;
+  const Clock::time_point deadline = Clock::now() + limit;
+  while (true) {
+    const auto left = std::max(std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()), {});
+    const int ready =
+        poll(descriptors.data(), descriptors.size(), limit.count() < 0 ? -1 : static_cast<int>(left.count()));
+    if (ready >= 0 || errno != EINTR) {
+      return ready != 0 && descriptors[1].revents == 0 && descriptors[2].revents == 0;
+    }
+  }
+}
+
 }  // namespace
 
 UniqueFd& UniqueFd::operator=(UniqueFd&& other) noexcept {
@@ -70,6 +85,10 @@ bool StopSignal::IsRaised() const {
   return poll(&descriptor, 1, 0) > 0;
 }
 
+bool StopSignal::WaitFor(int fd, short events, std::chrono::milliseconds limit) const {
+  return WaitForFirst({pollfd{fd, events, 0}, pollfd{Fd(), POLLIN, 0}, pollfd{-1, 0, 0}}, limit);
+}
+
 FdStream::FdStream(int in, int out, const StopSignal& stop) : mIn(in), mOut(out), mStop(stop) {
   // A write that fills the pipe must return, so that a stop can end the wait for room.
   mOutFlags = fcntl(mOut, F_GETFL);
@@ -84,18 +103,8 @@ FdStream::~FdStream() {
   }
 }
 
-bool FdStream::WaitFor(int fd, short events) const {
-  while (true) {
-    std::array<pollfd, 3> descriptors = {pollfd{fd, events, 0}, pollfd{mStop.Fd(), POLLIN, 0},
-                                         pollfd{mAbort.Fd(), POLLIN, 0}};
-    const int ready = poll(descriptors.data(), descriptors.size(), -1);
-    if (ready < 0 && errno != EINTR) {
-      return true;  // Let the read or write say what is wrong.
-    }
-    if (ready > 0) {
-      return descriptors[1].revents == 0 && descriptors[2].revents == 0;
-    }
-  }
+bool FdStream::WaitFor(int fd, short events, std::chrono::milliseconds limit) const {
+  return WaitForFirst({pollfd{fd, events, 0}, pollfd{mStop.Fd(), POLLIN, 0}, pollfd{mAbort.Fd(), POLLIN, 0}}, limit);
 }
 
 FdStream::Result FdStream::Read(std::span<std::uint8_t> buffer, std::size_t& count) {

@@ -3,6 +3,7 @@
 
 #include <sys/uio.h>
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <span>
@@ -38,6 +39,9 @@ class StopSignal {
   bool IsRaised() const;
   // Readable once raised.
   int Fd() const { return mRead.Get(); }
+  // Waits until a descriptor is ready for `events` (of poll). False once raised, and after `limit`; a negative limit is
+  // none, a negative descriptor is never ready.
+  bool WaitFor(int fd, short events, std::chrono::milliseconds limit = std::chrono::milliseconds(-1)) const;
 
  private:
   UniqueFd mRead;
@@ -63,11 +67,11 @@ class FdStream {
   Result WriteAll(std::span<iovec> pieces) VEL_EXCLUDES(mWriteMutex);
   // Ends the waits of this stream, now and later, as the stop signal does. Any thread.
   void Abort() { mAbort.Raise(); }
+  // Waits until another descriptor is ready for `events` (of poll). False when stopped, and after `limit`; a negative
+  // one is none. Any thread.
+  bool WaitFor(int fd, short events, std::chrono::milliseconds limit = std::chrono::milliseconds(-1)) const;
 
  private:
-  // Waits until `fd` is ready for `events`. False when stopped.
-  bool WaitFor(int fd, short events) const;
-
   const int mIn;
   const int mOut;
   const StopSignal& mStop;

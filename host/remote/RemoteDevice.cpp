@@ -5,6 +5,7 @@
 
 #include "protocol/ByteReader.h"
 #include "protocol/Commands.h"
+#include "remote/StopWatcher.h"
 
 namespace vel {
 namespace {
@@ -32,6 +33,15 @@ RemoteDevice::~RemoteDevice() {
   mChannel->Close();
 }
 
+void RemoteDevice::Interrupt() {
+  {
+    const MutexLock lock(mMutex);
+    mInterrupted = true;
+  }
+  OnClosed("");
+  mChannel->Close();
+}
+
 void RemoteDevice::OnClosed(const std::string& why) {
   std::unordered_map<Key, TransferDone> pending;
   {
@@ -46,9 +56,12 @@ void RemoteDevice::OnClosed(const std::string& why) {
   }
 }
 
-std::string RemoteDevice::GoneText() const {
-  return "the device is gone" + (mWhyClosed.empty() ? "" : ": " + mWhyClosed) +
-         (mContact.advice.empty() ? "" : "; " + mContact.advice);
+void RemoteDevice::ThrowGone() const {
+  if (mInterrupted) {
+    throw Interrupted();
+  }
+  throw RemoteError("the device is gone" + (mWhyClosed.empty() ? "" : ": " + mWhyClosed) +
+                    (mContact.advice.empty() ? "" : "; " + mContact.advice));
 }
 
 std::string RemoteDevice::SilenceText(const std::string& what, std::chrono::milliseconds waiting) const {
@@ -127,9 +140,12 @@ std::vector<std::uint8_t> RemoteDevice::Exchange(Command command,
   }
   std::optional<std::vector<std::uint8_t>> reply = std::move(mSync[key]);
   mSync.erase(key);
-  if (!reply) {
+  if (!reply || mInterrupted) {
+    if (!sent || mClosed) {
+      ThrowGone();
+    }
     const std::string name(FindCommand(static_cast<std::uint16_t>(command))->name);
-    throw RemoteError(sent && !mClosed ? SilenceText("\"" + name + "\"", waiting) : GoneText());
+    throw RemoteError(SilenceText("\"" + name + "\"", waiting));
   }
   return *std::move(reply);
 }
@@ -205,7 +221,7 @@ std::uint32_t RemoteDevice::Submit(Command command, TransferDone done,
   {
     const MutexLock lock(mMutex);
     if (mClosed) {
-      throw RemoteError(GoneText());
+      ThrowGone();
     }
     streamId = mNextStreamId++;
     mTransfers[KeyOf(ReplyCode(command), streamId)] = std::move(done);
@@ -213,7 +229,7 @@ std::uint32_t RemoteDevice::Submit(Command command, TransferDone done,
   if (!mChannel->Send(build(streamId))) {
     const MutexLock lock(mMutex);
     mTransfers.erase(KeyOf(ReplyCode(command), streamId));
-    throw RemoteError(GoneText());
+    ThrowGone();
   }
   return streamId;
 }
@@ -246,7 +262,10 @@ TransferReply RemoteDevice::Await(Command command, const std::function<std::uint
   }
   if (!slot->has_value() || (mClosed && (*slot)->status == kNoDevice)) {
     mTransfers.erase(KeyOf(ReplyCode(command), streamId));
-    throw RemoteError(mClosed ? GoneText() : SilenceText("a transfer", mReplyTime));
+    if (mClosed) {
+      ThrowGone();
+    }
+    throw RemoteError(SilenceText("a transfer", mReplyTime));
   }
   return *std::move(*slot);
 }

@@ -35,7 +35,7 @@ struct TransferReply {
 // command and reqID, transfers by command and stream id.
 //
 // Any thread; each synchronous call blocks its caller for at most the reply time, and throws RemoteError when that is
-// over or the channel is closed.
+// over or the channel is closed, Interrupted when this side has closed it.
 class RemoteDevice {
  public:
   using Clock = std::chrono::steady_clock;
@@ -56,6 +56,9 @@ class RemoteDevice {
   RemoteDevice& operator=(const RemoteDevice&) = delete;
   // Closes the channel. Transfers that are still pending are forgotten.
   ~RemoteDevice();
+
+  // Closes the channel: whatever waits here throws Interrupted, and whatever begins. Any thread, once.
+  void Interrupt() VEL_EXCLUDES(mMutex);
 
   // A command without fields whose reply is one i32.
   std::int32_t Status(Command command);
@@ -90,7 +93,7 @@ class RemoteDevice {
 
   void OnPacket(std::unique_ptr<VelPacket> packet);
   void OnClosed(const std::string& why);
-  std::string GoneText() const VEL_REQUIRES(mMutex);
+  [[noreturn]] void ThrowGone() const VEL_REQUIRES(mMutex);
   // After `waiting` in vain, which began as `what`.
   std::string SilenceText(const std::string& what, std::chrono::milliseconds waiting) const VEL_REQUIRES(mMutex);
   std::chrono::milliseconds TimeToReply() VEL_EXCLUDES(mMutex);
@@ -112,6 +115,7 @@ class RemoteDevice {
   Mutex mMutex;
   CondVar mChanged;
   bool mClosed VEL_GUARDED_BY(mMutex) = false;
+  bool mInterrupted VEL_GUARDED_BY(mMutex) = false;
   std::string mWhyClosed VEL_GUARDED_BY(mMutex);
   bool mAnswered VEL_GUARDED_BY(mMutex) = false;
   std::uint64_t mUnasked VEL_GUARDED_BY(mMutex) = 0;  // Packets that answer nothing which waits for an answer.

@@ -6,33 +6,56 @@
 #include <sys/socket.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <stdexcept>
+#include <thread>
+#include <utility>
+
+#include "remote/StopWatcher.h"
 
 namespace vel {
 namespace {
 
-constexpr int kConnectMs = 10000;
+constexpr std::chrono::seconds kConnectTime{10};
 
 // 0, or what went wrong as errno has it.
-int Connect(int fd, const addrinfo& to) {
+int Connect(int fd, const addrinfo& to, const StopSignal& stop) {
   if (connect(fd, to.ai_addr, to.ai_addrlen) == 0) {
     return 0;
   }
   if (errno != EINPROGRESS) {
     return errno;
   }
-  pollfd waiting{fd, POLLOUT, 0};
-  int ready = 0;
-  while ((ready = poll(&waiting, 1, kConnectMs)) < 0 && errno == EINTR) {
-  }
   int error = ETIMEDOUT;
   socklen_t length = sizeof error;
-  if (ready > 0) {
+  if (stop.WaitFor(fd, POLLOUT, kConnectTime)) {
     getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &length);
+  } else if (stop.IsRaised()) {
+    throw Interrupted();
   }
   return error;
 }
+
+// One question to the resolver, which answers when it likes.
+struct Query {
+  explicit Query(const HostPort& address) : of(address) {}
+  void Ask(int flags) {
+    addrinfo hints{};
+    hints.ai_socktype = SOCK_STREAM;
+    hints.ai_flags = flags | AI_NUMERICSERV;
+    addrinfo* list = nullptr;
+    error = getaddrinfo(of.host.c_str(), of.port.c_str(), &hints, &list);
+    problem = error == EAI_SYSTEM ? std::strerror(errno) : gai_strerror(error);
+    found = AddrInfoHandle(error == 0 ? list : nullptr);
+  }
+
+  const HostPort of;
+  const StopSignal answered;
+  int error = 0;
+  std::string problem;
+  AddrInfoHandle found;
+};
 
 }  // namespace
 
@@ -54,28 +77,33 @@ std::optional<HostPort> ParseHostPort(const std::string& text) {
   return address;
 }
 
-AddrInfoHandle LookUp(const HostPort& address, int flags, std::string& problem) {
-  addrinfo hints{};
-  hints.ai_socktype = SOCK_STREAM;
-  hints.ai_flags = flags | AI_NUMERICSERV;
-  addrinfo* found = nullptr;
-  const int error = getaddrinfo(address.host.c_str(), address.port.c_str(), &hints, &found);
-  if (error != 0) {
-    problem = error == EAI_SYSTEM ? std::strerror(errno) : gai_strerror(error);
+AddrInfoHandle LookUp(const HostPort& address, int flags, const StopSignal& stop, std::string& problem) {
+  const auto query = std::make_shared<Query>(address);
+  query->Ask(flags | AI_NUMERICHOST);
+  if (query->error != 0) {
+    // Nothing interrupts the resolver: one that has not answered then is left alone with its question.
+    std::thread([query, flags] {
+      query->Ask(flags);
+      query->answered.Raise();
+    }).detach();
+    if (!stop.WaitFor(query->answered.Fd(), POLLIN)) {
+      throw Interrupted();
+    }
   }
-  return AddrInfoHandle(error == 0 ? found : nullptr);
+  problem = query->problem;
+  return std::move(query->found);
 }
 
-UniqueFd ConnectTcp(const HostPort& address) {
+UniqueFd ConnectTcp(const HostPort& address, const StopSignal& stop) {
   std::string problem;
-  const AddrInfoHandle info = LookUp(address, 0, problem);
+  const AddrInfoHandle info = LookUp(address, 0, stop, problem);
   if (info == nullptr) {
     throw std::runtime_error(problem + " (check the host's name)");
   }
   int error = 0;
   for (const addrinfo* to = info.get(); to != nullptr; to = to->ai_next) {
     UniqueFd fd(socket(to->ai_family, to->ai_socktype | SOCK_CLOEXEC | SOCK_NONBLOCK, to->ai_protocol));
-    error = fd.IsValid() ? Connect(fd.Get(), *to) : errno;
+    error = fd.IsValid() ? Connect(fd.Get(), *to, stop) : errno;
     if (error == 0) {
       const int on = 1;
       setsockopt(fd.Get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);

@@ -26,11 +26,12 @@ struct AddrInfoDeleter {
 using AddrInfoHandle = std::unique_ptr<addrinfo, AddrInfoDeleter>;
 
 // The stream addresses of this name; `flags` are getaddrinfo's. Null with a problem for people when there are none.
-AddrInfoHandle LookUp(const HostPort& address, int flags, std::string& problem);
+// Throws Interrupted once stopped.
+AddrInfoHandle LookUp(const HostPort& address, int flags, const StopSignal& stop, std::string& problem);
 
 // Connects to the first of the host's addresses that answers, each within ten seconds. What is written goes out at
-// once. Throws std::runtime_error with a text for people.
-UniqueFd ConnectTcp(const HostPort& address);
+// once. Throws std::runtime_error with a text for people, Interrupted once stopped.
+UniqueFd ConnectTcp(const HostPort& address, const StopSignal& stop);
 
 }  // namespace vel
 

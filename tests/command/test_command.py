@@ -75,12 +75,12 @@ def read_exactly(stream: Any, count: int) -> bytes:
 class CommandTestCase(unittest.TestCase):
     """Assertions shared by the tests of the command."""
 
-    def end_promptly(self, running: Running, number: signal.Signals) -> list[str]:
-        """The last notes of a command that a signal ends: done, and in time."""
+    def end_promptly(self, running: Running, number: signal.Signals, expected: int = 0) -> list[str]:
+        """The last notes of a command that a signal ends: with this status, and in time."""
         begin = time.monotonic()
         status, notes = running.end(number)
         self.assertLess(time.monotonic() - begin, SECONDS_TO_END)
-        self.assertEqual(status, 0, notes)
+        self.assertEqual(status, expected, notes)
         return notes
 
     def assert_result(self, *arguments: str) -> str:

@@ -2,8 +2,10 @@
 
 from __future__ import annotations
 
+import itertools
 import json
 import os
+import pathlib
 import re
 import shlex
 import signal
@@ -56,6 +58,9 @@ class Remote(CommandTestCase):
                 request = remote.recv(16)
                 opened = wire.Request(wire.OPEN, req_id=request[1], dev_id=1).reply(wire.status(0))
                 remote.sendall(unasked + opened + unasked[:7])
+                remote.shutdown(socket.SHUT_WR)
+                while remote.recv(4096):
+                    pass
 
         with socket.create_server(("127.0.0.1", 0)) as listener:
             thread = threading.Thread(target=answer_once)
@@ -64,6 +69,41 @@ class Remote(CommandTestCase):
                                 "the device is gone", "in the middle of a packet")
             thread.join()
 
+    def test_an_interrupt_ends_every_wait(self) -> None:
+        with socket.create_server(("127.0.0.1", 0)) as silent, socket.create_server(("127.0.0.1", 0),
+                                                                                  backlog=0) as full:
+            port, full_port = silent.getsockname()[1], full.getsockname()[1]
+            held = [self.enterContext(socket.socket()) for _ in range(3)]
+            for each in held:  # What comes behind them is not answered.
+                each.setblocking(False)
+                each.connect_ex(("127.0.0.1", full_port))
+
+            def accepted(_: Running) -> None:
+                held.append(self.enterContext(silent.accept()[0]))
+
+            def connecting(running: Running) -> None:
+                pending = f":{full_port:04X} 02 "  # State SYN_SENT.
+                while running.process.poll() is None and pathlib.Path("/proc/net/tcp").read_text().count(pending) < 3:
+                    pass
+
+            child = "exec:sh -c 'echo child >&2; exec sleep 1000'"
+            commands = ["describe"], ["stream"], ["export", "--listen", "0"]
+            for (phase, words, device), command in itertools.product(
+                    ((accepted, [], f"tcp://127.0.0.1:{port}"), (connecting, [], f"tcp://127.0.0.1:{full_port}"),
+                     (Running.note, [], child),
+                     (accepted, ["--camera-source", f"tcp://127.0.0.1:{port}"], "camera")), commands):
+                with self.subTest(device, command=command), Running("--log", "off", *words, *command, device) as running:
+                    phase(running)
+                    self.assertEqual(self.end_promptly(running, signal.SIGINT, 1), ["virtusb: interrupted"])
+
+    def test_an_interrupt_ends_a_stream_whose_far_end_hangs(self) -> None:
+        served = self.enterContext(Running("serve", "camera", "--listen", "0"))
+        device = "tcp://" + served.note().split()[3].rstrip(",")
+        running = self.enterContext(Running("stream", device))
+        self.assertRegex(running.note(), "pictures")
+        served.process.send_signal(signal.SIGSTOP)
+        self.end_promptly(running, signal.SIGINT)
+
     def test_a_terminals_interrupt_gives_the_device_back_before_the_command_behind_it_ends(self) -> None:
         device = SERVE.replace("exec:", "exec:sh -c 'echo child $$ >&2; exec ") + " camera --stdio'"
         running = self.enterContext(Running("--log", "off", "stream", device, start_new_session=True))
@@ -71,6 +111,7 @@ class Remote(CommandTestCase):
         self.assertRegex(running.note(), "pictures")
         os.killpg(running.process.pid, signal.SIGINT)
         status, notes = running.end()
-        self.assertEqual((status, [note for note in notes if "pictures" not in note]), (0, []))
+        late = "virtusb: the remote side went away before all replies were sent"  # On a machine that is busy.
+        self.assertEqual((status, [note for note in notes if "pictures" not in note and note != late]), (0, []))
         with self.assertRaises(ProcessLookupError):
             os.kill(child, 0)

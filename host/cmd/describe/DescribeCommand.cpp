@@ -4,8 +4,10 @@
 #include "cmd/Commands.h"
 #include "cmd/DeviceChannel.h"
 #include "cmd/Output.h"
+#include "cmd/Signals.h"
 #include "cmd/describe/DescriptorText.h"
 #include "remote/RemoteDevice.h"
+#include "remote/StopWatcher.h"
 
 namespace vel {
 
@@ -14,11 +16,15 @@ Subcommand AddDescribe(CLI::App& app, CommonOptions& common) {
       app.add_subcommand("describe", "Enumerate a device as a guest would and print its descriptors");
   AddAnyDevice(*line, common);
   AddJson(*line, common);
-  return {line, [&common] { return RunDescribe(common); }};
+  return {line, [&common] {
+            const CaughtSignals signals;
+            return RunDescribe(common, signals.Stop());
+          }};
 }
 
-int RunDescribe(const CommonOptions& common) {
-  RemoteDevice remote(OpenDevice(common.device, common));
+int RunDescribe(const CommonOptions& common, const StopSignal& stop) {
+  RemoteDevice remote(OpenDevice(common.device, common, stop));
+  const StopWatcher cutOff(stop, [&remote] { remote.Interrupt(); });
   const Enumeration found = Enumerate(remote);
   remote.Status(Command::kCloseUsbDev);
   Print(common.json ? DescriptorJson(found).dump(2) + "\n" : DescriptorText(found));
