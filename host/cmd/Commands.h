@@ -36,6 +36,7 @@ struct StreamOptions {
   std::string size;          // WIDTHxHEIGHT; empty: the camera's choice.
   std::uint64_t frames = 0;  // 0: no limit. Without either limit until interrupted.
   double seconds = 0;        // The same.
+  double silence = 5;        // Seconds without a picture after which the camera has failed.
   bool untouched = false;    // Raw pictures stay raw.
   std::string file;          // Empty: the pictures are only counted.
   std::string snapshot;      // Empty: none.

@@ -30,8 +30,10 @@ namespace {
 using Clock = PictureReader::Clock;
 using Presence = GuestCamera::Presence;
 
-// A camera that has shown nothing for so long has failed, whatever its reads say.
-constexpr std::chrono::seconds kSilence{5};
+Clock::duration Seconds(double count) {
+  return std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(count));
+}
+
 constexpr std::int32_t kCompleted = 0;  // enum libusb_transfer_status
 constexpr std::int32_t kTimedOut = 2;
 
@@ -131,10 +133,10 @@ class StreamRun {
       if (Clock::now() >= mLive.Due()) {
         mLive.Show(mStatistics.Figures());
       }
-      if (Clock::now() - mStatistics.LastPicture() >= kSilence) {
+      if (Clock::now() >= SilentAt()) {
         Note("no picture any more, giving the camera back");
-        throw RemoteError(Format("the camera has sent no picture for %lld seconds: %s",
-                                 static_cast<long long>(kSilence.count()), mLastFailure.c_str()));
+        throw RemoteError(
+            Format("the camera has sent no picture for %g seconds: %s", mOptions.silence, mLastFailure.c_str()));
       }
     }
   }
@@ -143,12 +145,11 @@ class StreamRun {
     return (mOptions.frames > 0 && mStatistics.Frames() >= mOptions.frames) ||
            (mOptions.seconds > 0 && Clock::now() >= End());
   }
-  Clock::time_point End() const {
-    return mStatistics.Begin() +
-           std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(mOptions.seconds));
-  }
+  Clock::time_point End() const { return mStatistics.Begin() + Seconds(mOptions.seconds); }
+  // A camera that has shown nothing until then has failed, whatever its reads say.
+  Clock::time_point SilentAt() const { return mStatistics.LastPicture() + Seconds(mOptions.silence); }
   Clock::time_point NextDeadline() const {
-    const Clock::time_point due = std::min(mLive.Due(), mStatistics.LastPicture() + kSilence);
+    const Clock::time_point due = std::min(mLive.Due(), SilentAt());
     return mOptions.seconds > 0 ? std::min(due, End()) : due;
   }
 
@@ -261,6 +262,10 @@ Subcommand AddStream(CLI::App& app, CommonOptions& common) {
   until->add_option("--frames", options->frames, "This many pictures")->type_name("N")->check(aboveZero);
   until->add_option("--seconds", options->seconds, "This long")->type_name("S")->check(aboveZero);
   until->require_option(0, 1);
+  line->add_option("--silence", options->silence, "Without a picture for so long, the camera has failed")
+      ->type_name("S")
+      ->check(aboveZero)
+      ->capture_default_str();
   line->add_flag("--no-transcode", options->untouched,
                  "Pictures as the camera gives them; without, raw ones come as H.264");
   line->add_option("-o,--output", options->file, "Write the pictures, one behind the other")->type_name("FILE");
