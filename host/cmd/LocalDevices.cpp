@@ -245,12 +245,18 @@ void DeviceWatch::LookForChange() {
 
 int LIBUSB_CALL DeviceWatch::OnHotplug(libusb_context* /*context*/, libusb_device* device, libusb_hotplug_event event,
                                        void* self) {
-  const auto& watch = *static_cast<const DeviceWatch*>(self);
+  auto& watch = *static_cast<DeviceWatch*>(self);
   libusb_device_descriptor desc{};
   libusb_get_device_descriptor(device, &desc);
   const DeviceIdentity identity = IdentityOf(device, desc);
-  if (!IsHub(desc) && watch.mSelector.Matches(identity)) {
-    (event == LIBUSB_HOTPLUG_EVENT_DEVICE_ARRIVED ? watch.mCallbacks.onArrived : watch.mCallbacks.onLeft)(identity);
+  if (IsHub(desc) || !watch.mSelector.Matches(identity)) {
+    return 0;
+  }
+  if (event == LIBUSB_HOTPLUG_EVENT_DEVICE_ARRIVED) {
+    watch.mSeen = watch.mSeen ? watch.mSeen : identity;  // Where nobody tells when it leaves, it is missed then.
+    watch.mCallbacks.onArrived(identity);
+  } else {
+    watch.mCallbacks.onLeft(identity);
   }
   return 0;
 }

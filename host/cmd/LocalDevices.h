@@ -82,7 +82,7 @@ class DeviceWatch {
   LibusbContextHandle mContext;
   libusb_hotplug_callback_handle mHotplug = 0;
   std::atomic<bool> mStopped{false};
-  std::optional<DeviceIdentity> mSeen;  // By LookForChange; the watch's thread.
+  std::optional<DeviceIdentity> mSeen;  // For LookForChange; the watch's thread and, before that, its maker's.
   std::thread mThread;
 };
 

@@ -128,7 +128,9 @@ void MockUsb::Plug() {
     mState.configuration = 1;
     Changed();
   }
-  umockdev_testbed_uevent(mTestbed.get(), (std::string("/sys") + kSysPath).c_str(), "add");
+  if (mTells) {
+    umockdev_testbed_uevent(mTestbed.get(), (std::string("/sys") + kSysPath).c_str(), "add");
+  }
 }
 
 void MockUsb::PlugTwin() {
@@ -148,7 +150,9 @@ void MockUsb::Unplug() {
     Changed();
     mFifo = {};  // Left empty: whoever still has it open is told at once that the device is gone.
   }
-  umockdev_testbed_uevent(mTestbed.get(), (std::string("/sys") + kSysPath).c_str(), "remove");
+  if (mTells) {
+    umockdev_testbed_uevent(mTestbed.get(), (std::string("/sys") + kSysPath).c_str(), "remove");
+  }
   umockdev_testbed_remove_device(mTestbed.get(), (std::string("/sys") + kSysPath).c_str());
 }
 

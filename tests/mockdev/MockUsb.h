@@ -46,6 +46,8 @@ class MockUsb {
   MockUsb& operator=(const MockUsb&) = delete;
   virtual ~MockUsb() = default;
 
+  // Whether the kernel tells programs when it is plugged in and out; it does at first.
+  void Tell(bool tells) { mTells = tells; }
   // At a new address each time.
   void Plug() VEL_EXCLUDES(mMutex);
   // A second device that looks the same, and does nothing.
@@ -132,6 +134,7 @@ class MockUsb {
   std::string NodeFile() const;
 
   const Traits mTraits;
+  bool mTells = true;
   std::uint8_t mAddress = 1;
   std::string mNode VEL_GUARDED_BY(mMutex);  // Of the device that is plugged in; empty when none is.
   UniqueFd mFifo VEL_GUARDED_BY(mMutex);     // Full while nothing is done.

@@ -10,6 +10,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <nlohmann/json.hpp>
 #include <string_view>
@@ -196,6 +197,35 @@ TEST_F(CommandAndDevice, ServeWaitsForTheDeviceAndTakesItBack) {
   }
   EXPECT_EQ(command.Kill(SIGINT).status, 0);
   ExpectDriversBack();
+}
+
+TEST_F(CommandAndDevice, WithoutUdevdTheDeviceIsLookedForEverySecond) {
+  if (access("/run/udev/control", F_OK) == 0) {
+    GTEST_SKIP() << "udevd runs here";
+  }
+  mDevice.Tell(false);
+  CommandProcess command(Words({"serve", "1209:0001", "--stdio", "--wait"}), kDeadline);
+  command.AwaitMessage("no udevd runs on this machine: the device is looked for every second");
+  mDevice.Plug();
+  command.AwaitMessage("device is there");
+  mDevice.Unplug();
+  command.AwaitMessage("device was unplugged");  // Also when it was there before the first look.
+  EXPECT_EQ(command.Kill(SIGINT).status, 0);
+}
+
+TEST_F(CommandAndDevice, KernelsLimitOfMemoryIsNamedOnce) {
+  const std::filesystem::path parameters = std::string(std::getenv("UMOCKDEV_DIR")) + "/sys/module/usbcore/parameters";
+  std::filesystem::create_directories(parameters);
+  std::ofstream(parameters / "usbfs_memory_mb") << 16;
+  mDevice.Plug();
+  CommandProcess command({VIRTUSB, "--module", VIRTUSB_MODULE, "serve", "1209:0001", "--stdio", "--answer-failures"},
+                         kDeadline);
+  Take(command.Remote());
+  for (int i = 0; i < 2; ++i) {
+    EXPECT_EQ(command.Remote().Transfer(Command::kBulkTransfer, 0x82, 16U << 20U).status, 1);
+  }
+  EXPECT_THAT(command.Leave().messages,
+              testing::ContainsRegex("^[^\n]*limit of memory[^\n]*usbcore.usbfs_memory_mb is 16 [^\n]*\n$"));
 }
 
 }  // namespace
