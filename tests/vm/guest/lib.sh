@@ -16,15 +16,16 @@ fail() {
 await() {
   what=$1
   shift
-  tries=1000
+  read -r now _ </proc/uptime
+  deadline=$((${now%.*} + 30))
   until "$@" >/dev/null 2>&1; do
-    tries=$((tries - 1))
-    [ $tries -gt 0 ] || fail "waited in vain: $what"
+    read -r now _ </proc/uptime
+    [ "${now%.*}" -lt $deadline ] || fail "waited in vain: $what"
     usleep 20000
   done
 }
 
-# ports_of STATUS: the vhci-hcd ports in this state; 006 is in use.
+# ports_of STATUS: the ports of the first vhci-hcd controller in this state; 006 is in use.
 ports_of() { awk -v status="$1" '$3 == status { print $2 + 0 }' /sys/devices/platform/vhci_hcd.0/status 2>/dev/null; }
 # device_of VID:PID: prints the name under /sys/bus/usb/devices; fails while there is none.
 device_of() {
@@ -34,6 +35,7 @@ device_of() {
   done
   return 1
 }
+gone() { ! device_of "$1"; }
 # place_of VID:PID: BUS:ADDRESS, as the command takes it.
 place_of() {
   folder=/sys/bus/usb/devices/$(device_of "$1")

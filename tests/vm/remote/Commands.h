@@ -14,10 +14,17 @@ using Arguments = std::span<const std::string>;
 std::string Audio(const std::string& place, Arguments arguments);
 // COUNT: uses the raw device by libusb where it is attached, and cancels so many transfers.
 std::string Guest(const std::string& place, Arguments arguments);
+// Claims interface 0 as any program does, says so, and keeps it until it is ended.
+std::string Hold(const std::string& place, Arguments arguments);
 // COUNT: cancels so many transfers of an endpoint that always has data.
 std::string Cancels(const std::string& place, Arguments arguments);
 // FILE WIDTH HEIGHT DB: recorded pictures of the synthetic camera, each another one and none worse than so many dB.
 std::string Pictures(const std::string& file, Arguments arguments);
+// DB: the same of the camera below, and none may be missing where they have to be exact.
+std::string Gradients(const std::string& file, Arguments arguments);
+// CONTROLLER: a UVC camera on this machine's bus, until it is ended, with payload headers of as many bytes as stand for
+// the place: 2, 8 or 12. The folder is vhci-hcd's in sysfs, or like it.
+std::string ShowCamera(const std::string& header, Arguments arguments);
 // The tty of an attached adapter: its pattern is read, and data written.
 std::string Serial(const std::string& node, Arguments arguments);
 // HEIGHT: the dB that the module's encoder alone leaves of the synthetic camera's worst picture. The place is the

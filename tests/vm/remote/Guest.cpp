@@ -1,9 +1,11 @@
 // Programs of the guest: libusb on the emulated raw device, and on a gadget, as they are attached to this machine's
 // bus.
 #include <libusb-1.0/libusb.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
+#include <cstdio>
 #include <vector>
 
 #include "Checks.h"
@@ -155,6 +157,14 @@ std::string Cancels(const std::string& place, Arguments arguments) {
   RequireEqual(libusb_bulk_transfer(raw.Handle(), kBulkIn, buffer.data(), kPacket, &moved, kTimeout), 0, "bulk IN");
   RequireEqual(moved, kPacket, "bulk IN's bytes");
   return std::to_string(cancelled) + " of " + arguments[0] + " transfers cancelled while data flowed";
+}
+
+std::string Hold(const std::string& place, Arguments /*arguments*/) {
+  const Raw raw(place);
+  static_cast<void>(std::puts("held"));
+  static_cast<void>(std::fflush(stdout));
+  pause();
+  return "";
 }
 
 }  // namespace vel::vm

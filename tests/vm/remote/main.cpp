@@ -18,10 +18,11 @@ struct Subject {
 };
 
 constexpr std::array kSubjects = {
-    Subject{"audio", 2, vel::vm::Audio},       Subject{"guest", 1, vel::vm::Guest},
-    Subject{"pictures", 3, vel::vm::Pictures}, Subject{"usbtest", 1, vel::vm::UsbTest},
-    Subject{"serial", 0, vel::vm::Serial},     Subject{"encoder", 1, vel::vm::Encoder},
-    Subject{"cancels", 1, vel::vm::Cancels},
+    Subject{"audio", 2, vel::vm::Audio},         Subject{"guest", 1, vel::vm::Guest},
+    Subject{"pictures", 3, vel::vm::Pictures},   Subject{"usbtest", 1, vel::vm::UsbTest},
+    Subject{"serial", 0, vel::vm::Serial},       Subject{"encoder", 1, vel::vm::Encoder},
+    Subject{"cancels", 1, vel::vm::Cancels},     Subject{"camera", 1, vel::vm::ShowCamera},
+    Subject{"gradients", 1, vel::vm::Gradients}, Subject{"hold", 0, vel::vm::Hold},
 };
 
 }  // namespace

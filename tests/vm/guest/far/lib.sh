@@ -35,8 +35,22 @@ use_simple_devices() {
   echo "LED set, 1 MiB printed"
 }
 
-# The camera's node, and COUNT pictures of it into /tmp/pictures: record WIDTH HEIGHT COUNT
-video() { echo "/dev/$(basename "$(find "/sys/bus/usb/devices/$(device_of ff00:fffe)/" -path '*/video4linux/video*' -name index -exec grep -l 0 {} \; | xargs dirname)")"; }
+# on_vhci VID:PID: the folder of the device that is attached.
+on_vhci() {
+  for folder in /sys/devices/platform/vhci_hcd.*/usb*/*-*; do
+    [ "$(cat "$folder/idVendor" 2>/dev/null):$(cat "$folder/idProduct" 2>/dev/null)" = "$1" ] && echo "$folder" && return
+  done
+  return 1
+}
+# find_disk: waits until the attached disk has a node, and sets $block to it.
+block_of() { find "$(on_vhci 1d6b:0106)/" -path '*/block/sd?' | grep .; }
+find_disk() {
+  await "the disk" block_of
+  block=/dev/$(basename "$(block_of)")
+}
+
+# The node of the one camera that has its driver, and COUNT pictures of it into /tmp/pictures: record WIDTH HEIGHT COUNT
+video() { echo "/dev/$(basename "$(dirname "$(grep -l 0 /sys/class/video4linux/*/index)")")"; }
 record() {
   timeout 30 v4l2-ctl -d "$(video)" --set-fmt-video="width=$1,height=$2,pixelformat=YUYV" --stream-mmap \
     --stream-count="$3" --stream-to=/tmp/pictures >/tmp/record 2>&1 || fail "no pictures: $(tail -n 3 /tmp/record)"

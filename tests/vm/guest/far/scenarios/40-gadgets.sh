@@ -12,11 +12,7 @@ acm=$(place_of 1d6b:0104)
 direct=$(remote usbtest "$zero" 20)
 case $direct in *fails*) fail "directly: $direct" ;; esac
 attach "$disk" "$zero" "$acm"
-on_vhci() { for folder in /sys/devices/platform/vhci_hcd.*/usb*/*-*; do [ "$(cat "$folder/idVendor" 2>/dev/null):$(cat "$folder/idProduct" 2>/dev/null)" = "$1" ] && echo "$folder" && return; done; return 1; }
-block_of() { find "$(on_vhci 1d6b:0106)/" -path '*/block/sd?' | head -n 1; }
-has_block() { [ "$(block_of)" ]; }
-await "the disk" has_block
-block=/dev/$(basename "$(block_of)")
+find_disk
 mkfs.ext4 -q -O ^has_journal "$block" 2>/dev/null
 mkdir -p /mnt
 mount -t ext4 "$block" /mnt
@@ -55,8 +51,8 @@ await "cdc_acm on the gadget again" has_driver 1d6b:0104 0 cdc_acm
 
 # Pulled out while data flows: the service ends, and with it what is attached.
 attach "exec:$VIRTUSB --module $VIRTUSB_MODULE serve $(place_of 1d6b:0106) --stdio --answer-failures"
-await "the disk" has_block
-dd if=/dev/"$(basename "$(block_of)")" of=/tmp/read bs=64k 2>/dev/null &
+find_disk
+dd if="$block" of=/tmp/read bs=64k 2>/dev/null &
 reader=$!
 await "data" test -s /tmp/read
 echo >$gadgets/disk/UDC
