@@ -42,6 +42,7 @@ class Remote(CommandTestCase):
                     ("exec:sh -c 'kill -9 $$'", 1, "(killed by signal 9)"),
                     ("exec:head -c 10", 1, "ended in the middle of a packet"),
                     ("exec:echo SSH-2.0-something else", 1, "speaks something else: the stream holds no packet"),
+                    ("exec:yes", 1, "speaks something else"),
                     ("exec:", 2, "names no command"),
                     ("exec:a 'b", 2, "quote"),
                     ("exec:a | b", 2, "sh -c")):

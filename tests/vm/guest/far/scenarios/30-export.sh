@@ -24,7 +24,7 @@ remote pictures /tmp/pictures 640 480 20
 # None of these disturbs the others.
 usbip attach -r 127.0.0.1 -b 1-7 2>/dev/null && fail "a device has two guests"
 usbip attach -r 127.0.0.1 -b 1-9 2>/dev/null && fail "a device that is not there is attached"
-head -c 1000000 /dev/urandom | timeout 5 nc 127.0.0.1 3240 >/dev/null || true
+head -c 1073741824 /dev/zero | timeout 20 nc 127.0.0.1 3240 >/dev/null || true
 ports=$(ports_of 006 | wc -l)
 [ "$ports" = 7 ] || fail "$ports devices are left"
 usbip detach -p 1 2>/dev/null
@@ -34,8 +34,8 @@ await "usblp again" has_driver 2867:1112 0 usblp
 # A client that takes a device and then sends what is no command loses it.
 usbip detach -p 1 2>/dev/null
 await "the printer to be given back" grep -c 'given printer back' $said
-{ printf '\001\021\200\003\0\0\0\0001-2'; head -c 29 /dev/zero; head -c 100000 /dev/urandom; } |
-  timeout 5 nc 127.0.0.1 3240 >/dev/null || true
+{ printf '\001\021\200\003\0\0\0\0001-2'; head -c 29 /dev/zero; head -c 1073741824 /dev/urandom; } |
+  timeout 20 nc 127.0.0.1 3240 >/dev/null || true
 await "its refusal" grep -q 'sends what is no USB/IP' $said
 ports=$(ports_of 006 | wc -l)
 [ "$ports" = 6 ] || fail "$ports devices are left of six"

@@ -10,6 +10,22 @@ attached=
 await "the ports to be free" ports_free
 record_off
 
+zero=$(place_of 0525:a4a0)
+$VIRTUSB --module $VIRTUSB_MODULE export camera "$zero" 2>$said &
+exporter=$!
+await "the service" grep -q '^serving 2 devices' $said
+usbip attach -r 127.0.0.1 -b 1-1
+usbip attach -r 127.0.0.1 -b 1-2
+await "uvcvideo" has_driver ff00:fffe 1 uvcvideo
+record_on
+kill -KILL $exporter
+wait $exporter || true
+exporter=
+await "the ports to be free" ports_free
+record_off
+virtusb giveback "$zero"
+await "usbtest on the gadget again" has_driver 0525:a4a0 0 usbtest
+
 serve="exec:$VIRTUSB --module $VIRTUSB_MODULE serve camera --stdio --answer-failures"
 attach "$serve"
 record_on
@@ -21,8 +37,16 @@ attached=
 await "the ports to be free" ports_free
 record_off
 cat $said
+
+# A far end that turns into something else leaves the other device as it is.
+attach "exec:sh -c '$VIRTUSB --module $VIRTUSB_MODULE serve camera --stdio --answer-failures; yes'" keyboard
+kill -TERM "$(pidof virtusb | tr ' ' '\n' | sort -n | tail -n 1)"
+await "the camera's end" gone ff00:fffe
+cat $said
+await "the other device's driver" has_driver 4701:0290 0 usbhid
+detach
 attach camera
 record 640 480 5
 remote pictures /tmp/pictures 640 480 20 >/dev/null
 detach
-echo "killed at either end; the camera streams again"
+echo "killed at either end, or nonsense from the far one; the camera streams again"
