@@ -55,16 +55,18 @@ def check_camera(work):
     return "the worst pictures have " + "; ".join(results)
 
 
+SETS = {"kernel": "describe,audio", "far": "attach,camera"}
 CHECKS = {"describe": check_descriptors, "attach": check_descriptors, "audio": check_sound, "camera": check_camera}
 
 
 def main():
-    """check_results.py WORK_DIR SCENARIO,... PROGRAM... VM_REMOTE: a check for each scenario that has one."""
+    """check_results.py FOLDER SCENARIO,... PROGRAM... VM_REMOTE: a check for each scenario that has one."""
     failed = False
-    for scenario in sys.argv[2].split(","):
+    folder = pathlib.Path(sys.argv[1]).resolve()
+    for scenario in (sys.argv[2] or SETS[folder.name]).split(","):
         try:
             if scenario in CHECKS:
-                print("ok   ", CHECKS[scenario](pathlib.Path(sys.argv[1])))
+                print("ok   ", CHECKS[scenario](folder))
         except (AssertionError, AttributeError, LookupError, ValueError, OSError, EOFError, wave.Error,
                 subprocess.SubprocessError) as error:
             print("FAIL ", scenario, repr(error))

@@ -1,7 +1,7 @@
 #!/bin/sh
 # Builds the initramfs: busybox, the kernel modules, the guest's scripts, the programs and the libraries they load.
 #
-# build_image.sh IMAGE MODULES_TREE GUEST_SCRIPTS SET PROGRAM...   SET: a folder, also where it is one of the scripts'
+# build_image.sh IMAGE MODULES_TREE GUEST_SCRIPTS SET PROGRAM...
 set -eu
 image=$1 modules=$2 scripts=$3 set=$4
 shift 4
