@@ -31,12 +31,10 @@ int LibusbContext::Create() {
 }
 
 bool LibusbContext::StartThread(std::function<void()> onEnd) {
-  mRunning = true;
   mThreadHandlesEvents = true;
   try {
     mThread = std::thread([this, onEnd = std::move(onEnd)] { LibusbEventHandler(onEnd); });
   } catch (const std::exception&) {
-    mRunning = false;
     mThreadHandlesEvents = false;
     return false;
   }

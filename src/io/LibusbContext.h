@@ -41,7 +41,7 @@ class LibusbContext {
   void LibusbEventHandler(const std::function<void()>& onEnd);
 
   LibusbContextPtr mContext;
-  std::atomic<bool> mRunning = false;
+  std::atomic<bool> mRunning = true;
   std::atomic<bool> mThreadHandlesEvents = false;
   std::thread mThread;
 };

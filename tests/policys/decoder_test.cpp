@@ -91,6 +91,7 @@ TEST_F(Decoder, UnknownPixelFormatIsBlackWhateverWasThereBefore) {
   }
   EXPECT_EQ(mDeliveries.frames.Await(2).at(1).bytes, black);
   EXPECT_EQ(log.Count("Error:mjpeg decoder  unknow format = 8 "), 1U);
+  EXPECT_EQ(log.Count("Debug:decode success, frame size[8192]"), 2U);
   UVCDecoder planar;
   ASSERT_EQ(planar.Init(UVC_DECODER_TYPE_MJPEG, UVC_DECODER_OUTPUT_I420, 64, 64, nullptr), 0);
   const Bytes grey = JpegWriter{.width = 64, .height = 64, .grey = true}.Write();

@@ -1,4 +1,4 @@
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include <algorithm>
 #include <array>
@@ -168,7 +168,6 @@ TEST(FrameManager, DumpsWhatComesInAndWhatWasEncoded) {
   UVCFrameManager manager(kYuyv, kH264);
   manager.EnableDumpStream(nullptr, 0);
   manager.EnableDumpStream(files[0].c_str(), 2);
-  EXPECT_EQ(log.Count("Error:unknow stream type."), 1U);
   for (const std::uint8_t type : {UVCFrameManager::kDumpEncoded, UVCFrameManager::kDumpRaw}) {
     manager.EnableDumpStream(files[type].c_str(), type);
   }
@@ -183,7 +182,8 @@ TEST(FrameManager, DumpsWhatComesInAndWhatWasEncoded) {
   for (int i = 0; i < 2; ++i) {
     manager.DumpStream(picture.data(), 8192, UVCFrameManager::kDumpRaw);
   }
-  EXPECT_EQ(log.Count("Error:cannot write 8192 bytes of frames, the dump ends"), 1U);
+  EXPECT_THAT(log.Messages(), testing::ElementsAre("Error:unknow stream type.",
+                                                   "Error:cannot write 8192 bytes of frames, the dump ends"));
   const auto content = [](const std::string& file) {
     std::ifstream stream(file, std::ios::binary);
     return Bytes(std::istreambuf_iterator<char>(stream), {});

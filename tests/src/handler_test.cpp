@@ -10,6 +10,7 @@
 #include <gmock/gmock.h>
 
 #include "SessionFixture.h"
+#include "protocol/IsoTable.h"
 
 namespace vel {
 namespace {
@@ -130,6 +131,10 @@ TEST(RealDevice, RefusedTransfersReturnTheRequestsBytesAndZerosForTheRest) {
   EXPECT_THAT(session.Ask(BuildTransferRequest(Command::kInterruptTransfer, kId, 0x01, 2, 2, Bytes{3, 4})),
               IsInterruptReply(2, kXferError, ElementsAre(3, 4)));
   mallopt(M_PERTURB, 0);
+  session.Ask(BuildIsoRequest(kId, 0x83, 3, std::array{2U, 1U}, {}));
+  const Bytes table = session.io.Transfers().back().table;
+  ASSERT_EQ(table.size(), 32U);
+  EXPECT_EQ(LoadIsoRecord(table.data(), 1).length, 1U);
   session.Ask(BuildRequest(Command::kOpenUsbDev, kId));
   session.Ask(BuildControlRequest(kId, {0x80, 6, 0x0100, 0, 64}, 9, Bytes(64)));
   EXPECT_EQ(session.io.Calls().back(), "ControlTransfer 128 6 256 0 64 9") << "the policy answered for the device";

@@ -1,4 +1,5 @@
 // No memory and no thread: what was asked is answered or dropped, and nothing ends.
+#include <malloc.h>
 #include <pthread.h>
 
 #include <array>
@@ -45,12 +46,13 @@ class Keyboard final : public FakeDeviceBase {
   std::atomic<std::uint32_t> mRound{0};
 };
 
+constexpr std::size_t kDataBytes = 60000;  // What is lost of it is seen among the rest.
+
 std::unique_ptr<VelPacket> Request(Command command, RequestId id) {
-  constexpr std::array<std::uint8_t, 3> kData = {1, 2, 3};
   switch (command) {
     case Command::kBulkTransfer:
     case Command::kInterruptTransfer:
-      return BuildTransferRequest(command, id, 0x01, id.devId, 3, kData);
+      return BuildTransferRequest(command, id, 0x01, id.devId, kDataBytes, std::vector<std::uint8_t>(kDataBytes));
     case Command::kIsochTransfer:
       return BuildIsoRequest(id, 0x83, id.devId, std::array{3U}, {});
     case Command::kControlTransfer:
@@ -70,6 +72,7 @@ class Memory : public ::testing::Test {
 
 TEST_F(Memory, WithoutItARequestIsRefusedAndTheNextIsCarriedOut) {
   const std::unique_ptr<VelDriver> driver(virtusb_open(&mDevice));
+  const std::size_t before = mallinfo2().uordblks;
   std::uint32_t round = 0;
   for (const CommandInfo& command : kCommands) {
     SCOPED_TRACE(command.name);
@@ -95,6 +98,7 @@ TEST_F(Memory, WithoutItARequestIsRefusedAndTheNextIsCarriedOut) {
     }
   }
   driver->Close(0);
+  EXPECT_LT(mallinfo2().uordblks, before + kDataBytes);
 }
 
 // The framework's thread is a new one, this one's allocations always work.
@@ -119,6 +123,19 @@ TEST_F(Memory, WithoutItAPacketIsDroppedAndADriverIsNotMade) {
     ASSERT_EQ(mDevice.replies.Await(1).size(), 1U);
   }
   driver->Close(0);
+}
+
+TEST_F(Memory, WithoutItAPacketTakesNothingOrNoMore) {
+  FailMemoryOfOthersAfter(1, 2);
+  std::thread([] {
+    VelPacket full(VelPacket::kHeaderSize + 4);
+    EXPECT_EQ(full.Append("abcd", 4) + full.Append("efgh", 4), 0);
+    EXPECT_EQ(full.Wire().size(), full.GetCapacity());
+    VelPacket none(100);
+    EXPECT_EQ(none.InitHeader(1, 2, 3), -1);
+    EXPECT_EQ(none.Append("", 0), -1);
+  }).join();
+  EXPECT_EQ(FailMemoryOfOthersAfter(0, 0), 0U);
 }
 
 TEST_F(Memory, WithoutAThreadADriverIsNotMade) {

@@ -150,7 +150,10 @@ int ScriptedUsbIo::Submit(std::string_view operation, _UsbIoXferInfo* info) {
   {
     const MutexLock lock(mMutex);
     const bool hasTable = info->isoPacketNum > 0 && info->data != nullptr && info->length >= sizeof(IsoPacketRecord);
-    mTransfers.push_back({.length = info->length, .packetLength = hasTable ? LoadIsoRecord(info->data, 0).length : 0U});
+    const auto* const table = static_cast<const std::uint8_t*>(info->isoDescCopy);
+    mTransfers.push_back({.length = info->length,
+                          .packetLength = hasTable ? LoadIsoRecord(info->data, 0).length : 0U,
+                          .table = {table, table + info->isoDescLen}});
     if (result >= 0 && mHolds) {
       mHeld.push_back(info);
       mChanged.NotifyAll();

@@ -41,7 +41,8 @@ class ScriptedUsbIo {
   // A record as it was submitted.
   struct Submitted {
     std::uint32_t length = 0;
-    std::uint32_t packetLength = 0;  // Of an isochronous one's first packet.
+    std::uint32_t packetLength = 0;     // Of an isochronous one's first packet.
+    std::vector<std::uint8_t> table{};  // Its copy of the request's.
   };
   using DataHook = std::function<int(std::span<std::uint8_t>)>;
 

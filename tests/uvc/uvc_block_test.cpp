@@ -134,6 +134,7 @@ TEST(UVCFilter, TakesTallFramesOut) {
     const Bytes after = VsBlock(test.after).bytes;
     VsBlock bounded(test.before);
     VsBlock trusted(test.before);
+    trusted.bytes.insert(trusted.bytes.end(), {6, 0x24, 13, 1, 1, 4});  // Behind it, of something else.
     ASSERT_EQ(UVCUtil::FilterFrameDescriptors(std::span(bounded.bytes), test.limit), after.size());
     ASSERT_EQ(UVCUtil::FilterFrameDescriptors(trusted.bytes.data(), test.limit), after.size());
     bounded.bytes.resize(after.size());
@@ -141,6 +142,9 @@ TEST(UVCFilter, TakesTallFramesOut) {
     EXPECT_EQ(bounded.bytes, after);
     EXPECT_EQ(trusted.bytes, after);
   }
+  Bytes header = {3, 0x24, 1, 77};  // Without its last fields, and what is behind it.
+  EXPECT_EQ(UVCUtil::FilterFrameDescriptors(std::span(header), 480), 3U);
+  EXPECT_EQ(header[3], 77);
 }
 
 TEST(UVCUtil, HelpsClientsWithTheirDiagnosis) {
@@ -165,6 +169,7 @@ TEST(UVCUtil, HelpsClientsWithTheirDiagnosis) {
   EXPECT_EQ(log.Count("Error:open /nowhere/picture, fail"), 1U);
   UVCUtil::SavePicture(nullptr, 3, path.c_str());
   UVCUtil::ParseUVCFrameHeader(picture.data(), 3);
+  UVCUtil::ParseUVCFrameHeader(Bytes(12).data(), 12);
   EXPECT_EQ(log.Count("Error:"), 13U);
 }
 

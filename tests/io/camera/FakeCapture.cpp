@@ -112,6 +112,7 @@ int CamStreamOn(const char* id) {
   while (gFake->streaming) {
     gFake->changed.Wait(lock);
   }
+  gFake->calls.push_back("streamed");
   return 0;
 }
 

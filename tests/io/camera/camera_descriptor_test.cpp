@@ -137,6 +137,7 @@ TEST(CameraDescriptors, AreNotThereWithoutAUsableSource) {
     DummyUvcIo io(1, 0x80, 1, 1, "cam");
     EXPECT_EQ(io.OpenUsbDev(), -1);
     EXPECT_EQ(io.GetConfigDesc(), nullptr);
+    EXPECT_EQ(capture.Calls().back(), open < 0 ? "CamOpen cam" : "CamClose cam");
     capture.openResult = capture.listResult = 0;
     capture.params = {{640, 480, 2, 0}};
     EXPECT_EQ(io.OpenUsbDev(), 0) << "a source that is there later is taken";

@@ -141,6 +141,7 @@ TEST(ICamera, AnswersWhatItDoesNotDoWithSuccessAndEndsWhileItStreams) {
     EXPECT_EQ(camera->ProbeParam(&param), 0);
     EXPECT_EQ(camera->SetStreamCallback(nullptr, nullptr), 0);
     EXPECT_EQ(camera->StreamOff(), -1) << "not on";
+    EXPECT_EQ(camera->Close(), 0) << "not open";
     for (int i = 0; i < 2; ++i) {
       EXPECT_EQ(camera->Open("cam"), 0);
     }
@@ -148,12 +149,14 @@ TEST(ICamera, AnswersWhatItDoesNotDoWithSuccessAndEndsWhileItStreams) {
     EXPECT_TRUE(streams());
     EXPECT_EQ(camera->StreamOn(), 0) << "goes on";
     EXPECT_EQ(camera->StreamOff(), 0);
+    EXPECT_EQ(camera->StreamOff(), -1) << "no more";
     EXPECT_EQ(camera->SetParam(&param), 0);
     EXPECT_EQ(camera->StreamOn(), 0);
     EXPECT_TRUE(streams());
   }
-  EXPECT_THAT(capture.Calls(), ElementsAre("CamOpen cam", "CamStreamOn cam", "CamStreamOff cam", "CamSetParam 0x0 0",
-                                           "CamStreamOn cam", "CamStreamOff cam", "CamClose cam"));
+  EXPECT_THAT(capture.Calls(),
+              ElementsAre("CamOpen cam", "CamStreamOn cam", "CamStreamOff cam", "streamed", "CamSetParam 0x0 0",
+                          "CamStreamOn cam", "CamStreamOff cam", "streamed", "CamClose cam"));
   EXPECT_THAT(log.Messages(), testing::IsEmpty());
 }
 
@@ -171,6 +174,8 @@ TEST(BgrxToYuyv, ConvertsPairsAndSkipsAnOddColumn) {
   using testing::_;
   EXPECT_THAT(yuyv, ElementsAre(0, _, testing::Ge(254), _, 29, (255 + 43) / 2, 149, (107 + 21) / 2, 76, _, _, _, 0xEE));
   EXPECT_FALSE(BgrxToYuyv(row, 7, 2, yuyv));
+  ASSERT_TRUE(BgrxToYuyv(row, 3, 2, yuyv));
+  EXPECT_EQ(yuyv[4], 149) << "green again, of the second row";
   EXPECT_FALSE(BgrxToYuyv(row, 7, 1, std::span(yuyv).first(11)));
 }
 

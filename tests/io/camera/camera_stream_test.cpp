@@ -135,7 +135,7 @@ TEST_F(CameraStream, StartsTheSourceWithTheNegotiatedFrame) {
   EXPECT_EQ(io->SetInterfaceAltSetting(1, 4), 0);
   EXPECT_EQ(io->SetInterfaceAltSetting(1, 0), 0);
   EXPECT_THAT(capture.Calls(), ElementsAre("CamOpen cam", "CamSetParam 1280x720 2", "CamStreamOn cam",
-                                           "CamSetParam 1280x720 2", "CamStreamOff cam"));
+                                           "CamSetParam 1280x720 2", "CamStreamOff cam", "streamed"));
 }
 
 TEST_F(CameraStream, StartsAndStopsAtAnyMoment) {

@@ -79,6 +79,10 @@ TEST(Negotiation, StartsWithWhatWasAgreedOnAlone) {
       {"above", Kind::kEmulated, [](ScriptedCamera& c) { c.Commit(ScriptedCamera::Ctrl(kMax + 1)); }, {}},
       {"payload 0", Kind::kIso, [](ScriptedCamera& c) { c.Commit(ScriptedCamera::Ctrl(64, 0)); }, {}},
       {"bulk", Kind::kBulk, [](ScriptedCamera& c) { c.Commit(ScriptedCamera::Ctrl(64, 70)); }, {70, 70, 70}},
+      {"bulk, 64 MiB",
+       Kind::kBulk,
+       [](ScriptedCamera& c) { c.Commit(ScriptedCamera::Ctrl(64, kMax)); },
+       {kMax, kMax, kMax}},
       {"bulk, payload 0", Kind::kBulk, [](ScriptedCamera& c) { c.Commit(ScriptedCamera::Ctrl(64, 0)); }, {}},
   };
   for (const Case& test : cases) {
@@ -102,10 +106,10 @@ TEST(Negotiation, PacketsAreNoLargerThanAgreedOnAndThanTheSettingCarries) {
     Bytes companion;
     std::uint32_t agreed;
     std::uint32_t packets;  // 0: no stream.
-  } cases[] = {{0x0400, {}, 3072, 1024},      {0x0C00, {}, 3072, 2048},       {0x1400, {}, 3072, 3072},
-               {0x1400, {}, 3060, 3060},      {0x0000, {}, 3060, 3060},       {0x0400, superSpeed, 50000, 46080},
-               {0x1400, {2, 5}, 3060, 3060},  {0x0400, whole, 100000, 94208}, {0x0400, superSpeedPlus, 9, 1},
-               {0x0000, {}, kMax / 32 + 1, 0}};
+  } cases[] = {{0x0400, {}, 3072, 1024},           {0x0C00, {}, 3072, 2048},       {0x1400, {}, 3072, 3072},
+               {0x1400, {}, 3060, 3060},           {0x0000, {}, 3060, 3060},       {0x0400, superSpeed, 50000, 46080},
+               {0x1400, {2, 5}, 3060, 3060},       {0x0400, whole, 100000, 94208}, {0x0400, superSpeedPlus, 9, 1},
+               {0x0000, {}, kMax / 32, kMax / 32}, {0x0000, {}, kMax / 32 + 1, 0}};
   for (const auto& [wMaxPacketSize, companion, agreed, packets] : cases) {
     SCOPED_TRACE(agreed);
     ScriptedCamera camera(Kind::kIso);
