@@ -4,19 +4,52 @@
 #include <algorithm>
 #include <iterator>
 #include <numeric>
+#include <string>
+#include <string_view>
 #include <vector>
 
 extern "C" {
-#include <libavutil/frame.h>
+#include <libavcodec/avcodec.h>
 }
 
+#include "codec/FfmpegLog.h"
 #include "codec/FrameBlocks.h"
+#include "policys/Encoder/FFmpegEncoder.h"
 #include "policys/UVCDecoder.h"
 #include "policys/UVCEncoder.h"
 #include "support/CapturingLog.h"
 #include "support/Collected.h"
 #include "support/Limits.h"
 #include "support/Scene.h"
+
+namespace {
+
+bool gHasOpenh264 = false;
+std::vector<std::string> gOptions;
+
+}  // namespace
+
+// The linker sends the calls of this binary here. libopenh264 is libx264 under that name: it knows none of the other's
+// options.
+extern "C" {
+
+const AVCodec* __real_avcodec_find_encoder_by_name(const char* name);
+int __real_av_opt_set(void* object, const char* name, const char* value, int flags);
+
+const AVCodec* __wrap_avcodec_find_encoder_by_name(const char* name) {
+  const bool here = gHasOpenh264 && std::string_view(name) == "libopenh264";
+  return __real_avcodec_find_encoder_by_name(here ? "libx264" : name);
+}
+int __wrap_av_opt_set(void* object, const char* name, const char* value, int flags) {
+  gOptions.push_back(std::string(name) + "=" + value);
+  return __real_av_opt_set(object, name, value, flags);
+}
+int __wrap_av_opt_set_int(void* /*object*/, const char* name, std::int64_t value, int /*flags*/) {
+  gOptions.push_back(std::string(name) + "=" + std::to_string(value));
+  return 0;
+}
+
+}  // extern "C"
 
 namespace vel::test {
 namespace {
@@ -39,9 +72,17 @@ struct Setting {
   int bitRate;  // Bit/s.
   int framesPerSecond;
   int gopSize;
+  bool openh264 = false;
 };
 
-class EncoderStream : public testing::TestWithParam<Setting> {};
+class EncoderStream : public testing::TestWithParam<Setting> {
+ protected:
+  EncoderStream() {
+    gHasOpenh264 = GetParam().openh264;
+    gOptions.clear();
+  }
+  ~EncoderStream() override { gHasOpenh264 = false; }
+};
 
 // What a receiver sees of six seconds of video: each unit is a picture at once, so that none waits for a later one.
 TEST_P(EncoderStream, IsWhatAReceiverLikes) {
@@ -85,13 +126,37 @@ TEST_P(EncoderStream, IsWhatAReceiverLikes) {
     const double bits = 8 * std::accumulate(sizes.begin() + begin, sizes.begin() + begin + window, 0.0);
     EXPECT_NEAR(bits / 4 / setting.bitRate, 1, 0.15) << "from picture " << begin;
   }
+  if (setting.openh264) {
+    EXPECT_LT(gOptions.size(), 5 + 2 * 30U) << "opened again where the quantiser stays";
+    gOptions.resize(5);
+    EXPECT_THAT(gOptions, testing::ElementsAre("preset=ultrafast", "profile=main", "tune=zerolatency",
+                                               "allow_skip_frames=0", "rc_mode=quality"));
+  }
 }
 
 INSTANTIATE_TEST_SUITE_P(EachSetting, EncoderStream,
                          testing::Values(Setting{"Height480", 640, 480, 800000, 15, 5},
+                                         Setting{"Openh264", 640, 480, 800000, 15, 5, true},
                                          Setting{"Height720", 1280, 720, 1000000, 25, 25},
                                          Setting{"Height1080", 1920, 1080, 1500000, 25, 25}),
                          [](const auto& setting) { return setting.param.name; });
+
+TEST(FFmpegEncoderTest, LeavesLongGroupsToOpenh264AndShowsItsDiagnosisWhenAsked) {
+  gHasOpenh264 = true;
+  const FfmpegLogRoute route;
+  for (const bool debug : {false, true}) {
+    const CapturingLog log;
+    FFmpegEncoder encoder(false);
+    if (debug) {
+      encoder.enableDebug();
+    }
+    EXPECT_EQ(encoder.open({.width = 64, .height = 64, .bitRate = 200000, .gopSize = 25, .timeBase = {1, 25}}), 0);
+    EXPECT_EQ(encoder.Name(), "libopenh264");
+    EXPECT_EQ(gOptions.back(), "rc_mode=bitrate");
+    EXPECT_EQ(log.Count("[libx264 @") > 0, debug);
+  }
+  gHasOpenh264 = false;
+}
 
 // Holds the worker in its first delivery, so that what is queued meanwhile stays queued.
 struct HeldDeliveries : UVCEncoderHandler {
