@@ -9,8 +9,8 @@ from dataclasses import replace
 from unittest import mock
 
 import wire
-from wire import (BULK, CANCEL, CONTROL, DEVICES, GET_ADDRESS, GET_BUS, GET_SPEED, GET_STRING, INTERRUPT, ISO, MIB,
-                  OPEN, PING, SET_ALT, SET_CONFIG, SET_POLICY, Request, answer, bulk, control, filler, given_back,
+from wire import (BULK, CANCEL, CONTROL, DEVICES, GET_ADDRESS, GET_BUS, GET_DEVICE, GET_SPEED, GET_STRING, INTERRUPT,
+                  ISO, MIB, PING, SET_ALT, SET_CONFIG, SET_POLICY, Request, answer, bulk, control, filler, given_back,
                   interrupt, iso, iso_given_back, iso_raw, iso_table, pattern, policy, status, string)
 
 # Command, request payload, reply command and i32 of the reply on the wire.
@@ -32,6 +32,19 @@ STATUS_COMMANDS = [
 
 NAME = bytes.fromhex("16 03 55 00 53 00 42 00 20 00 43 00 61 00 6D 00 65 00 72 00 61 00")
 ALIVE = (Request(GET_SPEED, req_id=0x77), status(2))
+
+# What a guest's class drivers ask: device, bmRequestType, bRequest, wValue, wIndex and the answer.
+CLASS_REQUESTS = [
+    ("ch340", 0xC0, 0x7F, 0x0302, 0, NAME),
+    ("keyboard", 0x81, 0x06, 0x2200, 0, bytes.fromhex("""
+        05 01 09 06 A1 01 05 07 19 E0 29 E7 15 00 25 01 75 01 95 08 81 02 95 01 75 08 81 01 95 05 75 01
+        05 08 19 01 29 05 91 02 95 01 75 03 91 01 95 06 75 08 15 00 25 65 05 07 19 00 29 65 81 00 C0""")),
+    ("printer", 0xA1, 0x00, 0x0000, 0, b"\x00\x1AMFG:DV3;CMD:PDF;MDL:VTL;"),
+    ("winusb", 0x80, 0x06, 0x03EE, 0, bytes.fromhex("12 03 4D 00 53 00 46 00 54 00 31 00 30 00 30 00 01 00")),
+    ("winusb", 0xC0, 0xA0, 0, 4, bytes.fromhex("28 00 00 00 00 01 04 00 01 00") + bytes(8) + b"WINUSB" + bytes(16)),
+    ("winusb", 0xC1, 0xA0, 0, 5, bytes.fromhex("8E 00 00 00 00 01 05 00 01 00  84 00 00 00 01 00 00 00 28 00") +
+     "DeviceInterfaceGUID\0".encode("utf-16-le") + bytes.fromhex("4E 00 00 00") +
+     "{13EB360B-BC1E-46CB-AC8B-EF3DA47B4062}\0".encode("utf-16-le"))]
 
 
 class Commands(wire.WireTestCase):
@@ -61,6 +74,17 @@ class Commands(wire.WireTestCase):
                 request, payload = kinds[i % len(kinds)]
                 exchanges.append((replace(request, req_id=i & 0xFF, dev_id=i * 0x01010101 & 0xFFFFFFFF), payload))
             self.expect(name, exchanges)
+
+    def test_class_requests_are_answered_and_cut_and_others_echoed(self) -> None:
+        for name, *setup, data in CLASS_REQUESTS:
+            self.expect(name, [(control(*setup, filler(n)), answer(data[:n])) for n in (0, len(data) - 1, 255)] +
+                        [(control(0xC0, 0x01, 0, 4, filler(n)), answer(filler(n))) for n in (0, 300, 0xFFFF)])
+
+    def test_device_descriptor_command_makes_endpoint_zero_64_bytes_for_good(self) -> None:
+        original = bytes.fromhex("12 01 10 01 FF 00 00 08 86 1A 23 75 54 02 00 02 00 01")
+        patched = original[:7] + b"\x40" + original[8:]
+        read = control(0x80, 6, 0x0100, 0, filler(64))
+        self.expect("ch340", [(read, answer(original)), (Request(GET_DEVICE), patched), (read, answer(patched))])
 
     def test_unknown_and_reply_codes_get_no_reply(self) -> None:
         codes = [*range(0x1001, 0x102E, 2), 0, 1, 2, 3, 5, 6, 0x0400, 0x102E, 0x1124, 0x8000, 0xFFFF]
