@@ -1,0 +1,148 @@
+// What a guest's program gets from the source/sink gadget of the kernel at BUS:ADDRESS, by libusb: the round trip of a
+// control request and of a bulk transfer, and the throughput of 16 bulk transfers in flight with the processor time of
+// the whole machine that goes into them. One line: LABEL control_us bulk_us in_MB/s in_cpu_ms/MB out_MB/s out_cpu_ms/MB
+#include <libusb-1.0/libusb.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <string>
+#include <vector>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+constexpr unsigned kTimeoutMs = 20000;
+constexpr unsigned kRoundTrips = 300;
+constexpr int kSmall = 512;
+constexpr int kLarge = 64 << 10;
+constexpr int kInFlight = 16;
+constexpr std::chrono::seconds kThroughputTime{3};
+
+void Require(bool holds, const char* otherwise) {
+  if (!holds) {
+    static_cast<void>(std::fprintf(stderr, "vm_bench: %s\n", otherwise));
+    std::exit(1);
+  }
+}
+
+double Seconds(Clock::duration time) {
+  return std::chrono::duration<double>(time).count();
+}
+
+// Microseconds: the median.
+template <typename Operation>
+double RoundTrip(Operation operation) {
+  std::vector<double> times;
+  for (unsigned i = 0; i < kRoundTrips; ++i) {
+    const Clock::time_point begin = Clock::now();
+    Require(operation(), "a round trip failed");
+    times.push_back(1e6 * Seconds(Clock::now() - begin));
+  }
+  std::ranges::nth_element(times, times.begin() + kRoundTrips / 2);
+  return times[kRoundTrips / 2];
+}
+
+// Seconds that all processors have worked since the start.
+double Busy() {
+  std::ifstream file("/proc/stat");
+  std::string cpu;
+  std::array<double, 8> times{};  // user nice system idle iowait irq softirq steal
+  file >> cpu;
+  for (double& each : times) {
+    file >> each;
+  }
+  return (times[0] + times[1] + times[2] + times[5] + times[6]) / static_cast<double>(sysconf(_SC_CLK_TCK));
+}
+
+struct Stream {
+  Clock::time_point end;
+  std::uint64_t bytes = 0;
+  int left = 0;
+};
+
+void LIBUSB_CALL Continue(libusb_transfer* transfer) {
+  auto* const stream = static_cast<Stream*>(transfer->user_data);
+  Require(transfer->status == LIBUSB_TRANSFER_COMPLETED && transfer->actual_length == kLarge, "a transfer failed");
+  stream->bytes += kLarge;
+  if (Clock::now() >= stream->end || libusb_submit_transfer(transfer) != 0) {
+    --stream->left;
+  }
+}
+
+struct Throughput {
+  double megabytesPerSecond;
+  double cpuMsPerMegabyte;
+};
+
+Throughput Pump(libusb_context* context, libusb_device_handle* handle, std::uint8_t endpoint) {
+  std::vector<std::vector<std::uint8_t>> buffers(kInFlight, std::vector<std::uint8_t>(kLarge));
+  std::vector<libusb_transfer*> transfers;
+  const double busy = Busy();
+  const Clock::time_point begin = Clock::now();
+  Stream stream{begin + kThroughputTime, 0, kInFlight};
+  for (auto& buffer : buffers) {
+    transfers.push_back(libusb_alloc_transfer(0));
+    libusb_fill_bulk_transfer(transfers.back(), handle, endpoint, buffer.data(), kLarge, Continue, &stream, kTimeoutMs);
+    Require(libusb_submit_transfer(transfers.back()) == 0, "a submission failed");
+  }
+  while (stream.left > 0) {
+    libusb_handle_events(context);
+  }
+  const double megabytes = static_cast<double>(stream.bytes) / 1e6;
+  const Throughput result{megabytes / Seconds(Clock::now() - begin), 1e3 * (Busy() - busy) / megabytes};
+  std::ranges::for_each(transfers, libusb_free_transfer);
+  return result;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  Require(argc == 3, "usage: vm_bench LABEL BUS:ADDRESS");
+  libusb_context* context = nullptr;
+  Require(libusb_init(&context) == 0, "no libusb");
+  libusb_device** list = nullptr;
+  const ssize_t count = libusb_get_device_list(context, &list);
+  libusb_device_handle* handle = nullptr;
+  for (ssize_t i = 0; i < count; ++i) {
+    if (std::to_string(libusb_get_bus_number(list[i])) + ":" + std::to_string(libusb_get_device_address(list[i])) ==
+        argv[2]) {
+      libusb_open(list[i], &handle);
+    }
+  }
+  libusb_free_device_list(list, 1);
+  Require(handle != nullptr, "the device cannot be opened");
+  Require(libusb_claim_interface(handle, 0) == 0, "the interface cannot be claimed");
+  libusb_config_descriptor* config = nullptr;
+  Require(libusb_get_active_config_descriptor(libusb_get_device(handle), &config) == 0, "no configuration");
+  std::array<std::uint8_t, 2> endpoints{};  // OUT, IN
+  const libusb_interface_descriptor& setting = config->interface[0].altsetting[0];
+  for (int i = 0; i < setting.bNumEndpoints; ++i) {
+    const std::uint8_t address = setting.endpoint[i].bEndpointAddress;
+    endpoints[address >> 7U] = address;
+  }
+  libusb_free_config_descriptor(config);
+
+  std::array<std::uint8_t, kSmall> small{};
+  // The status of the interface: nothing on the way knows it.
+  const double control = RoundTrip([&] {
+    return libusb_control_transfer(handle, 0x81, LIBUSB_REQUEST_GET_STATUS, 0, 0, small.data(), 2, kTimeoutMs) == 2;
+  });
+  // OUT: less than a packet cannot be asked of a source.
+  const double bulk = RoundTrip([&] {
+    int moved = 0;
+    return libusb_bulk_transfer(handle, endpoints[0], small.data(), kSmall, &moved, kTimeoutMs) == 0 && moved == kSmall;
+  });
+  const Throughput in = Pump(context, handle, endpoints[1]);
+  const Throughput out = Pump(context, handle, endpoints[0]);
+  static_cast<void>(std::printf("%s %.0f %.0f %.1f %.2f %.1f %.2f\n", argv[1], control, bulk, in.megabytesPerSecond,
+                                in.cpuMsPerMegabyte, out.megabytesPerSecond, out.cpuMsPerMegabyte));
+  libusb_release_interface(handle, 0);
+  libusb_close(handle);
+  libusb_exit(context);
+  return 0;
+}
