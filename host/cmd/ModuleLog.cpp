@@ -27,7 +27,7 @@ std::string TimeStamp() {
   std::tm local{};
   localtime_r(&seconds, &local);
   std::array<char, sizeof "2000-01-01 00:00:00"> text{};
-  std::strftime(text.data(), text.size(), "%F %T", &local);
+  static_cast<void>(std::strftime(text.data(), text.size(), "%F %T", &local));
   return Format("%s.%03d", text.data(), static_cast<int>(milliseconds));
 }
 

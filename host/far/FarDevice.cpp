@@ -55,9 +55,11 @@ FarDevice::~FarDevice() {
 }
 
 std::unique_ptr<StopWatcher> FarDevice::CutOffAtStop(std::chrono::milliseconds grace) {
-  return mOptions.stop == nullptr ? nullptr
-                                  : std::make_unique<StopWatcher>(
-                                        *mOptions.stop, [this] { mPipe.Close(); }, grace);
+  if (mOptions.stop == nullptr) {
+    return nullptr;
+  }
+  return std::make_unique<StopWatcher>(
+      *mOptions.stop, [this] { mPipe.Close(); }, grace);
 }
 
 void FarDevice::WithinTime(const std::function<void()>& send) {

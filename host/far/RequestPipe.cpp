@@ -41,6 +41,7 @@ void RequestPipe::Start(Receiver receiver) {
 }
 
 void RequestPipe::Ask(Command command, Done done, const Build& build) {
+  Done refused;
   bool waits = false;
   bool sent = false;
   {
@@ -52,12 +53,14 @@ void RequestPipe::Ask(Command command, Done done, const Build& build) {
         waits = true;
         id.reqId = mNextReqId++;
         mWaiting.push_back({command, id.reqId, std::move(done)});
+      } else {
+        refused = std::move(done);
       }
     }
     sent = waits && mChannel->Send(build(id));
   }
   if (!waits) {
-    Fail(done, LIBUSB_ERROR_NO_DEVICE);
+    Fail(refused, LIBUSB_ERROR_NO_DEVICE);
   } else if (!sent) {
     OnLost(kClosed);
   }

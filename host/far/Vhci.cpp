@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <sstream>
@@ -138,12 +139,12 @@ std::optional<BoundDevice> AwaitDrivers(const Vhci& vhci, unsigned port, std::ch
     if (const auto name = vhci.DeviceOn(port)) {
       const std::string configuration = FirstLine(devices / *name / "bConfigurationValue");
       const std::string interfaces = FirstLine(devices / *name / "bNumInterfaces");
-      const int count = std::atoi(interfaces.c_str());
+      const long count = std::strtol(interfaces.c_str(), nullptr, 10);
       bound.reset();
       if (!configuration.empty() && count > 0) {
         bound.emplace(BoundDevice{*name, {}});
       }
-      for (int i = 0; bound && i < count; ++i) {
+      for (long i = 0; bound && i < count; ++i) {
         std::error_code error;
         const auto driver = std::filesystem::read_symlink(
             devices / *name / (*name + ":" + configuration + "." + std::to_string(i)) / "driver", error);
