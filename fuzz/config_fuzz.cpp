@@ -56,20 +56,24 @@ class HostileConfig {
     const bool null = mReader.Rest().empty() || mReader.Host<std::uint8_t>() % 8 == 7;
     return arrays.emplace_back(null ? 0 : count);
   }
+  int Signed() {
+    const int byte = mReader.Host<std::uint8_t>();
+    return byte < 128 ? byte : byte - 256;
+  }
   template <class Desc, class... Members>
   void Fields(Desc& desc, Members... members) {
     ((desc.*members = mReader.Host<std::uint8_t>()), ...);
   }
   template <class Desc>
   void Extra(Desc& desc) {
-    const auto length = static_cast<std::int8_t>(mReader.Host<std::uint8_t>());
+    const int length = Signed();
     desc.extra_length = length;  // Of nothing, or negative.
     if (length > 0 && mReader.Rest().size() >= static_cast<std::size_t>(length)) {
       desc.extra = mReader.Bytes(static_cast<std::size_t>(length)).data();
     }
   }
   void Fill(libusb_interface& interface) {
-    interface.num_altsetting = static_cast<std::int8_t>(mReader.Host<std::uint8_t>());
+    interface.num_altsetting = Signed();
     auto& settings = New(mSettings, static_cast<std::size_t>(std::max(interface.num_altsetting, 1)));
     if (!settings.empty()) {
       std::for_each(settings.begin(), settings.end(), [this](auto& setting) { Fill(setting); });

@@ -105,10 +105,12 @@ std::optional<CameraModel> Camera(const Bytes& block, const std::vector<Endpoint
   return ReadCameraModel(ReadConfigModel(Configuration(block, endpoints, bcdUvc)).value());
 }
 
-const Bytes kInput = Descriptor(0x24, 14, {1, 2, 0, 0, 0x82});
+Bytes Input() {
+  return Descriptor(0x24, 14, {1, 2, 0, 0, 0x82});
+}
 
 TEST(CameraModelTest, FormatsAndTheirFramesAreFoundByTheirLayouts) {
-  const auto camera = Camera(Join({kInput, Format(6, 11, 1, "", 2), Frame(7, 1, 21), Frame(7, 2, 21),
+  const auto camera = Camera(Join({Input(), Format(6, 11, 1, "", 2), Frame(7, 1, 21), Frame(7, 2, 21),
                                    Descriptor(0x24, 10, {3}),  // A still image, which is no frame.
                                    Format(4, 27, 2, "YUY2", 1), Frame(5, 1, 21), Format(4, 27, 3, "NV12", 9),
                                    Frame(5, 1, 21), Format(0x10, 28, 4, "H264", 1), Frame(0x11, 1, 17)}));
@@ -124,10 +126,10 @@ TEST(CameraModelTest, FormatsAndTheirFramesAreFoundByTheirLayouts) {
 }
 
 TEST(CameraModelTest, SettingsCarryWhatTheirEndpointsSayAndControlsGrowWithTheClass) {
-  const auto camera = Camera(kInput, {{192}, {0x1400}, {1024, {6, 0x30, 1, 0, 0x00, 0x0C}}, {512, {}, 0x83}});
+  const auto camera = Camera(Input(), {{192}, {0x1400}, {1024, {6, 0x30, 1, 0, 0x00, 0x0C}}, {512, {}, 0x83}});
   EXPECT_THAT(camera->settings, ElementsAre(FieldsAre(1, 192), FieldsAre(2, 3072), FieldsAre(3, 3072)));
   for (const auto& [bcdUvc, length] : {std::pair{0x0100, 26}, {0x0110, 34}, {0x0150, 48}}) {
-    EXPECT_EQ(Camera(kInput, {}, static_cast<std::uint16_t>(bcdUvc))->controlLength, length);
+    EXPECT_EQ(Camera(Input(), {}, static_cast<std::uint16_t>(bcdUvc))->controlLength, length);
   }
 }
 
@@ -143,7 +145,7 @@ class GuestCameraTest : public testing::Test {
   std::optional<Bytes> Answer(Command command, std::span<const std::uint8_t> payload) {
     if (command == Command::kGetDeviceConfig) {
       // MJPEG in two sizes, YUYV in the second only.
-      return Configuration(Join({kInput, Format(6, 11, 1, "", 1), Frame(7, 1, 21, 30, 64), Frame(7, 2, 21, 30, 32),
+      return Configuration(Join({Input(), Format(6, 11, 1, "", 1), Frame(7, 1, 21, 30, 64), Frame(7, 2, 21, 30, 32),
                                  Format(4, 27, 2, "YUY2", 1), Frame(5, 1, 21, 30, 32)}),
                            {{192}, {1024}, {512}});
     }

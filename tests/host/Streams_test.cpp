@@ -38,7 +38,8 @@ struct Pair {
 
 class StreamsTest : public testing::Test {
  protected:
-  StreamsTest() { std::signal(SIGPIPE, SIG_IGN); }  // As the command does: a write to nobody is a result.
+  // As the command does: a write to nobody is a result.
+  StreamsTest() { static_cast<void>(std::signal(SIGPIPE, SIG_IGN)); }
 
   // Everything that comes until the other side ends.
   static std::size_t Drain(int fd) {

@@ -20,7 +20,9 @@ using ::testing::IsEmpty;
 
 using Bytes = std::vector<std::uint8_t>;
 
-constexpr RecordingDeviceBase::Identity kReal{.address = 0x7F};
+RecordingDeviceBase::Identity Real() {
+  return {.address = 0x7F};
+}
 
 class Handler : public SessionFixture {};
 
@@ -121,7 +123,7 @@ TEST_F(Handler, LeanRepliesLeaveTheDataOfOutTransfersOut) {
 
 TEST(RealDevice, RefusedTransfersReturnTheRequestsBytesAndZerosForTheRest) {
   const CapturingLog log(OSKELO_LOG_OFF);
-  TestedSession session(kReal);
+  TestedSession session(Real());
   for (const char* operation : {"BulkTransfer", "InterruptTransfer"}) {
     session.io.Answer(operation, LIBUSB_ERROR_NO_DEVICE);
   }
@@ -148,7 +150,7 @@ TEST(Events, AreReportedForEmulatedDevicesAlone) {
       "LOCAL_CAMERA_CREATE status=success, message=create camera success, success=true",  // After a failure too.
       opened, "LOCAL_CAMERA_DATA status=success, message=get camera data success, success=true", opened};
   for (const bool emulated : {false, true}) {
-    TestedSession session(emulated ? RecordingDeviceBase::Identity{.address = 0x80} : kReal);
+    TestedSession session(emulated ? RecordingDeviceBase::Identity{.address = 0x80} : Real());
     const auto read = [&session](std::uint32_t length) {
       session.Ask(BuildTransferRequest(Command::kBulkTransfer, kId, 0x81, 1, length, {}));
     };

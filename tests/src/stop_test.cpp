@@ -19,7 +19,7 @@ using ::testing::IsEmpty;
 using ::testing::Not;
 using ::testing::SizeIs;
 
-const std::vector<std::string> kGivenBack = {"AttachKernelDriver", "ResetDevice", "CloseUsbDev"};
+constexpr const char* kGivenBack[] = {"AttachKernelDriver", "ResetDevice", "CloseUsbDev"};
 
 class Stop : public SessionFixture {
  protected:
@@ -31,7 +31,7 @@ class Stop : public SessionFixture {
 };
 
 TEST_F(Stop, IdleSessionGivesTheDeviceBackOnceWhateverFails) {
-  for (const std::string& operation : kGivenBack) {
+  for (const char* operation : kGivenBack) {
     io.Answer(operation, LIBUSB_ERROR_IO);
   }
   EXPECT_EQ(driver->Close(0), 0);

@@ -40,7 +40,8 @@ using Numbers = std::vector<std::uint32_t>;
 
 // The reply to `request` whose payload matches.
 inline ReplyMatcher IsReply(Command request, std::uint8_t reqId, std::uint32_t devId, BytesMatcher payload) {
-  return AllOf(IsReplyTo(request, reqId, Numbers(), payload), ::testing::Field("devId", &Reply::devId, devId));
+  return AllOf(IsReplyTo(request, reqId, Numbers(), std::move(payload)),
+               ::testing::Field("devId", &Reply::devId, devId));
 }
 // 20 bytes: a header and `value`.
 inline ReplyMatcher IsStatusReply(Command request, std::uint8_t reqId, std::uint32_t devId, std::int32_t value) {

@@ -16,11 +16,11 @@ namespace {
 using testing::HasSubstr;
 using Bytes = std::vector<std::uint8_t>;
 
-const Bytes kImport = [] {
+Bytes Import() {
   Bytes bytes = {1, 0x11, 0x80, 3, 0, 0, 0, 0, '1', '-', '1'};
   bytes.resize(40);
   return bytes;
-}();
+}
 
 class UsbipServerTest : public testing::Test {
  protected:
@@ -52,9 +52,9 @@ class UsbipServerTest : public testing::Test {
 };
 
 TEST_F(UsbipServerTest, DeviceHasOneOwnerThatIsServedUntilItSendsNoCommand) {
-  UniqueFd owner = Connect(kImport);
+  UniqueFd owner = Connect(Import());
   EXPECT_EQ(Receive(owner, 320).size(), 320U);
-  EXPECT_EQ(Receive(Connect(kImport), 400), (Bytes{1, 0x11, 0, 3, 0, 0, 0, 2}));
+  EXPECT_EQ(Receive(Connect(Import()), 400), (Bytes{1, 0x11, 0, 3, 0, 0, 0, 2}));
   Bytes request(48);  // GET_DESCRIPTOR of the device, 18 bytes.
   for (const auto& [at, value] : {std::pair{3, 1}, {7, 5}, {15, 1}, {27, 18}, {40, 0x80}, {41, 6}, {43, 1}, {46, 18}}) {
     request[static_cast<std::size_t>(at)] = static_cast<std::uint8_t>(value);
@@ -65,7 +65,7 @@ TEST_F(UsbipServerTest, DeviceHasOneOwnerThatIsServedUntilItSendsNoCommand) {
   EXPECT_EQ(send(owner.Get(), request.data(), request.size(), MSG_NOSIGNAL), 48);
   EXPECT_EQ(Receive(owner, 1).size(), 0U);
   EXPECT_THAT(notes.Await(3).back(), HasSubstr("command 9 is none of USB/IP"));
-  EXPECT_EQ(Receive(Connect(kImport), 320).size(), 320U);
+  EXPECT_EQ(Receive(Connect(Import()), 320).size(), 320U);
 }
 
 TEST(Vhci, SaysWhatIsMissingAndTakesAFreePortOfTheSpeed) {

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <iterator>
 
 namespace vel {
 namespace {
@@ -12,12 +13,12 @@ using testing::HasSubstr;
 using Bytes = std::vector<std::uint8_t>;
 
 // CMD_SUBMIT as the kernel sends it: number 7, OUT on endpoint 3, two isochronous packets.
-const Bytes kSubmit = {0, 0, 0, 1, 0, 0, 0, 7, 0, 1, 0, 1, 0, 0, 0, 0, 0, 0, 0, 3,  // basic header
-                       0, 0, 0, 2, 0, 0, 0, 4, 0, 0, 0, 0, 0, 0, 0, 2, 0, 0, 0, 8,  // ... interval
-                       0, 0, 0, 0, 0, 0, 0, 0,                                      // setup
-                       9, 8, 7, 6,                                                  // data
-                       0, 0, 0, 0, 0, 0, 0, 3, 0, 0, 0, 0, 0, 0, 0, 0,              // packet 0
-                       0, 0, 0, 3, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0, 0};             // packet 1
+constexpr std::uint8_t kSubmit[] = {0, 0, 0, 1, 0, 0, 0, 7, 0, 1, 0, 1, 0, 0, 0, 0, 0, 0, 0, 3,  // basic header
+                                    0, 0, 0, 2, 0, 0, 0, 4, 0, 0, 0, 0, 0, 0, 0, 2, 0, 0, 0, 8,  // ... interval
+                                    0, 0, 0, 0, 0, 0, 0, 0,                                      // setup
+                                    9, 8, 7, 6,                                                  // data
+                                    0, 0, 0, 0, 0, 0, 0, 3, 0, 0, 0, 0, 0, 0, 0, 0,              // packet 0
+                                    0, 0, 0, 3, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0, 0};             // packet 1
 // What is read as it has to be, and answered, the kernel's own client shows.
 TEST(UsbipWire, WhatCannotBeACommandEndsTheStream) {
   struct Case {
@@ -28,7 +29,7 @@ TEST(UsbipWire, WhatCannotBeACommandEndsTheStream) {
   for (const Case& wrong : {Case{3, 5, "command 5"}, Case{15, 2, "direction 2"}, Case{19, 16, "endpoint 16"},
                             Case{24, 0x10, "268435460 bytes"}, Case{34, 0x10, "4098 packets"},
                             Case{59, 5, "outside its request"}, Case{70, 1, "outside its request"}}) {
-    Bytes bytes = kSubmit;
+    Bytes bytes(std::begin(kSubmit), std::end(kSubmit));
     bytes[wrong.at] = wrong.value;
     UsbipReader reader;
     Urb urb;

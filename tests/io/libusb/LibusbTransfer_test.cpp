@@ -234,17 +234,17 @@ TEST_F(LibusbIoTransfer, IsoTablesThatDoNotFitAreRefused) {
   Open();
   const struct {
     std::uint8_t endpoint;
+    std::uint32_t packets;
     std::vector<std::uint32_t> lengths;
     std::size_t payload;
-    std::uint32_t packets;
-  } cases[] = {{0x83, {}, 16, 0},  // No packets; a table longer than the data; a count that wraps around.
-               {0x83, {1, 1}, 15, 3},
-               {0x83, {1}, 0, 0x10000001},
-               {0x04, {2, 2}, 3, 2},  // Packets beyond the data, and lengths that wrap around.
-               {0x04, {0xFFFFFFFF, 5}, 4, 2},
-               {0x83, {0x04000000, 1}, 0, 2}};
+  } cases[] = {{0x83, 0, {}, 16},  // No packets; a table longer than the data; a count that wraps around.
+               {0x83, 3, {1, 1}, 15},
+               {0x83, 0x10000001, {1}, 0},
+               {0x04, 2, {2, 2}, 3},  // Packets beyond the data, and lengths that wrap around.
+               {0x04, 2, {0xFFFFFFFF, 5}, 4},
+               {0x83, 2, {0x04000000, 1}, 0}};
   std::size_t count = 0;
-  for (const auto& [endpoint, lengths, payload, packets] : cases) {
+  for (const auto& [endpoint, packets, lengths, payload] : cases) {
     _UsbIoXferInfo* info = MakeIso(1, endpoint, lengths, std::string(payload, 'x'));
     info->isoPacketNum = packets;
     EXPECT_EQ(io->IsochTransfer(info), LIBUSB_ERROR_INVALID_PARAM) << count;

@@ -22,7 +22,7 @@ namespace {
 std::uint8_t ByteOf(std::size_t at, std::size_t width, std::size_t height, unsigned n) {
   const std::size_t row = at / width;
   const std::size_t column = at % width;
-  return static_cast<std::uint8_t>(row < height ? column + row + 3 * n : column + 5 * n + 64);
+  return static_cast<std::uint8_t>(row < height ? column + row + std::size_t{3} * n : column + std::size_t{5} * n + 64);
 }
 
 struct Pattern {

@@ -28,7 +28,7 @@ constexpr std::array kSubjects = {
 }  // namespace
 
 int main(int argc, char** argv) {
-  std::signal(SIGPIPE, SIG_IGN);
+  static_cast<void>(std::signal(SIGPIPE, SIG_IGN));
   const std::vector<std::string> words(argv + 1, argv + argc);
   for (const Subject& subject : kSubjects) {
     if (words.size() == subject.arguments + 2 && words[0] == subject.name) {
