@@ -125,6 +125,13 @@ class FakeFarEnd final : public PacketChannel {
       bytes.push_back(static_cast<std::uint8_t>(value >> shift));
     }
   }
+  // A record of a serialised configuration, and the extra bytes that follow it.
+  static void PutRecord(Bytes& bytes, const Bytes& fields, const Bytes& extra = {}) {
+    bytes.insert(bytes.end(), fields.begin(), fields.end());
+    bytes.resize(bytes.size() + 12 - fields.size());
+    Put(bytes, static_cast<std::uint32_t>(extra.size()));
+    bytes.insert(bytes.end(), extra.begin(), extra.end());
+  }
 
   // What the test answers itself; transfers, too.
   std::function<std::optional<Bytes>(Command, std::span<const std::uint8_t>)> answer;
@@ -138,11 +145,6 @@ class FakeFarEnd final : public PacketChannel {
   };
   static constexpr std::array<EndpointBytes, 5> kEndpoints = {{{0x81, 2}, {0x01, 2}, {0x82, 3}, {0x83, 1}, {0x03, 1}}};
 
-  static void PutRecord(Bytes& bytes, const Bytes& fields) {
-    bytes.insert(bytes.end(), fields.begin(), fields.end());
-    bytes.resize(bytes.size() + 12 - fields.size());
-    Put(bytes, 0);
-  }
   static Bytes Config() {
     Bytes bytes;
     PutRecord(bytes, {9, 2, 0, 0, 1, 1, 0, 0x80, 50});
