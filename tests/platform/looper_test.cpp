@@ -57,19 +57,6 @@ TEST(Looper, RunsOnceAndDestroysWhatItDoesNotHandle) {
   EXPECT_EQ(destroyed, 2) << "at once";
 }
 
-TEST(Looper, StopWhileIdleEndsTheThread) {
-  for (int i = 0; i < 200; ++i) {  // Before the thread runs, while it goes to sleep, while it sleeps.
-    Looper looper;
-    looper.Start();
-    if (i % 2 == 1) {
-      Event idle;
-      Post(looper, [&] { idle.Add(1); });
-      ASSERT_EQ(idle.Await(1).size(), 1U);
-    }
-    EXPECT_EQ(looper.Stop(), 0);
-  }
-}
-
 TEST(Looper, StopWaitsForTheHandlerAndFreesWhatIsUnhandled) {
   constexpr int kWaiting = 5000;
   Looper looper;

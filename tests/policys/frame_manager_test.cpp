@@ -192,14 +192,6 @@ TEST(FrameManager, DumpsWhatComesInAndWhatWasEncoded) {
   EXPECT_EQ(content(files[0]), Bytes(unit->data, unit->data + unit->length));
 }
 
-TEST(FrameManager, WaitsAsLongAsAsked) {
-  UVCFrameManager manager(kYuyv, kYuyv);
-  ASSERT_EQ(manager.Init(64, 64, kYuyv, kYuyv, nullptr), 0);
-  const auto begin = Clock::now();
-  EXPECT_EQ(Dequeue(manager, 50), nullptr);
-  EXPECT_GE(Clock::now() - begin, std::chrono::milliseconds(50));
-}
-
 // Producers, coders and consumers at once, with Release and Init at any moment between them. Release meets a consumer
 // before it waits, while it does, and after it: one that is not woken hangs.
 TEST(FrameManager, StopsFromAnyState) {

@@ -2,8 +2,10 @@
 #include <gmock/gmock.h>
 
 #include <array>
+#include <span>
 #include <string_view>
 #include <tuple>
+#include <utility>
 
 #include "FakeCapture.h"
 #include "io/DummyUsbIo/DummyUvcIo.h"
@@ -17,113 +19,93 @@ using ::testing::ElementsAre;
 using Bytes = std::vector<std::uint8_t>;
 using Sizes = std::vector<_CameraParam>;
 
-// Bytes in hexadecimal; "??" is a byte from `values`, in turn.
-void Append(Bytes& bytes, std::string_view hex, std::initializer_list<std::size_t> values = {}) {
-  const auto* value = values.begin();
+// 640x480 and 1280x720, without MJPEG.
+constexpr std::string_view kYuyvAlone =
+    "09 02 15 01 02 01 00 80 FA  08 0B 00 02 0E 03 00 01"
+    "09 04 00 00 00 0E 01 00 01  0D 24 01 00 01 4D 00 C0 E1 E4 00 01 01"
+    "09 24 03 05 01 01 00 03 00"
+    "1A 24 06 03 8C A7 29 12 B4 47 94 40 B0 CE DB 07 38 6F B9 38 08 01 02 01 00 00"
+    "12 24 02 01 01 02 00 00 00 00 00 00 00 00 03 00 00 00"
+    "0B 24 05 02 01 00 00 02 00 00 00  09 04 01 00 00 0E 02 00 01"
+    "0E 24 01 01 65 00 81 00 05 02 00 00 01 00"
+    "1B 24 04 01 02 59 55 59 32 00 00 10 00 80 00 00 AA 00 38 9B 71 10 01 00 00 00 00"
+    "1E 24 05 01 00 80 02 E0 01 00 00 CA 08 00 00 CA 08 00 60 09 00 15 16 05 00 01 15 16 05 00"
+    "1E 24 05 02 00 00 05 D0 02 00 00 CA 08 00 00 CA 08 00 60 09 00 15 16 05 00 01 15 16 05 00"
+    "09 04 01 01 01 0E 02 00 01  07 05 81 01 00 14 01  09 04 01 02 01 0E 02 00 01  07 05 81 01 00 14 01"
+    "09 04 01 03 01 0E 02 00 01  07 05 81 01 00 14 01  09 04 01 04 01 0E 02 00 01  07 05 81 01 00 14 01";
+// What else there is with MJPEG, in front of the uncompressed format.
+constexpr std::string_view kMjpeg =
+    "0F 24 01 02 BD 00 81 00 05 02 00 00 01 00 00  0B 24 06 01 02 00 01 00 00 00 00"
+    "1E 24 07 01 00 80 02 E0 01 30 28 CC 08 30 28 CC 08 4D 62 09 00 15 16 05 00 01 15 16 05 00"
+    "1E 24 07 02 00 00 05 D0 02 30 28 CC 08 30 28 CC 08 4D 62 09 00 15 16 05 00 01 15 16 05 00"
+    "0A 24 03 00 01 80 02 E0 01 00  06 24 0D 01 01 04";
+
+Bytes FromHex(std::string_view hex) {
+  Bytes bytes;
   for (std::size_t i = 0; i + 1 < hex.size(); ++i) {
     if (hex[i] != ' ') {
-      const std::string digits(hex.substr(i++, 2));
-      bytes.push_back(static_cast<std::uint8_t>(digits == "??" ? *value++ : std::stoul(digits, nullptr, 16)));
+      bytes.push_back(static_cast<std::uint8_t>(std::stoul(std::string(hex.substr(i++, 2)), nullptr, 16)));
     }
-  }
-}
-
-void AppendFrames(Bytes& bytes, std::string_view hex, const Sizes& sizes) {
-  for (std::size_t i = 0; i < sizes.size(); ++i) {
-    Append(bytes, hex,
-           {i + 1, sizes[i].width & 0xFFU, sizes[i].width >> 8U, sizes[i].height & 0xFFU, sizes[i].height >> 8U});
-  }
-}
-
-Bytes Configuration(const Sizes& sizes, bool mjpeg) {
-  const std::size_t count = sizes.size();
-  const std::size_t block = mjpeg ? 69 + 60 * count : 41 + 30 * count;
-  const std::size_t total = 176 + block;
-  Bytes bytes;
-  Append(bytes,
-         "09 02 ?? ?? 02 01 00 80 FA  08 0B 00 02 0E 03 00 01"
-         "09 04 00 00 00 0E 01 00 01  0D 24 01 00 01 4D 00 C0 E1 E4 00 01 01"
-         "09 24 03 05 01 01 00 03 00"
-         "1A 24 06 03 8C A7 29 12 B4 47 94 40 B0 CE DB 07 38 6F B9 38 08 01 02 01 00 00"
-         "12 24 02 01 01 02 00 00 00 00 00 00 00 00 03 00 00 00"
-         "0B 24 05 02 01 00 00 02 00 00 00  09 04 01 00 00 0E 02 00 01",
-         {total & 0xFFU, total >> 8U});
-  if (mjpeg) {
-    Append(bytes, "0F 24 01 02 ?? ?? 81 00 05 02 00 00 01 00 00  0B 24 06 01 ?? 00 01 00 00 00 00",
-           {block & 0xFFU, block >> 8U, count});
-    AppendFrames(bytes, "1E 24 07 ?? 00 ?? ?? ?? ?? 30 28 CC 08 30 28 CC 08 4D 62 09 00 15 16 05 00 01 15 16 05 00",
-                 sizes);
-    Append(bytes, "0A 24 03 00 01 80 02 E0 01 00  06 24 0D 01 01 04");
-  } else {
-    Append(bytes, "0E 24 01 01 ?? ?? 81 00 05 02 00 00 01 00", {block & 0xFFU, block >> 8U});
-  }
-  Append(bytes, "1B 24 04 ?? ?? 59 55 59 32 00 00 10 00 80 00 00 AA 00 38 9B 71 10 01 00 00 00 00",
-         {mjpeg ? 2U : 1U, count});
-  AppendFrames(bytes, "1E 24 05 ?? 00 ?? ?? ?? ?? 00 00 CA 08 00 00 CA 08 00 60 09 00 15 16 05 00 01 15 16 05 00",
-               sizes);
-  for (std::size_t alt = 1; alt <= 4; ++alt) {
-    Append(bytes, "09 04 01 ?? 01 0E 02 00 01  07 05 81 01 00 14 01", {alt});
   }
   return bytes;
 }
 
-Sizes Many(std::uint32_t count, std::uint32_t pixelFormat) {
-  Sizes sizes;
-  for (std::uint32_t i = 0; i < count; ++i) {
-    sizes.push_back({640 - 8 * (i % 7), 0x1E0 + i, pixelFormat, 7});
+TEST(CameraDescriptors, AreBuiltToTheByte) {
+  constexpr std::size_t kBlock = 112;  // Where the streaming interface's bytes begin.
+  constexpr std::size_t kHeader = 14;
+  for (const bool mjpeg : {false, true}) {
+    UvcConfigBuilder builder(mjpeg);
+    builder.CreateConfigHeader();
+    builder.CreateCtrlInterface();
+    builder.CreateVsInterface(Sizes{{640, 480, 2, 7}, {1280, 720, 2, 7}});
+    Bytes expected = FromHex(kYuyvAlone);
+    if (mjpeg) {
+      const Bytes more = FromHex(kMjpeg);
+      expected[2] = 0x6D;                  // The total length.
+      expected[kBlock + kHeader + 3] = 2;  // The format's index.
+      expected.erase(expected.begin() + kBlock, expected.begin() + kBlock + kHeader);
+      expected.insert(expected.begin() + kBlock, more.begin(), more.end());
+    }
+    EXPECT_EQ(builder.Take(), expected);
+  }
+}
+
+// The sizes of its frames.
+std::vector<std::pair<int, int>> Offered(const libusb_config_descriptor& config) {
+  const libusb_interface_descriptor& streaming = config.interface[1].altsetting[0];
+  const std::span bytes(streaming.extra, static_cast<std::size_t>(streaming.extra_length));
+  EXPECT_EQ(bytes[4] | bytes[5] << 8, streaming.extra_length);
+  std::vector<std::pair<int, int>> sizes;
+  for (std::size_t at = 0; at < bytes.size(); at += bytes[at]) {
+    if (bytes[at + 2] == 5) {
+      sizes.emplace_back(bytes[at + 5] | bytes[at + 6] << 8, bytes[at + 7] | bytes[at + 8] << 8);
+    }
   }
   return sizes;
 }
 
-TEST(CameraDescriptors, AreBuiltToTheByte) {
-  for (const bool mjpeg : {false, true}) {
-    for (const std::uint32_t count : {1U, 2U, 40U}) {
-      const Sizes sizes = Many(count, 2);
-      UvcConfigBuilder builder(mjpeg);
-      builder.CreateConfigHeader();
-      builder.CreateCtrlInterface();
-      builder.CreateVsInterface(sizes);
-      const Bytes built = builder.Take();
-      EXPECT_EQ(built, Configuration(sizes, mjpeg));
-      EXPECT_EQ(built.size(), 217 + 30 * count + (mjpeg ? 28 + 30 * count : 0));
-    }
-  }
-}
-
-// The streaming interface's bytes.
-Bytes Offered(const libusb_config_descriptor& config) {
-  const libusb_interface_descriptor& streaming = config.interface[1].altsetting[0];
-  return {streaming.extra, streaming.extra + streaming.extra_length};
-}
-
-// Those of a camera with these sizes.
-Bytes Block(const Sizes& sizes, bool mjpeg) {
-  const Bytes all = Configuration(sizes, mjpeg);
-  return {all.begin() + 112, all.end() - 64};  // Without what is before it, and the alternate settings.
-}
-
 TEST(CameraDescriptors, OfferWhatTheSourceListsAsYuy2) {
-  const Sizes mjpeg = {{1920, 1080, 3, 0}, {640, 480, 3, 0}};
-  struct Source {
-    const char* what;
-    Sizes listed, offered;
-    std::uint32_t capability;
-  };
-  for (const Source& source :
-       {Source{"more than a format counts", Many(300, 2), Many(255, 2), 0},
-        Source{"MJPEG among others", {{800, 600, 2, 0}, mjpeg[0], {9, 9, 4, 0}, mjpeg[1]}, mjpeg, 1}}) {
-    SCOPED_TRACE(source.what);
+  Sizes many;
+  std::vector<std::pair<int, int>> first255;
+  for (std::uint32_t i = 0; i < 300; ++i) {
+    many.push_back({640 - 8 * (i % 7), 0x1E0 + i, 2, 7});
+    first255.emplace_back(640 - 8 * (i % 7), 0x1E0 + i);
+  }
+  first255.resize(255);  // A format counts no more.
+  const Sizes mixed = {{800, 600, 2, 0}, {1920, 1080, 3, 0}, {9, 9, 4, 0}, {640, 480, 3, 0}};
+  const std::vector<std::pair<int, int>> mjpegAlone = {{1920, 1080}, {640, 480}};
+  for (const auto& [listed, offered, capability] : {std::tuple(many, first255, 0U), {mixed, mjpegAlone, 1U}}) {
     FakeCapture capture;
-    capture.params = source.listed;
+    capture.params = listed;
     DummyUvcIo io(0x23, 0x81, 0x1234, 0xABCD, "cam");
     ASSERT_EQ(io.OpenUsbDev(), 0);
     const libusb_config_descriptor* config = io.GetConfigDesc();
-    EXPECT_EQ(Offered(*config), Block(source.offered, false));
-    EXPECT_EQ(io.GetIoCapability(), source.capability);
+    EXPECT_EQ(Offered(*config), offered);
+    EXPECT_EQ(io.GetIoCapability(), capability);
     EXPECT_EQ(io.OpenUsbDev(), 0);
     EXPECT_EQ(io.GetConfigDesc(), config) << "what was handed out stays";
     EXPECT_EQ(io.CloseUsbDev(), 0);
-    EXPECT_EQ(Offered(*config), Block(source.offered, false)) << "also for a late reader";
+    EXPECT_EQ(Offered(*config), offered) << "also for a late reader";
     EXPECT_THAT(capture.Calls(), ElementsAre("CamOpen cam", "CamClose cam"));
   }
 }

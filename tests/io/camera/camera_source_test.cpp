@@ -30,23 +30,6 @@ struct Pictures final : CameraStreamCallback {
   Collected<Bytes> got;
 };
 
-TEST(DummyCamera, PaintsByItsFormulaWithOddWidthsToo) {
-  for (const std::uint32_t width : {1U, 5U, 6U, 640U, 641U}) {
-    constexpr std::uint32_t kHeight = 3;
-    constexpr std::uint32_t kNumber = 100;
-    Bytes picture(std::size_t{2} * width * kHeight);
-    DummyCamera::Paint(picture, width, kHeight, kNumber);
-    Bytes expected;
-    for (std::uint32_t y = 0; y < 2 * kHeight; ++y) {
-      for (std::uint32_t x = 0; x < width; ++x) {
-        const std::uint32_t second = width % 2 == 0 ? x + 5 * kNumber + 64 : (y - kHeight) + 2 * kNumber + 128;
-        expected.push_back(static_cast<std::uint8_t>(y < kHeight ? x + y + 3 * kNumber : second));
-      }
-    }
-    EXPECT_EQ(picture, expected);
-  }
-}
-
 TEST(DummyCamera, GivesAPictureForEachRequestToTheLatestCallbackAtItsPace) {
   DummyCamera camera;
   _CameraParam param{8193, 1, 2, 0};

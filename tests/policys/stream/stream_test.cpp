@@ -1,13 +1,8 @@
 // What the policy learns from the requests that pass, and the stream that it starts with it.
-#include <malloc.h>
-
 #include <array>
 #include <atomic>
 #include <chrono>
-#include <filesystem>
-#include <fstream>
 #include <functional>
-#include <iterator>
 #include <random>
 #include <thread>
 
@@ -343,40 +338,6 @@ TEST(Stream, ReadThatTimesOutMakesRoomForAFrameInsteadOfOneThatACoderLost) {
   EXPECT_THAT(camera.reads.done.Await(1), ElementsAre(Done{1, kXferTimedOut, ""}));
   Feed(camera, Kind::kEmulated, "no JPEG");
   EXPECT_EQ(log.Count("Do async decode fail ("), 4U);
-}
-
-// What is small enough to go unseen elsewhere. The first round is for the allocator's own caches.
-TEST(Ownership, RecordsTreesAndFramesAreFreedWithAllThatTheyHold) {
-  const VsBlock block("mjpeg 480 still color");
-  std::size_t before = 0;
-  for (int i = 0; i < 100; ++i) {
-    const XferPtr record = MakeXfer();
-    record->reqBuf = std::malloc(100);
-    record->isoDescCopy = std::malloc(100);
-    record->data = static_cast<std::uint8_t*>(std::malloc(100));
-    UVCUtil::FreeInputHeader(UVCUtil::ParseUVCInputHeader(block.bytes).release());
-    MakeUvcFrame(HeapBlock(static_cast<std::uint8_t*>(std::malloc(100))), 100, 1);
-    if (i == 0) {
-      before = mallinfo2().uordblks;
-    }
-  }
-  EXPECT_LT(mallinfo2().uordblks, before + 1000);
-}
-
-// A given operation that nothing calls.
-TEST(UVCPolicy, SavesABufferByItsNumber) {
-  const std::filesystem::path before = std::filesystem::current_path();
-  std::filesystem::current_path(testing::TempDir());
-  const Bytes bytes = {1, 2, 3};
-  EXPECT_EQ(UVCPolicy::SaveFrame(bytes.data(), 3, 77), 0);
-  std::ifstream file("77.data", std::ios::binary);
-  EXPECT_EQ(Bytes(std::istreambuf_iterator<char>(file), {}), bytes);
-  std::filesystem::remove("77.data");
-  std::filesystem::create_directory("78.data");  // Nothing to write to.
-  testing::internal::CaptureStdout();
-  EXPECT_EQ(UVCPolicy::SaveFrame(bytes.data(), 3, 78), 0);
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "New file open error.\n");
-  std::filesystem::current_path(before);
 }
 
 TEST(Stream, FailedTransfersAreTriedAgainAndAStallIsCleared) {
