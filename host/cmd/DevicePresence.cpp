@@ -27,7 +27,7 @@ DevicePresence::DevicePresence(const std::string& device, bool wait, const std::
                              .onLeft = [this](const DeviceIdentity& identity) { OnLeft(identity); }});
 }
 
-std::optional<DeviceIdentity> DevicePresence::Await(const StopSignal& stop) {
+std::optional<DeviceIdentity> DevicePresence::Await(const FdStream& remote) {
   while (true) {
     std::shared_ptr<StopSignal> arrival;
     {
@@ -39,7 +39,7 @@ std::optional<DeviceIdentity> DevicePresence::Await(const StopSignal& stop) {
       mArrival = arrival;
     }
     Note("waiting for the device");
-    if (!stop.WaitFor(arrival->Fd(), POLLIN)) {
+    if (!remote.WaitWhileOpen(arrival->Fd(), POLLIN)) {
       return std::nullopt;
     }
   }

@@ -21,8 +21,9 @@ class DevicePresence {
   // is not there throws std::runtime_error, as does one that is redirected already.
   DevicePresence(const std::string& device, bool wait, const std::string& cameraSource);
 
-  // The device; waits until it is there. Nothing once stopped.
-  std::optional<DeviceIdentity> Await(const StopSignal& stop) VEL_EXCLUDES(mMutex);
+  // The device; waits until it is there. Nothing once stopped, and when the remote side goes meanwhile.
+  std::optional<DeviceIdentity> Await(const FdStream& remote) VEL_EXCLUDES(mMutex);
+  bool Waits() const { return mWait; }
 
   // Brings back what the machine had of the device. To be called when no session has it.
   void GiveBack() VEL_EXCLUDES(mMutex);

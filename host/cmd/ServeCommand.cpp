@@ -24,11 +24,14 @@ struct Service {
   const StopSignal& stop;
   Server::Answers answers;
 
-  // Serves one remote side. Stopped when the device never came.
+  // Serves one remote side, once the device is there.
   Server::End Run(FdStream& stream, std::string& error) const {
-    const std::optional<DeviceIdentity> identity = presence.Await(stop);
+    const std::optional<DeviceIdentity> identity = presence.Await(stream);
     if (!identity) {
-      return stop.IsRaised() ? Server::End::kStopped : Server::End::kDeviceGone;
+      error = "the remote side is gone, the device never came";
+      return stop.IsRaised()    ? Server::End::kStopped
+             : presence.Waits() ? Server::End::kRemoteGone
+                                : Server::End::kDeviceGone;
     }
     Server::End end = Server::End::kStopped;
     {

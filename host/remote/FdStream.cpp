@@ -107,6 +107,11 @@ bool FdStream::WaitFor(int fd, short events, std::chrono::milliseconds limit) co
   return WaitForFirst({pollfd{fd, events, 0}, pollfd{mStop.Fd(), POLLIN, 0}, pollfd{mAbort.Fd(), POLLIN, 0}}, limit);
 }
 
+bool FdStream::WaitWhileOpen(int fd, short events) const {
+  return WaitForFirst({pollfd{fd, events, 0}, pollfd{mStop.Fd(), POLLIN, 0}, pollfd{mIn, POLLRDHUP, 0}},
+                      std::chrono::milliseconds(-1));
+}
+
 FdStream::Result FdStream::Read(std::span<std::uint8_t> buffer, std::size_t& count) {
   while (true) {
     if (!WaitFor(mIn, POLLIN)) {

@@ -70,6 +70,8 @@ class FdStream {
   // Waits until another descriptor is ready for `events` (of poll). False when stopped, and after `limit`; a negative
   // one is none. Any thread.
   bool WaitFor(int fd, short events, std::chrono::milliseconds limit = std::chrono::milliseconds(-1)) const;
+  // The same without a limit, and false when the other side ends its output meanwhile, whatever of it is still unread.
+  bool WaitWhileOpen(int fd, short events) const;
 
  private:
   const int mIn;
