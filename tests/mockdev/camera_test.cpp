@@ -2,6 +2,7 @@
 // in the tests of frame assembly and of the stream.
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstring>
 #include <memory>
 #include <utility>
@@ -11,6 +12,7 @@
 #include "io/UsbIoXferInfo.h"
 #include "mockdev/MockUsb.h"
 #include "policys/stream/CameraGuest.h"
+#include "support/CommandProcess.h"
 #include "support/VsBlock.h"
 
 namespace vel {
@@ -70,6 +72,11 @@ class MockCamera final : public MockUsb {
     mPictures = std::move(pictures);
     mNext = mOffset = 0;
     mAllowed = 0;
+  }
+  // Of its isochronous packets, one in so many is lost.
+  void Lose(unsigned oneIn) VEL_EXCLUDES(mMutex) {
+    const MutexLock lock(mMutex);
+    mLosesOneIn = oneIn;
   }
   void Allow(int frames) VEL_EXCLUDES(mMutex) {
     const MutexLock lock(mMutex);
@@ -138,13 +145,15 @@ class MockCamera final : public MockUsb {
       ++mNext;
       --mAllowed;
     }
-    return kHeader + count;
+    return mLosesOneIn != 0 && ++mPayloads % mLosesOneIn == 0 ? 0 : kHeader + count;
   }
 
   const bool mBulk;
   Bytes mControl VEL_GUARDED_BY(mMutex) = Bytes(34);
   std::vector<Bytes> mPictures VEL_GUARDED_BY(mMutex);
   int mAllowed VEL_GUARDED_BY(mMutex) = 0;
+  unsigned mLosesOneIn VEL_GUARDED_BY(mMutex) = 0;
+  unsigned mPayloads VEL_GUARDED_BY(mMutex) = 0;
   std::size_t mNext VEL_GUARDED_BY(mMutex) = 0;
   std::size_t mOffset VEL_GUARDED_BY(mMutex) = 0;  // In the picture.
   std::uint8_t mFid VEL_GUARDED_BY(mMutex) = 0;
@@ -242,6 +251,23 @@ TEST(RealCamera, UnpluggedInMidStreamLeavesNothing) {
       EXPECT_THAT(stream.guest.Rest(),
                   Each(testing::Field(&TransferReply::status, testing::AnyOf(kXferCompleted, kXferTimedOut))));
     }
+  }
+}
+
+TEST(RealCamera, OneThatNeverShowsAWholePictureFailsTheStream) {
+  for (const bool transcode : {false, true}) {
+    MockCamera camera(false);
+    camera.Show({Bytes(RawSize(1))});
+    camera.Lose(10);
+    camera.Allow(INT_MAX);
+    std::vector<std::string> words = {VIRTUSB,     "--module", VIRTUSB_MODULE, "--log",     "off", "stream",
+                                      "1209:0002", "--size",   "1048x48",      "--silence", "0.5"};
+    if (!transcode) {
+      words.emplace_back("--no-transcode");
+    }
+    const auto ending = CommandProcess(words, kDeadline).Await();
+    EXPECT_EQ(ending.status, 1);
+    EXPECT_THAT(ending.messages, testing::HasSubstr("virtusb: the camera has sent no picture for 0.5 seconds: "));
   }
 }
 
