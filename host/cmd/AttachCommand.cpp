@@ -5,6 +5,7 @@
 #include <atomic>
 #include <functional>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <utility>
@@ -128,7 +129,10 @@ int RunAttach(const CommonOptions& common, const FarOptions& far, const StopSign
     lost = lost || attached.back()->WasLost();
     attached.pop_back();
   }
-  return lost && !interrupted ? 1 : 0;
+  if (lost && !interrupted) {
+    throw std::runtime_error(far.devices.size() == 1 ? "the device is gone" : "the devices are gone");
+  }
+  return 0;
 }
 
 }  // namespace vel

@@ -29,19 +29,41 @@ constexpr char kExecAdvice[] =
 // A program that reaches another machine has to find it, and may have to ask for a password first.
 constexpr std::chrono::seconds kExecStartTime{30};
 
-// The channel to a device that this process redirects, held while it is open.
+// The channel to a device that this process redirects, held while it is open. A local one that is pulled out ends it.
 class HeldChannel final : public PacketChannel {
  public:
   HeldChannel(std::shared_ptr<ModuleLibrary> library, const DeviceIdentity& identity, bool answersFailures)
-      : mHold(HoldIfLocal(identity)), mChannel(std::move(library), identity, answersFailures) {}
+      : mIdentity(identity), mHold(HoldIfLocal(identity)), mChannel(std::move(library), identity, answersFailures) {}
 
-  void Start(Receiver receiver) override { mChannel.Start(std::move(receiver)); }
+  void Start(Receiver receiver) override {
+    const MutexLock lock(mMutex);
+    if (mHold != nullptr) {  // One that leaves before it is watched cannot be opened.
+      mWatch = std::make_unique<DeviceWatch>(
+          LocalSelector{.bus = mIdentity.bus, .address = mIdentity.address, .vendorId = {}, .productId = {}},
+          DeviceWatch::Callbacks{.onArrived = [](const DeviceIdentity&) {},
+                                 .onLeft =
+                                     [onClosed = receiver.onClosed, left = false](const auto&) mutable {
+                                       if (!std::exchange(left, true)) {
+                                         onClosed(kPulledOut);
+                                       }
+                                     }});
+    }
+    mChannel.Start(std::move(receiver));
+  }
   bool Send(std::unique_ptr<VelPacket> packet) override { return mChannel.Send(std::move(packet)); }
-  void Close() override { mChannel.Close(); }
+  void Close() override {
+    const MutexLock lock(mMutex);
+    mWatch.reset();
+    mChannel.Close();
+    mHold.reset();  // Longer than the module has it.
+  }
 
  private:
-  const std::unique_ptr<DeviceHold> mHold;  // Longer than the module has it.
+  const DeviceIdentity mIdentity;
+  Mutex mMutex;
+  std::unique_ptr<DeviceHold> mHold VEL_GUARDED_BY(mMutex);  // Of a local device.
   ModuleChannel mChannel;
+  std::unique_ptr<DeviceWatch> mWatch VEL_GUARDED_BY(mMutex);
 };
 
 struct WordsDeleter {

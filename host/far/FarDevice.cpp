@@ -222,7 +222,7 @@ void FarDevice::OnTransfer(std::unique_ptr<VelPacket> packet) {
   }
   mUrbs.End(*answer, data);
   if (reply->status == LIBUSB_TRANSFER_NO_DEVICE) {
-    OnLost("the device was pulled out");
+    OnLost(kPulledOut);
   }
 }
 
@@ -232,6 +232,7 @@ void FarDevice::OnLost(const std::string& why) {
   }
   if (mReady) {
     Note(why);
+    mLimits.At(Clock::now(), [this] { mPipe.Close(); });  // Nobody holds it any more, however long others stay.
   }
   mUrbs.Lose();
 }

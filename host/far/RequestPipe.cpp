@@ -118,8 +118,12 @@ void RequestPipe::OnSyncReply(Command command, const VelPacket& packet) {
   for (const Waiting& passed : over) {
     Fail(passed.done, LIBUSB_ERROR_OTHER);
   }
+  const Reply reply = ReadReply(command, packet.PayloadBytes());
   if (answered.done) {
-    answered.done(ReadReply(command, packet.PayloadBytes()));
+    answered.done(reply);
+  }
+  if (reply.value == LIBUSB_ERROR_NO_DEVICE) {
+    OnLost(kPulledOut);
   }
 }
 

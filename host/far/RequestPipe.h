@@ -34,7 +34,7 @@ class RequestPipe {
   struct Receiver {
     // A transfer's reply, its stream id and status not looked at. On the channel's threads.
     std::function<void(std::unique_ptr<VelPacket>)> onTransfer;
-    // Nothing is answered any more; why, for people. Once at most; also on threads that send.
+    // Nothing is answered any more, or the device has left; why, for people. Once at most; also on threads that send.
     std::function<void(const std::string& why)> onLost;
   };
 

@@ -16,13 +16,16 @@ namespace vel {
 inline constexpr std::size_t kServiceOffset = 13;
 inline constexpr std::uint8_t kAnswersFailures = 1;  // Transfers that fail or are cancelled have a reply.
 
+// Why a channel ends whose device has left its machine.
+inline constexpr char kPulledOut[] = "it was pulled out";
+
 // A way to a redirected device, as its remote side sees it: requests go in, replies come out. Whether the module is
 // in this process or behind a byte stream does not show.
 class PacketChannel {
  public:
   struct Receiver {
     std::function<void(std::unique_ptr<VelPacket>)> onPacket;
-    // The other side is gone; once, and no packet comes after it. `why` is for people.
+    // The other side is gone; once. What was under way may still come after it. `why` is for people.
     std::function<void(const std::string& why)> onClosed;
   };
   // What there is to know of the other side when it does not answer.

@@ -4,6 +4,7 @@
 #include <libusb-1.0/libusb.h>
 #include <linux/usbdevice_fs.h>
 #include <sys/ioctl.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <array>
@@ -16,12 +17,14 @@
 #include <string_view>
 
 #include "mockdev/MockRemote.h"
+#include "remote/TcpConnection.h"
 #include "support/CommandProcess.h"
 
 namespace vel {
 namespace {
 
 using testing::Each;
+using testing::ElementsAre;
 using testing::HasSubstr;
 
 std::vector<std::string> Words(std::vector<std::string> words) {
@@ -180,7 +183,37 @@ TEST_F(CommandAndDevice, ServeSaysThatAnotherProgramHoldsTheDevice) {
   EXPECT_THAT(Run(Words({"serve", Place(), "--stdio"})).messages, HasSubstr("is held by "));
 }
 
+TEST_F(CommandAndDevice, ExportGivesADeviceThatIsPulledOutBackAndListsItNoMore) {
+  mDevice.Plug();
+  CommandProcess command(Words({"export", "1209:0001", "--listen", "0"}), kDeadline);
+  std::string port = command.AwaitMessage("; interrupt to end");
+  port = port.substr(port.find("127.0.0.1:") + 10);
+  const StopSignal never;
+  const auto ask = [&](Bytes request) {  // USB/IP
+    UniqueFd client = ConnectTcp({"127.0.0.1", port.substr(0, port.find(';'))}, never);
+    fcntl(client.Get(), F_SETFL, 0);  // Reads wait.
+    EXPECT_GT(send(client.Get(), request.data(), request.size(), MSG_NOSIGNAL), 0);
+    return client;
+  };
+  std::array<std::uint8_t, 320> reply{};
+  Bytes import = {1, 0x11, 0x80, 3, 0, 0, 0, 0, '1', '-', '1'};
+  import.resize(40);
+  const UniqueFd guest = ask(import);
+  EXPECT_EQ(recv(guest.Get(), reply.data(), reply.size(), MSG_WAITALL), 320);
+  mDevice.Unplug();
+  EXPECT_EQ(recv(guest.Get(), reply.data(), 1, 0), 0);
+  EXPECT_TRUE(mDevice.AwaitClosed());
+  EXPECT_EQ(recv(ask({1, 0x11, 0x80, 5, 0, 0, 0, 0}).Get(), reply.data(), reply.size(), MSG_WAITALL), 12);
+  EXPECT_THAT(std::span(reply).first(12), ElementsAre(1, 0x11, 0, 5, 0, 0, 0, 0, 0, 0, 0, 0));
+  const auto ending = command.Kill(SIGINT);
+  EXPECT_EQ(ending.status, 0);
+  EXPECT_THAT(ending.messages, HasSubstr("1209:0001: it was pulled out\n"));
+}
+
 TEST_F(CommandAndDevice, ServeWaitsForTheDeviceAndTakesItBack) {
+  CommandProcess left(Words({"serve", "1209:0001", "--stdio", "--wait"}), kDeadline);
+  left.AwaitMessage("waiting for the device");
+  EXPECT_THAT(left.Leave().messages, HasSubstr("virtusb: the remote side is gone, the device never came"));
   CommandProcess command(Words({"serve", "1209:0001", "--stdio", "--wait"}), kDeadline);
   RemoteDevice& remote = command.Remote();
   command.AwaitMessage("waiting for the device");

@@ -98,13 +98,14 @@ RemoteDevice& CommandProcess::Remote() {
   return *mRemote;
 }
 
-void CommandProcess::AwaitMessage(const std::string& text, int times) {
+const std::string& CommandProcess::AwaitMessage(const std::string& text, int times) {
   const auto deadline = std::chrono::steady_clock::now() + mDeadline;
   while (Count(mMessages, text) < times) {
     if (!ReadMore(mErrors, deadline, mMessages)) {
       throw std::runtime_error("no \"" + text + "\" in: " + mMessages);
     }
   }
+  return mMessages;
 }
 
 CommandProcess::Ending CommandProcess::Leave(std::span<const std::uint8_t> lastBytes) {

@@ -35,8 +35,8 @@ class CommandProcess {
   pid_t Pid() const { return mPid; }
   // The remote side of a device that the command serves on its standard input and output.
   RemoteDevice& Remote();
-  // Waits until standard error has this text `times` times.
-  void AwaitMessage(const std::string& text, int times = 1);
+  // Waits until standard error has this text `times` times. All that it has then.
+  const std::string& AwaitMessage(const std::string& text, int times = 1);
 
   // Closes standard input, `lastBytes` being the last that comes there, and waits for the end.
   Ending Leave(std::span<const std::uint8_t> lastBytes = {});

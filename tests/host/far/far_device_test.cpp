@@ -284,16 +284,19 @@ TEST_F(FarDeviceTest, FarEndThatDoesNotAnswerACancelIsNotWaitedFor) {
 }
 
 TEST_F(FarDeviceTest, LossAnswersWhatWaitsAndTellsTheGuestLast) {
-  for (const bool pulledOut : {false, true}) {
-    SCOPED_TRACE(pulledOut);
+  for (const std::string_view way : {"channel ends", "transfer's status", "reply's error"}) {
+    SCOPED_TRACE(way);
     Open();
     Submit(2, 0x81, 8);
     Submit(3, 0x82, 8);
     far->Hold();
+    far->answer = [](Command, auto) { return Bytes{0xFC, 0xFF, 0xFF, 0xFF}; };  // LIBUSB_ERROR_NO_DEVICE
     device->Submit({.seqnum = 4, .endpoint = 0x80, .length = 4, .setup = {0xC0, 1, 0, 0, 4}});
     const auto sent = far->TakeSent(3);
-    if (pulledOut) {
+    if (way == "transfer's status") {
       far->Complete(Command::kBulkTransfer, sent[0].second, kNoDevice);
+    } else if (way == "reply's error") {
+      far->Release();
     } else {
       far->End();
     }

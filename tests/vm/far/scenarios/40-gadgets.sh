@@ -49,8 +49,8 @@ detach
 await "usb-storage on the gadget again" has_driver 1d6b:0106 0 usb-storage
 await "cdc_acm on the gadget again" has_driver 1d6b:0104 0 cdc_acm
 
-# Pulled out while data flows: the service ends, and with it what is attached.
-attach "exec:$VIRTUSB --module $VIRTUSB_MODULE serve $(place_of 1d6b:0106) --stdio --answer-failures"
+# Pulled out while data flows: what is attached ends.
+attach "$(place_of 1d6b:0106)"
 find_disk
 dd if="$block" of=/tmp/read bs=64k 2>/dev/null &
 reader=$!
@@ -60,7 +60,8 @@ status=0
 wait $attached || status=$?
 attached=
 [ $status = 1 ] || fail "attach ends with $status: $(cat $said)"
-grep -q 'the device is gone, the service ends' $said || fail "no message that it left: $(cat $said)"
+grep -q '^virtusb: the device is gone$' $said || fail "no message that it left: $(cat $said)"
 await "the ports to be free" ports_free
-wait $reader && fail "the disk could be read to its end"
+wait $reader || true # An error, or the end of a disk that has no size any more.
+[ "$(wc -c </tmp/read)" -lt 41943040 ] || fail "the disk could be read to its end"
 echo "pulled out in the middle of a read"
