@@ -27,7 +27,8 @@ tty=$(basename "$(find "$(on_vhci 1d6b:0104)/" -path '*/tty/ttyACM*' -name 'ttyA
 for each in $tty ttyGS0; do stty -F /dev/$each raw -echo; done
 head -c 102400 /dev/urandom >/tmp/sent
 for way in "$tty ttyGS0" "ttyGS0 $tty"; do
-  timeout 20 head -c 102400 "/dev/${way#* }" >/tmp/received &
+  exec 3<"/dev/${way#* }" # Open before the first byte comes: a closed port drops it.
+  timeout 20 head -c 102400 <&3 >/tmp/received &
   reader=$!
   timeout 20 dd if=/tmp/sent "of=/dev/${way% *}" bs=4k 2>/dev/null || fail "$way: not written"
   wait $reader || fail "$way: not read"
