@@ -84,7 +84,7 @@ TEST_F(Decoder, UnknownPixelFormatIsBlackWhateverWasThereBefore) {
   ASSERT_EQ(Send(JpegWriter{.width = 64, .height = 64}.Write(), 1), 0);
   ASSERT_EQ(Send(JpegWriter{.width = 64, .height = 64, .grey = true}.Write(), 2), 0);
   Bytes black;
-  Bytes planes(64 * 64, 16);
+  Bytes planes(std::size_t{64} * 64, 16);
   planes.resize(2 * planes.size(), 128);
   for (int i = 0; i < 64 * 64; ++i) {
     black.insert(black.end(), {16, 128});
@@ -146,7 +146,7 @@ TEST_F(Decoder, DecodesCameraH264AtOnce) {
 
 // Planar where asked for, and the last picture again for clients.
 TEST_F(Decoder, GivesH264AsPlanesAndTheLastPictureAgain) {
-  constexpr std::size_t kPixels = 96 * 64;
+  constexpr std::size_t kPixels = std::size_t{96} * 64;
   const Bytes picture = Scene(96, 64).Draw(0);
   UVCEncoder encoder;
   ASSERT_EQ(encoder.Init(UVC_ENCODER_TYPE_H264, 96, 64, nullptr, nullptr), 0);
@@ -184,7 +184,7 @@ TEST_F(Decoder, RefusesWhatItCannotDo) {
   EXPECT_EQ(mDecoder.DecodeAsync(block.data(), 0, 0), -1);
   EXPECT_NE(Send(Bytes(1000, 0xFF)), 0);
   EXPECT_EQ(log.Count("Do async decode fail ("), 1U);
-  Bytes out(64 * 64 * 2);  // What was negotiated.
+  Bytes out(std::size_t{64} * 64 * 2);  // What was negotiated.
   for (const JpegWriter& picture : {JpegWriter{.width = 72, .height = 64}, JpegWriter{.width = 64, .height = 64}}) {
     const Bytes frame = picture.Write();
     EXPECT_EQ(mDecoder.Decode(frame.data(), static_cast<std::uint32_t>(frame.size()), out.data(), &size),

@@ -124,7 +124,7 @@ TEST(FrameManager, EncodesMjpegAsIfThroughYuyv) {
     ASSERT_EQ(manager.EnqueueFrame(MakeFrame(jpeg, 0).release()), 0);
     const UVCFramePtr frame = Dequeue(manager);
     ASSERT_NE(frame, nullptr);
-    Bytes yuyv(kWidth * kHeight * 2);
+    Bytes yuyv(std::size_t{kWidth} * kHeight * 2);
     Bytes unit(yuyv.size());
     std::uint32_t size = 0;
     ASSERT_EQ(decoder.Decode(jpeg.data(), static_cast<std::uint32_t>(jpeg.size()), yuyv.data(), &size), 1);

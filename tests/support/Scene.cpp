@@ -121,8 +121,8 @@ Bytes EncodeJpeg(std::span<const std::uint8_t> yuyv, int width, int height) {
   frame->height = height;
   frame->quality = context->global_quality;
   Require(av_frame_get_buffer(frame.get(), 0) == 0, "no memory");
-  for (int y = 0; y < height; ++y) {
-    const std::uint8_t* row = yuyv.data() + static_cast<std::ptrdiff_t>(y) * width * 2;
+  for (std::ptrdiff_t y = 0; y < height; ++y) {
+    const std::uint8_t* row = yuyv.data() + y * width * 2;
     kPixelRowsScalar.planar(row, frame->data[0] + y * frame->linesize[0], frame->data[1] + y * frame->linesize[1],
                             frame->data[2] + y * frame->linesize[2], static_cast<std::size_t>(width));
   }
