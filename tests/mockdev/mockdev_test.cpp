@@ -12,13 +12,7 @@
 namespace vel {
 namespace {
 
-using Clock = std::chrono::steady_clock;
-using testing::Each;
 using testing::ElementsAre;
-using testing::Pair;
-using testing::SizeIs;
-
-constexpr std::chrono::milliseconds kPrompt{500};  // Half of libusb's wait for events.
 
 class MockDevice : public testing::Test {
  protected:
@@ -125,30 +119,6 @@ TEST_F(MockDevice, TransfersThatTheKernelDropsAreCancelled) {
   const std::uint32_t other = Submit(*remote, Command::kBulkTransfer, 0x84, 64);
   EXPECT_EQ(remote->SetInterfaceAltSetting(1, 0), 0);
   EXPECT_EQ(mDevice.Look().pending, 1U) << "transfer " << other;
-}
-
-// What a close and the session's end do is in the tests of the backend, and in the soak.
-TEST_F(MockDevice, EachOf32IsAnsweredOnceAndAtOnceWhenItIsUnplugged) {
-  auto remote = Redirect(mDevice, mTally);
-  EXPECT_EQ(remote->Status(Command::kOpenUsbDev), 0);
-  EXPECT_EQ(remote->Status(Command::kClaimAllInterface), LIBUSB_ERROR_BUSY);
-  Take(*remote);
-  for (int i = 0; i < 16; ++i) {
-    Submit(*remote, Command::kBulkTransfer, 0x84, 4096);
-    Submit(*remote, Command::kInterruptTransfer, 0x83, 64);
-  }
-  ASSERT_TRUE(mDevice.AwaitPending(32));
-  auto begin = Clock::now();
-  mDevice.Unplug();
-  const Tally::Statuses statuses = mTally.Await(32);
-  EXPECT_LT(Clock::now() - begin, kPrompt);
-  EXPECT_THAT(statuses, SizeIs(32));
-  EXPECT_THAT(statuses, Each(Pair(testing::_, ElementsAre(int{LIBUSB_TRANSFER_NO_DEVICE}))));
-  EXPECT_EQ(remote->Transfer(Command::kBulkTransfer, 0x82, 8).status, LIBUSB_TRANSFER_ERROR);
-  EXPECT_LT(remote->ControlTransfer({0xC0, MockUsbDevice::kFetch, 0, 0, 8}).value, 0);
-  begin = Clock::now();
-  remote.reset();
-  EXPECT_LT(Clock::now() - begin, kPrompt);
 }
 
 }  // namespace

@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
@@ -16,10 +15,10 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <map>
 #include <optional>
 #include <stdexcept>
 #include <string>
-#include <string_view>
 #include <thread>
 #include <utility>
 
@@ -42,19 +41,11 @@ constexpr std::uint64_t kSettlingRounds = 20;
 
 using MakeSuite = std::unique_ptr<SoakSuite> (*)();
 
-constexpr std::array<std::pair<std::string_view, MakeSuite>, 5> kSuites = {{
-    {"camera", &MakeCameraSoak},
-    {"codec", &MakeCodecSoak},
-    {"device", &MakeDeviceSoak},
-    {"flood", &MakeFloodSoak},
-    {"session", &MakeSessionSoak},
-}};
-
-// Null where there is none of this name.
-MakeSuite FindSuite(std::string_view name) {
-  const auto* const found = std::ranges::find(kSuites, name, &std::pair<std::string_view, MakeSuite>::first);
-  return found == kSuites.end() ? nullptr : found->second;
-}
+const std::map<std::string, MakeSuite> kSuites = {{"camera", &MakeCameraSoak},
+                                                  {"codec", &MakeCodecSoak},
+                                                  {"device", &MakeDeviceSoak},
+                                                  {"flood", &MakeFloodSoak},
+                                                  {"session", &MakeSessionSoak}};
 
 struct Options {
   std::string suite;
@@ -133,7 +124,7 @@ void Print(const char* what, const Options& options, const SoakSuite& suite, con
 }
 
 void Run(const Options& options) {
-  const std::unique_ptr<SoakSuite> suite = FindSuite(options.suite)();
+  const std::unique_ptr<SoakSuite> suite = kSuites.at(options.suite)();
   SoakRun run{.random = std::mt19937(options.seed), .isShort = options.rounds != UINT64_MAX};
   static_cast<void>(std::fprintf(gVerdicts, "%-8s seed %u\n", options.suite.c_str(), options.seed));
   const auto begin = Clock::now();
@@ -166,16 +157,13 @@ void Run(const Options& options) {
 Options Parse(int argc, char** argv) {
   Options options;
   CLI::App app;
-  app.add_option("suite", options.suite)->required();
+  app.add_option("suite", options.suite)->required()->check(CLI::IsMember(&kSuites));
   auto* const time = app.add_option_function<long>("--seconds", [&](long count) { options.time = seconds(count); });
   app.add_option("--rounds", options.rounds)->excludes(time)->each([&](const std::string&) {
     options.time = std::chrono::hours(24);
   });
   app.add_option("--seed", options.seed);
   app.parse(argc, argv);
-  if (FindSuite(options.suite) == nullptr) {
-    throw std::invalid_argument("no such suite");
-  }
   return options;
 }
 

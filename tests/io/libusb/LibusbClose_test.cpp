@@ -1,8 +1,6 @@
 #include <atomic>
 #include <chrono>
 
-#include <pthread.h>
-
 #include "LibusbIoFixture.h"
 
 namespace vel {
@@ -43,21 +41,6 @@ class LibusbIoClose : public LibusbIoTest {
     while (log.Count("Debug:LibusbEventHandler: the thread aborted, Input/Output Error(-1)") == 0) {
       std::this_thread::yield();
     }
-  }
-
-  // Without an event thread.
-  void ExpectWaitersHandleEvents() {
-    Submit32();
-    std::uint8_t byte = 0;
-    int control = 0;
-    std::thread loop([&] { control = ReadByte(byte); });
-    ASSERT_TRUE(device.AwaitPending(33));
-    device.Complete(0, {.bytes = {5}});
-    loop.join();
-    EXPECT_EQ(control, 1);
-    EXPECT_EQ(byte, 5);
-    CloseSoon();
-    ExpectAll32Cancelled();
   }
 };
 
@@ -188,7 +171,14 @@ TEST_F(LibusbIoClose, WithoutItsEventThreadTheWaitersHandleEvents) {
   device.Complete(0, {.bytes = {5}});
   first.join();
   EXPECT_EQ(control, 1);
-  ExpectWaitersHandleEvents();
+  Submit32();
+  std::thread second([&] { control = ReadByte(byte); });
+  ASSERT_TRUE(device.AwaitPending(33));
+  device.Complete(0, {.bytes = {6}});
+  second.join();
+  EXPECT_EQ(byte, 6);
+  CloseSoon();
+  ExpectAll32Cancelled();
 }
 
 // Whoever waits for completions need not know of event threads: it is enough to cancel.
@@ -260,28 +250,6 @@ TEST_F(LibusbIoClose, EventsThatFailForeverHangNothing) {
   loop.join();
   stop.join();
   ExpectAll32Cancelled();
-}
-
-TEST_F(LibusbIoClose, WithoutAThreadTransfersStillComplete) {
-  // No room for a stack of this size: no thread can start.
-  pthread_attr_t attributes;
-  ASSERT_EQ(pthread_getattr_default_np(&attributes), 0);
-  std::size_t usual = 0;
-  ASSERT_EQ(pthread_attr_getstacksize(&attributes, &usual), 0);
-  const auto setStack = [&](std::size_t size) {
-    return pthread_attr_setstacksize(&attributes, size) + pthread_setattr_default_np(&attributes);
-  };
-  seam.Instead("get_device_list", [&](const auto& call) {
-    const int count = call();
-    EXPECT_EQ(setStack(std::size_t{1} << 50U), 0);
-    return count;
-  });
-  io->Init();
-  ASSERT_EQ(setStack(usual), 0);
-  pthread_attr_destroy(&attributes);
-  EXPECT_EQ(log.Count("Starting LibusbEventHandler failed"), 1U);
-  Open();
-  ExpectWaitersHandleEvents();
 }
 
 }  // namespace
