@@ -15,6 +15,7 @@ std::atomic<std::uint32_t> gCount{0};
 std::atomic<std::uint32_t> gToFail{0};
 std::atomic<std::int64_t> gToSucceed{0};
 thread_local int tHealthy = 0;
+thread_local std::uint32_t tUntilFailure = 0;  // 0: none is to come.
 
 // Counts down to 0.
 bool Take(std::atomic<std::uint32_t>& left) {
@@ -25,6 +26,9 @@ bool Take(std::atomic<std::uint32_t>& left) {
 }
 
 bool Fails() {
+  if (tUntilFailure > 0 && --tUntilFailure == 0) {
+    return true;
+  }
   if (tHealthy > 0) {
     return false;
   }
@@ -53,6 +57,11 @@ std::uint32_t FailMemoryOfOthersAfter(std::uint32_t succeed, std::uint32_t fail)
   gToSucceed = succeed;
   gToFail = fail;
   return left;
+}
+
+void FailMyMemory(std::uint32_t nth) {
+  tHealthy = 1;
+  tUntilFailure = nth;
 }
 
 HealthyMemory::HealthyMemory() {

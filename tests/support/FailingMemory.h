@@ -15,6 +15,9 @@ std::uint32_t FailMemoryOfOthers(std::uint32_t oneIn);
 // come.
 std::uint32_t FailMemoryOfOthersAfter(std::uint32_t succeed, std::uint32_t fail);
 
+// Lets the `nth` allocation of this thread from now on fail, and no other; none for 0.
+void FailMyMemory(std::uint32_t nth);
+
 // As long as it lives, this thread's allocations work.
 class HealthyMemory {
  public:

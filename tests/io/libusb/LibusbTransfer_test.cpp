@@ -59,20 +59,18 @@ TEST_F(LibusbIoTransfer, FailedSubmissionCompletesTheRecordAsItWas) {
 // itself.
 TEST_F(LibusbIoTransfer, NoMemoryIsAResultAndNotAnException) {
   Open();
-  test::FailMemoryOfOthersAfter(0, 0);  // From now on, this thread is not meant.
   records.OnDone([](const auto&) { throw std::bad_alloc(); });
   seam.Instead("submit_transfer", [](const auto& call) {
-    test::FailMemoryOfOthersAfter(0, 0);
+    test::FailMyMemory(0);
     return call();
   });
   for (const Kind& kind : kinds) {
     std::set<int> results;
-    for (std::uint32_t succeed = 0; succeed < 16; ++succeed) {
+    for (std::uint32_t nth = 1; nth <= 16; ++nth) {
       _UsbIoXferInfo* info = kind.make();
-      int result = 1;
-      test::FailMemoryOfOthersAfter(succeed, 1);
-      std::thread([&] { result = (*io.*kind.submit)(info); }).join();
-      test::FailMemoryOfOthersAfter(0, 0);
+      test::FailMyMemory(nth);
+      const int result = (*io.*kind.submit)(info);
+      test::FailMyMemory(0);
       results.insert(result);
     }
     EXPECT_THAT(results, ElementsAre(LIBUSB_ERROR_NO_MEM, 0));
