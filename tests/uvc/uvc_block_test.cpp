@@ -1,4 +1,6 @@
 // Raw video-streaming blocks: the tree, the lookup in it, the filter, what becomes of broken ones, and where they lie.
+#include <fstream>
+#include <iterator>
 #include <string>
 #include <tuple>
 #include <vector>
