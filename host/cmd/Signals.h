@@ -23,7 +23,7 @@ class CaughtSignals {
  private:
   static constexpr std::array kNumbers = {SIGINT, SIGTERM, SIGHUP};
 
-  const StopSignal mStop;
+  const StopSignal& mStop = *new StopSignal;  // Stays: a handler may be in it, on any thread.
 };
 
 }  // namespace vel

@@ -5,6 +5,7 @@
 #include <poll.h>
 #include <sys/socket.h>
 
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
@@ -52,6 +53,7 @@ struct Query {
 
   const HostPort of;
   const StopSignal answered;
+  std::atomic<bool> isWhole{false};  // Orders the answer before its reader; a pipe alone promises that to nobody.
   int error = 0;
   std::string problem;
   AddrInfoHandle found;
@@ -84,9 +86,10 @@ AddrInfoHandle LookUp(const HostPort& address, int flags, const StopSignal& stop
     // Nothing interrupts the resolver: one that has not answered then is left alone with its question.
     std::thread([query, flags] {
       query->Ask(flags);
+      query->isWhole.store(true, std::memory_order_release);
       query->answered.Raise();
     }).detach();
-    if (!stop.WaitFor(query->answered.Fd(), POLLIN)) {
+    if (!stop.WaitFor(query->answered.Fd(), POLLIN) || !query->isWhole.load(std::memory_order_acquire)) {
       throw Interrupted();
     }
   }

@@ -57,8 +57,11 @@ class Completions final : public UsbIoTransferCallback {
     return info;
   }
 
-  // Runs in each completion, after it was noted. To be set before there is one.
-  void OnDone(std::function<void(const _UsbIoXferInfo&)> hook) { mHook = std::move(hook); }
+  // Runs in each completion that comes from now on, after it was noted.
+  void OnDone(std::function<void(const _UsbIoXferInfo&)> hook) {
+    const MutexLock lock(mMutex);
+    mHook = std::move(hook);
+  }
   // How many have not come yet.
   int Outstanding() {
     const MutexLock lock(mMutex);
@@ -74,20 +77,22 @@ class Completions final : public UsbIoTransferCallback {
  private:
   void UsbIoXferCb(_UsbIoXferInfo* info) override {
     const XferPtr owned(info);
+    std::function<void(const _UsbIoXferInfo&)> hook;
     {
       const MutexLock lock(mMutex);
+      hook = mHook;
       EXPECT_GE(--mOpen[info->localXferId], 0) << "transfer " << info->localXferId << " was completed twice";
     }
     done.Add(
         {info->streamId, info->status,
          info->data == nullptr ? std::nullopt : std::optional<std::string>({info->data, info->data + info->length})});
-    if (mHook) {
-      mHook(*info);
+    if (hook) {
+      hook(*info);
     }
   }
 
-  std::function<void(const _UsbIoXferInfo&)> mHook;
   Mutex mMutex;
+  std::function<void(const _UsbIoXferInfo&)> mHook VEL_GUARDED_BY(mMutex);
   std::map<std::uint32_t, int> mOpen VEL_GUARDED_BY(mMutex);  // By the id for cancelling.
 };
 
