@@ -25,11 +25,13 @@ constexpr std::chrono::microseconds kMicroframe{125};
 FarDevice::FarDevice(std::unique_ptr<PacketChannel> channel, Options options)
     : mOptions(std::move(options)),
       mPipe(std::move(channel)),
-      mCutOff(CutOffAtStop(StopWatcher::kGrace)),
-      mFacts([this] {
-        const auto cutOff = CutOffAtStop({});
+      mCutOff([this] {  // Closes nothing that has not started.
         mPipe.Start({[this](std::unique_ptr<VelPacket> packet) { OnTransfer(std::move(packet)); },
                      [this](const std::string& why) { OnLost(why); }});
+        return CutOffAtStop(StopWatcher::kGrace);
+      }()),
+      mFacts([this] {
+        const auto cutOff = CutOffAtStop({});
         return DeviceFacts::Ask(mPipe, mOptions.transcode, std::max(mOptions.replyTime, mPipe.StartTime()));
       }()),
       mRouter(mPipe, mFacts, mOptions.controlLimit),
