@@ -7,7 +7,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
@@ -21,14 +20,6 @@ namespace {
 constexpr std::chrono::milliseconds kTimeToEnd{3000};
 constexpr std::chrono::milliseconds kTimeToEndOnceStopped{100};
 constexpr std::chrono::milliseconds kTimeToStop{10000};
-
-std::pair<UniqueFd, UniqueFd> MakePipe() {
-  std::array<int, 2> ends{};
-  if (pipe2(ends.data(), O_CLOEXEC) != 0) {
-    throw std::system_error(errno, std::generic_category(), "pipe");
-  }
-  return {UniqueFd(ends[0]), UniqueFd(ends[1])};
-}
 
 // What the child starts with.
 class SpawnSetup {
@@ -56,12 +47,7 @@ class SpawnSetup {
 
   // 0, or what went wrong as errno has it.
   int Run(std::vector<std::string>& words, pid_t& pid) const {
-    std::vector<char*> arguments;
-    arguments.reserve(words.size() + 1);
-    for (std::string& word : words) {
-      arguments.push_back(word.data());
-    }
-    arguments.push_back(nullptr);
+    std::vector<char*> arguments = ArgumentVector(words);
     return posix_spawnp(&pid, arguments[0], &mActions, &mAttributes, arguments.data(), environ);
   }
 
@@ -71,6 +57,16 @@ class SpawnSetup {
 };
 
 }  // namespace
+
+std::vector<char*> ArgumentVector(std::vector<std::string>& words) {
+  std::vector<char*> arguments;
+  arguments.reserve(words.size() + 1);
+  for (std::string& word : words) {
+    arguments.push_back(word.data());
+  }
+  arguments.push_back(nullptr);
+  return arguments;
+}
 
 ChildProcess::ChildProcess(std::vector<std::string> words, const StopSignal& stop) : mStop(stop) {
   auto [childInput, input] = MakePipe();

@@ -10,6 +10,9 @@
 
 namespace vel {
 
+// What exec takes: the words, which stay the caller's, and null.
+std::vector<char*> ArgumentVector(std::vector<std::string>& words);
+
 // A program whose standard input and output are pipes to this process; its standard error is this process's. A
 // terminal's interrupt does not reach it: it is to end when its input does, after this process has said what it has
 // to say. One thread but for AwaitEnd.

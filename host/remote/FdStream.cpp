@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <climits>
 #include <system_error>
+#include <tuple>
 #include <utility>
 
 namespace vel {
@@ -64,13 +65,16 @@ int UniqueFd::Release() {
   return std::exchange(mFd, -1);
 }
 
-StopSignal::StopSignal() {
+std::pair<UniqueFd, UniqueFd> MakePipe(int flags) {
   std::array<int, 2> ends{};
-  if (pipe2(ends.data(), O_CLOEXEC | O_NONBLOCK) != 0) {
+  if (pipe2(ends.data(), O_CLOEXEC | flags) != 0) {
     throw std::system_error(errno, std::generic_category(), "pipe");
   }
-  mRead = UniqueFd(ends[0]);
-  mWrite = UniqueFd(ends[1]);
+  return {UniqueFd(ends[0]), UniqueFd(ends[1])};
+}
+
+StopSignal::StopSignal() {
+  std::tie(mRead, mWrite) = MakePipe(O_NONBLOCK);
 }
 
 void StopSignal::Raise() const {

@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <span>
+#include <utility>
 
 #include "vel/Mutex.h"
 
@@ -28,6 +29,10 @@ class UniqueFd {
  private:
   int mFd = -1;
 };
+
+// A pipe's reading and writing end, closed in programs that are run; `flags` are pipe2's. Throws std::system_error when
+// the process has no descriptors left.
+std::pair<UniqueFd, UniqueFd> MakePipe(int flags = 0);
 
 // Wakes those who wait for a descriptor: once raised it stays raised. Any thread; Raise also from a signal handler.
 class StopSignal {

@@ -12,23 +12,11 @@
 #include <stdexcept>
 #include <utility>
 
+#include "remote/ChildProcess.h"
 #include "remote/StreamChannel.h"
 
 namespace vel {
 namespace {
-
-struct Pipe {
-  Pipe() {
-    std::array<int, 2> ends{};
-    if (pipe2(ends.data(), O_CLOEXEC) != 0) {
-      throw std::runtime_error("no pipe");
-    }
-    read = UniqueFd(ends[0]);
-    write = UniqueFd(ends[1]);
-  }
-  UniqueFd read;
-  UniqueFd write;
-};
 
 UniqueFd Copy(const UniqueFd& fd) {
   return UniqueFd(fcntl(fd.Get(), F_DUPFD_CLOEXEC, 0));
@@ -58,28 +46,23 @@ int Count(const std::string& text, const std::string& wanted) {
 }  // namespace
 
 CommandProcess::CommandProcess(std::vector<std::string> words, std::chrono::seconds deadline) : mDeadline(deadline) {
-  Pipe input;
-  Pipe output;
-  Pipe messages;
-  std::vector<char*> arguments;
-  arguments.reserve(words.size() + 1);
-  for (std::string& word : words) {
-    arguments.push_back(word.data());
-  }
-  arguments.push_back(nullptr);
+  auto [childInput, input] = MakePipe();
+  auto [output, childOutput] = MakePipe();
+  auto [messages, childMessages] = MakePipe();
+  std::vector<char*> arguments = ArgumentVector(words);
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_adddup2(&actions, input.read.Get(), STDIN_FILENO);
-  posix_spawn_file_actions_adddup2(&actions, output.write.Get(), STDOUT_FILENO);
-  posix_spawn_file_actions_adddup2(&actions, messages.write.Get(), STDERR_FILENO);
+  posix_spawn_file_actions_adddup2(&actions, childInput.Get(), STDIN_FILENO);
+  posix_spawn_file_actions_adddup2(&actions, childOutput.Get(), STDOUT_FILENO);
+  posix_spawn_file_actions_adddup2(&actions, childMessages.Get(), STDERR_FILENO);
   const int error = posix_spawnp(&mPid, arguments[0], &actions, nullptr, arguments.data(), environ);
   posix_spawn_file_actions_destroy(&actions);
   if (error != 0) {
     throw std::runtime_error("cannot run " + words[0]);
   }
-  mInput = std::move(input.write);
-  mOutput = std::move(output.read);
-  mErrors = std::move(messages.read);
+  mInput = std::move(input);
+  mOutput = std::move(output);
+  mErrors = std::move(messages);
 }
 
 CommandProcess::~CommandProcess() {
