@@ -61,6 +61,7 @@ int UVCDecoder::Init(_UVC_DECODER_TYPE type, _UVC_DECODER_OUTPUT_FORMAT format, 
   const int result = OpenCodec(type);
   if (result != 0) {
     mContext.reset();
+    mLogRoute.reset();
     return result;
   }
   mBlocks.emplace();

@@ -79,6 +79,9 @@ int UVCEncoder::Init(_UVC_ENCODER_TYPE type, int width, int height, UVCEncoderHa
     mHeight = height;
     if (!OpenEncoder(type)) {
       mEncoder.reset();
+      mFrame.reset();
+      mPacket.reset();
+      mLogRoute.reset();
       return -1;
     }
   }
