@@ -13,6 +13,8 @@
 #include <string>
 #include <vector>
 
+#include "support/GuestDevice.h"
+
 namespace {
 
 using Clock = std::chrono::steady_clock;
@@ -79,23 +81,21 @@ struct Throughput {
   double cpuMsPerMegabyte;
 };
 
-Throughput Pump(libusb_context* context, libusb_device_handle* handle, std::uint8_t endpoint) {
+Throughput Pump(const vel::GuestDevice& device, std::uint8_t endpoint) {
   std::vector<std::vector<std::uint8_t>> buffers(kInFlight, std::vector<std::uint8_t>(kLarge));
-  std::vector<libusb_transfer*> transfers;
+  std::vector<vel::LibusbTransferPtr> transfers;
   const double busy = Busy();
   const Clock::time_point begin = Clock::now();
   Stream stream{begin + kThroughputTime, 0, kInFlight};
   for (auto& buffer : buffers) {
-    transfers.push_back(libusb_alloc_transfer(0));
-    libusb_fill_bulk_transfer(transfers.back(), handle, endpoint, buffer.data(), kLarge, Continue, &stream, kTimeoutMs);
-    Require(libusb_submit_transfer(transfers.back()) == 0, "a submission failed");
+    libusb_transfer* const transfer = transfers.emplace_back(libusb_alloc_transfer(0)).get();
+    libusb_fill_bulk_transfer(transfer, device.Handle(), endpoint, buffer.data(), kLarge, Continue, &stream,
+                              kTimeoutMs);
+    Require(libusb_submit_transfer(transfer) == 0, "a submission failed");
   }
-  while (stream.left > 0) {
-    libusb_handle_events(context);
-  }
+  device.Await(stream.left);
   const double megabytes = static_cast<double>(stream.bytes) / 1e6;
   const Throughput result{megabytes / Seconds(Clock::now() - begin), 1e3 * (Busy() - busy) / megabytes};
-  std::ranges::for_each(transfers, libusb_free_transfer);
   return result;
 }
 
@@ -103,20 +103,8 @@ Throughput Pump(libusb_context* context, libusb_device_handle* handle, std::uint
 
 int main(int argc, char** argv) {
   Require(argc == 3, "usage: vm_bench LABEL BUS:ADDRESS");
-  libusb_context* context = nullptr;
-  Require(libusb_init(&context) == 0, "no libusb");
-  libusb_device** list = nullptr;
-  const ssize_t count = libusb_get_device_list(context, &list);
-  libusb_device_handle* handle = nullptr;
-  for (ssize_t i = 0; i < count; ++i) {
-    if (std::to_string(libusb_get_bus_number(list[i])) + ":" + std::to_string(libusb_get_device_address(list[i])) ==
-        argv[2]) {
-      libusb_open(list[i], &handle);
-    }
-  }
-  libusb_free_device_list(list, 1);
-  Require(handle != nullptr, "the device cannot be opened");
-  Require(libusb_claim_interface(handle, 0) == 0, "the interface cannot be claimed");
+  const vel::GuestDevice device(argv[2]);
+  libusb_device_handle* const handle = device.Handle();
   libusb_config_descriptor* config = nullptr;
   Require(libusb_get_active_config_descriptor(libusb_get_device(handle), &config) == 0, "no configuration");
   std::array<std::uint8_t, 2> endpoints{};  // OUT, IN
@@ -137,12 +125,9 @@ int main(int argc, char** argv) {
     int moved = 0;
     return libusb_bulk_transfer(handle, endpoints[0], small.data(), kSmall, &moved, kTimeoutMs) == 0 && moved == kSmall;
   });
-  const Throughput in = Pump(context, handle, endpoints[1]);
-  const Throughput out = Pump(context, handle, endpoints[0]);
+  const Throughput in = Pump(device, endpoints[1]);
+  const Throughput out = Pump(device, endpoints[0]);
   static_cast<void>(std::printf("%s %.0f %.0f %.1f %.2f %.1f %.2f\n", argv[1], control, bulk, in.megabytesPerSecond,
                                 in.cpuMsPerMegabyte, out.megabytesPerSecond, out.cpuMsPerMegabyte));
-  libusb_release_interface(handle, 0);
-  libusb_close(handle);
-  libusb_exit(context);
   return 0;
 }

@@ -76,11 +76,7 @@ TEST(Configuration, HidesACamerasTallFrames) {
   DescriptorTree tree;
   const VsBlock block("yuyv 480 1080 still color");
   const VsBlock cut("yuyv 480 still color");
-  for (libusb_interface_descriptor& setting : tree.settings) {
-    setting.bInterfaceClass = 14;
-    setting.bInterfaceSubClass = 2;
-  }
-  DescriptorTree::SetExtra(tree.settings[0], block.bytes);
+  tree.BeCamera(block.bytes);
   DescriptorTree::SetExtra(tree.settings[1], block.bytes);  // Not looked at.
   NullUsbIo io;
   for (const std::uint32_t limit : {0U, 720U}) {

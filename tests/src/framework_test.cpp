@@ -88,11 +88,7 @@ TEST(Device, SaysPacketsOf64BytesButForOneOddPair) {
 TEST(Device, StreamBeginsAndEndsBehindTheBackendsChangeOfSetting) {
   DescriptorTree tree;
   const VsBlock block("yuyv 48");
-  for (libusb_interface_descriptor& setting : tree.settings) {
-    setting.bInterfaceClass = 14;
-    setting.bInterfaceSubClass = 2;
-  }
-  DescriptorTree::SetExtra(tree.settings[0], block.bytes);
+  tree.BeCamera(block.bytes);
   RecordingDeviceBase remote;
   ScriptedUsbIo io(remote);
   io.Describe(&tree.config);

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstddef>
+#include <optional>
 #include <utility>
 #include <vector>
 
@@ -12,7 +13,7 @@
 
 namespace vel {
 
-// What other threads bring and a test waits for. Any thread.
+// What other threads bring and a test waits for. Any thread; one takes from it.
 template <class T>
 class Collected {
  public:
@@ -22,7 +23,7 @@ class Collected {
     mAdded.NotifyAll();
   }
   // The first `count`; fewer after the deadline, which only a failure reaches.
-  std::vector<T> Await(std::size_t count) {
+  std::vector<T> Await(std::size_t count) const {
     const auto deadline = std::chrono::steady_clock::now() + kDeadline;
     MutexLock lock(mMutex);
     while (mItems.size() < count && mAdded.WaitUntil(lock, deadline)) {
@@ -34,14 +35,25 @@ class Collected {
     const MutexLock lock(mMutex);
     return std::exchange(mItems, {});
   }
-  std::size_t Count() {
+  // The first, which is forgotten; nothing after the deadline.
+  std::optional<T> Next() {
+    const bool came = !Await(1).empty();
+    const MutexLock lock(mMutex);
+    std::optional<T> item;
+    if (came) {
+      item = std::move(mItems.front());
+      mItems.erase(mItems.begin());
+    }
+    return item;
+  }
+  std::size_t Count() const {
     const MutexLock lock(mMutex);
     return mItems.size();
   }
 
  private:
-  Mutex mMutex;
-  CondVar mAdded;
+  mutable Mutex mMutex;
+  mutable CondVar mAdded;
   std::vector<T> mItems VEL_GUARDED_BY(mMutex);
 };
 

@@ -47,6 +47,15 @@ struct DescriptorTree {
     desc.extra_length = static_cast<int>(bytes.size());
   }
 
+  // Makes it a camera's streaming interface with this block, whose bytes stay the caller's.
+  void BeCamera(const std::vector<std::uint8_t>& block) {
+    for (libusb_interface_descriptor& setting : settings) {
+      setting.bInterfaceClass = 14;
+      setting.bInterfaceSubClass = 2;
+    }
+    SetExtra(settings[0], block);
+  }
+
   libusb_endpoint_descriptor endpoint{};
   libusb_interface_descriptor settings[2]{};
   libusb_interface interface {};

@@ -2,7 +2,6 @@
 #define VIRTUSB_TESTS_SUPPORT_RECORDING_DEVICE_BASE_H
 
 #include <algorithm>
-#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -13,9 +12,8 @@
 #include <vector>
 
 #include "protocol/VelPacket.h"
+#include "support/Collected.h"
 #include "support/FakeDeviceBase.h"
-#include "support/Limits.h"
-#include "vel/Mutex.h"
 
 namespace vel {
 
@@ -46,26 +44,11 @@ class RecordingDeviceBase final : public FakeDeviceBase {
   IUsbIo* MakeBackend(std::uint32_t type) const { return mBackendMaker ? mBackendMaker(type) : nullptr; }
 
   // False when fewer than `n` replies, counted from the start, have come by the deadline.
-  [[nodiscard]] bool WaitForReplies(std::size_t n) const {
-    const auto deadline = std::chrono::steady_clock::now() + kDeadline;
-    MutexLock lock(mMutex);
-    while (mReplies.size() < n && mReplied.WaitUntil(lock, deadline)) {
-    }
-    return mReplies.size() >= n;
-  }
-  std::vector<Reply> Replies() const {
-    const MutexLock lock(mMutex);
-    return mReplies;
-  }
-  std::size_t ReplyCount() const {
-    const MutexLock lock(mMutex);
-    return mReplies.size();
-  }
+  [[nodiscard]] bool WaitForReplies(std::size_t n) const { return mReplies.Await(n).size() == n; }
+  std::vector<Reply> Replies() const { return mReplies.Await(mReplies.Count()); }
+  std::size_t ReplyCount() const { return mReplies.Count(); }
   // "NAME key=value, key=value", in order.
-  std::vector<std::string> Events() const {
-    const MutexLock lock(mMutex);
-    return mEvents;
-  }
+  std::vector<std::string> Events() const { return mEvents.Await(mEvents.Count()); }
 
   int Send(std::unique_ptr<VelPacket> packet, std::uint32_t waitMs) override {
     Reply reply = Read(*packet);
@@ -73,9 +56,7 @@ class RecordingDeviceBase final : public FakeDeviceBase {
     if (mHook) {
       mHook(reply);
     }
-    const MutexLock lock(mMutex);
-    mReplies.push_back(std::move(reply));
-    mReplied.NotifyAll();
+    mReplies.Add(std::move(reply));
     return 0;
   }
   void Trace(std::uint64_t, const char* event, const VelTraceAttribute* attributes, std::size_t count) override {
@@ -83,8 +64,7 @@ class RecordingDeviceBase final : public FakeDeviceBase {
     for (std::size_t i = 0; i < count; ++i) {
       text += std::string(i == 0 ? " " : ", ") + attributes[i].key + "=" + attributes[i].value;
     }
-    const MutexLock lock(mMutex);
-    mEvents.push_back(std::move(text));
+    mEvents.Add(std::move(text));
   }
 
  private:
@@ -102,10 +82,8 @@ class RecordingDeviceBase final : public FakeDeviceBase {
 
   SendHook mHook;
   BackendMaker mBackendMaker;
-  mutable Mutex mMutex;
-  mutable CondVar mReplied;
-  std::vector<Reply> mReplies VEL_GUARDED_BY(mMutex);
-  std::vector<std::string> mEvents VEL_GUARDED_BY(mMutex);
+  Collected<Reply> mReplies;
+  Collected<std::string> mEvents;
 };
 
 }  // namespace vel

@@ -184,10 +184,7 @@ TEST(UVCConfig, IsSearchedForItsStreamingInterfaceAndItsBlockAlsoBehindTheEndpoi
   };
   DescriptorTree::SetExtra(tree.settings[0], block);
   EXPECT_EQ(found(), std::tuple(UVCUtil::kNoInterface, UVCUtil::kNoEndpoint, true, -1)) << "of another class";
-  for (libusb_interface_descriptor& setting : tree.settings) {
-    setting.bInterfaceClass = 14;
-    setting.bInterfaceSubClass = 2;
-  }
+  tree.BeCamera(block);
   EXPECT_EQ(found(), std::tuple(0, 0x81U, false, 0x81));
   tree.interface.num_altsetting = 1;
   EXPECT_EQ(found(), std::tuple(0, 0x81U, true, 0x81));

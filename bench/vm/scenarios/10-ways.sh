@@ -2,18 +2,13 @@
 # process. In turn, so that what the machine does beside meets all of them; medians of the rounds.
 # shellcheck shell=sh
 vhci=/sys/devices/platform/vhci_hcd.0
-on_vhci() {
-  for folder in $vhci/usb*/*-*; do
-    [ -f "$folder/idVendor" ] && [ "$(cat "$folder/idVendor")" = 0525 ] && echo "$folder" && return
-  done
-  return 1
-}
-gone() { ! on_vhci; }
+on_bus() { on_vhci 0525:a4a0; }
+gone() { ! on_bus; }
 measure() { /opt/vm_bench "$1" "$(cat "$2/busnum"):$(cat "$2/devnum")" | tee -a /tmp/lines >/dev/ttyS0; }
 # over LABEL: what is on vhci-hcd now.
 over() {
-  await "the device of $1" on_vhci
-  measure "$1" "$(on_vhci)"
+  await "the device of $1" on_bus
+  measure "$1" "$(on_bus)"
 }
 # end PID: of an attach, and of what it has put on the bus.
 end() {

@@ -42,6 +42,14 @@ place_of() {
   echo "$(cat "$folder/busnum"):$(cat "$folder/devnum")"
 }
 
+# on_vhci VID:PID: the folder of the device that is attached.
+on_vhci() {
+  for folder in /sys/devices/platform/vhci_hcd.*/usb*/*-*; do
+    [ "$(cat "$folder/idVendor" 2>/dev/null):$(cat "$folder/idProduct" 2>/dev/null)" = "$1" ] && echo "$folder" && return
+  done
+  return 1
+}
+
 # has_driver VID:PID INTERFACE DRIVER
 has_driver() {
   name=$(device_of "$1") &&

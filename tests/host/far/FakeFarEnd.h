@@ -2,8 +2,8 @@
 #define VIRTUSB_TESTS_HOST_FAR_FAKE_FAR_END_H
 
 #include <array>
+#include <atomic>
 #include <cstdint>
-#include <deque>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -17,7 +17,6 @@
 #include "protocol/ConfigRecords.h"
 #include "remote/PacketChannel.h"
 #include "support/Collected.h"
-#include "vel/Mutex.h"
 
 namespace vel {
 
@@ -54,13 +53,9 @@ class FakeFarEnd final : public PacketChannel {
     if (!reply && !transfer && !silent) {
       reply = Answer(code, packet->PayloadBytes());
     }
-    bool held = false;
-    {
-      const MutexLock lock(mMutex);
-      held = mHolds && reply;
-      if (held) {
-        mHeld.emplace_back(ReplyCode(code), sent.reqId, *reply);
-      }
+    const bool held = mHolds && reply;
+    if (held) {
+      mHeld.Add({ReplyCode(code), sent.reqId, *reply});
     }
     mSent.Add(sent);
     if (reply && !held) {
@@ -85,17 +80,10 @@ class FakeFarEnd final : public PacketChannel {
     return streams;
   }
 
-  void Hold() {
-    const MutexLock lock(mMutex);
-    mHolds = true;
-  }
+  void Hold() { mHolds = true; }
   // Answers what was held: a round trip is over. How many that were.
   std::size_t Release() {
-    std::deque<std::tuple<int, int, Bytes>> held;
-    {
-      const MutexLock lock(mMutex);
-      held.swap(mHeld);
-    }
+    const auto held = mHeld.Take();
     for (const auto& [code, reqId, bytes] : held) {
       Reply(code, reqId, bytes);
     }
@@ -180,9 +168,8 @@ class FakeFarEnd final : public PacketChannel {
 
   Receiver mReceiver;
   Collected<Sent> mSent;
-  Mutex mMutex;
-  bool mHolds VEL_GUARDED_BY(mMutex) = false;
-  std::deque<std::tuple<int, int, Bytes>> mHeld VEL_GUARDED_BY(mMutex);
+  std::atomic<bool> mHolds{false};
+  Collected<std::tuple<int, int, Bytes>> mHeld;
 };
 
 }  // namespace vel

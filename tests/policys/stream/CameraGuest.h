@@ -5,8 +5,8 @@
 #include <array>
 #include <cstdint>
 #include <cstring>
-#include <deque>
 #include <memory>
+#include <optional>
 #include <utility>
 #include <vector>
 
@@ -14,9 +14,9 @@
 
 #include "remote/ModuleChannel.h"
 #include "remote/RemoteDevice.h"
+#include "support/Collected.h"
 #include "support/Limits.h"
 #include "uvc/UVCStreamCtrl.h"
-#include "vel/Mutex.h"
 
 namespace vel::test {
 
@@ -63,21 +63,14 @@ class CameraGuest {
   std::uint32_t Read() {
     constexpr std::array<std::uint32_t, 1> kPackets = {1};
     ++mReads;
-    return mRemote->SubmitIsoTransfer(kEndpoint, kPackets, {}, [this](TransferReply reply) { Take(std::move(reply)); });
+    return mRemote->SubmitIsoTransfer(kEndpoint, kPackets, {},
+                                      [this](TransferReply reply) { mReplies.Add(std::move(reply)); });
   }
   // The next reply, of status -1 when none comes by the deadline.
   TransferReply Next() {
-    const auto deadline = std::chrono::steady_clock::now() + kDeadline;
-    MutexLock lock(mMutex);
-    while (mReplies.empty() && mReplied.WaitUntil(lock, deadline)) {
-    }
-    if (mReplies.empty()) {
-      return {.status = -1, .data = {}, .isoPackets = 0};
-    }
-    TransferReply reply = std::move(mReplies.front());
-    mReplies.pop_front();
-    --mReads;
-    return reply;
+    std::optional<TransferReply> reply = mReplies.Next();
+    mReads -= reply ? 1 : 0;
+    return std::move(reply).value_or(TransferReply{.status = -1, .data = {}, .isoPackets = 0});
   }
   // The next frame, with `ahead` more reads under way, as drivers keep them. A read that no frame came for in time, on
   // a machine that has other things to do, is read again.
@@ -107,16 +100,8 @@ class CameraGuest {
   }
 
  private:
-  void Take(TransferReply reply) {
-    const MutexLock lock(mMutex);
-    mReplies.push_back(std::move(reply));
-    mReplied.NotifyAll();
-  }
-
   int mReads = 0;
-  Mutex mMutex;
-  CondVar mReplied;
-  std::deque<TransferReply> mReplies VEL_GUARDED_BY(mMutex);
+  Collected<TransferReply> mReplies;
   const std::unique_ptr<RemoteDevice> mRemote;  // Last: its thread uses what is above.
 };
 

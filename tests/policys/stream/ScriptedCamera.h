@@ -33,11 +33,7 @@ struct ScriptedCamera {
   explicit ScriptedCamera(Kind kind, bool transcode = false, std::uint32_t capability = 0)
       : backend(ScriptedUsbIo::Create(kind == Kind::kEmulated ? kIoTypeEmulated : kIoTypeLibusb, &remote)),
         policy(std::make_unique<UVCPolicy>(backend.get(), 0, std::int8_t{0}, std::uint8_t{transcode})) {
-    for (libusb_interface_descriptor& setting : tree.settings) {
-      setting.bInterfaceClass = 14;
-      setting.bInterfaceSubClass = 2;
-    }
-    DescriptorTree::SetExtra(tree.settings[0], block.bytes);
+    tree.BeCamera(block.bytes);
     tree.interface.num_altsetting = kind == Kind::kBulk ? 1 : 2;
     policy->ParseDescriptors(&tree.config);
     io.HoldTransfers();

@@ -35,13 +35,6 @@ use_simple_devices() {
   echo "LED set, 1 MiB printed"
 }
 
-# on_vhci VID:PID: the folder of the device that is attached.
-on_vhci() {
-  for folder in /sys/devices/platform/vhci_hcd.*/usb*/*-*; do
-    [ "$(cat "$folder/idVendor" 2>/dev/null):$(cat "$folder/idProduct" 2>/dev/null)" = "$1" ] && echo "$folder" && return
-  done
-  return 1
-}
 # find_disk: waits until the attached disk has a node, and sets $block to it.
 block_of() { find "$(on_vhci 1d6b:0106)/" -path '*/block/sd?' | grep .; }
 find_disk() {

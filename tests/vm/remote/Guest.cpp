@@ -10,7 +10,7 @@
 
 #include "Checks.h"
 #include "Commands.h"
-#include "io/LibusbPtr.h"
+#include "support/GuestDevice.h"
 
 namespace vel::vm {
 namespace {
@@ -23,40 +23,6 @@ constexpr std::uint8_t kInterruptOut = 0x02;
 constexpr std::uint8_t kInterruptIn = 0x82;
 constexpr std::uint8_t kIsoOut = 0x03;
 constexpr std::uint8_t kIsoIn = 0x83;
-
-class Raw {
- public:
-  explicit Raw(const std::string& place) {
-    libusb_context* context = nullptr;
-    Require(libusb_init(&context) == 0, "libusb does not start");
-    mContext.reset(context);
-    libusb_device** devices = nullptr;
-    const ssize_t count = libusb_get_device_list(context, &devices);
-    const LibusbDeviceListPtr list(devices);
-    for (libusb_device* device : std::span(devices, static_cast<std::size_t>(std::max<ssize_t>(count, 0)))) {
-      libusb_device_handle* handle = nullptr;
-      if (std::to_string(libusb_get_bus_number(device)) + ":" + std::to_string(libusb_get_device_address(device)) ==
-              place &&
-          libusb_open(device, &handle) == 0) {
-        mHandle.reset(handle);
-      }
-    }
-    Require(mHandle != nullptr, "the device cannot be opened");
-    libusb_set_auto_detach_kernel_driver(mHandle.get(), 1);
-    RequireEqual(libusb_claim_interface(mHandle.get(), 0), 0, "claim");
-  }
-  libusb_device_handle* Handle() const { return mHandle.get(); }
-  // Runs transfers until `left` is 0.
-  void Await(const int& left) const {
-    while (left > 0) {
-      libusb_handle_events(mContext.get());
-    }
-  }
-
- private:
-  LibusbContextPtr mContext;
-  LibusbDeviceHandlePtr mHandle;
-};
 
 // From 255 down to 1, and anew with each transfer that the guest's kernel makes of what it is asked for.
 bool IsPattern(std::span<const std::uint8_t> bytes) {
@@ -74,7 +40,7 @@ void LIBUSB_CALL Count(libusb_transfer* transfer) {
   --*static_cast<int*>(transfer->user_data);
 }
 
-void MoveData(const Raw& raw) {
+void MoveData(const GuestDevice& raw) {
   std::vector<std::uint8_t> buffer(1U << 20U);
   int moved = 0;
   RequireEqual(
@@ -89,7 +55,7 @@ void MoveData(const Raw& raw) {
                "interrupt OUT");
 }
 
-void MoveIso(const Raw& raw, std::uint8_t endpoint) {
+void MoveIso(const GuestDevice& raw, std::uint8_t endpoint) {
   constexpr int kPackets = 32;  // More than the emulated device takes at once.
   constexpr int kSize = 64;
   std::vector<std::uint8_t> buffer(static_cast<std::size_t>(kPackets * kSize));
@@ -111,7 +77,7 @@ void MoveIso(const Raw& raw, std::uint8_t endpoint) {
 
 // Transfers of the bulk endpoint and of another that are cancelled as soon as they are submitted, so that unlinks race
 // with answers. How many the unlink reached.
-int CancelMany(const Raw& raw, int count, std::uint8_t other) {
+int CancelMany(const GuestDevice& raw, int count, std::uint8_t other) {
   constexpr int kAtOnce = 32;
   std::array<std::uint8_t, kPacket> buffer{};
   int cancelled = 0;
@@ -138,7 +104,7 @@ int CancelMany(const Raw& raw, int count, std::uint8_t other) {
 }  // namespace
 
 std::string Guest(const std::string& place, Arguments arguments) {
-  const Raw raw(place);
+  const GuestDevice raw(place);
   MoveData(raw);
   MoveIso(raw, kIsoIn);
   MoveIso(raw, kIsoOut);
@@ -150,7 +116,7 @@ std::string Guest(const std::string& place, Arguments arguments) {
 }
 
 std::string Cancels(const std::string& place, Arguments arguments) {
-  const Raw raw(place);
+  const GuestDevice raw(place);
   const int cancelled = CancelMany(raw, std::stoi(arguments[0]), kBulkIn);
   std::array<std::uint8_t, kPacket> buffer{};
   int moved = 0;
@@ -160,7 +126,7 @@ std::string Cancels(const std::string& place, Arguments arguments) {
 }
 
 std::string Hold(const std::string& place, Arguments /*arguments*/) {
-  const Raw raw(place);
+  const GuestDevice raw(place);
   static_cast<void>(std::puts("held"));
   static_cast<void>(std::fflush(stdout));
   pause();

@@ -1,15 +1,12 @@
 // The cases of the kernel's usbtest driver (drivers/usb/misc/usbtest.c) that run on the zero gadget.
-#include <fcntl.h>
 #include <linux/usbdevice_fs.h>
 #include <sys/ioctl.h>
 
 #include <cerrno>
-#include <cstdio>
-#include <cstring>
 
 #include "Checks.h"
 #include "Commands.h"
-#include "remote/FdStream.h"
+#include "support/GuestDevice.h"
 
 namespace vel::vm {
 namespace {
@@ -30,12 +27,7 @@ constexpr std::uint32_t kCases = 30;
 
 std::string UsbTest(const std::string& place, Arguments arguments) {
   const auto iterations = static_cast<std::uint32_t>(std::stoul(arguments[0]));
-  const std::size_t colon = place.find(':');
-  char path[64];
-  static_cast<void>(
-      std::snprintf(path, sizeof path, "/dev/bus/usb/%03d/%03d", std::stoi(place), std::stoi(place.substr(colon + 1))));
-  const UniqueFd device(open(path, O_RDWR));
-  Require(device.IsValid(), std::string("cannot open ") + path);
+  const UniqueFd device = OpenUsbNode(place);
   std::string passed;
   std::string failed;
   for (std::uint32_t number = 0; number < kCases; ++number) {
