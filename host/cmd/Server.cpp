@@ -4,9 +4,7 @@
 
 #include <chrono>
 #include <cstddef>
-#include <span>
 #include <utility>
-#include <vector>
 
 #include "protocol/Commands.h"
 #include "remote/PacketFramer.h"
@@ -14,8 +12,6 @@
 
 namespace vel {
 namespace {
-
-constexpr std::size_t kReadBytes = 256U << 10U;
 
 // Requests of this program's own, whose replies are not passed on.
 constexpr RequestId kOwnId{0xFE, 0xFE4CE000};
@@ -92,12 +88,11 @@ void Server::Post(std::unique_ptr<VelPacket> packet) {
 
 Server::End Server::ReadRequests() {
   PacketFramer framer([this](std::unique_ptr<VelPacket> packet) { Post(std::move(packet)); });
-  std::vector<std::uint8_t> buffer(kReadBytes);
   while (true) {
     std::size_t count = 0;
-    switch (mStream.Read(buffer, count)) {
+    switch (mStream.Read(framer.Room(), count)) {
       case FdStream::Result::kOk:
-        if (!framer.Feed(std::span(buffer).first(count))) {
+        if (!framer.Filled(count)) {
           mError = framer.Error();
           return End::kRemoteGone;
         }

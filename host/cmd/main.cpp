@@ -1,4 +1,6 @@
 // The command virtusb: loads the module as the framework does, and is its remote side.
+#include <malloc.h>
+
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <array>
@@ -40,9 +42,17 @@ std::string UsageProblem(const CLI::App& app, const CLI::ParseError& error) {
   return what + unknown[0] + "\"" + help;
 }
 
+// Packets of a busy device come and go together. Given back to the system each time, every page of them would fault
+// again: keeping them brings a tenth more throughput in a virtual machine (scripts/bench-vm).
+void KeepFreedMemory() {
+  mallopt(M_TRIM_THRESHOLD, 16 << 20);
+  mallopt(M_MMAP_THRESHOLD, 4 << 20);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
+  KeepFreedMemory();
   try {
     CLI::App app("Redirects USB devices the way the remote-desktop client does.", "virtusb");
     app.require_subcommand(1);

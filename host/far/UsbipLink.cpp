@@ -1,11 +1,11 @@
 #include "far/UsbipLink.h"
 
+#include <array>
 #include <utility>
 
 #include "far/UsbipWire.h"
 
 namespace vel {
-
 UsbipLink::UsbipLink(int fd, FarDevice& device, const StopSignal& stop)
     : mDevice(device), mStream(fd, fd, stop), mStop(stop) {}
 
@@ -58,7 +58,9 @@ void UsbipLink::OnGone() {
 
 void UsbipLink::Write(std::span<const std::uint8_t> head, std::span<const std::uint8_t> data,
                       std::span<const UrbPacket> packets) {
-  std::vector<std::uint8_t> bytes;
+  std::vector<std::uint8_t> table;
+  AppendPacketTable(table, packets);
+  std::array pieces = {PieceOf(head), PieceOf(data), PieceOf(table)};
   {
     MutexLock lock(mMutex);
     while (mWaiting.size() > kMaxWaiting && !mBroken) {
@@ -67,29 +69,29 @@ void UsbipLink::Write(std::span<const std::uint8_t> head, std::span<const std::u
     if (mBroken) {
       return;
     }
-    mWaiting.insert(mWaiting.end(), head.begin(), head.end());
-    mWaiting.insert(mWaiting.end(), data.begin(), data.end());
-    AppendPacketTable(mWaiting, packets);
     if (mWriting) {
-      return;
-    }
-    mWriting = true;
-    bytes.swap(mWaiting);
-  }
-  while (true) {
-    const bool written = mStream.WriteAll(bytes) == FdStream::Result::kOk;
-    const MutexLock lock(mMutex);
-    mBroken = !written;
-    mChanged.NotifyAll();
-    bytes.clear();
-    if (mBroken || mWaiting.empty()) {
-      mWriting = false;
-      if (!mBroken) {
-        mWaiting.swap(bytes);  // Its memory serves the next answer.
+      for (const std::span<const std::uint8_t> piece : {head, data, std::span<const std::uint8_t>(table)}) {
+        mWaiting.insert(mWaiting.end(), piece.begin(), piece.end());
       }
       return;
     }
-    bytes.swap(mWaiting);
+    mWriting = true;
+  }
+  bool written = mStream.WriteAll(pieces) == FdStream::Result::kOk;
+  std::vector<std::uint8_t> bytes;
+  while (true) {
+    {
+      const MutexLock lock(mMutex);
+      mBroken = !written;
+      mChanged.NotifyAll();
+      bytes.clear();
+      mWriting = written && !mWaiting.empty();
+      if (!mWriting) {
+        return;
+      }
+      bytes.swap(mWaiting);
+    }
+    written = mStream.WriteAll(bytes) == FdStream::Result::kOk;
   }
 }
 

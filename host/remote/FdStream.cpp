@@ -117,11 +117,16 @@ bool FdStream::WaitWhileOpen(int fd, short events) const {
 }
 
 FdStream::Result FdStream::Read(std::span<std::uint8_t> buffer, std::size_t& count) {
+  const iovec piece{buffer.data(), buffer.size()};
+  return Read({&piece, 1}, count);
+}
+
+FdStream::Result FdStream::Read(std::span<const iovec> pieces, std::size_t& count) {
   while (true) {
     if (!WaitFor(mIn, POLLIN)) {
       return Result::kStopped;
     }
-    const ssize_t n = read(mIn, buffer.data(), buffer.size());
+    const ssize_t n = readv(mIn, pieces.data(), static_cast<int>(pieces.size()));
     if (n > 0) {
       count = static_cast<std::size_t>(n);
       return Result::kOk;
@@ -136,7 +141,7 @@ FdStream::Result FdStream::Read(std::span<std::uint8_t> buffer, std::size_t& cou
 }
 
 FdStream::Result FdStream::WriteAll(std::span<const std::uint8_t> bytes) {
-  iovec piece{const_cast<std::uint8_t*>(bytes.data()), bytes.size()};  // Only read from.
+  iovec piece = PieceOf(bytes);
   return WriteAll({&piece, 1});
 }
 

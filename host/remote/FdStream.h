@@ -53,6 +53,11 @@ class StopSignal {
   UniqueFd mWrite;
 };
 
+// For WriteAll.
+inline iovec PieceOf(std::span<const std::uint8_t> bytes) {
+  return {const_cast<std::uint8_t*>(bytes.data()), bytes.size()};  // Only read from.
+}
+
 // The two directions of a byte stream, on descriptors that are not owned. A stop signal ends every wait. The process
 // has to ignore SIGPIPE: a write that nobody reads is a result here.
 class FdStream {
@@ -66,6 +71,8 @@ class FdStream {
 
   // Waits for bytes; `count` says how many came. One thread.
   Result Read(std::span<std::uint8_t> buffer, std::size_t& count);
+  // The same into several pieces, one behind the other.
+  Result Read(std::span<const iovec> pieces, std::size_t& count);
   // Writes everything, in one piece among several writers. After a failure nothing more is written. Any thread.
   Result WriteAll(std::span<const std::uint8_t> bytes) VEL_EXCLUDES(mWriteMutex);
   // The same of several pieces, one behind the other; `pieces` is used up.

@@ -39,6 +39,21 @@ void BringIntoHostOrder(std::array<std::uint8_t, VelPacket::kHeaderSize>& header
 
 }  // namespace
 
+std::span<const iovec> PacketFramer::Room() {
+  const std::span<std::uint8_t> lacking = Lacking();
+  mRoom = {iovec{lacking.data(), lacking.size()}, iovec{mBuffer.data(), mBuffer.size()}};
+  return std::span(mRoom).subspan(lacking.empty() ? 1 : 0);
+}
+
+bool PacketFramer::Filled(std::size_t count) {
+  const std::size_t inPacket = std::min(count, Lacking().size());
+  if (inPacket > 0) {
+    mFilled += inPacket;
+    EndIfWhole();
+  }
+  return Feed(std::span(mBuffer).first(count - inPacket));
+}
+
 bool PacketFramer::Feed(std::span<const std::uint8_t> bytes) {
   while (!bytes.empty() && mError.empty()) {
     if (mPacket == nullptr) {
@@ -50,17 +65,15 @@ bool PacketFramer::Feed(std::span<const std::uint8_t> bytes) {
         return false;
       }
     } else {
-      const std::span<std::uint8_t> wire = mPacket->MutableWire();
-      const std::size_t n = std::min(bytes.size(), wire.size() - mFilled);
-      std::copy_n(bytes.begin(), n, wire.begin() + static_cast<std::ptrdiff_t>(mFilled));
+      const std::span<std::uint8_t> lacking = Lacking();
+      const std::size_t n = std::min(bytes.size(), lacking.size());
+      std::copy_n(bytes.begin(), n, lacking.begin());
       mFilled += n;
       const std::size_t skipped = std::min(bytes.size() - n, mToSkip);
       mToSkip -= skipped;
       bytes = bytes.subspan(n + skipped);
     }
-    if (mPacket != nullptr && mFilled == mPacket->GetPacketSize() && mToSkip == 0) {
-      EndPacket();
-    }
+    EndIfWhole();
   }
   return mError.empty();
 }
@@ -80,15 +93,22 @@ bool PacketFramer::BeginPacket() {
   mPacket = VelPacket::ForReceived(mHeader, kept);
   if (mPacket->GetCapacity() < kept) {
     mError = "no memory for a packet of " + std::to_string(kept) + " bytes";
+    mPacket.reset();
     return false;
   }
   mFilled = VelPacket::kHeaderSize;
   return true;
 }
 
-void PacketFramer::EndPacket() {
-  mHeaderFilled = 0;
-  mSink(std::move(mPacket));
+void PacketFramer::EndIfWhole() {
+  if (mPacket != nullptr && mFilled == mPacket->GetPacketSize() && mToSkip == 0) {
+    mHeaderFilled = 0;
+    mSink(std::move(mPacket));
+  }
+}
+
+std::span<std::uint8_t> PacketFramer::Lacking() const {
+  return mPacket == nullptr ? std::span<std::uint8_t>() : mPacket->MutableWire().subspan(mFilled);
 }
 
 }  // namespace vel

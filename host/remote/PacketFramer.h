@@ -10,6 +10,8 @@
 #include <string>
 #include <utility>
 
+#include <sys/uio.h>
+
 #include "protocol/Requests.h"
 #include "protocol/VelPacket.h"
 
@@ -27,15 +29,25 @@ class PacketFramer {
 
   explicit PacketFramer(Sink sink) : mSink(std::move(sink)) {}
 
-  // False once the stream cannot go on; Error() says why.
+  // Where the next bytes of the stream are to be read to: what a packet still lacks, and a buffer for what is behind
+  // it, so that a large packet's data is not copied. Valid until Filled.
+  std::span<const iovec> Room();
+  // `count` bytes have been read there. False once the stream cannot go on; Error() says why.
+  bool Filled(std::size_t count);
+  // The same for bytes that lie elsewhere.
   bool Feed(std::span<const std::uint8_t> bytes);
   const std::string& Error() const { return mError; }
   // Whether the stream ended, or would end, inside a packet.
   bool InsidePacket() const { return mHeaderFilled > 0; }
 
  private:
+  // Headers and small packets, several at once.
+  static constexpr std::size_t kBufferBytes = 16U << 10U;
+
   bool BeginPacket();
-  void EndPacket();
+  void EndIfWhole();
+  // What mPacket lacks.
+  std::span<std::uint8_t> Lacking() const;
 
   const Sink mSink;
   std::array<std::uint8_t, VelPacket::kHeaderSize> mHeader{};
@@ -44,6 +56,8 @@ class PacketFramer {
   std::size_t mFilled = 0;  // Bytes of mPacket that are there.
   std::size_t mToSkip = 0;  // Bytes of an oversized packet that are still to come and be dropped.
   std::string mError;
+  std::array<std::uint8_t, kBufferBytes> mBuffer;
+  std::array<iovec, 2> mRoom{};
 };
 
 }  // namespace vel

@@ -3,15 +3,6 @@
 #include <utility>
 
 namespace vel {
-namespace {
-
-iovec PieceOf(VelPacket& packet) {
-  const std::span<std::uint8_t> wire = packet.MutableWire();
-  return {wire.data(), wire.size()};
-}
-
-}  // namespace
-
 PacketWriter::PacketWriter(FdStream& stream, std::function<void(FdStream::Result)> onFailed)
     : mStream(stream), mOnFailed(std::move(onFailed)), mThread([this] { WriteWaiting(); }) {}
 
@@ -40,7 +31,7 @@ void PacketWriter::Write(std::unique_ptr<VelPacket> packet) {
     }
     mWriting = true;
   }
-  iovec piece = PieceOf(*packet);
+  iovec piece = PieceOf(packet->Wire());
   WriteNow({&piece, 1});
 }
 
@@ -70,7 +61,7 @@ void PacketWriter::WriteWaiting() {
     }
     pieces.clear();
     for (const auto& packet : packets) {
-      pieces.push_back(PieceOf(*packet));
+      pieces.push_back(PieceOf(packet->Wire()));
     }
     WriteNow(pieces);
   }

@@ -1,6 +1,5 @@
 #include "remote/StreamChannel.h"
 
-#include <array>
 #include <cerrno>
 #include <cstring>
 #include <utility>
@@ -35,11 +34,9 @@ void StreamChannel::Close() {
 
 void StreamChannel::ReadUntilEnd(const Receiver& receiver) {
   PacketFramer framer(receiver.onPacket);
-  std::array<std::uint8_t, 65536> buffer{};
   std::size_t count = 0;
   FdStream::Result result = FdStream::Result::kOk;
-  while ((result = mStream.Read(buffer, count)) == FdStream::Result::kOk &&
-         framer.Feed(std::span(buffer).first(count))) {
+  while ((result = mStream.Read(framer.Room(), count)) == FdStream::Result::kOk && framer.Filled(count)) {
   }
   const int error = errno;
   if (result == FdStream::Result::kStopped || !receiver.onClosed) {
