@@ -200,6 +200,11 @@ TEST_F(CommandAndDevice, ExportGivesADeviceThatIsPulledOutBackAndListsItNoMore) 
   import.resize(40);
   const UniqueFd guest = ask(import);
   EXPECT_EQ(recv(guest.Get(), reply.data(), reply.size(), MSG_WAITALL), 320);
+  Bytes request(48);  // A vendor's. Behind its answer nothing is under way that could tell.
+  request[3] = request[7] = request[15] = request[41] = 1;
+  request[40] = 0xC0;
+  EXPECT_EQ(send(guest.Get(), request.data(), request.size(), MSG_NOSIGNAL), 48);
+  EXPECT_EQ(recv(guest.Get(), reply.data(), 48, MSG_WAITALL), 48);
   mDevice.Unplug();
   EXPECT_EQ(recv(guest.Get(), reply.data(), 1, 0), 0);
   EXPECT_TRUE(mDevice.AwaitClosed());

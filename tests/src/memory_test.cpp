@@ -1,6 +1,5 @@
 // No memory and no thread: what was asked is answered or dropped, and nothing ends.
 #include <malloc.h>
-#include <pthread.h>
 
 #include <array>
 #include <atomic>
@@ -17,6 +16,7 @@
 #include "support/Collected.h"
 #include "support/FailingMemory.h"
 #include "support/FakeDeviceBase.h"
+#include "support/NoThreads.h"
 #include "vel/VelDriver.h"
 
 namespace vel {
@@ -139,14 +139,10 @@ TEST_F(Memory, WithoutItAPacketTakesNothingOrNoMore) {
 }
 
 TEST_F(Memory, WithoutAThreadADriverIsNotMade) {
-  pthread_attr_t former;
-  ASSERT_EQ(pthread_getattr_default_np(&former), 0);
-  pthread_attr_t huge = former;
-  ASSERT_EQ(pthread_attr_setstacksize(&huge, std::size_t{1} << 46U), 0);
-  ASSERT_EQ(pthread_setattr_default_np(&huge), 0);
-  EXPECT_EQ(virtusb_open(&mDevice), nullptr);
-  ASSERT_EQ(pthread_setattr_default_np(&former), 0);
-  pthread_attr_destroy(&former);
+  {
+    const test::NoThreads none;
+    EXPECT_EQ(virtusb_open(&mDevice), nullptr);
+  }
   EXPECT_NE(std::unique_ptr<VelDriver>(virtusb_open(&mDevice)), nullptr);
 }
 

@@ -14,6 +14,7 @@
 #include "remote/RequestBuilder.h"
 #include "support/CapturingLog.h"
 #include "support/Collected.h"
+#include "support/NoThreads.h"
 #include "support/RecordingDeviceBase.h"
 
 namespace vel {
@@ -141,6 +142,20 @@ TEST(ICamera, AnswersWhatItDoesNotDoWithSuccessAndEndsWhileItStreams) {
               ElementsAre("CamOpen cam", "CamStreamOn cam", "CamStreamOff cam", "streamed", "CamSetParam 0x0 0",
                           "CamStreamOn cam", "CamStreamOff cam", "streamed", "CamClose cam"));
   EXPECT_THAT(log.Messages(), testing::IsEmpty());
+}
+
+TEST(ICamera, WithoutAThreadDoesNotStartAndDoesLater) {
+  FakeCapture capture;
+  DummyCamera synthetic;
+  QtCamera local;
+  for (const bool threads : {false, true}) {
+    const auto none = threads ? nullptr : std::make_unique<test::NoThreads>();
+    EXPECT_EQ(synthetic.StreamOn() == 0, threads);
+    EXPECT_EQ(local.Open("cam") == 0, threads);
+  }
+  EXPECT_EQ((test::NoThreads(), local.StreamOn()), -1);
+  EXPECT_EQ(local.StreamOn(), 0);
+  EXPECT_TRUE(capture.WaitForStream());
 }
 
 TEST(ICameraFactory, HasNoCameraOfTheSecondType) {

@@ -1,7 +1,9 @@
 #include <atomic>
 #include <chrono>
+#include <optional>
 
 #include "LibusbIoFixture.h"
+#include "support/NoThreads.h"
 
 namespace vel {
 namespace {
@@ -220,6 +222,21 @@ TEST_F(LibusbIoClose, WithoutItsEventThreadCancelsAreDelivered) {
   EXPECT_EQ(io->CancelOwnTransfers(&records), 1);
   EXPECT_EQ(records.done.Await(7).back().status, 3);
   EXPECT_EQ(io->GetIoHandler(), nullptr) << "closed: nothing else ends transfers then";
+}
+
+TEST_F(LibusbIoClose, ThatNeverHadAnEventThreadDeliversCancels) {
+  std::optional<test::NoThreads> none;
+  seam.Instead("get_device_list", [&](const auto& call) {  // Behind it libusb has the thread that it needs itself.
+    none.emplace();
+    return call();
+  });
+  io->Init();
+  none.reset();
+  EXPECT_EQ(log.Count("Warn:Starting LibusbEventHandler failed"), 1U);
+  Open();
+  Bulk(1);
+  EXPECT_EQ(io->CancelTransfer(1), 0);
+  EXPECT_EQ(records.done.Take(), (std::vector{Done{1, kXferCancelled}}));
 }
 
 TEST_F(LibusbIoClose, EventsThatFailForeverHangNothing) {

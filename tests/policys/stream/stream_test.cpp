@@ -11,6 +11,8 @@
 #include "ScriptedCamera.h"
 #include "support/CapturingLog.h"
 #include "support/Collected.h"
+#include "support/NoThreads.h"
+#include "support/Scene.h"
 
 namespace vel::test {
 namespace {
@@ -238,6 +240,29 @@ TEST_P(EachKind, GoesOnReadingWhileTheRemoteSideTakesItsTime) {
   camera.Read(3);
   slow.go.Add(1);
   EXPECT_THAT(camera.reads.done.Await(3), ElementsAre(Done{1, 0, "2"}, Done{2, 0, "3"}, Done{3, 0, "4"}));
+}
+
+// Nobody who makes a frame ready sends beside the answering thread.
+TEST(ReadAnswerer, SendsOneReplyAtATime) {
+  UVCFrameManager frames(UVC_FRAME_TYPE_YUYV, UVC_FRAME_TYPE_YUYV);
+  UVCStreamTally tally;
+  UVCReadAnswerer answerer(frames, tally);
+  SlowRemote slow;
+  ASSERT_EQ(frames.Init(8, 8, UVC_FRAME_TYPE_YUYV, UVC_FRAME_TYPE_YUYV, nullptr), 0);
+  EXPECT_FALSE((NoThreads(), answerer.Start())) << "no thread, no answers";
+  ASSERT_TRUE(answerer.Start());
+  for (std::uint32_t index = 0; index < 2; ++index) {
+    ASSERT_EQ(frames.EnqueueFrame(MakeFrame(Bytes(16), index).release()), 0);
+    XferPtr read = MakeXfer();
+    read->callback = &slow;
+    ASSERT_TRUE(answerer.Answer(read.release()));
+  }
+  EXPECT_THAT(slow.entered.Await(1), SizeIs(1));
+  answerer.AnswerHere();
+  EXPECT_EQ(slow.entered.Count(), 1U);
+  slow.go.Add(1);
+  EXPECT_THAT(slow.entered.Await(2), SizeIs(2));
+  answerer.Stop();
 }
 
 TEST(Stream, RawPicturesThatAreNotWholeAreNotGivenOut) {
