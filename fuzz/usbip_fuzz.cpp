@@ -24,6 +24,7 @@ struct Outcome {
 
 void Note(Outcome& outcome, const Urb& urb) {
   Require(urb.length <= kMaxTransferBytes && urb.packets.size() <= kMaxIsoPackets, "a URB is within its bounds");
+  Require((urb.endpoint & 0x7FU) < 16, "an endpoint has four bits");
   Require(urb.data.size() == (urb.IsIn() ? 0 : urb.length), "an OUT URB has its data");
   outcome.commands.insert(outcome.commands.end(), {urb.seqnum, urb.endpoint, urb.length, urb.setup.wLength});
   for (const UrbPacket& packet : urb.packets) {

@@ -1,9 +1,6 @@
 // The command and its real devices, on a mocked kernel.
 #include <fcntl.h>
 #include <gmock/gmock.h>
-#include <libusb-1.0/libusb.h>
-#include <linux/usbdevice_fs.h>
-#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -43,19 +40,6 @@ class CommandAndDevice : public testing::Test {
   void ExpectDriversBack() {
     EXPECT_TRUE(mDevice.AwaitClosed());
     EXPECT_THAT(mDevice.Look().driverBound, Each(true));
-  }
-
-  // A redirection that has changed everything, and is killed.
-  void KillARedirection() {
-    CommandProcess command(Words({"serve", "1209:0001", "--stdio"}), kDeadline);
-    ASSERT_EQ(command.Remote().Status(Command::kOpenUsbDev), 0);
-    ASSERT_EQ(command.Remote().Status(Command::kDetachKernelDriver), 0);
-    ASSERT_EQ(command.Remote().SetConfiguration(2), 0);
-    ASSERT_EQ(command.Remote().Status(Command::kClaimAllInterface), 0);
-    command.Kill(SIGKILL);
-    ASSERT_TRUE(mDevice.AwaitClosed());
-    ASSERT_THAT(mDevice.Look().driverBound, Each(false));
-    ASSERT_EQ(mDevice.Look().configuration, 2);
   }
 
   const std::string mRecords = testing::TempDir() + "virtusb_records_" + std::to_string(getpid());
@@ -129,40 +113,6 @@ TEST_F(CommandAndDevice, ServeGivesTheDeviceBackHoweverItEnds) {
   }
 }
 
-TEST_F(CommandAndDevice, WhatAKilledRedirectionLeftComesBackByGivebackOrTheNextServe) {
-  mDevice.Plug();
-  for (const auto& [words, output] :
-       {std::pair(std::vector<std::string>{"giveback", Place()},
-                  "configuration 1 is back, interface 0 has its kernel driver back, interface 1 has its kernel"),
-        std::pair(std::vector<std::string>{"serve", Place(), "--stdio"}, "")}) {
-    KillARedirection();
-    const auto ending = Run(Words(words));
-    EXPECT_EQ(ending.status, 0) << ending.messages;
-    EXPECT_THAT(ending.output, HasSubstr(output));
-    ExpectDriversBack();
-    EXPECT_EQ(mDevice.Look().configuration, 1);
-  }
-  EXPECT_THAT(Run(Words({"giveback", Place()})).output, HasSubstr("nothing had to be brought back"));
-}
-
-TEST_F(CommandAndDevice, SecondUserIsRefusedAndDisturbsNothing) {
-  mDevice.Plug();
-  CommandProcess command(Words({"serve", "1209:0001", "--stdio"}), kDeadline);
-  Take(command.Remote());
-  const std::string owner = "is already redirected by process " + std::to_string(command.Pid());
-  for (const auto& words : {std::vector<std::string>{"describe", Place()},
-                            {"serve", Place(), "--stdio"},
-                            {"stream", Place()},
-                            {"giveback", Place()}}) {
-    const auto ending = Run(Words(words));
-    EXPECT_EQ(ending.status, 1);
-    EXPECT_THAT(ending.messages, HasSubstr(owner)) << words[0];
-  }
-  EXPECT_THAT(mDevice.Look().driverBound, Each(false));
-  EXPECT_EQ(mDevice.Look().resets, 0);
-  EXPECT_EQ(command.Remote().Transfer(Command::kBulkTransfer, 0x82, 64).data, MockUsbDevice::Pattern(64));
-}
-
 TEST_F(CommandAndDevice, HubsAndDevicesThatAreTwoAreRefused) {
   mDevice.Plug();
   EXPECT_THAT(Run(Words({"describe", "1:1"})).messages, HasSubstr("1:1 is a hub, and hubs are not redirected"));
@@ -171,16 +121,6 @@ TEST_F(CommandAndDevice, HubsAndDevicesThatAreTwoAreRefused) {
        {std::vector<std::string>{"describe", "1209:0001"}, {"serve", "1209:0001", "--stdio", "--wait"}}) {
     EXPECT_THAT(Run(Words(words)).messages, HasSubstr("BUS:ADDRESS: " + Place() + ", 1:101\n"));
   }
-}
-
-TEST_F(CommandAndDevice, ServeSaysThatAnotherProgramHoldsTheDevice) {
-  mDevice.Plug();
-  const UniqueFd other(open(("/dev/bus/usb/001/00" + std::to_string(mDevice.Address())).c_str(), O_RDWR));
-  unsigned interface = 1;
-  usbdevfs_ioctl detach{1, USBDEVFS_DISCONNECT, nullptr};
-  ASSERT_EQ(ioctl(other.Get(), USBDEVFS_IOCTL, &detach), 0);
-  ASSERT_EQ(ioctl(other.Get(), USBDEVFS_CLAIMINTERFACE, &interface), 0);
-  EXPECT_THAT(Run(Words({"serve", Place(), "--stdio"})).messages, HasSubstr("is held by "));
 }
 
 TEST_F(CommandAndDevice, ExportGivesADeviceThatIsPulledOutBackAndListsItNoMore) {
