@@ -1,6 +1,10 @@
-// The emulated camera at its own pace, through the module: pictures in time and not more and more of them waiting, and
-// an application that does something else at any moment.
+// The emulated camera at its own pace, through the module, synthetic or a video of which some pictures are broken:
+// pictures in time and not more and more of them waiting, and an application that does something else at any moment.
+#include <unistd.h>
+
+#include <fstream>
 #include <memory>
+#include <string>
 
 #include <gmock/gmock.h>
 
@@ -15,16 +19,26 @@ constexpr std::size_t kAhead = 3;
 
 class CameraSoak final : public SoakSuite {
  public:
+  CameraSoak() {
+    std::ofstream video(mVideo, std::ios::binary);
+    for (const char* picture : {"natural", "natural", "natural", "natural_cut"}) {
+      video << std::ifstream(std::string(JPEG_PICTURES) + picture, std::ios::binary).rdbuf();
+    }
+  }
+  ~CameraSoak() override { unlink(mVideo.c_str()); }
+
   const char* Unit() const override { return "pictures"; }
 
   void Round(SoakRun& run) override {
-    CameraGuest guest({3, 0x85, 0xFF00, 0xFFFE, ""});
+    const bool plays = run.OneIn(2);
+    CameraGuest guest(plays ? DeviceIdentity{3, 0x80, 0xFF00, 0xFFFE, mVideo}
+                            : DeviceIdentity{3, 0x85, 0xFF00, 0xFFFE, ""});
     if (run.Pick(4) != 0) {
       guest.AllowTranscoding();
     }
     guest.Open();
     for (std::uint32_t streams = 1 + run.Pick(3); streams > 0; --streams) {
-      guest.Negotiate(1, static_cast<std::uint8_t>(1 + run.Pick(2)));
+      guest.Negotiate(1, static_cast<std::uint8_t>(1 + run.Pick(plays ? 1 : 2)));
       guest.Start();
       ASSERT_LE(guest.Rest().size(), kAhead);  // Reads of the stream before: answered, whichever way.
       for (std::uint32_t left = run.Pick(40); left > 0; --left, ++run.work) {
@@ -48,6 +62,8 @@ class CameraSoak final : public SoakSuite {
       guest.Stop();
     }
   }
+
+  const std::string mVideo = testing::TempDir() + "soak_video_" + std::to_string(getpid());
 };
 
 }  // namespace

@@ -111,7 +111,6 @@ class SessionSoak final : public SoakSuite {
     Remote remote(product);
     auto driver = std::make_unique<VirtUsbDriver>(&remote);
     ASSERT_EQ(driver->Init(), 0);
-    FailMemoryOfOthers(scarce ? 1 + run.Pick(200) : 0);
     std::size_t due = 0;
     std::size_t maybe = 0;  // A camera that was not opened has no device descriptor to answer with.
     std::thread closer;
@@ -121,6 +120,10 @@ class SessionSoak final : public SoakSuite {
       const bool descriptor = product == kCamera && packet->GetCommand() == std::uint16_t{0x1000};
       (descriptor ? maybe : due) += IsAnswered(*packet) ? 1U : 0U;
       driver->onEvent(std::move(packet));
+      if (scarce && run.OneIn(50)) {
+        FailMemoryOfOthersAfter(run.Pick(300), 1 + run.Pick(4));
+        ++run.faults;
+      }
       if (run.OneIn(200)) {
         remote.Stall(true);
         ++run.faults;
@@ -142,7 +145,7 @@ class SessionSoak final : public SoakSuite {
       closer.join();
     }
     driver->Close(0);
-    run.faults += FailMemoryOfOthers(0);
+    FailMemoryOfOthersAfter(0, 0);
     driver.reset();
     EXPECT_LE(remote.Replies(), due + maybe + 1);
     if (!scarce && !interrupted) {

@@ -35,7 +35,6 @@ class SoakSuite {
 };
 
 std::unique_ptr<SoakSuite> MakeCameraSoak();
-std::unique_ptr<SoakSuite> MakeCodecSoak();
 std::unique_ptr<SoakSuite> MakeDeviceSoak();
 std::unique_ptr<SoakSuite> MakeFloodSoak();
 std::unique_ptr<SoakSuite> MakeSessionSoak();

@@ -41,11 +41,8 @@ constexpr std::uint64_t kSettlingRounds = 20;
 
 using MakeSuite = std::unique_ptr<SoakSuite> (*)();
 
-const std::map<std::string, MakeSuite> kSuites = {{"camera", &MakeCameraSoak},
-                                                  {"codec", &MakeCodecSoak},
-                                                  {"device", &MakeDeviceSoak},
-                                                  {"flood", &MakeFloodSoak},
-                                                  {"session", &MakeSessionSoak}};
+const std::map<std::string, MakeSuite> kSuites = {
+    {"camera", &MakeCameraSoak}, {"device", &MakeDeviceSoak}, {"flood", &MakeFloodSoak}, {"session", &MakeSessionSoak}};
 
 struct Options {
   std::string suite;

@@ -8,9 +8,6 @@
 namespace vel::test {
 namespace {
 
-std::atomic<std::uint32_t> gOneIn{0};
-std::atomic<std::uint32_t> gFailed{0};
-std::atomic<std::uint32_t> gCount{0};
 // Failures to come, behind the allocations that still succeed.
 std::atomic<std::uint32_t> gToFail{0};
 std::atomic<std::int64_t> gToSucceed{0};
@@ -32,24 +29,10 @@ bool Fails() {
   if (tHealthy > 0) {
     return false;
   }
-  if (gToFail.load(std::memory_order_relaxed) > 0 && gToSucceed.fetch_sub(1) <= 0 && Take(gToFail)) {
-    return true;
-  }
-  const std::uint32_t oneIn = gOneIn.load(std::memory_order_relaxed);
-  if (oneIn == 0 || gCount.fetch_add(1, std::memory_order_relaxed) % oneIn != oneIn - 1) {
-    return false;
-  }
-  gFailed.fetch_add(1, std::memory_order_relaxed);
-  return true;
+  return gToFail.load(std::memory_order_relaxed) > 0 && gToSucceed.fetch_sub(1) <= 0 && Take(gToFail);
 }
 
 }  // namespace
-
-std::uint32_t FailMemoryOfOthers(std::uint32_t oneIn) {
-  tHealthy = 1;
-  gOneIn = oneIn;
-  return gFailed.exchange(0);
-}
 
 std::uint32_t FailMemoryOfOthersAfter(std::uint32_t succeed, std::uint32_t fail) {
   tHealthy = 1;
