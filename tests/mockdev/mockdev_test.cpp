@@ -40,14 +40,6 @@ TEST_F(MockDevice, BulkAndInterruptCarryEveryLength) {
       EXPECT_EQ(mDevice.Taken(out), data);
     }
   }
-  constexpr std::uint32_t kTooLarge = 16U << 20U;  // For the kernel. Answered as it came, and the session goes on.
-  const Bytes data = MockUsbDevice::Pattern(kTooLarge);
-  for (const std::uint8_t endpoint : {std::uint8_t{0x02}, std::uint8_t{0x82}}) {
-    const TransferReply reply = remote->Transfer(Command::kBulkTransfer, endpoint, kTooLarge, data);
-    EXPECT_EQ(reply.status, LIBUSB_TRANSFER_ERROR);
-    EXPECT_TRUE(reply.data == data);
-    EXPECT_EQ(remote->Transfer(Command::kBulkTransfer, endpoint, 8, Bytes(8)).status, 0);
-  }
 }
 
 TEST_F(MockDevice, ControlCarriesDataStallsTimesOutAndClearsHalts) {

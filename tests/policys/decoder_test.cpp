@@ -125,25 +125,6 @@ TEST_F(Decoder, KeepsWhatDecodesOfADamagedPictureAndShowsNoOtherMemory) {
   EXPECT_EQ(log.Count("Error:[mjpeg @ "), 1U);
 }
 
-TEST_F(Decoder, DecodesCameraH264AtOnce) {
-  const Scene scene(96, 64);
-  UVCEncoder encoder;
-  ASSERT_EQ(encoder.Init(UVC_ENCODER_TYPE_H264, 96, 64, nullptr, nullptr), 0);
-  Open(UVC_DECODER_TYPE_H264, UVC_DECODER_OUTPUT_YUYV, 96, 64);
-  for (std::uint32_t i = 0; i < 8; ++i) {
-    const Bytes picture = scene.Draw(static_cast<int>(i));
-    Bytes unit(picture.size());
-    std::uint32_t size = 0;
-    ASSERT_EQ(encoder.Encode(picture.data(), 96 * 64 * 2, unit.data(), &size), 0);
-    unit.resize(size);
-    ASSERT_EQ(Send(unit, i), 0);
-    const std::vector<Delivered> decoded = mDeliveries.frames.Await(i + 1);
-    ASSERT_EQ(decoded.size(), i + 1);  // No picture is held back.
-    EXPECT_EQ(decoded[i].index, i);
-    EXPECT_GT(LumaPsnr(decoded[i].bytes, picture), 30);
-  }
-}
-
 // Planar where asked for, and the last picture again for clients.
 TEST_F(Decoder, GivesH264AsPlanesAndTheLastPictureAgain) {
   constexpr std::size_t kPixels = std::size_t{96} * 64;

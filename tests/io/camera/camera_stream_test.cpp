@@ -122,21 +122,6 @@ TEST_F(CameraStream, StartsTheSourceWithTheNegotiatedFrame) {
                                            "CamSetParam 1280x720 2", "CamStreamOff cam", "streamed"));
 }
 
-TEST_F(CameraStream, StartsAndStopsAtAnyMoment) {
-  for (std::uint32_t i = 0; i < 100; ++i) {
-    EXPECT_EQ(io->SetInterfaceAltSetting(1, 1), 0);
-    Submit(i);
-    ASSERT_TRUE(i % 2 == 0 || capture.WaitForStream());
-    if (i % 3 == 0) {
-      io->SetInterfaceAltSetting(1, 0);
-    } else {
-      io->CloseUsbDev();
-      ASSERT_EQ(io->OpenUsbDev(), 0);
-    }
-  }
-  io->SetInterfaceAltSetting(1, 2);  // Left running.
-}
-
 // Pictures, submissions, cancellations, withdrawals, closings and openings at the same time. Some
 // transfers only race with pictures, so that these win as well.
 TEST_F(CameraStream, CompletesEachTransferOnceInAllRaces) {
