@@ -36,7 +36,7 @@ class Attached {
         mLink(mKernel.Get(), *mDevice, stop),
         mThread([this, onEnd = std::move(onEnd)] {
           mEnd = mLink.Run();
-          if (mEnd == UsbipLink::End::kGuestLeft || mEnd == UsbipLink::End::kMalformed) {
+          if (mEnd == UsbipLink::End::kGuestLeft || mEnd == UsbipLink::End::kFailed) {
             Note(mName + " was detached by this machine" + (mLink.Error().empty() ? "" : ": " + mLink.Error()));
           }
           shutdown(mKernel.Get(), SHUT_RDWR);  // The kernel unplugs it.

@@ -4,17 +4,29 @@
 
 namespace vel {
 
-void Alarms::At(Clock::time_point time, std::function<void()> call) {
+Alarms::Ticket Alarms::At(Clock::time_point time, std::function<void()> call) {
   const MutexLock lock(mMutex);
+  const Ticket ticket(time, ++mLast);
   if (mStopped) {
-    return;
+    return ticket;
   }
-  const bool first = mCalls.emplace(time, std::move(call)) == mCalls.begin();
+  const bool first = mCalls.emplace(ticket, std::move(call)).first == mCalls.begin();
   if (!mThread.joinable()) {
     mThread = std::thread([this] { Run(); });
   } else if (first) {
     mChanged.NotifyAll();
   }
+  return ticket;
+}
+
+void Alarms::Cancel(const Ticket& ticket) {
+  const MutexLock lock(mMutex);
+  mCalls.erase(ticket);
+}
+
+void Alarms::CancelAll() {
+  const MutexLock lock(mMutex);
+  mCalls.clear();
 }
 
 void Alarms::Stop() {
@@ -35,11 +47,11 @@ void Alarms::Run() {
     std::function<void()> call;
     {
       MutexLock lock(mMutex);
-      while (!mStopped && (mCalls.empty() || mCalls.begin()->first > Clock::now())) {
+      while (!mStopped && (mCalls.empty() || mCalls.begin()->first.first > Clock::now())) {
         if (mCalls.empty()) {
           mChanged.Wait(lock);
         } else {
-          mChanged.WaitUntil(lock, mCalls.begin()->first);
+          mChanged.WaitUntil(lock, mCalls.begin()->first.first);
         }
       }
       if (mStopped) {

@@ -19,6 +19,8 @@ constexpr std::chrono::seconds kLeaveTime{5};
 
 constexpr std::chrono::microseconds kFrame{1000};
 constexpr std::chrono::microseconds kMicroframe{125};
+// 2^(bInterval - 1) for the largest bInterval (USB 2.0, table 9-13). A guest may ask for any.
+constexpr std::uint32_t kMaxInterval = 32768;
 
 }  // namespace
 
@@ -85,6 +87,7 @@ void FarDevice::Disconnect() {
   if (!streams) {
     return;
   }
+  mAlarms.CancelAll();
   WithinTime([&] {
     if (mCamera != nullptr) {
       mCamera->Stop();
@@ -153,7 +156,8 @@ void FarDevice::SubmitTransfer(const Urb& urb, const EndpointType& type) {
 
 void FarDevice::SubmitPaced(const Urb& urb, std::uint32_t firstStream,
                             std::vector<std::unique_ptr<VelPacket>> requests) {
-  const std::size_t intervals = std::max<std::size_t>(urb.packets.size(), 1) * std::max<std::uint32_t>(urb.interval, 1);
+  const std::size_t intervals =
+      std::max<std::size_t>(urb.packets.size(), 1) * std::clamp<std::uint32_t>(urb.interval, 1, kMaxInterval);
   const auto busTime =
       (mFacts.Speed() >= LIBUSB_SPEED_HIGH ? kMicroframe : kFrame) * static_cast<std::int64_t>(intervals);
   if (!mUrbs.KeepTransfers(urb.seqnum, firstStream, std::move(requests), busTime)) {
@@ -170,7 +174,8 @@ void FarDevice::SubmitPaced(const Urb& urb, std::uint32_t firstStream,
   if (due <= Clock::now()) {
     SendDue(generation, urb.seqnum);
   } else {
-    mAlarms.At(due, [this, generation, seqnum = urb.seqnum] { SendDue(generation, seqnum); });
+    mUrbs.SetAlarm(urb.seqnum,
+                   mAlarms.At(due, [this, generation, seqnum = urb.seqnum] { SendDue(generation, seqnum); }));
   }
 }
 
@@ -191,6 +196,9 @@ void FarDevice::Unlink(const UnlinkRequest& request) {
     const MutexLock sending(mPaceMutex);
     unlinked = mUrbs.Unlink(request);
     mNextDue.at(unlinked.endpoint) -= unlinked.busTime;
+  }
+  if (unlinked.alarm) {
+    mAlarms.Cancel(*unlinked.alarm);
   }
   if (unlinked.status) {
     mUrbs.TellUnlinked(request.seqnum, *unlinked.status);

@@ -103,7 +103,7 @@ class FarDevice final : private FarCamera::Port {
   ControlRouter mRouter;
   std::unique_ptr<FarCamera> mCamera;  // Null for what is none.
   std::size_t mMaxPackets = 0;         // Of an isochronous request.
-  Alarms mAlarms;                      // Their calls may send, and so wait for a far end that does not read.
+  Alarms mAlarms;                      // Of paced URBs. They send, and so may wait for a far end that does not read.
   Alarms mLimits;                      // Theirs do not.
 };
 

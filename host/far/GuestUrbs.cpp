@@ -114,6 +114,13 @@ bool GuestUrbs::KeepTransfers(std::uint32_t seqnum, std::uint32_t firstStream,
   return urb != nullptr;
 }
 
+void GuestUrbs::SetAlarm(std::uint32_t seqnum, const Alarms::Ticket& alarm) {
+  const MutexLock lock(mMutex);
+  if (UrbInFlight* urb = mTable.Find(seqnum)) {
+    urb->alarm = alarm;
+  }
+}
+
 std::vector<std::unique_ptr<VelPacket>> GuestUrbs::TakeUnsent(std::uint32_t generation, std::uint32_t seqnum) {
   const MutexLock lock(mMutex);
   UrbInFlight* urb = mTable.Find(seqnum);
@@ -138,6 +145,7 @@ GuestUrbs::Unlinked GuestUrbs::Unlink(const UnlinkRequest& request) {
       result.status = -ECONNRESET;
       result.endpoint = urb.endpoint;
       result.busTime = urb.busTime;
+      result.alarm = urb.alarm;
       mTable.Remove(request.target);
     }
   }

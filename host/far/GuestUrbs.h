@@ -9,6 +9,7 @@
 #include <span>
 #include <vector>
 
+#include "far/Alarms.h"
 #include "far/UrbGuest.h"
 #include "far/UrbMapper.h"
 #include "far/UrbTable.h"
@@ -39,6 +40,7 @@ class GuestUrbs {
     std::uint32_t generation = 0;
     std::uint8_t endpoint = 0;
     std::chrono::microseconds busTime{0};  // That the endpoint is not taken by it any more.
+    std::optional<Alarms::Ticket> alarm;   // That nothing is to be done at.
   };
 
   void Connect(UrbGuest& guest) VEL_EXCLUDES(mMutex);
@@ -59,6 +61,8 @@ class GuestUrbs {
   // The same of one whose requests wait for their time; they are kept for TakeUnsent.
   bool KeepTransfers(std::uint32_t seqnum, std::uint32_t firstStream, std::vector<std::unique_ptr<VelPacket>> requests,
                      std::chrono::microseconds busTime) VEL_EXCLUDES(mMutex);
+  // When TakeUnsent is to be called for it.
+  void SetAlarm(std::uint32_t seqnum, const Alarms::Ticket& alarm) VEL_EXCLUDES(mMutex);
   // None when the URB is not there any more. Otherwise they count as sent.
   std::vector<std::unique_ptr<VelPacket>> TakeUnsent(std::uint32_t generation, std::uint32_t seqnum)
       VEL_EXCLUDES(mMutex);

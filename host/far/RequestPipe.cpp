@@ -42,6 +42,7 @@ void RequestPipe::Start(Receiver receiver) {
 
 void RequestPipe::Ask(Command command, Done done, const Build& build) {
   Done refused;
+  std::int32_t error = LIBUSB_ERROR_NO_DEVICE;
   bool waits = false;
   bool sent = false;
   {
@@ -49,7 +50,10 @@ void RequestPipe::Ask(Command command, Done done, const Build& build) {
     RequestId id{0, kDevId};
     {
       const MutexLock lock(mMutex);
-      if (mWhyLost.empty()) {
+      if (mWhyLost.empty() && mWaiting.size() >= kMaxWaiting) {
+        refused = std::move(done);
+        error = LIBUSB_ERROR_NO_MEM;
+      } else if (mWhyLost.empty()) {
         waits = true;
         id.reqId = mNextReqId++;
         mWaiting.push_back({command, id.reqId, std::move(done)});
@@ -60,7 +64,7 @@ void RequestPipe::Ask(Command command, Done done, const Build& build) {
     sent = waits && mChannel->Send(build(id));
   }
   if (!waits) {
-    Fail(refused, LIBUSB_ERROR_NO_DEVICE);
+    Fail(refused, error);
   } else if (!sent) {
     OnLost(kClosed);
   }

@@ -50,7 +50,7 @@ class RequestPipe {
   bool AnswersFailures() const { return mAnswersFailures; }
   // Why nothing is answered any more; empty as long as it is.
   std::string WhyLost() VEL_EXCLUDES(mMutex);
-  // Sends a synchronous request.
+  // Sends a synchronous request. With very many under way it is refused with LIBUSB_ERROR_NO_MEM.
   void Ask(Command command, Done done, const Build& build) VEL_EXCLUDES(mSendMutex);
   void Ask(Command command, Done done = {});
   // Sends a transfer.
@@ -61,6 +61,8 @@ class RequestPipe {
 
  private:
   static constexpr std::uint32_t kDevId = 1;
+  // A guest may ask on and on, and take back, what a far end never answers.
+  static constexpr std::size_t kMaxWaiting = 65536;
 
   struct Waiting {
     Command command;

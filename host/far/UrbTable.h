@@ -9,6 +9,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "far/Alarms.h"
 #include "far/UsbipWire.h"
 #include "protocol/Commands.h"
 #include "protocol/VelPacket.h"
@@ -39,6 +40,7 @@ struct UrbInFlight {
   std::uint32_t partsDone = 0;
   std::vector<std::unique_ptr<VelPacket>> unsent;  // Requests that wait for their time.
   std::chrono::microseconds busTime{0};            // How long the endpoint of a paced one is taken by it.
+  std::optional<Alarms::Ticket> alarm;             // Its time.
 
   // What the parts that are done have come to.
   std::int32_t status = 0;

@@ -1,6 +1,7 @@
 #include "far/UsbipLink.h"
 
 #include <array>
+#include <exception>
 #include <utility>
 
 #include "far/UsbipWire.h"
@@ -11,7 +12,12 @@ UsbipLink::UsbipLink(int fd, FarDevice& device, const StopSignal& stop)
 
 UsbipLink::End UsbipLink::Run() {
   mDevice.Connect(*this);
-  const End end = ReadCommands();
+  End end = End::kFailed;
+  try {
+    end = ReadCommands();
+  } catch (const std::exception& error) {
+    mError = error.what();
+  }
   mStream.Abort();  // Nobody reads answers any more.
   mDevice.Disconnect();
   return mDevice.IsGone() ? End::kDeviceGone : end;
@@ -37,7 +43,7 @@ UsbipLink::End UsbipLink::ReadCommands() {
           break;
         case UsbipReader::Got::kError:
           mError = reader.Error();
-          return End::kMalformed;
+          return End::kFailed;
       }
     }
   }

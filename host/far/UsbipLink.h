@@ -19,7 +19,7 @@ class UsbipLink final : private UrbGuest {
  public:
   enum class End {
     kGuestLeft,
-    kMalformed,  // Error() says what.
+    kFailed,  // A malformed command, or no memory; Error() says what.
     kDeviceGone,
     kStopped,
   };

@@ -130,7 +130,7 @@ void UsbipServer::Import(int fd, const std::string& peer) {
       case UsbipLink::End::kStopped:
         mNote(peer + " has given " + exported.name + " back");
         break;
-      case UsbipLink::End::kMalformed:
+      case UsbipLink::End::kFailed:
         mNote(peer + ": ended, it sends what is no USB/IP: " + link.Error());
         break;
       case UsbipLink::End::kDeviceGone:

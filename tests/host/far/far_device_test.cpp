@@ -204,6 +204,17 @@ TEST_F(FarDeviceTest, IsochronousPacketsThatFailOrClaimTooMuchLeaveTheOthersInPl
   EXPECT_EQ(guest.data.size(), 10U);
 }
 
+TEST(AlarmsTest, CancelledCallIsForgottenAtOnce) {
+  Alarms alarms;
+  const auto kept = std::make_shared<int>();
+  const auto call = [kept] {};
+  alarms.Cancel(alarms.At(Alarms::Clock::now() + std::chrono::hours(1), call));
+  alarms.At(Alarms::Clock::now() + std::chrono::hours(2), call);
+  EXPECT_EQ(kept.use_count(), 3);
+  alarms.CancelAll();
+  EXPECT_EQ(kept.use_count(), 2);
+}
+
 TEST_F(FarDeviceTest, PacedRequestThatWasNotSentYetIsUnlinked) {
   address = 0x86;  // Emulated: 15 packets at once, at their intervals.
   Open();
