@@ -165,12 +165,16 @@ void LibusbHandle::EndCompletion() {
 }
 
 bool LibusbHandle::CompleteSync(LibusbPendingTransfer& pending) {
-  const MutexLock lock(mMutex);
-  Unfile(pending);
-  --mInFlight;
-  pending.completed = true;
-  mChanged.NotifyAll();
-  return pending.abandoned;
+  bool abandoned = false;
+  {
+    const MutexLock lock(mMutex);
+    Unfile(pending);
+    --mInFlight;
+    pending.completed = true;
+    abandoned = pending.abandoned;
+  }
+  mChanged.NotifyAll();  // Outside the lock: the woken thread takes it at once.
+  return abandoned;
 }
 
 int LibusbHandle::Cancel(std::uint32_t id, bool* known) {
