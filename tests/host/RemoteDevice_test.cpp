@@ -3,7 +3,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <future>
 #include <string>
 #include <thread>
 
@@ -53,19 +52,6 @@ TEST_F(RemoteDeviceTest, CallWithoutAResultInTimeIsAnErrorAndALateReplyIsIgnored
   channel.Reply(0x1025, 0, {1, 0, 0, 0, 0, 0, 0, 0});
   channel.answer = [](Command, auto) { return Bytes{2, 0, 0, 0}; };
   EXPECT_EQ(remote.Status(Command::kGetDeviceSpeed), 2);
-}
-
-TEST_F(RemoteDeviceTest, EndOfTheStreamWakesWhoeverWaitsAndFailsWhatFollows) {
-  const auto status = [&] { return ErrorOf([&] { Remote().Status(Command::kResetDevice); }); };
-  const auto transfer = [&] { return ErrorOf([&] { Remote().Transfer(Command::kBulkTransfer, 0x81, 4); }); };
-  Channel().silent = true;
-  auto waitingStatus = std::async(std::launch::async, status);
-  auto waitingTransfer = std::async(std::launch::async, transfer);
-  Channel().TakeSent(2);
-  Channel().End();
-  for (const std::string& error : {waitingStatus.get(), waitingTransfer.get(), status(), transfer()}) {
-    EXPECT_THAT(error, HasSubstr("the device is gone: it ended"));
-  }
 }
 
 TEST_F(RemoteDeviceTest, TransferIsMatchedByCommandAndStreamIdAndDoneOnce) {

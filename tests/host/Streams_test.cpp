@@ -58,22 +58,7 @@ class StreamsTest : public testing::Test {
   Pair mPair;
   StopSignal mStop;
   std::array<std::uint8_t, 64> mBuffer{};
-  std::size_t mCount = 0;
 };
-
-TEST_F(StreamsTest, StopAndAbortEndABlockedRead) {
-  for (const bool abort : {false, true}) {
-    for (int i = 0; i < 50; ++i) {  // Before, while and after the reader goes to wait.
-      const StopSignal stop;
-      FdStream stream(mPair.near.Get(), mPair.near.Get(), stop);
-      auto reading = std::async(std::launch::async, [&] { return stream.Read(mBuffer, mCount); });
-      abort ? stream.Abort() : stop.Raise();
-      EXPECT_EQ(reading.get(), Result::kStopped);
-      EXPECT_EQ(stream.Read(mBuffer, mCount), Result::kStopped) << "a stop stays";
-      EXPECT_EQ(stop.IsRaised(), !abort);
-    }
-  }
-}
 
 TEST_F(StreamsTest, StopAndAbortEndABlockedWriteAndNothingFollowsHalfAPacket) {
   for (const bool abort : {false, true}) {

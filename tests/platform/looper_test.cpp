@@ -41,33 +41,18 @@ void AwaitStopping(Looper& looper) {
   }
 }
 
-TEST(Looper, RunsOnceAndDestroysWhatItDoesNotHandle) {
-  int destroyed = 0;
-  const auto post = [&](Looper& looper) {
-    return Post(
-        looper, [] { FAIL(); }, [&] { ++destroyed; });
-  };
-  post(*std::make_unique<Looper>());
-  EXPECT_EQ(destroyed, 1) << "never started";
-  Looper stopped;
-  stopped.Start();
-  stopped.Stop();
-  EXPECT_EQ(stopped.Start(), -1);
-  EXPECT_EQ(post(stopped), -1);
-  EXPECT_EQ(destroyed, 2) << "at once";
-}
-
 TEST(Looper, StopWaitsForTheHandlerAndFreesWhatIsUnhandled) {
   constexpr int kWaiting = 5000;
+  auto never = std::make_unique<Looper>();  // Started.
   Looper looper;
   Event entered;
   Event release;
   std::atomic<bool> finished{false};
   std::atomic<int> destroyed{0};
-  const auto postWaiting = [&] {
+  const auto postWaiting = [&](Looper& to) {
     for (int i = 0; i < kWaiting; ++i) {
       Post(
-          looper, [] { FAIL(); }, [&] { ++destroyed; });
+          to, [] { FAIL(); }, [&] { ++destroyed; });
     }
   };
   Post(looper, [&] {
@@ -75,10 +60,10 @@ TEST(Looper, StopWaitsForTheHandlerAndFreesWhatIsUnhandled) {
     EXPECT_EQ(release.Await(1).size(), 1U);
     finished = true;
   });
-  postWaiting();
+  postWaiting(looper);
   looper.Start();
   ASSERT_EQ(entered.Await(1).size(), 1U);
-  postWaiting();
+  postWaiting(looper);
   // Stopped by several threads at once: none comes back before the handler has.
   std::vector<std::future<bool>> stops;
   for (int i = 0; i < 4; ++i) {
@@ -91,6 +76,12 @@ TEST(Looper, StopWaitsForTheHandlerAndFreesWhatIsUnhandled) {
     EXPECT_TRUE(stop.get());
   }
   EXPECT_EQ(destroyed, 2 * kWaiting);
+  EXPECT_EQ(looper.Start(), -1);
+  postWaiting(looper);
+  EXPECT_EQ(destroyed, 3 * kWaiting) << "at once";
+  postWaiting(*never);
+  never.reset();
+  EXPECT_EQ(destroyed, 4 * kWaiting);
 }
 
 TEST(Looper, MayBeStoppedAndDestroyedOnItsOwnThread) {
