@@ -32,8 +32,8 @@ Store& TheStore() {
 FrameBlocks::User::User() {
   Store& store = TheStore();
   const MutexLock lock(store.mutex);
-  ++store.users;
-  store.blocks.reserve(store.users * kBlocksForUser);
+  store.blocks.reserve((store.users + 1) * kBlocksForUser);
+  ++store.users;  // Now that Give finds room.
 }
 
 FrameBlocks::User::~User() {

@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cstddef>
 #include <list>
+#include <new>
 #include <utility>
 
 #include "base/LockOrder.h"
@@ -44,8 +45,8 @@ class ThinnedQueue {
   }
 
   // More than kFrameListLimit waiting items are thinned before the new one is added. How many wait now; 0 when the
-  // queue is closed, and the item stays the caller's.
-  std::size_t Push(Item& item) {
+  // queue is closed or there is no memory, and the item stays the caller's.
+  std::size_t Push(Item& item) noexcept {
     std::size_t waiting = 0;
     {
       const MutexLock lock(mMutex);
@@ -55,8 +56,8 @@ class ThinnedQueue {
       if (mItems.size() > kFrameListLimit) {
         ThinFrames(kFrameListCacheSize, mItems, mName);
       }
-      if (mSpare.empty()) {
-        mSpare.emplace_back();
+      if (mSpare.empty() && !AddSpare()) {
+        return 0;
       }
       mSpare.front() = std::move(item);
       mItems.splice(mItems.end(), mSpare, mSpare.begin());
@@ -95,6 +96,14 @@ class ThinnedQueue {
   }
 
  private:
+  bool AddSpare() VEL_REQUIRES(mMutex) {
+    try {
+      mSpare.emplace_back();
+    } catch (const std::bad_alloc&) {
+      return false;
+    }
+    return true;
+  }
   Item TakeFront() VEL_REQUIRES(mMutex) {
     Item item = std::move(mItems.front());
     mItems.front() = Item{};

@@ -1,6 +1,6 @@
 #include "policys/UVCDecoder.h"
 
-#include <system_error>
+#include <exception>
 #include <utility>
 
 extern "C" {
@@ -70,7 +70,7 @@ int UVCDecoder::Init(_UVC_DECODER_TYPE type, _UVC_DECODER_OUTPUT_FORMAT format, 
   mSent = false;
   try {
     mThread = std::thread([this, type, format] { DecodeThread(type, format); });
-  } catch (const std::system_error&) {
+  } catch (const std::exception&) {
     // Deliberately no failure: Decode does without the worker.
     VEL_ERROR("init decoder failed\n");
   }

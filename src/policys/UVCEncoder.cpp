@@ -4,10 +4,10 @@
 #include <atomic>
 #include <cstddef>
 #include <cstring>
+#include <exception>
 #include <iterator>
 #include <limits>
 #include <new>
-#include <system_error>
 #include <utility>
 
 extern "C" {
@@ -91,7 +91,7 @@ int UVCEncoder::Init(_UVC_ENCODER_TYPE type, int width, int height, UVCEncoderHa
   mInputs.Open();
   try {
     mThread = std::thread([this] { EncodeThread(); });
-  } catch (const std::system_error&) {
+  } catch (const std::exception&) {
     // Deliberately no failure: an encoder without worker still encodes on the caller's thread.
     VEL_ERROR("init decoder failed\n");
   }
@@ -164,7 +164,7 @@ int UVCEncoder::Queue(Picture& picture, std::uint32_t index) {
   }
   Input input{index, std::move(picture)};
   const std::size_t waiting = mInputs.Push(input);
-  if (waiting == 0) {  // Released meanwhile.
+  if (waiting == 0) {  // Released meanwhile, or no memory.
     picture = std::get<Picture>(std::move(input.picture));
     return -1;
   }

@@ -1,6 +1,7 @@
 // No memory and no thread: what was asked is answered or dropped, and nothing ends.
 #include <malloc.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <memory>
@@ -11,7 +12,9 @@
 #include <gtest/gtest.h>
 
 #include "entry.h"
+#include "protocol/ByteReader.h"
 #include "remote/RequestBuilder.h"
+#include "support/CameraStart.h"
 #include "support/CapturingLog.h"
 #include "support/Collected.h"
 #include "support/FailingMemory.h"
@@ -24,14 +27,14 @@ namespace {
 
 using test::FailMemoryOfOthersAfter;
 
-// An emulated keyboard, the device on which interrupt transfers stay pending.
-class Keyboard final : public FakeDeviceBase {
+class Device final : public FakeDeviceBase {
  public:
-  Keyboard() : FakeDeviceBase({.productId = 0xFF01}) {}
+  explicit Device(std::uint16_t productId) : FakeDeviceBase({.productId = productId}) {}
   int Send(std::unique_ptr<VelPacket> packet, std::uint32_t) override {
     const test::HealthyMemory healthy;
     if (packet->GetDevId() == mRound) {
-      replies.Add(packet->GetCommand());
+      ByteReader reader(packet->PayloadBytes());
+      replies.Add(reader.Host<std::uint32_t>());
     }
     return 0;
   }
@@ -40,7 +43,7 @@ class Keyboard final : public FakeDeviceBase {
     replies.Take();
   }
 
-  Collected<std::uint16_t> replies;  // Of this round.
+  Collected<std::uint32_t> replies;  // Of this round: what each begins with.
 
  private:
   std::atomic<std::uint32_t> mRound{0};
@@ -67,7 +70,7 @@ std::unique_ptr<VelPacket> Request(Command command, RequestId id) {
 class Memory : public ::testing::Test {
  protected:
   const CapturingLog mLog{OSKELO_LOG_OFF};
-  Keyboard mDevice;
+  Device mDevice{0xFF01};  // A keyboard, on which interrupt transfers stay pending.
 };
 
 TEST_F(Memory, WithoutItARequestIsRefusedAndTheNextIsCarriedOut) {
@@ -99,6 +102,32 @@ TEST_F(Memory, WithoutItARequestIsRefusedAndTheNextIsCarriedOut) {
   }
   driver->Close(0);
   EXPECT_LT(mallinfo2().uordblks, before + kDataBytes);
+}
+
+// The camera's threads get none either.
+TEST_F(Memory, WithoutItACameraAnswersAndEndsItsStream) {
+  std::uint32_t left = 0;
+  for (std::uint32_t succeed = 0; left == 0 && succeed < 1000; ++succeed) {
+    Device camera(0xFFFE);
+    camera.AnswerFailedTransfers();
+    camera.Begin(1);
+    const std::unique_ptr<VelDriver> driver(virtusb_open(&camera));
+    FailMemoryOfOthersAfter(succeed, 1);
+    for (auto& request : test::CameraStart({.reqId = 1, .devId = 1})) {
+      driver->onEvent(std::move(request));
+    }
+    for (const std::uint32_t streamId : {100U, 101U}) {
+      driver->onEvent(BuildIsoRequest({.reqId = 1, .devId = 1}, 0x81, streamId, std::array{1U}, {}));
+    }
+    const auto first = camera.replies.Await(3);
+    // All went well, but for the control request's reply, which is its length.
+    const std::size_t least = std::ranges::count(first, 0U) == 2 ? 5 : 3;
+    ASSERT_EQ(camera.replies.Await(least).size(), least) << succeed << " succeed";
+    left = FailMemoryOfOthersAfter(0, 0);
+    driver->Close(0);
+    EXPECT_LE(camera.replies.Take().size(), 5U);
+  }
+  EXPECT_EQ(left, 1U);
 }
 
 // The framework's thread is a new one, this one's allocations always work.

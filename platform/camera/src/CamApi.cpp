@@ -1,5 +1,6 @@
 #include "oskelo/camera.h"
 
+#include <exception>
 #include <map>
 #include <memory>
 #include <string>
@@ -62,7 +63,7 @@ void CamSetDefaultSource(const char* source) {
   oskelo::SetDefaultSource(oskelo::Text(source));
 }
 
-int CamOpen(const char* id) {
+int CamOpen(const char* id) try {
   const std::string name = oskelo::Text(id);
   const auto camera = std::make_shared<oskelo::Camera>(name);
   {
@@ -78,6 +79,8 @@ int CamOpen(const char* id) {
     oskelo::Remove(name, camera);
   }
   return result;
+} catch (const std::exception&) {  // No memory. Nothing throws through the interface.
+  return -1;
 }
 
 int CamClose(const char* id) {

@@ -1,15 +1,30 @@
 #include "Camera.h"
 
 #include <algorithm>
+#include <exception>
 #include <utility>
 
 #include "CameraLog.h"
 #include "OpenSource.h"
 
 namespace oskelo {
+namespace {
+
+// The result, false for want of memory or threads: who has begun a use ends it.
+template <class Call>
+bool Succeeds(Call call) {
+  try {
+    return call();
+  } catch (const std::exception&) {
+    return false;
+  }
+}
+
+}  // namespace
 
 int Camera::Open() {
-  std::unique_ptr<CameraSource> source = OpenSource(mId, mClosing);
+  std::unique_ptr<CameraSource> source;
+  Succeeds([&] { return (source = OpenSource(mId, mClosing)) != nullptr; });
   if (source == nullptr) {
     return -1;
   }
@@ -53,17 +68,21 @@ int Camera::SetParam(const _CameraParam& param) {
   if (source == nullptr) {
     return -1;
   }
-  source->Arm();
-  const auto& params = source->Params();
+  const bool selected = Succeeds([&] { return Select(*source, param); });
+  End();
+  return selected ? 0 : -1;
+}
+
+bool Camera::Select(CameraSource& source, const _CameraParam& param) const {
+  source.Arm();
+  const auto& params = source.Params();
   const bool offered = std::any_of(params.begin(), params.end(), [&param](const _CameraParam& entry) {
     return entry.width == param.width && entry.height == param.height && entry.pixelFormat == param.pixelFormat;
   });
   if (!offered) {
     CAMERA_ERROR(mId, "has no pictures of %ux%u in format %u", param.width, param.height, param.pixelFormat);
   }
-  const bool selected = offered && source->Select(param);
-  End();
-  return selected ? 0 : -1;
+  return offered && source.Select(param);
 }
 
 int Camera::StreamOn() {
@@ -71,7 +90,7 @@ int Camera::StreamOn() {
   if (source == nullptr) {
     return -1;
   }
-  const bool ended = source->Stream(*this);
+  const bool ended = Succeeds([&] { return source->Stream(*this); });
   End();
   return ended ? 0 : -1;
 }

@@ -35,6 +35,7 @@ class Camera final : private PictureSink {
   void OnPicture(std::span<std::uint8_t> picture) override VEL_EXCLUDES(mMutex);
   // Reserves the source; null, with an Error line, when it is closed or in use.
   CameraSource* Begin(Use use) VEL_EXCLUDES(mMutex);
+  bool Select(CameraSource& source, const _CameraParam& param) const;
   void End() VEL_EXCLUDES(mMutex);
 
   const std::string mId;

@@ -1,5 +1,6 @@
+#include <exception>
 #include <memory>
-#include <system_error>
+#include <new>
 #include <thread>
 
 #include "oskelo/camera.h"
@@ -13,7 +14,7 @@ struct CamWorker {
 extern "C" {
 
 CamWorker* CreatQtWorker(void* /*parent*/, void (*function)(void*), void* context) {
-  return function == nullptr ? nullptr : new CamWorker{function, context, {}};
+  return function == nullptr ? nullptr : new (std::nothrow) CamWorker{function, context, {}};
 }
 
 int StartQtWroker(CamWorker* worker) {
@@ -22,7 +23,7 @@ int StartQtWroker(CamWorker* worker) {
   }
   try {
     worker->thread = std::thread(worker->function, worker->context);
-  } catch (const std::system_error&) {
+  } catch (const std::exception&) {
     return -1;
   }
   return 0;

@@ -1,7 +1,7 @@
 #include "io/DummyUsbIo/CaptureThread.h"
 
 #include <chrono>
-#include <system_error>
+#include <exception>
 #include <utility>
 
 #include "base/LockOrder.h"
@@ -30,7 +30,7 @@ bool CaptureThread::Start(std::function<void()> function) {
       state->ended = true;
       state->changed.NotifyAll();
     });
-  } catch (const std::system_error&) {
+  } catch (const std::exception&) {
     mState.reset();
     return false;
   }

@@ -3,8 +3,9 @@
 #include <chrono>
 #include <cstddef>
 #include <cstring>
+#include <exception>
+#include <new>
 #include <numeric>
-#include <system_error>
 
 #include "base/VelLog.h"
 
@@ -85,7 +86,7 @@ int DummyCamera::StreamOn() {
   }
   try {
     mProducer = std::thread(&DummyCamera::FrameHandler, this);
-  } catch (const std::system_error&) {
+  } catch (const std::exception&) {
     const MutexLock lock(mMutex);
     mStopped = true;
     return -1;
@@ -177,8 +178,13 @@ void DummyCamera::DeliverPicture(std::vector<std::uint8_t>& picture) {
     width = mWidth;
     height = mHeight;
   }
-  picture.resize(std::size_t{2} * width * height);
-  Paint(picture, width, height, mFrameNumber.fetch_add(1, std::memory_order_relaxed));
+  try {
+    picture.resize(std::size_t{2} * width * height);
+    Paint(picture, width, height, mFrameNumber.fetch_add(1, std::memory_order_relaxed));
+  } catch (const std::bad_alloc&) {
+    VEL_ERROR("no memory for a picture of %ux%u", width, height);
+    picture.clear();  // An empty one is delivered, so that who waits asks again.
+  }
   CameraStreamCallback* callback = nullptr;
   void* context = nullptr;
   {

@@ -4,8 +4,8 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdlib>
+#include <exception>
 #include <iterator>
-#include <system_error>
 #include <utility>
 
 #include "base/VelLog.h"
@@ -83,8 +83,10 @@ int UVCCameraReader::Start() {
     mAside.reserve(count);
   }
   try {
-    mThread = std::thread(&UVCCameraReader::FrameManagerThread, this);
-  } catch (const std::system_error& error) {
+    std::vector<XferPtr> failed;
+    failed.reserve(count);  // The thread has to do without more memory.
+    mThread = std::thread(&UVCCameraReader::FrameManagerThread, this, std::move(failed));
+  } catch (const std::exception& error) {
     VEL_WARN("no thread for failed camera transfers: %s", error.what());
   }
   int result = LIBUSB_ERROR_NO_MEM;
@@ -215,8 +217,7 @@ bool UVCCameraReader::AwaitFailed(std::vector<XferPtr>& failed) {
   return true;
 }
 
-void UVCCameraReader::FrameManagerThread() {
-  std::vector<XferPtr> failed;
+void UVCCameraReader::FrameManagerThread(std::vector<XferPtr> failed) {
   while (AwaitFailed(failed)) {
     const auto stalled = [](const XferPtr& record) { return record->status == LIBUSB_TRANSFER_STALL; };
     if (std::ranges::any_of(failed, stalled)) {

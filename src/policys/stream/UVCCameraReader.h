@@ -66,7 +66,7 @@ class UVCCameraReader {
   XferPtr MakeRecord(std::uint32_t number) const;
   bool Prepare(_UsbIoXferInfo& info) const;
   int Submit(XferPtr record);
-  void FrameManagerThread();
+  void FrameManagerThread(std::vector<XferPtr> failed);
   // Takes what failed and is to be submitted now, after its pause; false at the end.
   bool AwaitFailed(std::vector<XferPtr>& failed);
 

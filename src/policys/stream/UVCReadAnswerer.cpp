@@ -1,8 +1,8 @@
 #include "policys/stream/UVCReadAnswerer.h"
 
 #include <algorithm>
+#include <exception>
 #include <iterator>
-#include <system_error>
 
 #include "base/Clock.h"
 #include "base/VelLog.h"
@@ -20,7 +20,7 @@ void SetTimedOut(_UsbIoXferInfo& read) {
 bool UVCReadAnswerer::Start() {
   try {
     mThread = std::thread(&UVCReadAnswerer::AnswerReads, this);
-  } catch (const std::system_error& error) {
+  } catch (const std::exception& error) {
     VEL_ERROR("no thread to answer camera reads: %s", error.what());
     return false;
   }
@@ -28,11 +28,14 @@ bool UVCReadAnswerer::Start() {
 }
 
 bool UVCReadAnswerer::Answer(_UsbIoXferInfo* read) {
+  XferGuard refused(read);  // Where it cannot be kept.
   const MutexLock lock(mMutex);
   if (mStopping) {
+    static_cast<void>(refused.Release());
     return false;
   }
   mReads.push_back(read);
+  static_cast<void>(refused.Release());
   if (mReads.size() == 1) {
     mTurnBegan = Clock::now();
     mChanged.NotifyOne();
