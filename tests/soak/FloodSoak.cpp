@@ -1,9 +1,10 @@
 // One kind of request after the other, ten million in a session, on every emulated device and on a camera that
 // streams. What may wait is bounded: the process stays below 300 MB, and every request is answered in the end.
+#include <algorithm>
 #include <array>
-#include <cstring>
 #include <memory>
 #include <span>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -11,9 +12,9 @@
 #include "VirtUsbDriver.h"
 #include "remote/RequestBuilder.h"
 #include "soak/Soak.h"
+#include "support/CameraStart.h"
 #include "support/CountingDeviceBase.h"
 #include "support/Limits.h"
-#include "uvc/UVCStreamCtrl.h"
 
 namespace vel::test {
 namespace {
@@ -95,18 +96,10 @@ class FloodSoak final : public SoakSuite {
  private:
   // Opened, and a camera streaming. The requests that this took.
   static std::size_t Begin(VirtUsbDriver& driver, bool camera) {
-    driver.onEvent(BuildRequest(Command::kOpenUsbDev, {}));
-    if (!camera) {
-      return 1;
-    }
-    UVCStreamCtrl ctrl{};
-    ctrl.bFormatIndex = ctrl.bFrameIndex = 1;
-    std::array<std::uint8_t, 26> block{};
-    std::memcpy(block.data(), &ctrl, block.size());
-    driver.onEvent(BuildControlRequest({}, {0x21, 0x01, 0x0100, 1, 26}, 0, block));
-    driver.onEvent(BuildControlRequest({}, {0x21, 0x01, 0x0200, 1, 26}, 0, block));
-    driver.onEvent(BuildAltSettingRequest({}, 1, 1));
-    return 4;
+    auto requests = CameraStart({});
+    const std::size_t count = camera ? requests.size() : 1;
+    std::for_each_n(requests.begin(), count, [&driver](auto& request) { driver.onEvent(std::move(request)); });
+    return count;
   }
 
   std::size_t mRound = 0;
