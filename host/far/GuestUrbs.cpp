@@ -146,6 +146,7 @@ GuestUrbs::Unlinked GuestUrbs::Unlink(const UnlinkRequest& request) {
       result.endpoint = urb.endpoint;
       result.busTime = urb.busTime;
       result.alarm = urb.alarm;
+      std::erase(mHeld, request.target);
       mTable.Remove(request.target);
     }
   }

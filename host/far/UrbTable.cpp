@@ -12,9 +12,11 @@ UrbTable::Added UrbTable::Add(UrbInFlight urb, std::uint32_t& unlink) {
     mEarly.erase(early);
     return Added::kTakenBack;
   }
-  if (mUrbs.size() >= kMaxUrbs || mUrbs.contains(seqnum)) {
+  urb.cost = urb.length + urb.packets.size() * sizeof(UrbPacket);
+  if (mUrbs.size() >= kMaxUrbs || mBytes + urb.cost > kMaxBytes || mUrbs.contains(seqnum)) {
     return Added::kRefused;
   }
+  mBytes += urb.cost;
   mUrbs.emplace(seqnum, std::move(urb));
   return Added::kYes;
 }
@@ -63,11 +65,13 @@ void UrbTable::Remove(std::uint32_t seqnum) {
   for (std::uint32_t i = 0; i < found->second.parts; ++i) {
     mStreams.erase(found->second.firstStream + i);
   }
+  mBytes -= found->second.cost;
   mUrbs.erase(found);
 }
 
 void UrbTable::Clear() {
   mUrbs.clear();
+  mBytes = 0;
   mStreams.clear();
   mEarly.clear();
   mNewest.reset();

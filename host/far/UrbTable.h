@@ -12,6 +12,7 @@
 #include "far/Alarms.h"
 #include "far/UsbipWire.h"
 #include "protocol/Commands.h"
+#include "protocol/Requests.h"
 #include "protocol/VelPacket.h"
 
 namespace vel {
@@ -31,6 +32,7 @@ struct UrbInFlight {
   Command command = Command::kControlTransfer;
   std::uint32_t flags = 0;
   std::uint32_t length = 0;
+  std::uint64_t cost = 0;  // The table's.
   std::vector<UrbPacket> packets;
   std::optional<std::uint32_t> unlink;  // The guest's request to take it back, which waits for an answer.
 
@@ -55,11 +57,14 @@ struct UrbInFlight {
 class UrbTable {
  public:
   static constexpr std::size_t kMaxUrbs = 65536;
+  // What they may take together: their data, which a guest sends or waits for, and their packets. A device takes no
+  // more, either.
+  static constexpr std::uint64_t kMaxBytes = kMaxPendingBytes;
 
   enum class Added {
     kYes,
     kTakenBack,  // It was unlinked before it came; `unlink` is what to answer with -ECONNRESET.
-    kRefused,    // Its number is in use, or there are too many.
+    kRefused,    // Its number is in use, or there are too many, or too large ones.
   };
   Added Add(UrbInFlight urb, std::uint32_t& unlink);
 
@@ -86,6 +91,7 @@ class UrbTable {
   bool IsNewer(std::uint32_t seqnum) const;
 
   std::unordered_map<std::uint32_t, UrbInFlight> mUrbs;
+  std::uint64_t mBytes = 0;                                   // As kMaxBytes counts.
   std::unordered_map<std::uint32_t, std::uint32_t> mStreams;  // Stream id to number.
   std::unordered_map<std::uint32_t, std::uint32_t> mEarly;    // Number to the unlink that came before it.
   std::optional<std::uint32_t> mNewest;                       // Number of the latest submission.

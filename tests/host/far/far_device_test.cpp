@@ -95,6 +95,24 @@ class FarDeviceTest : public testing::Test {
   std::unique_ptr<FarDevice> device;
 };
 
+TEST(UrbTable, WhatWaitsIsBoundedByItsBytes) {
+  UrbTable table;
+  std::uint32_t unlink = 0;
+  const auto add = [&](std::uint32_t seqnum) {
+    UrbInFlight urb;
+    urb.seqnum = seqnum;
+    urb.length = kMaxTransferBytes;
+    urb.packets.resize(1);
+    return table.Add(std::move(urb), unlink);
+  };
+  for (std::uint32_t seqnum = 1; seqnum < UrbTable::kMaxBytes / kMaxTransferBytes; ++seqnum) {
+    EXPECT_EQ(add(seqnum), UrbTable::Added::kYes);
+  }
+  EXPECT_EQ(add(100), UrbTable::Added::kRefused);
+  table.Remove(1);
+  EXPECT_EQ(add(100), UrbTable::Added::kYes);
+}
+
 TEST_F(FarDeviceTest, EnumerationTakesTwoRoundTripsAndOneForTheConfiguration) {
   auto made = std::make_unique<FakeFarEnd>();
   far = made.get();
