@@ -1,12 +1,14 @@
 #include "far/UsbipServer.h"
 
 #include <poll.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <chrono>
+#include <exception>
 #include <utility>
 
 #include "far/UsbipLink.h"
@@ -39,6 +41,25 @@ bool ReadWhole(int fd, std::span<std::uint8_t> bytes, Clock::time_point deadline
 
 }  // namespace
 
+// A guest's time with a device, which ends whatever is thrown: it is forgotten, and the next one may come.
+class UsbipServer::Turn {
+ public:
+  Turn(Exported& exported, int fd) : mExported(exported), mFd(fd) {}
+  Turn(const Turn&) = delete;
+  Turn& operator=(const Turn&) = delete;
+  ~Turn() {
+    if (std::uncaught_exceptions() > 0) {
+      shutdown(mFd, SHUT_RDWR);  // What is under way must not wait for the client.
+      mExported.device->Disconnect();
+    }
+    mExported.taken = false;
+  }
+
+ private:
+  Exported& mExported;
+  const int mFd;
+};
+
 UsbipServer::~UsbipServer() {
   for (Connection& connection : mConnections) {
     connection.thread.join();
@@ -68,14 +89,19 @@ void UsbipServer::Serve(UniqueFd connection, std::string peer) {
     return;
   }
   Connection& added = mConnections.emplace_back();
-  added.thread = std::thread([this, &added, fd = std::move(connection), peer = std::move(peer)]() mutable {
-    Talk(fd.Get(), peer);
-    fd = UniqueFd();
-    added.over = true;
-  });
+  try {
+    added.thread = std::thread([this, &added, fd = std::move(connection), peer]() mutable {
+      Talk(fd.Get(), peer);
+      fd = UniqueFd();
+      added.over = true;
+    });
+  } catch (const std::exception& error) {
+    mConnections.pop_back();
+    mNote(peer + ": refused, " + error.what());
+  }
 }
 
-void UsbipServer::Talk(int fd, const std::string& peer) {
+void UsbipServer::Talk(int fd, const std::string& peer) try {
   std::array<std::uint8_t, kOperationHeaderBytes> header{};
   if (!ReadWhole(fd, header, Clock::now() + kRequestTime, mStop)) {
     return;
@@ -88,6 +114,8 @@ void UsbipServer::Talk(int fd, const std::string& peer) {
   } else {
     Import(fd, peer);
   }
+} catch (const std::exception& error) {  // No memory, descriptor or thread: the other guests go on.
+  mNote(peer + ": ended, " + error.what());
 }
 
 void UsbipServer::SendList(int fd) const {
@@ -119,12 +147,14 @@ void UsbipServer::Import(int fd, const std::string& peer) {
   if (exported.device->IsGone()) {
     return refuse(UsbipRefusal::kError, exported.name + " is gone");
   }
+  FdStream stream(fd, fd, mStop);
+  UsbipLink link(fd, *exported.device, mStop);
   if (exported.taken.exchange(true)) {
     return refuse(UsbipRefusal::kBusy, exported.name + " has another guest");
   }
-  if (FdStream(fd, fd, mStop).WriteAll(WriteImportReply(&exported.record)) == FdStream::Result::kOk) {
+  const Turn turn(exported, fd);
+  if (stream.WriteAll(WriteImportReply(&exported.record)) == FdStream::Result::kOk) {
     mNote(peer + " has " + exported.name + " (" + busId + ")");
-    UsbipLink link(fd, *exported.device, mStop);
     switch (link.Run()) {
       case UsbipLink::End::kGuestLeft:
       case UsbipLink::End::kStopped:
@@ -137,7 +167,6 @@ void UsbipServer::Import(int fd, const std::string& peer) {
         break;  // The device has said so.
     }
   }
-  exported.taken = false;
 }
 
 }  // namespace vel

@@ -47,6 +47,7 @@ class UsbipServer {
     std::unique_ptr<FarDevice> device;
     std::atomic<bool> taken{false};
   };
+  class Turn;
   struct Connection {
     std::thread thread;
     std::atomic<bool> over{false};
