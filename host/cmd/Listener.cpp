@@ -1,7 +1,6 @@
 #include "cmd/Listener.h"
 
 #include <netdb.h>
-#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
 
@@ -78,10 +77,7 @@ UniqueFd Listener::Accept(std::string& peer) const {
     socklen_t length = sizeof address;
     UniqueFd remote(accept4(mFd.Get(), reinterpret_cast<sockaddr*>(&address), &length, SOCK_CLOEXEC));
     if (remote.IsValid()) {
-      const int on = 1;  // A remote side whose machine went away is noticed in the end.
-      setsockopt(remote.Get(), SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
-      // A small reply behind another must not wait until the first was acknowledged.
-      setsockopt(remote.Get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+      SetUp(remote.Get());
       peer = NameOf(address, length);
       return remote;
     }

@@ -97,6 +97,19 @@ AddrInfoHandle LookUp(const HostPort& address, int flags, const StopSignal& stop
   return std::move(query->found);
 }
 
+void SetUp(int connection) {
+  constexpr int kSeconds = 5;  // Of silence before a probe, and between two.
+  constexpr int kProbes = 2;
+  const auto set = [connection](int level, int option, int value) {
+    setsockopt(connection, level, option, &value, sizeof value);
+  };
+  set(IPPROTO_TCP, TCP_NODELAY, 1);  // A small reply behind another must not wait until the first was acknowledged.
+  set(IPPROTO_TCP, TCP_KEEPIDLE, kSeconds);
+  set(IPPROTO_TCP, TCP_KEEPINTVL, kSeconds);
+  set(IPPROTO_TCP, TCP_KEEPCNT, kProbes);
+  set(SOL_SOCKET, SO_KEEPALIVE, 1);
+}
+
 UniqueFd ConnectTcp(const HostPort& address, const StopSignal& stop) {
   std::string problem;
   const AddrInfoHandle info = LookUp(address, 0, stop, problem);
@@ -108,9 +121,7 @@ UniqueFd ConnectTcp(const HostPort& address, const StopSignal& stop) {
     UniqueFd fd(socket(to->ai_family, to->ai_socktype | SOCK_CLOEXEC | SOCK_NONBLOCK, to->ai_protocol));
     error = fd.IsValid() ? Connect(fd.Get(), *to, stop) : errno;
     if (error == 0) {
-      const int on = 1;
-      setsockopt(fd.Get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-      setsockopt(fd.Get(), SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
+      SetUp(fd.Get());
       return fd;
     }
   }

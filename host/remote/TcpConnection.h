@@ -29,8 +29,12 @@ using AddrInfoHandle = std::unique_ptr<addrinfo, AddrInfoDeleter>;
 // Throws Interrupted once stopped.
 AddrInfoHandle LookUp(const HostPort& address, int flags, const StopSignal& stop, std::string& problem);
 
-// Connects to the first of the host's addresses that answers, each within ten seconds. What is written goes out at
-// once. Throws std::runtime_error with a text for people, Interrupted once stopped.
+// Small packets leave at once, and a peer whose machine has gone without a word ends the connection within fifteen
+// seconds, unless it owes an acknowledgement: then it is up to the kernel's retransmissions.
+void SetUp(int connection);
+
+// Connects to the first of the host's addresses that answers, each within ten seconds, and sets the connection up.
+// Throws std::runtime_error with a text for people, Interrupted once stopped.
 UniqueFd ConnectTcp(const HostPort& address, const StopSignal& stop);
 
 }  // namespace vel

@@ -5,6 +5,7 @@ from __future__ import annotations
 import itertools
 import json
 import os
+import pathlib
 import re
 import select
 import signal
@@ -194,6 +195,16 @@ class ServingSockets(CommandTestCase):
         except OSError as error:
             self.skipTest(f"this machine has no IPv6 loopback address: {error}")
         self.ask(self.connect(self.serve("[::1]:0")[1], "::1"))
+
+    def test_remote_whose_machine_vanishes_is_looked_for(self) -> None:
+        served, port = self.serve()
+        remote = self.connect(port)
+        self.assertRegex(served.note(), "connected$")
+        own, peer = (f"0100007F:{each:04X}" for each in (port, remote.getsockname()[1]))
+        line = re.search(f"{own} {peer} .*", pathlib.Path("/proc/net/tcp").read_text())[0].split()
+        keepalive, jiffies = line[4].split(":")
+        self.assertEqual(keepalive, "02")
+        self.assertLessEqual(int(jiffies, 16), 5 * os.sysconf("SC_CLK_TCK"))
 
     def test_second_remote_waits_until_the_first_is_done(self) -> None:
         served, port = self.serve()
