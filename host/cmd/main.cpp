@@ -1,5 +1,7 @@
 // The command virtusb: loads the module as the framework does, and is its remote side.
+#include <fcntl.h>
 #include <malloc.h>
+#include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
@@ -7,6 +9,7 @@
 #include <cstdlib>
 #include <exception>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "cmd/Commands.h"
@@ -25,6 +28,17 @@ constexpr int kUsage = 2;
 int Fail(int status, const std::string& text) {
   vel::Note("virtusb: " + text);
   return status;
+}
+
+// Where the standard descriptors are closed, what is opened next would be taken for them: a device's node, a
+// connection. Using them fails as it did.
+void HoldStandardDescriptors() {
+  for (const auto& [fd, mode] :
+       {std::pair{STDIN_FILENO, O_WRONLY}, {STDOUT_FILENO, O_RDONLY}, {STDERR_FILENO, O_RDWR}}) {
+    if (fcntl(fd, F_GETFD) < 0) {
+      static_cast<void>(open("/dev/null", mode));
+    }
+  }
 }
 
 // What is wrong with the command line, and where to look.
@@ -52,6 +66,7 @@ void KeepFreedMemory() {
 }  // namespace
 
 int main(int argc, char** argv) {
+  HoldStandardDescriptors();
   KeepFreedMemory();
   try {
     CLI::App app("Redirects USB devices the way the remote-desktop client does.", "virtusb");

@@ -8,10 +8,12 @@ import pathlib
 import re
 import signal
 import struct
+import subprocess
 import tempfile
 import zlib
 
-from test_command import CommandTestCase, Running, run
+import wire
+from test_command import COMMAND, CommandTestCase, Running, run
 
 SIZES = ((640, 480), (1280, 720))
 REPLY_FIELDS = 16 + 12  # Header; stream id, status and packet count.
@@ -61,6 +63,11 @@ class Streaming(CommandTestCase):
         running = self.enterContext(Running("--log", "off", "stream", "camera", "-o", str(self.file), *arguments))
         self.assertRegex(running.note(), r"^ *[1-9]\d* pictures .* per second .* Mbit/s .* latency p50 .* ms")
         return running
+
+    def test_notes_that_nobody_can_read_do_not_hold_it(self) -> None:
+        script = 'exec "$0" --log debug stream camera --seconds 1 2>&-'
+        ended = subprocess.run(["sh", "-c", script, COMMAND], stdout=subprocess.DEVNULL, timeout=wire.DEADLINE)
+        self.assertEqual(ended.returncode, 0)
 
     def test_pictures_come_in_the_size_and_format_that_were_asked_for(self) -> None:
         frames = 8
