@@ -130,7 +130,7 @@ int RunAttach(const CommonOptions& common, const FarOptions& far, const StopSign
     attached.pop_back();
   }
   if (lost && !interrupted) {
-    throw std::runtime_error(far.devices.size() == 1 ? "the device is gone" : "the devices are gone");
+    ThrowAllGone(far);
   }
   return 0;
 }

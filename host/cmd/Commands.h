@@ -82,7 +82,7 @@ int RunServe(const CommonOptions& common, const ServeOptions& serve, const StopS
 int RunGiveback(const CommonOptions& common);
 // Puts devices on this machine's bus until `stop` is raised or none is left.
 int RunAttach(const CommonOptions& common, const FarOptions& far, const StopSignal& stop);
-// Gives devices to guests' own clients until `stop` is raised.
+// Gives devices to guests' own clients until `stop` is raised or none is left.
 int RunExport(const CommonOptions& common, const FarOptions& far, const StopSignal& stop);
 
 // The rule file that lets a user open USB devices, as installed or in the source tree.

@@ -1,4 +1,6 @@
 #include <CLI/CLI.hpp>
+#include <atomic>
+#include <cstddef>
 #include <memory>
 #include <string>
 #include <utility>
@@ -9,6 +11,7 @@
 #include "cmd/Output.h"
 #include "cmd/Signals.h"
 #include "far/UsbipServer.h"
+#include "remote/StopWatcher.h"
 
 namespace vel {
 
@@ -29,10 +32,18 @@ Subcommand AddExport(CLI::App& app, CommonOptions& common) {
 }
 
 int RunExport(const CommonOptions& common, const FarOptions& far, const StopSignal& stop) {
-  const Listener listener(far.listen, stop);
-  UsbipServer server(stop, &Note);
+  const StopSignal end;  // Stopped, or the last device is gone.
+  const StopWatcher watcher(stop, [&end] { end.Raise(); });
+  const Listener listener(far.listen, end);
+  std::atomic<std::size_t> left{far.devices.size()};
+  const auto onGone = [&left, &end] {
+    if (--left == 0) {
+      end.Raise();
+    }
+  };
+  UsbipServer server(end, &Note);
   for (std::size_t i = 0; i < far.devices.size(); ++i) {
-    server.Add(far.devices[i], OpenFarDevice(far.devices[i], common, far, stop));
+    server.Add(far.devices[i], OpenFarDevice(far.devices[i], common, far, stop, onGone));
     Note(far.devices[i] + " is " + server.Record(i).busId);
   }
   Note("serving " + std::to_string(far.devices.size()) + " devices by USB/IP on " + listener.Name() +
@@ -40,8 +51,11 @@ int RunExport(const CommonOptions& common, const FarOptions& far, const StopSign
   while (true) {
     std::string peer;
     UniqueFd connection = listener.Accept(peer);
-    if (!connection.IsValid()) {
+    if (!connection.IsValid() && stop.IsRaised()) {
       return 0;
+    }
+    if (!connection.IsValid()) {
+      ThrowAllGone(far);
     }
     server.Serve(std::move(connection), std::move(peer));
   }

@@ -1,6 +1,7 @@
 #include "cmd/FarDevices.h"
 
 #include <CLI/CLI.hpp>
+#include <atomic>
 #include <stdexcept>
 #include <utility>
 
@@ -10,21 +11,50 @@
 
 namespace vel {
 
+namespace {
+
+// Tells once that a device is gone: after each of its notes it is asked.
+struct GoneTeller {
+  void Look() {
+    const FarDevice* const there = device;
+    if (there != nullptr && there->IsGone() && !told.exchange(true) && onGone) {
+      onGone();
+    }
+  }
+
+  const std::function<void()> onGone;
+  std::atomic<const FarDevice*> device{nullptr};
+  std::atomic<bool> told{false};
+};
+
+}  // namespace
+
 std::unique_ptr<FarDevice> OpenFarDevice(const std::string& device, const CommonOptions& common, const FarOptions& far,
-                                         const StopSignal& stop) {
+                                         const StopSignal& stop, const std::function<void()>& onGone) {
+  const auto teller = std::make_shared<GoneTeller>(onGone);
   FarDevice::Options options;
   options.transcode = !far.untouched;
   options.stop = &stop;
-  options.note = [device](const std::string& line) { Note(device + ": " + line); };
+  options.note = [device, teller](const std::string& line) {
+    Note(device + ": " + line);
+    teller->Look();
+  };
   std::unique_ptr<PacketChannel> channel = OpenDevice(device, common, stop, true);
   try {
-    return std::make_unique<FarDevice>(std::move(channel), std::move(options));
+    auto opened = std::make_unique<FarDevice>(std::move(channel), std::move(options));
+    teller->device = opened.get();
+    teller->Look();  // It may have gone before.
+    return opened;
   } catch (const std::runtime_error& error) {
     if (stop.IsRaised()) {
       throw Interrupted();
     }
     throw std::runtime_error(device + ": " + error.what());
   }
+}
+
+void ThrowAllGone(const FarOptions& far) {
+  throw std::runtime_error(far.devices.size() == 1 ? "the device is gone" : "the devices are gone");
 }
 
 void AddFarOptions(CLI::App& command, FarOptions& far) {

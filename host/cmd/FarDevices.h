@@ -2,6 +2,7 @@
 #ifndef VIRTUSB_HOST_CMD_FAR_DEVICES_H
 #define VIRTUSB_HOST_CMD_FAR_DEVICES_H
 
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -11,9 +12,13 @@
 namespace vel {
 
 // Opens what DEVICE names for a guest. Throws as OpenDevice does, and RemoteError when the device does not answer. Once
-// `stop` is raised nothing waits for it any more.
+// `stop` is raised nothing waits for it any more. `onGone` is called once the device is, on any thread, before the
+// device's destructor returns.
 std::unique_ptr<FarDevice> OpenFarDevice(const std::string& device, const CommonOptions& common, const FarOptions& far,
-                                         const StopSignal& stop);
+                                         const StopSignal& stop, const std::function<void()>& onGone = nullptr);
+
+// What is said when the last of the devices has gone.
+[[noreturn]] void ThrowAllGone(const FarOptions& far);
 
 // Puts the devices and how they are taken into a command's options.
 void AddFarOptions(CLI::App& command, FarOptions& far);

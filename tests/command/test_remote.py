@@ -97,6 +97,17 @@ class Remote(CommandTestCase):
                     phase(running)
                     self.assertEqual(self.end_promptly(running, signal.SIGINT, 1), ["virtusb: interrupted"])
 
+    def test_export_ends_with_the_last_of_its_devices(self) -> None:
+        served = [self.enterContext(Running("serve", "raw", "--listen", "0")) for _ in range(2)]
+        devices = ["tcp://" + each.note().split()[3].rstrip(",") for each in served]
+        running = self.enterContext(Running("export", *devices, "--listen", "0"))
+        while "interrupt to end" not in running.note():
+            pass
+        for each, device in zip(served, devices):
+            each.process.send_signal(signal.SIGINT)
+            self.assertEqual(running.note(), f"{device}: {device} ended the connection")
+        self.assertEqual(running.end(), (1, ["virtusb: the devices are gone"]))
+
     def test_an_interrupt_ends_a_stream_whose_far_end_hangs(self) -> None:
         served = self.enterContext(Running("serve", "camera", "--listen", "0"))
         device = "tcp://" + served.note().split()[3].rstrip(",")

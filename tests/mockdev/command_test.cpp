@@ -125,7 +125,7 @@ TEST_F(CommandAndDevice, HubsAndDevicesThatAreTwoAreRefused) {
 
 TEST_F(CommandAndDevice, ExportGivesADeviceThatIsPulledOutBackAndListsItNoMore) {
   mDevice.Plug();
-  CommandProcess command(Words({"export", "1209:0001", "--listen", "0"}), kDeadline);
+  CommandProcess command(Words({"export", "1209:0001", "keyboard", "--listen", "0"}), kDeadline);
   std::string port = command.AwaitMessage("; interrupt to end");
   port = port.substr(port.find("127.0.0.1:") + 10);
   const StopSignal never;
@@ -148,8 +148,8 @@ TEST_F(CommandAndDevice, ExportGivesADeviceThatIsPulledOutBackAndListsItNoMore) 
   mDevice.Unplug();
   EXPECT_EQ(recv(guest.Get(), reply.data(), 1, 0), 0);
   EXPECT_TRUE(mDevice.AwaitClosed());
-  EXPECT_EQ(recv(ask({1, 0x11, 0x80, 5, 0, 0, 0, 0}).Get(), reply.data(), reply.size(), MSG_WAITALL), 12);
-  EXPECT_THAT(std::span(reply).first(12), ElementsAre(1, 0x11, 0, 5, 0, 0, 0, 0, 0, 0, 0, 0));
+  EXPECT_EQ(recv(ask({1, 0x11, 0x80, 5, 0, 0, 0, 0}).Get(), reply.data(), 12, MSG_WAITALL), 12);
+  EXPECT_THAT(std::span(reply).first(12), ElementsAre(1, 0x11, 0, 5, 0, 0, 0, 0, 0, 0, 0, 1));  // The keyboard.
   const auto ending = command.Kill(SIGINT);
   EXPECT_EQ(ending.status, 0);
   EXPECT_THAT(ending.messages, HasSubstr("1209:0001: it was pulled out\n"));
