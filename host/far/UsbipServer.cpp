@@ -1,7 +1,6 @@
 #include "far/UsbipServer.h"
 
 #include <poll.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -41,23 +40,16 @@ bool ReadWhole(int fd, std::span<std::uint8_t> bytes, Clock::time_point deadline
 
 }  // namespace
 
-// A guest's time with a device, which ends whatever is thrown: it is forgotten, and the next one may come.
+// A guest's time with a device: the next one may come when it is over, whatever is thrown.
 class UsbipServer::Turn {
  public:
-  Turn(Exported& exported, int fd) : mExported(exported), mFd(fd) {}
+  explicit Turn(Exported& exported) : mExported(exported) {}
   Turn(const Turn&) = delete;
   Turn& operator=(const Turn&) = delete;
-  ~Turn() {
-    if (std::uncaught_exceptions() > 0) {
-      shutdown(mFd, SHUT_RDWR);  // What is under way must not wait for the client.
-      mExported.device->Disconnect();
-    }
-    mExported.taken = false;
-  }
+  ~Turn() { mExported.taken = false; }
 
  private:
   Exported& mExported;
-  const int mFd;
 };
 
 UsbipServer::~UsbipServer() {
@@ -152,7 +144,7 @@ void UsbipServer::Import(int fd, const std::string& peer) {
   if (exported.taken.exchange(true)) {
     return refuse(UsbipRefusal::kBusy, exported.name + " has another guest");
   }
-  const Turn turn(exported, fd);
+  const Turn turn(exported);
   if (stream.WriteAll(WriteImportReply(&exported.record)) == FdStream::Result::kOk) {
     mNote(peer + " has " + exported.name + " (" + busId + ")");
     switch (link.Run()) {
