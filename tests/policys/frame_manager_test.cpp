@@ -1,4 +1,5 @@
 #include <gmock/gmock.h>
+#include <malloc.h>
 
 #include <algorithm>
 #include <array>
@@ -71,10 +72,12 @@ TEST(FrameList, ThinningKeepsTheFirstOfEachGroup) {
       {4, 4, {0, 1, 2, 3}},               // Fits as it is.
       {3, 0, {0, 2}},                     // Nothing reaches 0: interval 1, one group.
   };
+  constexpr std::size_t kBytes = 60000;  // What is lost of it is seen among the rest.
+  const std::size_t before = mallinfo2().uordblks;
   for (const Thinning& row : table) {
     UVCFrameList list;
     for (std::uint32_t i = 0; i < row.frames; ++i) {
-      list.push_back(MakeFrame(Bytes(1), i));
+      list.push_back(MakeFrame(Bytes(kBytes), i));
     }
     EXPECT_EQ(FrameListResize(row.cacheSize, list), 0);
     std::vector<std::uint32_t> left;
@@ -83,6 +86,7 @@ TEST(FrameList, ThinningKeepsTheFirstOfEachGroup) {
     EXPECT_EQ(UVCFrameManager::FrameListFlush(list), 0);
     EXPECT_TRUE(list.empty());
   }
+  EXPECT_LT(mallinfo2().uordblks, before + kBytes);
 }
 
 struct Route {

@@ -14,7 +14,7 @@ using testing::ElementsAre;
 using testing::Field;
 
 // An event wait that is sat out takes a second.
-constexpr std::chrono::milliseconds kSoon{500};
+constexpr std::chrono::milliseconds kSoon{900};
 
 class LibusbIoClose : public LibusbIoTest {
  protected:

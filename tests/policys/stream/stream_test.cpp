@@ -199,7 +199,8 @@ INSTANTIATE_TEST_SUITE_P(Stream, EachKind, testing::Values(Kind::kEmulated, Kind
 TEST_P(EachKind, KeepsThreeFramesUntilTheyAreRead) {
   ScriptedCamera camera(GetParam());
   camera.Start(ScriptedCamera::Ctrl(70000, 64));  // Recycled blocks.
-  for (const char* frame : {"1", "2", "3", "dropped", "dropped", ""}) {
+  Feed(camera, GetParam(), std::string(GetParam() == Kind::kEmulated ? 70001 : 0, 'x'));  // No frame.
+  for (const char* frame : {"", "1", "2", "3", "dropped", "dropped"}) {
     Feed(camera, GetParam(), frame);
   }
   camera.Read(2);
