@@ -43,6 +43,7 @@ class Remote(CommandTestCase):
                     ("exec:head -c 10", 1, "ended in the middle of a packet"),
                     ("exec:echo SSH-2.0-something else", 1, "speaks something else: the stream holds no packet"),
                     ("exec:yes", 1, "speaks something else"),
+                    ("exec:sh -c 'head -c 16 >/dev/null; echo HTTP/1.1 400 Bad Request; cat'", 1, "speaks something else"),
                     ("exec:", 2, "names no command"),
                     ("exec:a 'b", 2, "quote"),
                     ("exec:a | b", 2, "sh -c")):
