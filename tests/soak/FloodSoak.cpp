@@ -75,7 +75,7 @@ class FloodSoak final : public SoakSuite {
     std::size_t asked = Begin(*driver, product == kCamera);
     const bool huge = kind >= 4;
     const std::uint32_t batch = huge ? 50 : 1000;  // Handled before more are sent: what grows is not the queue.
-    const std::uint32_t share = (kSanitized || run.isShort ? 100 : 1) * (kSanitized && run.isShort ? 4 : 1);
+    const std::uint32_t share = (kSanitized || run.isShort ? 100U : 1U) * (kSanitized && run.isShort ? 4U : 1U);
     const std::uint32_t most = 10'000'000U / share / (huge ? 100 : 1);
     for (std::uint32_t number = 0; number < most;) {
       const std::uint32_t end = number + batch;
