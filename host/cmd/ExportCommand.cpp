@@ -57,7 +57,7 @@ int RunExport(const CommonOptions& common, const FarOptions& far, const StopSign
     if (!connection.IsValid()) {
       ThrowAllGone(far);
     }
-    server.Serve(std::move(connection), std::move(peer));
+    server.Serve(std::move(connection), peer);
   }
 }
 

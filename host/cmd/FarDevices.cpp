@@ -15,6 +15,8 @@ namespace {
 
 // Tells once that a device is gone: after each of its notes it is asked.
 struct GoneTeller {
+  explicit GoneTeller(std::function<void()> call) : onGone(std::move(call)) {}
+
   void Look() {
     const FarDevice* const there = device;
     if (there != nullptr && there->IsGone() && !told.exchange(true) && onGone) {

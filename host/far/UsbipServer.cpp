@@ -67,7 +67,7 @@ void UsbipServer::Add(std::string name, std::unique_ptr<FarDevice> device) {
   mDevices.push_back(std::move(exported));
 }
 
-void UsbipServer::Serve(UniqueFd connection, std::string peer) {
+void UsbipServer::Serve(UniqueFd connection, const std::string& peer) {
   for (auto each = mConnections.begin(); each != mConnections.end();) {
     if (each->over) {
       each->thread.join();

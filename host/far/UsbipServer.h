@@ -38,7 +38,7 @@ class UsbipServer {
   const UsbipDeviceRecord& Record(std::size_t index) const { return mDevices.at(index)->record; }
 
   // Takes a client in.
-  void Serve(UniqueFd connection, std::string peer);
+  void Serve(UniqueFd connection, const std::string& peer);
 
  private:
   struct Exported {

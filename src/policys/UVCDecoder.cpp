@@ -193,7 +193,7 @@ int UVCDecoder::DecodeAsync(HeapBlock& in, std::uint32_t inSize, std::uint32_t i
     mSent = true;
   }
   mCodecChanged.NotifyOne();
-  FrameBlocks::Give(std::move(in), inSize);
+  FrameBlocks::Give(std::exchange(in, nullptr), inSize);
   if (result != 0) {
     VEL_ERROR("Do async decode fail (%d), frame size:%d\n", result, static_cast<int>(inSize));
     return -1;

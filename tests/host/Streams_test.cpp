@@ -124,9 +124,9 @@ TEST_F(StreamsTest, PacketsThatComeWhileOneIsWrittenGoOutTogether) {
   }
   FdStream stream(near.Get(), near.Get(), mStop);
   PacketWriter writer(stream, [](Result) { ADD_FAILURE(); });
-  std::vector<std::future<void>> writes;
-  for (int i = 0; i < 3; ++i) {
-    writes.push_back(std::async(std::launch::async, [&] { writer.Write(BuildPing({}, 0, 0)); }));
+  std::vector<std::future<void>> writes(3);
+  for (auto& write : writes) {
+    write = std::async(std::launch::async, [&] { writer.Write(BuildPing({}, 0, 0)); });
   }
   const auto isBack = [](const std::future<void>& write) {
     return write.wait_for(std::chrono::seconds(0)) == std::future_status::ready;

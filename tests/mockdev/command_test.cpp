@@ -192,7 +192,9 @@ TEST_F(CommandAndDevice, WithoutUdevdTheDeviceIsLookedForEverySecond) {
 }
 
 TEST_F(CommandAndDevice, KernelsLimitOfMemoryIsNamedOnce) {
-  const std::filesystem::path parameters = std::string(std::getenv("UMOCKDEV_DIR")) + "/sys/module/usbcore/parameters";
+  const char* const root = std::getenv("UMOCKDEV_DIR");
+  ASSERT_NE(root, nullptr);
+  const std::filesystem::path parameters = std::string(root) + "/sys/module/usbcore/parameters";
   std::filesystem::create_directories(parameters);
   std::ofstream(parameters / "usbfs_memory_mb") << 16;
   mDevice.Plug();

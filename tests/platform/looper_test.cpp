@@ -65,9 +65,9 @@ TEST(Looper, StopWaitsForTheHandlerAndFreesWhatIsUnhandled) {
   ASSERT_EQ(entered.Await(1).size(), 1U);
   postWaiting(looper);
   // Stopped by several threads at once: none comes back before the handler has.
-  std::vector<std::future<bool>> stops;
-  for (int i = 0; i < 4; ++i) {
-    stops.push_back(std::async(std::launch::async, [&] { return looper.Stop() == 0 && finished; }));
+  std::vector<std::future<bool>> stops(4);
+  for (auto& stop : stops) {
+    stop = std::async(std::launch::async, [&] { return looper.Stop() == 0 && finished; });
   }
   AwaitStopping(looper);
   EXPECT_FALSE(finished);

@@ -18,6 +18,10 @@ namespace {
 
 constexpr int kTextureSize = 1024;  // A power of two; the texture repeats.
 
+std::size_t Index(int x, int y, int width) {
+  return static_cast<std::size_t>(y) * static_cast<std::size_t>(width) + static_cast<std::size_t>(x);
+}
+
 void Require(bool holds, const char* what) {
   if (!holds) {
     throw std::runtime_error(what);
@@ -35,14 +39,14 @@ Bytes MakeTexture() {
     for (float& value : grid) {
       value = amplitude * (static_cast<float>(random() % 2001) / 1000 - 1);
     }
-    const auto at = [&](int x, int y) { return grid[static_cast<std::size_t>(y % cells * cells + x % cells)]; };
+    const auto at = [&](int x, int y) { return grid[Index(x % cells, y % cells, cells)]; };
     for (int y = 0; y < kTextureSize; ++y) {
       const float fy = static_cast<float>(y % cell) / static_cast<float>(cell);
       for (int x = 0; x < kTextureSize; ++x) {
         const float fx = static_cast<float>(x % cell) / static_cast<float>(cell);
         const float top = std::lerp(at(x / cell, y / cell), at(x / cell + 1, y / cell), fx);
         const float bottom = std::lerp(at(x / cell, y / cell + 1), at(x / cell + 1, y / cell + 1), fx);
-        sum[static_cast<std::size_t>(y * kTextureSize + x)] += std::lerp(top, bottom, fy);
+        sum[Index(x, y, kTextureSize)] += std::lerp(top, bottom, fy);
       }
     }
   }
@@ -58,14 +62,16 @@ Scene::Scene(int width, int height) : mWidth(width), mHeight(height), mTexture(M
 
 std::uint8_t Scene::Texture(int x, int y) const {
   constexpr int kMask = kTextureSize - 1;
-  return mTexture[static_cast<std::size_t>((y & kMask) * kTextureSize + (x & kMask))];
+  return mTexture[Index(x & kMask, y & kMask, kTextureSize)];
 }
 
 void Scene::Draw(int number, std::span<std::uint8_t> yuyv) const {
   std::minstd_rand noise(static_cast<std::uint32_t>(number) + 1);
   const int radius = mHeight / 6;
-  const int centreX = mWidth / 2 + static_cast<int>(mWidth / 3 * std::sin(number * 0.03));
-  const int centreY = mHeight / 2 + static_cast<int>(mHeight / 4 * std::cos(number * 0.02));
+  const int reachX = mWidth / 3;
+  const int reachY = mHeight / 4;
+  const int centreX = mWidth / 2 + static_cast<int>(reachX * std::sin(number * 0.03));
+  const int centreY = mHeight / 2 + static_cast<int>(reachY * std::cos(number * 0.02));
   std::uint8_t* out = yuyv.data();
   for (int y = 0; y < mHeight; ++y) {
     const int dy = y - centreY;
@@ -103,7 +109,7 @@ double LumaPsnr(std::span<const std::uint8_t> a, std::span<const std::uint8_t> b
     const double difference = double{static_cast<double>(a[i])} - b[i];
     squares += difference * difference;
   }
-  return squares == 0 ? 99 : 10 * std::log10(255.0 * 255.0 * static_cast<double>(a.size() / 2) / squares);
+  return squares == 0 ? 99 : 10 * std::log10(255.0 * 255.0 * static_cast<double>(a.size()) / 2 / squares);
 }
 
 Bytes EncodeJpeg(std::span<const std::uint8_t> yuyv, int width, int height) {

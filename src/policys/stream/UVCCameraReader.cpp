@@ -200,7 +200,7 @@ bool UVCCameraReader::AwaitFailed(std::vector<XferPtr>& failed) {
     mChanged.Wait(lock);
   }
   const auto begin = std::chrono::steady_clock::now();
-  mPause = mPause == mPause.zero() ? kRetryPause : std::min(mPause * 2, kLongestPause);
+  mPause = mPause == std::chrono::milliseconds::zero() ? kRetryPause : std::min(mPause * 2, kLongestPause);
   const bool again = mPause > kRetryPause;
   const auto due = [this, begin]() VEL_REQUIRES(mMutex) { return begin + std::max(mPause, kRetryPause); };
   while (mActive && std::chrono::steady_clock::now() < due()) {
@@ -209,7 +209,7 @@ bool UVCCameraReader::AwaitFailed(std::vector<XferPtr>& failed) {
   if (!mActive || mGone) {
     return false;
   }
-  const bool probes = again && mPause > mPause.zero();
+  const bool probes = again && mPause > std::chrono::milliseconds::zero();
   const auto end = mAside.begin() + (probes ? 1 : static_cast<std::ptrdiff_t>(mAside.size()));
   failed.assign(std::move_iterator(mAside.begin()), std::move_iterator(end));
   mAside.erase(mAside.begin(), end);
