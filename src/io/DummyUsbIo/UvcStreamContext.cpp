@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cstddef>
-#include <cstring>
 #include <utility>
 
 namespace vel {
@@ -99,7 +98,7 @@ void UvcStreamContext::Complete(_UsbIoXferInfo* info, std::span<const std::uint8
   std::size_t length = 0;
   if (info->data != nullptr) {
     length = std::min<std::size_t>(picture.size(), info->length);
-    std::memcpy(info->data, picture.data(), length);
+    std::copy_n(picture.begin(), length, info->data);  // Also of nothing.
   }
   info->length = static_cast<std::uint32_t>(length);
   CompleteXfer(info);
