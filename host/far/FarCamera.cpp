@@ -120,7 +120,9 @@ void FarCamera::OnUrb() {
   }
   const MutexLock lock(mMutex);
   mUrbCame = true;
-  mChanged.NotifyAll();
+  if (mWantsUrb) {
+    mChanged.NotifyAll();
+  }
 }
 
 void FarCamera::Start() {
@@ -191,11 +193,13 @@ bool FarCamera::TakeReply(const TransferAnswer& answer, std::unique_ptr<VelPacke
   return true;
 }
 
-bool FarCamera::Await(std::deque<Arrival>& arrivals) {
+bool FarCamera::Await(bool wantsUrb, std::deque<Arrival>& arrivals) {
   int due = 0;
   {
     MutexLock lock(mMutex);
-    while (!mStopped && mArrivals.empty() && !mUrbCame && (mRetries.empty() || mRetries.front() > Clock::now())) {
+    mWantsUrb = wantsUrb;
+    while (!mStopped && mArrivals.empty() && !(wantsUrb && mUrbCame) &&
+           (mRetries.empty() || mRetries.front() > Clock::now())) {
       if (mRetries.empty()) {
         mChanged.Wait(lock);
       } else {
@@ -224,7 +228,7 @@ void FarCamera::Run(const CameraMode& mode) {
   const Fill fill = [&cutter](std::span<UrbPacket> packets, std::uint32_t length) {
     return packets.empty() ? cutter.CutBulk(length) : cutter.Cut(packets);
   };
-  while (Await(arrivals)) {
+  while (Await(cutter.HasRest(), arrivals)) {
     for (; !arrivals.empty(); arrivals.pop_front()) {
       try {
         pictures.Take(arrivals.front());

@@ -81,8 +81,8 @@ class FarCamera {
   void Start() VEL_EXCLUDES(mMutex);
   void Run(const CameraMode& mode);
   void Read() VEL_EXCLUDES(mMutex);
-  // Waits for something to do. False when the stream is to end.
-  bool Await(std::deque<Arrival>& arrivals) VEL_EXCLUDES(mMutex);
+  // Waits for something to do; a URB is nothing without a picture for it. False when the stream is to end.
+  bool Await(bool wantsUrb, std::deque<Arrival>& arrivals) VEL_EXCLUDES(mMutex);
 
   const CameraModel mModel;
   Port& mPort;
@@ -92,7 +92,8 @@ class FarCamera {
   Mutex mMutex;
   CondVar mChanged;
   bool mStopped VEL_GUARDED_BY(mMutex) = true;
-  bool mUrbCame VEL_GUARDED_BY(mMutex) = false;
+  bool mUrbCame VEL_GUARDED_BY(mMutex) = false;           // Since the thread has looked for one.
+  bool mWantsUrb VEL_GUARDED_BY(mMutex) = false;          // It waits for one.
   std::set<std::uint32_t> mReads VEL_GUARDED_BY(mMutex);  // Stream ids of the reads in flight.
   std::deque<Arrival> mArrivals VEL_GUARDED_BY(mMutex);
   std::deque<Clock::time_point> mRetries VEL_GUARDED_BY(mMutex);  // When reads that failed are sent again.
