@@ -2,21 +2,20 @@
 // control request and of a bulk transfer, and the throughput of 16 bulk transfers in flight with the processor time of
 // the whole machine that goes into them. One line: LABEL control_us bulk_us in_MB/s in_cpu_ms/MB out_MB/s out_cpu_ms/MB
 #include <libusb-1.0/libusb.h>
-#include <unistd.h>
 
-#include <algorithm>
 #include <array>
 #include <chrono>
 #include <cstdio>
-#include <cstdlib>
-#include <fstream>
 #include <string>
 #include <vector>
 
+#include "GuestBench.h"
 #include "support/GuestDevice.h"
 
 namespace {
 
+using vel::bench::Busy;
+using vel::bench::Require;
 using Clock = std::chrono::steady_clock;
 constexpr unsigned kTimeoutMs = 20000;
 constexpr unsigned kRoundTrips = 300;
@@ -24,13 +23,6 @@ constexpr int kSmall = 512;
 constexpr int kLarge = 64 << 10;
 constexpr int kInFlight = 16;
 constexpr std::chrono::seconds kThroughputTime{3};
-
-void Require(bool holds, const char* otherwise) {
-  if (!holds) {
-    static_cast<void>(std::fprintf(stderr, "vm_bench: %s\n", otherwise));
-    std::exit(1);
-  }
-}
 
 double Seconds(Clock::duration time) {
   return std::chrono::duration<double>(time).count();
@@ -45,20 +37,7 @@ double RoundTrip(Operation operation) {
     Require(operation(), "a round trip failed");
     times.push_back(1e6 * Seconds(Clock::now() - begin));
   }
-  std::ranges::nth_element(times, times.begin() + kRoundTrips / 2);
-  return times[kRoundTrips / 2];
-}
-
-// Seconds that all processors have worked since the start.
-double Busy() {
-  std::ifstream file("/proc/stat");
-  std::string cpu;
-  std::array<double, 8> times{};  // user nice system idle iowait irq softirq steal
-  file >> cpu;
-  for (double& each : times) {
-    file >> each;
-  }
-  return (times[0] + times[1] + times[2] + times[5] + times[6]) / static_cast<double>(sysconf(_SC_CLK_TCK));
+  return vel::bench::Percentile(times, 0.5);
 }
 
 struct Stream {
