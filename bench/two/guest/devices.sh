@@ -1,0 +1,5 @@
+# This machine's controller has the one gadget from its start; the other comes by attach.
+# shellcheck shell=sh
+ifconfig lo up
+ifconfig eth0 10.0.2.15 up
+await "the redirected gadget" device_of 0525:a4a0
