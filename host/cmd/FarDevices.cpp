@@ -1,7 +1,6 @@
 #include "cmd/FarDevices.h"
 
 #include <CLI/CLI.hpp>
-#include <atomic>
 #include <stdexcept>
 #include <utility>
 
@@ -11,47 +10,22 @@
 
 namespace vel {
 
-namespace {
-
-// Tells once that a device is gone: after each of its notes it is asked.
-struct GoneTeller {
-  explicit GoneTeller(std::function<void()> call) : onGone(std::move(call)) {}
-
-  void Look() {
-    const FarDevice* const there = device;
-    if (there != nullptr && there->IsGone() && !told.exchange(true) && onGone) {
-      onGone();
-    }
-  }
-
-  const std::function<void()> onGone;
-  std::atomic<const FarDevice*> device{nullptr};
-  std::atomic<bool> told{false};
-};
-
-}  // namespace
-
 std::unique_ptr<FarDevice> OpenFarDevice(const std::string& device, const CommonOptions& common, const FarOptions& far,
                                          const StopSignal& stop, const std::function<void()>& onGone) {
-  const auto teller = std::make_shared<GoneTeller>(onGone);
   FarDevice::Options options;
   options.transcode = !far.untouched;
   options.stop = &stop;
-  options.note = [device, teller](const std::string& line) {
-    Note(device + ": " + line);
-    teller->Look();
-  };
+  options.note = [device](const std::string& line) { Note(device + ": " + line); };
+  options.onGone = onGone;
   std::unique_ptr<PacketChannel> channel = OpenDevice(device, common, stop, true);
   try {
-    auto opened = std::make_unique<FarDevice>(std::move(channel), std::move(options));
-    teller->device = opened.get();
-    teller->Look();  // It may have gone before.
-    return opened;
+    return std::make_unique<FarDevice>(std::move(channel), std::move(options));
   } catch (const std::runtime_error& error) {
     if (stop.IsRaised()) {
       throw Interrupted();
     }
-    throw std::runtime_error(device + ": " + error.what());
+    const std::string why = error.what();
+    throw std::runtime_error(why.starts_with(device) ? why : device + ": " + why);
   }
 }
 

@@ -43,6 +43,7 @@ FarDevice::FarDevice(std::unique_ptr<PacketChannel> channel, Options options)
     mCamera = std::make_unique<FarCamera>(*model, port);
   }
   mReady = true;
+  TellGone();  // It may have gone before.
   if (!mPipe.AnswersFailures()) {
     Note("the far end does not say that it answers failed and cancelled transfers (start it with --answer-failures)");
   }
@@ -245,6 +246,14 @@ void FarDevice::OnLost(const std::string& why) {
     mLimits.At(Clock::now(), [this] { mPipe.Close(); });  // Nobody holds it any more, however long others stay.
   }
   mUrbs.Lose();
+  TellGone();
+}
+
+// Whoever holds the device has it from when it is ready.
+void FarDevice::TellGone() {
+  if (mReady && mGone && mOptions.onGone && !mGoneIsTold.exchange(true)) {
+    mOptions.onGone();
+  }
 }
 
 std::uint32_t FarDevice::NewStreamId() {

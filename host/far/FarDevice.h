@@ -34,6 +34,7 @@ class FarDevice final : private FarCamera::Port {
     std::chrono::milliseconds controlLimit{3000};  // For the device to answer a control request.
     std::chrono::milliseconds cancelLimit{2000};   // For the end of a transfer that was cancelled.
     std::function<void(const std::string&)> note;  // A line for people. Any thread; may be empty.
+    std::function<void()> onGone;                  // Once, when IsGone begins to be true. Any thread; may be empty.
     const StopSignal* stop = nullptr;              // Cuts off what still waits for the far end; outlives the device.
   };
 
@@ -77,6 +78,7 @@ class FarDevice final : private FarCamera::Port {
   // Channel's threads.
   void OnTransfer(std::unique_ptr<VelPacket> packet);
   void OnLost(const std::string& why);
+  void TellGone();
 
   // FarCamera::Port
   void SendRead(std::uint8_t endpoint, std::uint32_t streamId, std::uint32_t room) override;
@@ -89,6 +91,7 @@ class FarDevice final : private FarCamera::Port {
 
   const Options mOptions;
   std::atomic<bool> mGone{false};
+  std::atomic<bool> mGoneIsTold{false};
   std::atomic<bool> mReady{false};         // Transfers are answered: all members are there.
   std::atomic<std::uint32_t> mLeaving{0};  // Counts what has to end within its time.
   std::atomic<std::uint32_t> mNextStream{1};
