@@ -41,8 +41,13 @@ constexpr std::uint64_t kSettlingRounds = 20;
 
 using MakeSuite = std::unique_ptr<SoakSuite> (*)();
 
-const std::map<std::string, MakeSuite> kSuites = {
-    {"camera", &MakeCameraSoak}, {"device", &MakeDeviceSoak}, {"flood", &MakeFloodSoak}, {"session", &MakeSessionSoak}};
+const std::map<std::string, MakeSuite>& Suites() {
+  static const std::map<std::string, MakeSuite> suites = {{"camera", &MakeCameraSoak},
+                                                          {"device", &MakeDeviceSoak},
+                                                          {"flood", &MakeFloodSoak},
+                                                          {"session", &MakeSessionSoak}};
+  return suites;
+}
 
 struct Options {
   std::string suite;
@@ -121,7 +126,7 @@ void Print(const char* what, const Options& options, const SoakSuite& suite, con
 }
 
 void Run(const Options& options) {
-  const std::unique_ptr<SoakSuite> suite = kSuites.at(options.suite)();
+  const std::unique_ptr<SoakSuite> suite = Suites().at(options.suite)();
   SoakRun run{.random = std::mt19937(options.seed), .isShort = options.rounds != UINT64_MAX};
   static_cast<void>(std::fprintf(gVerdicts, "%-8s seed %u\n", options.suite.c_str(), options.seed));
   const auto begin = Clock::now();
@@ -154,7 +159,7 @@ void Run(const Options& options) {
 Options Parse(int argc, char** argv) {
   Options options;
   CLI::App app;
-  app.add_option("suite", options.suite)->required()->check(CLI::IsMember(&kSuites));
+  app.add_option("suite", options.suite)->required()->check(CLI::IsMember(&Suites()));
   auto* const time = app.add_option_function<long>("--seconds", [&](long count) { options.time = seconds(count); });
   app.add_option("--rounds", options.rounds)->excludes(time)->each([&](const std::string&) {
     options.time = std::chrono::hours(24);

@@ -29,11 +29,12 @@ using Clock = std::chrono::steady_clock;
 
 constexpr const char* kSilent = "udp://127.0.0.1:0";  // Waits for a sender; there is none.
 
-const bool gQuiet = [] {
+bool Quiet() noexcept {
   oskeloLogSetLevel(OSKELO_LOG_OFF);  // Until a test takes the log down.
   av_log_set_level(AV_LOG_QUIET);
   return true;
-}();
+}
+const bool gQuiet = Quiet();
 
 // 5 pictures of 16x16 in HuffYUV, the third of which cannot be decoded.
 Bytes Damaged() {
