@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <chrono>
 #include <cstddef>
 #include <span>
 #include <stdexcept>
@@ -186,6 +187,13 @@ std::optional<int> ActiveConfiguration(const DeviceIdentity& wanted) {
   return value;
 }
 
+namespace {
+
+// Where nobody tells of devices. What an event has told is not looked at as well: the two may cross.
+constexpr std::chrono::seconds kLookEvery{1};
+
+}  // namespace
+
 DeviceWatch::DeviceWatch(const LocalSelector& selector, Callbacks callbacks)
     : mSelector(selector), mCallbacks(std::move(callbacks)), mContext(NewContext()) {
   if (libusb_has_capability(LIBUSB_CAP_HAS_HOTPLUG) == 0) {
@@ -213,12 +221,16 @@ bool DeviceWatch::IsTold() {
 }
 
 void DeviceWatch::HandleEvents() {
+  using Clock = std::chrono::steady_clock;
   const bool told = IsTold();
-  while (!mStopped) {
-    timeval wait{told ? 60 : 1, 0};  // Interrupted when the watch ends.
+  Clock::time_point look = Clock::now() + kLookEvery;
+  while (!mStopped) {  // An event interrupts the wait, also the one that ends the watch.
+    const auto left = std::max(std::chrono::ceil<std::chrono::milliseconds>(look - Clock::now()), {});
+    timeval wait{told ? 60 : left.count() / 1000, told ? 0 : left.count() % 1000 * 1000};
     libusb_handle_events_timeout_completed(mContext.get(), &wait, nullptr);
-    if (!told && !mStopped) {
+    if (!told && !mStopped && Clock::now() >= look) {
       LookForChange();
+      look = Clock::now() + kLookEvery;
     }
   }
 }
