@@ -3,15 +3,12 @@
 
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
-#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
 #include <string>
-#include <vector>
 
 // For the programs that measure inside of a virtual machine.
 namespace vel::bench {
@@ -21,13 +18,6 @@ inline void Require(bool holds, const std::string& otherwise) {
     static_cast<void>(std::fprintf(stderr, "%s\n", otherwise.c_str()));
     std::exit(1);
   }
-}
-
-// Of values that there are: the least one that is not below `share` of them, 0 to 1.
-inline double Percentile(std::vector<double> values, double share) {
-  const auto place = values.begin() + static_cast<std::ptrdiff_t>(share * static_cast<double>(values.size() - 1));
-  std::nth_element(values.begin(), place, values.end());
-  return *place;
 }
 
 // Seconds that all processors have worked since the start.

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "BenchCamera.h"
+#include "Percentile.h"
 #include "oskelo/log.h"
 #include "policys/UVCEncoder.h"
 #include "support/Scene.h"
@@ -62,14 +63,6 @@ class Replies {
   int mAwaited VEL_GUARDED_BY(mMutex) = 0;
 };
 
-struct Samples {
-  std::vector<double> values;
-  double At(double share) {
-    std::sort(values.begin(), values.end());
-    return values[static_cast<std::size_t>(share * static_cast<double>(values.size() - 1))];
-  }
-};
-
 void Measure(int width, int height, int pictures) {
   const vel::test::Scene scene(width, height);
   std::vector<Bytes> drawn;
@@ -83,9 +76,9 @@ void Measure(int width, int height, int pictures) {
     std::exit(1);
   }
   Bytes unit(drawn[0].size());
-  Samples latency;
-  Samples encoding;
-  Samples beyond;
+  std::vector<double> latency;
+  std::vector<double> encoding;
+  std::vector<double> beyond;
   double pathCpu = 0;
   double encoderCpu = 0;
   auto due = Clock::now();
@@ -107,13 +100,15 @@ void Measure(int width, int height, int pictures) {
     encoder.Encode(picture.data(), static_cast<std::uint32_t>(picture.size()), unit.data(), &length);
     const auto encodeEnd = Clock::now();
     encoderCpu += ProcessorTime() - cpuBetween;
-    latency.values.push_back(Milliseconds(sent - begin));
-    encoding.values.push_back(Milliseconds(encodeEnd - encodeBegin));
-    beyond.values.push_back(latency.values.back() - encoding.values.back());
+    latency.push_back(Milliseconds(sent - begin));
+    encoding.push_back(Milliseconds(encodeEnd - encodeBegin));
+    beyond.push_back(latency.back() - encoding.back());
   }
   std::printf("| %dx%d | %.2f / %.2f | %.2f / %.2f | %.2f / %.2f | %.2f | %.2f | %.2f |\n", width, height,
-              latency.At(0.5), latency.At(0.99), encoding.At(0.5), encoding.At(0.99), beyond.At(0.5), beyond.At(0.99),
-              pathCpu / pictures, encoderCpu / pictures, pathCpu / encoderCpu);
+              vel::bench::Percentile(latency, 0.5), vel::bench::Percentile(latency, 0.99),
+              vel::bench::Percentile(encoding, 0.5), vel::bench::Percentile(encoding, 0.99),
+              vel::bench::Percentile(beyond, 0.5), vel::bench::Percentile(beyond, 0.99), pathCpu / pictures,
+              encoderCpu / pictures, pathCpu / encoderCpu);
 }
 
 }  // namespace

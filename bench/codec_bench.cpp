@@ -16,6 +16,7 @@
 #include <utility>
 #include <vector>
 
+#include "Percentile.h"
 #include "codec/DecodedPicture.h"
 #include "oskelo/log.h"
 #include "pixel/PixelConvert.h"
@@ -27,6 +28,8 @@
 
 namespace vel::test {
 namespace {
+
+using bench::Percentile;
 
 struct Size {
   int width;
@@ -44,11 +47,6 @@ double CpuMicroseconds() {
 
 double WallMicroseconds() {
   return std::chrono::duration<double, std::micro>(std::chrono::steady_clock::now().time_since_epoch()).count();
-}
-
-double At(std::vector<double> values, double share) {
-  std::sort(values.begin(), values.end());
-  return values[static_cast<std::size_t>(share * static_cast<double>(values.size() - 1))];
 }
 
 // Only rows with this in their name; all when it is empty.
@@ -78,9 +76,9 @@ void Compare(const std::string& name, double goal, int rounds, const Work& ours,
       yardstickTimes.push_back(end - middle);
     }
   }
-  const double ratio = At(oursTimes, 0.5) / At(yardstickTimes, 0.5);
-  std::printf("| %s | %.0f | %.0f | %.2f | %.2f | %s |\n", name.c_str(), At(oursTimes, 0.5), At(yardstickTimes, 0.5),
-              ratio, goal, ratio <= goal ? "yes" : "NO");
+  const double ratio = Percentile(oursTimes, 0.5) / Percentile(yardstickTimes, 0.5);
+  std::printf("| %s | %.0f | %.0f | %.2f | %.2f | %s |\n", name.c_str(), Percentile(oursTimes, 0.5),
+              Percentile(yardstickTimes, 0.5), ratio, goal, ratio <= goal ? "yes" : "NO");
   std::fflush(stdout);
 }
 
@@ -276,7 +274,7 @@ void BenchPipeline(const Size& size) {
 }
 
 void PrintLatency(const char* name, const std::vector<double>& microseconds) {
-  std::printf("| %s | %.0f | %.0f |\n", name, At(microseconds, 0.5), At(microseconds, 0.99));
+  std::printf("| %s | %.0f | %.0f |\n", name, Percentile(microseconds, 0.5), Percentile(microseconds, 0.99));
 }
 
 // A consumer that waits in DequeueFrame, in turns with the encoder on the caller's thread, which is

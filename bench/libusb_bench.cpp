@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "BenchDevice.h"
+#include "Percentile.h"
 #include "mockdev/MockUsbDevice.h"
 #include "vel/Looper.h"
 
@@ -32,10 +33,8 @@ double Microseconds(Clock::time_point begin) {
   return std::chrono::duration<double, std::micro>(Clock::now() - begin).count();
 }
 
-double Median(std::vector<double> values) {
-  const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
-  std::nth_element(values.begin(), middle, values.end());
-  return *middle;
+double Median(const std::vector<double>& values) {
+  return vel::bench::Percentile(values, 0.5);
 }
 
 // A client of libusb as such clients are: asynchronous transfers, completed on an event thread.

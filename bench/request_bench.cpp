@@ -2,7 +2,6 @@
 // hand-over to a thread and back, and a copy of the same bytes.
 #include <benchmark/benchmark.h>
 
-#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
@@ -13,6 +12,7 @@
 #include <vector>
 
 #include "BenchDevice.h"
+#include "Percentile.h"
 
 namespace {
 
@@ -34,17 +34,6 @@ const std::vector<Size>& Sizes() {
   return sizes;
 }
 
-void ReportPercentiles(benchmark::State& state, std::vector<double>& microseconds) {
-  std::sort(microseconds.begin(), microseconds.end());
-  const auto at = [&](double share) {
-    return microseconds.empty()
-               ? 0.0
-               : microseconds[static_cast<std::size_t>(share * static_cast<double>(microseconds.size() - 1))];
-  };
-  state.counters["p50_us"] = at(0.50);
-  state.counters["p99_us"] = at(0.99);
-}
-
 // Times `operation` for each iteration.
 template <class Operation>
 void TimeEach(benchmark::State& state, Operation operation) {
@@ -55,7 +44,8 @@ void TimeEach(benchmark::State& state, Operation operation) {
     operation();
     microseconds.push_back(std::chrono::duration<double, std::micro>(Clock::now() - begin).count());
   }
-  ReportPercentiles(state, microseconds);
+  state.counters["p50_us"] = vel::bench::Percentile(microseconds, 0.50);
+  state.counters["p99_us"] = vel::bench::Percentile(microseconds, 0.99);
   state.SetItemsProcessed(state.iterations());
 }
 

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "GuestBench.h"
+#include "Percentile.h"
 #include "support/GuestDevice.h"
 
 namespace {

@@ -19,6 +19,7 @@
 
 #include "FunctionProbes.h"
 #include "GuestBench.h"
+#include "Percentile.h"
 #include "io/DummyUsbIo/DummyCamera.h"
 #include "oskelo/camera.h"
 

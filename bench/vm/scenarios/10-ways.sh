@@ -2,7 +2,6 @@
 # process. In turn, so that what the machine does beside meets all of them; medians of the rounds.
 # shellcheck shell=sh
 . /vm/bench.sh
-vhci=/sys/devices/platform/vhci_hcd.0
 on_bus() { on_vhci 0525:a4a0; }
 # over LABEL: what is on vhci-hcd now.
 over() {
@@ -19,7 +18,7 @@ for round in 1 2 3; do
   usbip bind -b "$gadget_name" >/dev/null 2>&1
   usbip attach -r 127.0.0.1 -b "$gadget_name"
   over kernel
-  awk '$3 == "006" { print substr($2, 3) + 0 }' $vhci/status >$vhci/detach
+  ports_of 006 >/sys/devices/platform/vhci_hcd.0/detach
   await "its end" off_bus 0525:a4a0
   usbip unbind -b "$gadget_name" >/dev/null 2>&1
 
