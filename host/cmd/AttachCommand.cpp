@@ -36,8 +36,10 @@ class Attached {
         mLink(mKernel.Get(), *mDevice, stop),
         mThread([this, onEnd = std::move(onEnd)] {
           mEnd = mLink.Run();
-          if (mEnd == UsbipLink::End::kGuestLeft || mEnd == UsbipLink::End::kFailed) {
+          if (mEnd == UsbipLink::End::kGuestLeft || mEnd == UsbipLink::End::kMalformed) {
             Note(mName + " was detached by this machine" + (mLink.Error().empty() ? "" : ": " + mLink.Error()));
+          } else if (mEnd == UsbipLink::End::kFailed) {
+            Note(mName + ": ended, " + mLink.Error());
           }
           shutdown(mKernel.Get(), SHUT_RDWR);  // The kernel unplugs it.
           onEnd();

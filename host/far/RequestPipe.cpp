@@ -42,29 +42,25 @@ void RequestPipe::Start(Receiver receiver) {
 
 void RequestPipe::Ask(Command command, Done done, const Build& build) {
   Done refused;
-  std::int32_t error = LIBUSB_ERROR_NO_DEVICE;
-  bool waits = false;
+  std::int32_t refusal = 0;
   bool sent = false;
   {
     const MutexLock sending(mSendMutex);
     RequestId id{0, kDevId};
     {
       const MutexLock lock(mMutex);
-      if (mWhyLost.empty() && mWaiting.size() >= kMaxWaiting) {
-        refused = std::move(done);
-        error = LIBUSB_ERROR_NO_MEM;
-      } else if (mWhyLost.empty()) {
-        waits = true;
+      refusal = !mWhyLost.empty() ? LIBUSB_ERROR_NO_DEVICE : mWaiting.size() >= kMaxWaiting ? LIBUSB_ERROR_NO_MEM : 0;
+      if (refusal == 0) {
         id.reqId = mNextReqId++;
         mWaiting.push_back({command, id.reqId, std::move(done)});
       } else {
         refused = std::move(done);
       }
     }
-    sent = waits && mChannel->Send(build(id));
+    sent = refusal == 0 && mChannel->Send(build(id));
   }
-  if (!waits) {
-    Fail(refused, error);
+  if (refusal != 0) {
+    Fail(refused, refusal);
   } else if (!sent) {
     OnLost(kClosed);
   }

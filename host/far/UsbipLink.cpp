@@ -7,6 +7,7 @@
 #include "far/UsbipWire.h"
 
 namespace vel {
+
 UsbipLink::UsbipLink(int fd, FarDevice& device, const StopSignal& stop)
     : mDevice(device), mStream(fd, fd, stop), mStop(stop) {}
 
@@ -43,7 +44,7 @@ UsbipLink::End UsbipLink::ReadCommands() {
           break;
         case UsbipReader::Got::kError:
           mError = reader.Error();
-          return End::kFailed;
+          return End::kMalformed;
       }
     }
   }

@@ -19,7 +19,8 @@ class UsbipLink final : private UrbGuest {
  public:
   enum class End {
     kGuestLeft,
-    kFailed,  // A malformed command, or no memory; Error() says what.
+    kMalformed,  // Error() says what.
+    kFailed,     // This side, for want of memory or a thread. Error() says what.
     kDeviceGone,
     kStopped,
   };

@@ -152,8 +152,11 @@ void UsbipServer::Import(int fd, const std::string& peer) {
       case UsbipLink::End::kStopped:
         mNote(peer + " has given " + exported.name + " back");
         break;
-      case UsbipLink::End::kFailed:
+      case UsbipLink::End::kMalformed:
         mNote(peer + ": ended, it sends what is no USB/IP: " + link.Error());
+        break;
+      case UsbipLink::End::kFailed:
+        mNote(peer + ": ended, " + link.Error());
         break;
       case UsbipLink::End::kDeviceGone:
         break;  // The device has said so.
