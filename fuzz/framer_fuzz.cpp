@@ -1,6 +1,5 @@
 // A byte stream in any pieces gives the packets that it gives whole. Input: 4 bytes with the sizes
 // of the pieces, in turn, then the stream.
-#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -10,6 +9,7 @@
 
 #include "Pieces.h"
 #include "remote/PacketFramer.h"
+#include "support/ReadInto.h"
 
 namespace vel {
 namespace {
@@ -24,22 +24,6 @@ struct Outcome {
   bool operator==(const Outcome&) const = default;
 };
 
-// As a descriptor is read that has these bytes.
-bool Read(PacketFramer& framer, std::span<const std::uint8_t> bytes) {
-  bool goesOn = true;
-  while (!bytes.empty()) {
-    std::size_t count = 0;
-    for (const iovec& piece : framer.Room()) {
-      const auto part = bytes.first(std::min(bytes.size(), piece.iov_len));
-      std::ranges::copy(part, static_cast<std::uint8_t*>(piece.iov_base));
-      bytes = bytes.subspan(part.size());
-      count += part.size();
-    }
-    goesOn = framer.Filled(count);
-  }
-  return goesOn;
-}
-
 Outcome Frame(Pieces stream) {
   Outcome outcome;
   PacketFramer framer([&outcome](std::unique_ptr<VelPacket> packet) {
@@ -50,7 +34,7 @@ Outcome Frame(Pieces stream) {
   while (!stream.AtEnd()) {
     const auto piece = stream.Next();
     const Bytes copy(piece.begin(), piece.end());  // Of its own, so that reading on into the next one shows.
-    const bool went = Read(framer, copy);
+    const bool went = ReadInto(framer, copy);
     Require(went == framer.Error().empty(), "a stream ends with a reason, and only then");
     Require(goesOn || !went, "an ended stream stays ended");
     goesOn = went;

@@ -1,6 +1,8 @@
 #ifndef VIRTUSB_HOST_REMOTE_PACKET_FRAMER_H
 #define VIRTUSB_HOST_REMOTE_PACKET_FRAMER_H
 
+#include <sys/uio.h>
+
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -9,8 +11,6 @@
 #include <span>
 #include <string>
 #include <utility>
-
-#include <sys/uio.h>
 
 #include "protocol/Requests.h"
 #include "protocol/VelPacket.h"
@@ -34,8 +34,6 @@ class PacketFramer {
   std::span<const iovec> Room();
   // `count` bytes have been read there. False once the stream cannot go on; Error() says why.
   bool Filled(std::size_t count);
-  // The same for bytes that lie elsewhere.
-  bool Feed(std::span<const std::uint8_t> bytes);
   const std::string& Error() const { return mError; }
   // Whether the stream ended, or would end, inside a packet.
   bool InsidePacket() const { return mHeaderFilled > 0; }
@@ -44,6 +42,7 @@ class PacketFramer {
   // Headers and small packets, several at once.
   static constexpr std::size_t kBufferBytes = 16U << 10U;
 
+  bool Feed(std::span<const std::uint8_t> bytes);
   bool BeginPacket();
   void EndIfWhole();
   // What mPacket lacks.

@@ -6,6 +6,8 @@
 #include <utility>
 #include <vector>
 
+#include "support/ReadInto.h"
+
 namespace vel {
 namespace {
 
@@ -34,9 +36,9 @@ TEST_F(PacketFramerTest, OversizedPacketLosesItsDataAndTheNextOneIsWhole) {
     SCOPED_TRACE(excess);
     mPackets.clear();
     const std::uint32_t length = PacketFramer::kMaxPacketBytes + excess;
-    EXPECT_TRUE(mFramer.Feed(Header(length)));
-    EXPECT_TRUE(mFramer.Feed(Bytes(length - 16, 0x5A)));
-    EXPECT_TRUE(mFramer.Feed(Header(16)));
+    EXPECT_TRUE(ReadInto(mFramer, Header(length)));
+    EXPECT_TRUE(ReadInto(mFramer, Bytes(length - 16, 0x5A)));
+    EXPECT_TRUE(ReadInto(mFramer, Header(16)));
     ASSERT_EQ(mPackets.size(), 2U);
     EXPECT_EQ(mPackets[0].size(), excess == 0 ? length : 32);
     EXPECT_EQ(mPackets[0].back(), 0x5A);
@@ -53,8 +55,8 @@ TEST_F(PacketFramerTest, HeaderOfTheOtherByteOrderIsReadWhicheverWayItWasWritten
       {{0x27, 9, 0x77, 0x66, 3, 0, 0, 0, 18, 0, 0, 0, 1, 0, 0, 0}, 0x77}};  // An unknown command.
   for (const auto& [header, command] : cases) {
     mPackets.clear();
-    EXPECT_TRUE(mFramer.Feed(header));
-    EXPECT_TRUE(mFramer.Feed(Bytes{0xA, 0xB}));
+    EXPECT_TRUE(ReadInto(mFramer, header));
+    EXPECT_TRUE(ReadInto(mFramer, Bytes{0xA, 0xB}));
     ASSERT_EQ(mPackets.size(), 1U);
     // The payload stays as it was written.
     EXPECT_THAT(mPackets[0], ElementsAre(0x27, 9, command, _, 3, 0, 0, 0, 18, 0, 0, 0, 1, 0, 0, 0, 0xA, 0xB));
