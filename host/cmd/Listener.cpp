@@ -77,7 +77,7 @@ UniqueFd Listener::Accept(std::string& peer) const {
     socklen_t length = sizeof address;
     UniqueFd remote(accept4(mFd.Get(), reinterpret_cast<sockaddr*>(&address), &length, SOCK_CLOEXEC));
     if (remote.IsValid()) {
-      SetUp(remote.Get());
+      SetUpTcp(remote.Get());
       peer = NameOf(address, length);
       return remote;
     }

@@ -13,6 +13,11 @@
 namespace vel {
 namespace {
 
+// Where nobody tells of devices. What an event has told is not looked at as well: the two may cross.
+constexpr std::chrono::seconds kLookEvery{1};
+// Where somebody does: an event ends the wait, also the one that ends the watch.
+constexpr std::chrono::seconds kEventWait{60};
+
 struct DeviceListDeleter {
   void operator()(libusb_device** list) const { libusb_free_device_list(list, 1); }
 };
@@ -187,13 +192,6 @@ std::optional<int> ActiveConfiguration(const DeviceIdentity& wanted) {
   return value;
 }
 
-namespace {
-
-// Where nobody tells of devices. What an event has told is not looked at as well: the two may cross.
-constexpr std::chrono::seconds kLookEvery{1};
-
-}  // namespace
-
 DeviceWatch::DeviceWatch(const LocalSelector& selector, Callbacks callbacks)
     : mSelector(selector), mCallbacks(std::move(callbacks)), mContext(NewContext()) {
   if (libusb_has_capability(LIBUSB_CAP_HAS_HOTPLUG) == 0) {
@@ -223,14 +221,17 @@ bool DeviceWatch::IsTold() {
 void DeviceWatch::HandleEvents() {
   using Clock = std::chrono::steady_clock;
   const bool told = IsTold();
-  Clock::time_point look = Clock::now() + kLookEvery;
-  while (!mStopped) {  // An event interrupts the wait, also the one that ends the watch.
-    const auto left = std::max(std::chrono::ceil<std::chrono::milliseconds>(look - Clock::now()), {});
-    timeval wait{told ? 60 : left.count() / 1000, told ? 0 : left.count() % 1000 * 1000};
+  const std::chrono::seconds every = told ? kEventWait : kLookEvery;
+  Clock::time_point due = Clock::now() + every;
+  while (!mStopped) {
+    const auto left = std::max(std::chrono::ceil<std::chrono::microseconds>(due - Clock::now()), {});
+    timeval wait{left / std::chrono::seconds(1), left % std::chrono::seconds(1) / std::chrono::microseconds(1)};
     libusb_handle_events_timeout_completed(mContext.get(), &wait, nullptr);
-    if (!told && !mStopped && Clock::now() >= look) {
-      LookForChange();
-      look = Clock::now() + kLookEvery;
+    if (!mStopped && Clock::now() >= due) {
+      if (!told) {
+        LookForChange();
+      }
+      due = Clock::now() + every;
     }
   }
 }

@@ -3,6 +3,7 @@
 #include <utility>
 
 namespace vel {
+
 PacketWriter::PacketWriter(FdStream& stream, std::function<void(FdStream::Result)> onFailed)
     : mStream(stream), mOnFailed(std::move(onFailed)), mThread([this] { WriteWaiting(); }) {}
 

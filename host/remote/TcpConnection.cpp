@@ -97,7 +97,7 @@ AddrInfoHandle LookUp(const HostPort& address, int flags, const StopSignal& stop
   return std::move(query->found);
 }
 
-void SetUp(int connection) {
+void SetUpTcp(int connection) {
   constexpr int kSeconds = 5;  // Of silence before a probe, and between two.
   constexpr int kProbes = 2;
   const auto set = [connection](int level, int option, int value) {
@@ -121,7 +121,7 @@ UniqueFd ConnectTcp(const HostPort& address, const StopSignal& stop) {
     UniqueFd fd(socket(to->ai_family, to->ai_socktype | SOCK_CLOEXEC | SOCK_NONBLOCK, to->ai_protocol));
     error = fd.IsValid() ? Connect(fd.Get(), *to, stop) : errno;
     if (error == 0) {
-      SetUp(fd.Get());
+      SetUpTcp(fd.Get());
       return fd;
     }
   }

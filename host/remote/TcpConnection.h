@@ -31,7 +31,7 @@ AddrInfoHandle LookUp(const HostPort& address, int flags, const StopSignal& stop
 
 // Small packets leave at once, and a peer whose machine has gone without a word ends the connection within fifteen
 // seconds, unless it owes an acknowledgement: then it is up to the kernel's retransmissions.
-void SetUp(int connection);
+void SetUpTcp(int connection);
 
 // Connects to the first of the host's addresses that answers, each within ten seconds, and sets the connection up.
 // Throws std::runtime_error with a text for people, Interrupted once stopped.

@@ -24,8 +24,11 @@ bool Succeeds(Call call) {
 
 int Camera::Open() {
   std::unique_ptr<CameraSource> source;
-  Succeeds([&] { return (source = OpenSource(mId, mClosing)) != nullptr; });
-  if (source == nullptr) {
+  const auto open = [&] {
+    source = OpenSource(mId, mClosing);
+    return source != nullptr;
+  };
+  if (!Succeeds(open)) {
     return -1;
   }
   const vel::MutexLock lock(mMutex);
