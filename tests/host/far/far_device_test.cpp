@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <malloc.h>
 
 #include <cerrno>
 #include <map>
@@ -16,6 +17,7 @@ namespace {
 using namespace std::chrono_literals;
 using testing::ElementsAre;
 using testing::IsEmpty;
+using testing::SizeIs;
 using testing::UnorderedElementsAre;
 using Bytes = std::vector<std::uint8_t>;
 
@@ -241,6 +243,19 @@ TEST_F(FarDeviceTest, PacedRequestThatWasNotSentYetIsUnlinked) {
   }
   device->Unlink({4, 3});
   EXPECT_THAT(guest.Take(1), ElementsAre(Told{'u', 4, -ECONNRESET}));
+  // Nor is anything of it kept until its time.
+  const auto submit = [this](std::uint32_t seqnum) {
+    device->Submit(
+        {.seqnum = seqnum, .endpoint = 0x83, .length = 8, .interval = 20000, .setup = {}, .packets = {{0, 8}}});
+  };
+  submit(5);
+  const std::size_t before = mallinfo2().uordblks;
+  for (std::uint32_t seqnum = 6; seqnum < 4000; seqnum += 2) {
+    submit(seqnum);
+    device->Unlink({seqnum + 1, seqnum});
+    EXPECT_THAT(guest.Take(1), SizeIs(1));
+  }
+  EXPECT_LT(mallinfo2().uordblks, before + 50000);
 }
 
 TEST_F(FarDeviceTest, UnlinkInEveryStateIsAnsweredOnce) {
@@ -299,6 +314,22 @@ TEST_F(FarDeviceTest, ControlRequestsAreAnsweredInTheirOrder) {
   EXPECT_THAT(guest.Take(0), IsEmpty());
   far->Release();
   EXPECT_THAT(guest.Take(2), ElementsAre(Told{'d', 2}, Told{'d', 3, 0, 18}));
+}
+
+TEST_F(FarDeviceTest, ControlRequestsThatAreNeverAnsweredAreBounded) {
+  Open();
+  far->silent = true;
+  std::uint32_t seqnum = 2;
+  const auto submit = [&] {
+    device->Submit({.seqnum = seqnum, .endpoint = 0x80, .length = 4, .setup = {0xC0, 1, 0, 0, 4}});
+  };
+  for (; seqnum < 2 + 2 * 65536; seqnum += 2) {
+    submit();
+    device->Unlink({seqnum + 1, seqnum});
+  }
+  EXPECT_THAT(guest.Take(65536), SizeIs(65536));
+  submit();
+  EXPECT_THAT(guest.Take(1), ElementsAre(Told{'d', seqnum, -ENOMEM}));
 }
 
 TEST_F(FarDeviceTest, FarEndThatDoesNotAnswerACancelIsNotWaitedFor) {
