@@ -51,6 +51,8 @@ TEST(DummyCamera, GivesAPictureForEachRequestToTheLatestCallbackAtItsPace) {
   EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(29));
   EXPECT_EQ(got[0].size(), 16U);
   EXPECT_EQ(got[1][0], static_cast<std::uint8_t>(got[0][0] + 3));
+  EXPECT_EQ(got[0][5], static_cast<std::uint8_t>(got[0][0] + 2)) << "counts up along the row and down the rows";
+  EXPECT_EQ(got[0][13], static_cast<std::uint8_t>(got[0][8] + 1)) << "and here along the row";
   camera.SetStreamCallback(&pictures, nullptr);
   EXPECT_EQ(camera.StreamOff(), 0);
   EXPECT_EQ(camera.StreamOn(), 0);
@@ -60,6 +62,15 @@ TEST(DummyCamera, GivesAPictureForEachRequestToTheLatestCallbackAtItsPace) {
   EXPECT_EQ(pictures.got.Await(3).size(), 3U);
   EXPECT_EQ(camera.StreamOff(), 0);
   EXPECT_EQ(former.got.Count(), 0U);
+  param = {3, 2, 2, 0};
+  ASSERT_EQ(camera.SetParam(&param), 0);
+  Pictures odd;
+  camera.SetStreamCallback(&odd, nullptr);
+  EXPECT_EQ(camera.StreamOn(), 0);
+  const Bytes picture = odd.got.Await(1)[0];
+  EXPECT_EQ(camera.StreamOff(), 0);
+  ASSERT_EQ(picture.size(), 12U);
+  EXPECT_EQ(picture[9], static_cast<std::uint8_t>(picture[6] + 1)) << "a colour for each row";
 }
 
 TEST(QtCamera, GivesUpACameraThatDoesNotFinishOpening) {
