@@ -1,45 +1,24 @@
 // What a guest's program gets from the source/sink gadget of the kernel at BUS:ADDRESS, by libusb: the round trip of a
-// control request and of a bulk transfer, and the throughput of 16 bulk transfers in flight with the processor time of
-// the whole machine that goes into them. One line: LABEL control_us bulk_us in_MB/s in_cpu_ms/MB out_MB/s out_cpu_ms/MB
+// control request and of a bulk transfer, and the throughput of 16 bulk transfers in flight.
 #include <libusb-1.0/libusb.h>
 
 #include <array>
-#include <chrono>
-#include <cstdio>
-#include <string>
 #include <vector>
 
 #include "GuestBench.h"
-#include "Percentile.h"
 #include "support/GuestDevice.h"
 
 namespace {
 
-using vel::bench::Busy;
+using vel::bench::Clock;
+using vel::bench::kInFlight;
+using vel::bench::kLarge;
+using vel::bench::kThroughputTime;
 using vel::bench::Require;
-using Clock = std::chrono::steady_clock;
+using vel::bench::RoundTrip;
+using vel::bench::Throughput;
 constexpr unsigned kTimeoutMs = 20000;
-constexpr unsigned kRoundTrips = 300;
 constexpr int kSmall = 512;
-constexpr int kLarge = 64 << 10;
-constexpr int kInFlight = 16;
-constexpr std::chrono::seconds kThroughputTime{3};
-
-double Seconds(Clock::duration time) {
-  return std::chrono::duration<double>(time).count();
-}
-
-// Microseconds: the median.
-template <typename Operation>
-double RoundTrip(Operation operation) {
-  std::vector<double> times;
-  for (unsigned i = 0; i < kRoundTrips; ++i) {
-    const Clock::time_point begin = Clock::now();
-    Require(operation(), "a round trip failed");
-    times.push_back(1e6 * Seconds(Clock::now() - begin));
-  }
-  return vel::bench::Percentile(times, 0.5);
-}
 
 struct Stream {
   Clock::time_point end;
@@ -56,17 +35,11 @@ void LIBUSB_CALL Continue(libusb_transfer* transfer) {
   }
 }
 
-struct Throughput {
-  double megabytesPerSecond;
-  double cpuMsPerMegabyte;
-};
-
 Throughput Pump(const vel::GuestDevice& device, std::uint8_t endpoint) {
   std::vector<std::vector<std::uint8_t>> buffers(kInFlight, std::vector<std::uint8_t>(kLarge));
   std::vector<vel::LibusbTransferPtr> transfers;
-  const double busy = Busy();
-  const Clock::time_point begin = Clock::now();
-  Stream stream{begin + kThroughputTime, 0, kInFlight};
+  const vel::bench::Stopwatch watch;
+  Stream stream{watch.begin + kThroughputTime, 0, kInFlight};
   for (auto& buffer : buffers) {
     libusb_transfer* const transfer = transfers.emplace_back(libusb_alloc_transfer(0)).get();
     libusb_fill_bulk_transfer(transfer, device.Handle(), endpoint, buffer.data(), kLarge, Continue, &stream,
@@ -74,9 +47,7 @@ Throughput Pump(const vel::GuestDevice& device, std::uint8_t endpoint) {
     Require(libusb_submit_transfer(transfer) == 0, "a submission failed");
   }
   device.Await(stream.left);
-  const double megabytes = static_cast<double>(stream.bytes) / 1e6;
-  const Throughput result{megabytes / Seconds(Clock::now() - begin), 1e3 * (Busy() - busy) / megabytes};
-  return result;
+  return watch.Over(stream.bytes);
 }
 
 }  // namespace
@@ -107,7 +78,6 @@ int main(int argc, char** argv) {
   });
   const Throughput in = Pump(device, endpoints[1]);
   const Throughput out = Pump(device, endpoints[0]);
-  static_cast<void>(std::printf("%s %.0f %.0f %.1f %.2f %.1f %.2f\n", argv[1], control, bulk, in.megabytesPerSecond,
-                                in.cpuMsPerMegabyte, out.megabytesPerSecond, out.cpuMsPerMegabyte));
+  vel::bench::PrintWay(argv[1], control, bulk, in, out);
   return 0;
 }
