@@ -188,6 +188,7 @@ TEST(FrameBlocks, AreKeptAndTakenAgainWhileSomebodyUsesThem) {
     blocks[i] = FrameBlocks::Take(kSize);
     EXPECT_EQ(blocks[i].get(), given[i]);
   }
+  EXPECT_NE(FrameBlocks::Take(kSize), nullptr) << "nothing of what gave way is left";
 }
 
 TEST(Encoder, ThinsItsQueueAndFreesItAtRelease) {
