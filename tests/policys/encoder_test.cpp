@@ -143,7 +143,9 @@ INSTANTIATE_TEST_SUITE_P(EachSetting, EncoderStream,
 
 TEST(FFmpegEncoderTest, LeavesLongGroupsToOpenh264AndShowsItsDiagnosisWhenAsked) {
   gHasOpenh264 = true;
-  const FfmpegLogRoute route;
+  std::optional<FfmpegLogRoute> route(std::in_place);
+  std::optional<FfmpegLogRoute> other(std::in_place);
+  other.reset();  // Ends nothing for the first.
   for (const bool debug : {false, true}) {
     const CapturingLog log;
     FFmpegEncoder encoder(false);
@@ -155,6 +157,10 @@ TEST(FFmpegEncoderTest, LeavesLongGroupsToOpenh264AndShowsItsDiagnosisWhenAsked)
     EXPECT_EQ(gOptions.back(), "rc_mode=bitrate");
     EXPECT_EQ(log.Count("[libx264 @") > 0, debug);
   }
+  route.reset();
+  const CapturingLog log;
+  av_log(nullptr, AV_LOG_ERROR, "not for our log\n");
+  EXPECT_EQ(log.Count("not for our log"), 0U);
   gHasOpenh264 = false;
 }
 

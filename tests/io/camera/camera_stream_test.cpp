@@ -118,8 +118,10 @@ TEST_F(CameraStream, StartsTheSourceWithTheNegotiatedFrame) {
   ASSERT_TRUE(capture.WaitForStream());
   EXPECT_EQ(io->SetInterfaceAltSetting(1, 4), 0);
   EXPECT_EQ(io->SetInterfaceAltSetting(1, 0), 0);
+  EXPECT_EQ(io->CloseUsbDev(), 0);
+  io->SetInterfaceAltSetting(1, 3);  // Of a device that is not open.
   EXPECT_THAT(capture.Calls(), ElementsAre("CamOpen cam", "CamSetParam 1280x720 2", "CamStreamOn cam",
-                                           "CamSetParam 1280x720 2", "CamStreamOff cam", "streamed"));
+                                           "CamSetParam 1280x720 2", "CamStreamOff cam", "streamed", "CamClose cam"));
 }
 
 // Pictures, submissions, cancellations, withdrawals, closings and openings at the same time. Some
