@@ -1,6 +1,5 @@
 #include "cmd/DeviceChannel.h"
 
-#include <fcntl.h>
 #include <wordexp.h>
 
 #include <csignal>
@@ -12,6 +11,7 @@
 #include "cmd/DeviceHold.h"
 #include "cmd/Devices.h"
 #include "remote/ExecChannel.h"
+#include "remote/FdStream.h"
 #include "remote/ModuleChannel.h"
 #include "remote/StopWatcher.h"
 #include "remote/StreamChannel.h"
@@ -103,8 +103,7 @@ std::unique_ptr<PacketChannel> OpenTcp(const std::string& device, const StopSign
   } catch (const std::runtime_error& error) {
     throw std::runtime_error("cannot reach " + device + ": " + error.what());
   }
-  UniqueFd other(fcntl(fd.Get(), F_DUPFD_CLOEXEC, 0));
-  return std::make_unique<StreamChannel>(std::move(fd), std::move(other), device,
+  return std::make_unique<StreamChannel>(std::make_unique<FdStream>(std::move(fd)), device,
                                          PacketChannel::Contact{.advice = kTcpAdvice});
 }
 

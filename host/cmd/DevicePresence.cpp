@@ -27,7 +27,7 @@ DevicePresence::DevicePresence(const std::string& device, bool wait, const std::
                              .onLeft = [this](const DeviceIdentity& identity) { OnLeft(identity); }});
 }
 
-std::optional<DeviceIdentity> DevicePresence::Await(const FdStream& remote) {
+std::optional<DeviceIdentity> DevicePresence::Await(const ByteStream& remote) {
   while (true) {
     std::shared_ptr<StopSignal> arrival;
     {

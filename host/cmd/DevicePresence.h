@@ -9,6 +9,7 @@
 #include "cmd/Devices.h"
 #include "cmd/LocalDevices.h"
 #include "cmd/Server.h"
+#include "remote/ByteStream.h"
 #include "vel/Mutex.h"
 
 namespace vel {
@@ -22,7 +23,7 @@ class DevicePresence {
   DevicePresence(const std::string& device, bool wait, const std::string& cameraSource);
 
   // The device; waits until it is there. Nothing once stopped, and when the remote side goes meanwhile.
-  std::optional<DeviceIdentity> Await(const FdStream& remote) VEL_EXCLUDES(mMutex);
+  std::optional<DeviceIdentity> Await(const ByteStream& remote) VEL_EXCLUDES(mMutex);
   bool Waits() const { return mWait; }
 
   // Brings back what the machine had of the device. To be called when no session has it.

@@ -25,7 +25,7 @@ struct Service {
   Server::Answers answers;
 
   // Serves one remote side, once the device is there.
-  Server::End Run(FdStream& stream, std::string& error) const {
+  Server::End Run(ByteStream& stream, std::string& error) const {
     const std::optional<DeviceIdentity> identity = presence.Await(stream);
     if (!identity) {
       error = "the remote side is gone, the device never came";

@@ -22,11 +22,11 @@ constexpr std::chrono::seconds kFenceTime{10};
 }  // namespace
 
 Server::Server(std::shared_ptr<ModuleLibrary> library, const DeviceIdentity& identity, Answers answers,
-               FdStream& stream)
+               ByteStream& stream)
     : mLibrary(std::move(library)),
       mAnswers(answers),
       mStream(stream),
-      mWriter(stream, [this](FdStream::Result result) { OnWriteFailed(result); }),
+      mWriter(stream, [this](ByteStream::Result result) { OnWriteFailed(result); }),
       mSession(NewSession(identity)) {}
 
 std::unique_ptr<ModuleSession> Server::NewSession(const DeviceIdentity& identity) {
@@ -45,10 +45,10 @@ Server::End Server::Run() {
   }
   {
     const MutexLock lock(mMutex);
-    if (mWritten == FdStream::Result::kFailed && end != End::kRemoteGone) {
+    if (mWritten == ByteStream::Result::kFailed && end != End::kRemoteGone) {
       mError = "the remote side went away before all replies were sent";
       end = End::kRemoteGone;
-    } else if (mWritten == FdStream::Result::kStopped && end == End::kRemoteDone) {
+    } else if (mWritten == ByteStream::Result::kStopped && end == End::kRemoteDone) {
       end = End::kStopped;
     }
   }
@@ -91,21 +91,21 @@ Server::End Server::ReadRequests() {
   while (true) {
     std::size_t count = 0;
     switch (mStream.Read(framer.Room(), count)) {
-      case FdStream::Result::kOk:
+      case ByteStream::Result::kOk:
         if (!framer.Filled(count)) {
           mError = framer.Error();
           return End::kRemoteGone;
         }
         break;
-      case FdStream::Result::kEnd:
+      case ByteStream::Result::kEnd:
         if (framer.InsidePacket()) {
           mError = "the remote side ended in the middle of a packet";
           return End::kRemoteGone;
         }
         return End::kRemoteDone;
-      case FdStream::Result::kStopped:
+      case ByteStream::Result::kStopped:
         return End::kStopped;
-      case FdStream::Result::kFailed:
+      case ByteStream::Result::kFailed:
         mError = "the remote side is gone";
         return End::kRemoteGone;
     }
@@ -124,7 +124,7 @@ void Server::OnReply(std::unique_ptr<VelPacket> packet) {
   mWriter.Write(std::move(packet));
 }
 
-void Server::OnWriteFailed(FdStream::Result result) {
+void Server::OnWriteFailed(ByteStream::Result result) {
   {
     const MutexLock lock(mMutex);
     mWritten = result;

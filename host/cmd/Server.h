@@ -6,7 +6,7 @@
 #include <string>
 
 #include "protocol/Commands.h"
-#include "remote/FdStream.h"
+#include "remote/ByteStream.h"
 #include "remote/ModuleSession.h"
 #include "remote/PacketWriter.h"
 #include "vel/Mutex.h"
@@ -30,7 +30,7 @@ class Server {
     bool lean = false;      // OUT replies without the request's data.
   };
 
-  Server(std::shared_ptr<ModuleLibrary> library, const DeviceIdentity& identity, Answers answers, FdStream& stream);
+  Server(std::shared_ptr<ModuleLibrary> library, const DeviceIdentity& identity, Answers answers, ByteStream& stream);
 
   End Run();
   const std::string& Error() const { return mError; }
@@ -44,20 +44,20 @@ class Server {
   std::unique_ptr<ModuleSession> NewSession(const DeviceIdentity& identity);
   void Post(std::unique_ptr<VelPacket> packet);
   void OnReply(std::unique_ptr<VelPacket> packet);
-  void OnWriteFailed(FdStream::Result result);
+  void OnWriteFailed(ByteStream::Result result);
   End ReadRequests();
   // Waits until all requests were handled, no longer than the remote side is there.
   void Fence();
 
   const std::shared_ptr<ModuleLibrary> mLibrary;
   const Answers mAnswers;
-  FdStream& mStream;
+  ByteStream& mStream;
   PacketWriter mWriter;
   std::string mError;
   const StopSignal mAnswered;  // Raised by the fence's reply.
   Mutex mMutex;
   std::uint16_t mAwaited VEL_GUARDED_BY(mMutex) = 0;                         // That reply; 0 while none is awaited.
-  FdStream::Result mWritten VEL_GUARDED_BY(mMutex) = FdStream::Result::kOk;  // Of the reply that could not be sent.
+  ByteStream::Result mWritten VEL_GUARDED_BY(mMutex) = ByteStream::Result::kOk;  // Of the reply that could not be sent.
   bool mDeviceGone VEL_GUARDED_BY(mMutex) = false;
   Mutex mSessionMutex;  // Posting, and exchanging the session. Nothing else is taken with it held.
   std::unique_ptr<ModuleSession> mSession VEL_GUARDED_BY(mSessionMutex);

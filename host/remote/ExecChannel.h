@@ -1,11 +1,13 @@
 #ifndef VIRTUSB_HOST_REMOTE_EXEC_CHANNEL_H
 #define VIRTUSB_HOST_REMOTE_EXEC_CHANNEL_H
 
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "remote/ChildProcess.h"
+#include "remote/FdStream.h"
 #include "remote/StreamChannel.h"
 
 namespace vel {
@@ -17,7 +19,8 @@ class ExecChannel final : public PacketChannel {
   // Throws std::runtime_error when the program cannot be run. Once `stop` is raised, it has little time to end.
   ExecChannel(std::vector<std::string> words, std::string name, Contact contact, const StopSignal& stop)
       : mChild(std::move(words), stop),
-        mStream(mChild.TakeOutput(), mChild.TakeInput(), std::move(name), std::move(contact)) {}
+        mStream(std::make_unique<FdStream>(mChild.TakeOutput(), mChild.TakeInput()), std::move(name),
+                std::move(contact)) {}
 
   Contact GetContact() const override { return mStream.GetContact(); }
   void Start(Receiver receiver) override {

@@ -4,7 +4,7 @@
 
 namespace vel {
 
-PacketWriter::PacketWriter(FdStream& stream, std::function<void(FdStream::Result)> onFailed)
+PacketWriter::PacketWriter(ByteStream& stream, std::function<void(ByteStream::Result)> onFailed)
     : mStream(stream), mOnFailed(std::move(onFailed)), mThread([this] { WriteWaiting(); }) {}
 
 PacketWriter::~PacketWriter() {
@@ -69,8 +69,8 @@ void PacketWriter::WriteWaiting() {
 }
 
 void PacketWriter::WriteNow(std::span<iovec> packets) {
-  const FdStream::Result result = mStream.WriteAll(packets);
-  const bool failed = result != FdStream::Result::kOk;
+  const ByteStream::Result result = mStream.WriteAll(packets);
+  const bool failed = result != ByteStream::Result::kOk;
   {
     const MutexLock lock(mMutex);
     mWriting = false;

@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "protocol/VelPacket.h"
-#include "remote/FdStream.h"
+#include "remote/ByteStream.h"
 #include "vel/Mutex.h"
 
 namespace vel {
@@ -25,7 +25,7 @@ class PacketWriter {
 
   // `onFailed` is told once, on any of the writing threads, when a write fails or is stopped; nothing is written after
   // that. `stream` outlives it.
-  PacketWriter(FdStream& stream, std::function<void(FdStream::Result)> onFailed);
+  PacketWriter(ByteStream& stream, std::function<void(ByteStream::Result)> onFailed);
   PacketWriter(const PacketWriter&) = delete;
   PacketWriter& operator=(const PacketWriter&) = delete;
   // What waits is dropped. A write under way must have been aborted, or come to its end by itself.
@@ -43,8 +43,8 @@ class PacketWriter {
   // With the stream taken by mWriting, which it gives back.
   void WriteNow(std::span<iovec> packets) VEL_EXCLUDES(mMutex);
 
-  FdStream& mStream;
-  const std::function<void(FdStream::Result)> mOnFailed;
+  ByteStream& mStream;
+  const std::function<void(ByteStream::Result)> mOnFailed;
   Mutex mMutex;
   CondVar mWork;     // For the thread.
   CondVar mChanged;  // For those who wait for room, or for everything to be written.

@@ -1,19 +1,13 @@
 #include "remote/StreamChannel.h"
 
-#include <cerrno>
-#include <cstring>
 #include <utility>
 
 #include "remote/PacketFramer.h"
 
 namespace vel {
 
-StreamChannel::StreamChannel(UniqueFd in, UniqueFd out, std::string name, Contact contact)
-    : mName(std::move(name)),
-      mContact(std::move(contact)),
-      mIn(std::move(in)),
-      mOut(std::move(out)),
-      mStream(mIn.Get(), mOut.Get(), mStop) {}
+StreamChannel::StreamChannel(std::unique_ptr<ByteStream> stream, std::string name, Contact contact)
+    : mName(std::move(name)), mContact(std::move(contact)), mStream(std::move(stream)) {}
 
 void StreamChannel::Start(Receiver receiver) {
   const MutexLock lock(mReaderMutex);
@@ -21,11 +15,11 @@ void StreamChannel::Start(Receiver receiver) {
 }
 
 bool StreamChannel::Send(std::unique_ptr<VelPacket> packet) {
-  return mStream.WriteAll(packet->Wire()) == FdStream::Result::kOk;
+  return mStream->WriteAll(packet->Wire()) == ByteStream::Result::kOk;
 }
 
 void StreamChannel::Close() {
-  mStop.Raise();
+  mStream->Abort();
   const MutexLock lock(mReaderMutex);
   if (mReader.joinable()) {
     mReader.join();
@@ -35,17 +29,16 @@ void StreamChannel::Close() {
 void StreamChannel::ReadUntilEnd(const Receiver& receiver) {
   PacketFramer framer(receiver.onPacket);
   std::size_t count = 0;
-  FdStream::Result result = FdStream::Result::kOk;
-  while ((result = mStream.Read(framer.Room(), count)) == FdStream::Result::kOk && framer.Filled(count)) {
+  ByteStream::Result result = ByteStream::Result::kOk;
+  while ((result = mStream->Read(framer.Room(), count)) == ByteStream::Result::kOk && framer.Filled(count)) {
   }
-  const int error = errno;
-  if (result == FdStream::Result::kStopped || !receiver.onClosed) {
+  if (result == ByteStream::Result::kStopped || !receiver.onClosed) {
     return;
   }
-  receiver.onClosed(mName + (!framer.Error().empty()               ? " speaks something else: " + framer.Error()
-                             : result == FdStream::Result::kFailed ? std::string(": ") + std::strerror(error)
-                             : framer.InsidePacket()               ? " ended in the middle of a packet"
-                                                                   : " ended the connection"));
+  receiver.onClosed(mName + (!framer.Error().empty()                 ? " speaks something else: " + framer.Error()
+                             : result == ByteStream::Result::kFailed ? ": " + mStream->Error()
+                             : framer.InsidePacket()                 ? " ended in the middle of a packet"
+                                                                     : " ended the connection"));
 }
 
 }  // namespace vel

@@ -1,10 +1,11 @@
 #ifndef VIRTUSB_HOST_REMOTE_STREAM_CHANNEL_H
 #define VIRTUSB_HOST_REMOTE_STREAM_CHANNEL_H
 
+#include <memory>
 #include <string>
 #include <thread>
 
-#include "remote/FdStream.h"
+#include "remote/ByteStream.h"
 #include "remote/PacketChannel.h"
 #include "vel/Mutex.h"
 
@@ -13,8 +14,8 @@ namespace vel {
 // The channel to a device that is served over a byte stream (`virtusb serve`).
 class StreamChannel final : public PacketChannel {
  public:
-  // Takes both descriptors over; they may be two of one socket. `name` is the other side's, for messages.
-  StreamChannel(UniqueFd in, UniqueFd out, std::string name = "the other side", Contact contact = {});
+  // `name` is the other side's, for messages. Closing the channel aborts the stream.
+  explicit StreamChannel(std::unique_ptr<ByteStream> stream, std::string name = "the other side", Contact contact = {});
   ~StreamChannel() override { Close(); }
 
   Contact GetContact() const override { return mContact; }
@@ -27,10 +28,7 @@ class StreamChannel final : public PacketChannel {
 
   const std::string mName;
   const Contact mContact;
-  const UniqueFd mIn;
-  const UniqueFd mOut;
-  const StopSignal mStop;
-  FdStream mStream;
+  const std::unique_ptr<ByteStream> mStream;
   Mutex mReaderMutex;
   std::thread mReader VEL_GUARDED_BY(mReaderMutex);
 };

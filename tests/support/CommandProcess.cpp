@@ -13,6 +13,7 @@
 #include <utility>
 
 #include "remote/ChildProcess.h"
+#include "remote/FdStream.h"
 #include "remote/StreamChannel.h"
 
 namespace vel {
@@ -75,8 +76,8 @@ CommandProcess::~CommandProcess() {
 
 RemoteDevice& CommandProcess::Remote() {
   if (mRemote == nullptr) {
-    mRemote =
-        std::make_unique<RemoteDevice>(std::make_unique<StreamChannel>(Copy(mOutput), Copy(mInput)), 1, mDeadline);
+    mRemote = std::make_unique<RemoteDevice>(
+        std::make_unique<StreamChannel>(std::make_unique<FdStream>(Copy(mOutput), Copy(mInput))), 1, mDeadline);
   }
   return *mRemote;
 }
