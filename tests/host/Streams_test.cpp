@@ -1,19 +1,18 @@
-#include <poll.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <chrono>
 #include <csignal>
 #include <future>
 #include <thread>
 #include <vector>
 
-#include "remote/FdStream.h"
+#include "StreamEnds.h"
 #include "remote/PacketWriter.h"
 #include "remote/RequestBuilder.h"
 
@@ -22,88 +21,107 @@ namespace {
 
 using testing::Each;
 using Bytes = std::vector<std::uint8_t>;
-using Result = FdStream::Result;
+using Result = ByteStream::Result;
 
-struct Pair {
-  Pair() {
-    std::array<int, 2> ends{};
-    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()) == 0) {
-      near = UniqueFd(ends[0]);
-      far = UniqueFd(ends[1]);
-    }
-  }
-  UniqueFd near;
-  UniqueFd far;
-};
-
-class StreamsTest : public testing::Test {
+class StreamsTest : public testing::TestWithParam<bool> {  // Whether by TLS.
  protected:
   // As the command does: a write to nobody is a result.
   StreamsTest() { static_cast<void>(std::signal(SIGPIPE, SIG_IGN)); }
 
-  // Everything that comes until the other side ends.
-  static std::size_t Drain(int fd) {
+  // Everything that comes until there is no more.
+  static std::size_t Drain(ByteStream& stream, Result& end) {
     std::size_t total = 0;
-    std::array<std::uint8_t, 65536> buffer{};
-    for (ssize_t n = 0; (n = read(fd, buffer.data(), buffer.size())) > 0;) {
-      total += static_cast<std::size_t>(n);
+    Bytes buffer(65536);
+    for (std::size_t count = 0; (end = stream.Read(buffer, count)) == Result::kOk;) {
+      total += count;
     }
     return total;
   }
-  static void AwaitReadable(int fd) {
-    pollfd descriptor{fd, POLLIN, 0};
-    ASSERT_EQ(poll(&descriptor, 1, 30000), 1);
-  }
 
-  Pair mPair;
   StopSignal mStop;
-  std::array<std::uint8_t, 64> mBuffer{};
 };
+INSTANTIATE_TEST_SUITE_P(PlainAndTls, StreamsTest, testing::Bool());
 
-TEST_F(StreamsTest, StopAndAbortEndABlockedWriteAndNothingFollowsHalfAPacket) {
+TEST_P(StreamsTest, StopAndAbortEndABlockedWriteAndNothingFollowsHalfAPacket) {
   for (const bool abort : {false, true}) {
     SCOPED_TRACE(abort);
-    Pair pair;
     const StopSignal stop;
+    StreamEnds ends(GetParam(), stop);
     const Bytes large(16U << 20U, 0x5A);
-    std::size_t drained = 0;
-    {
-      FdStream stream(pair.near.Get(), pair.near.Get(), stop);
-      auto writing = std::async(std::launch::async, [&] { return stream.WriteAll(large); });
-      AwaitReadable(pair.far.Get());
-      abort ? stream.Abort() : stop.Raise();
-      EXPECT_EQ(writing.get(), Result::kStopped);
-      auto draining = std::async(std::launch::async, [&] { return Drain(pair.far.Get()); });
-      EXPECT_EQ(stream.WriteAll(large), Result::kFailed);
-      shutdown(pair.near.Get(), SHUT_WR);
-      drained = draining.get();
-    }
-    EXPECT_GT(drained, 0U);
-    EXPECT_LT(drained, large.size());
+    auto writing = std::async(std::launch::async, [&] { return ends.near->WriteAll(large); });
+    Bytes first(1);
+    std::size_t count = 0;
+    ASSERT_EQ(ends.far->Read(first, count), Result::kOk);
+    abort ? ends.near->Abort() : stop.Raise();
+    EXPECT_EQ(writing.get(), Result::kStopped);
+    EXPECT_EQ(ends.near->WriteAll(large), Result::kFailed);
+    ends.near.reset();
+    Result end{};
+    EXPECT_LT(Drain(*ends.far, end), large.size() - 1);
+    EXPECT_EQ(end, GetParam() ? Result::kFailed : Result::kEnd);
   }
 }
 
-TEST_F(StreamsTest, EachOfSeveralWritersWritesInOnePiece) {
+TEST_P(StreamsTest, EachOfSeveralWritersWritesInOnePieceWhileAsMuchComesIn) {
   constexpr std::size_t kPiece = 50000;
   constexpr std::size_t kPieces = 30;
-  FdStream stream(mPair.near.Get(), mPair.near.Get(), mStop);
+  StreamEnds ends(GetParam(), mStop);
   std::vector<std::jthread> writers;
   for (std::uint8_t writer = 1; writer <= 3; ++writer) {
-    writers.emplace_back([&stream, writer] {
+    writers.emplace_back([&ends, writer] {
       const Bytes piece(kPiece, writer);
       for (std::size_t i = 0; i < kPieces; ++i) {
-        EXPECT_EQ(stream.WriteAll(piece), Result::kOk);
+        std::vector<iovec> pieces = {PieceOf(std::span(piece).first(7)), PieceOf(std::span(piece).subspan(7, 100)),
+                                     PieceOf(std::span(piece).subspan(107))};
+        EXPECT_EQ(ends.near->WriteAll(pieces), Result::kOk);
       }
     });
   }
+  std::size_t cameIn = 0;
+  Result end{};
+  std::jthread reader([&] { cameIn = Drain(*ends.near, end); });
   std::array<std::size_t, 4> pieces{};
   for (std::size_t i = 0; i < 3 * kPieces; ++i) {
     Bytes piece(kPiece);
-    ASSERT_EQ(recv(mPair.far.Get(), piece.data(), piece.size(), MSG_WAITALL), static_cast<ssize_t>(kPiece));
+    for (std::size_t filled = 0, count = 0; filled < kPiece; filled += count) {
+      ASSERT_EQ(ends.far->Read(std::span(piece).subspan(filled), count), Result::kOk);
+    }
     ASSERT_THAT(piece, Each(piece.front()));
     ++pieces.at(piece.front());
+    ASSERT_EQ(ends.far->WriteAll(piece), Result::kOk);
   }
   EXPECT_THAT(pieces, testing::ElementsAre(0, kPieces, kPieces, kPieces));
+  ends.far.reset();
+  reader.join();
+  EXPECT_EQ(end, Result::kEnd);
+  EXPECT_EQ(cameIn, 3 * kPieces * kPiece);
+}
+
+TEST_P(StreamsTest, AWriteThatStandsStillIsGivenUpOnlyOnceOthersWait) {
+  StreamEnds ends(GetParam(), mStop);
+  std::atomic<bool> othersWait{false};
+  std::promise<void> asked;
+  ends.near->SetPatience({std::chrono::milliseconds(1), [&, times = 0]() mutable {
+                            if (++times == 2) {
+                              asked.set_value();
+                            }
+                            return othersWait.load();
+                          }});
+  auto writing = std::async(std::launch::async, [&] { return ends.near->WriteAll(Bytes(16U << 20U)); });
+  asked.get_future().wait();
+  othersWait = true;
+  EXPECT_EQ(writing.get(), Result::kFailed);
+  EXPECT_TRUE(ends.near->LostPatience());
+}
+
+TEST_F(StreamsTest, ATlsConnectionThatIsCutOffHasNotEnded) {
+  StreamEnds ends(true, mStop);
+  ASSERT_EQ(ends.near->WriteAll(Bytes(3)), Result::kOk);
+  shutdown(ends.nearFd, SHUT_RDWR);
+  Result end{};
+  EXPECT_EQ(Drain(*ends.far, end), 3U);
+  EXPECT_EQ(end, Result::kFailed);
+  EXPECT_THAT(ends.far->Error(), testing::HasSubstr("cut off"));
 }
 
 TEST_F(StreamsTest, RaisingAStopSignalOftenNeverBlocks) {
@@ -119,7 +137,8 @@ TEST_F(StreamsTest, PacketsThatComeWhileOneIsWrittenGoOutTogether) {
   const UniqueFd near(ends[0]);
   const UniqueFd far(ends[1]);
   std::size_t fill = 0;
-  while (send(near.Get(), mBuffer.data(), mBuffer.size(), MSG_DONTWAIT) > 0) {
+  std::array<char, 256> message{};
+  while (send(near.Get(), message.data(), 64, MSG_DONTWAIT) > 0) {
     ++fill;
   }
   FdStream stream(near.Get(), near.Get(), mStop);
@@ -134,9 +153,8 @@ TEST_F(StreamsTest, PacketsThatComeWhileOneIsWrittenGoOutTogether) {
   while (std::ranges::count_if(writes, isBack) < 2) {
     std::this_thread::yield();
   }
-  std::array<char, 256> message{};
   for (; fill > 0; --fill) {
-    ASSERT_EQ(recv(far.Get(), message.data(), message.size(), 0), static_cast<ssize_t>(mBuffer.size()));
+    ASSERT_EQ(recv(far.Get(), message.data(), message.size(), 0), 64);
   }
   constexpr ssize_t kPing = VelPacket::kHeaderSize + 12;
   EXPECT_EQ(recv(far.Get(), message.data(), message.size(), 0), kPing);
