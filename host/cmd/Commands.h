@@ -21,12 +21,14 @@ struct CommonOptions {
   std::string modulePath;
   std::string device;
   std::string cameraSource = "test";  // Of the emulated camera.
+  std::string tlsFolder;              // Of certificates; empty: the usual one for tls://, no TLS for serve.
   bool json = false;
 };
 
 struct ServeOptions {
   bool stdio = false;
-  std::string listen;  // ADDR:PORT, :PORT or PORT
+  std::string listen;     // ADDR:PORT, :PORT or PORT
+  bool insecure = false;  // Without TLS also where other machines reach it.
   bool answerFailures = false;
   bool leanReplies = false;
   bool wait = false;  // For a local device that is not there yet, or comes back.
@@ -47,6 +49,7 @@ struct FarOptions {
   std::vector<std::string> devices;
   bool untouched = false;       // A camera's raw pictures stay raw on the way.
   std::string listen = "3240";  // As of ServeOptions; export's alone.
+  bool insecure = false;        // The same.
 };
 
 // A command of the command line, and what runs it once the line was parsed.

@@ -10,8 +10,9 @@ void AddDevice(CLI::App& command, CommonOptions& common) {
 
 void AddAnyDevice(CLI::App& command, CommonOptions& common) {
   command
-      .add_option("DEVICE", common.device,
-                  "A name from \"virtusb list\", BUS:ADDRESS, VID:PID, tcp://HOST:PORT or \"exec:COMMAND...\"")
+      .add_option(
+          "DEVICE", common.device,
+          "A name from \"virtusb list\", BUS:ADDRESS, VID:PID, tcp://HOST:PORT, tls://HOST:PORT or \"exec:COMMAND...\"")
       ->required();
 }
 

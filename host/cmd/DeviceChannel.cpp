@@ -16,14 +16,17 @@
 #include "remote/StopWatcher.h"
 #include "remote/StreamChannel.h"
 #include "remote/TcpConnection.h"
+#include "remote/TlsContext.h"
+#include "remote/TlsStream.h"
 
 namespace vel {
 namespace {
 
 constexpr std::string_view kTcp = "tcp://";
+constexpr std::string_view kTls = "tls://";
 constexpr std::string_view kExec = "exec:";
 
-constexpr char kTcpAdvice[] = "what \"virtusb serve\" says there tells more; it serves one remote side at a time";
+constexpr char kAddressAdvice[] = "what \"virtusb serve\" says there tells more; it serves one remote side at a time";
 constexpr char kExecAdvice[] =
     "its own messages tell more; it has to be like \"virtusb serve DEVICE --stdio\" on its standard input and output";
 // A program that reaches another machine has to find it, and may have to ask for a password first.
@@ -90,27 +93,36 @@ std::vector<std::string> SplitCommand(const std::string& command) {
   return {expanded.we_wordv, expanded.we_wordv + expanded.we_wordc};
 }
 
-std::unique_ptr<PacketChannel> OpenTcp(const std::string& device, const StopSignal& stop) {
-  const std::optional<HostPort> address = ParseHostPort(device.substr(kTcp.size()));
+// One that is served at an address, by TLS where a context is given.
+std::unique_ptr<PacketChannel> OpenAddress(const std::string& device, const TlsContext* tls, const StopSignal& stop) {
+  const std::string_view scheme = tls != nullptr ? kTls : kTcp;
+  const std::optional<HostPort> address = ParseHostPort(device.substr(scheme.size()));
   if (!address || address->host.empty() || address->port == "0") {
-    throw UsageError("\"" + device + "\" is no address: give tcp://HOST:PORT, for example tcp://[::1]:4000");
+    throw UsageError("\"" + device + "\" is no address: give " + std::string(scheme) + "HOST:PORT, for example " +
+                     std::string(scheme) + "[::1]:4000");
   }
-  UniqueFd fd;
+  std::unique_ptr<ByteStream> stream;
   try {
-    fd = ConnectTcp(*address, stop);
+    UniqueFd socket = ConnectTcp(*address, stop);
+    if (tls != nullptr) {
+      auto secure = std::make_unique<TlsStream>(*tls, std::move(socket), nullptr, address->host);
+      secure->ShakeHands(stop);
+      stream = std::move(secure);
+    } else {
+      stream = std::make_unique<FdStream>(std::move(socket));
+    }
   } catch (const Interrupted&) {
     throw;
   } catch (const std::runtime_error& error) {
     throw std::runtime_error("cannot reach " + device + ": " + error.what());
   }
-  return std::make_unique<StreamChannel>(std::make_unique<FdStream>(std::move(fd)), device,
-                                         PacketChannel::Contact{.advice = kTcpAdvice});
+  return std::make_unique<StreamChannel>(std::move(stream), device, PacketChannel::Contact{.advice = kAddressAdvice});
 }
 
 }  // namespace
 
 bool IsRemoteDevice(const std::string& device) {
-  return device.starts_with(kTcp) || device.starts_with(kExec);
+  return device.starts_with(kTcp) || device.starts_with(kTls) || device.starts_with(kExec);
 }
 
 std::unique_ptr<PacketChannel> OpenDevice(const std::string& device, const CommonOptions& common,
@@ -121,7 +133,11 @@ std::unique_ptr<PacketChannel> OpenDevice(const std::string& device, const Commo
   }
   static_cast<void>(std::signal(SIGPIPE, SIG_IGN));
   if (device.starts_with(kTcp)) {
-    return OpenTcp(device, stop);
+    return OpenAddress(device, nullptr, stop);
+  }
+  if (device.starts_with(kTls)) {
+    const TlsContext context(common.tlsFolder.empty() ? kTlsFolder : common.tlsFolder, TlsContext::Side::kClient);
+    return OpenAddress(device, &context, stop);
   }
   const std::string command = device.substr(kExec.size());
   return std::make_unique<ExecChannel>(SplitCommand(command), "\"" + command + "\"",

@@ -14,6 +14,13 @@
 #include "remote/StopWatcher.h"
 
 namespace vel {
+namespace {
+
+constexpr char kOpenToAll[] =
+    "USB/IP has no encryption: listen on a PORT alone and let guests come by \"ssh -L 3240:localhost:PORT HOST\", or "
+    "give --insecure where everybody there may have the devices";
+
+}  // namespace
 
 Subcommand AddExport(CLI::App& app, CommonOptions& common) {
   const auto far = std::make_shared<FarOptions>();
@@ -23,6 +30,7 @@ Subcommand AddExport(CLI::App& app, CommonOptions& common) {
   line->add_option("--listen", far->listen, "On ADDR:PORT, or on PORT of the loopback address")
       ->type_name("[ADDR:]PORT")
       ->capture_default_str();
+  line->add_flag("--insecure", far->insecure, "Also where other machines reach it: anybody, unencrypted");
   line->footer(
       "A guest takes one with: usbip attach -r HOST -b BUSID. Nothing is encrypted, nobody is asked who he is.");
   return {line, [&common, far] {
@@ -34,7 +42,7 @@ Subcommand AddExport(CLI::App& app, CommonOptions& common) {
 int RunExport(const CommonOptions& common, const FarOptions& far, const StopSignal& stop) {
   const StopSignal end;  // Stopped, or the last device is gone.
   const StopWatcher watcher(stop, [&end] { end.Raise(); });
-  const Listener listener(far.listen, end);
+  const Listener listener(far.listen, end, far.insecure ? nullptr : kOpenToAll);
   std::atomic<std::size_t> left{far.devices.size()};
   const auto onGone = [&left, &end] {
     if (--left == 0) {

@@ -35,8 +35,9 @@ void ThrowAllGone(const FarOptions& far) {
 
 void AddFarOptions(CLI::App& command, FarOptions& far) {
   command
-      .add_option("DEVICE", far.devices,
-                  "Names from \"virtusb list\", BUS:ADDRESS, VID:PID, tcp://HOST:PORT or \"exec:COMMAND...\"")
+      .add_option(
+          "DEVICE", far.devices,
+          "Names from \"virtusb list\", BUS:ADDRESS, VID:PID, tcp://HOST:PORT, tls://HOST:PORT or \"exec:COMMAND...\"")
       ->required();
   command.add_flag("--no-transcode", far.untouched, "A camera's raw pictures travel as they are; without, as H.264");
 }

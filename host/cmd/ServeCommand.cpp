@@ -1,6 +1,7 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <chrono>
 #include <memory>
 #include <optional>
 #include <stdexcept>
@@ -11,8 +12,11 @@
 #include "cmd/Devices.h"
 #include "cmd/Listener.h"
 #include "cmd/Output.h"
+#include "cmd/Reception.h"
 #include "cmd/Server.h"
 #include "cmd/Signals.h"
+#include "remote/FdStream.h"
+#include "remote/TlsContext.h"
 
 namespace vel {
 namespace {
@@ -62,22 +66,25 @@ int ServeStdio(const Service& service) {
   return 0;
 }
 
-int ServeSocket(const Service& service, const std::string& device, const Listener& listener) {
-  Note("serving " + device + " on " + listener.Name() + ", one remote side at a time; interrupt to end");
-  while (true) {
-    std::string peer;
-    const UniqueFd remote = listener.Accept(peer);
-    if (!remote.IsValid()) {
-      return 0;
-    }
+int ServeSocket(const Service& service, const std::string& device, const Listener& listener,
+                const std::string& tlsFolder) {
+  const Reception::Limits limits;
+  Reception reception(listener, tlsFolder, service.stop, &Note, limits);
+  Note("serving " + device + " on " + listener.Name() + (tlsFolder.empty() ? "" : " by TLS") +
+       ", one remote side at a time; interrupt to end");
+  while (const std::optional<Reception::Visitor> visitor = reception.Next()) {
+    const std::string& peer = visitor->name;
     Note(peer + " connected");
-    FdStream stream(remote.Get(), remote.Get(), service.stop);
     std::string error;
-    switch (service.Run(stream, error)) {
+    switch (service.Run(*visitor->stream, error)) {
       case Server::End::kRemoteDone:
         Note(peer + " is done, device given back");
         break;
       case Server::End::kRemoteGone:
+        if (visitor->stream->LostPatience()) {
+          const auto seconds = std::chrono::ceil<std::chrono::seconds>(limits.stuck).count();
+          error = "it has read nothing for " + std::to_string(seconds) + " s while another one waits";
+        }
         Note(Format("%s: %s; device given back", peer.c_str(), error.c_str()));
         break;
       case Server::End::kStopped:
@@ -87,7 +94,11 @@ int ServeSocket(const Service& service, const std::string& device, const Listene
         throw std::runtime_error(kDeviceGone);
     }
   }
+  return 0;
 }
+
+constexpr char kOpenToAll[] =
+    "give --tls DIR, the folder of its certificates, or --insecure where everybody there may have the device";
 
 }  // namespace
 
@@ -100,6 +111,8 @@ Subcommand AddServe(CLI::App& app, CommonOptions& common) {
   where->add_option("--listen", serve->listen, "On ADDR:PORT, or on PORT of the loopback address")
       ->type_name("[ADDR:]PORT");
   where->require_option(1);
+  line->add_flag("--insecure", serve->insecure,
+                 "Without --tls also where other machines reach it: anybody, unencrypted");
   line->add_flag("--answer-failures", serve->answerFailures,
                  "Answer transfers that failed or were cancelled, too: with their status and what had arrived");
   line->add_flag("--lean-replies", serve->leanReplies, "Answer OUT transfers without the data of their requests");
@@ -112,10 +125,21 @@ Subcommand AddServe(CLI::App& app, CommonOptions& common) {
 }
 
 int RunServe(const CommonOptions& common, const ServeOptions& serve, const StopSignal& stop) {
+  const std::string& tlsFolder = common.tlsFolder;
+  if (serve.stdio && !tlsFolder.empty()) {
+    throw UsageError("--tls is for --listen: what carries standard input and output has to be safe, as ssh is");
+  }
+  if (!tlsFolder.empty()) {
+    static_cast<void>(TlsContext(tlsFolder, TlsContext::Side::kServer));  // Says now what is wrong with it.
+  }
   DevicePresence presence(common.device, serve.wait, common.cameraSource);
   const Service service{
       ModuleLibrary::Load(common.modulePath), presence, stop, {serve.answerFailures, serve.leanReplies}};
-  return serve.stdio ? ServeStdio(service) : ServeSocket(service, common.device, Listener(serve.listen, stop));
+  if (serve.stdio) {
+    return ServeStdio(service);
+  }
+  const bool mayBeOpen = !tlsFolder.empty() || serve.insecure;
+  return ServeSocket(service, common.device, Listener(serve.listen, stop, mayBeOpen ? nullptr : kOpenToAll), tlsFolder);
 }
 
 }  // namespace vel

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "cmd/Commands.h"
+#include "cmd/DeviceChannel.h"
 #include "cmd/Devices.h"
 #include "cmd/ModuleLog.h"
 #include "cmd/Output.h"
@@ -80,6 +81,11 @@ int main(int argc, char** argv) {
                    "What the emulated camera shows: test, /dev/videoN or a file")
         ->type_name("SOURCE")
         ->capture_default_str();
+    app.add_option(
+           "--tls", common.tlsFolder,
+           "Certificates of tls:// and serve: ca-cert.pem, {client,server}-{cert,key}.pem; without, tls:// takes\n" +
+               std::string(vel::kTlsFolder))
+        ->type_name("DIR");
     app.add_option(
            "--log", level,
            "Show the log from this level on: debug, info, warn, error, off; VEL_LOG_LEVEL does the same. Without,\n"

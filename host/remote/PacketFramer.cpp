@@ -23,6 +23,13 @@ bool IsCommandOrReply(std::uint16_t code) {
   return FindCommand(code) != nullptr || FindCommand(static_cast<std::uint16_t>(code & ~1U)) != nullptr;
 }
 
+// Whether what should be a header begins as a record of TLS does, which can be shorter than one.
+bool IsTls(std::span<const std::uint8_t> header) {
+  constexpr std::uint8_t kAlert = 21;
+  constexpr std::uint8_t kHandshake = 22;
+  return header.size() > 1 && (header[0] == kAlert || header[0] == kHandshake) && header[1] == 3;
+}
+
 // A writer of the other byte order may have written the header in its own order or in this host's: the command tells.
 void BringIntoHostOrder(std::array<std::uint8_t, VelPacket::kHeaderSize>& header) {
   if (header[VelPacket::kByteOrderOffset] == kHostByteOrder || IsCommandOrReply(CommandIn(header.data()))) {
@@ -61,6 +68,10 @@ bool PacketFramer::Feed(std::span<const std::uint8_t> bytes) {
       std::copy_n(bytes.begin(), n, mHeader.begin() + static_cast<std::ptrdiff_t>(mHeaderFilled));
       mHeaderFilled += n;
       bytes = bytes.subspan(n);
+      if (IsTls(std::span(mHeader).first(mHeaderFilled))) {
+        mError = "it speaks TLS (tls://HOST:PORT is for \"serve --tls DIR\", tcp:// for one without)";
+        return false;
+      }
       if (mHeaderFilled == mHeader.size() && !BeginPacket()) {
         return false;
       }

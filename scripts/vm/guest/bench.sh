@@ -4,7 +4,7 @@
 # serve DEVICE ADDRESS: in the background, as $server.
 serve() {
   rm -f /tmp/serve
-  $VIRTUSB --module $VIRTUSB_MODULE serve "$1" --listen "$2" --answer-failures 2>/tmp/serve &
+  $VIRTUSB --module $VIRTUSB_MODULE serve "$1" --listen "$2" --insecure --answer-failures 2>/tmp/serve &
   server=$!
   await "the service" grep -q serving /tmp/serve
 }
