@@ -1,6 +1,7 @@
 #include <CLI/CLI.hpp>
 #include <atomic>
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <utility>
@@ -50,9 +51,9 @@ int RunExport(const CommonOptions& common, const FarOptions& far, const StopSign
     }
   };
   UsbipServer server(end, &Note);
-  for (std::size_t i = 0; i < far.devices.size(); ++i) {
-    server.Add(far.devices[i], OpenFarDevice(far.devices[i], common, far, stop, onGone));
-    Note(far.devices[i] + " is " + server.Record(i).busId);
+  std::uint32_t number = 0;
+  for (const std::string& device : far.devices) {
+    Note(device + " is " + server.Add(++number, device, OpenFarDevice(device, common, far, stop, onGone)));
   }
   Note("serving " + std::to_string(far.devices.size()) + " devices by USB/IP on " + listener.Name() +
        "; interrupt to end");

@@ -1,6 +1,7 @@
 #include "far/UsbipServer.h"
 
 #include <poll.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -58,13 +59,30 @@ UsbipServer::~UsbipServer() {
   }
 }
 
-void UsbipServer::Add(std::string name, std::unique_ptr<FarDevice> device) {
-  const auto number = static_cast<std::uint32_t>(mDevices.size() + 1);
-  auto exported = std::make_unique<Exported>();
+std::string UsbipServer::Add(std::uint32_t number, std::string name, std::unique_ptr<FarDevice> device) {
+  const std::string busId = "1-" + std::to_string(number);
+  auto exported = std::make_shared<Exported>();
   exported->name = std::move(name);
-  exported->record = device->Facts().Record("1-" + std::to_string(number), number);
+  exported->record = device->Facts().Record(busId, number);
   exported->device = std::move(device);
-  mDevices.push_back(std::move(exported));
+  const MutexLock lock(mMutex);
+  mDevices[number].swap(exported);  // What it had goes behind the lock.
+  return busId;
+}
+
+void UsbipServer::Remove(std::uint32_t number) {
+  std::shared_ptr<Exported> removed;  // Closing takes time; outside the lock.
+  const MutexLock lock(mMutex);
+  if (auto node = mDevices.extract(number)) {
+    removed = std::move(node.mapped());
+  }
+}
+
+std::shared_ptr<UsbipServer::Exported> UsbipServer::Find(const std::string& busId) const {
+  const MutexLock lock(mMutex);
+  const auto found =
+      std::ranges::find_if(mDevices, [&busId](const auto& each) { return each.second->record.busId == busId; });
+  return found == mDevices.end() ? nullptr : found->second;
 }
 
 void UsbipServer::Serve(UniqueFd connection, const std::string& peer) {
@@ -112,9 +130,12 @@ void UsbipServer::Talk(int fd, const std::string& peer) try {
 
 void UsbipServer::SendList(int fd) const {
   std::vector<UsbipDeviceRecord> free;
-  for (const auto& exported : mDevices) {
-    if (!exported->taken && !exported->device->IsGone()) {
-      free.push_back(exported->record);
+  {
+    const MutexLock lock(mMutex);
+    for (const auto& [number, exported] : mDevices) {
+      if (!exported->taken && !exported->device->IsGone()) {
+        free.push_back(exported->record);
+      }
     }
   }
   FdStream(fd, fd, mStop).WriteAll(WriteDeviceList(free));
@@ -126,16 +147,15 @@ void UsbipServer::Import(int fd, const std::string& peer) {
     return;
   }
   const std::string busId = ReadBusId(bytes);
-  const auto found =
-      std::ranges::find_if(mDevices, [&busId](const auto& exported) { return exported->record.busId == busId; });
+  const std::shared_ptr<Exported> shared = Find(busId);
   const auto refuse = [&](UsbipRefusal refusal, const std::string& why) {
     FdStream(fd, fd, mStop).WriteAll(WriteImportReply(nullptr, refusal));
     mNote(peer + ": refused, " + why);
   };
-  if (found == mDevices.end()) {
+  if (shared == nullptr) {
     return refuse(UsbipRefusal::kNoDevice, "it asks for a device that there is not");
   }
-  Exported& exported = **found;
+  Exported& exported = *shared;
   if (exported.device->IsGone()) {
     return refuse(UsbipRefusal::kError, exported.name + " is gone");
   }
@@ -147,7 +167,9 @@ void UsbipServer::Import(int fd, const std::string& peer) {
   const Turn turn(exported);
   if (stream.WriteAll(WriteImportReply(&exported.record)) == FdStream::Result::kOk) {
     mNote(peer + " has " + exported.name + " (" + busId + ")");
-    switch (link.Run()) {
+    const UsbipLink::End end = link.Run();
+    shutdown(fd, SHUT_RDWR);  // The guest need not wait for the device to be closed, which may be next.
+    switch (end) {
       case UsbipLink::End::kGuestLeft:
       case UsbipLink::End::kStopped:
         mNote(peer + " has given " + exported.name + " back");

@@ -3,23 +3,26 @@
 
 #include <atomic>
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <list>
+#include <map>
 #include <memory>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include "far/FarDevice.h"
 #include "far/UsbipWire.h"
 #include "remote/FdStream.h"
+#include "vel/Mutex.h"
 
 namespace vel {
 
-// Gives redirected devices to guests that use their own USB/IP client. A device has one owner at a time; its bus id is
-// 1-1, 1-2 and so on, in the order in which the devices were given.
+// Gives redirected devices, which come and go, to guests that use their own USB/IP client. A device has one guest at a
+// time; its bus id is 1-1, 1-2 and so on, as whoever adds it says.
 //
-// One thread takes connections in with Serve; each has a thread of its own, which becomes the device's guest's thread.
+// One thread takes connections in with Serve; each has a thread of its own, which becomes the device's guest's thread,
+// and shares the device with the server: one that is removed ends when its guest has left it.
 class UsbipServer {
  public:
   using Note = std::function<void(const std::string&)>;
@@ -33,9 +36,12 @@ class UsbipServer {
   // Waits for the connections; the signal has to be raised by then.
   ~UsbipServer();
 
-  // Before the first Serve. `name` is for people.
-  void Add(std::string name, std::unique_ptr<FarDevice> device);
-  const UsbipDeviceRecord& Record(std::size_t index) const { return mDevices.at(index)->record; }
+  // From now on there is a device with the bus id 1-`number`, in the place of what had it. `name` is for people.
+  // Returns the bus id. Any thread.
+  std::string Add(std::uint32_t number, std::string name, std::unique_ptr<FarDevice> device) VEL_EXCLUDES(mMutex);
+  // The device is listed and given no more. A guest that has it keeps it until the device itself is gone; without one
+  // it is closed here. Any thread; harmless for a number that nothing has.
+  void Remove(std::uint32_t number) VEL_EXCLUDES(mMutex);
 
   // Takes a client in.
   void Serve(UniqueFd connection, const std::string& peer);
@@ -53,13 +59,15 @@ class UsbipServer {
     std::atomic<bool> over{false};
   };
 
+  std::shared_ptr<Exported> Find(const std::string& busId) const VEL_EXCLUDES(mMutex);
   void Talk(int fd, const std::string& peer);
   void Import(int fd, const std::string& peer);
-  void SendList(int fd) const;
+  void SendList(int fd) const VEL_EXCLUDES(mMutex);
 
   const StopSignal& mStop;
   const Note mNote;
-  std::vector<std::unique_ptr<Exported>> mDevices;
+  mutable Mutex mMutex;
+  std::map<std::uint32_t, std::shared_ptr<Exported>> mDevices VEL_GUARDED_BY(mMutex);
   std::list<Connection> mConnections;  // The serving thread's.
 };
 

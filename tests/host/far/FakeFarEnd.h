@@ -17,6 +17,7 @@
 #include "protocol/ConfigRecords.h"
 #include "remote/PacketChannel.h"
 #include "support/Collected.h"
+#include "vel/Mutex.h"
 
 namespace vel {
 
@@ -64,7 +65,8 @@ class FakeFarEnd final : public PacketChannel {
     return true;
   }
 
-  void Close() override {}
+  // Waits for End, as a channel does for its threads.
+  void Close() override { const MutexLock lock(mEnding); }
 
   // All that was sent since the last time, once there are `count`.
   std::vector<Sent> TakeSent(std::size_t count = 0) {
@@ -106,7 +108,10 @@ class FakeFarEnd final : public PacketChannel {
     payload.insert(payload.end(), data.begin(), data.end());
     Reply(static_cast<int>(command) + 1, 0, payload);
   }
-  void End() { mReceiver.onClosed("it ended"); }
+  void End() {
+    const MutexLock lock(mEnding);
+    mReceiver.onClosed("it ended");
+  }
 
   static void Put(Bytes& bytes, std::uint32_t value) {
     for (unsigned shift = 0; shift < 32; shift += 8) {
@@ -166,6 +171,7 @@ class FakeFarEnd final : public PacketChannel {
     return reply;
   }
 
+  Mutex mEnding;
   Receiver mReceiver;
   Collected<Sent> mSent;
   std::atomic<bool> mHolds{false};
