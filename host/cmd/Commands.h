@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -73,8 +74,11 @@ void AddDevice(CLI::App& command, CommonOptions& common);
 // The same where it may also be one behind packets.
 void AddAnyDevice(CLI::App& command, CommonOptions& common);
 void AddJson(CLI::App& command, CommonOptions& common);
+// The option --auto FILTER.
+void AddFilter(CLI::App& command, std::optional<std::string>& filter, const std::string& about);
 
-int RunList(const CommonOptions& common);
+// With a filter, shows what it says of each local device.
+int RunList(const CommonOptions& common, const std::optional<std::string>& filter);
 // Throws Interrupted once `stop` is raised.
 int RunDescribe(const CommonOptions& common, const StopSignal& stop);
 int RunDemo(const CommonOptions& common);

@@ -20,4 +20,13 @@ void AddJson(CLI::App& command, CommonOptions& common) {
   command.add_flag("--json", common.json, "One JSON document");
 }
 
+void AddFilter(CLI::App& command, std::optional<std::string>& filter, const std::string& about) {
+  command
+      .add_option("--auto", filter,
+                  about +
+                      ": rules class,vendor,product,version,allow\n"
+                      "joined by |, -1 for any; the first that fits decides")
+      ->type_name("FILTER");
+}
+
 }  // namespace vel

@@ -70,9 +70,8 @@ void DevicePresence::OnArrived(const DeviceIdentity& identity) {
   try {
     Take(identity);
   } catch (const std::exception& error) {
-    if (mRefusal != error.what()) {
-      mRefusal = error.what();
-      Note(mRefusal);
+    if (mRefusals.insert(error.what()).second) {
+      Note(error.what());
     }
     return;
   }

@@ -3,6 +3,7 @@
 
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 
 #include "cmd/DeviceHold.h"
@@ -52,7 +53,7 @@ class DevicePresence {
   Mutex mMutex;
   std::optional<DeviceIdentity> mPresent VEL_GUARDED_BY(mMutex);
   std::unique_ptr<DeviceHold> mHold VEL_GUARDED_BY(mMutex);  // Of a local device that is there.
-  std::string mRefusal VEL_GUARDED_BY(mMutex);               // Why it could not be taken, told once.
+  std::set<std::string> mRefusals VEL_GUARDED_BY(mMutex);    // Why one could not be taken, each told once.
   Server* mServer VEL_GUARDED_BY(mMutex) = nullptr;
   std::shared_ptr<StopSignal> mArrival VEL_GUARDED_BY(mMutex);  // Raised when somebody waits and the device is there.
   std::unique_ptr<DeviceWatch> mWatch;                          // Null for an emulated device.

@@ -3,11 +3,14 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cstdint>
+#include <memory>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "cmd/Commands.h"
+#include "cmd/DeviceFilter.h"
 #include "cmd/Devices.h"
 #include "cmd/Output.h"
 #include "cmd/UsbNames.h"
@@ -18,8 +21,9 @@ namespace {
 // What the guest would get: the classes of the interfaces, each named once.
 std::vector<std::string> WhatIsRedirected(const LocalDevice& device) {
   std::vector<std::string> names;
-  for (const std::uint8_t usbClass : device.interfaces) {
-    const std::string name(ClassName(usbClass).empty() ? "class " + std::to_string(usbClass) : ClassName(usbClass));
+  for (const LocalDevice::Interface& interface : device.interfaces) {
+    const std::uint8_t code = interface.usbClass.code;
+    const std::string name(ClassName(code).empty() ? "class " + std::to_string(code) : ClassName(code));
     if (std::find(names.begin(), names.end(), name) == names.end()) {
       names.push_back(name);
     }
@@ -35,19 +39,24 @@ std::string Join(const std::vector<std::string>& words, const char* separator) {
   return text;
 }
 
-nlohmann::ordered_json LocalJson(const LocalDevice& device) {
-  return {{"bus", device.identity.bus},
-          {"address", device.identity.address},
-          {"idVendor", device.identity.vendorId},
-          {"idProduct", device.identity.productId},
-          {"speed", SpeedName(device.speed)},
-          {"manufacturer", device.manufacturer},
-          {"product", device.product},
-          {"redirects", WhatIsRedirected(device)},
-          {"accessible", device.openError == 0}};
+nlohmann::ordered_json LocalJson(const LocalDevice& device, const std::optional<DeviceFilter>& filter) {
+  nlohmann::ordered_json json{{"bus", device.identity.bus},
+                              {"address", device.identity.address},
+                              {"idVendor", device.identity.vendorId},
+                              {"idProduct", device.identity.productId},
+                              {"speed", SpeedName(device.speed)},
+                              {"manufacturer", device.manufacturer},
+                              {"product", device.product},
+                              {"redirects", WhatIsRedirected(device)},
+                              {"accessible", device.openError == 0}};
+  if (filter) {
+    const DeviceFilter::Verdict verdict = filter->Judge(device);
+    json["auto"] = {{"allowed", verdict.allowed}, {"rules", verdict.rules}, {"text", verdict.text}};
+  }
+  return json;
 }
 
-void PrintLocal(const LocalDevice& device) {
+void PrintLocal(const LocalDevice& device, const std::optional<DeviceFilter>& filter) {
   std::vector<std::string> names;
   for (const std::string& name : {device.manufacturer, device.product}) {
     if (!name.empty()) {
@@ -58,6 +67,9 @@ void PrintLocal(const LocalDevice& device) {
                unsigned{device.identity.vendorId}, unsigned{device.identity.productId}, SpeedName(device.speed).data(),
                Join(names, " ").c_str()));
   Print(Format("           redirects: %s\n", Join(WhatIsRedirected(device), ", ").c_str()));
+  if (filter) {
+    Print("           export --auto: " + filter->Judge(device).text + "\n");
+  }
   if (device.openError == LIBUSB_ERROR_ACCESS) {
     Print(Format("           may not be opened by this user: install %s into /etc/udev/rules.d and plug it in again\n",
                  UdevRulePath().c_str()));
@@ -69,12 +81,15 @@ void PrintLocal(const LocalDevice& device) {
 }  // namespace
 
 Subcommand AddList(CLI::App& app, CommonOptions& common) {
+  const auto filter = std::make_shared<std::optional<std::string>>();
   CLI::App* const line = app.add_subcommand("list", "Show what can be redirected");
   AddJson(*line, common);
-  return {line, [&common] { return RunList(common); }};
+  AddFilter(*line, *filter, "Show which local devices \"export --auto\" exports, and by which rule");
+  return {line, [&common, filter] { return RunList(common, *filter); }};
 }
 
-int RunList(const CommonOptions& common) {
+int RunList(const CommonOptions& common, const std::optional<std::string>& filterText) {
+  const std::optional<DeviceFilter> filter = filterText ? std::optional<DeviceFilter>(*filterText) : std::nullopt;
   const std::vector<LocalDevice> locals = LocalDevices();
   if (common.json) {
     nlohmann::ordered_json document{{"emulated", nlohmann::json::array()}, {"local", nlohmann::json::array()}};
@@ -82,7 +97,7 @@ int RunList(const CommonOptions& common) {
       document["emulated"].push_back({{"name", device.name}, {"about", device.about}});
     }
     for (const LocalDevice& device : locals) {
-      document["local"].push_back(LocalJson(device));
+      document["local"].push_back(LocalJson(device, filter));
     }
     Print(document.dump(2) + "\n");
     return 0;
@@ -92,7 +107,9 @@ int RunList(const CommonOptions& common) {
     Print(Format("  %-8s %s\n", device.name.data(), device.about.data()));
   }
   Print(locals.empty() ? "Local devices: none\n" : "Local devices:\n");
-  std::for_each(locals.begin(), locals.end(), &PrintLocal);
+  for (const LocalDevice& device : locals) {
+    PrintLocal(device, filter);
+  }
   return 0;
 }
 

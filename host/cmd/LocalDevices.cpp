@@ -6,8 +6,10 @@
 #include <array>
 #include <chrono>
 #include <cstddef>
+#include <filesystem>
 #include <span>
 #include <stdexcept>
+#include <system_error>
 #include <utility>
 
 namespace vel {
@@ -44,11 +46,6 @@ DeviceIdentity IdentityOf(libusb_device* device, const libusb_device_descriptor&
   return {libusb_get_bus_number(device), libusb_get_device_address(device), desc.idVendor, desc.idProduct, ""};
 }
 
-// BUS:ADDRESS, as the command line takes it.
-std::string Place(const DeviceIdentity& identity) {
-  return std::to_string(identity.bus) + ":" + std::to_string(identity.address);
-}
-
 // Calls visit(device, descriptor) for each device and hub.
 template <class Visit>
 void ForEachDevice(Visit visit) {
@@ -79,39 +76,64 @@ std::string ReadText(libusb_device_handle* handle, std::uint8_t index) {
   return printable;
 }
 
-std::vector<std::uint8_t> InterfaceClasses(libusb_device* device) {
-  std::vector<std::uint8_t> classes;
+std::vector<LocalDevice::Interface> InterfacesOf(libusb_device* device) {
+  std::vector<LocalDevice::Interface> interfaces;
   libusb_config_descriptor* raw = nullptr;
-  if (libusb_get_active_config_descriptor(device, &raw) == 0) {
+  if (libusb_get_active_config_descriptor(device, &raw) == 0 || libusb_get_config_descriptor(device, 0, &raw) == 0) {
     const std::unique_ptr<libusb_config_descriptor, ConfigDeleter> config(raw);
     for (const libusb_interface& interface : std::span(config->interface, config->bNumInterfaces)) {
       if (interface.num_altsetting > 0) {
-        classes.push_back(interface.altsetting[0].bInterfaceClass);
+        const libusb_interface_descriptor& first = interface.altsetting[0];
+        interfaces.push_back({.number = first.bInterfaceNumber,
+                              .usbClass = {.code = first.bInterfaceClass,
+                                           .subclass = first.bInterfaceSubClass,
+                                           .protocol = first.bInterfaceProtocol}});
       }
     }
   }
-  return classes;
+  return interfaces;
 }
 
-LocalDevice LookAt(libusb_device* device, const DeviceIdentity& identity) {
+std::string PortOf(libusb_device* device, const DeviceIdentity& identity) {
+  std::array<std::uint8_t, 7> ports{};  // USB 3.2, 10.1: there are at most five hubs on the way.
+  const int count = libusb_get_port_numbers(device, ports.data(), static_cast<int>(ports.size()));
+  if (count <= 0) {
+    return Place(identity);  // Not known.
+  }
+  std::string path = std::to_string(identity.bus);
+  for (int i = 0; i < count; ++i) {
+    path += (i == 0 ? "-" : ".") + std::to_string(ports.at(static_cast<std::size_t>(i)));
+  }
+  return path;
+}
+
+bool IsImported(std::uint8_t bus) {
+  std::error_code none;  // Then it is not.
+  return std::filesystem::read_symlink("/sys/bus/usb/devices/usb" + std::to_string(bus), none)
+             .native()
+             .find("/vhci_hcd") != std::string::npos;
+}
+
+LocalDevice LookAt(libusb_device* device, const libusb_device_descriptor& desc) {
   LocalDevice local;
-  local.identity = identity;
+  local.identity = IdentityOf(device, desc);
+  local.port = PortOf(device, local.identity);
+  local.version = desc.bcdDevice;
+  local.usbClass = {.code = desc.bDeviceClass, .subclass = desc.bDeviceSubClass, .protocol = desc.bDeviceProtocol};
+  local.interfaces = InterfacesOf(device);
+  local.imported = IsImported(local.identity.bus);
   local.speed = libusb_get_device_speed(device);
-  local.interfaces = InterfaceClasses(device);
+  return local;
+}
+
+void Open(libusb_device* device, const libusb_device_descriptor& desc, LocalDevice& local) {
   libusb_device_handle* raw = nullptr;
   local.openError = libusb_open(device, &raw);
   if (local.openError == 0) {
     const std::unique_ptr<libusb_device_handle, HandleDeleter> handle(raw);
-    libusb_device_descriptor desc{};
-    libusb_get_device_descriptor(device, &desc);
     local.manufacturer = ReadText(handle.get(), desc.iManufacturer);
     local.product = ReadText(handle.get(), desc.iProduct);
   }
-  return local;
-}
-
-bool AreSamePlace(const DeviceIdentity& one, const DeviceIdentity& other) {
-  return one.bus == other.bus && one.address == other.address;
 }
 
 bool IsBefore(const DeviceIdentity& one, const DeviceIdentity& other) {
@@ -123,17 +145,40 @@ bool IsWanted(const std::optional<T>& wanted, T value) {
   return !wanted || *wanted == value;
 }
 
-}  // namespace
-
-std::vector<LocalDevice> LocalDevices() {
+std::vector<LocalDevice> AllButHubs(bool opened) {
   std::vector<LocalDevice> devices;
   ForEachDevice([&](libusb_device* device, const libusb_device_descriptor& desc) {
     if (!IsHub(desc)) {
-      devices.push_back(LookAt(device, IdentityOf(device, desc)));
+      devices.push_back(LookAt(device, desc));
+      if (opened) {
+        Open(device, desc, devices.back());
+      }
     }
   });
   std::ranges::sort(devices, &IsBefore, &LocalDevice::identity);
   return devices;
+}
+
+}  // namespace
+
+std::vector<LocalDevice> PluggedDevices() {
+  return AllButHubs(false);
+}
+
+std::vector<LocalDevice> LocalDevices() {
+  return AllButHubs(true);
+}
+
+std::string Place(const DeviceIdentity& identity) {
+  return std::to_string(identity.bus) + ":" + std::to_string(identity.address);
+}
+
+bool AreSamePlace(const DeviceIdentity& one, const DeviceIdentity& other) {
+  return one.bus == other.bus && one.address == other.address;
+}
+
+bool Contains(const std::vector<DeviceIdentity>& devices, const DeviceIdentity& device) {
+  return std::ranges::any_of(devices, [&](const DeviceIdentity& each) { return AreSamePlace(each, device); });
 }
 
 bool LocalSelector::Matches(const DeviceIdentity& identity) const {
@@ -243,17 +288,12 @@ void DeviceWatch::LookForChange() {
   } catch (const std::runtime_error&) {
     return;  // In a second, perhaps.
   }
-  const bool same = mSeen && std::ranges::any_of(all, [this](const DeviceIdentity& identity) {
-                      return AreSamePlace(identity, *mSeen);
-                    });
-  const std::optional<DeviceIdentity> found = same ? mSeen : all.empty() ? std::nullopt : std::optional(all.front());
-  if (mSeen && !same) {
-    mCallbacks.onLeft(*mSeen);
+  for (const DeviceIdentity& seen : std::exchange(mSeen, all)) {
+    if (!Contains(all, seen)) {
+      mCallbacks.onLeft(seen);
+    }
   }
-  if (found) {
-    mCallbacks.onArrived(*found);  // Again, too: it may be free by now.
-  }
-  mSeen = found;
+  std::ranges::for_each(all, mCallbacks.onArrived);  // Again, too: it may be free by now.
 }
 
 int LIBUSB_CALL DeviceWatch::OnHotplug(libusb_context* /*context*/, libusb_device* device, libusb_hotplug_event event,
@@ -266,9 +306,12 @@ int LIBUSB_CALL DeviceWatch::OnHotplug(libusb_context* /*context*/, libusb_devic
     return 0;
   }
   if (event == LIBUSB_HOTPLUG_EVENT_DEVICE_ARRIVED) {
-    watch.mSeen = watch.mSeen ? watch.mSeen : identity;  // Where nobody tells when it leaves, it is missed then.
+    if (!Contains(watch.mSeen, identity)) {
+      watch.mSeen.push_back(identity);  // Where nobody tells when it leaves, it is missed then.
+    }
     watch.mCallbacks.onArrived(identity);
   } else {
+    std::erase_if(watch.mSeen, [&](const DeviceIdentity& seen) { return AreSamePlace(seen, identity); });
     watch.mCallbacks.onLeft(identity);
   }
   return 0;

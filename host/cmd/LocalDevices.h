@@ -21,19 +21,44 @@ struct LibusbContextDeleter {
 };
 using LibusbContextHandle = std::unique_ptr<libusb_context, LibusbContextDeleter>;
 
+// What a device or an interface says it is.
+struct UsbClass {
+  std::uint8_t code = 0;
+  std::uint8_t subclass = 0;
+  std::uint8_t protocol = 0;
+};
+
 // A device that is plugged into this machine.
 struct LocalDevice {
+  struct Interface {
+    std::uint8_t number = 0;
+    UsbClass usbClass;  // Of its first setting.
+  };
+
   DeviceIdentity identity;
-  int speed = 0;                         // enum libusb_speed
-  std::vector<std::uint8_t> interfaces;  // Class of each interface's first setting, in order.
-  int openError = 0;                     // LIBUSB_ERROR_ACCESS where this user may not open it.
-  std::string manufacturer;              // As far as the device can be opened.
+  std::string port;           // Bus and the ports on the way, as in "1-4.2": stays the same when the device returns.
+  std::uint16_t version = 0;  // bcdDevice
+  UsbClass usbClass;
+  std::vector<Interface> interfaces;  // Of the active configuration, of the first one when none is; in order.
+  bool imported = false;              // Another machine's, by USB/IP.
+  int speed = 0;                      // enum libusb_speed
+  int openError = 0;                  // LIBUSB_ERROR_ACCESS where this user may not open it.
+  std::string manufacturer;           // As far as the device can be opened.
   std::string product;
 };
 
-// All but hubs, in the order of bus and address. Opens each device for a moment. Throws std::runtime_error when the
-// machine's USB cannot be looked at.
+// All but hubs, in the order of bus and address, from what the kernel knows of them: openError and the texts stay
+// empty. Throws std::runtime_error when the machine's USB cannot be looked at.
+std::vector<LocalDevice> PluggedDevices();
+// The same, and opens each device for a moment for the rest.
 std::vector<LocalDevice> LocalDevices();
+
+// BUS:ADDRESS, as the command line takes it.
+std::string Place(const DeviceIdentity& identity);
+
+// Whether these are one device that has not left meanwhile.
+bool AreSamePlace(const DeviceIdentity& one, const DeviceIdentity& other);
+bool Contains(const std::vector<DeviceIdentity>& devices, const DeviceIdentity& device);
 
 // Which local device is meant: a place, or ids that may turn up at any place.
 struct LocalSelector {
@@ -52,8 +77,8 @@ std::optional<DeviceIdentity> FindLocalDevice(const LocalSelector& selector);
 // The value of its configuration, 0 when it has none; nothing when it is not there.
 std::optional<int> ActiveConfiguration(const DeviceIdentity& identity);
 
-// Tells when the selected device arrives or leaves. The callbacks come on the watch's own thread, and for a device
-// that is there already once at the start. Something that is known may be told again.
+// Tells when the selected devices arrive or leave. The callbacks come on the watch's own thread, and for devices that
+// are there already once at the start, on its maker's. Something that is known may be told again.
 class DeviceWatch {
  public:
   struct Callbacks {
@@ -82,7 +107,7 @@ class DeviceWatch {
   LibusbContextHandle mContext;
   libusb_hotplug_callback_handle mHotplug = 0;
   std::atomic<bool> mStopped{false};
-  std::optional<DeviceIdentity> mSeen;  // For LookForChange; the watch's thread and, before that, its maker's.
+  std::vector<DeviceIdentity> mSeen;  // For LookForChange; the watch's thread and, before that, its maker's.
   std::thread mThread;
 };
 

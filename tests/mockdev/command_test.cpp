@@ -60,6 +60,13 @@ TEST_F(CommandAndDevice, ListShowsTheDeviceAndWhetherItMayBeOpened) {
                                    {"redirects", {"Vendor Specific Class"}},
                                    {"accessible", true}};
   EXPECT_EQ(json["local"], nlohmann::json::array({expected}));
+  for (const auto& [filter, text, allowed, rules] :
+       {std::tuple{"8,-1,-1,-1,1|0xff,0x1209,-1,-1,1", "allowed by rule 2", true, "[2]"},
+        {"-1,-1,1,-1,0", "refused by rule 1 (interface 0, class 255)", false, "[1]"}}) {
+    EXPECT_THAT(Run(Words({"list", "--auto", filter})).output, HasSubstr(std::string("export --auto: ") + text + "\n"));
+    EXPECT_EQ(nlohmann::json::parse(Run(Words({"list", "--json", "--auto", filter})).output)["local"][0]["auto"],
+              (nlohmann::json{{"allowed", allowed}, {"rules", nlohmann::json::parse(rules)}, {"text", text}}));
+  }
   ExpectDriversBack();
   mDevice.Forbid();
   std::vector<std::string> words = Words({"list"});
