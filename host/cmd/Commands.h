@@ -51,6 +51,8 @@ struct FarOptions {
   bool untouched = false;       // A camera's raw pictures stay raw on the way.
   std::string listen = "3240";  // As of ServeOptions; export's alone.
   bool insecure = false;        // The same.
+  // Of the local devices that are exported as they come and go; export's alone. With it `devices` may be empty.
+  std::optional<std::string> filter;
 };
 
 // A command of the command line, and what runs it once the line was parsed.
@@ -89,7 +91,7 @@ int RunServe(const CommonOptions& common, const ServeOptions& serve, const StopS
 int RunGiveback(const CommonOptions& common);
 // Puts devices on this machine's bus until `stop` is raised or none is left.
 int RunAttach(const CommonOptions& common, const FarOptions& far, const StopSignal& stop);
-// Gives devices to guests' own clients until `stop` is raised or none is left.
+// Gives devices to guests' own clients until `stop` is raised or, without a filter, none is left.
 int RunExport(const CommonOptions& common, const FarOptions& far, const StopSignal& stop);
 
 // The rule file that lets a user open USB devices, as installed or in the source tree.

@@ -3,15 +3,20 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 
+#include "cmd/AutoExport.h"
 #include "cmd/Commands.h"
+#include "cmd/DeviceFilter.h"
+#include "cmd/Devices.h"
 #include "cmd/FarDevices.h"
 #include "cmd/Listener.h"
 #include "cmd/Output.h"
 #include "cmd/Signals.h"
 #include "far/UsbipServer.h"
+#include "remote/ModuleLibrary.h"
 #include "remote/StopWatcher.h"
 
 namespace vel {
@@ -28,6 +33,8 @@ Subcommand AddExport(CLI::App& app, CommonOptions& common) {
   CLI::App* const line =
       app.add_subcommand("export", "Give devices to guests that use their own USB/IP client, until interrupted");
   AddFarOptions(*line, *far);
+  line->get_option("DEVICE")->required(false);  // With --auto.
+  AddFilter(*line, far->filter, "Also every local device that this allows, as it comes and goes");
   line->add_option("--listen", far->listen, "On ADDR:PORT, or on PORT of the loopback address")
       ->type_name("[ADDR:]PORT")
       ->capture_default_str();
@@ -41,12 +48,21 @@ Subcommand AddExport(CLI::App& app, CommonOptions& common) {
 }
 
 int RunExport(const CommonOptions& common, const FarOptions& far, const StopSignal& stop) {
-  const StopSignal end;  // Stopped, or the last device is gone.
+  if (far.devices.empty() && !far.filter) {
+    throw UsageError("no DEVICE is given, and no --auto FILTER (see virtusb export --help)");
+  }
+  std::optional<DeviceFilter> filter;
+  std::shared_ptr<ModuleLibrary> library;  // Stays loaded while no device is there.
+  if (far.filter) {
+    filter.emplace(*far.filter);
+    library = ModuleLibrary::Load(common.modulePath);
+  }
+  const StopSignal end;  // Stopped, or the last device is gone and no other can come.
   const StopWatcher watcher(stop, [&end] { end.Raise(); });
   const Listener listener(far.listen, end, far.insecure ? nullptr : kOpenToAll);
   std::atomic<std::size_t> left{far.devices.size()};
-  const auto onGone = [&left, &end] {
-    if (--left == 0) {
+  const auto onGone = [&left, &end, &filter] {
+    if (--left == 0 && !filter) {
       end.Raise();
     }
   };
@@ -55,8 +71,13 @@ int RunExport(const CommonOptions& common, const FarOptions& far, const StopSign
   for (const std::string& device : far.devices) {
     Note(device + " is " + server.Add(++number, device, OpenFarDevice(device, common, far, stop, onGone)));
   }
-  Note("serving " + std::to_string(far.devices.size()) + " devices by USB/IP on " + listener.Name() +
-       "; interrupt to end");
+  std::optional<AutoExport> others;
+  if (filter) {
+    others.emplace(*filter, far.devices, server,
+                   [&](const std::string& device) { return OpenFarDevice(device, common, far, stop); });
+  }
+  Note("serving " + (filter ? "devices as they come and go" : std::to_string(far.devices.size()) + " devices") +
+       " by USB/IP on " + listener.Name() + "; interrupt to end");
   while (true) {
     std::string peer;
     UniqueFd connection = listener.Accept(peer);

@@ -37,6 +37,27 @@ class CommandAndDevice : public testing::Test {
   static CommandProcess::Ending Run(const std::vector<std::string>& words) {
     return CommandProcess(words, kDeadline).Leave();
   }
+  // A client of "export", which listens on the port.
+  static std::string PortOf(CommandProcess& command) {
+    const std::string text = command.AwaitMessage("; interrupt to end");
+    const std::size_t at = text.find("127.0.0.1:") + 10;
+    return text.substr(at, text.find(';', at) - at);
+  }
+  static UniqueFd Ask(const std::string& port, Bytes request) {  // USB/IP
+    const StopSignal never;
+    UniqueFd client = ConnectTcp({"127.0.0.1", port}, never);
+    fcntl(client.Get(), F_SETFL, 0);  // Reads wait.
+    EXPECT_GT(send(client.Get(), request.data(), request.size(), MSG_NOSIGNAL), 0);
+    return client;
+  }
+  static UniqueFd Import(const std::string& port, char number) {
+    Bytes request = {1, 0x11, 0x80, 3, 0, 0, 0, 0, '1', '-', static_cast<std::uint8_t>(number)};
+    request.resize(40);
+    UniqueFd guest = Ask(port, request);
+    Bytes reply(320);
+    EXPECT_EQ(recv(guest.Get(), reply.data(), reply.size(), MSG_WAITALL), 320);
+    return guest;
+  }
   void ExpectDriversBack() {
     EXPECT_TRUE(mDevice.AwaitClosed());
     EXPECT_THAT(mDevice.Look().driverBound, Each(true));
@@ -133,20 +154,9 @@ TEST_F(CommandAndDevice, HubsAndDevicesThatAreTwoAreRefused) {
 TEST_F(CommandAndDevice, ExportGivesADeviceThatIsPulledOutBackAndListsItNoMore) {
   mDevice.Plug();
   CommandProcess command(Words({"export", "1209:0001", "keyboard", "--listen", "0"}), kDeadline);
-  std::string port = command.AwaitMessage("; interrupt to end");
-  port = port.substr(port.find("127.0.0.1:") + 10);
-  const StopSignal never;
-  const auto ask = [&](Bytes request) {  // USB/IP
-    UniqueFd client = ConnectTcp({"127.0.0.1", port.substr(0, port.find(';'))}, never);
-    fcntl(client.Get(), F_SETFL, 0);  // Reads wait.
-    EXPECT_GT(send(client.Get(), request.data(), request.size(), MSG_NOSIGNAL), 0);
-    return client;
-  };
+  const std::string port = PortOf(command);
   std::array<std::uint8_t, 320> reply{};
-  Bytes import = {1, 0x11, 0x80, 3, 0, 0, 0, 0, '1', '-', '1'};
-  import.resize(40);
-  const UniqueFd guest = ask(import);
-  EXPECT_EQ(recv(guest.Get(), reply.data(), reply.size(), MSG_WAITALL), 320);
+  const UniqueFd guest = Import(port, '1');
   Bytes request(48);  // A vendor's. Behind its answer nothing is under way that could tell.
   request[3] = request[7] = request[15] = request[41] = 1;
   request[40] = 0xC0;
@@ -155,11 +165,35 @@ TEST_F(CommandAndDevice, ExportGivesADeviceThatIsPulledOutBackAndListsItNoMore) 
   mDevice.Unplug();
   EXPECT_EQ(recv(guest.Get(), reply.data(), 1, 0), 0);
   EXPECT_TRUE(mDevice.AwaitClosed());
-  EXPECT_EQ(recv(ask({1, 0x11, 0x80, 5, 0, 0, 0, 0}).Get(), reply.data(), 12, MSG_WAITALL), 12);
+  EXPECT_EQ(recv(Ask(port, {1, 0x11, 0x80, 5, 0, 0, 0, 0}).Get(), reply.data(), 12, MSG_WAITALL), 12);
   EXPECT_THAT(std::span(reply).first(12), ElementsAre(1, 0x11, 0, 5, 0, 0, 0, 0, 0, 0, 0, 1));  // The keyboard.
   const auto ending = command.Kill(SIGINT);
   EXPECT_EQ(ending.status, 0);
   EXPECT_THAT(ending.messages, HasSubstr("1209:0001: it was pulled out\n"));
+}
+
+TEST_F(CommandAndDevice, ExportTakesWhatItsFilterAllowsAsItComesAndGoesAndAPortKeepsItsBusId) {
+  mDevice.Plug();
+  mDevice.PlugTwin();  // Cannot be opened.
+  CommandProcess command(
+      Words({"export", "keyboard", Place(), "--auto", "9,-1,-1,-1,1|0xff,0x1209,-1,-1,1", "--listen", "0"}), kDeadline);
+  const std::string port = PortOf(command);
+  const std::string refused = "1:101";
+  command.AwaitMessage(refused);
+  for (int time = 1; time <= 3; ++time) {
+    const UniqueFd guest = Import(port, '2');
+    mDevice.Unplug();
+    char byte = 0;
+    EXPECT_EQ(recv(guest.Get(), &byte, 1, 0), 0);
+    EXPECT_TRUE(mDevice.AwaitClosed());
+    mDevice.Plug();
+    command.AwaitMessage(Place() + " (1209:0001, Mocked Device) is 1-2\n");
+  }
+  const auto ending = command.Kill(SIGINT);
+  EXPECT_EQ(ending.status, 0);
+  EXPECT_THAT(ending.messages, testing::Not(HasSubstr("no device ")));
+  EXPECT_THAT(ending.messages, testing::Not(testing::ContainsRegex(refused + ".*\n(.*\n)*" + refused)));
+  ExpectDriversBack();
 }
 
 TEST_F(CommandAndDevice, ServeWaitsForTheDeviceAndTakesItBack) {
