@@ -1,6 +1,7 @@
 #include "cmd/AutoExport.h"
 
 #include <algorithm>
+#include <chrono>
 #include <exception>
 #include <optional>
 #include <utility>
@@ -13,6 +14,9 @@
 
 namespace vel {
 namespace {
+
+// Nothing tells when another program lets a device go, or its node gets other rights.
+constexpr std::chrono::seconds kRetryAfter{2};
 
 // The one device that is meant by what was named on the command line, when it is a local one.
 std::optional<LocalDevice> FindNamed(const std::string& name, const std::vector<LocalDevice>& plugged) {
@@ -88,9 +92,16 @@ bool AutoExport::IsStopped() {
 void AutoExport::Work() {
   while (true) {
     {
+      const bool retries = !mTrouble.empty() ||
+                           std::ranges::any_of(mPorts, [](const auto& entry) { return !entry.second.refusal.empty(); });
+      const auto deadline = std::chrono::steady_clock::now() + kRetryAfter;
       MutexLock lock(mMutex);
       while (!mLookAgain && !mStopped) {
-        mChanged.Wait(lock);
+        if (!retries) {
+          mChanged.Wait(lock);
+        } else if (!mChanged.WaitUntil(lock, deadline)) {
+          break;
+        }
       }
       if (mStopped) {
         return;
@@ -100,7 +111,7 @@ void AutoExport::Work() {
     try {
       Look();
       mTrouble.clear();
-    } catch (const std::exception& error) {  // No memory or descriptor: at the next change, perhaps.
+    } catch (const std::exception& error) {  // No memory or descriptor: soon, perhaps.
       if (std::exchange(mTrouble, error.what()) != error.what()) {
         Note(mTrouble);
       }
@@ -160,6 +171,7 @@ void AutoExport::TryExport(const LocalDevice& device) {
                 product.empty() ? "" : (", " + product).c_str()) +
          mServer.Add(port.number, place, std::move(opened)));
     port.opened = true;
+    port.refusal.clear();
   } catch (const Interrupted&) {
     return;
   } catch (const std::exception& error) {

@@ -18,8 +18,8 @@
 namespace vel {
 
 // Exports each local device that a filter allows, as it comes and goes. A port keeps its bus id as long as this lives,
-// whatever is plugged into it. One that cannot be opened is told of once, and tried again whenever a device comes or
-// goes. A thread of its own opens and closes devices; the watch only wakes it.
+// whatever is plugged into it. One that cannot be opened is told of once, and tried again every two seconds. A thread
+// of its own opens and closes devices; the watch only wakes it.
 class AutoExport {
  public:
   // Opens BUS:ADDRESS. Throws what is to be told of, and Interrupted.

@@ -196,6 +196,18 @@ TEST_F(CommandAndDevice, ExportTakesWhatItsFilterAllowsAsItComesAndGoesAndAPortK
   ExpectDriversBack();
 }
 
+TEST_F(CommandAndDevice, ExportTakesADeviceOnceAnotherProgramHasLetItGo) {
+  mDevice.Plug();
+  CommandProcess other(Words({"serve", "1209:0001", "--stdio"}), kDeadline);
+  Take(other.Remote());
+  CommandProcess command(Words({"export", "--auto", "-1,-1,-1,-1,1", "--listen", "0"}), kDeadline);
+  command.AwaitMessage("is already redirected by ");
+  other.Leave();
+  command.AwaitMessage("Mocked Device) is 1-1\n");
+  EXPECT_EQ(command.Kill(SIGINT).status, 0);
+  ExpectDriversBack();
+}
+
 TEST_F(CommandAndDevice, ServeWaitsForTheDeviceAndTakesItBack) {
   CommandProcess left(Words({"serve", "1209:0001", "--stdio", "--wait"}), kDeadline);
   left.AwaitMessage("waiting for the device");
