@@ -1,22 +1,21 @@
 #include <poll.h>
-#include <sys/socket.h>
 
 #include <CLI/CLI.hpp>
 #include <atomic>
-#include <functional>
 #include <memory>
-#include <stdexcept>
+#include <optional>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
+#include "cmd/AttachedDevice.h"
 #include "cmd/Commands.h"
+#include "cmd/DeviceChannel.h"
 #include "cmd/FarDevices.h"
 #include "cmd/Output.h"
+#include "cmd/Retry.h"
 #include "cmd/Signals.h"
 #include "far/FarDevice.h"
-#include "far/UsbipLink.h"
 #include "far/Vhci.h"
 
 namespace vel {
@@ -25,63 +24,28 @@ namespace {
 // For a driver to be found; one may have to be loaded first.
 constexpr std::chrono::seconds kDriverTime{10};
 
-// One device on this machine's bus, until its connection ends or `stop` is raised.
-class Attached {
- public:
-  Attached(std::string name, std::unique_ptr<FarDevice> device, const Vhci& vhci, const StopSignal& stop,
-           std::function<void()> onEnd)
-      : mName(std::move(name)),
-        mDevice(std::move(device)),
-        mKernel(vhci.Attach(mDevice->Facts().KernelSpeed(), mPort)),
-        mLink(mKernel.Get(), *mDevice, stop),
-        mThread([this, onEnd = std::move(onEnd)] {
-          mEnd = mLink.Run();
-          if (mEnd == UsbipLink::End::kGuestLeft || mEnd == UsbipLink::End::kMalformed) {
-            Note(mName + " was detached by this machine" + (mLink.Error().empty() ? "" : ": " + mLink.Error()));
-          } else if (mEnd == UsbipLink::End::kFailed) {
-            Note(mName + ": ended, " + mLink.Error());
-          }
-          shutdown(mKernel.Get(), SHUT_RDWR);  // The kernel unplugs it.
-          onEnd();
-        }) {}
-  Attached(const Attached&) = delete;
-  Attached& operator=(const Attached&) = delete;
-  ~Attached() { Join(); }
-
-  void Join() {
-    if (mThread.joinable()) {
-      mThread.join();
-    }
+void SayDrivers(const AttachedDevice& device, const Vhci& vhci, const StopSignal& stop) {
+  const unsigned port = device.Port();
+  const auto bound = AwaitDrivers(vhci, port, kDriverTime, stop);
+  if (stop.IsRaised()) {
+    return;
   }
-
-  void SayDrivers(const Vhci& vhci, const StopSignal& stop) const {
-    const auto bound = AwaitDrivers(vhci, mPort, kDriverTime, stop);
-    if (stop.IsRaised()) {
-      return;
-    }
-    std::string line = mName + " is on port " + std::to_string(mPort);
-    if (!bound) {
-      Note(line + ", but this machine does not bring it up");
-      return;
-    }
-    line += " as " + bound->name + ":";
-    for (const std::string& driver : bound->drivers) {
-      line += " " + (driver == "-" ? "no driver" : driver);
-    }
-    Note(line);
+  std::string line = device.Name() + " is on port " + std::to_string(port);
+  if (!bound) {
+    Note(line + ", but this machine does not bring it up");
+    return;
   }
-  // After Join.
-  bool WasLost() const { return mEnd == UsbipLink::End::kDeviceGone; }
+  line += " as " + bound->name + ":";
+  for (const std::string& driver : bound->drivers) {
+    line += " " + (driver == "-" ? "no driver" : driver);
+  }
+  Note(line);
+}
 
- private:
-  const std::string mName;
-  const std::unique_ptr<FarDevice> mDevice;
-  unsigned mPort = 0;
-  UniqueFd mKernel;
-  UsbipLink mLink;
-  UsbipLink::End mEnd = UsbipLink::End::kStopped;
-  std::thread mThread;
-};
+// A device of this machine that was pulled out is another one when it comes back.
+std::optional<Retry> RetryOf(const std::string& device, std::optional<unsigned> tries) {
+  return IsRemoteDevice(device) ? std::optional<Retry>(std::in_place, tries, Retry::Pauses{}) : std::nullopt;
+}
 
 }  // namespace
 
@@ -89,6 +53,9 @@ Subcommand AddAttach(CLI::App& app, CommonOptions& common) {
   const auto far = std::make_shared<FarOptions>();
   CLI::App* const line = app.add_subcommand("attach", "Put devices on this machine's own USB bus, until interrupted");
   AddFarOptions(*line, *far);
+  line->add_option("--tries", far->tries,
+                   "How often a device elsewhere is tried again, after 1, 2, 4 to 30 seconds, when it is not there at\n"
+                   "the start and each time it is lost. Without: at the start never, then until interrupted");
   line->footer("Takes root and the kernel's vhci-hcd. Who serves a device elsewhere does it with --answer-failures.");
   return {line, [&common, far] {
             const CaughtSignals signals;
@@ -99,24 +66,36 @@ Subcommand AddAttach(CLI::App& app, CommonOptions& common) {
 int RunAttach(const CommonOptions& common, const FarOptions& far, const StopSignal& stop) {
   const Vhci vhci;
   const StopSignal allOver;
-  std::vector<std::unique_ptr<FarDevice>> devices;  // All are there before the first one is plugged in.
-  for (const std::string& device : far.devices) {
-    devices.push_back(OpenFarDevice(device, common, far, stop));
-  }
-  std::atomic<std::size_t> left{devices.size()};
-  const StopSignal end;  // Ends the devices when the next one cannot be attached.
-  std::vector<std::unique_ptr<Attached>> attached;
-  const auto onEnd = [&left, &allOver] {
-    if (--left == 0) {
-      allOver.Raise();
-    }
+  const StopSignal end;  // Ends the devices: stopped, or the next one cannot be attached.
+  std::atomic<std::size_t> left{far.devices.size()};
+  const auto waysOf = [&](const std::string& name) {
+    return AttachedDevice::Ways{
+        .open = [&, name](const StopSignal& until) { return OpenFarDevice(name, common, far, until); },
+        .plug = [&vhci](std::uint32_t speed, unsigned& port) { return vhci.Attach(speed, port); },
+        .unplug = [&vhci, &end](const UniqueFd& connection, unsigned port) { vhci.Unplug(connection, port, end); },
+        .retry = [&far, name] { return RetryOf(name, far.tries); },
+        .note = &Note,
+        .onEnd =
+            [&left, &allOver] {
+              if (--left == 0) {
+                allOver.Raise();
+              }
+            }};
   };
+  std::vector<std::unique_ptr<FarDevice>> devices;  // All are there before the first one is plugged in.
+  for (const std::string& name : far.devices) {
+    std::optional<Retry> retry = far.tries ? RetryOf(name, far.tries) : std::nullopt;
+    devices.push_back(
+        AttachedDevice::Reach(waysOf(name), retry, stop, [](const std::string& why) { Note(why + "; trying again"); }));
+  }
+  std::vector<std::unique_ptr<AttachedDevice>> attached;
   try {
     for (std::size_t i = 0; i < devices.size(); ++i) {
-      attached.push_back(std::make_unique<Attached>(far.devices[i], std::move(devices[i]), vhci, end, onEnd));
+      const std::string& name = far.devices[i];
+      attached.push_back(std::make_unique<AttachedDevice>(name, std::move(devices[i]), waysOf(name), end));
     }
     for (const auto& each : attached) {
-      each->SayDrivers(vhci, stop);
+      SayDrivers(*each, vhci, stop);
     }
     stop.WaitFor(allOver.Fd(), POLLIN);
   } catch (...) {

@@ -53,6 +53,9 @@ struct FarOptions {
   bool insecure = false;        // The same.
   // Of the local devices that are exported as they come and go; export's alone. With it `devices` may be empty.
   std::optional<std::string> filter;
+  // Attach's alone: how often a device elsewhere is tried again when it is not there. Unset: at the start never, and
+  // without end once it was.
+  std::optional<unsigned> tries;
 };
 
 // A command of the command line, and what runs it once the line was parsed.

@@ -26,6 +26,8 @@ constexpr std::uint32_t kSuper = 5;
 constexpr std::uint32_t kDeviceId = 0x00010001;  // Bus and device number where it comes from; nobody looks at them.
 
 constexpr std::chrono::milliseconds kQuiet{1000};
+constexpr std::chrono::seconds kUnplugTime{5};
+constexpr std::chrono::milliseconds kUnplugStep{20};
 
 UniqueFd OpenUevents() {
   UniqueFd fd(socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, NETLINK_KOBJECT_UEVENT));
@@ -117,6 +119,19 @@ UniqueFd Vhci::Attach(std::uint32_t speed, unsigned& port) const {
   throw std::runtime_error(std::string("no port for a device of this speed is free (") +
                            (speed >= kSuper ? "SuperSpeed" : "up to high speed") +
                            "): detach another one, or give vhci-hcd more with its option num_controllers");
+}
+
+void Vhci::Unplug(const UniqueFd& connection, unsigned port, const StopSignal& stop,
+                  const std::filesystem::path& devices) const {
+  const auto name = DeviceOn(port);
+  shutdown(connection.Get(), SHUT_RDWR);
+  const auto deadline = std::chrono::steady_clock::now() + kUnplugTime;
+  std::error_code error;
+  // The kernel tells of it before it is done with it, and then nothing more.
+  while (name && std::filesystem::exists(devices / *name, error) && std::chrono::steady_clock::now() < deadline &&
+         !stop.IsRaised()) {
+    stop.WaitFor(-1, 0, kUnplugStep);
+  }
 }
 
 std::optional<std::string> Vhci::DeviceOn(unsigned port) const {

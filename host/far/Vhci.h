@@ -27,6 +27,11 @@ class Vhci {
   // connection that carries its URBs; closing it unplugs the device. Throws std::runtime_error when no port is free.
   UniqueFd Attach(std::uint32_t speed, unsigned& port) const;
 
+  // Unplugs what is on the port by its connection's end, and waits, a few seconds at most and not once `stop` is
+  // raised, until the kernel has let go of it: what it takes back of that device would go to the next one on the port.
+  void Unplug(const UniqueFd& connection, unsigned port, const StopSignal& stop,
+              const std::filesystem::path& devices = "/sys/bus/usb/devices") const;
+
   // What is on the port; nothing until the kernel has given it a name.
   std::optional<std::string> DeviceOn(unsigned port) const;
 

@@ -1,7 +1,7 @@
 # For the scenarios of the far side; sourced.
 # shellcheck shell=sh
 
-# attach DEVICE...: in the background; what it says is in $said. Waits until the last device's driver is there.
+# attach [--OPTION...] DEVICE...: in the background; what it says is in $said. Waits until the last device's driver is there.
 said=/tmp/attached
 attached= exporter=
 # shellcheck disable=SC2086 # None, or one.
