@@ -53,7 +53,8 @@ void VirtUDevice::Init() {
   mIo = std::move(io);
   mEmulated = mIo->GetIoType() == kIoTypeEmulated;
   mIo->Init();
-  mPolicy = std::make_unique<RedirPolicy>(mIo.get(), mDeviceBase->PayloadHeaderLengthCounts());
+  mPolicy = std::make_unique<RedirPolicy>(mIo.get(), mDeviceBase->PayloadHeaderLengthCounts(),
+                                          mDeviceBase->WantsNewestPictures());
 }
 
 int VirtUDevice::OpenUsbDev() {

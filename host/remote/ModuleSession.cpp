@@ -25,6 +25,7 @@ class ModuleSession::Device final : public VelDeviceBase {
   bool AnswersFailedTransfers() const override { return mOptions.answersFailures; }
   bool WantsLeanReplies() const override { return mOptions.leanReplies; }
   bool PayloadHeaderLengthCounts() const override { return true; }
+  bool WantsNewestPictures() const override { return true; }
 
   std::uint8_t TakeReplyReqId(std::uint16_t replyCommand, std::uint32_t streamId) override {
     return mReplyIds.Take(replyCommand, streamId);

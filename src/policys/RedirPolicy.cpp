@@ -101,7 +101,8 @@ void WriteAltSetting(DescriptorWriter& writer, const libusb_interface_descriptor
 
 }  // namespace
 
-RedirPolicy::RedirPolicy(IUsbIo* io, bool headerLengthCounts) : mIo(io), mHeaderLengthCounts(headerLengthCounts) {
+RedirPolicy::RedirPolicy(IUsbIo* io, bool headerLengthCounts, bool newestPictures)
+    : mIo(io), mHeaderLengthCounts(headerLengthCounts), mNewestPictures(newestPictures) {
   VEL_DEBUG("ENTER");
 }
 
@@ -132,10 +133,10 @@ void RedirPolicy::ProbeCamera() {
   }
   if (mPolicyMap[kUvcClassVideo] == 1) {
     VEL_DEBUG("Enable UVC policy");
-    mUvcPolicy = std::make_unique<UVCPolicy>(mIo, 0, 1, 1, mHeaderLengthCounts);
+    mUvcPolicy = std::make_unique<UVCPolicy>(mIo, 0, 1, 1, mHeaderLengthCounts, mNewestPictures);
   } else {
     VEL_DEBUG("Disable UVC policy");
-    mUvcPolicy = std::make_unique<UVCPolicy>(mIo, 0, 0, 0, mHeaderLengthCounts);
+    mUvcPolicy = std::make_unique<UVCPolicy>(mIo, 0, 0, 0, mHeaderLengthCounts, mNewestPictures);
   }
   mUvcPolicy->ParseDescriptors(mConfig);
   mPolicyInterface = mUvcPolicy->GetVSInterface();

@@ -20,7 +20,8 @@ namespace vel {
 class RedirPolicy {
  public:
   // `headerLengthCounts`: whether a camera's payload headers are as long as they say (UVCPayloadHeader::SizeOf).
-  explicit RedirPolicy(IUsbIo* io, bool headerLengthCounts = false);
+  // `newestPictures`: see UVCStreamTally.
+  explicit RedirPolicy(IUsbIo* io, bool headerLengthCounts = false, bool newestPictures = false);
   RedirPolicy(const RedirPolicy&) = delete;
   RedirPolicy& operator=(const RedirPolicy&) = delete;
   ~RedirPolicy() = default;
@@ -66,6 +67,7 @@ class RedirPolicy {
 
   IUsbIo* const mIo;
   const bool mHeaderLengthCounts;
+  const bool mNewestPictures;
   libusb_config_descriptor* mConfig = nullptr;  // The backend's.
   std::vector<std::uint8_t> mRawConfig;
   std::uint8_t mPolicyEndpoint = kNoPolicy;

@@ -10,8 +10,12 @@
 namespace vel {
 
 UVCPolicy::UVCPolicy(IUsbIo* io, std::uint32_t heightLimit, std::int8_t /*unused*/, std::uint8_t transcode,
-                     bool headerLengthCounts)
-    : mIo(*io), mHeightLimit(heightLimit), mTranscode(transcode), mHeaderLengthCounts(headerLengthCounts) {}
+                     bool headerLengthCounts, bool newestPictures)
+    : mIo(*io),
+      mHeightLimit(heightLimit),
+      mTranscode(transcode),
+      mHeaderLengthCounts(headerLengthCounts),
+      mNewestPictures(newestPictures) {}
 
 UVCPolicy::~UVCPolicy() {
   VEL_DEBUG("~UVCPolicy");
@@ -98,7 +102,8 @@ UVCCameraReader::Source UVCPolicy::StreamSource(std::uint32_t altSetting) const 
           .frameSize = ctrl.dwMaxVideoFrameSize,
           .payloadSize = mNegotiation.PayloadSize(altSetting),
           .pictureSize = mNegotiation.PictureSize(),
-          .headerLengthCounts = mHeaderLengthCounts};
+          .headerLengthCounts = mHeaderLengthCounts,
+          .newestPictures = mNewestPictures};
 }
 
 int UVCPolicy::StartStream(std::uint32_t altSetting) {

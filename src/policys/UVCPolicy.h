@@ -22,8 +22,9 @@ class UVCPolicy {
  public:
   // `heightLimit`: frames that are taller (pixels) are hidden from the remote side; 0 hides none. `unused` is ignored.
   // `transcode`: raw pictures go out as H.264. `headerLengthCounts`: see UVCPayloadHeader::SizeOf.
+  // `newestPictures`: see UVCStreamTally.
   UVCPolicy(IUsbIo* io, std::uint32_t heightLimit, std::int8_t unused, std::uint8_t transcode,
-            bool headerLengthCounts = false);
+            bool headerLengthCounts = false, bool newestPictures = false);
   UVCPolicy(const UVCPolicy&) = delete;
   UVCPolicy& operator=(const UVCPolicy&) = delete;
   ~UVCPolicy();
@@ -73,6 +74,7 @@ class UVCPolicy {
   const std::uint32_t mHeightLimit;
   const std::uint8_t mTranscode;
   const bool mHeaderLengthCounts;
+  const bool mNewestPictures;
   UVCNegotiation mNegotiation;
   Mutex mControlMutex VEL_LOCK_LEVEL(Control);  // Start against stop: held while a stream begins or ends.
   Mutex mStreamMutex VEL_LOCK_LEVEL(Leaf);

@@ -12,5 +12,8 @@ bool VelDeviceBase::WantsLeanReplies() const {
 bool VelDeviceBase::PayloadHeaderLengthCounts() const {
   return false;
 }
+bool VelDeviceBase::WantsNewestPictures() const {
+  return false;
+}
 
 }  // namespace vel

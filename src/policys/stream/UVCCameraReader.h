@@ -30,6 +30,7 @@ class UVCCameraReader {
     std::uint32_t payloadSize;        // Bytes, as much as a packet or a bulk transfer may carry.
     std::uint32_t pictureSize = 0;    // Bytes of each whole picture; 0 where they differ.
     bool headerLengthCounts = false;  // See UVCPayloadHeader::SizeOf.
+    bool newestPictures = false;      // See UVCStreamTally.
   };
   static constexpr std::uint32_t kPackets = 32;
   // Isochronous transfers in flight. At 8000 packets a second five are 20 ms, which is how long the thread that handles

@@ -37,6 +37,7 @@ bool UVCReadAnswerer::Answer(_UsbIoXferInfo* read) {
   mReads.push_back(read);
   static_cast<void>(refused.Release());
   if (mReads.size() == 1) {
+    mTally.ReadsWait(true);
     mTurnBegan = Clock::now();
     mChanged.NotifyOne();
   }
@@ -116,6 +117,7 @@ _UsbIoXferInfo& UVCReadAnswerer::PopRead() {
   mCompleting = true;
   _UsbIoXferInfo* const read = mReads.front();
   mReads.pop_front();
+  mTally.ReadsWait(!mReads.empty());
   mGivenUp -= mGivenUp > 0 ? 1 : 0;
   return *read;
 }
@@ -144,6 +146,7 @@ bool UVCReadAnswerer::Cancel(std::uint32_t localXferId) {
       mTurnBegan = Clock::now();
     }
     mReads.erase(std::prev(found.base()));
+    mTally.ReadsWait(!mReads.empty());
     mGivenUp = std::min(mGivenUp, mReads.size());
   }
   FailXfer(read, kXferCancelled);

@@ -10,6 +10,7 @@ UVCStream::UVCStream(IUsbIo& io, const Format& format, const UVCCameraReader::So
     : mFormat(format),
       mSource(source),
       mFrames(format.in, format.out),
+      mTally(source.newestPictures),
       mIntake(mFrames, mTally, source),
       mAnswerer(mFrames, mTally),
       mReader(io, *this, source) {}

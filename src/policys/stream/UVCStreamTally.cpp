@@ -6,9 +6,14 @@
 
 namespace vel {
 
+void UVCStreamTally::ReadsWait(bool any) {
+  const MutexLock lock(mMutex);
+  mReadsWait = any;
+}
+
 bool UVCStreamTally::AddPending() {
   const MutexLock lock(mMutex);
-  if (mPending >= kMaxPending) {
+  if (mPending >= (mNewestPictures && !mReadsWait ? 1 : kMaxPending)) {
     return false;
   }
   ++mLetIn;

@@ -15,6 +15,12 @@ class UVCStreamTally {
   // More frames than this are not let in while nobody reads.
   static constexpr std::uint32_t kMaxPending = 3;
 
+  // `newestPictures`: as long as no read waits, one frame does, so that what the next read gets is new.
+  explicit UVCStreamTally(bool newestPictures = false) : mNewestPictures(newestPictures) {}
+
+  // Whether a read waits for a frame.
+  void ReadsWait(bool any);
+
   // False when as many wait as may; otherwise one more does.
   bool AddPending();
   // One frame was waited for in vain.
@@ -37,7 +43,9 @@ class UVCStreamTally {
 
   static void CameraTimeProcess(const Latency& latency, std::uint32_t streamId, std::int64_t sentBefore);
 
+  const bool mNewestPictures;
   Mutex mMutex VEL_LOCK_LEVEL(Leaf);
+  bool mReadsWait VEL_GUARDED_BY(mMutex) = false;
   std::uint32_t mLetIn VEL_GUARDED_BY(mMutex) = 0;                       // Counts as the frames' indexes do.
   std::uint32_t mPending VEL_GUARDED_BY(mMutex) = 0;                     // The last ones of them.
   std::array<Latency, kRemembered> mLatencies VEL_GUARDED_BY(mMutex){};  // By index, modulo.

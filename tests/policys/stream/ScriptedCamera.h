@@ -30,9 +30,10 @@ struct ScriptedCamera {
   static constexpr int kWidth = 1048;
   static constexpr std::uint32_t kFrameBytes = 2 * kWidth * kHeight;
 
-  explicit ScriptedCamera(Kind kind, bool transcode = false, std::uint32_t capability = 0)
+  explicit ScriptedCamera(Kind kind, bool transcode = false, std::uint32_t capability = 0, bool newestPictures = false)
       : backend(ScriptedUsbIo::Create(kind == Kind::kEmulated ? kIoTypeEmulated : kIoTypeLibusb, &remote)),
-        policy(std::make_unique<UVCPolicy>(backend.get(), 0, std::int8_t{0}, std::uint8_t{transcode})) {
+        policy(std::make_unique<UVCPolicy>(backend.get(), 0, std::int8_t{0}, std::uint8_t{transcode}, false,
+                                           newestPictures)) {
     tree.BeCamera(block.bytes);
     tree.interface.num_altsetting = kind == Kind::kBulk ? 1 : 2;
     policy->ParseDescriptors(&tree.config);

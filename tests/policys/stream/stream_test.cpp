@@ -198,7 +198,7 @@ INSTANTIATE_TEST_SUITE_P(Stream, EachKind, testing::Values(Kind::kEmulated, Kind
 
 TEST_P(EachKind, KeepsThreeFramesUntilTheyAreRead) {
   ScriptedCamera camera(GetParam());
-  camera.Start(ScriptedCamera::Ctrl(70000, 64));  // Recycled blocks.
+  camera.Start(ScriptedCamera::Ctrl(70000, 64));                                          // Recycled blocks.
   Feed(camera, GetParam(), std::string(GetParam() == Kind::kEmulated ? 70001 : 0, 'x'));  // No frame.
   for (const char* frame : {"", "1", "2", "3", "dropped", "dropped"}) {
     Feed(camera, GetParam(), frame);
@@ -212,6 +212,25 @@ TEST_P(EachKind, KeepsThreeFramesUntilTheyAreRead) {
   EXPECT_THAT(camera.reads.done.Await(5),
               ElementsAre(testing::_, testing::_, Done{3, 0, "3"}, Done{4, 0, "4"}, Done{5, 0, "5"}));
   EXPECT_THAT(camera.Submitted(), Each(camera.Submitted().front())) << "a record has its whole size again";
+}
+
+TEST(Stream, OneFrameWaitsForTheNextReadWhereNewestPicturesAreWanted) {
+  ScriptedCamera camera(Kind::kEmulated, false, 0, true);
+  camera.Start(ScriptedCamera::Ctrl(64));
+  for (const char* frame : {"1", "dropped"}) {
+    Feed(camera, Kind::kEmulated, frame);
+  }
+  camera.Read(3);
+  EXPECT_THAT(camera.reads.done.Await(1), ElementsAre(Done{1, 0, "1"}));
+  for (const char* frame : {"2", "3"}) {  // Reads wait for these.
+    Feed(camera, Kind::kEmulated, frame);
+  }
+  camera.reads.done.Await(3);
+  for (const char* frame : {"4", "dropped"}) {
+    Feed(camera, Kind::kEmulated, frame);
+  }
+  camera.Read(1);
+  EXPECT_THAT(camera.reads.done.Await(4), ElementsAre(testing::_, Done{2, 0, "2"}, Done{3, 0, "3"}, Done{4, 0, "4"}));
 }
 
 // Takes its time over a reply, as a remote side that does not read.

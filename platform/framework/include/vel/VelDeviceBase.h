@@ -71,6 +71,11 @@ class VEL_FRAMEWORK_EXPORT VelDeviceBase {
   // Whether the headers that the device, a camera, puts before its payloads are as long as their own length byte says,
   // where that agrees with their flags. By default each is taken for 12 bytes. Asked when the device is initialised.
   virtual bool PayloadHeaderLengthCounts() const;
+
+  // Whether a camera's pictures are to be as new as they can be when they are read: as long as no read waits, one
+  // picture does, and those that come then are dropped before they are encoded. By default three wait. Asked when the
+  // device is initialised.
+  virtual bool WantsNewestPictures() const;
 };
 
 }  // namespace vel
