@@ -8,7 +8,7 @@ test_packages="libgtest-dev libgmock-dev libjpeg62-turbo-dev python3 binutils li
 # Only makes builds faster.
 optional_packages="ccache"
 # For the tests in a virtual machine, which are skipped, and counted as such, where these cannot be had.
-vm_packages="qemu-system-x86 busybox-static cpio kmod udev xz-utils usbip v4l-utils e2fsprogs"
+vm_packages="qemu-system-x86 busybox-static cpio kmod udev xz-utils usbip v4l-utils e2fsprogs iproute2"
 
 # Installs what is missing, and asks for nothing when nothing is.
 install_packages() {

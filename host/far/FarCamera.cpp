@@ -10,13 +10,12 @@
 #include <vector>
 
 #include "far/PayloadCutter.h"
+#include "far/ReadWindow.h"
 #include "far/YuyvDecoder.h"
 
 namespace vel {
 namespace {
 
-// So many that one always waits in the module while another's picture is on the way.
-constexpr int kReadsInFlight = 4;
 // A stream that could not start answers reads at once, and without a picture.
 constexpr std::chrono::milliseconds kRetryTime{100};
 
@@ -140,9 +139,7 @@ void FarCamera::Start() {
   if (IsBulk()) {
     mPort.SendSetting(mModel.interfaceNumber, 1);  // Which the camera refuses; the module wants to be told.
   }
-  for (int i = 0; i < kReadsInFlight; ++i) {
-    Read();
-  }
+  ReadUpTo(ReadWindow::kFirst);
   mThread = std::thread([this, mode = *mode] { Run(mode); });
 }
 
@@ -177,6 +174,17 @@ void FarCamera::Read() {
     mReads.insert(streamId);
   }
   mPort.SendRead(mModel.endpoint, streamId, mAgreed.payloadBytes);
+}
+
+void FarCamera::ReadUpTo(int count) {
+  int missing = count;
+  {
+    const MutexLock lock(mMutex);
+    missing -= static_cast<int>(mReads.size() + mRetries.size());
+  }
+  for (; missing > 0; --missing) {
+    Read();
+  }
 }
 
 bool FarCamera::TakeReply(const TransferAnswer& answer, std::unique_ptr<VelPacket>& packet) {
@@ -224,6 +232,7 @@ bool FarCamera::Await(bool wantsUrb, std::deque<Arrival>& arrivals) {
 void FarCamera::Run(const CameraMode& mode) {
   Pictures pictures(mode);
   PayloadCutter cutter;
+  ReadWindow window;
   std::deque<Arrival> arrivals;
   const Fill fill = [&cutter](std::span<UrbPacket> packets, std::uint32_t length) {
     return packets.empty() ? cutter.CutBulk(length) : cutter.Cut(packets);
@@ -236,7 +245,8 @@ void FarCamera::Run(const CameraMode& mode) {
         mPort.Note(error.what());
         return;
       }
-      Read();
+      window.Arrived(Clock::now());
+      ReadUpTo(window.Wanted(mPort.LeastRoundTrip()));
     }
     bool waiting = true;
     while (waiting) {

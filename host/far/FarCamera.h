@@ -44,6 +44,8 @@ class FarCamera {
     virtual void Note(const std::string& line) = 0;
     // Answers the guest's oldest URB that waits; false when none does.
     virtual bool AnswerHeld(const Fill& fill) = 0;
+    // What the way to the camera and back costs while nothing else is on it.
+    virtual std::chrono::microseconds LeastRoundTrip() const = 0;
   };
 
   FarCamera(CameraModel model, Port& port) : mModel(std::move(model)), mPort(port) {}
@@ -81,6 +83,8 @@ class FarCamera {
   void Start() VEL_EXCLUDES(mMutex);
   void Run(const CameraMode& mode);
   void Read() VEL_EXCLUDES(mMutex);
+  // Sends reads until so many are in flight.
+  void ReadUpTo(int count) VEL_EXCLUDES(mMutex);
   // Waits for something to do; a URB is nothing without a picture for it. False when the stream is to end.
   bool Await(bool wantsUrb, std::deque<Arrival>& arrivals) VEL_EXCLUDES(mMutex);
 

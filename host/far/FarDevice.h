@@ -87,6 +87,7 @@ class FarDevice final : private FarCamera::Port {
   void Note(const std::string& line) override;
   void SendSetting(std::uint8_t interfaceNumber, std::uint8_t setting) override;
   bool AnswerHeld(const FarCamera::Fill& fill) override;
+  std::chrono::microseconds LeastRoundTrip() const override { return mPipe.LeastRoundTrip(); }
   void SendCancel(std::uint32_t streamId);
 
   const Options mOptions;

@@ -52,7 +52,7 @@ void RequestPipe::Ask(Command command, Done done, const Build& build) {
       refusal = !mWhyLost.empty() ? LIBUSB_ERROR_NO_DEVICE : mWaiting.size() >= kMaxWaiting ? LIBUSB_ERROR_NO_MEM : 0;
       if (refusal == 0) {
         id.reqId = mNextReqId++;
-        mWaiting.push_back({command, id.reqId, std::move(done)});
+        mWaiting.push_back({command, id.reqId, std::move(done), Clock::now()});
       } else {
         refused = std::move(done);
       }
@@ -115,6 +115,8 @@ void RequestPipe::OnSyncReply(Command command, const VelPacket& packet) {
   }
   const Waiting answered = std::move(over.back());
   over.pop_back();
+  const auto took = std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - answered.sent);
+  mLeastRoundTrip = std::min(mLeastRoundTrip.load(), took);
   for (const Waiting& passed : over) {
     Fail(passed.done, LIBUSB_ERROR_OTHER);
   }

@@ -48,6 +48,8 @@ class RequestPipe {
   std::chrono::milliseconds StartTime() const { return mChannel->GetContact().startTime; }
   // A reply has said that failed and cancelled transfers are answered.
   bool AnswersFailures() const { return mAnswersFailures; }
+  // How long the quickest synchronous request took: what the way costs while nothing else is on it.
+  std::chrono::microseconds LeastRoundTrip() const { return mLeastRoundTrip.load(); }
   // Why nothing is answered any more; empty as long as it is.
   std::string WhyLost() VEL_EXCLUDES(mMutex);
   // Sends a synchronous request. With very many under way it is refused with LIBUSB_ERROR_NO_MEM.
@@ -64,10 +66,13 @@ class RequestPipe {
   // A guest may ask on and on, and take back, what a far end never answers.
   static constexpr std::size_t kMaxWaiting = 65536;
 
+  using Clock = std::chrono::steady_clock;
+
   struct Waiting {
     Command command;
     std::uint8_t reqId;
     Done done;
+    Clock::time_point sent;
   };
 
   void OnPacket(std::unique_ptr<VelPacket> packet);
@@ -77,7 +82,9 @@ class RequestPipe {
   const std::unique_ptr<PacketChannel> mChannel;
   Receiver mReceiver;
   std::atomic<bool> mAnswersFailures{false};
-  Mutex mSendMutex;  // Requests leave in the order in which they wait. Taken before mMutex.
+  std::atomic<std::chrono::microseconds> mLeastRoundTrip{
+      std::chrono::microseconds::max()};  // Channel's threads set it.
+  Mutex mSendMutex;                       // Requests leave in the order in which they wait. Taken before mMutex.
   Mutex mMutex;
   std::uint8_t mNextReqId VEL_GUARDED_BY(mMutex) = 0;
   std::string mWhyLost VEL_GUARDED_BY(mMutex);

@@ -19,10 +19,10 @@ done
 cp "$(command -v udevadm)" "$root/bin/systemd-udevd"
 cp "$(command -v lsusb)" "$root/bin/lsusb"
 cp "$@" "$root/opt/"
-for tool in v4l2-ctl usbip mkfs.ext4; do
-  cp "$(command -v $tool)" "$root/bin/"
+for tool in v4l2-ctl usbip mkfs.ext4 tc; do
+  cp --remove-destination "$(command -v $tool)" "$root/bin/" # Not through a link to busybox.
 done
-ldd "$(command -v udevadm)" "$root"/bin/lsusb "$root"/bin/v4l2-ctl "$root"/bin/usbip "$root"/bin/mkfs.ext4 "$@" | awk '/=> \// { print $3 } /^\t\// { print $1 }' | sort -u |
+ldd "$(command -v udevadm)" "$root"/bin/lsusb "$root"/bin/v4l2-ctl "$root"/bin/usbip "$root"/bin/mkfs.ext4 "$root"/bin/tc "$@" | awk '/=> \// { print $3 } /^\t\// { print $1 }' | sort -u |
   xargs cp -L --parents -t "$root"
 strip -d "$root"/opt/*
 (cd "$root" && find . | cpio -o -H newc --quiet) >"$image"

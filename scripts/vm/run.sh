@@ -17,7 +17,7 @@ skip() {
   exit 77
 }
 [ -z "${SANITIZED:-}" ] || skip "under emulation a sanitizer takes too long; the plain build is tested"
-for tool in qemu-system-x86_64 busybox cpio depmod lsusb udevadm usbip v4l2-ctl mkfs.ext4 xz; do
+for tool in qemu-system-x86_64 busybox cpio depmod lsusb udevadm usbip v4l2-ctl mkfs.ext4 tc xz; do
   command -v $tool >/dev/null || skip "no $tool here; vm_packages in scripts/lib.sh names what to install"
 done
 
