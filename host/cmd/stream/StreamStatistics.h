@@ -5,8 +5,8 @@
 #include <cstdint>
 #include <optional>
 
-#include "cmd/stream/LatencyHistogram.h"
 #include "cmd/stream/PictureReader.h"
+#include "observe/LatencyHistogram.h"
 
 namespace vel {
 
