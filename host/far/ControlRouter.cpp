@@ -7,7 +7,7 @@
 #include <memory>
 #include <utility>
 
-#include "far/UrbMapper.h"
+#include "remote/TransferAnswer.h"
 
 namespace vel {
 namespace {

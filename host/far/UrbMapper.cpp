@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <cerrno>
 
-#include "protocol/ByteReader.h"
 #include "protocol/IsoTable.h"
 
 namespace vel {
@@ -81,46 +80,6 @@ std::uint32_t Moved(const UrbInFlight& urb, const TransferAnswer& answer) {
 
 }  // namespace
 
-std::int32_t ErrnoOfStatus(std::int32_t status) {
-  switch (status) {
-    case LIBUSB_TRANSFER_COMPLETED:
-      return 0;
-    case LIBUSB_TRANSFER_TIMED_OUT:
-      return -ETIMEDOUT;
-    case LIBUSB_TRANSFER_CANCELLED:
-      return -ECONNRESET;
-    case LIBUSB_TRANSFER_STALL:
-      return -EPIPE;
-    case LIBUSB_TRANSFER_NO_DEVICE:
-      return -ENODEV;
-    case LIBUSB_TRANSFER_OVERFLOW:
-      return -EOVERFLOW;
-    default:
-      return -EPROTO;
-  }
-}
-
-std::int32_t ErrnoOfResult(std::int32_t result) {
-  if (result >= 0) {
-    return 0;
-  }
-  switch (result) {
-    case LIBUSB_ERROR_PIPE:
-    case LIBUSB_ERROR_NOT_FOUND:  // No such configuration or setting: a device stalls.
-      return -EPIPE;
-    case LIBUSB_ERROR_TIMEOUT:
-      return -ETIMEDOUT;
-    case LIBUSB_ERROR_NO_DEVICE:
-      return -ENODEV;
-    case LIBUSB_ERROR_OVERFLOW:
-      return -EOVERFLOW;
-    case LIBUSB_ERROR_NO_MEM:
-      return -ENOMEM;
-    default:
-      return -EPROTO;
-  }
-}
-
 EndpointType TypeOf(const EndpointModel& endpoint) {
   const std::uint32_t packetSize = endpoint.wMaxPacketSize & kMaxPacketSizeMask;
   switch (endpoint.bmAttributes & kTypeMask) {
@@ -150,18 +109,6 @@ std::vector<std::unique_ptr<VelPacket>> BuildUrbRequests(const Urb& urb, const E
     requests.push_back(BuildTransferRequest(endpoint.command, id, urb.endpoint, firstStream + 1, 0, {}));
   }
   return requests;
-}
-
-std::optional<TransferAnswer> ReadTransferAnswer(const VelPacket& packet) {
-  ByteReader reader(packet.PayloadBytes());
-  TransferAnswer answer;
-  answer.streamId = reader.Host<std::uint32_t>();
-  answer.status = static_cast<std::int32_t>(reader.Host<std::uint32_t>());
-  if (packet.GetCommand() == ReplyCode(Command::kIsochTransfer)) {
-    answer.isoPackets = reader.Host<std::uint32_t>();
-  }
-  answer.data = reader.Rest();
-  return reader.Ok() ? std::optional(answer) : std::nullopt;
 }
 
 std::span<const std::uint8_t> TakeAnswer(UrbInFlight& urb, const TransferAnswer& answer, std::size_t maxPackets) {

@@ -4,7 +4,6 @@
 
 #include <cstdint>
 #include <memory>
-#include <optional>
 #include <span>
 #include <vector>
 
@@ -13,12 +12,9 @@
 #include "protocol/VelPacket.h"
 #include "remote/ConfigModel.h"
 #include "remote/RequestBuilder.h"
+#include "remote/TransferAnswer.h"
 
 namespace vel {
-
-// The negative errno for a libusb_transfer_status, and for a request's LIBUSB_ERROR_*; 0 for success.
-std::int32_t ErrnoOfStatus(std::int32_t status);
-std::int32_t ErrnoOfResult(std::int32_t result);
 
 // What a URB's endpoint is: not a control one.
 struct EndpointType {
@@ -31,16 +27,6 @@ EndpointType TypeOf(const EndpointModel& endpoint);
 // isochronous request has more than `maxPackets`.
 std::vector<std::unique_ptr<VelPacket>> BuildUrbRequests(const Urb& urb, const EndpointType& endpoint, RequestId id,
                                                          std::uint32_t firstStream, std::size_t maxPackets);
-
-// The reply to one of a URB's transfers.
-struct TransferAnswer {
-  std::uint32_t streamId = 0;
-  std::int32_t status = 0;
-  std::uint32_t isoPackets = 0;
-  std::span<const std::uint8_t> data;
-};
-// Nothing for a packet that is too short to be one.
-std::optional<TransferAnswer> ReadTransferAnswer(const VelPacket& packet);
 
 // Takes the reply to a part into the URB. The data of an IN URB with one part is not copied: it is returned, and lies
 // in `answer`; with more parts the URB has it.

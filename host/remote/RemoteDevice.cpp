@@ -6,6 +6,7 @@
 #include "protocol/ByteReader.h"
 #include "protocol/Commands.h"
 #include "remote/StopWatcher.h"
+#include "remote/TransferAnswer.h"
 
 namespace vel {
 namespace {
@@ -89,21 +90,15 @@ void RemoteDevice::OnPacket(std::unique_ptr<VelPacket> packet) {
     }
     return;
   }
-  ByteReader reader(packet->PayloadBytes());
-  const auto streamId = reader.Host<std::uint32_t>();
-  TransferReply reply;
-  reply.status = static_cast<std::int32_t>(reader.Host<std::uint32_t>());
-  if (request->command == Command::kIsochTransfer) {
-    reply.isoPackets = reader.Host<std::uint32_t>();
-  }
-  if (!reader.Ok()) {
+  const std::optional<TransferAnswer> answer = ReadTransferAnswer(*packet);
+  if (!answer) {
     return;
   }
   TransferDone done;
   {
     const MutexLock lock(mMutex);
     mAnswered = true;
-    const auto found = mTransfers.find(KeyOf(packet->GetCommand(), streamId));
+    const auto found = mTransfers.find(KeyOf(packet->GetCommand(), answer->streamId));
     if (found == mTransfers.end()) {
       ++mUnasked;
       return;
@@ -111,8 +106,7 @@ void RemoteDevice::OnPacket(std::unique_ptr<VelPacket> packet) {
     done = std::move(found->second);
     mTransfers.erase(found);
   }
-  reply.data = ToVector(reader.Rest());
-  done(std::move(reply));
+  done({.status = answer->status, .data = ToVector(answer->data), .isoPackets = answer->isoPackets});
 }
 
 std::vector<std::uint8_t> RemoteDevice::Exchange(Command command,

@@ -1,0 +1,64 @@
+#include "remote/TransferAnswer.h"
+
+#include <libusb-1.0/libusb.h>
+
+#include <cerrno>
+
+#include "protocol/ByteReader.h"
+#include "protocol/Commands.h"
+
+namespace vel {
+
+std::int32_t ErrnoOfStatus(std::int32_t status) {
+  switch (status) {
+    case LIBUSB_TRANSFER_COMPLETED:
+      return 0;
+    case LIBUSB_TRANSFER_TIMED_OUT:
+      return -ETIMEDOUT;
+    case LIBUSB_TRANSFER_CANCELLED:
+      return -ECONNRESET;
+    case LIBUSB_TRANSFER_STALL:
+      return -EPIPE;
+    case LIBUSB_TRANSFER_NO_DEVICE:
+      return -ENODEV;
+    case LIBUSB_TRANSFER_OVERFLOW:
+      return -EOVERFLOW;
+    default:
+      return -EPROTO;
+  }
+}
+
+std::int32_t ErrnoOfResult(std::int32_t result) {
+  if (result >= 0) {
+    return 0;
+  }
+  switch (result) {
+    case LIBUSB_ERROR_PIPE:
+    case LIBUSB_ERROR_NOT_FOUND:  // No such configuration or setting: a device stalls.
+      return -EPIPE;
+    case LIBUSB_ERROR_TIMEOUT:
+      return -ETIMEDOUT;
+    case LIBUSB_ERROR_NO_DEVICE:
+      return -ENODEV;
+    case LIBUSB_ERROR_OVERFLOW:
+      return -EOVERFLOW;
+    case LIBUSB_ERROR_NO_MEM:
+      return -ENOMEM;
+    default:
+      return -EPROTO;
+  }
+}
+
+std::optional<TransferAnswer> ReadTransferAnswer(const VelPacket& packet) {
+  ByteReader reader(packet.PayloadBytes());
+  TransferAnswer answer;
+  answer.streamId = reader.Host<std::uint32_t>();
+  answer.status = static_cast<std::int32_t>(reader.Host<std::uint32_t>());
+  if (packet.GetCommand() == ReplyCode(Command::kIsochTransfer)) {
+    answer.isoPackets = reader.Host<std::uint32_t>();
+  }
+  answer.data = reader.Rest();
+  return reader.Ok() ? std::optional(answer) : std::nullopt;
+}
+
+}  // namespace vel

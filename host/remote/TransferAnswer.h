@@ -1,0 +1,29 @@
+// What a transfer's reply says, and what a kernel calls it. Pure.
+#ifndef VIRTUSB_HOST_REMOTE_TRANSFER_ANSWER_H
+#define VIRTUSB_HOST_REMOTE_TRANSFER_ANSWER_H
+
+#include <cstdint>
+#include <optional>
+#include <span>
+
+#include "protocol/VelPacket.h"
+
+namespace vel {
+
+// The negative errno for a libusb_transfer_status, and for a request's LIBUSB_ERROR_*; 0 for success.
+std::int32_t ErrnoOfStatus(std::int32_t status);
+std::int32_t ErrnoOfResult(std::int32_t result);
+
+// The reply to a bulk, interrupt or isochronous transfer.
+struct TransferAnswer {
+  std::uint32_t streamId = 0;
+  std::int32_t status = 0;  // libusb_transfer_status
+  std::uint32_t isoPackets = 0;
+  std::span<const std::uint8_t> data;  // Points into the packet.
+};
+// Nothing for a packet that is too short to be one.
+std::optional<TransferAnswer> ReadTransferAnswer(const VelPacket& packet);
+
+}  // namespace vel
+
+#endif
