@@ -12,6 +12,7 @@
 #include "cmd/Commands.h"
 #include "cmd/DeviceChannel.h"
 #include "cmd/FarDevices.h"
+#include "cmd/Observing.h"
 #include "cmd/Output.h"
 #include "cmd/Retry.h"
 #include "cmd/Signals.h"
@@ -56,6 +57,7 @@ Subcommand AddAttach(CLI::App& app, CommonOptions& common) {
   line->add_option("--tries", far->tries,
                    "How often a device elsewhere is tried again, after 1, 2, 4 to 30 seconds, when it is not there at\n"
                    "the start and each time it is lost. Without: at the start never, then until interrupted");
+  AddObserveOptions(*line, common);
   line->footer("Takes root and the kernel's vhci-hcd. Who serves a device elsewhere does it with --answer-failures.");
   return {line, [&common, far] {
             const CaughtSignals signals;
@@ -67,10 +69,11 @@ int RunAttach(const CommonOptions& common, const FarOptions& far, const StopSign
   const Vhci vhci;
   const StopSignal allOver;
   const StopSignal end;  // Ends the devices: stopped, or the next one cannot be attached.
+  Observer observer(ObserverOptions(common, true));
   std::atomic<std::size_t> left{far.devices.size()};
   const auto waysOf = [&](const std::string& name) {
     return AttachedDevice::Ways{
-        .open = [&, name](const StopSignal& until) { return OpenFarDevice(name, common, far, until); },
+        .open = [&, name](const StopSignal& until) { return OpenFarDevice(name, common, far, observer, until); },
         .plug = [&vhci](std::uint32_t speed, unsigned& port) { return vhci.Attach(speed, port); },
         .unplug = [&vhci, &end](const UniqueFd& connection, unsigned port) { vhci.Unplug(connection, port, end); },
         .retry = [&far, name] { return RetryOf(name, far.tries); },

@@ -18,12 +18,20 @@ class App;
 
 namespace vel {
 
+// What is observed of the devices, by serve, attach, export and stream.
+struct ObserveOptions {
+  std::string capture;  // Empty: none.
+  std::uint32_t captureBytes = 0xFFFFFFFF;
+  double stats = 0;  // Seconds between two lines; 0: only when SIGUSR1 asks.
+};
+
 struct CommonOptions {
   std::string modulePath;
   std::string device;
   std::string cameraSource = "test";  // Of the emulated camera.
   std::string tlsFolder;              // Of certificates; empty: the usual one for tls://, no TLS for serve.
   bool json = false;
+  ObserveOptions observe;
 };
 
 struct ServeOptions {

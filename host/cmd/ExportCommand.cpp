@@ -13,6 +13,7 @@
 #include "cmd/Devices.h"
 #include "cmd/FarDevices.h"
 #include "cmd/Listener.h"
+#include "cmd/Observing.h"
 #include "cmd/Output.h"
 #include "cmd/Signals.h"
 #include "far/UsbipServer.h"
@@ -35,6 +36,7 @@ Subcommand AddExport(CLI::App& app, CommonOptions& common) {
   AddFarOptions(*line, *far);
   line->get_option("DEVICE")->required(false);  // With --auto.
   AddFilter(*line, far->filter, "Also every local device that this allows, as it comes and goes");
+  AddObserveOptions(*line, common);
   line->add_option("--listen", far->listen, "On ADDR:PORT, or on PORT of the loopback address")
       ->type_name("[ADDR:]PORT")
       ->capture_default_str();
@@ -66,15 +68,16 @@ int RunExport(const CommonOptions& common, const FarOptions& far, const StopSign
       end.Raise();
     }
   };
+  Observer observer(ObserverOptions(common, true));
   UsbipServer server(end, &Note);
   std::uint32_t number = 0;
   for (const std::string& device : far.devices) {
-    Note(device + " is " + server.Add(++number, device, OpenFarDevice(device, common, far, stop, onGone)));
+    Note(device + " is " + server.Add(++number, device, OpenFarDevice(device, common, far, observer, stop, onGone)));
   }
   std::optional<AutoExport> others;
   if (filter) {
     others.emplace(*filter, far.devices, server,
-                   [&](const std::string& device) { return OpenFarDevice(device, common, far, stop); });
+                   [&](const std::string& device) { return OpenFarDevice(device, common, far, observer, stop); });
   }
   Note("serving " + (filter ? "devices as they come and go" : std::to_string(far.devices.size()) + " devices") +
        " by USB/IP on " + listener.Name() + "; interrupt to end");

@@ -11,13 +11,14 @@
 namespace vel {
 
 std::unique_ptr<FarDevice> OpenFarDevice(const std::string& device, const CommonOptions& common, const FarOptions& far,
-                                         const StopSignal& stop, const std::function<void()>& onGone) {
+                                         Observer& observer, const StopSignal& stop,
+                                         const std::function<void()>& onGone) {
   FarDevice::Options options;
   options.transcode = !far.untouched;
   options.stop = &stop;
   options.note = [device](const std::string& line) { Note(device + ": " + line); };
   options.onGone = onGone;
-  std::unique_ptr<PacketChannel> channel = OpenDevice(device, common, stop, true);
+  std::unique_ptr<PacketChannel> channel = observer.Watch(device, OpenDevice(device, common, stop, true));
   try {
     return std::make_unique<FarDevice>(std::move(channel), std::move(options));
   } catch (const std::runtime_error& error) {

@@ -8,14 +8,16 @@
 
 #include "cmd/Commands.h"
 #include "far/FarDevice.h"
+#include "observe/Observer.h"
 
 namespace vel {
 
 // Opens what DEVICE names for a guest. Throws as OpenDevice does, and RemoteError when the device does not answer. Once
 // `stop` is raised nothing waits for it any more. `onGone` is called once the device is, on any thread, before the
-// device's destructor returns.
+// device's destructor returns. `observer` outlives the device.
 std::unique_ptr<FarDevice> OpenFarDevice(const std::string& device, const CommonOptions& common, const FarOptions& far,
-                                         const StopSignal& stop, const std::function<void()>& onGone = nullptr);
+                                         Observer& observer, const StopSignal& stop,
+                                         const std::function<void()>& onGone = nullptr);
 
 // What is said when the last of the devices has gone.
 [[noreturn]] void ThrowAllGone(const FarOptions& far);

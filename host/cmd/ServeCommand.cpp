@@ -11,6 +11,7 @@
 #include "cmd/DevicePresence.h"
 #include "cmd/Devices.h"
 #include "cmd/Listener.h"
+#include "cmd/Observing.h"
 #include "cmd/Output.h"
 #include "cmd/Reception.h"
 #include "cmd/Server.h"
@@ -27,6 +28,7 @@ struct Service {
   DevicePresence& presence;
   const StopSignal& stop;
   Server::Answers answers;
+  DeviceTap& tap;
 
   // Serves one remote side, once the device is there.
   Server::End Run(ByteStream& stream, std::string& error) const {
@@ -39,7 +41,7 @@ struct Service {
     }
     Server::End end = Server::End::kStopped;
     {
-      Server server(library, *identity, answers, stream);
+      Server server(library, *identity, answers, stream, tap);
       const DevicePresence::Attachment attachment(presence, server);
       end = server.Run();
       error = server.Error();
@@ -118,6 +120,7 @@ Subcommand AddServe(CLI::App& app, CommonOptions& common) {
   line->add_flag("--lean-replies", serve->leanReplies, "Answer OUT transfers without the data of their requests");
   line->add_flag("--wait", serve->wait,
                  "Wait for a local device that is not there yet, and take it back when it returns");
+  AddObserveOptions(*line, common);
   return {line, [&common, serve] {
             const CaughtSignals signals;
             return RunServe(common, *serve, signals.Stop());
@@ -132,9 +135,11 @@ int RunServe(const CommonOptions& common, const ServeOptions& serve, const StopS
   if (!tlsFolder.empty()) {
     static_cast<void>(TlsContext(tlsFolder, TlsContext::Side::kServer));  // Says now what is wrong with it.
   }
+  Observer observer(ObserverOptions(common, !serve.stdio));
+  const std::shared_ptr<DeviceTap> tap = observer.Watch(common.device);
   DevicePresence presence(common.device, serve.wait, common.cameraSource);
   const Service service{
-      ModuleLibrary::Load(common.modulePath), presence, stop, {serve.answerFailures, serve.leanReplies}};
+      ModuleLibrary::Load(common.modulePath), presence, stop, {serve.answerFailures, serve.leanReplies}, *tap};
   if (serve.stdio) {
     return ServeStdio(service);
   }

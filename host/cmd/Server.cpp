@@ -22,10 +22,11 @@ constexpr std::chrono::seconds kFenceTime{10};
 }  // namespace
 
 Server::Server(std::shared_ptr<ModuleLibrary> library, const DeviceIdentity& identity, Answers answers,
-               ByteStream& stream)
+               ByteStream& stream, DeviceTap& tap)
     : mLibrary(std::move(library)),
       mAnswers(answers),
       mStream(stream),
+      mTap(tap),
       mWriter(stream, [this](ByteStream::Result result) { OnWriteFailed(result); }),
       mSession(NewSession(identity)) {}
 
@@ -59,6 +60,7 @@ Server::End Server::Run() {
     session = std::move(mSession);
   }
   session.reset();
+  mTap.OnEnd();
   const MutexLock lock(mMutex);
   return mDeviceGone ? End::kDeviceGone : end;
 }
@@ -87,7 +89,10 @@ void Server::Post(std::unique_ptr<VelPacket> packet) {
 }
 
 Server::End Server::ReadRequests() {
-  PacketFramer framer([this](std::unique_ptr<VelPacket> packet) { Post(std::move(packet)); });
+  PacketFramer framer([this](std::unique_ptr<VelPacket> packet) {
+    mTap.OnRequest(*packet);
+    Post(std::move(packet));
+  });
   while (true) {
     std::size_t count = 0;
     switch (mStream.Read(framer.Room(), count)) {
@@ -121,6 +126,7 @@ void Server::OnReply(std::unique_ptr<VelPacket> packet) {
       return;
     }
   }
+  mTap.OnReply(*packet);
   mWriter.Write(std::move(packet));
 }
 

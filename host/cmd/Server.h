@@ -5,6 +5,7 @@
 #include <memory>
 #include <string>
 
+#include "observe/DeviceTap.h"
 #include "protocol/Commands.h"
 #include "remote/ByteStream.h"
 #include "remote/ModuleSession.h"
@@ -30,7 +31,8 @@ class Server {
     bool lean = false;      // OUT replies without the request's data.
   };
 
-  Server(std::shared_ptr<ModuleLibrary> library, const DeviceIdentity& identity, Answers answers, ByteStream& stream);
+  Server(std::shared_ptr<ModuleLibrary> library, const DeviceIdentity& identity, Answers answers, ByteStream& stream,
+         DeviceTap& tap);
 
   End Run();
   const std::string& Error() const { return mError; }
@@ -52,6 +54,7 @@ class Server {
   const std::shared_ptr<ModuleLibrary> mLibrary;
   const Answers mAnswers;
   ByteStream& mStream;
+  DeviceTap& mTap;
   PacketWriter mWriter;
   std::string mError;
   const StopSignal mAnswered;  // Raised by the fence's reply.

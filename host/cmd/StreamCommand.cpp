@@ -12,6 +12,7 @@
 #include "cmd/Commands.h"
 #include "cmd/DeviceChannel.h"
 #include "cmd/Devices.h"
+#include "cmd/Observing.h"
 #include "cmd/Output.h"
 #include "cmd/Signals.h"
 #include "cmd/UsbNames.h"
@@ -271,6 +272,7 @@ Subcommand AddStream(CLI::App& app, CommonOptions& common) {
   line->add_option("-o,--output", options->file, "Write the pictures, one behind the other")->type_name("FILE");
   line->add_option("--snapshot", options->snapshot, "Decode a picture and write it as PNG")->type_name("FILE.png");
   AddJson(*line, common);
+  AddObserveOptions(*line, common);
   line->footer(
       "Latency is what can be seen from this side: the time from when a read is the oldest one in flight to the\n"
       "reply with its picture. The camera's interval between two pictures is in it.");
@@ -282,7 +284,8 @@ Subcommand AddStream(CLI::App& app, CommonOptions& common) {
 
 int RunStream(const CommonOptions& common, const StreamOptions& options, const StopSignal& stop) {
   const std::optional<PictureSize> size = ParseSize(options.size);
-  std::unique_ptr<PacketChannel> channel = OpenDevice(common.device, common, stop, true);
+  Observer observer(ObserverOptions(common, false));
+  std::unique_ptr<PacketChannel> channel = observer.Watch(common.device, OpenDevice(common.device, common, stop, true));
   Outputs outputs(options);
   auto remote = std::make_unique<RemoteDevice>(std::move(channel));
   std::optional<StreamResult> result;

@@ -48,10 +48,11 @@ bool AwaitUevent(const UniqueFd& uevents, std::chrono::steady_clock::time_point 
   }
   std::array<pollfd, 2> descriptors = {pollfd{uevents.Get(), POLLIN, 0}, pollfd{stop.Fd(), POLLIN, 0}};
   const int ready = poll(descriptors.data(), descriptors.size(), static_cast<int>(left.count()));
+  const bool woken = ready > 0 || errno == EINTR;
   std::array<char, 4096> event{};
   while (recv(uevents.Get(), event.data(), event.size(), 0) > 0) {
   }
-  return (ready > 0 || errno == EINTR) && descriptors[1].revents == 0;
+  return woken && descriptors[1].revents == 0;
 }
 
 std::string FirstLine(const std::filesystem::path& file) {

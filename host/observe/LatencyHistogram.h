@@ -20,6 +20,13 @@ class LatencyHistogram {
     ++mCount;
   }
 
+  std::uint64_t Count() const { return mCount; }
+
+  void Clear() {
+    std::ranges::fill(mBuckets, 0);
+    mCount = 0;
+  }
+
   // The time, in milliseconds, that `share` (0 to 1) of all stay at or below; 0 when there is none.
   double Milliseconds(double share) const {
     const double rank = share * static_cast<double>(mCount);

@@ -1,0 +1,27 @@
+// What serve, attach, export and stream have in common about what crosses: the options, and how figures are shown.
+#ifndef VIRTUSB_HOST_CMD_OBSERVING_H
+#define VIRTUSB_HOST_CMD_OBSERVING_H
+
+#include <memory>
+#include <string>
+
+#include "cmd/Commands.h"
+#include "observe/Observer.h"
+#include "remote/PacketChannel.h"
+
+namespace vel {
+
+// --capture, --capture-bytes, --stats, and --json where the command has none.
+void AddObserveOptions(CLI::App& command, CommonOptions& common);
+
+// For an Observer: figures are lines on standard error; with --json objects on standard output, if that is free for
+// them.
+Observer::Options ObserverOptions(const CommonOptions& common, bool resultsAreFree);
+
+// One device's figures for people, and for programs, without an end of line.
+std::string FiguresText(const DeviceFigures& figures);
+std::string FiguresJson(const DeviceFigures& figures);
+
+}  // namespace vel
+
+#endif

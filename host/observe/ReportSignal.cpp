@@ -1,0 +1,54 @@
+#include "observe/ReportSignal.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <utility>
+
+#include "remote/FdStream.h"
+
+namespace vel {
+namespace {
+
+// Stays: a handler may be in it, on any thread.
+const std::pair<UniqueFd, UniqueFd>& Pipe() {
+  static const auto& ends = *new std::pair<UniqueFd, UniqueFd>(MakePipe(O_NONBLOCK | O_CLOEXEC));
+  return ends;
+}
+
+int gWrite = -1;  // Changed only while no handler is there.
+
+extern "C" void OnReportSignal(int /*number*/) {
+  const int error = errno;
+  static_cast<void>(write(gWrite, "", 1));  // Into a full pipe: one is asked for already.
+  errno = error;
+}
+
+}  // namespace
+
+ReportSignal::ReportSignal() {
+  gWrite = Pipe().second.Get();
+  struct sigaction action {};
+  action.sa_handler = &OnReportSignal;
+  action.sa_flags = SA_RESTART;
+  sigaction(SIGUSR1, &action, nullptr);
+}
+
+ReportSignal::~ReportSignal() {
+  static_cast<void>(std::signal(SIGUSR1, SIG_IGN));
+}
+
+int ReportSignal::Fd() const {
+  return Pipe().first.Get();
+}
+
+void ReportSignal::Take() const {
+  std::array<char, 256> bytes{};
+  while (read(Fd(), bytes.data(), bytes.size()) > 0) {
+  }
+}
+
+}  // namespace vel

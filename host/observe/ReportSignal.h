@@ -1,0 +1,23 @@
+#ifndef VIRTUSB_HOST_OBSERVE_REPORT_SIGNAL_H
+#define VIRTUSB_HOST_OBSERVE_REPORT_SIGNAL_H
+
+namespace vel {
+
+// SIGUSR1 as something to wait for, as long as this is there; it is ignored afterwards. One at a time in a process.
+class ReportSignal {
+ public:
+  // Throws std::system_error when the process has no descriptors left.
+  ReportSignal();
+  ReportSignal(const ReportSignal&) = delete;
+  ReportSignal& operator=(const ReportSignal&) = delete;
+  ~ReportSignal();
+
+  // Readable when a signal has come.
+  int Fd() const;
+  // Forgets those that have come.
+  void Take() const;
+};
+
+}  // namespace vel
+
+#endif
