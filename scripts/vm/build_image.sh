@@ -11,7 +11,7 @@ mkdir -p "$root"/bin "$root"/lib "$root"/opt "$root"/proc "$root"/sys "$root"/de
   "$root"/etc/udev/rules.d
 cp -a "$modules/lib/modules" "$root/lib/"
 cp -r "$scripts" "$root/vm"
-cp -r "$set" "$root/vm/"
+cp -rL "$set" "$root/vm/" # With what it links to of the project.
 cp "$(command -v busybox)" "$root/bin/"
 for applet in $(busybox --list); do
   [ "$applet" = busybox ] || ln -s busybox "$root/bin/$applet"
