@@ -1,8 +1,7 @@
-# What embeds the module finds it by find_package(virtusb) or pkg-config; what runs it, as a Debian package.
+# What embeds the module finds it by find_package(virtusb) or pkg-config.
 include(CMakePackageConfigHelpers)
 
 set(VIRTUSB_CMAKE_DIR "${CMAKE_INSTALL_LIBDIR}/cmake/virtusb")
-set(VIRTUSB_MODULE_DIR "${CMAKE_INSTALL_LIBDIR}/virtusb")
 
 # The targets are exported only with the platform libraries built here: a client that brings its own has its own.
 if(TARGET vel_framework AND TARGET vel_utils AND TARGET oskelo_log AND TARGET oskelo_camera)
@@ -30,20 +29,17 @@ foreach(header IN ITEMS
 endforeach()
 
 configure_file(cmake/virtusb.pc.in "${PROJECT_BINARY_DIR}/virtusb.pc" @ONLY)
-install(FILES "${PROJECT_BINARY_DIR}/virtusb.pc" DESTINATION "${CMAKE_INSTALL_LIBDIR}/pkgconfig" COMPONENT dev)
-install(FILES README.md DESTINATION "${CMAKE_INSTALL_DOCDIR}" COMPONENT command)
+set(pkgconfig_dir "${CMAKE_INSTALL_LIBDIR}/pkgconfig")
+if(CMAKE_INSTALL_LIBDIR STREQUAL "lib" AND EXISTS /etc/debian_version AND CMAKE_LIBRARY_ARCHITECTURE)
+  set(pkgconfig_dir "lib/${CMAKE_LIBRARY_ARCHITECTURE}/pkgconfig")  # Where a cross-building pkg-config looks, too.
+endif()
+install(FILES "${PROJECT_BINARY_DIR}/virtusb.pc" DESTINATION "${pkgconfig_dir}" COMPONENT dev)
 install(FILES docs/architecture.md docs/protocol.md docs/threads.md
-  DESTINATION "${CMAKE_INSTALL_DOCDIR}" COMPONENT dev)
+  DESTINATION "${CMAKE_INSTALL_DATADIR}/doc/virtusb-dev" COMPONENT dev)
 
-set(CPACK_GENERATOR DEB)
-set(CPACK_PACKAGE_NAME virtusb)
-set(CPACK_PACKAGE_CONTACT "virtusb maintainers <virtusb@localhost>")
-set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "${PROJECT_DESCRIPTION}")
-set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
-set(CPACK_STRIP_FILES ON)
-set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
-set(CPACK_DEBIAN_PACKAGE_SECTION utils)
-set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS
-  "${PROJECT_BINARY_DIR}/platform/log;${PROJECT_BINARY_DIR}/platform/utils;${PROJECT_BINARY_DIR}/platform/framework;${PROJECT_BINARY_DIR}/platform/camera")
-include(CPack)
+if(VIRTUSB_BUILD_HOST)
+  include(CommandFiles)
+endif()
+if(NOT WIN32)
+  include(DebianPackage)
+endif()

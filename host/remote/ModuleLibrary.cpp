@@ -41,8 +41,8 @@ std::string ModuleLibrary::DefaultPath() {
   const std::filesystem::path program = std::filesystem::read_symlink("/proc/self/exe", error);
   const std::filesystem::path folder = program.parent_path();
   const std::array<std::filesystem::path, 2> places = {
-      folder / ".." / "src" / kModuleFile,                    // In the build folder.
-      folder / VIRTUSB_BIN_TO_LIB / "virtusb" / kModuleFile,  // As installed.
+      folder / ".." / "src" / kModuleFile,           // In the build folder.
+      folder / VIRTUSB_BIN_TO_MODULE / kModuleFile,  // As installed.
   };
   for (const std::filesystem::path& place : places) {
     if (std::filesystem::exists(place, error)) {

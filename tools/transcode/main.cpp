@@ -168,13 +168,14 @@ int main(int argc, char** argv) {
     std::string level = "off";
     app.set_version_flag("--version", VIRTUSB_VERSION);
     app.add_option("IN", options.input, "Any file with MJPEG or raw YUYV video that FFmpeg reads")->required();
-    app.add_option("-o,--output", options.output, "The H.264 stream to write")->required();
-    app.add_option("--size", options.size, "WxH of the pictures of a raw YUYV file without header");
+    app.add_option("-o,--output", options.output, "The H.264 stream to write")->type_name("FILE")->required();
+    app.add_option("--size", options.size, "Of the pictures of a raw YUYV file without header")->type_name("WxH");
     CLI::Option* rate =
         app.add_option("--rate", options.rate, "Not at full speed but so many frames per second, or as the file says");
-    rate->expected(0, 1)->check(CLI::PositiveNumber);
+    rate->expected(0, 1)->type_name("N")->check(CLI::PositiveNumber);
     app.add_flag("--json", options.json, "One JSON document");
-    app.add_option("--log", level, "Log level: debug, info, warn, error or off")
+    app.add_option("--log", level, "Show the log from this level on")
+        ->type_name("LEVEL")
         ->check(CLI::IsMember({"debug", "info", "warn", "error", "off"}))
         ->capture_default_str();
     try {
