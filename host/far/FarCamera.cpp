@@ -180,7 +180,7 @@ void FarCamera::ReadUpTo(int count) {
   int missing = count;
   {
     const MutexLock lock(mMutex);
-    missing -= static_cast<int>(mReads.size() + mRetries.size());
+    missing -= static_cast<int>(mReads.size() + mRetries.size() + mArrivals.size());
   }
   for (; missing > 0; --missing) {
     Read();
@@ -246,7 +246,8 @@ void FarCamera::Run(const CameraMode& mode) {
         return;
       }
       window.Arrived(Clock::now());
-      ReadUpTo(window.Wanted(mPort.LeastRoundTrip()));
+      const auto untaken = static_cast<int>(arrivals.size()) - 1;
+      ReadUpTo(window.Wanted(mPort.LeastRoundTrip()) - untaken);
     }
     bool waiting = true;
     while (waiting) {

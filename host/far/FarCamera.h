@@ -83,7 +83,8 @@ class FarCamera {
   void Start() VEL_EXCLUDES(mMutex);
   void Run(const CameraMode& mode);
   void Read() VEL_EXCLUDES(mMutex);
-  // Sends reads until so many are in flight.
+  // Sends reads until so many are in flight or answered and not looked at: a slow decoder is not sent more than it
+  // takes.
   void ReadUpTo(int count) VEL_EXCLUDES(mMutex);
   // Waits for something to do; a URB is nothing without a picture for it. False when the stream is to end.
   bool Await(bool wantsUrb, std::deque<Arrival>& arrivals) VEL_EXCLUDES(mMutex);

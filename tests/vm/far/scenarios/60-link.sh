@@ -42,7 +42,7 @@ far=$((took - near))
 attach tcp://127.0.0.1:4201 tcp://127.0.0.1:4202
 place=$(place_of ffff:ffff)
 watch near
-near=$late
+near=$late near_middle=$middle
 link rate 1mbit delay 50ms loss 1%
 alone=$(/opt/vm_trips "$place" 40) alone=${alone% *}
 watch 1mbit
@@ -50,7 +50,7 @@ watch 1mbit
 [ "$beside" -lt $((alone + 100)) ] || fail "a round trip takes $beside ms beside the camera, $alone ms alone"
 link rate 500kbit delay 50ms loss 1% # Narrower than what an emulated encoder makes on a machine with other work, too.
 watch 500kbit
-[ "$middle" -lt 550 ] || fail "pictures are $middle ms late"
+[ "$middle" -lt $((near_middle + 400)) ] || fail "pictures are $middle ms late, and $near_middle where nothing holds them back"
 record_on
 link loss 100%
 await "the loss" grep -q '4201 is lost, trying again' $said
