@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "observe/UsbmonRecord.h"
 #include "remote/FdStream.h"
 
 namespace CLI {
@@ -21,7 +22,7 @@ namespace vel {
 // What is observed of the devices, by serve, attach, export and stream.
 struct ObserveOptions {
   std::string capture;  // Empty: none.
-  std::uint32_t captureBytes = 0xFFFFFFFF;
+  std::uint32_t captureBytes = kCaptureBytes;
   double stats = 0;  // Seconds between two lines; 0: only when SIGUSR1 asks.
 };
 

@@ -6,6 +6,7 @@
 
 #include "cmd/DeviceChannel.h"
 #include "cmd/Output.h"
+#include "observe/ObservedChannel.h"
 #include "remote/StopWatcher.h"
 
 namespace vel {
@@ -18,7 +19,10 @@ std::unique_ptr<FarDevice> OpenFarDevice(const std::string& device, const Common
   options.stop = &stop;
   options.note = [device](const std::string& line) { Note(device + ": " + line); };
   options.onGone = onGone;
-  std::unique_ptr<PacketChannel> channel = observer.Watch(device, OpenDevice(device, common, stop, true));
+  std::unique_ptr<PacketChannel> channel = OpenDevice(device, common, stop, true);
+  const std::shared_ptr<DeviceTap> tap = observer.Watch(device);
+  channel = std::make_unique<ObservedChannel>(std::move(channel), tap);
+  options.onLatePicture = [tap] { tap->OnLatePicture(); };
   try {
     return std::make_unique<FarDevice>(std::move(channel), std::move(options));
   } catch (const std::runtime_error& error) {

@@ -54,8 +54,11 @@ void AddObserveOptions(CLI::App& command, CommonOptions& common) {
   CLI::Option* const capture =
       command.add_option("--capture", observe.capture, "Write what crosses into this file, for Wireshark")
           ->type_name("FILE.pcapng");
-  command.add_option("--capture-bytes", observe.captureBytes, "At most so much of each transfer's data")
+  command
+      .add_option("--capture-bytes", observe.captureBytes,
+                  "At most so much of a transfer's data; control requests are whole")
       ->type_name("N")
+      ->capture_default_str()
       ->needs(capture);
   command
       .add_option("--stats", observe.stats,

@@ -2,12 +2,10 @@
 #ifndef VIRTUSB_HOST_CMD_OBSERVING_H
 #define VIRTUSB_HOST_CMD_OBSERVING_H
 
-#include <memory>
 #include <string>
 
 #include "cmd/Commands.h"
 #include "observe/Observer.h"
-#include "remote/PacketChannel.h"
 
 namespace vel {
 

@@ -23,6 +23,7 @@
 #include "cmd/stream/Snapshot.h"
 #include "cmd/stream/StreamReport.h"
 #include "cmd/stream/StreamStatistics.h"
+#include "observe/ObservedChannel.h"
 #include "remote/StopWatcher.h"
 
 namespace vel {
@@ -285,7 +286,8 @@ Subcommand AddStream(CLI::App& app, CommonOptions& common) {
 int RunStream(const CommonOptions& common, const StreamOptions& options, const StopSignal& stop) {
   const std::optional<PictureSize> size = ParseSize(options.size);
   Observer observer(ObserverOptions(common, false));
-  std::unique_ptr<PacketChannel> channel = observer.Watch(common.device, OpenDevice(common.device, common, stop, true));
+  std::unique_ptr<PacketChannel> channel =
+      std::make_unique<ObservedChannel>(OpenDevice(common.device, common, stop, true), observer.Watch(common.device));
   Outputs outputs(options);
   auto remote = std::make_unique<RemoteDevice>(std::move(channel));
   std::optional<StreamResult> result;

@@ -63,6 +63,8 @@ class FarCamera::Pictures {
     mWaits = mDecoder->Take(bytes) ? Waits::kDecoded : mWaits;
   }
 
+  bool HasNext() const { return mWaits != Waits::kNothing; }
+
   // The picture that waits, valid until the next call; empty when there is none.
   std::span<const std::uint8_t> Next() {
     switch (std::exchange(mWaits, Waits::kNothing)) {
@@ -239,6 +241,9 @@ void FarCamera::Run(const CameraMode& mode) {
   };
   while (Await(cutter.HasRest(), arrivals)) {
     for (; !arrivals.empty(); arrivals.pop_front()) {
+      if (pictures.HasNext()) {
+        mPort.OnLatePicture();
+      }
       try {
         pictures.Take(arrivals.front());
       } catch (const std::runtime_error& error) {
@@ -254,6 +259,9 @@ void FarCamera::Run(const CameraMode& mode) {
       if (!cutter.HasRest() || cutter.IsUncut()) {  // One that no URB has seen gives way to a newer one.
         const auto picture = pictures.Next();
         if (!picture.empty()) {
+          if (cutter.HasRest()) {
+            mPort.OnLatePicture();
+          }
           cutter.Begin(picture);
         }
       }

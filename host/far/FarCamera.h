@@ -42,6 +42,8 @@ class FarCamera {
     virtual void CancelRead(std::uint32_t streamId) = 0;
     virtual void SendSetting(std::uint8_t interfaceNumber, std::uint8_t setting) = 0;
     virtual void Note(const std::string& line) = 0;
+    // A picture gave way to a newer one before a URB has seen any of it.
+    virtual void OnLatePicture() = 0;
     // Answers the guest's oldest URB that waits; false when none does.
     virtual bool AnswerHeld(const Fill& fill) = 0;
     // What the way to the camera and back costs while nothing else is on it.

@@ -274,6 +274,12 @@ void FarDevice::Note(const std::string& line) {
   }
 }
 
+void FarDevice::OnLatePicture() {
+  if (mOptions.onLatePicture) {
+    mOptions.onLatePicture();
+  }
+}
+
 void FarDevice::SendSetting(std::uint8_t interfaceNumber, std::uint8_t setting) {
   mPipe.Ask(Command::kSetInterfaceAltSetting, {},
             [&](RequestId id) { return BuildAltSettingRequest(id, interfaceNumber, setting); });

@@ -34,6 +34,7 @@ class FarDevice final : private FarCamera::Port {
     std::chrono::milliseconds controlLimit{3000};  // For the device to answer a control request.
     std::chrono::milliseconds cancelLimit{2000};   // For the end of a transfer that was cancelled.
     std::function<void(const std::string&)> note;  // A line for people. Any thread; may be empty.
+    std::function<void()> onLatePicture;           // One that the guest was too slow for. Any thread; may be empty.
     std::function<void()> onGone;                  // Once, when IsGone begins to be true. Any thread; may be empty.
     const StopSignal* stop = nullptr;              // Cuts off what still waits for the far end; outlives the device.
   };
@@ -85,6 +86,7 @@ class FarDevice final : private FarCamera::Port {
   void CancelRead(std::uint32_t streamId) override;
   std::uint32_t NewStreamId() override;
   void Note(const std::string& line) override;
+  void OnLatePicture() override;
   void SendSetting(std::uint8_t interfaceNumber, std::uint8_t setting) override;
   bool AnswerHeld(const FarCamera::Fill& fill) override;
   std::chrono::microseconds LeastRoundTrip() const override { return mPipe.LeastRoundTrip(); }

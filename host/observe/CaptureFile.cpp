@@ -19,7 +19,7 @@ constexpr std::size_t kBlockBytes = std::size_t{1} << 20U;
 constexpr std::size_t kMaxBlocks = 32;
 // For records to gather in, so that a slow stream of them is not a write each.
 constexpr std::chrono::milliseconds kGatherTime{50};
-// For the reader of a FIFO to take what is left at the end.
+// For the reader of a FIFO to take something of what is left at the end.
 constexpr std::chrono::seconds kEndTime{1};
 
 UniqueFd OpenFile(const std::string& path) {
@@ -47,14 +47,11 @@ CaptureFile::CaptureFile(const std::string& path, std::uint32_t dataLimit, std::
 
 CaptureFile::~CaptureFile() {
   {
-    const auto deadline = std::chrono::steady_clock::now() + kEndTime;
-    MutexLock lock(mMutex);
+    const MutexLock lock(mMutex);
     mEnding = true;
     mWork.NotifyOne();
-    while (!mOver && mEnded.WaitUntil(lock, deadline)) {
-    }
   }
-  mCutOff.Raise();  // Only a reader is not waited for; a disk is.
+  mHurry.Raise();
   mThread.join();
   std::uint64_t received = 0;
   std::uint64_t dropped = mLost;
@@ -141,9 +138,6 @@ void CaptureFile::Run() {
     }
   }
   WriteBlocks(Statistics());
-  const MutexLock lock(mMutex);
-  mOver = true;
-  mEnded.NotifyOne();
 }
 
 bool CaptureFile::HasDropped() {
@@ -168,7 +162,8 @@ void CaptureFile::WriteBlocks(std::span<const std::uint8_t> blocks) {
     if (count >= 0) {
       written += static_cast<std::size_t>(count);
     } else if (errno == EAGAIN) {  // A FIFO that is full.
-      error = mCutOff.WaitFor(mFile.Get(), POLLOUT) ? 0 : EAGAIN;
+      const StopSignal never;
+      error = mHurry.WaitFor(mFile.Get(), POLLOUT) || never.WaitFor(mFile.Get(), POLLOUT, kEndTime) ? 0 : EAGAIN;
     } else if (errno != EINTR) {
       error = errno;
     }
@@ -181,7 +176,7 @@ void CaptureFile::WriteBlocks(std::span<const std::uint8_t> blocks) {
   mWritten += static_cast<std::int64_t>(written);
   if (error != 0 && mError == 0) {
     mError = error;
-    static_cast<void>(ftruncate(mFile.Get(), mWritten));  // A FIFO has what it has.
+    static_cast<void>(!ftruncate(mFile.Get(), mWritten));  // A FIFO has what it has.
     mNote("capture: cannot write " + mPath + ": " + std::strerror(error) + "; it ends here");
     const MutexLock lock(mMutex);
     mFailed = true;

@@ -64,7 +64,7 @@ class CaptureFile {
   const UniqueFd mFile;
   const std::chrono::system_clock::time_point mWallStart = std::chrono::system_clock::now();
   const std::chrono::steady_clock::time_point mStart = std::chrono::steady_clock::now();
-  const StopSignal mCutOff;  // Ends the wait for a FIFO's reader.
+  const StopSignal mHurry;  // At the end: a FIFO's reader that takes nothing is waited for no longer.
 
   // The file's thread, and after it the destructor.
   std::int64_t mWritten = 0;  // Bytes.
@@ -74,9 +74,7 @@ class CaptureFile {
 
   Mutex mMutex;
   CondVar mWork;
-  CondVar mEnded;
   bool mEnding VEL_GUARDED_BY(mMutex) = false;
-  bool mOver VEL_GUARDED_BY(mMutex) = false;
   bool mFailed VEL_GUARDED_BY(mMutex) = false;
   std::vector<Block> mFilled VEL_GUARDED_BY(mMutex);  // The last one has room.
   std::vector<Block> mSpare VEL_GUARDED_BY(mMutex);

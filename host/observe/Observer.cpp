@@ -5,8 +5,6 @@
 #include <algorithm>
 #include <utility>
 
-#include "observe/ObservedChannel.h"
-
 namespace vel {
 
 Observer::Observer(Options options) : mOptions(std::move(options)) {
@@ -32,10 +30,6 @@ std::shared_ptr<DeviceTap> Observer::Watch(std::string device) {
   }
   mTaps.push_back(tap);
   return tap;
-}
-
-std::unique_ptr<PacketChannel> Observer::Watch(std::string device, std::unique_ptr<PacketChannel> channel) {
-  return std::make_unique<ObservedChannel>(std::move(channel), Watch(std::move(device)));
 }
 
 void Observer::Run() {

@@ -13,7 +13,6 @@
 #include "observe/CaptureFile.h"
 #include "observe/DeviceTap.h"
 #include "observe/ReportSignal.h"
-#include "remote/PacketChannel.h"
 #include "vel/Mutex.h"
 
 namespace vel {
@@ -24,7 +23,7 @@ class Observer {
  public:
   struct Options {
     std::string capture;  // The file; empty: none.
-    std::uint32_t captureBytes = kSnapLength;
+    std::uint32_t captureBytes = kCaptureBytes;
     std::chrono::milliseconds interval{0};              // 0: figures only when asked for.
     std::function<void(const DeviceFigures&)> show;     // On the observer's thread and the destructor's.
     std::function<void(const std::string& line)> note;  // For people. Any thread.
@@ -39,7 +38,6 @@ class Observer {
 
   // Any thread. A device is shown for as long as its tap is there, and once more.
   std::shared_ptr<DeviceTap> Watch(std::string device) VEL_EXCLUDES(mMutex);
-  std::unique_ptr<PacketChannel> Watch(std::string device, std::unique_ptr<PacketChannel> channel);
 
  private:
   void Run();

@@ -23,7 +23,7 @@ int gWrite = -1;  // Changed only while no handler is there.
 
 extern "C" void OnReportSignal(int /*number*/) {
   const int error = errno;
-  static_cast<void>(write(gWrite, "", 1));  // Into a full pipe: one is asked for already.
+  static_cast<void>(!write(gWrite, "", 1));  // Into a full pipe: one is asked for already.
   errno = error;
 }
 

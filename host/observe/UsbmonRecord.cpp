@@ -88,7 +88,9 @@ std::uint32_t TimeLow(CaptureTime time) {
 
 std::size_t CapturedData(const UsbEvent& event, std::uint32_t dataLimit) {
   const std::size_t room = kSnapLength - sizeof(UsbmonHeader) - event.packets.size_bytes();
-  return std::min<std::size_t>({event.data.size(), dataLimit, room});
+  const std::uint32_t limit =
+      event.type == UsbTransferType::kControl ? kSnapLength : dataLimit;  // What explains the rest.
+  return std::min<std::size_t>({event.data.size(), limit, room});
 }
 
 UsbmonHeader HeaderOf(const UsbEvent& event, std::uint32_t interface, CaptureTime time) {
@@ -134,7 +136,7 @@ void AppendFileHeader(std::vector<std::uint8_t>& out) {
       .Put(std::uint16_t{0})
       .Put(~std::uint64_t{0})  // The section's length is not known.
       .PutOption(kApplication, "virtusb")
-      .PutOption(kEnd, {})
+      .PutOption(kEnd, std::string_view())
       .Finish();
 }
 
@@ -145,7 +147,7 @@ void AppendInterface(std::vector<std::uint8_t>& out, std::string_view name) {
       .Put(std::uint16_t{0})
       .Put(kSnapLength)
       .PutOption(kInterfaceName, name.substr(0, kLongestName))
-      .PutOption(kEnd, {})
+      .PutOption(kEnd, std::string_view())
       .Finish();
 }
 
@@ -157,7 +159,7 @@ void AppendInterfaceStatistics(std::vector<std::uint8_t>& out, std::uint32_t int
       .Put(TimeLow(time))
       .PutOption(kReceived, received)
       .PutOption(kDropped, dropped)
-      .PutOption(kEnd, {})
+      .PutOption(kEnd, std::string_view())
       .Finish();
 }
 

@@ -72,6 +72,9 @@ using CaptureTime = std::chrono::microseconds;
 // Readers take no longer record; data beyond is cut, whatever is asked for.
 inline constexpr std::uint32_t kSnapLength = 262144;
 
+// How much of a transfer's data is written where nobody says: more would cost a fast device a good part of its speed.
+inline constexpr std::uint32_t kCaptureBytes = 1024;
+
 // What a file begins with, what names a device, and what counts its records at the end. Each device has a bus of its
 // own.
 void AppendFileHeader(std::vector<std::uint8_t>& out);
@@ -79,7 +82,8 @@ void AppendInterface(std::vector<std::uint8_t>& out, std::string_view name);
 void AppendInterfaceStatistics(std::vector<std::uint8_t>& out, std::uint32_t interface, CaptureTime time,
                                std::uint64_t received, std::uint64_t dropped);
 
-// How many bytes an event's block takes, with at most `dataLimit` of its data; no more than kSnapLength and 35.
+// How many bytes an event's block takes, with at most `dataLimit` of its data, unless it is a control request; no more
+// than kSnapLength and 35.
 std::size_t EventBlockSize(const UsbEvent& event, std::uint32_t dataLimit);
 // Writes it; `out` has that size.
 void WriteEventBlock(std::span<std::uint8_t> out, const UsbEvent& event, std::uint32_t interface, CaptureTime time,

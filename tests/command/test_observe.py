@@ -8,43 +8,12 @@ import resource
 import shutil
 import signal
 import socket
-import subprocess
 import tempfile
 import unittest
 
+import captures
 import wire
 from test_command import SPEED, CommandTestCase, Running, read_exactly, run
-
-FIELDS = ("usb.urb_id", "usb.urb_type", "usb.transfer_type", "usb.endpoint_address", "usb.urb_status", "usb.urb_len",
-          "usb.iso.numdesc", "usb.iso.iso_len", "frame.cap_len", "_ws.col.Info")
-IN_PROGRESS, CANCELLED = "-115", "-104"
-
-
-def read(file: pathlib.Path) -> list[tuple[str, ...]]:
-    """The records' FIELDS, in the order of the file, which is that of time; none is malformed."""
-    fields = [word for field in (*FIELDS, "_ws.malformed", "frame.time_delta") for word in ("-e", field)]
-    shown = subprocess.run(["tshark", "-r", file, "-T", "fields", *fields], capture_output=True, text=True,
-                           timeout=wire.DEADLINE, check=True)
-    rows = [line.split("\t") for line in shown.stdout.splitlines()]
-    wrong = [row for row in rows if row[-2] or float(row[-1]) < 0]
-    assert not wrong, wrong
-    return [tuple(row[:-2]) for row in rows]
-
-
-def pair(rows: list[tuple[str, ...]]) -> list[tuple[tuple[str, ...], tuple[str, ...]]]:
-    """Each submission with its completion, which comes behind it, of the same kind; none is left."""
-    pending, pairs = {}, []
-    for row in rows:
-        if row[1] == "'S'":
-            assert row[0] not in pending and row[4] == IN_PROGRESS, row
-            pending[row[0]] = row
-        else:
-            submission = pending.pop(row[0])
-            assert submission[2:4] == row[2:4], (submission, row)
-            pairs.append((submission, row))
-    assert not pending, pending
-    return pairs
-
 
 class ObserveTestCase(CommandTestCase):
     def setUp(self) -> None:
@@ -61,7 +30,7 @@ class Capturing(ObserveTestCase):
                     wire.interrupt(0x82, 3, b"", 8), wire.iso(0x83, 4, [100, 0, 50]), wire.iso(0x03, 5, [7, 9])]
         conversation = wire.WireTestCase()
         conversation.serve("raw", requests, "--capture", str(self.file), "--capture-bytes", "90")
-        pairs = pair(read(self.file))
+        pairs = captures.pair(captures.read(self.file))
         names = [(begin[9], end[9]) for begin, end in pairs[:5]]
         self.assertEqual(names, [(f"{name} Request{what}", f"{name} Response{what}") for name, what in (
             ("GET DESCRIPTOR", " DEVICE"), ("GET DESCRIPTOR", " STRING"), ("GET DESCRIPTOR", " CONFIGURATION"))] + [
@@ -78,44 +47,46 @@ class Capturing(ObserveTestCase):
                                            str(self.file)))
         device = "tcp://" + served.note().split()[3].rstrip(",")
         near = self.file.with_name("near.pcapng")
-        self.assertEqual(run("stream", device, "--frames", "3", "--no-transcode", "--capture", str(near)).returncode, 0)
+        self.assertEqual(run("stream", device, "--frames", "3", "--no-transcode", "--capture", str(near),
+                             "--capture-bytes", "9999999").returncode, 0)
         self.end_promptly(served, signal.SIGTERM)
-        for file in (self.file, near):
-            pairs = pair(read(file))
+        for file, length in ((self.file, str(64 + 16 + 1024)), (near, "262144")):
+            pairs = captures.pair(captures.read(file))
             names = {begin[9].split("  ")[0] for begin, _ in pairs}
             self.assertLessEqual({"SET CUR Request", "GET CUR Request", "SET INTERFACE Request"}, names)
             pictures = [end for _, end in pairs if end[5] == "614400"]
             self.assertGreaterEqual(len(pictures), 3)
             for picture in pictures:
-                self.assertEqual(picture[6:9], ("1,1", "614400", "262144"))
-            self.assertIn(CANCELLED, {end[4] for _, end in pairs})  # The reads that were in flight at the end.
+                self.assertEqual(picture[6:9], ("1,1", "614400", length))
+            self.assertIn(captures.CANCELLED, {end[4] for _, end in pairs})  # The reads that were in flight at the end.
 
     def test_a_full_disk_and_a_kill_leave_a_file_that_can_be_read(self) -> None:
-        ended = run("stream", "camera", "--frames", "3", "--no-transcode", "--capture", str(self.file),
+        ended = run("stream", "camera", "--frames", "3", "--no-transcode", "--capture", str(self.file), "--capture-bytes", "262144",
                     preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (300000, 300000)))
         self.assertEqual(ended.returncode, 0, ended.stderr)
         self.assertRegex(ended.stderr, r"\Acapture: cannot write \S+: File too large; it ends here\n"
                                        r"capture: \d+ records in \S+, [1-9]\d* left out\n\Z")
-        self.assertIn(f"{len(read(self.file))} records", ended.stderr)
+        self.assertIn(f"{len(captures.read(self.file))} records", ended.stderr)
         self.file.unlink()
         served = self.enterContext(Running("serve", "keyboard", "--stdio", "--capture", str(self.file)))
         request = wire.Request(wire.GET_DEVICE)
         served.process.stdin.write(request.encode())
         read_exactly(served.process.stdout, 34)
-        while self.file.stat().st_size < 300:  # The device's name, the request, its reply.
+        while self.file.stat().st_size < 44 + 36 + 96 + 116:  # Head, device, request, reply.
             self.assertIsNone(served.process.poll())
         served.process.kill()
         served.process.wait()
-        self.assertEqual(len(pair(read(self.file))), 1)
+        self.assertEqual(len(captures.pair(captures.read(self.file))), 1)
 
 
 class Figures(ObserveTestCase):
     def test_signals_and_intervals_ask_for_figures(self) -> None:
         for options, lines in ((["--stats", "0.1"], "stderr"), (["--json"], "stdout")):
             with self.subTest(options), Running("serve", "raw", "--listen", "0", *options) as served:
-                host, port = served.note().split()[3].rstrip(",").split(":")
+                while not (note := served.note()).startswith("serving"):
+                    pass
+                host, port = note.split()[3].rstrip(",").split(":")
                 remote = self.enterContext(socket.create_connection((host, int(port))))
-                served.note()
                 remote.sendall(wire.bulk(0x81, 1, b"", 1000).encode() + wire.bulk(0x01, 2, bytes(500)).encode() +
                                wire.bulk(0x7F, 3, b"").encode() + SPEED.encode())
                 read_exactly(remote, 16 + 8 + 1000 + 16 + 8 + 500 + 16 + 8 + 20)
@@ -128,7 +99,7 @@ class Figures(ObserveTestCase):
                     self.assertEqual(figures["total"]["failures"], figures["failures"])
                 else:
                     shown = ""
-                    while "3 transfers" not in shown:
+                    while "3 transfers" not in shown:  # Not those of the intervals before.
                         shown = served.note()
                     self.assertRegex(shown, r"^raw: \d+\.\d s, 3 transfers, 0\.00 MB in, 0\.00 MB out, 0 in flight, "
                                             r"round trip \d+\.\d ms \(p50\) \d+\.\d ms \(p99\)")

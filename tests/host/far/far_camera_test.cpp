@@ -50,6 +50,7 @@ class Port final : public FarCamera::Port {
   void SendSetting(std::uint8_t /*interfaceNumber*/, std::uint8_t /*setting*/) override {}
   void Note(const std::string& line) override { ADD_FAILURE() << line; }
   std::chrono::microseconds LeastRoundTrip() const override { return std::chrono::milliseconds(1); }
+  void OnLatePicture() override { ++late; }
   bool AnswerHeld(const FarCamera::Fill& fill) override {
     int left = urbs;
     while (left > 0 && !urbs.compare_exchange_weak(left, left - 1)) {
@@ -65,6 +66,7 @@ class Port final : public FarCamera::Port {
   }
 
   std::atomic<int> urbs{0};
+  std::atomic<int> late{0};
   Collected<std::uint32_t> reads;
   Collected<std::uint32_t> cancels;
   Collected<Bytes> filled;
@@ -123,6 +125,7 @@ TEST_F(FarCameraTest, NewestPictureWinsAndReadsStayInFlight) {
   ASSERT_EQ(filled.size(), 1U);
   ASSERT_EQ(filled[0].size(), 66U);
   EXPECT_EQ(filled[0][2] + 0, 2);
+  EXPECT_EQ(port.late, 1);
   SelectSetting(0);
   EXPECT_THAT(port.cancels.Take(), ElementsAre(105, 104, 103));
   std::unique_ptr<VelPacket> late;
