@@ -20,6 +20,7 @@ skip() {
 for tool in qemu-system-x86_64 busybox cpio depmod lsusb udevadm usbip v4l2-ctl mkfs.ext4 tc xz; do
   command -v $tool >/dev/null || skip "no $tool here; vm_packages in scripts/lib.sh names what to install"
 done
+[ -z "${VM_CHECK:-}" ] || command -v tshark >/dev/null || skip "no tshark here; test_packages in scripts/lib.sh names it"
 
 mkdir -p "$work/$set"
 # Sets beside each other share a kernel.

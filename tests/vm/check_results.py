@@ -6,6 +6,7 @@ import subprocess
 import sys
 import wave
 
+import captures
 import lsusb_lines
 
 RAMP = 16000  # The values of the ramp that is played: 1 to this.
@@ -55,8 +56,30 @@ def check_camera(work):
     return "the worst pictures have " + "; ".join(results)
 
 
-SETS = {"kernel": "describe,audio", "far": "attach,camera"}
-CHECKS = {"describe": check_descriptors, "attach": check_descriptors, "audio": check_sound, "camera": check_camera}
+def check_captures(work, name, devices, requests):
+    """What crossed for a guest's own drivers: submissions and completions, requests by their names."""
+    pairs = captures.pair(captures.read(work / f"results/{name}.pcapng.gz"))
+    assert {begin[10] for begin, _ in pairs} == devices, {begin[10] for begin, _ in pairs}
+    missing = requests - {begin[9].split("  ")[0] for begin, _ in pairs}
+    assert not missing, missing
+    return f"{len(pairs)} requests of {name} are in its capture with their completions"
+
+
+EMULATED = {"keyboard", "printer", "ch340", "ch9102", "raw", "winusb", "camera"}
+CLASSES = {"GET DESCRIPTOR Request CONFIGURATION", "SET CONFIGURATION Request", "SET_REPORT Request",
+           "GET_DEVICE_ID request", "SET LINE CODING Request", "SET CUR Request"}
+
+
+def check_attach(work):
+    return check_descriptors(work) + "; " + check_captures(work, "attach", EMULATED, CLASSES)
+
+
+def check_export(work):
+    return check_captures(work, "export", EMULATED, CLASSES | {"SET INTERFACE Request"})
+
+
+SETS = {"kernel": "describe,audio", "far": "attach,camera,export"}
+CHECKS = {"describe": check_descriptors, "attach": check_attach, "export": check_export, "audio": check_sound, "camera": check_camera}
 
 
 def main():

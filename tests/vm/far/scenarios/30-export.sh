@@ -1,7 +1,8 @@
 # The same devices by the guest's own client, and clients that are none.
 # shellcheck shell=sh
 . /vm/far/lib.sh
-$VIRTUSB --module $VIRTUSB_MODULE export keyboard printer ch340 ch9102 raw winusb camera 2>$said &
+$VIRTUSB --module $VIRTUSB_MODULE export --capture /tmp/export.pcapng --capture-bytes 64 keyboard printer ch340 ch9102 raw winusb \
+  camera 2>$said &
 exporter=$!
 await "the service" grep -q '^serving 7 devices' $said
 usbip list -r 127.0.0.1 >/tmp/list 2>/dev/null
@@ -42,5 +43,6 @@ ports=$(ports_of 006 | wc -l)
 kill $exporter
 wait $exporter || fail "export ends with $?: $(cat $said)"
 exporter=
+gzip -c /tmp/export.pcapng >$results/export.pcapng.gz
 await "the ports to be free" ports_free
 echo "seven devices by usbip; taken ones and unknown ones refused, garbage ended"
