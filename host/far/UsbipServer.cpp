@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <chrono>
 #include <exception>
+#include <stdexcept>
 #include <utility>
 
 #include "far/UsbipLink.h"
@@ -21,13 +22,16 @@ using Clock = std::chrono::steady_clock;
 // For a client to say what it wants.
 constexpr std::chrono::seconds kRequestTime{10};
 
-// Fills `bytes`. False when the client goes, takes too long, or everything ends.
+// Fills `bytes`. False when the client goes or everything ends. Throws std::runtime_error when it takes too long.
 bool ReadWhole(int fd, std::span<std::uint8_t> bytes, Clock::time_point deadline, const StopSignal& stop) {
   while (!bytes.empty()) {
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
     std::array<pollfd, 2> descriptors = {pollfd{fd, POLLIN, 0}, pollfd{stop.Fd(), POLLIN, 0}};
     const int ready = poll(descriptors.data(), descriptors.size(), static_cast<int>(std::max<long long>(left, 0)));
-    if (ready == 0 || descriptors[1].revents != 0) {
+    if (ready == 0) {
+      throw std::runtime_error("it has asked for nothing within " + std::to_string(kRequestTime.count()) + " s");
+    }
+    if (descriptors[1].revents != 0) {
       return false;
     }
     const ssize_t count = ready < 0 ? -1 : read(fd, bytes.data(), bytes.size());
