@@ -135,16 +135,16 @@ int RunServe(const CommonOptions& common, const ServeOptions& serve, const StopS
   if (!tlsFolder.empty()) {
     static_cast<void>(TlsContext(tlsFolder, TlsContext::Side::kServer));  // Says now what is wrong with it.
   }
+  std::optional<Listener> listener;
+  if (!serve.stdio) {
+    listener.emplace(serve.listen, stop, tlsFolder.empty() && !serve.insecure ? kOpenToAll : nullptr);
+  }
   Observer observer(ObserverOptions(common, !serve.stdio));
   const std::shared_ptr<DeviceTap> tap = observer.Watch(common.device);
   DevicePresence presence(common.device, serve.wait, common.cameraSource);
   const Service service{
       ModuleLibrary::Load(common.modulePath), presence, stop, {serve.answerFailures, serve.leanReplies}, *tap};
-  if (serve.stdio) {
-    return ServeStdio(service);
-  }
-  const bool mayBeOpen = !tlsFolder.empty() || serve.insecure;
-  return ServeSocket(service, common.device, Listener(serve.listen, stop, mayBeOpen ? nullptr : kOpenToAll), tlsFolder);
+  return listener ? ServeSocket(service, common.device, *listener, tlsFolder) : ServeStdio(service);
 }
 
 }  // namespace vel

@@ -59,7 +59,7 @@ class Server {
   std::string mError;
   const StopSignal mAnswered;  // Raised by the fence's reply.
   Mutex mMutex;
-  std::uint16_t mAwaited VEL_GUARDED_BY(mMutex) = 0;                         // That reply; 0 while none is awaited.
+  std::uint16_t mAwaited VEL_GUARDED_BY(mMutex) = 0;                             // That reply; 0 while none is awaited.
   ByteStream::Result mWritten VEL_GUARDED_BY(mMutex) = ByteStream::Result::kOk;  // Of the reply that could not be sent.
   bool mDeviceGone VEL_GUARDED_BY(mMutex) = false;
   Mutex mSessionMutex;  // Posting, and exchanging the session. Nothing else is taken with it held.
