@@ -23,7 +23,7 @@ class Reception {
  public:
   struct Limits {
     std::chrono::milliseconds toSpeak{10000};  // From the connection on.
-    std::chrono::milliseconds stuck{30000};    // Of a write without progress while another remote side waits.
+    std::chrono::milliseconds stuck{10000};    // Of a write without progress while another remote side waits.
   };
   struct Visitor {
     std::string name;  // For people; with TLS also whose certificate it has.

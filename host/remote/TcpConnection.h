@@ -30,7 +30,7 @@ using AddrInfoHandle = std::unique_ptr<addrinfo, AddrInfoDeleter>;
 AddrInfoHandle LookUp(const HostPort& address, int flags, const StopSignal& stop, std::string& problem);
 
 // Small packets leave at once, and a peer whose machine has gone without a word ends the connection within fifteen
-// seconds, unless it owes an acknowledgement: then it is up to the kernel's retransmissions.
+// seconds, as does one that takes nothing of what is sent to it.
 void SetUpTcp(int connection);
 
 // Connects to the first of the host's addresses that answers, each within ten seconds, and sets the connection up.
