@@ -1,5 +1,5 @@
 // Requests through onEvent to the reply, on the emulated raw device, beside what they cannot be cheaper than: the bare
-// hand-over to a thread and back, and a copy of the same bytes.
+// hand-over to a thread and back, and a copy of the same bytes; and beside a public redirection protocol's packet code.
 #include <benchmark/benchmark.h>
 
 #include <chrono>
@@ -13,6 +13,9 @@
 
 #include "BenchDevice.h"
 #include "Percentile.h"
+#if VIRTUSB_BENCH_PARSER
+#include "ParserLoop.h"
+#endif
 
 namespace {
 
@@ -156,6 +159,20 @@ void Copy(benchmark::State& state, std::uint32_t bytes) {
   });
 }
 
+#if VIRTUSB_BENCH_PARSER
+void PublicParsers(benchmark::State& state, std::uint32_t bytes) {
+  vel::ParserLoop loop(bytes);
+  const std::uint64_t batch = bytes > 65536 ? 200 : 20000;
+  for ([[maybe_unused]] auto _ : state) {
+    if (!loop.RoundTrips(batch, kWindow)) {
+      state.SkipWithError("a parser stopped");
+      return;
+    }
+  }
+  state.SetItemsProcessed(state.iterations() * static_cast<std::int64_t>(batch));
+}
+#endif
+
 // Keeps the medians of what ran, for the table of ratios.
 class Medians : public benchmark::ConsoleReporter {
  public:
@@ -176,7 +193,8 @@ class Medians : public benchmark::ConsoleReporter {
   void PrintTable() const {
     std::printf(
         "\n| request | one in flight, p50 / p99 us | x hand-over (p50) | 16 in flight, ns each | requests/s "
-        "| 16 from a thread that sleeps, ns each | x memcpy (16 in flight) |\n|---|---|---|---|---|---|---|\n");
+        "| 16 from a thread that sleeps, ns each | public parsers alone, ns each | x parsers (16 in flight) "
+        "| x memcpy (16 in flight) |\n|---|---|---|---|---|---|---|---|---|\n");
     const double handOver = At("hand-over").p50;
     for (const Size& size : Sizes()) {
       const Row one = At(std::string("one/") + size.name);
@@ -186,6 +204,11 @@ class Medians : public benchmark::ConsoleReporter {
       std::printf("| %s | %.1f / %.1f | %.2f | %.0f | %.0f | %.0f | ", size.name, one.p50, one.p99,
                   handOver > 0 ? one.p50 / handOver : 0, window.nanoseconds,
                   window.nanoseconds > 0 ? 1e9 / window.nanoseconds : 0, thread.nanoseconds);
+      if (const double parsers = At(std::string("parsers/") + size.name).nanoseconds; parsers > 0) {
+        std::printf("%.0f | %.2f | ", parsers, window.nanoseconds / parsers);
+      } else {
+        std::printf("- | - | ");
+      }
       if (size.workload.bytes >= (16U << 10U) && copy > 0) {
         std::printf("%.2f |\n", window.nanoseconds / copy);
       } else {
@@ -231,6 +254,9 @@ int main(int argc, char** argv) {
     benchmark::RegisterBenchmark(("thread/" + name).c_str(), &WindowFromThread, size.workload)->UseRealTime();
     if (size.workload.bytes > 0) {
       benchmark::RegisterBenchmark(("memcpy/" + name).c_str(), &Copy, size.workload.bytes)->UseRealTime();
+#if VIRTUSB_BENCH_PARSER
+      benchmark::RegisterBenchmark(("parsers/" + name).c_str(), &PublicParsers, size.workload.bytes)->UseRealTime();
+#endif
     }
   }
   Medians reporter;
