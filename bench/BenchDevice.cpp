@@ -1,12 +1,18 @@
 #include "BenchDevice.h"
 
+#include <span>
 #include <utility>
+#include <vector>
+
+#include "protocol/Requests.h"
 
 namespace vel {
 
 std::unique_ptr<VelPacket> Workload::Request(std::uint32_t streamId) const {
   if (command == Command::kBulkTransfer) {
-    return BuildTransferRequest(command, {}, endpoint, streamId, bytes, {});
+    static const std::vector<std::uint8_t> given(std::size_t{1} << 20U);
+    const bool in = (endpoint & kDirectionIn) != 0;
+    return BuildTransferRequest(command, {}, endpoint, streamId, bytes, std::span(given).first(in ? 0 : bytes));
   }
   return BuildRequest(command, {});
 }

@@ -18,7 +18,7 @@ namespace vel {
 // What a benchmark asks for, again and again.
 struct Workload {
   Command command = Command::kBulkTransfer;
-  std::uint32_t bytes = 0;  // Of a bulk IN; not used by a status request.
+  std::uint32_t bytes = 0;  // Of a bulk transfer, at most 1 MiB; not used by a status request.
   std::uint8_t endpoint = 0x81;
 
   std::unique_ptr<VelPacket> Request(std::uint32_t streamId) const;

@@ -5,6 +5,7 @@
 
 #include <libusb-1.0/libusb.h>
 
+#include "base/HeapBlock.h"
 #include "protocol/ConfigRecords.h"
 #include "protocol/VelPacket.h"
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
+#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -21,7 +22,12 @@
 namespace vel {
 namespace {
 
-constexpr std::uint32_t kReplyRoom = 1024;  // Beyond the data.
+// Of a reply, before its data: stream id, status, for an isochronous one the count of packets.
+struct ReplyFields {
+  std::uint32_t streamId;
+  std::int32_t status;
+  std::uint32_t isoPackets;
+};
 
 }  // namespace
 
@@ -176,11 +182,12 @@ int VirtUDevice::ControlTransfer(std::uint8_t bmRequestType, std::uint8_t bReque
 
 XferPtr VirtUDevice::NewXfer(std::uint32_t xferType, std::uint8_t epAddr, std::uint32_t streamId, std::uint32_t length,
                              std::uint8_t* data, void* reqCtx) {
-  XferPtr info = MakeXfer();
+  auto* const context = static_cast<TransferContext*>(reqCtx);
+  XferPtr info = context != nullptr && context->record != nullptr ? XferPtr(context->record) : MakeXfer();
   if (info == nullptr) {
     VEL_ERROR("no memory for transfer streamid[%u]", streamId);
-    if (reqCtx != nullptr) {
-      RefuseTransfer(xferType, *static_cast<TransferContext*>(reqCtx));
+    if (context != nullptr) {
+      RefuseTransfer(xferType, *context);
     }
     std::free(data);
     std::free(reqCtx);
@@ -311,27 +318,34 @@ void VirtUDevice::GivebackPackToRemote(_UsbIoXferInfo& info, const TransferConte
       mAwaitsFirstCameraData.exchange(false, std::memory_order_relaxed)) {
     ReportEvent("CAMERA_DATA", true, "get camera data success");
   }
-  auto reply = VelPacket::TryMake(capacity);
+  auto reply = carriesData ? TakeReplyPacket(info, capacity) : nullptr;
+  const bool inPlace = reply != nullptr;
+  if (!inPlace) {
+    reply = VelPacket::TryMake(capacity, std::uint32_t{sizeof(ReplyFields)} + (carriesData ? info.length : 0));
+  }
   if (reply == nullptr) {
     // What the data would have taken is more than there is: the transfer has failed then.
     VEL_ERROR("no memory for a reply of %u bytes", capacity);
     info.status = kXferError;
     info.length = 0;
     info.isoPacketNum = 0;
-    reply = VelPacket::TryMake(kReplyRoom);
+    reply = VelPacket::TryMake(kReplyRoom, sizeof(ReplyFields));
     if (reply == nullptr) {
       throw std::bad_alloc();
     }
   }
   const std::uint16_t command = transfer_type_to_proto_type(static_cast<std::uint8_t>(info.xferType));
   reply->InitHeader(context.deviceBase->TakeReplyReqId(command, info.streamId), command, context.devId);
-  reply->Append(&info.streamId, sizeof info.streamId);
-  reply->Append(&info.status, sizeof info.status);
+  const ReplyFields fields = {info.streamId, info.status, info.isoPacketNum};
   if (info.xferType == kXferIsochronous) {
-    reply->Append(&info.isoPacketNum, sizeof info.isoPacketNum);
+    reply->Append(&fields, sizeof fields);
     mPingClock.Sent(info.streamId);
+  } else {
+    reply->Append(&fields, offsetof(ReplyFields, isoPackets));
   }
-  if (carriesData && info.length > 0) {
+  if (inPlace) {
+    reply->AppendInPlace(info.length);
+  } else if (carriesData && info.length > 0) {
     reply->Append(info.data, info.length);
   }
   context.deviceBase->Send(std::move(reply), VelDeviceBase::kWaitUnbounded);

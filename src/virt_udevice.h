@@ -6,6 +6,7 @@
 #include <memory>
 
 #include "PingClock.h"
+#include "RequestXfer.h"
 #include "TransferBudget.h"
 #include "io/IUsbIo.h"
 #include "io/IVirtUsbIoFactory.h"
@@ -13,20 +14,6 @@
 #include "vel/VelDeviceBase.h"
 
 namespace vel {
-
-class VirtUDevice;
-
-// What the give-back of a transfer needs of the request. A malloc block that the handler makes and the record
-// carries as `reqBuf`.
-struct TransferContext {
-  VelDeviceBase* deviceBase;
-  VirtUDevice* device;
-  std::uint8_t reqId;
-  std::uint32_t devId;
-  std::uint32_t streamId;
-  std::uint32_t reserved;   // Bytes taken from the device's TransferBudget; 0: it holds no place there.
-  std::uint32_t dataGiven;  // Bytes of the data block that the request brought; what lies behind was never written.
-};
 
 // The device as the session sees it: its backend, its policy, its transfers and their give-back.
 //
@@ -76,7 +63,8 @@ class VirtUDevice : private UsbIoTransferCallback {
                       std::uint8_t* data, std::uint16_t wLength, std::uint32_t timeout);
 
   // Asynchronous. `data` (a malloc block of `length` bytes, never null) and `reqCtx` (a TransferContext in a malloc
-  // block) belong to the transfer from the call on, whatever it returns; it is given back exactly once.
+  // block) belong to the transfer from the call on, whatever it returns; it is given back exactly once. Both may be
+  // those of a record that MakeRequestXfer made, which the context then names.
   int BulkTransfer(std::uint8_t epAddr, std::uint32_t streamId, std::uint32_t length, std::uint8_t* data, void* reqCtx);
   int InterruptTransfer(std::uint8_t epAddr, std::uint32_t streamId, std::uint32_t length, std::uint8_t* data,
                         void* reqCtx);
@@ -86,6 +74,9 @@ class VirtUDevice : private UsbIoTransferCallback {
 
   // Gives a transfer that cannot be carried out back with status 1 and no data, and its place in the budget.
   void RefuseTransfer(std::uint32_t xferType, const TransferContext& context) noexcept;
+
+  // Whether the data of bulk and interrupt transfers may lie in packets, see IUsbIo.
+  bool LeavesDataInPlace() const { return mIo->LeavesDataInPlace(); }
 
   // Bounds what waits for this device. A transfer's place in it, which its context names, is given back at completion.
   TransferBudget& Budget() { return mBudget; }

@@ -127,22 +127,21 @@ class VirtUsb final : public VirtUsbInf {
   int onDroppedData(PacketPtr packet);
 
   // The handler of a command without fields whose reply is the operation's result.
-  int RunStatusCommand(const VelPacket& request, const char* handler, int line, StatusOperation operation);
-  int RefuseSync(const VelPacket& request, PayloadError error = PayloadError::kTooShort);
-  int ReplyStatus(const RequestHead& request, std::int32_t result);
-  int ReplyStatus(const VelPacket& request, std::int32_t result) { return ReplyStatus(HeadOf(request), result); }
-  // Throws std::bad_alloc, as whatever a handler calls may.
-  static PacketPtr MakeReply(const RequestHead& request, std::uint32_t capacity);
-  static PacketPtr MakeReply(const VelPacket& request, std::uint32_t capacity) {
-    return MakeReply(HeadOf(request), capacity);
-  }
+  int RunStatusCommand(PacketPtr request, const char* handler, int line, StatusOperation operation);
+  int RefuseSync(PacketPtr request, PayloadError error = PayloadError::kTooShort);
+  int ReplyStatus(PacketPtr request, std::int32_t result);
+  int SendStatus(PacketPtr reply, std::int32_t result);
+  // An empty reply whose block has room for `payloadRoom` bytes. Throws std::bad_alloc, as whatever a handler calls
+  // may.
+  static PacketPtr MakeReply(const RequestHead& request, std::uint32_t capacity, std::uint32_t payloadRoom);
+  // The same in the request's own block where that fits: nothing of the request is read any more.
+  static PacketPtr MakeReply(PacketPtr request, std::uint32_t capacity, std::uint32_t payloadRoom);
   int SendReply(PacketPtr reply);
   void LogBadPayload(const VelPacket& request, PayloadError error) const;
 
-  struct TransferBlocks;
-  // The data block and the context for a transfer, or nothing once the request was refused.
-  bool PrepareTransfer(const VelPacket& request, std::uint32_t xferType, const TransferRequest& transfer,
-                       TransferBlocks& blocks);
+  // The transfer's record, ready for the device, or null once the request was refused. Takes the packet over where the
+  // record's data lies in it.
+  XferPtr PrepareTransfer(PacketPtr& request, std::uint32_t xferType, const TransferRequest& transfer);
 
   // Writes the first bytes of a payload to the log.
   void velPrintData(const std::uint8_t* data, int n) const;

@@ -6,7 +6,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <new>
 #include <string>
@@ -14,7 +13,6 @@
 
 #include "ConfigSerializer.h"
 #include "base/VelLog.h"
-#include "protocol/IsoTable.h"
 #include "virt_usb.h"
 
 namespace vel {
@@ -27,26 +25,11 @@ constexpr std::uint32_t kConfigReplyCapacity = 16384;
 // adds; rounded up.
 constexpr std::uint32_t kTransferOverhead = 512;
 
-// The bytes that a transfer holds while it is pending. A backend has an isochronous transfer's packets in a buffer of
-// its own, whatever n is.
-std::uint32_t PendingCost(const TransferRequest& transfer) {
-  return kTransferOverhead + transfer.length + transfer.isoBytes;
-}
-
-// A block for the data of a transfer, never null for want of bytes: a record without data is a failed one.
-std::uint8_t* NewDataBlock(const TransferRequest& transfer) {
-  auto* block = static_cast<std::uint8_t*>(std::malloc(std::max<std::size_t>(transfer.length, 1)));
-  if (block == nullptr) {
-    return nullptr;
-  }
-  const std::size_t given = transfer.data.size();
-  if (given > 0) {
-    std::memcpy(block, transfer.data.data(), given);
-  }
-  // Of the filler that an IN request left out only the packet table is read before it is overwritten.
-  const std::size_t table = std::min<std::size_t>(IsoTableSize(transfer.isoPackets), transfer.length);
-  std::fill(block + std::min(given, table), block + table, std::uint8_t{0});
-  return block;
+// The bytes that a transfer holds while it is pending: its data, or the request of `requestBytes` in which that lies. A
+// backend has an isochronous transfer's packets in a buffer of its own, whatever n is.
+std::uint32_t PendingCost(const TransferRequest& transfer, std::uint32_t requestBytes) {
+  const bool stays = (transfer.epAddr & kDirectionIn) == 0;
+  return kTransferOverhead + std::max(transfer.length, stays ? requestBytes : 0) + transfer.isoBytes;
 }
 
 std::uint32_t TransferType(Command command) {
@@ -61,13 +44,23 @@ DeviceHandlerAA::~DeviceHandlerAA() {
   VEL_DEBUG("~devicehandler end\n");
 }
 
-std::unique_ptr<VelPacket> VirtUsb::MakeReply(const RequestHead& request, std::uint32_t capacity) {
-  auto reply = VelPacket::TryMake(capacity);
+VirtUsb::PacketPtr VirtUsb::MakeReply(const RequestHead& request, std::uint32_t capacity, std::uint32_t payloadRoom) {
+  auto reply = VelPacket::TryMake(capacity, payloadRoom);
   if (reply == nullptr) {
     throw std::bad_alloc();
   }
   reply->InitHeader(request.reqId, static_cast<std::uint16_t>(request.command + 1), request.devId);
   return reply;
+}
+
+VirtUsb::PacketPtr VirtUsb::MakeReply(PacketPtr request, std::uint32_t capacity, std::uint32_t payloadRoom) {
+  const RequestHead head = HeadOf(*request);
+  // A large block would wait with a small reply for its turn on the wire.
+  if (request->PayloadRoom().size() > capacity || !request->Restart(capacity, payloadRoom)) {
+    return MakeReply(head, capacity, payloadRoom);
+  }
+  request->InitHeader(head.reqId, static_cast<std::uint16_t>(head.command + 1), head.devId);
+  return request;
 }
 
 int VirtUsb::SendReply(PacketPtr reply) {
@@ -78,10 +71,13 @@ int VirtUsb::SendReply(PacketPtr reply) {
   return 0;
 }
 
-int VirtUsb::ReplyStatus(const RequestHead& request, std::int32_t result) {
-  PacketPtr reply = MakeReply(request, kReplyCapacity);
+int VirtUsb::SendStatus(PacketPtr reply, std::int32_t result) {
   reply->Append(&result, sizeof result);
   return SendReply(std::move(reply));
+}
+
+int VirtUsb::ReplyStatus(PacketPtr request, std::int32_t result) {
+  return SendStatus(MakeReply(std::move(request), kReplyCapacity, sizeof result), result);
 }
 
 void VirtUsb::LogBadPayload(const VelPacket& request, PayloadError error) const {
@@ -92,9 +88,9 @@ void VirtUsb::LogBadPayload(const VelPacket& request, PayloadError error) const 
                    PayloadErrorText(error).data());
 }
 
-int VirtUsb::RefuseSync(const VelPacket& request, PayloadError error) {
-  LogBadPayload(request, error);
-  return ReplyStatus(request, LIBUSB_ERROR_INVALID_PARAM);
+int VirtUsb::RefuseSync(PacketPtr request, PayloadError error) {
+  LogBadPayload(*request, error);
+  return ReplyStatus(std::move(request), LIBUSB_ERROR_INVALID_PARAM);
 }
 
 void VirtUsb::RefuseForWantOfMemory(const RequestHead& request, std::uint32_t streamId) {
@@ -106,19 +102,20 @@ void VirtUsb::RefuseForWantOfMemory(const RequestHead& request, std::uint32_t st
                                                             .devId = request.devId,
                                                             .streamId = streamId,
                                                             .reserved = 0,
-                                                            .dataGiven = 0});
+                                                            .dataGiven = 0,
+                                                            .record = nullptr});
   } else if (command.command == Command::kGetDeviceConfig) {
-    SendReply(MakeReply(request, VelPacket::kHeaderSize));  // As without a configuration.
+    SendReply(MakeReply(request, VelPacket::kHeaderSize, 0));  // As without a configuration.
   } else if (command.reply == ReplyKind::kSync && command.command != Command::kGetDeviceDesc) {
-    ReplyStatus(request, LIBUSB_ERROR_NO_MEM);
+    SendStatus(MakeReply(request, kReplyCapacity, sizeof(std::int32_t)), LIBUSB_ERROR_NO_MEM);
   }
 }
 
-int VirtUsb::RunStatusCommand(const VelPacket& request, const char* handler, int line, StatusOperation operation) {
+int VirtUsb::RunStatusCommand(PacketPtr request, const char* handler, int line, StatusOperation operation) {
   VEL_DEVICE_LINE(OSKELO_LOG_DEBUG, "Debug:", mDeviceBase, handler, line, "ENTER");
   const int ret = ((*mDevice).*operation)();
   VEL_DEVICE_LINE(OSKELO_LOG_DEBUG, "Debug:", mDeviceBase, handler, line, "%s ret:%d", handler, ret);
-  return ReplyStatus(request, ret);
+  return ReplyStatus(std::move(request), ret);
 }
 
 int VirtUsb::onGetDeviceDesc(PacketPtr packet) {
@@ -129,7 +126,7 @@ int VirtUsb::onGetDeviceDesc(PacketPtr packet) {
     return 0;
   }
   static_assert(sizeof *desc == LIBUSB_DT_DEVICE_SIZE);  // libusb's record lies as the descriptor does.
-  PacketPtr reply = MakeReply(*packet, kReplyCapacity);
+  PacketPtr reply = MakeReply(std::move(packet), kReplyCapacity, LIBUSB_DT_DEVICE_SIZE);
   reply->Append(desc, LIBUSB_DT_DEVICE_SIZE);
   return SendReply(std::move(reply));
 }
@@ -144,23 +141,23 @@ int VirtUsb::onOpenUsbDev(PacketPtr packet) {
     }
   }
   VEL_DEVICE_DEBUG(mDeviceBase, "onOpenUsbDev ret:%d", ret);
-  return ReplyStatus(*packet, ret);
+  return ReplyStatus(std::move(packet), ret);
 }
 
 int VirtUsb::onCloseUsbDev(PacketPtr packet) {
   VEL_DEVICE_DEBUG(mDeviceBase, "ENTER");
   const int ret = mDevice->CloseUsbDev();
   VEL_DEBUG("onCloseUsbDev ret:%d", ret);
-  return ReplyStatus(*packet, ret);
+  return ReplyStatus(std::move(packet), ret);
 }
 
 int VirtUsb::onGetDevicePortNumber(PacketPtr packet) {
-  return RunStatusCommand(*packet, __func__, __LINE__, &VirtUDevice::GetDevicePortNumber);
+  return RunStatusCommand(std::move(packet), __func__, __LINE__, &VirtUDevice::GetDevicePortNumber);
 }
 
 int VirtUsb::onGetDeviceconfig(PacketPtr packet) {
   VEL_DEVICE_DEBUG(mDeviceBase, "onGetDeviceconfig");
-  PacketPtr reply = MakeReply(*packet, kConfigReplyCapacity);
+  PacketPtr reply = MakeReply(std::move(packet), kConfigReplyCapacity, kConfigReplyCapacity);
   if (const libusb_config_descriptor* config = mDevice->GetDeviceconfig(); config != nullptr) {
     AppendConfig(*reply, *config);
   }
@@ -173,23 +170,23 @@ int VirtUsb::onGetDeviceconfig(PacketPtr packet) {
 }
 
 int VirtUsb::onGetBusNumber(PacketPtr packet) {
-  return RunStatusCommand(*packet, __func__, __LINE__, &VirtUDevice::GetBusNumber);
+  return RunStatusCommand(std::move(packet), __func__, __LINE__, &VirtUDevice::GetBusNumber);
 }
 
 int VirtUsb::onGetDeviceAddress(PacketPtr packet) {
-  return RunStatusCommand(*packet, __func__, __LINE__, &VirtUDevice::GetDeviceAddress);
+  return RunStatusCommand(std::move(packet), __func__, __LINE__, &VirtUDevice::GetDeviceAddress);
 }
 
 int VirtUsb::onGetStringDescriptor(PacketPtr packet) {
   VEL_DEVICE_DEBUG(mDeviceBase, "ENTER");
   const auto request = ReadStringRequest(packet->PayloadBytes());
   if (!request) {
-    return RefuseSync(*packet);
+    return RefuseSync(std::move(packet));
   }
   std::array<std::uint8_t, kStringBufferBytes> buffer{};
   const std::int32_t ret =
       mDevice->GetStringDescriptor(request->index, request->langId, buffer.data(), request->length);
-  PacketPtr reply = MakeReply(*packet, kReplyCapacity);
+  PacketPtr reply = MakeReply(std::move(packet), kReplyCapacity, sizeof ret + kStringBufferBytes);
   reply->Append(&ret, sizeof ret);
   if (ret > 0) {
     reply->Append(buffer.data(), static_cast<std::uint32_t>(ret));
@@ -198,48 +195,48 @@ int VirtUsb::onGetStringDescriptor(PacketPtr packet) {
 }
 
 int VirtUsb::onResetDevice(PacketPtr packet) {
-  return RunStatusCommand(*packet, __func__, __LINE__, &VirtUDevice::ResetDevice);
+  return RunStatusCommand(std::move(packet), __func__, __LINE__, &VirtUDevice::ResetDevice);
 }
 
 int VirtUsb::onAttachKernelDriver(PacketPtr packet) {
-  return RunStatusCommand(*packet, __func__, __LINE__, &VirtUDevice::AttachKernelDriver);
+  return RunStatusCommand(std::move(packet), __func__, __LINE__, &VirtUDevice::AttachKernelDriver);
 }
 
 int VirtUsb::onDetachKernelDriver(PacketPtr packet) {
-  return RunStatusCommand(*packet, __func__, __LINE__, &VirtUDevice::DetachKernelDriver);
+  return RunStatusCommand(std::move(packet), __func__, __LINE__, &VirtUDevice::DetachKernelDriver);
 }
 
 int VirtUsb::onClearHalt(PacketPtr packet) {
   VEL_DEVICE_DEBUG(mDeviceBase, "ENTER");
   const int ret = mDevice->ClearHalt(0);  // Always endpoint 0, on which remote sides count: the payload is not read.
   VEL_DEVICE_DEBUG(mDeviceBase, "onClearHalt ret:%d", ret);
-  return ReplyStatus(*packet, ret);
+  return ReplyStatus(std::move(packet), ret);
 }
 
 int VirtUsb::onReleaseAllInterface(PacketPtr packet) {
-  return RunStatusCommand(*packet, __func__, __LINE__, &VirtUDevice::ReleaseAllInterface);
+  return RunStatusCommand(std::move(packet), __func__, __LINE__, &VirtUDevice::ReleaseAllInterface);
 }
 
 int VirtUsb::onSetConfiguration(PacketPtr packet) {
   VEL_DEVICE_DEBUG(mDeviceBase, "ENTER");
   const auto configuration = ReadU32Request(packet->PayloadBytes());
   if (!configuration) {
-    return RefuseSync(*packet);
+    return RefuseSync(std::move(packet));
   }
   const int ret = mDevice->SetConfiguration(static_cast<int>(*configuration));
   VEL_DEVICE_DEBUG(mDeviceBase, "onSetConfiguration configuration:%d ret:%d", static_cast<int>(*configuration), ret);
-  return ReplyStatus(*packet, ret);
+  return ReplyStatus(std::move(packet), ret);
 }
 
 int VirtUsb::onClaimAllInterface(PacketPtr packet) {
-  return RunStatusCommand(*packet, __func__, __LINE__, &VirtUDevice::ClaimAllInterface);
+  return RunStatusCommand(std::move(packet), __func__, __LINE__, &VirtUDevice::ClaimAllInterface);
 }
 
 int VirtUsb::onSetInterfaceAltSetting(PacketPtr packet) {
   VEL_DEVICE_DEBUG(mDeviceBase, "ENTER");
   const auto request = ReadAltSettingRequest(packet->PayloadBytes());
   if (!request) {
-    return RefuseSync(*packet);
+    return RefuseSync(std::move(packet));
   }
   VEL_DEVICE_DEBUG(mDeviceBase, "onSetInterfaceAltSetting  interfaceNumber:%d ,alternateSetting:%d",
                    static_cast<int>(request->interfaceNumber), static_cast<int>(request->altSetting));
@@ -251,26 +248,26 @@ int VirtUsb::onSetInterfaceAltSetting(PacketPtr packet) {
     }
   }
   VEL_DEVICE_DEBUG(mDeviceBase, "onSetInterfaceAltSetting  ret:%d", ret);
-  return ReplyStatus(*packet, ret);
+  return ReplyStatus(std::move(packet), ret);
 }
 
 int VirtUsb::onCancelTransfer(PacketPtr packet) {
   VEL_DEVICE_DEBUG(mDeviceBase, "ENTER");
   const auto streamId = ReadU32Request(packet->PayloadBytes());
   if (!streamId) {
-    return RefuseSync(*packet);
+    return RefuseSync(std::move(packet));
   }
   VEL_DEVICE_DEBUG(mDeviceBase, "onCancelTransfer  streamid:%d", static_cast<int>(*streamId));
   const int ret = mDevice->CancelTransfer(*streamId);
   VEL_DEVICE_DEBUG(mDeviceBase, "onCancelTransfer ret:%d", ret);
-  return ReplyStatus(*packet, ret);
+  return ReplyStatus(std::move(packet), ret);
 }
 
 int VirtUsb::onControlTransfer(PacketPtr packet) {
   VEL_DEVICE_DEBUG(mDeviceBase, "ENTER");
   const auto request = ReadControlRequest(packet->PayloadBytes());
   if (!request) {
-    return RefuseSync(*packet);
+    return RefuseSync(std::move(packet));
   }
   std::vector<std::uint8_t> data(request->wLength);
   std::copy(request->data.begin(), request->data.end(), data.begin());
@@ -282,7 +279,8 @@ int VirtUsb::onControlTransfer(PacketPtr packet) {
   const std::int32_t ret = mDevice->ControlTransfer(request->bmRequestType, request->bRequest, request->wValue,
                                                     request->wIndex, data.data(), request->wLength, request->timeout);
   VEL_DEVICE_DEBUG(mDeviceBase, "onControlTransfer ret:%d", ret);
-  PacketPtr reply = MakeReply(*packet, request->wLength + kReplyCapacity);
+  PacketPtr reply = MakeReply(std::move(packet), request->wLength + kReplyCapacity,
+                              static_cast<std::uint32_t>(sizeof ret) + static_cast<std::uint32_t>(std::max(ret, 0)));
   reply->Append(&ret, sizeof ret);
   if (ret > 0) {
     reply->Append(data.data(), static_cast<std::uint32_t>(ret));
@@ -292,48 +290,40 @@ int VirtUsb::onControlTransfer(PacketPtr packet) {
   return SendReply(std::move(reply));
 }
 
-// The blocks of a transfer until the device takes them over.
-struct VirtUsb::TransferBlocks {
-  HeapBlock data;
-  std::unique_ptr<TransferContext, FreeDeleter> context;
-};
-
-bool VirtUsb::PrepareTransfer(const VelPacket& request, std::uint32_t xferType, const TransferRequest& transfer,
-                              TransferBlocks& blocks) {
+XferPtr VirtUsb::PrepareTransfer(PacketPtr& request, std::uint32_t xferType, const TransferRequest& transfer) {
   TransferContext context = {.deviceBase = mDeviceBase,
                              .device = mDevice.get(),
-                             .reqId = request.GetReqId(),
-                             .devId = request.GetDevId(),
+                             .reqId = request->GetReqId(),
+                             .devId = request->GetDevId(),
                              .streamId = transfer.streamId,
                              .reserved = 0,
-                             .dataGiven = static_cast<std::uint32_t>(transfer.data.size())};
+                             .dataGiven = static_cast<std::uint32_t>(transfer.data.size()),
+                             .record = nullptr};
   mAnswered = true;  // From here on by the device.
+  const bool inPlace = xferType != kXferIsochronous && mDevice->LeavesDataInPlace();
+  const std::uint32_t cost = PendingCost(transfer, inPlace ? request->GetCapacity() : 0);
   if (transfer.error != PayloadError::kNone) {
-    LogBadPayload(request, transfer.error);
-  } else if (!mDevice->Budget().TakeTransfer(PendingCost(transfer))) {
+    LogBadPayload(*request, transfer.error);
+  } else if (!mDevice->Budget().TakeTransfer(cost)) {
     VEL_DEVICE_ERROR(mDeviceBase, "transfer of %u bytes refused: too many wait already", transfer.length);
   } else {
-    context.reserved = PendingCost(transfer);
-    blocks.data.reset(NewDataBlock(transfer));
-    blocks.context.reset(static_cast<TransferContext*>(std::malloc(sizeof context)));
-    if (blocks.data != nullptr && blocks.context != nullptr) {
-      *blocks.context = context;
-      return true;
+    context.reserved = cost;
+    if (XferPtr record = MakeRequestXfer(context, request, transfer, inPlace)) {
+      return record;
     }
     VEL_DEVICE_ERROR(mDeviceBase, "no memory for a transfer of %u bytes", transfer.length);
   }
   mDevice->RefuseTransfer(xferType, context);
-  return false;
+  return nullptr;
 }
 
 int VirtUsb::onBulkTransfer(PacketPtr packet) {
   VEL_DEVICE_DEBUG(mDeviceBase, "ENTER");
   const TransferRequest transfer = ReadTransferRequest(packet->PayloadBytes());
-  TransferBlocks blocks;
-  if (PrepareTransfer(*packet, kXferBulk, transfer, blocks)) {
+  if (XferPtr record = PrepareTransfer(packet, kXferBulk, transfer)) {
     velPrintData(transfer.data.data(), static_cast<int>(transfer.data.size()));
-    mDevice->BulkTransfer(transfer.epAddr, transfer.streamId, transfer.length, blocks.data.release(),
-                          blocks.context.release());
+    const _UsbIoXferInfo& given = *record.release();
+    mDevice->BulkTransfer(transfer.epAddr, transfer.streamId, transfer.length, given.data, given.reqBuf);
   }
   return 0;
 }
@@ -341,10 +331,9 @@ int VirtUsb::onBulkTransfer(PacketPtr packet) {
 int VirtUsb::onInterruptTransfer(PacketPtr packet) {
   VEL_DEVICE_DEBUG(mDeviceBase, "ENTER");
   const TransferRequest transfer = ReadTransferRequest(packet->PayloadBytes());
-  TransferBlocks blocks;
-  if (PrepareTransfer(*packet, kXferInterrupt, transfer, blocks)) {
-    mDevice->InterruptTransfer(transfer.epAddr, transfer.streamId, transfer.length, blocks.data.release(),
-                               blocks.context.release());
+  if (XferPtr record = PrepareTransfer(packet, kXferInterrupt, transfer)) {
+    const _UsbIoXferInfo& given = *record.release();
+    mDevice->InterruptTransfer(transfer.epAddr, transfer.streamId, transfer.length, given.data, given.reqBuf);
   }
   return 0;
 }
@@ -352,12 +341,12 @@ int VirtUsb::onInterruptTransfer(PacketPtr packet) {
 int VirtUsb::onIsochTransfer(PacketPtr packet) {
   VEL_DEVICE_DEBUG(mDeviceBase, "ENTER");
   const TransferRequest transfer = ReadIsoRequest(packet->PayloadBytes());
-  TransferBlocks blocks;
-  if (PrepareTransfer(*packet, kXferIsochronous, transfer, blocks)) {
+  if (XferPtr record = PrepareTransfer(packet, kXferIsochronous, transfer)) {
     velPrintData(transfer.data.data(), static_cast<int>(transfer.data.size()));
     const MutexLock lock(mMutex);
-    mDevice->IsoTransfer(transfer.epAddr, transfer.streamId, transfer.isoPackets, transfer.length,
-                         blocks.data.release(), blocks.context.release());
+    const _UsbIoXferInfo& given = *record.release();
+    mDevice->IsoTransfer(transfer.epAddr, transfer.streamId, transfer.isoPackets, transfer.length, given.data,
+                         given.reqBuf);
   }
   return 0;
 }
@@ -368,30 +357,29 @@ int VirtUsb::onDroppedData(PacketPtr packet) {
     case ReplyKind::kNone:
       break;
     case ReplyKind::kSync:
-      return RefuseSync(*packet, PayloadError::kDropped);
+      return RefuseSync(std::move(packet), PayloadError::kDropped);
     case ReplyKind::kAsync:
       TransferRequest transfer = ReadTransferRequest(packet->PayloadBytes());
       transfer.error = PayloadError::kDropped;
-      TransferBlocks blocks;
-      PrepareTransfer(*packet, TransferType(command.command), transfer, blocks);
+      PrepareTransfer(packet, TransferType(command.command), transfer);
   }
   return 0;
 }
 
 int VirtUsb::onGetDeviceSpeed(PacketPtr packet) {
-  return RunStatusCommand(*packet, __func__, __LINE__, &VirtUDevice::GetDeviceSpeed);
+  return RunStatusCommand(std::move(packet), __func__, __LINE__, &VirtUDevice::GetDeviceSpeed);
 }
 
 int VirtUsb::onSetRedirPolicy(PacketPtr packet) {
   VEL_DEVICE_DEBUG(mDeviceBase, "ENTER");
   const auto request = ReadPolicyRequest(packet->PayloadBytes());
   if (!request) {
-    return RefuseSync(*packet);
+    return RefuseSync(std::move(packet));
   }
   const std::string policy(*request);
   const int ret = mDevice->SetRedirPolicy(policy.c_str());
   VEL_DEVICE_DEBUG(mDeviceBase, "onSetRedirPolicy policy:%s ret:%d", EscapeForLog(policy).c_str(), ret);
-  return ReplyStatus(*packet, ret);
+  return ReplyStatus(std::move(packet), ret);
 }
 
 int VirtUsb::doPingProcess(PacketPtr packet) {

@@ -17,7 +17,7 @@ namespace {
 class RequestWriter {
  public:
   RequestWriter(Command command, RequestId id, std::size_t payloadBytes)
-      : mPacket(std::make_unique<VelPacket>(VelPacket::kHeaderSize + static_cast<std::uint32_t>(payloadBytes))) {
+      : mPacket(VelPacket::Make(VelPacket::kHeaderSize + static_cast<std::uint32_t>(payloadBytes))) {
     mPacket->InitHeader(id.reqId, static_cast<std::uint16_t>(command), id.devId);
   }
   template <std::unsigned_integral T>

@@ -73,6 +73,10 @@ class IUsbIo {
   // The device is about to be given back for good: an OpenUsbDev that runs returns soon, and every later one at once,
   // as failed unless it was faster. Any thread; does not wait.
   virtual void CancelOpen() {}
+
+  // Whether the data of a bulk or interrupt record may lie within another block: the backend changes it by
+  // ReplaceXferData and FailXfer alone.
+  virtual bool LeavesDataInPlace() const { return false; }
 };
 
 inline constexpr std::uint8_t kIoTypeEmulated = 1;

@@ -380,7 +380,7 @@ int LibusbIo::ControlTransfer(std::uint8_t bmRequestType, std::uint8_t bRequest,
 
 // Only who answers failures has a use for the part, and the module's own reads take whole transfers.
 LibusbTransfer::Failed LibusbIo::FailedHolds(const _UsbIoXferInfo& info) const {
-  return info.reserved == kRemoteIds && mDeviceBase->AnswersFailedTransfers() ? LibusbTransfer::Failed::kHoldsPart
+  return IdSpace(info) == kRemoteIds && mDeviceBase->AnswersFailedTransfers() ? LibusbTransfer::Failed::kHoldsPart
                                                                               : LibusbTransfer::Failed::kHoldsNothing;
 }
 

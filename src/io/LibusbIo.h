@@ -79,6 +79,7 @@ class LibusbIo : public IUsbIo {
   int BulkTransfer(_UsbIoXferInfo* info) override;
   int InterruptTransfer(_UsbIoXferInfo* info) override;
   int IsochTransfer(_UsbIoXferInfo* info) override;
+  bool LeavesDataInPlace() const override { return true; }
 
  private:
   void GetLibusbDev();

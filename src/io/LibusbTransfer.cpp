@@ -39,7 +39,7 @@ LibusbTransfer::LibusbTransfer(LibusbHandle& owner, _UsbIoXferInfo& info, Libusb
       mInfo(&info),
       mIsoBuffer(std::move(isoBuffer)),
       mFailed(failed),
-      mPending(std::move(transfer), info.reserved == kModuleIds ? LibusbPendingTransfer::kModuleKey : info.localXferId,
+      mPending(std::move(transfer), IdSpace(info) == kModuleIds ? LibusbPendingTransfer::kModuleKey : info.localXferId,
                info.callback) {
   mPending.transfer->user_data = this;
 }

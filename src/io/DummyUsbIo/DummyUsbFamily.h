@@ -81,6 +81,7 @@ class DummyUsbFamily : public IUsbIo, private DummyUsbUtils {
   int BulkTransfer(_UsbIoXferInfo* info) override;
   int InterruptTransfer(_UsbIoXferInfo* info) override;
   int IsochTransfer(_UsbIoXferInfo* info) override;
+  bool LeavesDataInPlace() const override { return true; }
 
  private:
   void CreateCompositeDevice();

@@ -7,7 +7,7 @@
 
 #include <libusb-1.0/libusb.h>
 
-#include "protocol/VelPacket.h"
+#include "base/HeapBlock.h"
 
 namespace vel {
 

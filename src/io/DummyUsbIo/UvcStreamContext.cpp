@@ -30,8 +30,8 @@ bool UvcStreamContext::SetPending(_UsbIoXferInfo* info, int width, int height) {
   {
     const MutexLock lock(mMutex);
     mSize = {width, height};
-    const bool ownWaits = mPending != nullptr && mPending->reserved == kModuleIds;
-    if (mOpen && ownWaits && info != nullptr && info->reserved != kModuleIds) {
+    const bool ownWaits = mPending != nullptr && IdSpace(*mPending) == kModuleIds;
+    if (mOpen && ownWaits && info != nullptr && IdSpace(*info) != kModuleIds) {
       status = kXferError;
     } else if (mOpen) {
       failed = std::exchange(mPending, info);
