@@ -1,24 +1,71 @@
 #include "vel/Looper.h"
 
 #include <atomic>
+#include <cstdint>
 #include <exception>
 #include <memory>
-#include <new>
 #include <thread>
 #include <utility>
-#include <vector>
 
 namespace vel {
 
+// A list that any thread pushes to and the loop takes whole, without a lock. The lock is for its sleep, and for Stop.
 struct Looper::Queue {
+  // What `newest` is besides a message.
+  static constexpr std::uintptr_t kEmpty = 0;     // Nothing waits, the loop is awake.
+  static constexpr std::uintptr_t kSleeping = 1;  // Nothing waits, and a post has to wake the loop.
+  static constexpr std::uintptr_t kStopped = 2;   // For good.
+  static bool IsMessage(std::uintptr_t value) { return value > kStopped; }
+
+  std::atomic<std::uintptr_t> newest{kEmpty};
+
   Mutex mutex;
-  CondVar posted;
-  std::vector<std::unique_ptr<Message>> messages VEL_GUARDED_BY(mutex);
-  bool waiting VEL_GUARDED_BY(mutex) = false;  // The thread sleeps: a post has to wake it.
+  CondVar woken;
+  bool wake VEL_GUARDED_BY(mutex) = false;
   bool started VEL_GUARDED_BY(mutex) = false;
   std::thread::id runner VEL_GUARDED_BY(mutex);
-  std::atomic<bool> stopped{false};  // Written under the mutex; read without it between messages.
+
+  bool Stopped() const { return newest.load(std::memory_order_acquire) == kStopped; }
+  void Wake();
+  // Returns when there is a message, or the loop is stopped.
+  void Await();
 };
+
+void Looper::Queue::Wake() {
+  {
+    const MutexLock lock(mutex);
+    wake = true;
+  }
+  woken.NotifyOne();  // Outside the lock: the woken thread takes it at once.
+}
+
+void Looper::Queue::Await() {
+  std::uintptr_t expected = kEmpty;
+  if (!newest.compare_exchange_strong(expected, kSleeping, std::memory_order_acquire)) {
+    return;
+  }
+  MutexLock lock(mutex);
+  while (!wake) {
+    woken.Wait(lock);
+  }
+  wake = false;
+}
+
+// The messages from the list's end on, oldest first.
+Message* Looper::InOrder(std::uintptr_t newest) {
+  Message* oldest = nullptr;
+  for (auto* message = reinterpret_cast<Message*>(newest); message != nullptr;) {
+    Message* const before = std::exchange(message->mNext, oldest);
+    oldest = std::exchange(message, before);
+  }
+  return oldest;
+}
+
+void Looper::DestroyAll(Message* oldest) {
+  while (oldest != nullptr) {
+    const std::unique_ptr<Message> message(std::exchange(oldest, oldest->mNext));
+  }
+}
 
 Looper::Looper() : mQueue(std::make_shared<Queue>()) {}
 
@@ -34,7 +81,7 @@ int Looper::Start() {
   const MutexLock threadLock(mThreadMutex);
   {
     const MutexLock lock(mQueue->mutex);
-    if (mQueue->started || mQueue->stopped) {
+    if (mQueue->started || mQueue->Stopped()) {
       return -1;
     }
     mQueue->started = true;
@@ -50,12 +97,15 @@ int Looper::Start() {
 }
 
 int Looper::Stop() {
-  std::vector<std::unique_ptr<Message>> unhandled;
+  const std::uintptr_t before = mQueue->newest.exchange(Queue::kStopped, std::memory_order_acq_rel);
+  if (before == Queue::kSleeping) {
+    mQueue->Wake();
+  }
+  if (Queue::IsMessage(before)) {
+    DestroyAll(InOrder(before));
+  }
   {
     const MutexLock lock(mQueue->mutex);
-    mQueue->stopped = true;
-    unhandled.swap(mQueue->messages);
-    mQueue->posted.NotifyOne();
     if (mQueue->runner == std::this_thread::get_id()) {
       return 0;
     }
@@ -71,21 +121,17 @@ int Looper::PostMessageAAA(std::unique_ptr<Message> message) noexcept {
   if (message == nullptr) {
     return -1;
   }
-  bool wake = false;
-  {
-    const MutexLock lock(mQueue->mutex);
-    if (mQueue->stopped) {
+  const auto posted = reinterpret_cast<std::uintptr_t>(message.get());
+  std::uintptr_t before = mQueue->newest.load(std::memory_order_relaxed);
+  do {
+    if (before == Queue::kStopped) {
       return -1;
     }
-    try {
-      mQueue->messages.push_back(std::move(message));
-    } catch (const std::bad_alloc&) {
-      return -1;
-    }
-    wake = std::exchange(mQueue->waiting, false);
-  }
-  if (wake) {  // Outside the lock: the woken thread takes it at once.
-    mQueue->posted.NotifyOne();
+    message->mNext = Queue::IsMessage(before) ? reinterpret_cast<Message*>(before) : nullptr;
+  } while (!mQueue->newest.compare_exchange_weak(before, posted, std::memory_order_release, std::memory_order_relaxed));
+  static_cast<void>(message.release());
+  if (before == Queue::kSleeping) {
+    mQueue->Wake();
   }
   return 0;
 }
@@ -95,28 +141,20 @@ void Looper::Run(Queue& queue) noexcept {
     const MutexLock lock(queue.mutex);
     queue.runner = std::this_thread::get_id();
   }
-  std::vector<std::unique_ptr<Message>> batch;  // Swapped with the queue, so that both keep their memory.
-  while (true) {
-    {
-      MutexLock lock(queue.mutex);
-      while (queue.messages.empty() && !queue.stopped) {
-        queue.waiting = true;
-        queue.posted.Wait(lock);
+  std::uintptr_t newest = queue.newest.load(std::memory_order_acquire);
+  while (newest != Queue::kStopped) {
+    if (!Queue::IsMessage(newest)) {
+      queue.Await();
+      newest = queue.newest.load(std::memory_order_acquire);
+    } else if (queue.newest.compare_exchange_weak(newest, Queue::kEmpty, std::memory_order_acquire)) {
+      Message* rest = InOrder(newest);
+      while (rest != nullptr && !queue.Stopped()) {
+        const std::unique_ptr<Message> message(std::exchange(rest, rest->mNext));
+        message->HandleMessage();
       }
-      queue.waiting = false;
-      if (queue.stopped) {
-        return;
-      }
-      batch.swap(queue.messages);
+      DestroyAll(rest);  // Unhandled, when the loop was stopped.
+      newest = queue.newest.load(std::memory_order_acquire);
     }
-    for (std::unique_ptr<Message>& message : batch) {
-      if (queue.stopped.load(std::memory_order_acquire)) {
-        return;  // What is left of the batch is destroyed unhandled.
-      }
-      message->HandleMessage();
-      message.reset();
-    }
-    batch.clear();
   }
 }
 

@@ -1,6 +1,7 @@
 #ifndef VEL_LOOPER_H
 #define VEL_LOOPER_H
 
+#include <cstdint>
 #include <memory>
 #include <thread>
 
@@ -29,13 +30,15 @@ class VEL_UTILS_EXPORT Looper {
   // present message returns.
   int Stop();
 
-  // Queues a message; it also may be queued before Start. Never blocks on a message. Returns 0, or -1 when the loop is
-  // stopped or there is no memory (the message is destroyed).
+  // Queues a message; it also may be queued before Start. Never blocks. Returns 0, or -1 when the loop is stopped (the
+  // message is destroyed).
   int PostMessageAAA(std::unique_ptr<Message> message) noexcept;
 
  private:
   struct Queue;
   static void Run(Queue& queue) noexcept;
+  static Message* InOrder(std::uintptr_t newest);
+  static void DestroyAll(Message* oldest);
 
   // Shared with the thread, which may outlive this object when it is destroyed on that thread.
   const std::shared_ptr<Queue> mQueue;

@@ -14,6 +14,10 @@ class Message {
 
   // Called at most once, on the loop's thread. Must not throw.
   virtual void HandleMessage() = 0;
+
+ private:
+  friend class Looper;
+  Message* mNext = nullptr;  // While it is queued.
 };
 
 }  // namespace vel
