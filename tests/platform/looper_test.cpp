@@ -1,13 +1,16 @@
 #include "vel/Looper.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <functional>
 #include <future>
 #include <thread>
+#include <utility>
 #include <vector>
 
+#include "IdleSpin.h"
 #include "support/Collected.h"
 
 namespace vel {
@@ -100,6 +103,27 @@ TEST(Looper, MayBeStoppedAndDestroyedOnItsOwnThread) {
   reference.Start();
   ASSERT_EQ(last.Await(1).size(), 1U);
   EXPECT_EQ(looper, nullptr);
+}
+
+TEST(IdleSpin, LooksLessAndLessOftenInVainAndNeverOnOneProcessor) {
+  int looks = 0;
+  const auto nothing = [&looks] { return ++looks == 0; };
+  IdleSpin spin(2);
+  std::vector<int> sleptBetween{0};
+  for (int i = 0; i < 400; ++i) {
+    EXPECT_FALSE(spin.Await(nothing));
+    if (std::exchange(looks, 0) > 0) {
+      sleptBetween.push_back(0);
+    } else {
+      ++sleptBetween.back();
+    }
+  }
+  EXPECT_THAT(sleptBetween, testing::ElementsAre(0, 1, 3, 7, 15, 31, 63, 63, 63, 63, 63, 17));
+  while (!spin.Await([] { return true; })) {
+  }
+  EXPECT_TRUE(spin.Await([] { return true; })) << "what has brought something goes on";
+  IdleSpin alone(1);
+  EXPECT_FALSE(alone.Await([] { return true; }));
 }
 
 }  // namespace

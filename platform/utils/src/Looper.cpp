@@ -7,6 +7,8 @@
 #include <thread>
 #include <utility>
 
+#include "IdleSpin.h"
+
 namespace vel {
 
 // A list that any thread pushes to and the loop takes whole, without a lock. The lock is for its sleep, and for Stop.
@@ -28,7 +30,7 @@ struct Looper::Queue {
   bool Stopped() const { return newest.load(std::memory_order_acquire) == kStopped; }
   void Wake();
   // Returns when there is a message, or the loop is stopped.
-  void Await();
+  void Await(IdleSpin& spin);
 };
 
 void Looper::Queue::Wake() {
@@ -39,7 +41,10 @@ void Looper::Queue::Wake() {
   woken.NotifyOne();  // Outside the lock: the woken thread takes it at once.
 }
 
-void Looper::Queue::Await() {
+void Looper::Queue::Await(IdleSpin& spin) {
+  if (spin.Await([this] { return newest.load(std::memory_order_relaxed) != kEmpty; })) {
+    return;
+  }
   std::uintptr_t expected = kEmpty;
   if (!newest.compare_exchange_strong(expected, kSleeping, std::memory_order_acquire)) {
     return;
@@ -141,10 +146,11 @@ void Looper::Run(Queue& queue) noexcept {
     const MutexLock lock(queue.mutex);
     queue.runner = std::this_thread::get_id();
   }
+  IdleSpin spin;
   std::uintptr_t newest = queue.newest.load(std::memory_order_acquire);
   while (newest != Queue::kStopped) {
     if (!Queue::IsMessage(newest)) {
-      queue.Await();
+      queue.Await(spin);
       newest = queue.newest.load(std::memory_order_acquire);
     } else if (queue.newest.compare_exchange_weak(newest, Queue::kEmpty, std::memory_order_acquire)) {
       Message* rest = InOrder(newest);
