@@ -37,8 +37,8 @@ HeapBlock NewDataBlock(const TransferRequest& transfer) {
 }
 
 XferPtr WithContext(const TransferContext& context, std::unique_ptr<VelPacket>& packet, std::uint8_t* data,
-                    const TransferRequest& transfer) {
-  XferPtr info = MakePacketXfer(&context, sizeof context, packet, data, transfer.length);
+                    std::uint32_t length, std::unique_ptr<VelPacket>& spent) {
+  XferPtr info = MakePacketXfer(&context, sizeof context, packet, data, length, spent);
   if (info != nullptr) {
     static_cast<TransferContext*>(info->reqBuf)->record = info.get();
   }
@@ -49,10 +49,10 @@ XferPtr WithContext(const TransferContext& context, std::unique_ptr<VelPacket>& 
 
 XferPtr MakeRequestXfer(const TransferContext& context, std::unique_ptr<VelPacket>& request,
                         const TransferRequest& transfer, bool inPlace) {
+  std::unique_ptr<VelPacket> none;
   if (!inPlace) {
     HeapBlock block = NewDataBlock(transfer);
-    std::unique_ptr<VelPacket> none;
-    XferPtr info = block == nullptr ? nullptr : WithContext(context, none, block.get(), transfer);
+    XferPtr info = block == nullptr ? nullptr : WithContext(context, none, block.get(), transfer.length, none);
     if (info != nullptr) {
       static_cast<void>(block.release());
     }
@@ -60,7 +60,7 @@ XferPtr MakeRequestXfer(const TransferContext& context, std::unique_ptr<VelPacke
   }
   if ((transfer.epAddr & kDirectionIn) == 0) {
     const std::ptrdiff_t offset = transfer.data.empty() ? 0 : transfer.data.data() - request->GetPayload();
-    return WithContext(context, request, request->PayloadRoom().data() + offset, transfer);
+    return WithContext(context, request, request->PayloadRoom().data() + offset, transfer.length, none);
   }
   auto reply = VelPacket::TryMake(transfer.length + kReplyRoom, kReplyFields + transfer.length);
   if (reply == nullptr) {
@@ -68,7 +68,7 @@ XferPtr MakeRequestXfer(const TransferContext& context, std::unique_ptr<VelPacke
   }
   std::uint8_t* const data = reply->PayloadRoom().data() + kReplyFields;
   CopyGiven(transfer, data);
-  return WithContext(context, reply, data, transfer);
+  return WithContext(context, reply, data, transfer.length, transfer.data.empty() ? request : none);
 }
 
 std::unique_ptr<VelPacket> TakeReplyPacket(_UsbIoXferInfo& info, std::uint32_t capacity) {

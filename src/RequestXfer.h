@@ -32,7 +32,8 @@ struct TransferContext {
 inline constexpr std::uint32_t kReplyRoom = 1024;
 
 // A record that has a copy of `context`, and the request's data. `inPlace`: the data may lie within a packet
-// (IUsbIo::LeavesDataInPlace); `request` is taken over where it does. Null without memory.
+// (IUsbIo::LeavesDataInPlace); `request` is taken over then, but for one whose `transfer.data` points to what was
+// copied out of it. Null without memory.
 XferPtr MakeRequestXfer(const TransferContext& context, std::unique_ptr<VelPacket>& request,
                         const TransferRequest& transfer, bool inPlace);
 

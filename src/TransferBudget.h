@@ -18,8 +18,15 @@ class TransferBudget {
   void Return(std::uint64_t bytes) { mTaken.fetch_sub(bytes, std::memory_order_relaxed); }
   std::uint64_t Taken() const { return mTaken.load(std::memory_order_relaxed) % kOneTransfer; }
 
-  // One transfer and all the bytes that it holds, above 0.
-  bool TakeTransfer(std::uint64_t bytes) { return TryAdd(kOneTransfer + bytes, mMaxTransfers); }
+  // One transfer and all the bytes that it holds, above 0, in exchange for `returned` bytes, which are returned in any
+  // case.
+  bool TakeTransfer(std::uint64_t bytes, std::uint64_t returned) {
+    if (TryAdd(kOneTransfer + bytes - returned, mMaxTransfers)) {
+      return true;
+    }
+    Return(returned);
+    return false;
+  }
   void ReturnTransfer(std::uint64_t bytes) { Return(kOneTransfer + bytes); }
 
  private:

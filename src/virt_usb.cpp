@@ -6,6 +6,7 @@
 #include <exception>
 #include <new>
 #include <span>
+#include <utility>
 
 #include "base/VelLog.h"
 #include "protocol/ByteReader.h"
@@ -34,6 +35,11 @@ std::shared_ptr<VirtUDevice> OrUnavailable(VelDeviceBase* deviceBase, const std:
 
 bool IsEmulated(const VelDeviceBase* deviceBase) {
   return deviceBase != nullptr && deviceBase->IsEmulated();
+}
+
+bool IsTransfer(Command command) {
+  return command == Command::kBulkTransfer || command == Command::kInterruptTransfer ||
+         command == Command::kIsochTransfer;
 }
 
 // Null without memory.
@@ -176,7 +182,22 @@ int VirtUsb::EventHandler(std::unique_ptr<VelPacket> packet) noexcept {
 }
 
 int VirtUsb::Handle(const HandlerEntry& entry, PacketPtr packet) noexcept {
-  mDevice->Budget().Return(QueuedCost(*packet));
+  mQueuedCost = QueuedCost(*packet);
+  if (!IsTransfer(entry.command)) {  // A transfer's place in the queue is exchanged for one among those that wait.
+    ReturnQueuedCost();
+  }
+  const int result = HandleQueued(entry, std::move(packet));
+  ReturnQueuedCost();
+  return result;
+}
+
+void VirtUsb::ReturnQueuedCost() {
+  if (mQueuedCost > 0) {
+    mDevice->Budget().Return(std::exchange(mQueuedCost, 0));
+  }
+}
+
+int VirtUsb::HandleQueued(const HandlerEntry& entry, PacketPtr packet) noexcept {
   if (!mEnabled.load(std::memory_order_acquire)) {
     return 0;  // Stop is giving the device back: nothing touches it any more.
   }

@@ -96,6 +96,8 @@ class VirtUsb final : public VirtUsbInf {
 
   // Carries a queued request out. Whatever fails in it, the request is answered, as refused if need be.
   int Handle(const HandlerEntry& entry, PacketPtr packet) noexcept;
+  int HandleQueued(const HandlerEntry& entry, PacketPtr packet) noexcept;
+  void ReturnQueuedCost();
   void RefuseForWantOfMemory(const RequestHead& request, std::uint32_t streamId);
 
   // Handlers: loop thread. virtusb_device_handler.cpp.
@@ -153,8 +155,9 @@ class VirtUsb final : public VirtUsbInf {
   const std::shared_ptr<VirtUDevice> mDevice;  // Never null.
   const std::unique_ptr<DeviceHandlerAA> mEmulatedHold;
   std::atomic<bool> mEnabled{true};
-  bool mAnswered = false;  // Loop thread: the present request has its reply, or the device sees to it.
-  const bool mRunning;     // The last, so that the loop finds the others whole.
+  bool mAnswered = false;         // Loop thread: the present request has its reply, or the device sees to it.
+  std::uint64_t mQueuedCost = 0;  // Loop thread: of the present request, until it is returned to the budget.
+  const bool mRunning;            // The last, so that the loop finds the others whole.
 };
 
 }  // namespace vel

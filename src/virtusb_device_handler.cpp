@@ -9,6 +9,7 @@
 #include <cstring>
 #include <new>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "ConfigSerializer.h"
@@ -304,7 +305,7 @@ XferPtr VirtUsb::PrepareTransfer(PacketPtr& request, std::uint32_t xferType, con
   const std::uint32_t cost = PendingCost(transfer, inPlace ? request->GetCapacity() : 0);
   if (transfer.error != PayloadError::kNone) {
     LogBadPayload(*request, transfer.error);
-  } else if (!mDevice->Budget().TakeTransfer(cost)) {
+  } else if (!mDevice->Budget().TakeTransfer(cost, std::exchange(mQueuedCost, 0))) {
     VEL_DEVICE_ERROR(mDeviceBase, "transfer of %u bytes refused: too many wait already", transfer.length);
   } else {
     context.reserved = cost;

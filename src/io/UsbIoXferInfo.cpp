@@ -71,8 +71,12 @@ XferPtr MakeXfer() {
 }
 
 XferPtr MakePacketXfer(const void* context, std::size_t contextBytes, std::unique_ptr<VelPacket>& packet,
-                       std::uint8_t* data, std::uint32_t length) {
-  void* const block = std::malloc(sizeof(PacketXfer) + contextBytes);
+                       std::uint8_t* data, std::uint32_t length, std::unique_ptr<VelPacket>& spent) {
+  const std::size_t size = sizeof(PacketXfer) + contextBytes;
+  void* block = VelPacket::TakeMemory(spent, size);
+  if (block == nullptr) {
+    block = std::malloc(size);
+  }
   if (block == nullptr) {
     return nullptr;
   }

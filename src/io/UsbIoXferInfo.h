@@ -127,9 +127,10 @@ XferPtr MakeXfer();
 
 // A zeroed record in one malloc block with what else lives as long as it: a copy of the `contextBytes` at `context`, to
 // which `reqBuf` points, and the packet in which the `length` bytes at `data` lie; where `packet` is null, these are a
-// malloc block. It owns packet and data. Null without memory: then nothing was taken over.
+// malloc block. It owns packet and data. `spent`, a packet that is not needed any more or null, may give its memory for
+// the block. Null without memory: then nothing was taken over.
 XferPtr MakePacketXfer(const void* context, std::size_t contextBytes, std::unique_ptr<VelPacket>& packet,
-                       std::uint8_t* data, std::uint32_t length);
+                       std::uint8_t* data, std::uint32_t length, std::unique_ptr<VelPacket>& spent);
 
 // The packet in which the record's data lies; null when it lies in none. Taken, the record has no data any more.
 VelPacket* DataPacket(_UsbIoXferInfo& info);

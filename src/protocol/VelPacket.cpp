@@ -55,6 +55,16 @@ void* VelPacket::operator new(std::size_t size) {
   return block;
 }
 
+void* VelPacket::TakeMemory(std::unique_ptr<VelPacket>& packet, std::size_t size) noexcept {
+  if (packet == nullptr || packet->mOwnBlock || packet->mRoom > kMostSpentRoom ||
+      sizeof(VelPacket) + packet->mRoom < size) {
+    return nullptr;
+  }
+  VelPacket* const block = packet.release();
+  block->~VelPacket();
+  return block;
+}
+
 void VelPacket::operator delete(void* block) {
   std::free(block);
 }

@@ -42,6 +42,10 @@ class VelPacket {
   // The same, but throws std::bad_alloc.
   static std::unique_ptr<VelPacket> Make(std::uint32_t capacity);
 
+  // The memory of a packet that is not needed any more, as a malloc block. Null, and the packet as it was, when that is
+  // less than `size` bytes, or far more.
+  static void* TakeMemory(std::unique_ptr<VelPacket>& packet, std::size_t size) noexcept;
+
   // The object may head a larger malloc block.
   static void* operator new(std::size_t size);
   static void operator delete(void* block);
@@ -104,8 +108,9 @@ class VelPacket {
   std::span<std::uint8_t> MutableWire() { return {mBuffer, BytesInBlock()}; }
 
  private:
-  // What every block has room for: any reply that is a status.
-  static constexpr std::uint32_t kLeastRoom = 48;
+  // What every block has room for: a reply that is a status, or instead of the packet the record of a transfer.
+  static constexpr std::uint32_t kLeastRoom = 120;
+  static constexpr std::uint32_t kMostSpentRoom = 1024;
 
   template <class T>
   T LoadHeader(std::size_t offset) const {
