@@ -36,23 +36,14 @@ HeapBlock NewDataBlock(const TransferRequest& transfer) {
   return block;
 }
 
-XferPtr WithContext(const TransferContext& context, std::unique_ptr<VelPacket>& packet, std::uint8_t* data,
-                    std::uint32_t length, std::unique_ptr<VelPacket>& spent) {
-  XferPtr info = MakePacketXfer(&context, sizeof context, packet, data, length, spent);
-  if (info != nullptr) {
-    static_cast<TransferContext*>(info->reqBuf)->record = info.get();
-  }
-  return info;
-}
-
 }  // namespace
 
-XferPtr MakeRequestXfer(const TransferContext& context, std::unique_ptr<VelPacket>& request,
-                        const TransferRequest& transfer, bool inPlace) {
+XferPtr MakeRequestXfer(std::unique_ptr<VelPacket>& request, const TransferRequest& transfer, bool inPlace) {
+  constexpr std::size_t kContext = sizeof(TransferContext);
   std::unique_ptr<VelPacket> none;
   if (!inPlace) {
     HeapBlock block = NewDataBlock(transfer);
-    XferPtr info = block == nullptr ? nullptr : WithContext(context, none, block.get(), transfer.length, none);
+    XferPtr info = block == nullptr ? nullptr : MakePacketXfer(kContext, none, block.get(), transfer.length, none);
     if (info != nullptr) {
       static_cast<void>(block.release());
     }
@@ -60,7 +51,7 @@ XferPtr MakeRequestXfer(const TransferContext& context, std::unique_ptr<VelPacke
   }
   if ((transfer.epAddr & kDirectionIn) == 0) {
     const std::ptrdiff_t offset = transfer.data.empty() ? 0 : transfer.data.data() - request->GetPayload();
-    return WithContext(context, request, request->PayloadRoom().data() + offset, transfer.length, none);
+    return MakePacketXfer(kContext, request, request->PayloadRoom().data() + offset, transfer.length, none);
   }
   auto reply = VelPacket::TryMake(transfer.length + kReplyRoom, kReplyFields + transfer.length);
   if (reply == nullptr) {
@@ -68,7 +59,7 @@ XferPtr MakeRequestXfer(const TransferContext& context, std::unique_ptr<VelPacke
   }
   std::uint8_t* const data = reply->PayloadRoom().data() + kReplyFields;
   CopyGiven(transfer, data);
-  return WithContext(context, reply, data, transfer.length, transfer.data.empty() ? request : none);
+  return MakePacketXfer(kContext, reply, data, transfer.length, transfer.data.empty() ? request : none);
 }
 
 std::unique_ptr<VelPacket> TakeReplyPacket(_UsbIoXferInfo& info, std::uint32_t capacity) {

@@ -31,11 +31,10 @@ struct TransferContext {
 // What a reply has room for beyond its data.
 inline constexpr std::uint32_t kReplyRoom = 1024;
 
-// A record that has a copy of `context`, and the request's data. `inPlace`: the data may lie within a packet
-// (IUsbIo::LeavesDataInPlace); `request` is taken over then, but for one whose `transfer.data` points to what was
-// copied out of it. Null without memory.
-XferPtr MakeRequestXfer(const TransferContext& context, std::unique_ptr<VelPacket>& request,
-                        const TransferRequest& transfer, bool inPlace);
+// A record with the request's data, and room for a TransferContext at `reqBuf`, which the caller makes. `inPlace`: the
+// data may lie within a packet (IUsbIo::LeavesDataInPlace); `request` is taken over then, but for one whose
+// `transfer.data` points to what was copied out of it. Null without memory.
+XferPtr MakeRequestXfer(std::unique_ptr<VelPacket>& request, const TransferRequest& transfer, bool inPlace);
 
 // The packet for a reply of `capacity` with the record's data, in which that lies already behind the reply's fields: to
 // be appended in place. Null when it does not, or when it would hold much more memory than it carries.

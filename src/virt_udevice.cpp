@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
-#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -23,11 +22,7 @@ namespace vel {
 namespace {
 
 // Of a reply, before its data: stream id, status, for an isochronous one the count of packets.
-struct ReplyFields {
-  std::uint32_t streamId;
-  std::int32_t status;
-  std::uint32_t isoPackets;
-};
+constexpr std::uint32_t kMostReplyFields = 12;
 
 }  // namespace
 
@@ -321,7 +316,7 @@ void VirtUDevice::GivebackPackToRemote(_UsbIoXferInfo& info, const TransferConte
   auto reply = carriesData ? TakeReplyPacket(info, capacity) : nullptr;
   const bool inPlace = reply != nullptr;
   if (!inPlace) {
-    reply = VelPacket::TryMake(capacity, std::uint32_t{sizeof(ReplyFields)} + (carriesData ? info.length : 0));
+    reply = VelPacket::TryMake(capacity, kMostReplyFields + (carriesData ? info.length : 0));
   }
   if (reply == nullptr) {
     // What the data would have taken is more than there is: the transfer has failed then.
@@ -329,19 +324,18 @@ void VirtUDevice::GivebackPackToRemote(_UsbIoXferInfo& info, const TransferConte
     info.status = kXferError;
     info.length = 0;
     info.isoPacketNum = 0;
-    reply = VelPacket::TryMake(kReplyRoom, sizeof(ReplyFields));
+    reply = VelPacket::TryMake(kReplyRoom, kMostReplyFields);
     if (reply == nullptr) {
       throw std::bad_alloc();
     }
   }
   const std::uint16_t command = transfer_type_to_proto_type(static_cast<std::uint8_t>(info.xferType));
   reply->InitHeader(context.deviceBase->TakeReplyReqId(command, info.streamId), command, context.devId);
-  const ReplyFields fields = {info.streamId, info.status, info.isoPacketNum};
+  reply->Append(&info.streamId, sizeof info.streamId);
+  reply->Append(&info.status, sizeof info.status);
   if (info.xferType == kXferIsochronous) {
-    reply->Append(&fields, sizeof fields);
+    reply->Append(&info.isoPacketNum, sizeof info.isoPacketNum);
     mPingClock.Sent(info.streamId);
-  } else {
-    reply->Append(&fields, offsetof(ReplyFields, isoPackets));
   }
   if (inPlace) {
     reply->AppendInPlace(info.length);

@@ -292,29 +292,34 @@ int VirtUsb::onControlTransfer(PacketPtr packet) {
 }
 
 XferPtr VirtUsb::PrepareTransfer(PacketPtr& request, std::uint32_t xferType, const TransferRequest& transfer) {
-  TransferContext context = {.deviceBase = mDeviceBase,
-                             .device = mDevice.get(),
-                             .reqId = request->GetReqId(),
-                             .devId = request->GetDevId(),
-                             .streamId = transfer.streamId,
-                             .reserved = 0,
-                             .dataGiven = static_cast<std::uint32_t>(transfer.data.size()),
-                             .record = nullptr};
+  const RequestHead head = HeadOf(*request);
+  const auto context = [&](std::uint32_t reserved, _UsbIoXferInfo* record) {
+    return TransferContext{.deviceBase = mDeviceBase,
+                           .device = mDevice.get(),
+                           .reqId = head.reqId,
+                           .devId = head.devId,
+                           .streamId = transfer.streamId,
+                           .reserved = reserved,
+                           .dataGiven = static_cast<std::uint32_t>(transfer.data.size()),
+                           .record = record};
+  };
   mAnswered = true;  // From here on by the device.
   const bool inPlace = xferType != kXferIsochronous && mDevice->LeavesDataInPlace();
-  const std::uint32_t cost = PendingCost(transfer, inPlace ? request->GetCapacity() : 0);
+  std::uint32_t cost = PendingCost(transfer, inPlace ? request->GetCapacity() : 0);
   if (transfer.error != PayloadError::kNone) {
     LogBadPayload(*request, transfer.error);
+    cost = 0;
   } else if (!mDevice->Budget().TakeTransfer(cost, std::exchange(mQueuedCost, 0))) {
     VEL_DEVICE_ERROR(mDeviceBase, "transfer of %u bytes refused: too many wait already", transfer.length);
+    cost = 0;
   } else {
-    context.reserved = cost;
-    if (XferPtr record = MakeRequestXfer(context, request, transfer, inPlace)) {
+    if (XferPtr record = MakeRequestXfer(request, transfer, inPlace)) {
+      new (record->reqBuf) TransferContext(context(cost, record.get()));
       return record;
     }
     VEL_DEVICE_ERROR(mDeviceBase, "no memory for a transfer of %u bytes", transfer.length);
   }
-  mDevice->RefuseTransfer(xferType, context);
+  mDevice->RefuseTransfer(xferType, context(cost, nullptr));
   return nullptr;
 }
 

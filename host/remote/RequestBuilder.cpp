@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <concepts>
 #include <cstddef>
+#include <cstring>
 #include <numeric>
 #include <utility>
 #include <vector>
@@ -20,9 +21,11 @@ class RequestWriter {
       : mPacket(VelPacket::Make(VelPacket::kHeaderSize + static_cast<std::uint32_t>(payloadBytes))) {
     mPacket->InitHeader(id.reqId, static_cast<std::uint16_t>(command), id.devId);
   }
-  template <std::unsigned_integral T>
-  RequestWriter& Put(T value) {
-    mPacket->Append(&value, sizeof value);
+  template <std::unsigned_integral... T>
+  RequestWriter& Put(T... values) {
+    std::uint8_t* to = mPacket->PayloadRoom().data() + mPacket->GetPayloadSize();
+    ((std::memcpy(to, &values, sizeof values), to += sizeof values), ...);
+    mPacket->AppendInPlace((sizeof values + ...));
     return *this;
   }
   RequestWriter& Put(std::span<const std::uint8_t> bytes) {
@@ -84,12 +87,7 @@ std::unique_ptr<VelPacket> BuildPing(RequestId id, std::uint32_t streamId, std::
 std::unique_ptr<VelPacket> BuildTransferRequest(Command command, RequestId id, std::uint8_t endpoint,
                                                 std::uint32_t streamId, std::uint32_t length,
                                                 std::span<const std::uint8_t> data) {
-  return RequestWriter(command, id, 12 + data.size())
-      .Put(std::uint32_t{endpoint})
-      .Put(streamId)
-      .Put(length)
-      .Put(data)
-      .Take();
+  return RequestWriter(command, id, 12 + data.size()).Put(std::uint32_t{endpoint}, streamId, length).Put(data).Take();
 }
 
 std::unique_ptr<VelPacket> BuildIsoRequest(RequestId id, std::uint8_t endpoint, std::uint32_t streamId,

@@ -1,7 +1,6 @@
 #include "io/UsbIoXferInfo.h"
 
 #include <cstdlib>
-#include <cstring>
 #include <exception>
 #include <new>
 
@@ -70,8 +69,8 @@ XferPtr MakeXfer() {
   return XferPtr(static_cast<_UsbIoXferInfo*>(std::calloc(1, sizeof(_UsbIoXferInfo))));
 }
 
-XferPtr MakePacketXfer(const void* context, std::size_t contextBytes, std::unique_ptr<VelPacket>& packet,
-                       std::uint8_t* data, std::uint32_t length, std::unique_ptr<VelPacket>& spent) {
+XferPtr MakePacketXfer(std::size_t contextBytes, std::unique_ptr<VelPacket>& packet, std::uint8_t* data,
+                       std::uint32_t length, std::unique_ptr<VelPacket>& spent) {
   const std::size_t size = sizeof(PacketXfer) + contextBytes;
   void* block = VelPacket::TakeMemory(spent, size);
   if (block == nullptr) {
@@ -83,7 +82,6 @@ XferPtr MakePacketXfer(const void* context, std::size_t contextBytes, std::uniqu
   auto* const whole = new (block) PacketXfer{};
   whole->info.reserved = kXferHoldsContext | (packet != nullptr ? kXferDataInPacket : 0);
   whole->info.reqBuf = static_cast<std::uint8_t*>(block) + sizeof(PacketXfer);
-  std::memcpy(whole->info.reqBuf, context, contextBytes);
   whole->info.data = data;
   whole->info.length = length;
   whole->packet = std::move(packet);

@@ -125,12 +125,12 @@ using XferPtr = std::unique_ptr<_UsbIoXferInfo, XferDeleter>;
 // A zeroed record, or null when there is no memory.
 XferPtr MakeXfer();
 
-// A zeroed record in one malloc block with what else lives as long as it: a copy of the `contextBytes` at `context`, to
+// A zeroed record in one malloc block with what else lives as long as it: `contextBytes` for its maker to fill, to
 // which `reqBuf` points, and the packet in which the `length` bytes at `data` lie; where `packet` is null, these are a
 // malloc block. It owns packet and data. `spent`, a packet that is not needed any more or null, may give its memory for
 // the block. Null without memory: then nothing was taken over.
-XferPtr MakePacketXfer(const void* context, std::size_t contextBytes, std::unique_ptr<VelPacket>& packet,
-                       std::uint8_t* data, std::uint32_t length, std::unique_ptr<VelPacket>& spent);
+XferPtr MakePacketXfer(std::size_t contextBytes, std::unique_ptr<VelPacket>& packet, std::uint8_t* data,
+                       std::uint32_t length, std::unique_ptr<VelPacket>& spent);
 
 // The packet in which the record's data lies; null when it lies in none. Taken, the record has no data any more.
 VelPacket* DataPacket(_UsbIoXferInfo& info);
