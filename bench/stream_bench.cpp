@@ -1,6 +1,6 @@
 // What crosses a byte stream: bulk transfers of 64 KiB, 16 in flight, of emulated raw devices that are served
-// somewhere, in turn. stream_bench FOLDER DEVICE...   (certificates; tcp:// tls:// exec:) prints medians, and ratios to
-// the first.
+// somewhere, in turn. stream_bench FOLDER [DEVICE PROCESS]...   (certificates; tcp:// tls://; who serves it) prints
+// medians, and ratios to the first.
 #include <array>
 #include <atomic>
 #include <chrono>
@@ -27,10 +27,19 @@ constexpr std::array<std::uint8_t, 2> kEndpoints = {0x81, 0x01};
 
 struct Figures {
   std::vector<double> megabytesPerSecond;
-  std::vector<double> cpuMsPerMegabyte;  // Of the whole machine.
+  std::vector<double> cpuMsPerMegabyte;  // Of both processes: what else the machine does is not in it.
 };
 
-void Measure(const std::string& device, const vel::CommonOptions& common, std::uint8_t endpoint, Figures& figures) {
+struct Served {
+  std::string device;
+  std::string process;
+};
+
+double BusyWith(const Served& served) {
+  return vel::bench::BusyOf("self") + vel::bench::BusyOf(served.process);
+}
+
+void Measure(const Served& served, const vel::CommonOptions& common, std::uint8_t endpoint, Figures& figures) {
   const std::vector<std::uint8_t> data(endpoint < 0x80 ? kLarge : 0);
   const vel::StopSignal stop;
   std::promise<void> opened;
@@ -38,7 +47,7 @@ void Measure(const std::string& device, const vel::CommonOptions& common, std::u
   std::uint64_t bytes = 0;
   int left = kInFlight;
   Clock::time_point end;
-  const auto channel = vel::OpenDevice(device, common, stop);
+  const auto channel = vel::OpenDevice(served.device, common, stop);
   const auto submit = [&] {
     return channel->Send(vel::BuildTransferRequest(vel::Command::kBulkTransfer, {}, endpoint, 1, kLarge, data));
   };
@@ -57,24 +66,27 @@ void Measure(const std::string& device, const vel::CommonOptions& common, std::u
   opened.get_future().wait();
   const Clock::time_point begin = Clock::now();
   end = begin + kTime;
-  const double busy = vel::bench::Busy();
+  const double busy = BusyWith(served);
   for (int i = 0; i < kInFlight; ++i) {
     submit();
   }
   done.get_future().wait();
   const double megabytes = static_cast<double>(bytes) / 1e6;
   figures.megabytesPerSecond.push_back(megabytes / std::chrono::duration<double>(Clock::now() - begin).count());
-  figures.cpuMsPerMegabyte.push_back(1e3 * (vel::bench::Busy() - busy) / megabytes);
+  figures.cpuMsPerMegabyte.push_back(1e3 * (BusyWith(served) - busy) / megabytes);
   channel->Close();
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  Require(argc > 2, "stream_bench FOLDER DEVICE...");
+  Require(argc > 2 && argc % 2 == 0, "stream_bench FOLDER [DEVICE PROCESS]...");
   vel::CommonOptions common;
   common.tlsFolder = argv[1];
-  const std::vector<std::string> devices(argv + 2, argv + argc);
+  std::vector<Served> devices;
+  for (int i = 2; i < argc; i += 2) {
+    devices.push_back({argv[i], argv[i + 1]});
+  }
   std::vector<std::array<Figures, kEndpoints.size()>> figures(devices.size());
   try {
     for (int round = 0; round < kRounds; ++round) {
@@ -92,7 +104,7 @@ int main(int argc, char** argv) {
     for (std::size_t i = 0; i < devices.size(); ++i) {
       const double rate = vel::bench::Percentile(figures[i][way].megabytesPerSecond, 0.5);
       std::printf("64 KiB x %d %s, %-28s %7.0f MB/s (%.2f x) %6.2f processor ms/MB\n", kInFlight,
-                  way == 0 ? "in " : "out", devices[i].c_str(), rate, rate / first,
+                  way == 0 ? "in " : "out", devices[i].device.c_str(), rate, rate / first,
                   vel::bench::Percentile(figures[i][way].cpuMsPerMegabyte, 0.5));
     }
   }
