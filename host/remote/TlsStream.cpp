@@ -59,7 +59,8 @@ const BIO_METHOD* RecordsMethod() {
     });
     BIO_meth_set_write(method, [](BIO* bio, const char* from, int size) {
       std::vector<std::uint8_t>& sealed = static_cast<TlsRecords*>(BIO_get_data(bio))->sealed;
-      sealed.insert(sealed.end(), from, from + size);
+      const auto* const bytes = reinterpret_cast<const std::uint8_t*>(from);  // Of the same type: copied as one block.
+      sealed.insert(sealed.end(), bytes, bytes + size);
       return size;
     });
     BIO_meth_set_ctrl(method, [](BIO*, int what, long, void*) { return what == BIO_CTRL_FLUSH ? 1L : 0L; });
@@ -163,6 +164,7 @@ TlsStream::Shaken TlsStream::Handshake() {
       const MutexLock lock(mWriteMutex);
       {
         const MutexLock tls(mTlsMutex);
+        TakeIn();
         ERR_clear_error();
         const int result = SSL_do_handshake(mSsl.get());
         mIsShaken = result == 1;
@@ -212,7 +214,7 @@ bool TlsStream::HasBytes() const {
 
 TlsStream::Result TlsStream::Read(std::span<const iovec> pieces, std::size_t& count) {
   while (true) {
-    count = OpenRecords(pieces);
+    count = mIsDry ? 0 : OpenRecords(pieces);
     if (count > 0 || mEnd != Result::kOk) {
       return count > 0 ? Result::kOk : mEnd;
     }
@@ -240,18 +242,25 @@ TlsStream::Received TlsStream::Receive() {
   if (count <= 0) {
     return count == 0 ? Received::kEnd : errno == EAGAIN || errno == EINTR ? Received::kNone : Received::kFailed;
   }
-  const MutexLock lock(mTlsMutex);
-  mRecords.unopened = {mReceived.get(), static_cast<std::size_t>(count)};
+  mArrived = {mReceived.get(), static_cast<std::size_t>(count)};
+  mIsDry = false;
   return Received::kSome;
+}
+
+void TlsStream::TakeIn() {
+  if (!mArrived.empty()) {
+    mRecords.unopened = std::exchange(mArrived, {});
+  }
 }
 
 std::size_t TlsStream::OpenRecords(std::span<const iovec> pieces) {
   const MutexLock lock(mTlsMutex);
+  TakeIn();
+  ERR_clear_error();
   std::size_t count = 0;
   for (const iovec& piece : pieces) {
     std::span<std::uint8_t> room = BytesOf(piece);
     while (!room.empty() && mEnd == Result::kOk) {
-      ERR_clear_error();
       std::size_t opened = 0;
       const int result = SSL_read_ex(mSsl.get(), room.data(), room.size(), &opened);
       if (result == 1) {
@@ -261,6 +270,7 @@ std::size_t TlsStream::OpenRecords(std::span<const iovec> pieces) {
       }
       switch (SSL_get_error(mSsl.get(), result)) {
         case SSL_ERROR_WANT_READ:
+          mIsDry = true;
           return count;
         case SSL_ERROR_ZERO_RETURN:
           mEnd = Result::kEnd;
@@ -279,6 +289,10 @@ bool TlsStream::SealRecords(std::span<iovec>& pieces) {
   mGoing.clear();
   mGone = 0;
   const MutexLock lock(mTlsMutex);
+  if (mRecords.sealed.empty()) {
+    mGoing.swap(mRecords.sealed);  // The block that was used last is the one that the processor still has at hand.
+  }
+  ERR_clear_error();
   while (!pieces.empty() && mRecords.sealed.size() < kBatchBytes) {
     std::span<const std::uint8_t> next = BytesOf(pieces.front());
     const bool gathered = pieces.size() > 1 && next.size() < kRecordBytes;
@@ -292,7 +306,6 @@ bool TlsStream::SealRecords(std::span<iovec>& pieces) {
       }
       next = mGathered;
     }
-    ERR_clear_error();
     std::size_t count = 0;  // Of one record, where there is more.
     if (!next.empty() && SSL_write_ex(mSsl.get(), next.data(), next.size(), &count) != 1) {
       return false;

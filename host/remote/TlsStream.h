@@ -61,7 +61,10 @@ class TlsStream final : public ByteStream {
  private:
   enum class Received { kSome, kNone, kEnd, kFailed };
 
-  Received Receive() VEL_EXCLUDES(mTlsMutex);
+  // The reading thread's; the lock is not wanted: whoever writes has it for long.
+  Received Receive();
+  // What was received becomes what is to be opened.
+  void TakeIn() VEL_REQUIRES(mTlsMutex);
   // Opens what has come into the pieces; mEnd when there is no more to come.
   std::size_t OpenRecords(std::span<const iovec> pieces) VEL_EXCLUDES(mTlsMutex);
   // Takes from the pieces what makes a batch of records. False when the connection has failed.
@@ -73,6 +76,8 @@ class TlsStream final : public ByteStream {
 
   const UniqueFd mSocket;
   const std::unique_ptr<std::uint8_t[]> mReceived;  // The reading thread's while nothing in it is unopened.
+  std::span<const std::uint8_t> mArrived;           // In it, and not yet OpenSSL's. The same.
+  bool mIsDry = false;                              // Nothing can be opened before more is received. The same.
   const bool mIsServer;
   std::string mError;         // The reading thread's.
   Result mEnd = Result::kOk;  // The same.
