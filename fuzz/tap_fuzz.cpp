@@ -40,7 +40,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const auto payload = reader.Bytes(std::min<std::size_t>(length, reader.Rest().size()));
   vel::PendingUrb urb;
   vel::UsbEvent event;
-  if (!vel::ReadSubmission(*vel::BuildRequest(info.command, {0, 1}, payload), urb, event)) {
+  const auto request = vel::BuildRequest(info.command, {0, 1}, payload);  // The event points into it.
+  if (!vel::ReadSubmission(*request, urb, event)) {
     return 0;
   }
   const std::uint32_t dataLimit = (oddity & 1) != 0 ? 3 : vel::kSnapLength;
