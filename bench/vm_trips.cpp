@@ -5,7 +5,7 @@
 #include <array>
 #include <chrono>
 #include <cstdio>
-#include <string>
+#include <cstdlib>
 #include <vector>
 
 #include "GuestBench.h"
@@ -21,7 +21,7 @@ int main(int argc, char** argv) {
   const vel::GuestDevice device(argv[1]);
   std::array<std::uint8_t, 64> bytes{};
   std::vector<double> times;
-  for (unsigned long i = std::stoul(argv[2]); i > 0; --i) {
+  for (unsigned long i = std::strtoul(argv[2], nullptr, 10); i > 0; --i) {
     const Clock::time_point begin = Clock::now();
     int moved = 0;
     vel::bench::Require(

@@ -93,7 +93,7 @@ DeviceFilter::DeviceFilter(const std::string& text) {
   }
 }
 
-DeviceFilter::Rule DeviceFilter::ReadRule(std::string text, const std::string& name) {
+DeviceFilter::Rule DeviceFilter::ReadRule(const std::string& text, const std::string& name) {
   if (text.empty()) {
     throw UsageError(name + " is empty: " + kNotation);
   }
@@ -111,7 +111,7 @@ DeviceFilter::Rule DeviceFilter::ReadRule(std::string text, const std::string& n
   for (std::size_t i = 0; i < kFields.size(); ++i) {
     const auto& [field, most] = kFields.at(i);
     const std::string value = word(i, field);
-    const std::string what = name + ": " + std::string(field) + " " + value;
+    const std::string what = name + Format(": %s ", std::string(field).c_str()) + value;
     const auto number = ReadNumber(value);
     if (value != "-1" && !number) {
       throw UsageError(what + " is no number: give decimal without a zero in front, 0x and hex, or -1 for any");

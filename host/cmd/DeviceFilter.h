@@ -39,7 +39,7 @@ class DeviceFilter {
     bool allow = false;
   };
 
-  static Rule ReadRule(std::string text, const std::string& name);
+  static Rule ReadRule(const std::string& text, const std::string& name);
 
   std::vector<Rule> mRules;
 };

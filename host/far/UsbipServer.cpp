@@ -64,7 +64,7 @@ UsbipServer::~UsbipServer() {
 }
 
 std::string UsbipServer::Add(std::uint32_t number, std::string name, std::unique_ptr<FarDevice> device) {
-  const std::string busId = "1-" + std::to_string(number);
+  std::string busId = "1-" + std::to_string(number);
   auto exported = std::make_shared<Exported>();
   exported->name = std::move(name);
   exported->record = device->Facts().Record(busId, number);

@@ -1,7 +1,6 @@
 #include "IdleSpin.h"
 
-#include <cstdio>
-#include <memory>
+#include <fstream>
 
 namespace vel {
 
@@ -9,13 +8,10 @@ unsigned UsableProcessors() {
   const unsigned processors = std::thread::hardware_concurrency();
   // Linux: microseconds of processor time in a period, and the period; "max" without a limit. Elsewhere there is no
   // such file.
-  struct Closer {
-    void operator()(std::FILE* file) const { static_cast<void>(std::fclose(file)); }
-  };
-  const std::unique_ptr<std::FILE, Closer> limit(std::fopen("/sys/fs/cgroup/cpu.max", "r"));
+  std::ifstream limit("/sys/fs/cgroup/cpu.max");
   unsigned share = 0;
   unsigned period = 0;
-  if (limit != nullptr && std::fscanf(limit.get(), "%u %u", &share, &period) == 2 && period > 0) {
+  if (limit >> share >> period && period > 0) {
     return std::min(processors, share / period);
   }
   return processors;

@@ -10,6 +10,14 @@ namespace vel {
 // The processors that this process may use at a time: at most its affinity, at most its control group's share.
 unsigned UsableProcessors();
 
+// What a thread does between two looks: leaves its core's units to the other thread there. Nothing where that is
+// unknown.
+inline void PauseProcessor() {
+#if defined(__x86_64__) || defined(__i386__)
+  __builtin_ia32_pause();
+#endif
+}
+
 // Looks for work for a moment before a thread sleeps: being woken takes both sides longer than this. A moment that
 // brought nothing makes it sleep at once the next times, twice as many each time, so that a thread with little to do,
 // or with work at longer intervals, hardly ever spins. Never on one processor. One thread.
@@ -31,7 +39,7 @@ class IdleSpin {
           mSleeps = 0;
           return true;
         }
-        Pause();
+        PauseProcessor();
       }
       std::this_thread::yield();  // Who has the work may need this processor.
     } while (std::chrono::steady_clock::now() < deadline);
@@ -45,12 +53,6 @@ class IdleSpin {
   static constexpr std::chrono::microseconds kMoment{60};
   static constexpr int kLooks = 16;
   static constexpr int kMostSleeps = 63;
-
-  static void Pause() {
-#if defined(__x86_64__) || defined(__i386__)
-    __builtin_ia32_pause();
-#endif
-  }
 
   const bool mUseful;
   int mSleeps = 0;      // After the last moment in vain.

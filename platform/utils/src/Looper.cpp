@@ -18,6 +18,9 @@ struct Looper::Queue {
   static constexpr std::uintptr_t kSleeping = 1;  // Nothing waits, and a post has to wake the loop.
   static constexpr std::uintptr_t kStopped = 2;   // For good.
   static bool IsMessage(std::uintptr_t value) { return value > kStopped; }
+  static Message* AsMessage(std::uintptr_t value) {
+    return reinterpret_cast<Message*>(value);  // NOLINT(performance-no-int-to-ptr): it was one.
+  }
 
   std::atomic<std::uintptr_t> newest{kEmpty};
 
@@ -59,7 +62,7 @@ void Looper::Queue::Await(IdleSpin& spin) {
 // The messages from the list's end on, oldest first.
 Message* Looper::InOrder(std::uintptr_t newest) {
   Message* oldest = nullptr;
-  for (auto* message = reinterpret_cast<Message*>(newest); message != nullptr;) {
+  for (auto* message = Queue::AsMessage(newest); message != nullptr;) {
     Message* const before = std::exchange(message->mNext, oldest);
     oldest = std::exchange(message, before);
   }
@@ -132,7 +135,7 @@ int Looper::PostMessageAAA(std::unique_ptr<Message> message) noexcept {
     if (before == Queue::kStopped) {
       return -1;
     }
-    message->mNext = Queue::IsMessage(before) ? reinterpret_cast<Message*>(before) : nullptr;
+    message->mNext = Queue::IsMessage(before) ? Queue::AsMessage(before) : nullptr;
   } while (!mQueue->newest.compare_exchange_weak(before, posted, std::memory_order_release, std::memory_order_relaxed));
   static_cast<void>(message.release());
   if (before == Queue::kSleeping) {

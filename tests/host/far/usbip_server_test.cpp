@@ -10,8 +10,6 @@
 namespace vel {
 namespace {
 
-using testing::ElementsAre;
-using testing::IsEmpty;
 using Bytes = std::vector<std::uint8_t>;
 
 constexpr std::size_t kReplyBytes = 8;  // And for an import the record, behind a status of 0.
