@@ -111,7 +111,7 @@ DeviceFilter::Rule DeviceFilter::ReadRule(const std::string& text, const std::st
   for (std::size_t i = 0; i < kFields.size(); ++i) {
     const auto& [field, most] = kFields.at(i);
     const std::string value = word(i, field);
-    const std::string what = name + Format(": %s ", std::string(field).c_str()) + value;
+    const std::string what = Format("%s: %s %s", name.c_str(), std::string(field).c_str(), value.c_str());
     const auto number = ReadNumber(value);
     if (value != "-1" && !number) {
       throw UsageError(what + " is no number: give decimal without a zero in front, 0x and hex, or -1 for any");
