@@ -13,7 +13,6 @@
 namespace vel {
 namespace {
 
-constexpr std::uint8_t kGetDescriptor = 6;
 constexpr std::uint8_t kDeviceQualifier = 6;  // USB 2.0, table 9-5
 constexpr std::uint16_t kEnglish = 0x0409;
 constexpr std::uint16_t kDeviceBytes = 18;
@@ -29,7 +28,7 @@ constexpr std::uint16_t Value(std::uint8_t type, std::uint8_t index) {
 }
 
 ControlSetup DescriptorSetup(std::uint16_t wValue, std::uint16_t wIndex, std::uint16_t wLength) {
-  return {LIBUSB_ENDPOINT_IN, kGetDescriptor, wValue, wIndex, wLength};
+  return {LIBUSB_ENDPOINT_IN, LIBUSB_REQUEST_GET_DESCRIPTOR, wValue, wIndex, wLength};
 }
 
 // Requests that are under way at once, and what became of them.
@@ -208,7 +207,7 @@ void DeviceFacts::AskRest(RequestPipe& pipe, std::chrono::milliseconds time) {
 }
 
 std::optional<std::span<const std::uint8_t>> DeviceFacts::Answer(const ControlSetup& setup) const {
-  if (setup.bmRequestType != LIBUSB_ENDPOINT_IN || setup.bRequest != kGetDescriptor) {
+  if (setup.bmRequestType != LIBUSB_ENDPOINT_IN || setup.bRequest != LIBUSB_REQUEST_GET_DESCRIPTOR) {
     return std::nullopt;
   }
   const auto found = mDescriptors.find({setup.wValue, setup.wIndex});

@@ -66,18 +66,6 @@ std::span<const std::uint8_t> TakeIsoTable(std::span<UrbPacket> packets, bool in
   return payload.first(used);
 }
 
-// What a bulk or interrupt transfer moved. The reply to an OUT transfer carries the data that was moved, or none.
-std::uint32_t Moved(const UrbInFlight& urb, const TransferAnswer& answer) {
-  const auto count = static_cast<std::uint32_t>(std::min<std::size_t>(answer.data.size(), urb.length));
-  if (urb.IsIn()) {
-    return count;
-  }
-  if (answer.status == LIBUSB_TRANSFER_COMPLETED) {
-    return answer.data.empty() ? urb.length : count;
-  }
-  return count == urb.length ? 0 : count;  // One that was not even submitted comes back whole.
-}
-
 }  // namespace
 
 EndpointType TypeOf(const EndpointModel& endpoint) {
@@ -123,7 +111,8 @@ std::span<const std::uint8_t> TakeAnswer(UrbInFlight& urb, const TransferAnswer&
       urb.actualLength += packet.actualLength;
     }
   } else if (part == 0) {  // The other one is the empty transfer behind it.
-    urb.actualLength = Moved(urb, answer);
+    urb.actualLength = urb.IsIn() ? static_cast<std::uint32_t>(std::min<std::size_t>(answer.data.size(), urb.length))
+                                  : MovedOut(answer, urb.length);
     data = urb.IsIn() ? answer.data.first(urb.actualLength) : data;
   }
   urb.status = urb.status == 0 ? ErrnoOfStatus(answer.status) : urb.status;

@@ -162,8 +162,9 @@ void CaptureFile::WriteBlocks(std::span<const std::uint8_t> blocks) {
     if (count >= 0) {
       written += static_cast<std::size_t>(count);
     } else if (errno == EAGAIN) {  // A FIFO that is full.
-      const StopSignal never;
-      error = mHurry.WaitFor(mFile.Get(), POLLOUT) || never.WaitFor(mFile.Get(), POLLOUT, kEndTime) ? 0 : EAGAIN;
+      const pollfd room{mFile.Get(), POLLOUT, 0};
+      const pollfd none{-1, 0, 0};
+      error = mHurry.WaitFor(mFile.Get(), POLLOUT) || WaitForFirst({room, none, none}, kEndTime) ? 0 : EAGAIN;
     } else if (errno != EINTR) {
       error = errno;
     }

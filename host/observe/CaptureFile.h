@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "observe/UsbmonRecord.h"
-#include "remote/FdStream.h"
+#include "remote/StopSignal.h"
 #include "vel/Mutex.h"
 
 namespace vel {

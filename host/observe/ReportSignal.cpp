@@ -8,14 +8,14 @@
 #include <csignal>
 #include <utility>
 
-#include "remote/FdStream.h"
+#include "remote/StopSignal.h"
 
 namespace vel {
 namespace {
 
 // Stays: a handler may be in it, on any thread.
 const std::pair<UniqueFd, UniqueFd>& Pipe() {
-  static const auto& ends = *new std::pair<UniqueFd, UniqueFd>(MakePipe(O_NONBLOCK | O_CLOEXEC));
+  static const auto& ends = *new std::pair<UniqueFd, UniqueFd>(MakePipe(O_NONBLOCK));
   return ends;
 }
 

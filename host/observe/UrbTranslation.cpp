@@ -155,15 +155,6 @@ void PutDescriptors(const ConfigModel& config, std::vector<std::uint8_t>& out) {
   std::memcpy(out.data() + kTotalLengthOffset, &total, sizeof total);
 }
 
-// What an OUT transfer moved: its reply carries the data that was moved, or none.
-std::uint32_t MovedOut(const PendingUrb& urb, const TransferAnswer& answer) {
-  const auto count = static_cast<std::uint32_t>(std::min<std::size_t>(answer.data.size(), urb.length));
-  if (answer.status == 0) {
-    return answer.data.empty() ? urb.length : count;
-  }
-  return count == urb.length ? 0 : count;  // One that was not even submitted comes back whole.
-}
-
 // The packets' bytes lie packed behind their table.
 void TakePackets(PendingUrb& urb, const TransferAnswer& answer, UsbEvent& event) {
   if (!urb.IsIn()) {  // That it is complete is all there is.
@@ -202,7 +193,7 @@ void TakeAnswer(const VelPacket& reply, PendingUrb& urb, UsbEvent& event) {
     return;
   }
   event.data = urb.IsIn() ? answer->data : event.data;
-  event.length = urb.IsIn() ? static_cast<std::uint32_t>(answer->data.size()) : MovedOut(urb, *answer);
+  event.length = urb.IsIn() ? static_cast<std::uint32_t>(answer->data.size()) : MovedOut(*answer, urb.length);
   if (urb.isPicture) {
     urb.packets.assign(1, {.status = event.status, .offset = 0, .length = event.length, .padding = 0});
   }

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cstring>
 
+#include "protocol/Requests.h"
+
 namespace vel {
 namespace {
 
@@ -36,7 +38,6 @@ static_assert(sizeof(EnhancedPacket) == 28);
 constexpr std::size_t kBlockEnd = sizeof(std::uint32_t);  // The total once more.
 
 constexpr std::uint32_t kDirectionInFlag = 0x200;  // Of a URB's flags.
-constexpr std::uint8_t kIn = 0x80;
 constexpr std::uint8_t kNoSetup = '-';
 constexpr std::uint8_t kAddress = 1;
 
@@ -95,7 +96,7 @@ std::size_t CapturedData(const UsbEvent& event, std::uint32_t dataLimit) {
 
 UsbmonHeader HeaderOf(const UsbEvent& event, std::uint32_t interface, CaptureTime time) {
   UsbmonHeader header{};
-  const bool in = (event.endpoint & kIn) != 0;
+  const bool in = (event.endpoint & kDirectionIn) != 0;
   header.id = event.id;
   header.event = event.isCompletion ? 'C' : 'S';
   header.type = event.type;

@@ -50,7 +50,6 @@ class TlsStream final : public ByteStream {
   Shaken Handshake();
   // Whose certificate the other side has shown. After the handshake.
   std::string Peer() const;
-  int Fd() const { return In(); }
   // Whether bytes have come that were not read yet, of which the socket shows nothing any more.
   bool HasBytes() const VEL_EXCLUDES(mTlsMutex);
 

@@ -2,6 +2,7 @@
 
 #include <libusb-1.0/libusb.h>
 
+#include <algorithm>
 #include <cerrno>
 
 #include "protocol/ByteReader.h"
@@ -59,6 +60,14 @@ std::optional<TransferAnswer> ReadTransferAnswer(const VelPacket& packet) {
   }
   answer.data = reader.Rest();
   return reader.Ok() ? std::optional(answer) : std::nullopt;
+}
+
+std::uint32_t MovedOut(const TransferAnswer& answer, std::uint32_t length) {
+  const auto count = static_cast<std::uint32_t>(std::min<std::size_t>(answer.data.size(), length));
+  if (answer.status == LIBUSB_TRANSFER_COMPLETED) {
+    return answer.data.empty() ? length : count;
+  }
+  return count == length ? 0 : count;  // One that was not even submitted comes back whole.
 }
 
 }  // namespace vel

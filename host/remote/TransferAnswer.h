@@ -24,6 +24,10 @@ struct TransferAnswer {
 // Nothing for a packet that is too short to be one.
 std::optional<TransferAnswer> ReadTransferAnswer(const VelPacket& packet);
 
+// The bytes that a bulk or interrupt OUT transfer of `length` bytes moved: its reply carries the data that was moved,
+// or none.
+std::uint32_t MovedOut(const TransferAnswer& answer, std::uint32_t length);
+
 }  // namespace vel
 
 #endif

@@ -25,7 +25,8 @@ await() {
   done
 }
 
-# ports_of STATUS: the ports (decimal, what awk takes for octal with zeros in front) of the first vhci-hcd controller in this state; 006 is in use.
+# ports_of STATUS: the ports of the first vhci-hcd controller in this state; 006 is in use. They are decimal: with their
+# zeros in front awk would take them for octal.
 ports_of() { awk -v status="$1" '$3 == status { sub(/^0+/, "", $2); print $2 == "" ? 0 : $2 }' /sys/devices/platform/vhci_hcd.0/status 2>/dev/null; }
 # device_of VID:PID: prints the name under /sys/bus/usb/devices; fails while there is none.
 device_of() {
