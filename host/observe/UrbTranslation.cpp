@@ -1,5 +1,7 @@
 #include "observe/UrbTranslation.h"
 
+#include <libusb-1.0/libusb.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -17,19 +19,7 @@ namespace {
 
 using Setup = std::array<std::uint8_t, 8>;
 
-// USB 2.0, tables 9-3 to 9-5.
-constexpr std::uint8_t kToInterface = 1;
-constexpr std::uint8_t kToEndpoint = 2;
-constexpr std::uint8_t kClearFeature = 1;
-constexpr std::uint8_t kGetDescriptor = 6;
-constexpr std::uint8_t kSetConfiguration = 9;
-constexpr std::uint8_t kSetInterface = 11;
-constexpr std::uint16_t kDeviceDescriptor = 0x0100;
-constexpr std::uint16_t kConfigDescriptor = 0x0200;
-constexpr std::uint16_t kStringDescriptor = 0x0300;
-constexpr std::uint16_t kDeviceBytes = 18;
 constexpr std::uint16_t kAll = 0xFFFF;
-constexpr std::uint8_t kBasicEndpointBytes = 7;  // Those of an audio device have two more.
 constexpr std::size_t kTotalLengthOffset = 2;
 
 void PutSetup(PendingUrb& urb, UsbEvent& event, std::uint8_t type, std::uint8_t request, std::uint32_t value,
@@ -92,33 +82,35 @@ bool ReadControl(const VelPacket& packet, PendingUrb& urb, UsbEvent& event) {
       return request.has_value();
     }
     case Command::kGetDeviceDesc:
-      PutSetup(urb, event, kDirectionIn, kGetDescriptor, kDeviceDescriptor, 0, kDeviceBytes);
+      PutSetup(urb, event, kDirectionIn, LIBUSB_REQUEST_GET_DESCRIPTOR, LIBUSB_DT_DEVICE << 8U, 0,
+               LIBUSB_DT_DEVICE_SIZE);
       return true;
     case Command::kGetDeviceConfig:
-      PutSetup(urb, event, kDirectionIn, kGetDescriptor, kConfigDescriptor, 0, kAll);
+      PutSetup(urb, event, kDirectionIn, LIBUSB_REQUEST_GET_DESCRIPTOR, LIBUSB_DT_CONFIG << 8U, 0, kAll);
       return true;
     case Command::kGetStringDescriptor: {
       const auto request = ReadStringRequest(payload);
       if (request) {
-        PutSetup(urb, event, kDirectionIn, kGetDescriptor, kStringDescriptor | request->index, request->langId,
-                 std::min<std::uint32_t>(request->length, kAll));
+        PutSetup(urb, event, kDirectionIn, LIBUSB_REQUEST_GET_DESCRIPTOR, (LIBUSB_DT_STRING << 8U) | request->index,
+                 request->langId, std::min<std::uint32_t>(request->length, kAll));
       }
       return request.has_value();
     }
     case Command::kSetConfiguration: {
       const auto value = ReadU32Request(payload);
-      PutSetup(urb, event, 0, kSetConfiguration, value.value_or(0), 0, 0);
+      PutSetup(urb, event, 0, LIBUSB_REQUEST_SET_CONFIGURATION, value.value_or(0), 0, 0);
       return value.has_value();
     }
     case Command::kSetInterfaceAltSetting: {
       const auto request = ReadAltSettingRequest(payload);
       if (request) {
-        PutSetup(urb, event, kToInterface, kSetInterface, request->altSetting, request->interfaceNumber, 0);
+        PutSetup(urb, event, LIBUSB_RECIPIENT_INTERFACE, LIBUSB_REQUEST_SET_INTERFACE, request->altSetting,
+                 request->interfaceNumber, 0);
       }
       return request.has_value();
     }
     case Command::kClearHalt:  // Of endpoint 0, always.
-      PutSetup(urb, event, kToEndpoint, kClearFeature, 0, 0, 0);
+      PutSetup(urb, event, LIBUSB_RECIPIENT_ENDPOINT, LIBUSB_REQUEST_CLEAR_FEATURE, 0, 0, 0);
       return true;
     default:
       return false;
@@ -130,21 +122,22 @@ void PutDescriptors(const ConfigModel& config, std::vector<std::uint8_t>& out) {
   const auto put = [&out](const std::vector<std::uint8_t>& bytes) {
     out.insert(out.end(), bytes.begin(), bytes.end());
   };
-  put({9, config.bDescriptorType, 0, 0, config.bNumInterfaces, config.bConfigurationValue, config.iConfiguration,
-       config.bmAttributes, config.MaxPower});
+  put({LIBUSB_DT_CONFIG_SIZE, config.bDescriptorType, 0, 0, config.bNumInterfaces, config.bConfigurationValue,
+       config.iConfiguration, config.bmAttributes, config.MaxPower});
   put(config.extra);
   for (const auto& settings : config.interfaces) {
     for (const AltSettingModel& each : settings) {
-      put({9, each.bDescriptorType, each.bInterfaceNumber, each.bAlternateSetting, each.bNumEndpoints,
-           each.bInterfaceClass, each.bInterfaceSubClass, each.bInterfaceProtocol, each.iInterface});
+      put({LIBUSB_DT_INTERFACE_SIZE, each.bDescriptorType, each.bInterfaceNumber, each.bAlternateSetting,
+           each.bNumEndpoints, each.bInterfaceClass, each.bInterfaceSubClass, each.bInterfaceProtocol,
+           each.iInterface});
       put(each.extra);
       for (const EndpointModel& endpoint : each.endpoints) {
-        const bool longer = endpoint.bLength > kBasicEndpointBytes;
-        put({static_cast<std::uint8_t>(longer ? kBasicEndpointBytes + 2 : kBasicEndpointBytes),
+        const bool isAudio = endpoint.bLength > LIBUSB_DT_ENDPOINT_SIZE;
+        put({static_cast<std::uint8_t>(isAudio ? LIBUSB_DT_ENDPOINT_AUDIO_SIZE : LIBUSB_DT_ENDPOINT_SIZE),
              endpoint.bDescriptorType, endpoint.bEndpointAddress, endpoint.bmAttributes,
              static_cast<std::uint8_t>(endpoint.wMaxPacketSize),
              static_cast<std::uint8_t>(endpoint.wMaxPacketSize >> 8U), endpoint.bInterval});
-        if (longer) {
+        if (isAudio) {
           put({endpoint.bRefresh, endpoint.bSynchAddress});
         }
         put(endpoint.extra);
