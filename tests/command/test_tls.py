@@ -123,9 +123,10 @@ class Tls(CommandTestCase):
                 (shake("self"), "127.0.0.1", "is signed by itself"),
                 (shake("client"), "127.0.0.1", "is made for another use"),
                 (shake("server"), "localhost", "is for another name"),
+                (shake("server"), "127.0.0.2", "is for another name"),
                 (lambda remote: remote.recv(4096), "127.0.0.1", "ended the connection instead of a TLS handshake"),
                 (lambda remote: remote.sendall(b"SSH-2.0-something else\r\n"), "127.0.0.1", "does not speak TLS")):
-            with self.subTest(reason), socket.create_server(("127.0.0.1", 0)) as listener:
+            with self.subTest((host, reason)), socket.create_server((host, 0)) as listener:
                 thread = threading.Thread(target=answer, args=(listener, speak))
                 thread.start()
                 device = f"tls://{host}:{listener.getsockname()[1]}"

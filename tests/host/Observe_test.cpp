@@ -79,6 +79,24 @@ TEST_F(ObserveTest, WhatIsNeverAnsweredDoesNotStayInFlight) {
   EXPECT_EQ(figures.lately.bytesIn, 22U);
 }
 
+TEST(DeviceTally, ReadForWhichNoPictureCameIsNoFailure) {
+  DeviceTally tally;
+  PendingUrb read;
+  read.endpoint = 0x81;
+  read.isPicture = true;
+  for (const std::int32_t status : {0, -ETIMEDOUT, -ETIMEDOUT, -ENODEV}) {
+    UsbEvent event;
+    event.status = status;
+    event.length = status == 0 ? 100 : 0;
+    tally.Add(read, event, DeviceTally::Clock::now());
+  }
+  const DeviceCounts counts = tally.Take(DeviceTally::Clock::now()).lately;
+  EXPECT_EQ(counts.pictures, 1U);
+  EXPECT_EQ(counts.pictureBytes, 100U);
+  EXPECT_EQ(counts.silentReads, 2U);
+  EXPECT_THAT(counts.failures, ElementsAre(0, 0, 0, 0, 1, 0));
+}
+
 TEST_F(ObserveTest, IsochronousPacketsThatTheReplyDoesNotHoldAreCut) {
   const std::array<std::uint32_t, 3> lengths = {4, 4, 4};
   PendingUrb urb;

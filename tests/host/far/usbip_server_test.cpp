@@ -90,6 +90,8 @@ TEST_F(UsbipServerTest, DevicesComeAndGoAndTheirGuestsLeaveWithThem) {
   EXPECT_EQ(List(), "1");
   mServer.Remove(2);
   mServer.Remove(7);
+  mServer.Remove(1);
+  EXPECT_EQ(List(), "");
 }
 
 TEST_F(UsbipServerTest, DevicesComeAndGoBesideClients) {
