@@ -9,6 +9,7 @@
 
 #include <gmock/gmock.h>
 
+#include "RequestXfer.h"
 #include "SessionFixture.h"
 #include "protocol/IsoTable.h"
 
@@ -81,6 +82,18 @@ TEST_F(Handler, TransfersAreGivenBackWithWhatTheBackendLeft) {
               ElementsAre(IsInterruptReply(8, 0, ElementsAre(6, 7)), IsBulkReply(7, 0, ElementsAre(1, 2, 3)),
                           IsIsoReply(0xFFFFFFFF, 0, 2, IsEmpty()), IsBulkReply(10, kXferTimedOut, ElementsAre(1, 2))));
   EXPECT_THAT(remote.Replies(), ::testing::Each(::testing::Field(&Reply::devId, kId.devId)));
+}
+
+TEST(RequestXfer, ReplyTakesThePacketOfItsDataUnlessThatWouldHoldMuchInVain) {
+  constexpr std::uint32_t kLength = 1U << 20U;
+  for (const std::uint32_t moved : {kLength, 8U}) {
+    std::unique_ptr<VelPacket> request;
+    const XferPtr record = MakeRequestXfer(request, {.epAddr = 0x81, .length = kLength, .data = {}}, true);
+    record->epAddr = 0x81;
+    record->length = moved;
+    const auto reply = TakeReplyPacket(*record, moved + kReplyRoom);
+    EXPECT_EQ(reply != nullptr, moved == kLength);
+  }
 }
 
 TEST_F(Handler, SaysWhatDataMovesAndHowLongAPictureTakes) {
