@@ -48,14 +48,24 @@ record() {
   timeout 30 v4l2-ctl -d "$(video)" --set-fmt-video="width=$1,height=$2,pixelformat=YUYV" --stream-mmap \
     --stream-count="$3" --stream-to=/tmp/pictures >/tmp/record 2>&1 || fail "no pictures: $(tail -n 3 /tmp/record)"
 }
-# record_on: in the background, until it is ended or fails; there are pictures when it returns.
+# record_on: in the background, until it is ended or fails; there are pictures when it returns. This shell has the node
+# open, too, until record_off: a 6.1 kernel whose camera is closed for the last time while it goes from the bus may
+# follow a null pointer (media_device_unregister_entity() looks at the device before it takes its lock).
 record_on() {
   rm -f /tmp/pictures
-  v4l2-ctl -d "$(video)" --stream-mmap --stream-to=/tmp/pictures >/dev/null 2>&1 &
+  watched=$(video)
+  camera_node=$(readlink -f "/sys/class/video4linux/${watched#/dev/}/device/..")
+  camera_number=$(cat "$camera_node/devnum")
+  exec 8<"$watched"
+  v4l2-ctl -d "$watched" --stream-mmap --stream-to=/tmp/pictures >/dev/null 2>&1 8<&- &
   recorder=$!
   await "a picture" test -s /tmp/pictures
 }
+# record_off: of a camera that goes or has gone.
 record_off() {
+  await "the camera to leave the bus" camera_gone
   kill $recorder 2>/dev/null || true
   wait $recorder || true
+  exec 8<&-
 }
+camera_gone() { [ "$(cat "$camera_node/devnum" 2>/dev/null)" != "$camera_number" ]; }
