@@ -18,6 +18,7 @@
 #include "cmd/Listener.h"
 #include "cmd/Server.h"
 #include "observe/ObservedChannel.h"
+#include "remote/FdStream.h"
 #include "remote/RequestBuilder.h"
 #include "remote/StreamChannel.h"
 #include "remote/TcpConnection.h"
@@ -125,10 +126,8 @@ int main(int argc, char** argv) {
                                                        }
                                                      });
       }
-      vel::UniqueFd fd = vel::ConnectTcp(address, stop);
-      vel::UniqueFd other(dup(fd.Get()));
       std::unique_ptr<vel::PacketChannel> channel =
-          std::make_unique<vel::StreamChannel>(std::move(fd), std::move(other));
+          std::make_unique<vel::StreamChannel>(std::make_unique<vel::FdStream>(vel::ConnectTcp(address, stop)));
       if (way > 0) {
         channel = std::make_unique<vel::ObservedChannel>(std::move(channel),
                                                          std::make_shared<vel::DeviceTap>("raw", capture.get()));

@@ -4,9 +4,9 @@
 root=$(cd "$(dirname "$0")/.." && pwd)
 
 build_packages="g++ cmake ninja-build pkg-config libusb-1.0-0-dev libspdlog-dev libcli11-dev nlohmann-json3-dev libavcodec-dev libavutil-dev libswscale-dev libavformat-dev libssl-dev python3"
-test_packages="libgtest-dev libgmock-dev libjpeg62-turbo-dev binutils libumockdev-dev umockdev usbutils openssl tshark lintian bash-completion systemd"
-# Only makes builds faster.
-optional_packages="ccache"
+test_packages="libgtest-dev libgmock-dev libbenchmark-dev libjpeg62-turbo-dev binutils libumockdev-dev umockdev usbutils openssl tshark lintian bash-completion systemd"
+# Make builds faster, and a yardstick for the benchmarks.
+optional_packages="ccache libusbredirparser-dev"
 # For the tests in a virtual machine, which are skipped, and counted as such, where these cannot be had.
 vm_packages="qemu-system-x86 busybox-static cpio kmod udev xz-utils usbip v4l-utils e2fsprogs iproute2"
 
