@@ -45,8 +45,12 @@ find_disk() {
 # The node of the one camera that has its driver, and COUNT pictures of it into /tmp/pictures: record WIDTH HEIGHT COUNT
 video() { echo "/dev/$(basename "$(dirname "$(grep -l 0 /sys/class/video4linux/*/index)")")"; }
 record() {
-  timeout 30 v4l2-ctl -d "$(video)" --set-fmt-video="width=$1,height=$2,pixelformat=YUYV" --stream-mmap \
+  timeout 30 v4l2-ctl --verbose -d "$(video)" --set-fmt-video="width=$1,height=$2,pixelformat=YUYV" --stream-mmap \
     --stream-count="$3" --stream-to=/tmp/pictures >/tmp/record 2>&1 || fail "no pictures: $(tail -n 3 /tmp/record)"
+  sed -n 's/.* seq: *\([0-9]*\) .*/\1/p' /tmp/record >/tmp/order
+  [ "$(wc -l </tmp/order)" -ge "$3" ] || fail "pictures without numbers: $(tail -n 3 /tmp/record)"
+  # uvcvideo copies what came on all processors at once: of two pictures in quick succession the second may be ready first.
+  sort -nc /tmp/order 2>/dev/null || { echo "the guest's driver changed the order of its pictures; again" && record "$@"; }
 }
 # record_on: in the background, until it is ended or fails; there are pictures when it returns. This shell has the node
 # open, too, until record_off: a 6.1 kernel whose camera is closed for the last time while it goes from the bus may

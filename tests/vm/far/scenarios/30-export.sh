@@ -1,6 +1,8 @@
 # The same devices by the guest's own client, and clients that are none.
 # shellcheck shell=sh
 . /vm/far/lib.sh
+ports_used() { [ "$(ports_of 006 | wc -l)" = "$1" ]; }
+given_back() { [ "$(grep -c 'given printer back' $said)" = "$1" ]; }
 $VIRTUSB --module $VIRTUSB_MODULE export --capture /tmp/export.pcapng --capture-bytes 64 keyboard printer ch340 ch9102 raw winusb \
   camera 2>$said &
 exporter=$!
@@ -12,6 +14,7 @@ done
 for number in 1 2 3 4 5 6 7; do
   usbip attach -r 127.0.0.1 -b 1-$number
 done
+await "seven devices" ports_used 7
 await "usblp" has_driver 2867:1112 0 usblp
 await "ch341" has_driver 1a86:7523 0 ch341
 await "cdc_acm" has_driver 1a86:55d4 1 cdc_acm
@@ -26,20 +29,18 @@ remote pictures /tmp/pictures 640 480 20
 usbip attach -r 127.0.0.1 -b 1-7 2>/dev/null && fail "a device has two guests"
 usbip attach -r 127.0.0.1 -b 1-9 2>/dev/null && fail "a device that is not there is attached"
 head -c 1073741824 /dev/zero | timeout 20 nc 127.0.0.1 3240 >/dev/null || true
-ports=$(ports_of 006 | wc -l)
-[ "$ports" = 7 ] || fail "$ports devices are left"
+await "seven devices" ports_used 7
 usbip detach -p 1 2>/dev/null
-await "the printer to be given back" grep -q 'given printer back' $said
+await "the printer to be given back" given_back 1
 usbip attach -r 127.0.0.1 -b 1-2
 await "usblp again" has_driver 2867:1112 0 usblp
 # A client that takes a device and then sends what is no command loses it.
 usbip detach -p 1 2>/dev/null
-await "the printer to be given back" grep -c 'given printer back' $said
+await "the printer to be given back" given_back 2
 { printf '\001\021\200\003\0\0\0\0001-2'; head -c 29 /dev/zero; head -c 1073741824 /dev/urandom; } |
   timeout 20 nc 127.0.0.1 3240 >/dev/null || true
 await "its refusal" grep -q 'sends what is no USB/IP' $said
-ports=$(ports_of 006 | wc -l)
-[ "$ports" = 6 ] || fail "$ports devices are left of six"
+await "the other six" ports_used 6
 kill $exporter
 wait $exporter || fail "export ends with $?: $(cat $said)"
 exporter=

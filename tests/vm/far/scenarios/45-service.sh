@@ -35,8 +35,8 @@ printf 'root:x:0:0::/:/bin/sh\n%s:x:900:900::/:/bin/false\n' "$user" >/etc/passw
 printf 'root:x:0:\n%s:x:900:\n' "$group" >/etc/group
 cp $files/70-virtusb.rules /etc/udev/rules.d/
 udevadm control --reload
-udevadm trigger --subsystem-match=usb
-await "the node's group" ours
+regroup() { timeout 5 udevadm trigger --settle --subsystem-match=usb && ours; }
+await "the node's group" regroup
 
 start
 port=tcp://127.0.0.1:4000
