@@ -36,7 +36,9 @@ constexpr std::chrono::seconds kExecStartTime{30};
 class HeldChannel final : public PacketChannel {
  public:
   HeldChannel(std::shared_ptr<ModuleLibrary> library, const DeviceIdentity& identity, bool answersFailures)
-      : mIdentity(identity), mHold(HoldIfLocal(identity)), mChannel(std::move(library), identity, answersFailures) {}
+      : mIdentity(identity),
+        mHold(HoldIfLocal(identity)),
+        mChannel(std::move(library), identity, {.failures = answersFailures, .lean = true}) {}  // What went is known.
 
   void Start(Receiver receiver) override {
     const MutexLock lock(mMutex);

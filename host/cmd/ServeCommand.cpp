@@ -27,7 +27,7 @@ struct Service {
   std::shared_ptr<ModuleLibrary> library;
   DevicePresence& presence;
   const StopSignal& stop;
-  Server::Answers answers;
+  ModuleSession::Answers answers;
   DeviceTap& tap;
 
   // Serves one remote side, once the device is there.

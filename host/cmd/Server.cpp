@@ -21,7 +21,7 @@ constexpr std::chrono::seconds kFenceTime{10};
 
 }  // namespace
 
-Server::Server(std::shared_ptr<ModuleLibrary> library, const DeviceIdentity& identity, Answers answers,
+Server::Server(std::shared_ptr<ModuleLibrary> library, const DeviceIdentity& identity, ModuleSession::Answers answers,
                ByteStream& stream, DeviceTap& tap)
     : mLibrary(std::move(library)),
       mAnswers(answers),
@@ -32,8 +32,7 @@ Server::Server(std::shared_ptr<ModuleLibrary> library, const DeviceIdentity& ide
 
 std::unique_ptr<ModuleSession> Server::NewSession(const DeviceIdentity& identity) {
   ModuleSession::Options options;
-  options.answersFailures = mAnswers.failures;
-  options.leanReplies = mAnswers.lean;
+  options.answers = mAnswers;
   options.onReply = [this](std::unique_ptr<VelPacket> packet) { OnReply(std::move(packet)); };
   return std::make_unique<ModuleSession>(mLibrary, identity, std::move(options));
 }

@@ -25,14 +25,8 @@ class Server {
     kStopped,
   };
 
-  // How the module is to answer.
-  struct Answers {
-    bool failures = false;  // Failed and cancelled transfers, too.
-    bool lean = false;      // OUT replies without the request's data.
-  };
-
-  Server(std::shared_ptr<ModuleLibrary> library, const DeviceIdentity& identity, Answers answers, ByteStream& stream,
-         DeviceTap& tap);
+  Server(std::shared_ptr<ModuleLibrary> library, const DeviceIdentity& identity, ModuleSession::Answers answers,
+         ByteStream& stream, DeviceTap& tap);
 
   End Run();
   const std::string& Error() const { return mError; }
@@ -52,7 +46,7 @@ class Server {
   void Fence();
 
   const std::shared_ptr<ModuleLibrary> mLibrary;
-  const Answers mAnswers;
+  const ModuleSession::Answers mAnswers;
   ByteStream& mStream;
   DeviceTap& mTap;
   PacketWriter mWriter;

@@ -13,14 +13,14 @@ namespace vel {
 // The channel to a device that a module in this process redirects.
 class ModuleChannel final : public PacketChannel {
  public:
-  ModuleChannel(std::shared_ptr<ModuleLibrary> library, DeviceIdentity identity, bool answersFailures = false)
-      : mLibrary(std::move(library)), mIdentity(std::move(identity)), mAnswersFailures(answersFailures) {}
+  ModuleChannel(std::shared_ptr<ModuleLibrary> library, DeviceIdentity identity, ModuleSession::Answers answers = {})
+      : mLibrary(std::move(library)), mIdentity(std::move(identity)), mAnswers(answers) {}
   ~ModuleChannel() override { Close(); }
 
   // Throws std::runtime_error when the module refuses the device.
   void Start(Receiver receiver) override {
     ModuleSession::Options options;
-    options.answersFailures = mAnswersFailures;
+    options.answers = mAnswers;
     options.onReply = std::move(receiver.onPacket);
     const MutexLock lock(mMutex);
     mSession = std::make_unique<ModuleSession>(mLibrary, mIdentity, std::move(options));
@@ -46,7 +46,7 @@ class ModuleChannel final : public PacketChannel {
  private:
   const std::shared_ptr<ModuleLibrary> mLibrary;
   const DeviceIdentity mIdentity;
-  const bool mAnswersFailures;
+  const ModuleSession::Answers mAnswers;
   Mutex mMutex;
   std::unique_ptr<ModuleSession> mSession VEL_GUARDED_BY(mMutex);
 };

@@ -22,8 +22,8 @@ class ModuleSession::Device final : public VelDeviceBase {
   std::uint16_t GetVendorId() const override { return mIdentity.vendorId; }
   std::uint16_t GetProductId() const override { return mIdentity.productId; }
   const char* GetArgs() const override { return mIdentity.args.c_str(); }
-  bool AnswersFailedTransfers() const override { return mOptions.answersFailures; }
-  bool WantsLeanReplies() const override { return mOptions.leanReplies; }
+  bool AnswersFailedTransfers() const override { return mOptions.answers.failures; }
+  bool WantsLeanReplies() const override { return mOptions.answers.lean; }
   bool PayloadHeaderLengthCounts() const override { return true; }
   bool WantsNewestPictures() const override { return true; }
 
@@ -32,7 +32,7 @@ class ModuleSession::Device final : public VelDeviceBase {
   }
 
   int Send(std::unique_ptr<VelPacket> packet, std::uint32_t /*waitMs*/) override {
-    if (const auto wire = packet->MutableWire(); mOptions.answersFailures && wire.size() > kServiceOffset) {
+    if (const auto wire = packet->MutableWire(); mOptions.answers.failures && wire.size() > kServiceOffset) {
       wire[kServiceOffset] |= kAnswersFailures;
     }
     mOptions.onReply(std::move(packet));

@@ -27,10 +27,14 @@ struct DeviceIdentity {
 // One device redirected by a loaded module in this process: the framework's part of the exchange.
 class ModuleSession {
  public:
+  // How the module is to answer.
+  struct Answers {
+    bool failures = false;  // Failed and cancelled transfers, too.
+    bool lean = false;      // OUT replies without the request's data.
+  };
   struct Options {
     std::uint32_t devId = 1;
-    bool answersFailures = false;
-    bool leanReplies = false;
+    Answers answers;
     // Reply from the module, on its loop or completion threads. Must not close the session; while it blocks,
     // so does Close.
     std::function<void(std::unique_ptr<VelPacket>)> onReply;

@@ -65,8 +65,10 @@ class TalliedChannel final : public PacketChannel {
 inline std::unique_ptr<RemoteDevice> Redirect(const MockUsbDevice& device, Tally& tally) {
   const DeviceIdentity identity{MockUsbDevice::kBus, device.Address(), MockUsbDevice::kVendor, MockUsbDevice::kProduct,
                                 ""};
-  return std::make_unique<RemoteDevice>(std::make_unique<TalliedChannel>(
-      std::make_unique<ModuleChannel>(ModuleLibrary::Load(VIRTUSB_MODULE), identity, true), tally));
+  return std::make_unique<RemoteDevice>(
+      std::make_unique<TalliedChannel>(std::make_unique<ModuleChannel>(ModuleLibrary::Load(VIRTUSB_MODULE), identity,
+                                                                       ModuleSession::Answers{.failures = true}),
+                                       tally));
 }
 
 // Opens, detaches the drivers, claims, and chooses the setting with isochronous endpoints.

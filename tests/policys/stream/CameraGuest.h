@@ -30,7 +30,9 @@ class CameraGuest {
 
   explicit CameraGuest(const DeviceIdentity& identity)
       : mRemote(std::make_unique<RemoteDevice>(
-            std::make_unique<ModuleChannel>(ModuleLibrary::Load(VIRTUSB_MODULE), identity, true), 1, kDeadline)) {}
+            std::make_unique<ModuleChannel>(ModuleLibrary::Load(VIRTUSB_MODULE), identity,
+                                            ModuleSession::Answers{.failures = true}),
+            1, kDeadline)) {}
 
   RemoteDevice& Remote() { return *mRemote; }
 
