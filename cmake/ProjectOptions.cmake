@@ -1,4 +1,7 @@
 # How every target of this project is compiled: warnings, sanitizers, reproducible file names.
+# The end of the names of files that only the one system or only the other has.
+set(VIRTUSB_SYSTEM $<IF:$<BOOL:${WIN32}>,Windows,Posix>)
+
 add_library(virtusb_options INTERFACE)
 add_library(virtusb::options ALIAS virtusb_options)
 

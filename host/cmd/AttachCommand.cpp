@@ -1,5 +1,3 @@
-#include <poll.h>
-
 #include <CLI/CLI.hpp>
 #include <atomic>
 #include <memory>
@@ -51,32 +49,32 @@ std::optional<Retry> RetryOf(const std::string& device, std::optional<unsigned> 
 }  // namespace
 
 Subcommand AddAttach(CLI::App& app, CommonOptions& common) {
-  const auto far = std::make_shared<FarOptions>();
+  const auto wanted = std::make_shared<FarOptions>();
   CLI::App* const line = app.add_subcommand("attach", "Put devices on this machine's own USB bus, until interrupted");
-  AddFarOptions(*line, *far);
-  line->add_option("--tries", far->tries,
+  AddFarOptions(*line, *wanted);
+  line->add_option("--tries", wanted->tries,
                    "How often a device elsewhere is tried again, after 1, 2, 4 to 30 seconds, when it is not there at\n"
                    "the start and each time it is lost. Without: at the start never, then until interrupted");
   AddObserveOptions(*line, common);
   line->footer("Takes root and the kernel's vhci-hcd. Who serves a device elsewhere does it with --answer-failures.");
-  return {line, [&common, far] {
+  return {line, [&common, wanted] {
             const CaughtSignals signals;
-            return RunAttach(common, *far, signals.Stop());
+            return RunAttach(common, *wanted, signals.Stop());
           }};
 }
 
-int RunAttach(const CommonOptions& common, const FarOptions& far, const StopSignal& stop) {
+int RunAttach(const CommonOptions& common, const FarOptions& wanted, const StopSignal& stop) {
   const Vhci vhci;
   const StopSignal allOver;
   const StopSignal end;  // Ends the devices: stopped, or the next one cannot be attached.
   Observer observer(ObserverOptions(common, true));
-  std::atomic<std::size_t> left{far.devices.size()};
+  std::atomic<std::size_t> left{wanted.devices.size()};
   const auto waysOf = [&](const std::string& name) {
     return AttachedDevice::Ways{
-        .open = [&, name](const StopSignal& until) { return OpenFarDevice(name, common, far, observer, until); },
+        .open = [&, name](const StopSignal& until) { return OpenFarDevice(name, common, wanted, observer, until); },
         .plug = [&vhci](std::uint32_t speed, unsigned& port) { return vhci.Attach(speed, port); },
         .unplug = [&vhci, &end](const UniqueFd& connection, unsigned port) { vhci.Unplug(connection, port, end); },
-        .retry = [&far, name] { return RetryOf(name, far.tries); },
+        .retry = [&wanted, name] { return RetryOf(name, wanted.tries); },
         .note = &Note,
         .onEnd =
             [&left, &allOver] {
@@ -86,21 +84,21 @@ int RunAttach(const CommonOptions& common, const FarOptions& far, const StopSign
             }};
   };
   std::vector<std::unique_ptr<FarDevice>> devices;  // All are there before the first one is plugged in.
-  for (const std::string& name : far.devices) {
-    std::optional<Retry> retry = far.tries ? RetryOf(name, far.tries) : std::nullopt;
+  for (const std::string& name : wanted.devices) {
+    std::optional<Retry> retry = wanted.tries ? RetryOf(name, wanted.tries) : std::nullopt;
     devices.push_back(
         AttachedDevice::Reach(waysOf(name), retry, stop, [](const std::string& why) { Note(why + "; trying again"); }));
   }
   std::vector<std::unique_ptr<AttachedDevice>> attached;
   try {
     for (std::size_t i = 0; i < devices.size(); ++i) {
-      const std::string& name = far.devices[i];
+      const std::string& name = wanted.devices[i];
       attached.push_back(std::make_unique<AttachedDevice>(name, std::move(devices[i]), waysOf(name), end));
     }
     for (const auto& each : attached) {
       SayDrivers(*each, vhci, stop);
     }
-    stop.WaitFor(allOver.Fd(), POLLIN);
+    stop.WaitFor(allOver.Fd(), kReadable);
   } catch (...) {
     end.Raise();
     throw;
@@ -114,7 +112,7 @@ int RunAttach(const CommonOptions& common, const FarOptions& far, const StopSign
     attached.pop_back();
   }
   if (lost && !interrupted) {
-    ThrowAllGone(far);
+    ThrowAllGone(wanted);
   }
   return 0;
 }

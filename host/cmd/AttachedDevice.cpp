@@ -23,7 +23,7 @@ std::unique_ptr<FarDevice> AttachedDevice::Reach(const Ways& ways, std::optional
       if (first && onFirstFailure) {
         onFirstFailure(error.what());
       }
-      stop.WaitFor(-1, 0, *pause);
+      stop.WaitFor(kNoFd, 0, *pause);
     }
     if (stop.IsRaised()) {
       throw Interrupted();
@@ -83,7 +83,7 @@ bool AttachedDevice::ComesBack() {
     return false;
   }
   mWays.note(mName + " is lost, trying again");
-  mEnd.WaitFor(-1, 0, *pause);
+  mEnd.WaitFor(kNoFd, 0, *pause);
   if (mEnd.IsRaised()) {
     return false;
   }

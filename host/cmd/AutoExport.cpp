@@ -10,6 +10,7 @@
 #include "cmd/DeviceChannel.h"
 #include "cmd/Devices.h"
 #include "cmd/Output.h"
+#include "cmd/SystemDevices.h"
 #include "remote/StopWatcher.h"
 
 namespace vel {
@@ -43,8 +44,8 @@ AutoExport::AutoExport(DeviceFilter filter, const std::vector<std::string>& name
       mLastNumber(static_cast<std::uint32_t>(named.size())),
       mWatch({}, {.onArrived = [this](const DeviceIdentity& device) { OnArrived(device); },
                   .onLeft = [this](const DeviceIdentity& device) { OnLeft(device); }}) {
-  if (!DeviceWatch::IsTold()) {
-    Note("no udevd runs on this machine: devices are looked for every second");
+  if (const char* const why = WhyNobodyTellsOfDevices(); why != nullptr) {
+    Note(std::string(why) + ": devices are looked for every second");
   }
   const std::vector<LocalDevice> plugged = PluggedDevices();
   for (std::size_t i = 0; i < named.size(); ++i) {

@@ -102,9 +102,9 @@ int RunStream(const CommonOptions& common, const StreamOptions& options, const S
 int RunServe(const CommonOptions& common, const ServeOptions& serve, const StopSignal& stop);
 int RunGiveback(const CommonOptions& common);
 // Puts devices on this machine's bus until `stop` is raised or none is left.
-int RunAttach(const CommonOptions& common, const FarOptions& far, const StopSignal& stop);
+int RunAttach(const CommonOptions& common, const FarOptions& wanted, const StopSignal& stop);
 // Gives devices to guests' own clients until `stop` is raised or, without a filter, none is left.
-int RunExport(const CommonOptions& common, const FarOptions& far, const StopSignal& stop);
+int RunExport(const CommonOptions& common, const FarOptions& wanted, const StopSignal& stop);
 
 // The rule file that lets a user open USB devices, as installed or in the source tree.
 std::string UdevRulePath();

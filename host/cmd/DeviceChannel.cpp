@@ -1,15 +1,12 @@
 #include "cmd/DeviceChannel.h"
 
-#include <wordexp.h>
-
-#include <csignal>
-#include <new>
 #include <string_view>
 #include <utility>
-#include <vector>
 
+#include "cmd/CommandWords.h"
 #include "cmd/DeviceHold.h"
 #include "cmd/Devices.h"
+#include "os/Program.h"
 #include "remote/ExecChannel.h"
 #include "remote/FdStream.h"
 #include "remote/ModuleChannel.h"
@@ -71,30 +68,6 @@ class HeldChannel final : public PacketChannel {
   std::unique_ptr<DeviceWatch> mWatch VEL_GUARDED_BY(mMutex);
 };
 
-struct WordsDeleter {
-  void operator()(wordexp_t* words) const { wordfree(words); }
-};
-
-std::vector<std::string> SplitCommand(const std::string& command) {
-  wordexp_t expanded{};
-  const int problem = wordexp(command.c_str(), &expanded, WRDE_NOCMD);
-  const std::unique_ptr<wordexp_t, WordsDeleter> freed(problem == 0 || problem == WRDE_NOSPACE ? &expanded : nullptr);
-  switch (problem) {
-    case 0:
-      break;
-    case WRDE_NOSPACE:
-      throw std::bad_alloc();
-    case WRDE_SYNTAX:
-      throw UsageError("exec:COMMAND has a quote or a brace without its other half: \"" + command + "\"");
-    default:
-      throw UsageError("exec:COMMAND runs one program, no shell: for | & ; < > ( ) { } give exec:sh -c '...'");
-  }
-  if (expanded.we_wordc == 0 || *expanded.we_wordv[0] == '\0') {
-    throw UsageError("exec: names no command: give exec:COMMAND..., quoted as one argument");
-  }
-  return {expanded.we_wordv, expanded.we_wordv + expanded.we_wordc};
-}
-
 // One that is served at an address, by TLS where a context is given.
 std::unique_ptr<PacketChannel> OpenAddress(const std::string& device, const TlsContext* tls, const StopSignal& stop) {
   const std::string_view scheme = tls != nullptr ? kTls : kTcp;
@@ -133,12 +106,12 @@ std::unique_ptr<PacketChannel> OpenDevice(const std::string& device, const Commo
     const DeviceIdentity identity = FindDevice(device, common.cameraSource);
     return std::make_unique<HeldChannel>(ModuleLibrary::Load(common.modulePath), identity, answersFailures);
   }
-  static_cast<void>(std::signal(SIGPIPE, SIG_IGN));
+  IgnoreBrokenPipes();
   if (device.starts_with(kTcp)) {
     return OpenAddress(device, nullptr, stop);
   }
   if (device.starts_with(kTls)) {
-    const TlsContext context(common.tlsFolder.empty() ? kTlsFolder : common.tlsFolder, TlsContext::Side::kClient);
+    const TlsContext context(common.tlsFolder.empty() ? UsualTlsFolder() : common.tlsFolder, TlsContext::Side::kClient);
     return OpenAddress(device, &context, stop);
   }
   const std::string command = device.substr(kExec.size());

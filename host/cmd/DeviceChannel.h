@@ -10,14 +10,9 @@
 
 namespace vel {
 
-// Where tls:// finds its certificates when no folder is named.
-inline constexpr char kTlsFolder[] = "/etc/pki/virtusb";
-
 // The channel to what DEVICE names: a device of this machine or an emulated one, through the module of `common`; one
 // that is served elsewhere, tcp://HOST:PORT or tls://HOST:PORT; or exec:COMMAND, whose standard input and output carry
-// the packets. The command is split into words as a shell does, quotes, variables and ~ included, but no shell runs it:
-// its process is the one that is waited for, and nothing in a name can become a command of its own. From the first
-// remote one on this process ignores SIGPIPE.
+// the packets. From the first remote one on this process ignores SIGPIPE.
 //
 // `answersFailures` is for devices that this process redirects; elsewhere it is up to who serves.
 // Throws UsageError for a text that names no device, std::runtime_error for one that is not there, and Interrupted once

@@ -5,17 +5,17 @@
 #include <string>
 #include <vector>
 
-#include "cmd/DeviceNode.h"
 #include "remote/ModuleSession.h"
 
 namespace vel {
 
 // A local device in this process's hands: no other redirection takes it meanwhile, and the kernel drivers and the
-// configuration that it had come back at the end. They are also written to a file, so that after a kill the next hold
-// of the device brings them back. One thread at a time.
+// configuration that it had come back at the end, where the system does not bring them back by itself. They are also
+// written to a file, so that after a kill the next hold of the device brings them back. One thread at a time.
 class DeviceHold {
  public:
-  // Throws as DeviceNode.
+  // Throws std::runtime_error, with a text that says what to do, when the device cannot be opened or another
+  // redirection has it.
   explicit DeviceHold(const DeviceIdentity& identity);
   DeviceHold(const DeviceHold&) = delete;
   DeviceHold& operator=(const DeviceHold&) = delete;
@@ -36,20 +36,9 @@ class DeviceHold {
   std::string OtherProgram() const;
 
  private:
-  struct State {
-    int configuration = 0;      // 0: unknown, and never set.
-    unsigned long drivers = 0;  // Bit n: interface n had one.
-  };
+  struct State;  // This system's.
 
-  State Look() const;
-  // From a redirection that was killed.
-  bool ReadRecord();
-  void WriteRecord() const;
-
-  const DeviceIdentity mIdentity;
-  const DeviceNode mNode;
-  const std::string mRecord;  // Path; empty where there is no place for it.
-  State mFound;
+  const std::unique_ptr<State> mState;
 };
 
 // Holds the device when it is a local one.

@@ -1,11 +1,10 @@
 #include "cmd/DevicePresence.h"
 
-#include <poll.h>
-
 #include <exception>
 #include <variant>
 
 #include "cmd/Output.h"
+#include "cmd/SystemDevices.h"
 
 namespace vel {
 
@@ -18,8 +17,8 @@ DevicePresence::DevicePresence(const std::string& device, bool wait, const std::
   if (!wait) {
     const MutexLock lock(mMutex);
     Take(FindDevice(device));
-  } else if (FindLocalDevice(std::get<LocalSelector>(choice)); !DeviceWatch::IsTold()) {
-    Note("no udevd runs on this machine: the device is looked for every second");
+  } else if (FindLocalDevice(std::get<LocalSelector>(choice)); WhyNobodyTellsOfDevices() != nullptr) {
+    Note(std::string(WhyNobodyTellsOfDevices()) + ": the device is looked for every second");
   }
   mWatch = std::make_unique<DeviceWatch>(
       std::get<LocalSelector>(choice),
@@ -39,7 +38,7 @@ std::optional<DeviceIdentity> DevicePresence::Await(const ByteStream& remote) {
       mArrival = arrival;
     }
     Note("waiting for the device");
-    if (!remote.WaitWhileOpen(arrival->Fd(), POLLIN)) {
+    if (!remote.WaitWhileOpen(arrival->Fd(), kReadable)) {
       return std::nullopt;
     }
   }

@@ -30,39 +30,39 @@ constexpr char kOpenToAll[] =
 }  // namespace
 
 Subcommand AddExport(CLI::App& app, CommonOptions& common) {
-  const auto far = std::make_shared<FarOptions>();
+  const auto wanted = std::make_shared<FarOptions>();
   CLI::App* const line =
       app.add_subcommand("export", "Give devices to guests that use their own USB/IP client, until interrupted");
-  AddFarOptions(*line, *far);
+  AddFarOptions(*line, *wanted);
   line->get_option("DEVICE")->required(false);  // With --auto.
-  AddFilter(*line, far->filter, "Also every local device that this allows, as it comes and goes");
+  AddFilter(*line, wanted->filter, "Also every local device that this allows, as it comes and goes");
   AddObserveOptions(*line, common);
-  line->add_option("--listen", far->listen, "On ADDR:PORT, or on PORT of the loopback address")
+  line->add_option("--listen", wanted->listen, "On ADDR:PORT, or on PORT of the loopback address")
       ->type_name("[ADDR:]PORT")
       ->capture_default_str();
-  line->add_flag("--insecure", far->insecure, "Also where other machines reach it: anybody, unencrypted");
+  line->add_flag("--insecure", wanted->insecure, "Also where other machines reach it: anybody, unencrypted");
   line->footer(
       "A guest takes one with: usbip attach -r HOST -b BUSID. Nothing is encrypted, nobody is asked who he is.");
-  return {line, [&common, far] {
+  return {line, [&common, wanted] {
             const CaughtSignals signals;
-            return RunExport(common, *far, signals.Stop());
+            return RunExport(common, *wanted, signals.Stop());
           }};
 }
 
-int RunExport(const CommonOptions& common, const FarOptions& far, const StopSignal& stop) {
-  if (far.devices.empty() && !far.filter) {
+int RunExport(const CommonOptions& common, const FarOptions& wanted, const StopSignal& stop) {
+  if (wanted.devices.empty() && !wanted.filter) {
     throw UsageError("no DEVICE is given, and no --auto FILTER (see virtusb export --help)");
   }
   std::optional<DeviceFilter> filter;
   std::shared_ptr<ModuleLibrary> library;  // Stays loaded while no device is there.
-  if (far.filter) {
-    filter.emplace(*far.filter);
+  if (wanted.filter) {
+    filter.emplace(*wanted.filter);
     library = ModuleLibrary::Load(common.modulePath);
   }
   const StopSignal end;  // Stopped, or the last device is gone and no other can come.
   const StopWatcher watcher(stop, [&end] { end.Raise(); });
-  const Listener listener(far.listen, end, far.insecure ? nullptr : kOpenToAll);
-  std::atomic<std::size_t> left{far.devices.size()};
+  const Listener listener(wanted.listen, end, wanted.insecure ? nullptr : kOpenToAll);
+  std::atomic<std::size_t> left{wanted.devices.size()};
   const auto onGone = [&left, &end, &filter] {
     if (--left == 0 && !filter) {
       end.Raise();
@@ -71,15 +71,15 @@ int RunExport(const CommonOptions& common, const FarOptions& far, const StopSign
   Observer observer(ObserverOptions(common, true));
   UsbipServer server(end, &Note);
   std::uint32_t number = 0;
-  for (const std::string& device : far.devices) {
-    Note(device + " is " + server.Add(++number, device, OpenFarDevice(device, common, far, observer, stop, onGone)));
+  for (const std::string& device : wanted.devices) {
+    Note(device + " is " + server.Add(++number, device, OpenFarDevice(device, common, wanted, observer, stop, onGone)));
   }
   std::optional<AutoExport> others;
   if (filter) {
-    others.emplace(*filter, far.devices, server,
-                   [&](const std::string& device) { return OpenFarDevice(device, common, far, observer, stop); });
+    others.emplace(*filter, wanted.devices, server,
+                   [&](const std::string& device) { return OpenFarDevice(device, common, wanted, observer, stop); });
   }
-  Note("serving " + (filter ? "devices as they come and go" : std::to_string(far.devices.size()) + " devices") +
+  Note("serving " + (filter ? "devices as they come and go" : std::to_string(wanted.devices.size()) + " devices") +
        " by USB/IP on " + listener.Name() + "; interrupt to end");
   while (true) {
     std::string peer;
@@ -88,7 +88,7 @@ int RunExport(const CommonOptions& common, const FarOptions& far, const StopSign
       return 0;
     }
     if (!connection.IsValid()) {
-      ThrowAllGone(far);
+      ThrowAllGone(wanted);
     }
     server.Serve(std::move(connection), peer);
   }

@@ -11,11 +11,11 @@
 
 namespace vel {
 
-std::unique_ptr<FarDevice> OpenFarDevice(const std::string& device, const CommonOptions& common, const FarOptions& far,
-                                         Observer& observer, const StopSignal& stop,
+std::unique_ptr<FarDevice> OpenFarDevice(const std::string& device, const CommonOptions& common,
+                                         const FarOptions& wanted, Observer& observer, const StopSignal& stop,
                                          const std::function<void()>& onGone) {
   FarDevice::Options options;
-  options.transcode = !far.untouched;
+  options.transcode = !wanted.untouched;
   options.stop = &stop;
   options.note = [device](const std::string& line) { Note(device + ": " + line); };
   options.onGone = onGone;
@@ -34,17 +34,17 @@ std::unique_ptr<FarDevice> OpenFarDevice(const std::string& device, const Common
   }
 }
 
-void ThrowAllGone(const FarOptions& far) {
-  throw std::runtime_error(far.devices.size() == 1 ? "the device is gone" : "the devices are gone");
+void ThrowAllGone(const FarOptions& wanted) {
+  throw std::runtime_error(wanted.devices.size() == 1 ? "the device is gone" : "the devices are gone");
 }
 
-void AddFarOptions(CLI::App& command, FarOptions& far) {
+void AddFarOptions(CLI::App& command, FarOptions& wanted) {
   command
       .add_option(
-          "DEVICE", far.devices,
+          "DEVICE", wanted.devices,
           "Names from \"virtusb list\", BUS:ADDRESS, VID:PID, tcp://HOST:PORT, tls://HOST:PORT or \"exec:COMMAND...\"")
       ->required();
-  command.add_flag("--no-transcode", far.untouched, "A camera's raw pictures travel as they are; without, as H.264");
+  command.add_flag("--no-transcode", wanted.untouched, "A camera's raw pictures travel as they are; without, as H.264");
 }
 
 }  // namespace vel

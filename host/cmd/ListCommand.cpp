@@ -1,5 +1,3 @@
-#include <libusb-1.0/libusb.h>
-
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cstdint>
@@ -13,6 +11,7 @@
 #include "cmd/DeviceFilter.h"
 #include "cmd/Devices.h"
 #include "cmd/Output.h"
+#include "cmd/SystemDevices.h"
 #include "cmd/UsbNames.h"
 
 namespace vel {
@@ -70,11 +69,8 @@ void PrintLocal(const LocalDevice& device, const std::optional<DeviceFilter>& fi
   if (filter) {
     Print("           export --auto: " + filter->Judge(device).text + "\n");
   }
-  if (device.openError == LIBUSB_ERROR_ACCESS) {
-    Print(Format("           may not be opened by this user: install %s into /etc/udev/rules.d and plug it in again\n",
-                 UdevRulePath().c_str()));
-  } else if (device.openError != 0) {
-    Print(Format("           cannot be opened: %s\n", libusb_strerror(device.openError)));
+  if (device.openError != 0) {
+    Print("           " + WhyNotOpened(device.openError) + "\n");
   }
 }
 

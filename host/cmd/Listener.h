@@ -23,7 +23,7 @@ class Listener {
   // The same without waiting, where Fd is readable. Not valid when there is none after all, or no descriptor for it;
   // a moment has passed then.
   UniqueFd TryAccept(std::string& peer) const;
-  int Fd() const { return mFd.Get(); }
+  RawFd Fd() const { return mFd.Get(); }
 
  private:
   UniqueFd mFd;

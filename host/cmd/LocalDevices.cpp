@@ -1,16 +1,14 @@
 #include "cmd/LocalDevices.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <array>
 #include <chrono>
 #include <cstddef>
-#include <filesystem>
 #include <span>
 #include <stdexcept>
-#include <system_error>
 #include <utility>
+
+#include "cmd/SystemDevices.h"
 
 namespace vel {
 namespace {
@@ -35,6 +33,7 @@ LibusbContextHandle NewContext() {
   if (const int error = libusb_init(&context); error != 0) {
     throw std::runtime_error(std::string("cannot look for USB devices: ") + libusb_strerror(error));
   }
+  TakeSystemBackend(context);
   return LibusbContextHandle(context);
 }
 
@@ -107,13 +106,6 @@ std::string PortOf(libusb_device* device, const DeviceIdentity& identity) {
   return path;
 }
 
-bool IsImported(std::uint8_t bus) {
-  std::error_code none;  // Then it is not.
-  return std::filesystem::read_symlink("/sys/bus/usb/devices/usb" + std::to_string(bus), none)
-             .native()
-             .find("/vhci_hcd") != std::string::npos;
-}
-
 LocalDevice LookAt(libusb_device* device, const libusb_device_descriptor& desc) {
   LocalDevice local;
   local.identity = IdentityOf(device, desc);
@@ -127,6 +119,9 @@ LocalDevice LookAt(libusb_device* device, const libusb_device_descriptor& desc) 
 }
 
 void Open(libusb_device* device, const libusb_device_descriptor& desc, LocalDevice& local) {
+  if (!OpeningLeavesDevicesAlone()) {
+    return;
+  }
   libusb_device_handle* raw = nullptr;
   local.openError = libusb_open(device, &raw);
   if (local.openError == 0) {
@@ -223,6 +218,18 @@ std::optional<DeviceIdentity> FindLocalDevice(const LocalSelector& selector) {
   return std::nullopt;
 }
 
+int TryToOpen(const DeviceIdentity& wanted) {
+  int error = LIBUSB_ERROR_NO_DEVICE;
+  ForEachDevice([&](libusb_device* device, const libusb_device_descriptor& desc) {
+    if (AreSamePlace(IdentityOf(device, desc), wanted)) {
+      libusb_device_handle* handle = nullptr;
+      error = libusb_open(device, &handle);
+      const std::unique_ptr<libusb_device_handle, HandleDeleter> closed(error == 0 ? handle : nullptr);
+    }
+  });
+  return error;
+}
+
 std::optional<int> ActiveConfiguration(const DeviceIdentity& wanted) {
   std::optional<int> value;
   ForEachDevice([&](libusb_device* device, const libusb_device_descriptor& desc) {
@@ -238,10 +245,28 @@ std::optional<int> ActiveConfiguration(const DeviceIdentity& wanted) {
 }
 
 DeviceWatch::DeviceWatch(const LocalSelector& selector, Callbacks callbacks)
-    : mSelector(selector), mCallbacks(std::move(callbacks)), mContext(NewContext()) {
-  if (libusb_has_capability(LIBUSB_CAP_HAS_HOTPLUG) == 0) {
-    throw std::runtime_error("this machine's libusb cannot tell when devices come and go");
+    : mSelector(selector),
+      mCallbacks(std::move(callbacks)),
+      mContext(NewContext()),
+      mIsTold(libusb_has_capability(LIBUSB_CAP_HAS_HOTPLUG) != 0 && WhyNobodyTellsOfDevices() == nullptr) {
+  if (libusb_has_capability(LIBUSB_CAP_HAS_HOTPLUG) != 0) {
+    Register();
+  } else {
+    LookForChange();
   }
+  mThread = std::thread([this] { HandleEvents(); });
+}
+
+DeviceWatch::~DeviceWatch() {
+  mStopped = true;
+  if (libusb_has_capability(LIBUSB_CAP_HAS_HOTPLUG) != 0) {
+    libusb_hotplug_deregister_callback(mContext.get(), mHotplug);
+  }
+  libusb_interrupt_event_handler(mContext.get());
+  mThread.join();
+}
+
+void DeviceWatch::Register() {
   const int error = libusb_hotplug_register_callback(
       mContext.get(), LIBUSB_HOTPLUG_EVENT_DEVICE_ARRIVED | LIBUSB_HOTPLUG_EVENT_DEVICE_LEFT, LIBUSB_HOTPLUG_ENUMERATE,
       LIBUSB_HOTPLUG_MATCH_ANY, LIBUSB_HOTPLUG_MATCH_ANY, LIBUSB_HOTPLUG_MATCH_ANY, &DeviceWatch::OnHotplug, this,
@@ -249,31 +274,20 @@ DeviceWatch::DeviceWatch(const LocalSelector& selector, Callbacks callbacks)
   if (error != 0) {
     throw std::runtime_error(std::string("cannot watch for USB devices: ") + libusb_strerror(error));
   }
-  mThread = std::thread([this] { HandleEvents(); });
-}
-
-DeviceWatch::~DeviceWatch() {
-  mStopped = true;
-  libusb_hotplug_deregister_callback(mContext.get(), mHotplug);
-  libusb_interrupt_event_handler(mContext.get());
-  mThread.join();
-}
-
-bool DeviceWatch::IsTold() {
-  return access("/run/udev/control", F_OK) == 0;
 }
 
 void DeviceWatch::HandleEvents() {
   using Clock = std::chrono::steady_clock;
-  const bool told = IsTold();
-  const std::chrono::seconds every = told ? kEventWait : kLookEvery;
+  const std::chrono::seconds every = mIsTold ? kEventWait : kLookEvery;
   Clock::time_point due = Clock::now() + every;
   while (!mStopped) {
     const auto left = std::max(std::chrono::ceil<std::chrono::microseconds>(due - Clock::now()), {});
-    timeval wait{left / std::chrono::seconds(1), left % std::chrono::seconds(1) / std::chrono::microseconds(1)};
+    timeval wait{
+        static_cast<decltype(timeval::tv_sec)>(left / std::chrono::seconds(1)),
+        static_cast<decltype(timeval::tv_usec)>(left % std::chrono::seconds(1) / std::chrono::microseconds(1))};
     libusb_handle_events_timeout_completed(mContext.get(), &wait, nullptr);
     if (!mStopped && Clock::now() >= due) {
-      if (!told) {
+      if (!mIsTold) {
         LookForChange();
       }
       due = Clock::now() + every;

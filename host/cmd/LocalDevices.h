@@ -42,7 +42,7 @@ struct LocalDevice {
   std::vector<Interface> interfaces;  // Of the active configuration, of the first one when none is; in order.
   bool imported = false;              // Another machine's, by USB/IP.
   int speed = 0;                      // enum libusb_speed
-  int openError = 0;                  // LIBUSB_ERROR_ACCESS where this user may not open it.
+  int openError = 0;                  // LIBUSB_ERROR_ACCESS where this user may not open it; 0 where it was not tried.
   std::string manufacturer;           // As far as the device can be opened.
   std::string product;
 };
@@ -74,6 +74,9 @@ struct LocalSelector {
 // a hub, or several devices are meant.
 std::optional<DeviceIdentity> FindLocalDevice(const LocalSelector& selector);
 
+// libusb's error when the device is opened for a moment, 0 when there is none.
+int TryToOpen(const DeviceIdentity& identity);
+
 // The value of its configuration, 0 when it has none; nothing when it is not there.
 std::optional<int> ActiveConfiguration(const DeviceIdentity& identity);
 
@@ -93,18 +96,18 @@ class DeviceWatch {
   // No callback comes after it. Not from a callback.
   ~DeviceWatch();
 
-  // Whether this machine's udevd runs, which tells of devices. Without, the watch looks for them every second.
-  static bool IsTold();
-
  private:
   static int LIBUSB_CALL OnHotplug(libusb_context* context, libusb_device* device, libusb_hotplug_event event,
                                    void* self);
+  // Asks to be told of devices.
+  void Register();
   void HandleEvents();
   void LookForChange();
 
   const LocalSelector mSelector;
   const Callbacks mCallbacks;
   LibusbContextHandle mContext;
+  const bool mIsTold;  // Otherwise it looks for them every second.
   libusb_hotplug_callback_handle mHotplug = 0;
   std::atomic<bool> mStopped{false};
   std::vector<DeviceIdentity> mSeen;  // For LookForChange; the watch's thread and, before that, its maker's.

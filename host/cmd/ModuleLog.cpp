@@ -1,22 +1,20 @@
 #include "cmd/ModuleLog.h"
 
-#include <sys/socket.h>
-
 #include <array>
-#include <cerrno>
 #include <chrono>
 #include <cstddef>
 #include <ctime>
-#include <system_error>
 
+#include "cmd/FailureAdvice.h"
 #include "cmd/Output.h"
-#include "cmd/UsbfsLimit.h"
+#include "os/Program.h"
 #include "oskelo/log.h"
 
 namespace vel {
 namespace {
 
 constexpr std::size_t kKept = 32;
+constexpr std::size_t kLongestLine = 4096;
 constexpr char kPrintedTag[] = "printed";
 
 std::string TimeStamp() {
@@ -24,23 +22,17 @@ std::string TimeStamp() {
   const std::time_t seconds = std::chrono::system_clock::to_time_t(now);
   const auto milliseconds =
       std::chrono::duration_cast<std::chrono::milliseconds>(now.time_since_epoch()).count() % 1000;
-  std::tm local{};
-  localtime_r(&seconds, &local);
+  const std::tm local = LocalTime(seconds);
   std::array<char, sizeof "2000-01-01 00:00:00"> text{};
-  static_cast<void>(std::strftime(text.data(), text.size(), "%F %T", &local));
+  static_cast<void>(std::strftime(text.data(), text.size(), "%Y-%m-%d %H:%M:%S", &local));
   return Format("%s.%03d", text.data(), static_cast<int>(milliseconds));
 }
 
 }  // namespace
 
 ModuleLog::ModuleLog(bool shown) : mShown(shown) {
-  std::array<int, 2> ends{};
-  if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends.data()) != 0) {
-    throw std::system_error(errno, std::generic_category(), "socketpair");
-  }
-  mPrinted = UniqueFd(ends[0]);
-  const UniqueFd writer(ends[1]);
-  DivertStandardOutput(writer.Get());
+  DivertStandardOutput(mPrinted.Writer());
+  mPrinted.CloseWriter();
   mReader = std::thread([this] { ReadPrinted(); });
   oskeloLogSetSink(&ModuleLog::OnLine, this);
 }
@@ -48,27 +40,34 @@ ModuleLog::ModuleLog(bool shown) : mShown(shown) {
 ModuleLog::~ModuleLog() {
   oskeloLogSetSink(nullptr, nullptr);
   RestoreStandardOutput();
-  shutdown(mPrinted.Get(), SHUT_RD);  // A child process may have inherited the other end.
+  mPrinted.End();
   mReader.join();
 }
 
 void ModuleLog::ReadPrinted() {
   std::array<char, 4096> text{};
-  ssize_t count = 0;
-  while ((count = recv(mPrinted.Get(), text.data(), text.size(), 0)) > 0 || (count < 0 && errno == EINTR)) {
-    std::string_view rest(text.data(), count < 0 ? 0 : static_cast<std::size_t>(count));
-    while (!rest.empty()) {
-      const std::size_t end = rest.find('\n');
+  std::string begun;  // A line that may go on.
+  while (const std::size_t count = mPrinted.Read(text)) {
+    begun.append(text.data(), count);
+    std::string_view rest = begun;
+    for (std::size_t end = 0; (end = rest.find('\n')) != std::string_view::npos; rest.remove_prefix(end + 1)) {
       Take(kPrintedTag, rest.substr(0, end));
-      rest.remove_prefix(end == std::string_view::npos ? rest.size() : end + 1);
     }
+    if (!rest.empty() && (PrintPipe::KeepsPrintsApart() || rest.size() > kLongestLine)) {
+      Take(kPrintedTag, rest);
+      rest = {};
+    }
+    begun = std::string(rest);
+  }
+  if (!begun.empty()) {
+    Take(kPrintedTag, begun);
   }
 }
 
 void ModuleLog::OnLine(void* self, int level, const char* tag, const char* text) {
   static_cast<ModuleLog*>(self)->Take(tag == nullptr ? "" : tag, text);
   if (level >= OSKELO_LOG_ERROR) {
-    NoteUsbfsLimitOnce(text);
+    AdviseOnce(text);
   }
 }
 

@@ -7,7 +7,7 @@
 #include <string_view>
 #include <thread>
 
-#include "remote/FdStream.h"
+#include "os/StandardStreams.h"
 #include "vel/Mutex.h"
 
 namespace vel {
@@ -33,7 +33,7 @@ class ModuleLog {
   void Take(std::string_view tag, std::string_view text) VEL_EXCLUDES(mMutex);
 
   const bool mShown;
-  UniqueFd mPrinted;  // What is printed to standard output; each print is a message.
+  PrintPipe mPrinted;  // What is printed to standard output.
   std::thread mReader;
   Mutex mMutex;
   std::deque<std::string> mKept VEL_GUARDED_BY(mMutex);

@@ -1,8 +1,5 @@
 #include "cmd/Output.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <cstdarg>
@@ -10,7 +7,8 @@
 #include <cstdio>
 #include <cstring>
 #include <stdexcept>
-#include <system_error>
+
+#include "os/StandardStreams.h"
 
 namespace vel {
 namespace {
@@ -39,28 +37,22 @@ void Print(const std::string& text) {
 }
 
 void DivertStandardOutput(int descriptor) {
-  static_cast<void>(std::fflush(stdout));
-  const int results = fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
-  gResults = results < 0 ? nullptr : fdopen(results, "w");
-  if (gResults == nullptr || dup2(descriptor, STDOUT_FILENO) < 0) {
-    throw std::system_error(errno, std::generic_category(), "cannot use standard output");
-  }
-  static_cast<void>(std::setvbuf(stdout, nullptr, _IONBF, 0));
+  gResults = TurnOutputTo(descriptor);
 }
 
 void RestoreStandardOutput() {
   if (gResults != nullptr) {
-    static_cast<void>(std::fflush(stdout));
-    dup2(fileno(gResults), STDOUT_FILENO);
+    TurnOutputBack(gResults);
   }
 }
 
 int ResultsDescriptor() {
-  return gResults == nullptr ? STDOUT_FILENO : fileno(gResults);
+  return DescriptorOf(gResults == nullptr ? stdout : gResults);
 }
 
 void Note(const std::string& line) {
   static_cast<void>(std::fputs((line + "\n").c_str(), stderr));
+  static_cast<void>(std::fflush(stderr));
 }
 
 }  // namespace vel

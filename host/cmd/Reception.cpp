@@ -1,11 +1,6 @@
 #include "cmd/Reception.h"
 
-#include <poll.h>
-#include <sys/socket.h>
-
 #include <algorithm>
-#include <cerrno>
-#include <cstring>
 #include <stdexcept>
 #include <utility>
 #include <vector>
@@ -22,10 +17,10 @@ using Clock = std::chrono::steady_clock;
 struct Reception::Arrival {
   std::string name;
   Clock::time_point deadline;
-  int fd = -1;
+  RawFd fd = kNoFd;
   std::unique_ptr<ByteStream> stream;
   TlsStream* shaking = nullptr;  // The stream, until it knows who is there.
-  short events = POLLIN;         // That it waits for.
+  short events = kReadable;      // That it waits for.
 };
 
 Reception::Reception(const Listener& listener, std::string tlsFolder, const StopSignal& stop, Note note, Limits limits)
@@ -62,19 +57,19 @@ bool Reception::OthersWait() {
 void Reception::Run() {
   constexpr std::size_t kOthers = 3;  // Descriptors in front of those of the arrivals.
   std::vector<Arrival> arrivals;
-  std::vector<pollfd> descriptors;
+  std::vector<PollFd> descriptors;
   arrivals.reserve(kMaxArriving);
   descriptors.reserve(kOthers + kMaxArriving);
   while (true) {
-    const int newcomers = arrivals.size() < kMaxArriving ? mListener.Fd() : -1;
-    descriptors.assign({{mStop.Fd(), POLLIN, 0}, {mEnd.Fd(), POLLIN, 0}, {newcomers, POLLIN, 0}});
+    const RawFd newcomers = arrivals.size() < kMaxArriving ? mListener.Fd() : kNoFd;
+    descriptors.assign({{mStop.Fd(), kReadable, 0}, {mEnd.Fd(), kReadable, 0}, {newcomers, kReadable, 0}});
     int limit = -1;
     for (const Arrival& arrival : arrivals) {
       descriptors.push_back({arrival.fd, arrival.events, 0});
       const auto left = std::chrono::ceil<std::chrono::milliseconds>(arrival.deadline - Clock::now()).count();
       limit = static_cast<int>(std::max<long long>(0, limit < 0 ? left : std::min<long long>(left, limit)));
     }
-    if (poll(descriptors.data(), descriptors.size(), limit) < 0 && errno == EINTR) {
+    if (Poll(descriptors, limit) < 0 && LastFdError() == kErrorInterrupted) {
       continue;
     }
     if (descriptors[0].revents != 0 || descriptors[1].revents != 0) {
@@ -140,7 +135,7 @@ std::optional<Reception::Arrival> Reception::Admit() const {
 bool Reception::HasSpoken(Arrival& arrival) const {
   if (arrival.shaking != nullptr) {
     const TlsStream::Shaken shaken = arrival.shaking->Handshake();
-    arrival.events = shaken == TlsStream::Shaken::kWantsToWrite ? POLLOUT : POLLIN;
+    arrival.events = shaken == TlsStream::Shaken::kWantsToWrite ? kWritable : kReadable;
     if (shaken != TlsStream::Shaken::kDone) {
       return false;
     }
@@ -150,9 +145,10 @@ bool Reception::HasSpoken(Arrival& arrival) const {
     }
   }
   char byte = 0;
-  const ssize_t count = recv(arrival.fd, &byte, 1, MSG_PEEK | MSG_DONTWAIT);
-  if (count < 0 && errno != EAGAIN && errno != EINTR) {
-    throw std::runtime_error(std::string("it is gone: ") + std::strerror(errno));
+  const std::ptrdiff_t count = PeekNow(arrival.fd, &byte, 1);
+  if (const int error = count < 0 ? LastFdError() : 0;
+      error != 0 && error != kErrorWouldWait && error != kErrorInterrupted) {
+    throw std::runtime_error("it is gone: " + FdErrorText(error));
   }
   if (count == 0) {
     throw std::runtime_error("it left without a word");

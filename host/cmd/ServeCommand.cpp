@@ -1,5 +1,3 @@
-#include <unistd.h>
-
 #include <CLI/CLI.hpp>
 #include <chrono>
 #include <memory>
@@ -16,6 +14,7 @@
 #include "cmd/Reception.h"
 #include "cmd/Server.h"
 #include "cmd/Signals.h"
+#include "os/StandardStreams.h"
 #include "remote/FdStream.h"
 #include "remote/TlsContext.h"
 
@@ -54,10 +53,19 @@ struct Service {
 constexpr char kDeviceGone[] = "the device is gone, the service ends (--wait waits for its return)";
 
 int ServeStdio(const Service& service) {
-  FdStream stream(STDIN_FILENO, ResultsDescriptor(), service.stop);
+  StandardPipes pipes(ResultsDescriptor());
   std::string error;
-  switch (service.Run(stream, error)) {
+  const Server::End end = [&] {
+    FdStream stream(pipes.In(), pipes.Out(), service.stop);
+    return service.Run(stream, error);
+  }();
+  const bool taken = pipes.Finish(service.stop.Fd());
+  switch (end) {
     case Server::End::kRemoteDone:
+      if (!taken) {
+        throw std::runtime_error(Server::kRepliesLost);
+      }
+      return 0;
     case Server::End::kStopped:
       return 0;
     case Server::End::kRemoteGone:

@@ -1,7 +1,5 @@
 #include "cmd/Server.h"
 
-#include <poll.h>
-
 #include <chrono>
 #include <cstddef>
 #include <utility>
@@ -46,7 +44,7 @@ Server::End Server::Run() {
   {
     const MutexLock lock(mMutex);
     if (mWritten == ByteStream::Result::kFailed && end != End::kRemoteGone) {
-      mError = "the remote side went away before all replies were sent";
+      mError = kRepliesLost;
       end = End::kRemoteGone;
     } else if (mWritten == ByteStream::Result::kStopped && end == End::kRemoteDone) {
       end = End::kStopped;
@@ -143,7 +141,7 @@ void Server::Fence() {
     mAwaited = ReplyCode(kFence);
   }
   Post(BuildRequest(kFence, kOwnId));
-  mStream.WaitFor(mAnswered.Fd(), POLLIN, kFenceTime);
+  mStream.WaitFor(mAnswered.Fd(), kReadable, kFenceTime);
 }
 
 }  // namespace vel

@@ -25,6 +25,8 @@ class Server {
     kStopped,
   };
 
+  static constexpr char kRepliesLost[] = "the remote side went away before all replies were sent";
+
   Server(std::shared_ptr<ModuleLibrary> library, const DeviceIdentity& identity, ModuleSession::Answers answers,
          ByteStream& stream, DeviceTap& tap);
 

@@ -1,22 +1,19 @@
 // The command virtusb: loads the module as the framework does, and is its remote side.
-#include <fcntl.h>
-#include <malloc.h>
-#include <unistd.h>
-
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <array>
 #include <cstdlib>
 #include <exception>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "cmd/Commands.h"
-#include "cmd/DeviceChannel.h"
 #include "cmd/Devices.h"
 #include "cmd/ModuleLog.h"
 #include "cmd/Output.h"
+#include "os/Process.h"
+#include "os/Program.h"
+#include "os/StandardStreams.h"
 #include "oskelo/log.h"
 #include "remote/ModuleLibrary.h"
 #include "remote/StopWatcher.h"
@@ -29,17 +26,6 @@ constexpr int kUsage = 2;
 int Fail(int status, const std::string& text) {
   vel::Note("virtusb: " + text);
   return status;
-}
-
-// Where the standard descriptors are closed, what is opened next would be taken for them: a device's node, a
-// connection. Using them fails as it did.
-void HoldStandardDescriptors() {
-  for (const auto& [fd, mode] :
-       {std::pair{STDIN_FILENO, O_WRONLY}, {STDOUT_FILENO, O_RDONLY}, {STDERR_FILENO, O_RDWR}}) {
-    if (fcntl(fd, F_GETFD) < 0) {
-      static_cast<void>(open("/dev/null", mode));
-    }
-  }
 }
 
 // What is wrong with the command line, and where to look.
@@ -57,21 +43,17 @@ std::string UsageProblem(const CLI::App& app, const CLI::ParseError& error) {
   return what + unknown[0] + "\"" + help;
 }
 
-// Packets of a busy device come and go together. Given back to the system each time, every page of them would fault
-// again: keeping them brings a tenth more throughput in a virtual machine (scripts/bench-vm).
-void KeepFreedMemory() {
-  mallopt(M_TRIM_THRESHOLD, 16 << 20);
-  mallopt(M_MMAP_THRESHOLD, 4 << 20);
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
-  HoldStandardDescriptors();
-  KeepFreedMemory();
+  vel::PrepareStandardStreams();
+  vel::KeepFreedMemory();
   try {
+    std::vector<std::string> words = vel::ProgramArguments(argc, argv);
+    const std::vector<char*> arguments = vel::ArgumentVector(words);
     CLI::App app("Redirects USB devices the way the remote-desktop client does.", "virtusb");
     app.require_subcommand(1);
+    app.allow_windows_style_options(false);  // A path is a path.
     app.set_version_flag("--version", VIRTUSB_VERSION);
     vel::CommonOptions common;
     common.modulePath = vel::ModuleLibrary::DefaultPath();
@@ -84,7 +66,7 @@ int main(int argc, char** argv) {
     app.add_option(
            "--tls", common.tlsFolder,
            "Certificates of tls:// and serve: ca-cert.pem, {client,server}-{cert,key}.pem; without, tls:// takes\n" +
-               std::string(vel::kTlsFolder))
+               vel::UsualTlsFolder())
         ->type_name("DIR");
     app.add_option(
            "--log", level,
@@ -102,7 +84,7 @@ int main(int argc, char** argv) {
     }
 
     try {
-      app.parse(argc, argv);
+      app.parse(argc, arguments.data());
     } catch (const CLI::Success& asked) {
       return app.exit(asked);
     } catch (const CLI::ParseError& error) {

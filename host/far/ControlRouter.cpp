@@ -3,7 +3,6 @@
 #include <libusb-1.0/libusb.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <memory>
 #include <utility>
 
@@ -56,7 +55,7 @@ void ControlRouter::Route(const ControlSetup& setup, std::span<const std::uint8_
 void ControlRouter::AnswerKnown(std::span<const std::uint8_t> known, const ControlSetup& setup, std::uint32_t length,
                                 const Done& done) {
   const auto bytes = known.first(std::min<std::size_t>(known.size(), length));
-  done({known.empty() && setup.wLength > 0 ? -EPIPE : 0, static_cast<std::uint32_t>(bytes.size()), bytes});
+  done({known.empty() && setup.wLength > 0 ? -kGuestPipe : 0, static_cast<std::uint32_t>(bytes.size()), bytes});
 }
 
 std::optional<EndpointType> ControlRouter::FindEndpoint(std::uint8_t address) {

@@ -3,10 +3,10 @@
 #include <libusb-1.0/libusb.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <utility>
 
 #include "protocol/Requests.h"
+#include "remote/TransferAnswer.h"
 
 namespace vel {
 namespace {
@@ -100,13 +100,13 @@ void FarDevice::Disconnect() {
 
 void FarDevice::Submit(const Urb& urb) {
   if (mGone) {
-    mUrbs.Refuse(urb, -ENODEV);
+    mUrbs.Refuse(urb, -kGuestNoDevice);
   } else if ((urb.endpoint & ~kDirectionIn) == 0) {
     SubmitControl(urb);
   } else if (const auto type = mRouter.FindEndpoint(urb.endpoint)) {
     SubmitTransfer(urb, *type);
   } else {
-    mUrbs.Refuse(urb, -ENOENT);
+    mUrbs.Refuse(urb, -kGuestNoEntry);
   }
 }
 
@@ -132,7 +132,7 @@ void FarDevice::SubmitControl(const Urb& urb) {
 
 void FarDevice::SubmitTransfer(const Urb& urb, const EndpointType& type) {
   if ((type.command == Command::kIsochTransfer) == urb.packets.empty()) {
-    mUrbs.Refuse(urb, -EINVAL);
+    mUrbs.Refuse(urb, -kGuestInvalid);
     return;
   }
   if (mCamera != nullptr && mCamera->Streams(urb.endpoint)) {
@@ -217,7 +217,7 @@ void FarDevice::GiveUp(std::uint32_t generation, std::uint32_t seqnum) {
   if (!answer) {
     return;
   }
-  answer->status = -ECONNRESET;
+  answer->status = -kGuestReset;
   mUrbs.End(*answer, {});
 }
 

@@ -1,8 +1,9 @@
 #include "far/GuestUrbs.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <utility>
+
+#include "remote/TransferAnswer.h"
 
 namespace vel {
 namespace {
@@ -68,11 +69,11 @@ bool GuestUrbs::File(const Urb& urb, Command command, UrbInFlight::Stage stage) 
     case UrbTable::Added::kYes:
       return true;
     case UrbTable::Added::kTakenBack:
-      guest->OnUnlinked(unlink, -ECONNRESET);
+      guest->OnUnlinked(unlink, -kGuestReset);
       return false;
     case UrbTable::Added::kRefused:
       guest->OnUrbDone(
-          {.seqnum = urb.seqnum, .status = -ENOMEM, .actualLength = 0, .data = {}, .packets = urb.packets});
+          {.seqnum = urb.seqnum, .status = -kGuestNoMemory, .actualLength = 0, .data = {}, .packets = urb.packets});
       return false;
   }
   return false;
@@ -142,7 +143,7 @@ GuestUrbs::Unlinked GuestUrbs::Unlink(const UnlinkRequest& request) {
     const UrbInFlight& urb = *mTable.Find(request.target);
     AddStreams(urb, result.streams);
     if (urb.stage == Stage::kHeld || urb.stage == Stage::kControl) {
-      result.status = -ECONNRESET;
+      result.status = -kGuestReset;
       result.endpoint = urb.endpoint;
       result.busTime = urb.busTime;
       result.alarm = urb.alarm;
@@ -219,8 +220,8 @@ std::optional<GuestUrbs::Answer> GuestUrbs::BeginLocked(std::uint32_t seqnum) {
 }
 
 void GuestUrbs::End(const Answer& answer, std::span<const std::uint8_t> data) {
-  if (answer.unlink && answer.status == -ECONNRESET && answer.actualLength == 0) {
-    answer.guest->OnUnlinked(*answer.unlink, -ECONNRESET);
+  if (answer.unlink && answer.status == -kGuestReset && answer.actualLength == 0) {
+    answer.guest->OnUnlinked(*answer.unlink, -kGuestReset);
   } else {
     answer.guest->OnUrbDone({.seqnum = answer.seqnum,
                              .status = answer.status,
@@ -272,7 +273,7 @@ void GuestUrbs::Lose() {
     mAnswering += guest == nullptr ? 0 : 1;
   }
   std::ranges::sort(numbers);
-  std::ranges::for_each(numbers, [this](std::uint32_t seqnum) { AnswerNow(seqnum, -ENODEV); });
+  std::ranges::for_each(numbers, [this](std::uint32_t seqnum) { AnswerNow(seqnum, -kGuestNoDevice); });
   if (guest != nullptr) {
     guest->OnGone();
     CountCallOver();

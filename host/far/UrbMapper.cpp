@@ -3,9 +3,9 @@
 #include <libusb-1.0/libusb.h>
 
 #include <algorithm>
-#include <cerrno>
 
 #include "protocol/IsoTable.h"
+#include "remote/TransferAnswer.h"
 
 namespace vel {
 namespace {
@@ -40,7 +40,7 @@ std::span<const std::uint8_t> TakeIsoTable(std::span<UrbPacket> packets, bool in
   if (answer.status != LIBUSB_TRANSFER_COMPLETED || (in && answer.data.size() < table)) {
     for (UrbPacket& packet : packets) {
       packet.actualLength = 0;
-      packet.status = answer.status == LIBUSB_TRANSFER_COMPLETED ? -EPROTO : ErrnoOfStatus(answer.status);
+      packet.status = answer.status == LIBUSB_TRANSFER_COMPLETED ? -kGuestProtocol : ErrnoOfStatus(answer.status);
     }
     return {};
   }
@@ -59,7 +59,7 @@ std::span<const std::uint8_t> TakeIsoTable(std::span<UrbPacket> packets, bool in
         std::min<std::size_t>({record.actual_length, packets[i].length, payload.size() - used}));
     packets[i].status = ErrnoOfStatus(static_cast<std::int32_t>(record.status));
     if (packets[i].actualLength != record.actual_length) {
-      packets[i].status = -EPROTO;
+      packets[i].status = -kGuestProtocol;
     }
     used += packets[i].actualLength;
   }
@@ -118,7 +118,7 @@ std::span<const std::uint8_t> TakeAnswer(UrbInFlight& urb, const TransferAnswer&
   urb.status = urb.status == 0 ? ErrnoOfStatus(answer.status) : urb.status;
   const bool isShort = urb.status == 0 && urb.IsIn() && urb.actualLength < urb.length;
   if (isShort && (urb.flags & kUrbShortNotOk) != 0 && urb.command != Command::kIsochTransfer) {
-    urb.status = -EREMOTEIO;
+    urb.status = -kGuestRemoteIo;
   }
   ++urb.partsDone;
   if (urb.parts == 1) {

@@ -8,7 +8,7 @@
 
 namespace vel {
 
-UsbipLink::UsbipLink(int fd, FarDevice& device, const StopSignal& stop)
+UsbipLink::UsbipLink(RawFd fd, FarDevice& device, const StopSignal& stop)
     : mDevice(device), mStream(fd, fd, stop), mStop(stop) {}
 
 UsbipLink::End UsbipLink::Run() {

@@ -26,7 +26,7 @@ class UsbipLink final : private UrbGuest {
   };
 
   // The connection stays the caller's, and both outlive the link. `stop` ends Run.
-  UsbipLink(int fd, FarDevice& device, const StopSignal& stop);
+  UsbipLink(RawFd fd, FarDevice& device, const StopSignal& stop);
 
   // Carries the connection from its first command on; the device has no guest any more when it returns. Once.
   End Run();

@@ -1,12 +1,7 @@
 #include "far/UsbipServer.h"
 
-#include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <chrono>
 #include <exception>
 #include <stdexcept>
@@ -23,22 +18,24 @@ using Clock = std::chrono::steady_clock;
 constexpr std::chrono::seconds kRequestTime{10};
 
 // Fills `bytes`. False when the client goes or everything ends. Throws std::runtime_error when it takes too long.
-bool ReadWhole(int fd, std::span<std::uint8_t> bytes, Clock::time_point deadline, const StopSignal& stop) {
+bool ReadWhole(RawFd fd, std::span<std::uint8_t> bytes, Clock::time_point deadline, const StopSignal& stop) {
   while (!bytes.empty()) {
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
-    std::array<pollfd, 2> descriptors = {pollfd{fd, POLLIN, 0}, pollfd{stop.Fd(), POLLIN, 0}};
-    const int ready = poll(descriptors.data(), descriptors.size(), static_cast<int>(std::max<long long>(left, 0)));
+    std::array<PollFd, 2> descriptors = {PollFd{fd, kReadable, 0}, PollFd{stop.Fd(), kReadable, 0}};
+    const int ready = Poll(descriptors, static_cast<int>(std::max<long long>(left, 0)));
     if (ready == 0) {
       throw std::runtime_error("it has asked for nothing within " + std::to_string(kRequestTime.count()) + " s");
     }
     if (descriptors[1].revents != 0) {
       return false;
     }
-    const ssize_t count = ready < 0 ? -1 : read(fd, bytes.data(), bytes.size());
-    if (count == 0 || (count < 0 && errno != EINTR && errno != EAGAIN)) {
+    const IoPiece piece{bytes.data(), bytes.size()};
+    const std::ptrdiff_t count = ready < 0 ? -1 : ReadPieces(fd, {&piece, 1});
+    const int error = count < 0 ? LastFdError() : 0;
+    if (count == 0 || (error != 0 && error != kErrorInterrupted && error != kErrorWouldWait)) {
       return false;
     }
-    bytes = bytes.subspan(static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
+    bytes = bytes.subspan(static_cast<std::size_t>(std::max<std::ptrdiff_t>(count, 0)));
   }
   return true;
 }
@@ -115,7 +112,7 @@ void UsbipServer::Serve(UniqueFd connection, const std::string& peer) {
   }
 }
 
-void UsbipServer::Talk(int fd, const std::string& peer) try {
+void UsbipServer::Talk(RawFd fd, const std::string& peer) try {
   std::array<std::uint8_t, kOperationHeaderBytes> header{};
   if (!ReadWhole(fd, header, Clock::now() + kRequestTime, mStop)) {
     return;
@@ -132,7 +129,7 @@ void UsbipServer::Talk(int fd, const std::string& peer) try {
   mNote(peer + ": ended, " + error.what());
 }
 
-void UsbipServer::SendList(int fd) const {
+void UsbipServer::SendList(RawFd fd) const {
   std::vector<UsbipDeviceRecord> free;
   {
     const MutexLock lock(mMutex);
@@ -145,7 +142,7 @@ void UsbipServer::SendList(int fd) const {
   FdStream(fd, fd, mStop).WriteAll(WriteDeviceList(free));
 }
 
-void UsbipServer::Import(int fd, const std::string& peer) {
+void UsbipServer::Import(RawFd fd, const std::string& peer) {
   std::array<std::uint8_t, kBusIdBytes> bytes{};
   if (!ReadWhole(fd, bytes, Clock::now() + kRequestTime, mStop)) {
     return;
@@ -172,7 +169,7 @@ void UsbipServer::Import(int fd, const std::string& peer) {
   if (stream.WriteAll(WriteImportReply(&exported.record)) == FdStream::Result::kOk) {
     mNote(peer + " has " + exported.name + " (" + busId + ")");
     const UsbipLink::End end = link.Run();
-    shutdown(fd, SHUT_RDWR);  // The guest need not wait for the device to be closed, which may be next.
+    ShutDown(fd);  // The guest need not wait for the device to be closed, which may be next.
     switch (end) {
       case UsbipLink::End::kGuestLeft:
       case UsbipLink::End::kStopped:

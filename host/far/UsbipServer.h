@@ -60,9 +60,9 @@ class UsbipServer {
   };
 
   std::shared_ptr<Exported> Find(const std::string& busId) const VEL_EXCLUDES(mMutex);
-  void Talk(int fd, const std::string& peer);
-  void Import(int fd, const std::string& peer);
-  void SendList(int fd) const VEL_EXCLUDES(mMutex);
+  void Talk(RawFd fd, const std::string& peer);
+  void Import(RawFd fd, const std::string& peer);
+  void SendList(RawFd fd) const VEL_EXCLUDES(mMutex);
 
   const StopSignal& mStop;
   const Note mNote;

@@ -1,15 +1,9 @@
 #include "observe/CaptureFile.h"
 
-#include <fcntl.h>
-#include <poll.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
-#include <csignal>
 #include <cstring>
 #include <span>
-#include <stdexcept>
 #include <utility>
 
 namespace vel {
@@ -22,20 +16,10 @@ constexpr std::chrono::milliseconds kGatherTime{50};
 // For the reader of a FIFO to take something of what is left at the end.
 constexpr std::chrono::seconds kEndTime{1};
 
-UniqueFd OpenFile(const std::string& path) {
-  static_cast<void>(std::signal(SIGXFSZ, SIG_IGN));  // A file that may not grow is a result here.
-  UniqueFd fd(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NONBLOCK, 0666));
-  if (!fd.IsValid()) {
-    throw std::runtime_error("cannot write " + path + ": " +
-                             (errno == ENXIO ? "nobody reads it" : std::strerror(errno)));
-  }
-  return fd;
-}
-
 }  // namespace
 
 CaptureFile::CaptureFile(const std::string& path, std::uint32_t dataLimit, std::function<void(const std::string&)> note)
-    : mPath(path), mDataLimit(dataLimit), mNote(std::move(note)), mFile(OpenFile(path)) {
+    : mPath(path), mDataLimit(dataLimit), mNote(std::move(note)), mFile(path) {
   {
     const MutexLock lock(mMutex);
     std::vector<std::uint8_t> header;
@@ -158,13 +142,13 @@ void CaptureFile::WriteBlocks(std::span<const std::uint8_t> blocks) {
   std::size_t written = 0;
   int error = mError;
   while (written < blocks.size() && error == 0) {
-    const ssize_t count = write(mFile.Get(), blocks.data() + written, blocks.size() - written);
+    const std::ptrdiff_t count = mFile.Write(blocks.subspan(written));
     if (count >= 0) {
       written += static_cast<std::size_t>(count);
     } else if (errno == EAGAIN) {  // A FIFO that is full.
-      const pollfd room{mFile.Get(), POLLOUT, 0};
-      const pollfd none{-1, 0, 0};
-      error = mHurry.WaitFor(mFile.Get(), POLLOUT) || WaitForFirst({room, none, none}, kEndTime) ? 0 : EAGAIN;
+      const PollFd room{mFile.Room(), kWritable, 0};
+      const PollFd none{kNoFd, 0, 0};
+      error = mHurry.WaitFor(room.fd, kWritable) || WaitForFirst({room, none, none}, kEndTime) ? 0 : EAGAIN;
     } else if (errno != EINTR) {
       error = errno;
     }
@@ -177,7 +161,7 @@ void CaptureFile::WriteBlocks(std::span<const std::uint8_t> blocks) {
   mWritten += static_cast<std::int64_t>(written);
   if (error != 0 && mError == 0) {
     mError = error;
-    static_cast<void>(!ftruncate(mFile.Get(), mWritten));  // A FIFO has what it has.
+    mFile.Truncate(mWritten);
     mNote("capture: cannot write " + mPath + ": " + std::strerror(error) + "; it ends here");
     const MutexLock lock(mMutex);
     mFailed = true;

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "observe/UsbmonRecord.h"
+#include "os/Files.h"
 #include "remote/StopSignal.h"
 #include "vel/Mutex.h"
 
@@ -61,7 +62,7 @@ class CaptureFile {
   const std::string mPath;
   const std::uint32_t mDataLimit;
   const std::function<void(const std::string&)> mNote;
-  const UniqueFd mFile;
+  const WrittenFile mFile;
   const std::chrono::system_clock::time_point mWallStart = std::chrono::system_clock::now();
   const std::chrono::steady_clock::time_point mStart = std::chrono::steady_clock::now();
   const StopSignal mHurry;  // At the end: a FIFO's reader that takes nothing is waited for no longer.

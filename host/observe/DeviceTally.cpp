@@ -1,24 +1,25 @@
 #include "observe/DeviceTally.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <functional>
 #include <utility>
+
+#include "remote/TransferAnswer.h"
 
 namespace vel {
 namespace {
 
 Failure FailureOf(std::int32_t status) {
   switch (-status) {
-    case EPIPE:
+    case kGuestPipe:
       return Failure::kStall;
-    case ETIMEDOUT:
+    case kGuestTimedOut:
       return Failure::kTimeout;
-    case ECONNRESET:
+    case kGuestReset:
       return Failure::kCancelled;
-    case ENODEV:
+    case kGuestNoDevice:
       return Failure::kGone;
-    case EOVERFLOW:
+    case kGuestOverflow:
       return Failure::kOverflow;
     default:
       return Failure::kError;
@@ -52,7 +53,7 @@ void DeviceTally::Add(const PendingUrb& urb, const UsbEvent& completion, Clock::
     ++mTotal.pictures;
     mTotal.pictureBytes += completion.length;
     mLastPicture = now;
-  } else if (urb.isPicture && completion.status == -ETIMEDOUT) {
+  } else if (urb.isPicture && completion.status == -kGuestTimedOut) {
     ++mTotal.silentReads;
   } else if (completion.status != 0) {
     ++At(FailureOf(completion.status));

@@ -1,7 +1,5 @@
 #include "observe/Observer.h"
 
-#include <poll.h>
-
 #include <algorithm>
 #include <utility>
 
@@ -38,7 +36,8 @@ void Observer::Run() {
   Clock::time_point due = Clock::now() + mOptions.interval;
   while (true) {
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(due - Clock::now());
-    const bool asked = mEnd.WaitFor(mAsked.Fd(), POLLIN, regular ? std::max(left, {}) : std::chrono::milliseconds(-1));
+    const bool asked =
+        mEnd.WaitFor(mAsked.Fd(), kReadable, regular ? std::max(left, {}) : std::chrono::milliseconds(-1));
     if (mEnd.IsRaised()) {
       return;
     }

@@ -1,9 +1,12 @@
 #ifndef VIRTUSB_HOST_OBSERVE_REPORT_SIGNAL_H
 #define VIRTUSB_HOST_OBSERVE_REPORT_SIGNAL_H
 
+#include "os/Fd.h"
+
 namespace vel {
 
-// SIGUSR1 as something to wait for, as long as this is there; it is ignored afterwards. One at a time in a process.
+// SIGUSR1 as something to wait for, as long as this is there; it is ignored afterwards. Windows has none: it never
+// comes. One at a time in a process.
 class ReportSignal {
  public:
   // Throws std::system_error when the process has no descriptors left.
@@ -13,7 +16,7 @@ class ReportSignal {
   ~ReportSignal();
 
   // Readable when a signal has come.
-  int Fd() const;
+  RawFd Fd() const;
   // Forgets those that have come.
   void Take() const;
 };

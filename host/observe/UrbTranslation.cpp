@@ -3,7 +3,6 @@
 #include <libusb-1.0/libusb.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstring>
 #include <optional>
 #include <span>
@@ -176,7 +175,7 @@ void TakePackets(PendingUrb& urb, const TransferAnswer& answer, UsbEvent& event)
 void TakeAnswer(const VelPacket& reply, PendingUrb& urb, UsbEvent& event) {
   const auto answer = ReadTransferAnswer(reply);
   if (!answer) {
-    event.status = -EPROTO;
+    event.status = -kGuestProtocol;
     urb.packets.clear();
     return;
   }
@@ -202,13 +201,13 @@ void TakeResult(const VelPacket& reply, const PendingUrb& urb, UsbEvent& event,
       PutDescriptors(*config, descriptors);
     }
     event.data = descriptors;
-    event.status = config ? 0 : -EPIPE;
+    event.status = config ? 0 : -kGuestPipe;
   } else if (urb.command == Command::kGetDeviceDesc) {
     event.data = reader.Rest();
-    event.status = event.data.empty() ? -EPIPE : 0;
+    event.status = event.data.empty() ? -kGuestPipe : 0;
   } else {
     const auto result = static_cast<std::int32_t>(reader.Host<std::uint32_t>());
-    event.status = reader.Ok() ? ErrnoOfResult(result) : -EPROTO;
+    event.status = reader.Ok() ? ErrnoOfResult(result) : -kGuestProtocol;
     const std::uint32_t moved = std::min(static_cast<std::uint32_t>(std::max(result, 0)), urb.length);
     event.data = urb.IsIn() ? reader.Rest().first(std::min<std::size_t>(reader.Rest().size(), moved)) : event.data;
     event.length = moved;

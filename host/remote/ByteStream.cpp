@@ -1,10 +1,8 @@
 #include "remote/ByteStream.h"
 
-#include <poll.h>
-
 namespace vel {
 
-std::span<iovec> Behind(std::span<iovec> pieces, std::size_t count) {
+std::span<IoPiece> Behind(std::span<IoPiece> pieces, std::size_t count) {
   while (!pieces.empty() && count >= pieces.front().iov_len) {
     count -= pieces.front().iov_len;
     pieces = pieces.subspan(1);
@@ -16,29 +14,29 @@ std::span<iovec> Behind(std::span<iovec> pieces, std::size_t count) {
   return pieces;
 }
 
-bool ByteStream::WaitFor(int fd, short events, std::chrono::milliseconds limit) const {
-  return WaitForFirst(
-      {pollfd{fd, events, 0}, pollfd{mStop == nullptr ? -1 : mStop->Fd(), POLLIN, 0}, pollfd{mAbort.Fd(), POLLIN, 0}},
-      limit);
+bool ByteStream::WaitFor(RawFd fd, short events, std::chrono::milliseconds limit) const {
+  return WaitForFirst({PollFd{fd, events, 0}, PollFd{mStop == nullptr ? kNoFd : mStop->Fd(), kReadable, 0},
+                       PollFd{mAbort.Fd(), kReadable, 0}},
+                      limit);
 }
 
-bool ByteStream::WaitWhileOpen(int fd, short events) const {
-  return WaitForFirst(
-      {pollfd{fd, events, 0}, pollfd{mStop == nullptr ? -1 : mStop->Fd(), POLLIN, 0}, pollfd{mIn, POLLRDHUP, 0}},
-      std::chrono::milliseconds(-1));
+bool ByteStream::WaitWhileOpen(RawFd fd, short events) const {
+  return WaitForFirst({PollFd{fd, events, 0}, PollFd{mStop == nullptr ? kNoFd : mStop->Fd(), kReadable, 0},
+                       PollFd{mIn, kOtherSideEnded, 0}},
+                      std::chrono::milliseconds(-1));
 }
 
 ByteStream::Result ByteStream::Read(std::span<std::uint8_t> buffer, std::size_t& count) {
-  const iovec piece{buffer.data(), buffer.size()};
+  const IoPiece piece{buffer.data(), buffer.size()};
   return Read({&piece, 1}, count);
 }
 
 ByteStream::Result ByteStream::WriteAll(std::span<const std::uint8_t> bytes) {
-  iovec piece = PieceOf(bytes);
+  IoPiece piece = PieceOf(bytes);
   return WriteAll({&piece, 1});
 }
 
-ByteStream::Result ByteStream::WriteAll(std::span<iovec> pieces) {
+ByteStream::Result ByteStream::WriteAll(std::span<IoPiece> pieces) {
   const MutexLock lock(mWriteMutex);
   Result result = mBroken ? Result::kFailed : Result::kOk;
   for (bool more = !pieces.empty(); more && result == Result::kOk;) {
@@ -61,7 +59,7 @@ ByteStream::Result ByteStream::WriteAll(std::span<iovec> pieces) {
 }
 
 ByteStream::Result ByteStream::AwaitRoom() {
-  while (!WaitFor(mOut, POLLOUT, mPatience.limit)) {
+  while (!WaitFor(mOut, kWritable, mPatience.limit)) {
     if (mAbort.IsRaised() || (mStop != nullptr && mStop->IsRaised())) {
       return Result::kStopped;
     }

@@ -1,8 +1,6 @@
 #ifndef VIRTUSB_HOST_REMOTE_BYTE_STREAM_H
 #define VIRTUSB_HOST_REMOTE_BYTE_STREAM_H
 
-#include <sys/uio.h>
-
 #include <atomic>
 #include <chrono>
 #include <cstddef>
@@ -18,7 +16,7 @@
 namespace vel {
 
 // For WriteAll.
-inline iovec PieceOf(std::span<const std::uint8_t> bytes) {
+inline IoPiece PieceOf(std::span<const std::uint8_t> bytes) {
   return {const_cast<std::uint8_t*>(bytes.data()), bytes.size()};  // Only read from.
 }
 
@@ -42,20 +40,20 @@ class ByteStream {
   // Waits for bytes; `count` says how many came. One thread.
   Result Read(std::span<std::uint8_t> buffer, std::size_t& count);
   // The same into several pieces, one behind the other.
-  virtual Result Read(std::span<const iovec> pieces, std::size_t& count) = 0;
+  virtual Result Read(std::span<const IoPiece> pieces, std::size_t& count) = 0;
   // What a read failed with, for people. The reading thread, after that.
   virtual std::string Error() const = 0;
   // Writes everything, in one piece among several writers. After a failure nothing more is written. Any thread.
   Result WriteAll(std::span<const std::uint8_t> bytes) VEL_EXCLUDES(mWriteMutex);
   // The same of several pieces, one behind the other; `pieces` is used up.
-  Result WriteAll(std::span<iovec> pieces) VEL_EXCLUDES(mWriteMutex);
+  Result WriteAll(std::span<IoPiece> pieces) VEL_EXCLUDES(mWriteMutex);
   // Ends the waits of this stream, now and later, as the stop signal does. Any thread.
   void Abort() { mAbort.Raise(); }
-  // Waits until another descriptor is ready for `events` (of poll). False when stopped, and after `limit`; a negative
+  // Waits until another descriptor is ready for `events`. False when stopped, and after `limit`; a negative
   // one is none. Any thread.
-  bool WaitFor(int fd, short events, std::chrono::milliseconds limit = std::chrono::milliseconds(-1)) const;
+  bool WaitFor(RawFd fd, short events, std::chrono::milliseconds limit = std::chrono::milliseconds(-1)) const;
   // The same without a limit, and false when the other side ends its output meanwhile, whatever of it is still unread.
-  bool WaitWhileOpen(int fd, short events) const;
+  bool WaitWhileOpen(RawFd fd, short events) const;
 
   // Before the first write.
   void SetPatience(Patience patience) { mPatience = std::move(patience); }
@@ -66,21 +64,21 @@ class ByteStream {
   enum class Progress { kAll, kSome, kNone, kFailed };
 
   // Descriptors and signal outlive it.
-  ByteStream(int in, int out, const StopSignal* stop) : mIn(in), mOut(out), mStop(stop) {}
+  ByteStream(RawFd in, RawFd out, const StopSignal* stop) : mIn(in), mOut(out), mStop(stop) {}
 
-  int In() const { return mIn; }
-  int Out() const { return mOut; }
+  RawFd In() const { return mIn; }
+  RawFd Out() const { return mOut; }
   // Passes on what goes without waiting of the pieces, which become what is left. kAll: nothing is held back either;
   // kNone: there is no room.
-  virtual Progress WriteSome(std::span<iovec>& pieces) VEL_REQUIRES(mWriteMutex) = 0;
+  virtual Progress WriteSome(std::span<IoPiece>& pieces) VEL_REQUIRES(mWriteMutex) = 0;
 
   Mutex mWriteMutex;
 
  private:
   Result AwaitRoom();
 
-  const int mIn;
-  const int mOut;
+  const RawFd mIn;
+  const RawFd mOut;
   const StopSignal* const mStop;
   const StopSignal mAbort;
   Patience mPatience;
@@ -89,7 +87,7 @@ class ByteStream {
 };
 
 // What is left of the pieces once `count` bytes of them are done with.
-std::span<iovec> Behind(std::span<iovec> pieces, std::size_t count);
+std::span<IoPiece> Behind(std::span<IoPiece> pieces, std::size_t count);
 
 }  // namespace vel
 

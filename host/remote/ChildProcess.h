@@ -6,12 +6,10 @@
 #include <string>
 #include <vector>
 
-#include "remote/FdStream.h"
+#include "os/Process.h"
+#include "remote/StopSignal.h"
 
 namespace vel {
-
-// What exec takes: the words, which stay the caller's, and null.
-std::vector<char*> ArgumentVector(std::vector<std::string>& words);
 
 // A program whose standard input and output are pipes to this process; its standard error is this process's. A
 // terminal's interrupt does not reach it: it is to end when its input does, after this process has said what it has
@@ -28,17 +26,14 @@ class ChildProcess {
   ~ChildProcess();
 
   // The pipes' ends here, once each.
-  UniqueFd TakeInput() { return std::move(mInput); }
-  UniqueFd TakeOutput() { return std::move(mOutput); }
+  UniqueFd TakeInput() { return mProcess.TakeInput(); }
+  UniqueFd TakeOutput() { return mProcess.TakeOutput(); }
   // How it ended, for people; nothing when it has not ended after this time. Any thread.
-  std::optional<std::string> AwaitEnd(std::chrono::milliseconds time) const;
+  std::optional<std::string> AwaitEnd(std::chrono::milliseconds time) const { return mProcess.AwaitEnd(time); }
 
  private:
   const StopSignal& mStop;
-  int mPid = -1;
-  UniqueFd mEnd;  // Readable once it has ended.
-  UniqueFd mInput;
-  UniqueFd mOutput;
+  Process mProcess;
 };
 
 }  // namespace vel

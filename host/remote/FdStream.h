@@ -14,22 +14,21 @@ namespace vel {
 class FdStream final : public ByteStream {
  public:
   // The descriptors stay the caller's.
-  FdStream(int in, int out, const StopSignal& stop);
+  FdStream(RawFd in, RawFd out, const StopSignal& stop);
   // Takes them over; `in` is for both directions where `out` is not valid. Without a signal only Abort ends the waits.
   explicit FdStream(UniqueFd in, UniqueFd out = {}, const StopSignal* stop = nullptr);
   ~FdStream() override;  // Gives the output its blocking mode back.
 
   using ByteStream::Read;
-  Result Read(std::span<const iovec> pieces, std::size_t& count) override;
+  Result Read(std::span<const IoPiece> pieces, std::size_t& count) override;
   std::string Error() const override;
 
  private:
-  Progress WriteSome(std::span<iovec>& pieces) override;
-  void SetNonBlocking();
+  Progress WriteSome(std::span<IoPiece>& pieces) override;
 
   const UniqueFd mOwnedIn;
   const UniqueFd mOwnedOut;
-  int mOutFlags = -1;
+  const int mOutMode;  // As it was.
   int mError = 0;
 };
 

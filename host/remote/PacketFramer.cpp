@@ -46,9 +46,9 @@ void BringIntoHostOrder(std::array<std::uint8_t, VelPacket::kHeaderSize>& header
 
 }  // namespace
 
-std::span<const iovec> PacketFramer::Room() {
+std::span<const IoPiece> PacketFramer::Room() {
   const std::span<std::uint8_t> lacking = Lacking();
-  mRoom = {iovec{lacking.data(), lacking.size()}, iovec{mBuffer.data(), mBuffer.size()}};
+  mRoom = {IoPiece{lacking.data(), lacking.size()}, IoPiece{mBuffer.data(), mBuffer.size()}};
   return std::span(mRoom).subspan(lacking.empty() ? 1 : 0);
 }
 

@@ -1,8 +1,6 @@
 #ifndef VIRTUSB_HOST_REMOTE_PACKET_FRAMER_H
 #define VIRTUSB_HOST_REMOTE_PACKET_FRAMER_H
 
-#include <sys/uio.h>
-
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -12,6 +10,7 @@
 #include <string>
 #include <utility>
 
+#include "os/Fd.h"
 #include "protocol/Requests.h"
 #include "protocol/VelPacket.h"
 
@@ -31,7 +30,7 @@ class PacketFramer {
 
   // Where the next bytes of the stream are to be read to: what a packet still lacks, and a buffer for what is behind
   // it, so that a large packet's data is not copied. Valid until Filled.
-  std::span<const iovec> Room();
+  std::span<const IoPiece> Room();
   // `count` bytes have been read there. False once the stream cannot go on; Error() says why.
   bool Filled(std::size_t count);
   const std::string& Error() const { return mError; }
@@ -56,7 +55,7 @@ class PacketFramer {
   std::size_t mToSkip = 0;  // Bytes of an oversized packet that are still to come and be dropped.
   std::string mError;
   std::array<std::uint8_t, kBufferBytes> mBuffer;
-  std::array<iovec, 2> mRoom{};
+  std::array<IoPiece, 2> mRoom{};
 };
 
 }  // namespace vel

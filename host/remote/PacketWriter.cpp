@@ -32,7 +32,7 @@ void PacketWriter::Write(std::unique_ptr<VelPacket> packet) {
     }
     mWriting = true;
   }
-  iovec piece = PieceOf(packet->Wire());
+  IoPiece piece = PieceOf(packet->Wire());
   WriteNow({&piece, 1});
 }
 
@@ -44,7 +44,7 @@ void PacketWriter::Flush() {
 }
 
 void PacketWriter::WriteWaiting() {
-  std::vector<iovec> pieces;
+  std::vector<IoPiece> pieces;
   while (true) {
     Packets packets;
     {
@@ -68,7 +68,7 @@ void PacketWriter::WriteWaiting() {
   }
 }
 
-void PacketWriter::WriteNow(std::span<iovec> packets) {
+void PacketWriter::WriteNow(std::span<IoPiece> packets) {
   const ByteStream::Result result = mStream.WriteAll(packets);
   const bool failed = result != ByteStream::Result::kOk;
   {

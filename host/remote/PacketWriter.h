@@ -1,8 +1,6 @@
 #ifndef VIRTUSB_HOST_REMOTE_PACKET_WRITER_H
 #define VIRTUSB_HOST_REMOTE_PACKET_WRITER_H
 
-#include <sys/uio.h>
-
 #include <cstddef>
 #include <functional>
 #include <memory>
@@ -41,7 +39,7 @@ class PacketWriter {
 
   void WriteWaiting() VEL_EXCLUDES(mMutex);
   // With the stream taken by mWriting, which it gives back.
-  void WriteNow(std::span<iovec> packets) VEL_EXCLUDES(mMutex);
+  void WriteNow(std::span<IoPiece> packets) VEL_EXCLUDES(mMutex);
 
   ByteStream& mStream;
   const std::function<void(ByteStream::Result)> mOnFailed;

@@ -4,7 +4,6 @@
 #include <openssl/pem.h>
 #include <openssl/ssl.h>
 #include <openssl/x509_vfy.h>
-#include <sys/stat.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -12,6 +11,7 @@
 #include <new>
 #include <stdexcept>
 
+#include "os/Files.h"
 #include "remote/TlsText.h"
 
 namespace vel {
@@ -19,11 +19,6 @@ namespace {
 
 // The first costs the least with a processor's own instructions for it.
 constexpr char kCipherSuites[] = "TLS_AES_128_GCM_SHA256:TLS_AES_256_GCM_SHA384:TLS_CHACHA20_POLY1305_SHA256";
-
-struct FileDeleter {
-  void operator()(std::FILE* file) const { static_cast<void>(std::fclose(file)); }
-};
-using FileHandle = std::unique_ptr<std::FILE, FileDeleter>;
 
 struct KeyDeleter {
   void operator()(EVP_PKEY* key) const { EVP_PKEY_free(key); }
@@ -34,7 +29,7 @@ struct StoreContextDeleter {
 };
 
 FileHandle Open(const std::string& path) {
-  FileHandle file(std::fopen(path.c_str(), "re"));
+  FileHandle file = OpenFile(path, "r");
   if (file == nullptr) {
     throw std::runtime_error("cannot read " + path + ": " + std::strerror(errno) + " (--tls names its folder)");
   }
@@ -82,9 +77,9 @@ void TlsContext::TakeAuthority(const std::string& folder) const {
     throw std::runtime_error(authority + " holds no certificate: " + TakeTlsError());
   }
   const std::string revoked = folder + "/ca-crl.pem";
-  if (std::FILE* const found = std::fopen(revoked.c_str(), "re"); found == nullptr && errno == ENOENT) {
+  if (const FileHandle found = OpenFile(revoked, "r"); found == nullptr && errno == ENOENT) {
     return;
-  } else if (const FileHandle closed(found); closed != nullptr) {
+  } else if (found != nullptr) {
     X509_STORE* const store = SSL_CTX_get_cert_store(mContext.get());
     if (X509_load_crl_file(X509_STORE_add_lookup(store, X509_LOOKUP_file()), revoked.c_str(), X509_FILETYPE_PEM) > 0) {
       X509_STORE_set_flags(store, X509_V_FLAG_CRL_CHECK);
@@ -96,10 +91,9 @@ void TlsContext::TakeAuthority(const std::string& folder) const {
 
 void TlsContext::TakeKey(const std::string& path) const {
   const FileHandle file = Open(path);
-  struct stat status {};
-  if (fstat(fileno(file.get()), &status) != 0 || (status.st_mode & (S_IRWXG | S_IRWXO)) != 0) {
-    throw std::runtime_error(path + " is not its owner's alone: whoever reads it can pass for this side (chmod 600 " +
-                             path + ")");
+  if (const std::string advice = HowToKeepForOwner(file.get(), path); !advice.empty()) {
+    throw std::runtime_error(path + " is not its owner's alone: whoever reads it can pass for this side (" + advice +
+                             ")");
   }
   const std::unique_ptr<EVP_PKEY, KeyDeleter> key(PEM_read_PrivateKey(file.get(), nullptr, &NoPassphrase, nullptr));
   if (key == nullptr) {

@@ -1,22 +1,19 @@
 #include "remote/TlsStream.h"
 
-#include <arpa/inet.h>
 #include <openssl/bio.h>
 #include <openssl/err.h>
 #include <openssl/ssl.h>
 #include <openssl/x509_vfy.h>
 #include <openssl/x509v3.h>
-#include <poll.h>
-#include <sys/socket.h>
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <cstring>
 #include <new>
 #include <stdexcept>
 #include <utility>
 
+#include "os/Socket.h"
 #include "remote/StopWatcher.h"
 #include "remote/TlsText.h"
 
@@ -34,7 +31,7 @@ constexpr char kClientLeft[] = "it left in the middle of the TLS handshake";
 constexpr char kServerLeft[] =
     "it ended the connection instead of a TLS handshake (is it served with --tls DIR? what it says there tells more)";
 
-std::span<std::uint8_t> BytesOf(const iovec& piece) {
+std::span<std::uint8_t> BytesOf(const IoPiece& piece) {
   return {static_cast<std::uint8_t*>(piece.iov_base), piece.iov_len};
 }
 
@@ -74,9 +71,7 @@ bool Expect(SSL* ssl, const std::string& host) {
   X509_VERIFY_PARAM* const expected = SSL_get0_param(ssl);
   X509_VERIFY_PARAM_set_hostflags(expected, X509_CHECK_FLAG_NEVER_CHECK_SUBJECT);
   const std::string address = host.substr(0, host.find('%'));
-  std::array<std::uint8_t, sizeof(in6_addr)> bytes{};
-  if (inet_pton(AF_INET, address.c_str(), bytes.data()) == 1 ||
-      inet_pton(AF_INET6, address.c_str(), bytes.data()) == 1) {
+  if (IsNumericAddress(address)) {
     return X509_VERIFY_PARAM_set1_ip_asc(expected, address.c_str()) == 1;
   }
   return X509_VERIFY_PARAM_set1_host(expected, host.c_str(), host.size()) == 1 &&
@@ -145,7 +140,7 @@ void TlsStream::ShakeHands(const StopSignal& stop, std::chrono::milliseconds lim
   const auto deadline = std::chrono::steady_clock::now() + limit;
   for (Shaken shaken = Handshake(); shaken != Shaken::kDone; shaken = Handshake()) {
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-    if (!stop.WaitFor(In(), shaken == Shaken::kWantsToRead ? POLLIN : POLLOUT,
+    if (!stop.WaitFor(In(), shaken == Shaken::kWantsToRead ? kReadable : kWritable,
                       std::max(left, std::chrono::milliseconds(0)))) {
       if (stop.IsRaised()) {
         throw Interrupted();
@@ -212,13 +207,13 @@ bool TlsStream::HasBytes() const {
   return !mRecords.unopened.empty() || SSL_has_pending(mSsl.get()) == 1;
 }
 
-TlsStream::Result TlsStream::Read(std::span<const iovec> pieces, std::size_t& count) {
+TlsStream::Result TlsStream::Read(std::span<const IoPiece> pieces, std::size_t& count) {
   while (true) {
     count = mIsDry ? 0 : OpenRecords(pieces);
     if (count > 0 || mEnd != Result::kOk) {
       return count > 0 ? Result::kOk : mEnd;
     }
-    if (!WaitFor(In(), POLLIN)) {
+    if (!WaitFor(In(), kReadable)) {
       return Result::kStopped;
     }
     switch (Receive()) {
@@ -230,7 +225,7 @@ TlsStream::Result TlsStream::Read(std::span<const iovec> pieces, std::size_t& co
         mEnd = Result::kFailed;
         break;
       case Received::kFailed:
-        mError = std::strerror(errno);
+        mError = FdErrorText(LastFdError());
         mEnd = Result::kFailed;
         break;
     }
@@ -238,9 +233,13 @@ TlsStream::Result TlsStream::Read(std::span<const iovec> pieces, std::size_t& co
 }
 
 TlsStream::Received TlsStream::Receive() {
-  const ssize_t count = recv(In(), mReceived.get(), kReceiveBytes, MSG_DONTWAIT);
-  if (count <= 0) {
-    return count == 0 ? Received::kEnd : errno == EAGAIN || errno == EINTR ? Received::kNone : Received::kFailed;
+  const std::ptrdiff_t count = ReceiveNow(In(), mReceived.get(), kReceiveBytes);
+  if (count == 0) {
+    return Received::kEnd;
+  }
+  if (count < 0) {
+    const int error = LastFdError();
+    return error == kErrorWouldWait || error == kErrorInterrupted ? Received::kNone : Received::kFailed;
   }
   mArrived = {mReceived.get(), static_cast<std::size_t>(count)};
   mIsDry = false;
@@ -253,12 +252,12 @@ void TlsStream::TakeIn() {
   }
 }
 
-std::size_t TlsStream::OpenRecords(std::span<const iovec> pieces) {
+std::size_t TlsStream::OpenRecords(std::span<const IoPiece> pieces) {
   const MutexLock lock(mTlsMutex);
   TakeIn();
   ERR_clear_error();
   std::size_t count = 0;
-  for (const iovec& piece : pieces) {
+  for (const IoPiece& piece : pieces) {
     std::span<std::uint8_t> room = BytesOf(piece);
     while (!room.empty() && mEnd == Result::kOk) {
       std::size_t opened = 0;
@@ -285,7 +284,7 @@ std::size_t TlsStream::OpenRecords(std::span<const iovec> pieces) {
   return count;
 }
 
-bool TlsStream::SealRecords(std::span<iovec>& pieces) {
+bool TlsStream::SealRecords(std::span<IoPiece>& pieces) {
   mGoing.clear();
   mGone = 0;
   const MutexLock lock(mTlsMutex);
@@ -318,7 +317,7 @@ bool TlsStream::SealRecords(std::span<iovec>& pieces) {
   return true;
 }
 
-TlsStream::Progress TlsStream::WriteSome(std::span<iovec>& pieces) {
+TlsStream::Progress TlsStream::WriteSome(std::span<IoPiece>& pieces) {
   if (mGone == mGoing.size() && !SealRecords(pieces)) {
     return Progress::kFailed;
   }
@@ -328,11 +327,11 @@ TlsStream::Progress TlsStream::WriteSome(std::span<iovec>& pieces) {
 
 TlsStream::Progress TlsStream::SendRecords() {
   while (mGone < mGoing.size()) {
-    const ssize_t count = send(Out(), mGoing.data() + mGone, mGoing.size() - mGone, MSG_DONTWAIT | MSG_NOSIGNAL);
+    const std::ptrdiff_t count = SendNow(Out(), mGoing.data() + mGone, mGoing.size() - mGone);
     if (count >= 0) {
       mGone += static_cast<std::size_t>(count);
-    } else if (errno != EINTR) {
-      return errno == EAGAIN ? Progress::kNone : Progress::kFailed;
+    } else if (const int error = LastFdError(); error != kErrorInterrupted) {
+      return error == kErrorWouldWait ? Progress::kNone : Progress::kFailed;
     }
   }
   return Progress::kAll;

@@ -54,7 +54,7 @@ class TlsStream final : public ByteStream {
   bool HasBytes() const VEL_EXCLUDES(mTlsMutex);
 
   using ByteStream::Read;
-  Result Read(std::span<const iovec> pieces, std::size_t& count) override VEL_EXCLUDES(mTlsMutex);
+  Result Read(std::span<const IoPiece> pieces, std::size_t& count) override VEL_EXCLUDES(mTlsMutex);
   std::string Error() const override { return mError; }
 
  private:
@@ -65,10 +65,10 @@ class TlsStream final : public ByteStream {
   // What was received becomes what is to be opened.
   void TakeIn() VEL_REQUIRES(mTlsMutex);
   // Opens what has come into the pieces; mEnd when there is no more to come.
-  std::size_t OpenRecords(std::span<const iovec> pieces) VEL_EXCLUDES(mTlsMutex);
+  std::size_t OpenRecords(std::span<const IoPiece> pieces) VEL_EXCLUDES(mTlsMutex);
   // Takes from the pieces what makes a batch of records. False when the connection has failed.
-  bool SealRecords(std::span<iovec>& pieces) VEL_REQUIRES(mWriteMutex) VEL_EXCLUDES(mTlsMutex);
-  Progress WriteSome(std::span<iovec>& pieces) override VEL_REQUIRES(mWriteMutex);
+  bool SealRecords(std::span<IoPiece>& pieces) VEL_REQUIRES(mWriteMutex) VEL_EXCLUDES(mTlsMutex);
+  Progress WriteSome(std::span<IoPiece>& pieces) override VEL_REQUIRES(mWriteMutex);
   Progress SendRecords() VEL_REQUIRES(mWriteMutex);
 
   static int Judge(int isGood, X509_STORE_CTX* check);

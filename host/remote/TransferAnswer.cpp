@@ -3,7 +3,6 @@
 #include <libusb-1.0/libusb.h>
 
 #include <algorithm>
-#include <cerrno>
 
 #include "protocol/ByteReader.h"
 #include "protocol/Commands.h"
@@ -15,17 +14,17 @@ std::int32_t ErrnoOfStatus(std::int32_t status) {
     case LIBUSB_TRANSFER_COMPLETED:
       return 0;
     case LIBUSB_TRANSFER_TIMED_OUT:
-      return -ETIMEDOUT;
+      return -kGuestTimedOut;
     case LIBUSB_TRANSFER_CANCELLED:
-      return -ECONNRESET;
+      return -kGuestReset;
     case LIBUSB_TRANSFER_STALL:
-      return -EPIPE;
+      return -kGuestPipe;
     case LIBUSB_TRANSFER_NO_DEVICE:
-      return -ENODEV;
+      return -kGuestNoDevice;
     case LIBUSB_TRANSFER_OVERFLOW:
-      return -EOVERFLOW;
+      return -kGuestOverflow;
     default:
-      return -EPROTO;
+      return -kGuestProtocol;
   }
 }
 
@@ -36,17 +35,17 @@ std::int32_t ErrnoOfResult(std::int32_t result) {
   switch (result) {
     case LIBUSB_ERROR_PIPE:
     case LIBUSB_ERROR_NOT_FOUND:  // No such configuration or setting: a device stalls.
-      return -EPIPE;
+      return -kGuestPipe;
     case LIBUSB_ERROR_TIMEOUT:
-      return -ETIMEDOUT;
+      return -kGuestTimedOut;
     case LIBUSB_ERROR_NO_DEVICE:
-      return -ENODEV;
+      return -kGuestNoDevice;
     case LIBUSB_ERROR_OVERFLOW:
-      return -EOVERFLOW;
+      return -kGuestOverflow;
     case LIBUSB_ERROR_NO_MEM:
-      return -ENOMEM;
+      return -kGuestNoMemory;
     default:
-      return -EPROTO;
+      return -kGuestProtocol;
   }
 }
 

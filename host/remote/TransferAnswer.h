@@ -10,7 +10,21 @@
 
 namespace vel {
 
-// The negative errno for a libusb_transfer_status, and for a request's LIBUSB_ERROR_*; 0 for success.
+// A guest's errno: Linux' numbers, whatever this machine's are.
+enum GuestErrno : std::int32_t {
+  kGuestNoEntry = 2,
+  kGuestNoMemory = 12,
+  kGuestNoDevice = 19,
+  kGuestInvalid = 22,
+  kGuestPipe = 32,
+  kGuestProtocol = 71,
+  kGuestOverflow = 75,
+  kGuestReset = 104,
+  kGuestTimedOut = 110,
+  kGuestRemoteIo = 121,
+};
+
+// The negative GuestErrno for a libusb_transfer_status, and for a request's LIBUSB_ERROR_*; 0 for success.
 std::int32_t ErrnoOfStatus(std::int32_t status);
 std::int32_t ErrnoOfResult(std::int32_t result);
 

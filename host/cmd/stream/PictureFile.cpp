@@ -8,7 +8,7 @@
 
 namespace vel {
 
-PictureFile::PictureFile(const std::string& path) : mPath(path), mFile(std::fopen(path.c_str(), "wbe")) {
+PictureFile::PictureFile(const std::string& path) : mPath(path), mFile(OpenFile(path, "w")) {
   if (mFile == nullptr) {
     Fail();
   }
@@ -16,8 +16,8 @@ PictureFile::PictureFile(const std::string& path) : mPath(path), mFile(std::fope
 
 PictureFile::~PictureFile() {
   std::error_code ignored;
-  if (mEmpty && std::filesystem::is_regular_file(mPath, ignored)) {
-    std::filesystem::remove(mPath, ignored);
+  if (mEmpty && std::filesystem::is_regular_file(PathOf(mPath), ignored)) {
+    std::filesystem::remove(PathOf(mPath), ignored);
   }
 }
 

@@ -2,10 +2,10 @@
 #define VIRTUSB_HOST_CMD_STREAM_PICTURE_FILE_H
 
 #include <cstdint>
-#include <cstdio>
-#include <memory>
 #include <span>
 #include <string>
+
+#include "os/Files.h"
 
 namespace vel {
 
@@ -26,14 +26,10 @@ class PictureFile {
   void Close();
 
  private:
-  struct Closer {
-    void operator()(std::FILE* file) const { static_cast<void>(std::fclose(file)); }
-  };
-
   [[noreturn]] void Fail() const;
 
   const std::string mPath;
-  std::unique_ptr<std::FILE, Closer> mFile;
+  FileHandle mFile;
   bool mEmpty = true;
 };
 

@@ -1,12 +1,11 @@
 #include "cmd/stream/StreamReport.h"
 
-#include <unistd.h>
-
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
 
 #include "cmd/Output.h"
+#include "os/StandardStreams.h"
 
 namespace vel {
 namespace {
@@ -108,7 +107,7 @@ nlohmann::ordered_json StreamJson(const StreamResult& result) {
           {"snapshot", orNull(result.snapshot)}};
 }
 
-LiveLine::LiveLine() : mTerminal(isatty(STDERR_FILENO) != 0), mDue(StreamStatistics::Clock::now() + kLiveInterval) {}
+LiveLine::LiveLine() : mTerminal(IsErrorTerminal()), mDue(StreamStatistics::Clock::now() + kLiveInterval) {}
 
 LiveLine::~LiveLine() {
   if (mTerminal) {
@@ -124,6 +123,7 @@ void LiveLine::Show(const StreamFigures& figures) {
                                   8.0 * static_cast<double>(figures.wireBytes - mLast.wireBytes) / seconds / 1e6,
                                   figures.waitP50, static_cast<unsigned long long>(figures.timeouts));
   static_cast<void>(std::fputs((mTerminal ? "\r" + line + "\x1b[K" : line + "\n").c_str(), stderr));
+  static_cast<void>(std::fflush(stderr));
   mLast = figures;
   mDue += kLiveInterval;
 }

@@ -1,7 +1,6 @@
 #include "cmd/stream/StreamStatistics.h"
 
-#include <sys/resource.h>
-
+#include "os/Program.h"
 #include "protocol/VelPacket.h"
 
 namespace vel {
@@ -10,20 +9,13 @@ namespace {
 // In front of an isochronous reply's data: the packet's header, stream id, status, packet count.
 constexpr std::uint64_t kReplyFields = VelPacket::kHeaderSize + 12;
 
-std::chrono::microseconds CpuTime() {
-  rusage usage{};
-  getrusage(RUSAGE_SELF, &usage);
-  return std::chrono::seconds(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
-         std::chrono::microseconds(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec);
-}
-
 double Seconds(StreamStatistics::Clock::duration time) {
   return std::chrono::duration<double>(time).count();
 }
 
 }  // namespace
 
-StreamStatistics::StreamStatistics() : mBegin(Clock::now()), mCpuBegin(CpuTime()), mLastReply(mBegin) {}
+StreamStatistics::StreamStatistics() : mBegin(Clock::now()), mCpuBegin(ProcessCpuTime()), mLastReply(mBegin) {}
 
 void StreamStatistics::AddReply(const PictureReader::Arrival& arrival) {
   mLastReply = arrival.time;
@@ -59,7 +51,7 @@ StreamFigures StreamStatistics::Figures() const {
                         .waitP50 = mWaits.Milliseconds(0.50),
                         .waitP99 = mWaits.Milliseconds(0.99)};
   if (mFrames > 0) {
-    const auto cpu = std::chrono::duration<double, std::milli>(CpuTime() - mCpuBegin);
+    const auto cpu = std::chrono::duration<double, std::milli>(ProcessCpuTime() - mCpuBegin);
     figures.firstMilliseconds = Seconds(*mFirstPicture - mBegin) * 1000;
     figures.cpuMillisecondsPerFrame = cpu.count() / static_cast<double>(mFrames);
   }

@@ -1,4 +1,4 @@
-#include "cmd/UsbfsLimit.h"
+#include "cmd/FailureAdvice.h"
 
 #include <algorithm>
 #include <array>
@@ -19,7 +19,7 @@ constexpr std::array<std::string_view, 3> kNoMemory = {
 
 }  // namespace
 
-void NoteUsbfsLimitOnce(std::string_view line) {
+void AdviseOnce(std::string_view line) {
   static std::atomic<bool> noted{false};
   const bool met = std::ranges::any_of(
       kNoMemory, [line](std::string_view text) { return line.find(text) != std::string_view::npos; });

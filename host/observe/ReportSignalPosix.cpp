@@ -1,30 +1,24 @@
-#include "observe/ReportSignal.h"
-
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <array>
-#include <cerrno>
 #include <csignal>
 #include <utility>
 
-#include "remote/StopSignal.h"
+#include "observe/ReportSignal.h"
 
 namespace vel {
 namespace {
 
 // Stays: a handler may be in it, on any thread.
 const std::pair<UniqueFd, UniqueFd>& Pipe() {
-  static const auto& ends = *new std::pair<UniqueFd, UniqueFd>(MakePipe(O_NONBLOCK));
+  static const auto& ends = *new std::pair<UniqueFd, UniqueFd>(MakePipe(Waiting::kReturns));
   return ends;
 }
 
 int gWrite = -1;  // Changed only while no handler is there.
 
 extern "C" void OnReportSignal(int /*number*/) {
-  const int error = errno;
-  static_cast<void>(!write(gWrite, "", 1));  // Into a full pipe: one is asked for already.
-  errno = error;
+  PutByte(gWrite);  // Into a full pipe: one is asked for already.
 }
 
 }  // namespace
@@ -41,7 +35,7 @@ ReportSignal::~ReportSignal() {
   static_cast<void>(std::signal(SIGUSR1, SIG_IGN));
 }
 
-int ReportSignal::Fd() const {
+RawFd ReportSignal::Fd() const {
   return Pipe().first.Get();
 }
 

@@ -1,7 +1,13 @@
+#include <array>
+#include <csignal>
+
 #include "cmd/Signals.h"
+#include "os/Program.h"
 
 namespace vel {
 namespace {
+
+constexpr std::array kNumbers = {SIGINT, SIGTERM, SIGHUP};
 
 const StopSignal* gStop = nullptr;  // Changed only while no handler is there.
 
@@ -26,7 +32,7 @@ CaughtSignals::CaughtSignals() {
   for (const int number : kNumbers) {
     Handle(number, &OnStopSignal);
   }
-  static_cast<void>(std::signal(SIGPIPE, SIG_IGN));
+  IgnoreBrokenPipes();
 }
 
 CaughtSignals::~CaughtSignals() {
