@@ -1,0 +1,15 @@
+#include "observe/ReportSignal.h"
+
+namespace vel {
+
+ReportSignal::ReportSignal() = default;
+
+ReportSignal::~ReportSignal() = default;
+
+RawFd ReportSignal::Fd() const {
+  return kNoFd;
+}
+
+void ReportSignal::Take() const {}
+
+}  // namespace vel

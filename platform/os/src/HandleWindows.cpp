@@ -1,0 +1,102 @@
+#include "HandleWindows.h"
+
+#include "NetWindows.h"
+
+#include <algorithm>
+#include <array>
+#include <thread>
+
+namespace vel {
+namespace {
+
+constexpr DWORD kBufferBytes = 64U << 10U;
+
+// A failure that the other side of the socket sees as one.
+void Reset(UniqueFd& fd) {
+  const linger abort{1, 0};
+  setsockopt(fd.Get(), SOL_SOCKET, SO_LINGER, reinterpret_cast<const char*>(&abort), sizeof abort);
+  fd = UniqueFd();
+}
+
+void ReadFrom(const UniqueHandle& source, UniqueFd to) {
+  const auto buffer = std::make_unique_for_overwrite<char[]>(kBufferBytes);
+  while (true) {
+    DWORD count = 0;
+    if (ReadFile(source.Get(), buffer.get(), kBufferBytes, &count, nullptr) == FALSE) {
+      const DWORD error = GetLastError();
+      if (error != ERROR_BROKEN_PIPE && error != ERROR_HANDLE_EOF && error != ERROR_MORE_DATA) {
+        return Reset(to);
+      }
+      if (error != ERROR_MORE_DATA) {
+        count = 0;
+      }
+    } else if (count == 0 && GetFileType(source.Get()) == FILE_TYPE_PIPE &&
+               PeekNamedPipe(source.Get(), nullptr, 0, nullptr, nullptr, nullptr) != FALSE) {
+      continue;  // A write of nothing, which is no end.
+    }
+    if (count == 0) {
+      shutdown(to.Get(), SD_SEND);
+      return;
+    }
+    for (DWORD sent = 0; sent < count;) {
+      const int n = send(to.Get(), buffer.get() + sent, static_cast<int>(count - sent), 0);
+      if (n < 0) {
+        return;  // Nobody reads it any more.
+      }
+      sent += static_cast<DWORD>(n);
+    }
+  }
+}
+
+// False when not everything could be written.
+bool WriteTo(const UniqueHandle& sink, UniqueFd from, std::atomic<std::uint64_t>& bytes) {
+  const auto buffer = std::make_unique_for_overwrite<char[]>(kBufferBytes);
+  while (true) {
+    const int count = recv(from.Get(), buffer.get(), static_cast<int>(kBufferBytes), 0);
+    if (count <= 0) {
+      return true;  // A reset is of this process's own making: what had come is written.
+    }
+    for (DWORD gone = 0; gone < static_cast<DWORD>(count);) {
+      DWORD written = 0;
+      if (WriteFile(sink.Get(), buffer.get() + gone, static_cast<DWORD>(count) - gone, &written, nullptr) == FALSE) {
+        Reset(from);
+        return false;
+      }
+      gone += written;
+      bytes += written;
+    }
+  }
+}
+
+}  // namespace
+
+UniqueHandle::~UniqueHandle() {
+  if (mHandle != nullptr && mHandle != INVALID_HANDLE_VALUE) {
+    CloseHandle(mHandle);
+  }
+}
+
+Carried::Carried() {
+  std::tie(ended, ending) = MakePipe(Waiting::kReturns);
+}
+
+UniqueFd CarryFrom(UniqueHandle source) {
+  auto [reader, writer] = MakePipe();
+  std::thread([source = std::move(source), to = std::move(writer)]() mutable {
+    ReadFrom(source, std::move(to));
+  }).detach();
+  return std::move(reader);
+}
+
+std::pair<UniqueFd, std::shared_ptr<Carried>> CarryTo(UniqueHandle sink) {
+  auto [reader, writer] = MakePipe();
+  auto carried = std::make_shared<Carried>();
+  std::thread([sink = std::move(sink), from = std::move(reader), carried]() mutable {
+    carried->failed = !WriteTo(sink, std::move(from), carried->bytes);
+    sink = UniqueHandle();
+    PutByte(carried->ending.Get());
+  }).detach();
+  return {std::move(writer), std::move(carried)};
+}
+
+}  // namespace vel

@@ -1,0 +1,138 @@
+#include "os/Program.h"
+#include "os/Text.h"
+
+#include <array>
+#include <cstdint>
+#include <cstdlib>
+#include <memory>
+#include <optional>
+#include <set>
+
+#define WIN32_LEAN_AND_MEAN
+#include <windows.h>
+// After it.
+#include <shellapi.h>
+
+namespace vel {
+namespace {
+
+struct LibraryCloser {
+  void operator()(HMODULE library) const { FreeLibrary(library); }
+};
+using LibraryHandle = std::unique_ptr<std::remove_pointer_t<HMODULE>, LibraryCloser>;
+
+struct LocalDeleter {
+  void operator()(wchar_t** words) const { LocalFree(words); }
+};
+
+// The libraries that one asks for, by the table in its file as it is mapped.
+std::vector<std::string> NeededBy(HMODULE library) {
+  const auto* const base =
+      reinterpret_cast<const std::byte*>(reinterpret_cast<std::uintptr_t>(library) & ~std::uintptr_t{3});
+  const auto* const start = reinterpret_cast<const IMAGE_DOS_HEADER*>(base);
+  const auto* const headers = reinterpret_cast<const IMAGE_NT_HEADERS64*>(base + start->e_lfanew);
+  const IMAGE_DATA_DIRECTORY& table = headers->OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_IMPORT];
+  std::vector<std::string> names;
+  if (headers->OptionalHeader.Magic == IMAGE_NT_OPTIONAL_HDR64_MAGIC && table.VirtualAddress != 0) {
+    for (const auto* each = reinterpret_cast<const IMAGE_IMPORT_DESCRIPTOR*>(base + table.VirtualAddress);
+         each->Name != 0; ++each) {
+      names.emplace_back(reinterpret_cast<const char*>(base + each->Name));
+    }
+  }
+  return names;
+}
+
+// The first library in the way of loading this one that is nowhere to be found.
+std::optional<std::string> MissingFor(const std::wstring& path, std::set<std::wstring>& seen) {
+  const LibraryHandle mapped(LoadLibraryExW(path.c_str(), nullptr, DONT_RESOLVE_DLL_REFERENCES));
+  if (mapped == nullptr || !seen.insert(path).second) {
+    return std::nullopt;
+  }
+  const std::wstring folder = path.substr(0, path.find_last_of(L'\\'));
+  for (const std::string& name : NeededBy(mapped.get())) {
+    if (GetModuleHandleW(ToWide(name).c_str()) != nullptr) {
+      continue;
+    }
+    std::array<wchar_t, 4096> found{};
+    for (const wchar_t* where : {folder.c_str(), static_cast<const wchar_t*>(nullptr)}) {
+      if (found[0] == 0) {
+        SearchPathW(where, ToWide(name).c_str(), nullptr, static_cast<DWORD>(found.size()), found.data(), nullptr);
+      }
+    }
+    if (found[0] == 0 && !name.starts_with("api-ms-") && !name.starts_with("ext-ms-")) {
+      return name;
+    }
+    if (const auto deeper = found[0] == 0 ? std::nullopt : MissingFor(found.data(), seen)) {
+      return deeper;
+    }
+  }
+  return std::nullopt;
+}
+
+}  // namespace
+
+std::filesystem::path ProgramPath() {
+  std::wstring path(32768, L'\0');  // The most that the system has.
+  path.resize(GetModuleFileNameW(nullptr, path.data(), static_cast<DWORD>(path.size())));
+  return path;
+}
+
+std::vector<std::string> ProgramArguments(int /*argc*/, char** /*argv*/) {
+  int count = 0;
+  const std::unique_ptr<wchar_t*, LocalDeleter> words(CommandLineToArgvW(GetCommandLineW(), &count));
+  std::vector<std::string> arguments;
+  for (int i = 0; i < count; ++i) {
+    arguments.push_back(FromWide(words.get()[i]));
+  }
+  return arguments;
+}
+
+std::chrono::microseconds ProcessCpuTime() {
+  FILETIME made{};
+  FILETIME ended{};
+  std::array<FILETIME, 2> used{};
+  GetProcessTimes(GetCurrentProcess(), &made, &ended, &used[0], &used[1]);
+  std::uint64_t ticks = 0;  // Of 100 ns.
+  for (const FILETIME& each : used) {
+    ticks += (std::uint64_t{each.dwHighDateTime} << 32U) + each.dwLowDateTime;
+  }
+  return std::chrono::microseconds(ticks / 10);
+}
+
+void KeepFreedMemory() {}  // The heap's own affair here.
+
+void IgnoreBrokenPipes() {}  // It is an error.
+
+std::tm LocalTime(std::time_t time) {
+  std::tm local{};
+  localtime_s(&local, &time);
+  return local;
+}
+
+std::string UsualTlsFolder() {
+  const wchar_t* const shared = _wgetenv(L"ProgramData");
+  return (shared == nullptr ? std::string("C:\\ProgramData") : FromWide(shared)) + "\\virtusb\\pki";
+}
+
+void* OpenLibrary(const std::filesystem::path& path, std::string& problem) {
+  const HMODULE library = LoadLibraryExW(path.c_str(), nullptr, LOAD_WITH_ALTERED_SEARCH_PATH);
+  if (library == nullptr) {
+    const DWORD error = GetLastError();
+    std::set<std::wstring> seen;
+    const auto missing = error == ERROR_MOD_NOT_FOUND ? MissingFor(path.native(), seen) : std::nullopt;
+    problem = missing                         ? "it needs " + *missing + ", which is neither beside it nor in PATH"
+              : error == ERROR_BAD_EXE_FORMAT ? "it is no library for 64-bit programs (x86-64)"
+                                              : SystemErrorText(error);
+  }
+  return library;
+}
+
+void* FindSymbol(void* library, const char* name) {
+  return reinterpret_cast<void*>(GetProcAddress(static_cast<HMODULE>(library), name));
+}
+
+void CloseLibrary(void* library) {
+  FreeLibrary(static_cast<HMODULE>(library));
+}
+
+}  // namespace vel
