@@ -26,6 +26,7 @@ void YuyvToPlanar(const std::uint8_t* packed, PlaneOut y, PlaneOut u, PlaneOut v
     packed += 2 * pixels;
     y.data += y.stride;
   }
+  rows.finish();
 }
 
 void YuyvToSemiPlanar(const std::uint8_t* packed, PlaneOut y, PlaneOut uv, int width, int height,
@@ -42,6 +43,7 @@ void YuyvToSemiPlanar(const std::uint8_t* packed, PlaneOut y, PlaneOut uv, int w
     packed += 2 * pixels;
     y.data += y.stride;
   }
+  rows.finish();
 }
 
 void PlanarToYuyv(ChromaLayout layout, PlaneIn y, PlaneIn u, PlaneIn v, std::uint8_t* packed, int width, int height,

@@ -17,6 +17,7 @@ inline constexpr std::size_t kStreamLumaFromPixels = 1024;
 // and need no alignment; no byte outside them is touched. Any thread.
 struct PixelRows {
   using Byte = std::uint8_t;
+  const char* name;
   // Luma of a packed row.
   void (*luma)(const Byte* packed, Byte* y, std::size_t pixels);
   // Luma, and pixels / 2 samples of U and of V.
@@ -27,6 +28,9 @@ struct PixelRows {
   void (*pack)(const Byte* y, const Byte* u, const Byte* v, Byte* packed, std::size_t pixels);
   // A packed row from chroma of full width, of which every second sample is dropped.
   void (*packFull)(const Byte* y, const Byte* u, const Byte* v, Byte* packed, std::size_t pixels);
+  // Behind the last row of a picture that was taken apart: what was written past the caches is there for other threads.
+  // After each row it would cost half as much again as the rows.
+  void (*finish)();
 };
 
 extern const PixelRows kPixelRowsScalar;

@@ -9,6 +9,7 @@ namespace {
 struct Avx2 {
   using Byte = std::uint8_t;
   using Reg = __m256i;
+  static constexpr char kName[] = "Avx2";
   static constexpr std::size_t kBytes = sizeof(Reg);
 
   static Reg Load(const Byte* from) { return _mm256_loadu_si256(reinterpret_cast<const Reg*>(from)); }

@@ -43,6 +43,6 @@ void Pack(const Byte* y, const Byte* u, const Byte* v, Byte* packed, std::size_t
 
 }  // namespace
 
-const PixelRows kPixelRowsScalar = {&Luma, &Planar, &SemiPlanar, &Pack<1>, &Pack<2>};
+const PixelRows kPixelRowsScalar = {"Scalar", &Luma, &Planar, &SemiPlanar, &Pack<1>, &Pack<2>, [] {}};
 
 }  // namespace vel

@@ -10,7 +10,7 @@ namespace vel {
 
 // `V` is a register of V::kBytes bytes, a type of the including file's own, so that every file has functions of its
 // own:
-//   Load, Store, Stream (past the caches, aligned), Fence (orders what was streamed);
+//   kName; Load, Store, Stream (past the caches, aligned), Fence (orders what was streamed);
 //   Even(a, b), Odd(a, b)  the even or the odd bytes of a, then those of b;
 //   ZipLow(a, b), ZipHigh(a, b)  a0 b0 a1 b1 ... of the lower and of the upper half;
 //   EvenOfBoth(a, b)  a0 b0 a2 b2 ...
@@ -20,6 +20,7 @@ struct SimdRows {
   using Byte = std::uint8_t;
   using Reg = typename V::Reg;
   static constexpr std::size_t kBytes = V::kBytes;
+  static constexpr std::size_t kLineBytes = 64;  // Of a cache.
 
   static bool IsAligned(const Byte* row) { return reinterpret_cast<std::uintptr_t>(row) % kBytes == 0; }
 
@@ -43,21 +44,24 @@ struct SimdRows {
     return x;
   }
 
-  template <bool kStreamLuma, bool kStreamChroma>
-  static std::size_t PlanarPart(const Byte* packed, Byte* y, Byte* u, Byte* v, std::size_t pixels) {
-    std::size_t x = 0;
-    for (; x + 2 * kBytes <= pixels; x += 2 * kBytes) {
-      const Byte* from = packed + 2 * x;
-      const Reg a = V::Load(from);
-      const Reg b = V::Load(from + kBytes);
-      const Reg c = V::Load(from + 2 * kBytes);
-      const Reg d = V::Load(from + 3 * kBytes);
-      Put<kStreamLuma>(y + x, V::Even(a, b));
-      Put<kStreamLuma>(y + x + kBytes, V::Even(c, d));
-      const Reg uvLow = V::Odd(a, b);
-      const Reg uvHigh = V::Odd(c, d);
-      Put<kStreamChroma>(u + x / 2, V::Even(uvLow, uvHigh));
-      Put<kStreamChroma>(v + x / 2, V::Odd(uvLow, uvHigh));
+  // From pixel `x` on, `kRegs` registers of luma in a step.
+  template <std::size_t kRegs, bool kStreamLuma, bool kStreamChroma>
+  static std::size_t PlanarPart(const Byte* packed, Byte* y, Byte* u, Byte* v, std::size_t x, std::size_t pixels) {
+    for (; x + kRegs * kBytes <= pixels; x += kRegs * kBytes) {
+      Reg uv[kRegs];
+      for (std::size_t i = 0; i < kRegs; ++i) {
+        const Byte* from = packed + 2 * (x + i * kBytes);
+        const Reg a = V::Load(from);
+        const Reg b = V::Load(from + kBytes);
+        Put<kStreamLuma>(y + x + i * kBytes, V::Even(a, b));
+        uv[i] = V::Odd(a, b);
+      }
+      for (std::size_t i = 0; i < kRegs; i += 2) {
+        Put<kStreamChroma>(u + (x + i * kBytes) / 2, V::Even(uv[i], uv[i + 1]));
+      }
+      for (std::size_t i = 0; i < kRegs; i += 2) {
+        Put<kStreamChroma>(v + (x + i * kBytes) / 2, V::Odd(uv[i], uv[i + 1]));
+      }
     }
     return x;
   }
@@ -66,7 +70,6 @@ struct SimdRows {
     std::size_t x = 0;
     if (pixels >= kStreamLumaFromPixels && IsAligned(y)) {
       x = LumaPart<true>(packed, y, pixels);
-      V::Fence();
     } else {
       x = LumaPart<false>(packed, y, pixels);
     }
@@ -75,13 +78,13 @@ struct SimdRows {
 
   static void Planar(const Byte* packed, Byte* y, Byte* u, Byte* v, std::size_t pixels) {
     std::size_t x = 0;
-    if (pixels < kStreamChromaFromPixels || !IsAligned(u) || !IsAligned(v)) {
-      x = PlanarPart<false, false>(packed, y, u, v, pixels);
-    } else {
-      x = pixels >= kStreamLumaFromPixels && IsAligned(y) ? PlanarPart<true, true>(packed, y, u, v, pixels)
-                                                          : PlanarPart<false, true>(packed, y, u, v, pixels);
-      V::Fence();
+    if (pixels >= kStreamChromaFromPixels && IsAligned(u) && IsAligned(v)) {
+      // Whole lines of chroma: one that is written in parts, with others between, may leave in parts.
+      constexpr std::size_t kRegs = 2 * kLineBytes / kBytes;
+      x = pixels >= kStreamLumaFromPixels && IsAligned(y) ? PlanarPart<kRegs, true, true>(packed, y, u, v, x, pixels)
+                                                          : PlanarPart<kRegs, false, true>(packed, y, u, v, x, pixels);
     }
+    x = PlanarPart<2, false, false>(packed, y, u, v, x, pixels);
     Rest.planar(packed + 2 * x, y + x, u + x / 2, v + x / 2, pixels - x);
   }
 
@@ -120,7 +123,7 @@ struct SimdRows {
     Rest.packFull(y + x, u + x, v + x, packed + 2 * x, pixels - x);
   }
 
-  static constexpr PixelRows kRows = {&Luma, &Planar, &SemiPlanar, &Pack, &PackFull};
+  static constexpr PixelRows kRows = {V::kName, &Luma, &Planar, &SemiPlanar, &Pack, &PackFull, &V::Fence};
 };
 
 }  // namespace vel

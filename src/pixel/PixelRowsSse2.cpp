@@ -8,6 +8,7 @@ namespace {
 struct Sse2 {
   using Byte = std::uint8_t;
   using Reg = __m128i;
+  static constexpr char kName[] = "Sse2";
   static constexpr std::size_t kBytes = sizeof(Reg);
 
   static Reg Load(const Byte* from) { return _mm_loadu_si128(reinterpret_cast<const Reg*>(from)); }

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <array>
 #include <random>
-#include <string>
 #include <vector>
 
 #include "pixel/PixelConvert.h"
@@ -64,7 +63,7 @@ class PixelConversion : public testing::TestWithParam<const PixelRows*> {
           }
         }
       }
-      for (const int width : {127, 128, 190, 200, 640, 704, 719}) {
+      for (const int width : {127, 128, 190, 255, 256, 640, 704, 719, 1280, 1334}) {
         check(width, 5, gap);
       }
     }
@@ -138,9 +137,8 @@ std::vector<const PixelRows*> Versions() {
   return {choice.versions, choice.versions + choice.count};
 }
 
-INSTANTIATE_TEST_SUITE_P(EveryVersion, PixelConversion, testing::ValuesIn(Versions()), [](const auto& version) {
-  return version.param == &kPixelRowsScalar ? "Scalar" : "Vector" + std::to_string(version.index);
-});
+INSTANTIATE_TEST_SUITE_P(EveryVersion, PixelConversion, testing::ValuesIn(Versions()),
+                         [](const auto& version) { return version.param->name; });
 
 }  // namespace
 }  // namespace vel
