@@ -23,7 +23,9 @@ using Clock = std::chrono::steady_clock;
 using Bytes = std::vector<std::uint8_t>;
 
 constexpr auto kBetweenPictures = std::chrono::microseconds(33333);
-constexpr int kDrawn = 40;
+// Drawn before, and shown again and again.
+constexpr std::size_t kDrawnBytes = std::size_t{256} << 20U;
+constexpr std::size_t kMostDrawn = 40;
 
 // Of the whole process, milliseconds.
 double ProcessorTime() {
@@ -66,9 +68,9 @@ class Replies {
 void Measure(int width, int height, int pictures) {
   const vel::test::Scene scene(width, height);
   std::vector<Bytes> drawn;
-  for (int i = 0; i < kDrawn; ++i) {
-    drawn.push_back(scene.Draw(i));
-  }
+  do {
+    drawn.push_back(scene.Draw(static_cast<int>(drawn.size())));
+  } while (drawn.size() < std::min(kMostDrawn, kDrawnBytes / drawn[0].size()));
   Replies replies;
   vel::BenchCamera camera(width, height, true, [&replies](std::size_t) { replies.Sent(); });
   vel::UVCEncoder encoder;
@@ -83,7 +85,7 @@ void Measure(int width, int height, int pictures) {
   double encoderCpu = 0;
   auto due = Clock::now();
   for (int i = 0; i < pictures; ++i) {
-    const Bytes& picture = drawn[static_cast<std::size_t>(i % kDrawn)];
+    const Bytes& picture = drawn[static_cast<std::size_t>(i) % drawn.size()];
     camera.Read();
     due += kBetweenPictures;
     std::this_thread::sleep_until(due);
@@ -121,7 +123,8 @@ int main(int argc, char** argv) {
       "| size | source to reply | encoder alone | beyond it | processor time | encoder's alone | "
       "ratio |\n"
       "|---|---|---|---|---|---|---|\n");
-  for (const auto& [width, height] : {std::array{640, 480}, std::array{1280, 720}}) {
+  for (const auto& [width, height] :
+       {std::array{640, 480}, std::array{1280, 720}, std::array{1920, 1080}, std::array{3840, 2160}}) {
     Measure(width, height, pictures);
   }
 }

@@ -6,6 +6,7 @@
 #include <numeric>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <vector>
 
 extern "C" {
@@ -110,6 +111,7 @@ TEST_P(EncoderStream, IsWhatAReceiverLikes) {
     const auto firstOf = [&nals](int type) { return std::find(nals.begin(), nals.end(), type) - nals.begin(); };
     const bool key = firstOf(5) < static_cast<std::ptrdiff_t>(nals.size());
     EXPECT_EQ(key, i % setting.gopSize == 0) << "picture " << i;
+    EXPECT_EQ(std::ranges::count(nals, key ? 5 : 1), 1) << "picture " << i;
     EXPECT_TRUE(!key || (firstOf(7) < firstOf(8) && firstOf(8) < firstOf(5))) << "picture " << i;
     std::uint32_t decodedSize = 0;
     ASSERT_EQ(decoder.Decode(unit.data(), size, decoded.data(), &decodedSize), 1) << "picture " << i;
@@ -140,6 +142,18 @@ INSTANTIATE_TEST_SUITE_P(EachSetting, EncoderStream,
                                          Setting{"Height720", 1280, 720, 1000000, 25, 25},
                                          Setting{"Height1080", 1920, 1080, 1500000, 25, 25}),
                          [](const auto& setting) { return setting.param.name; });
+
+TEST(FFmpegEncoderTest, CutsLargePicturesIntoSlicesAndHoldsNoneBack) {
+  UVCEncoder encoder;
+  ASSERT_EQ(encoder.Init(UVC_ENCODER_TYPE_H264, 3840, 2160, nullptr, nullptr), 0);
+  const std::ptrdiff_t threads = std::clamp(std::thread::hardware_concurrency(), 1U, 4U);
+  Bytes unit(std::size_t{3840} * 2160 * 2);
+  for (const int type : {5, 1}) {
+    std::uint32_t size = 0;
+    ASSERT_EQ(encoder.Encode(nullptr, 0, unit.data(), &size), 0);
+    EXPECT_EQ(std::ranges::count(NalTypes({unit.data(), size}), type), threads);
+  }
+}
 
 TEST(FFmpegEncoderTest, LeavesLongGroupsToOpenh264AndShowsItsDiagnosisWhenAsked) {
   gHasOpenh264 = true;

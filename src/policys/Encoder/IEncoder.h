@@ -24,6 +24,7 @@ struct EncoderParam {
   AVPixelFormat pixelFormat = AV_PIX_FMT_YUV420P;
   std::int32_t maxBFrames = 0;
   AVCodecID codecId = AV_CODEC_ID_H264;
+  std::int32_t threads = 1;  // At work on a picture at a time, each on a slice of its own.
 };
 
 // One video encoder. One thread at a time.
