@@ -1,4 +1,5 @@
 #include <CLI/CLI.hpp>
+#include <cstddef>
 
 #include "cmd/Commands.h"
 #include "cmd/Devices.h"
@@ -6,11 +7,12 @@
 namespace vel {
 namespace {
 
-// A command that is for another system: says so, whatever follows it.
+// A command that is for another system: says so as soon as it is read, whatever follows it.
 Subcommand AddElsewhere(CLI::App& app, const char* name, const char* about, const char* instead) {
   CLI::App* const line = app.add_subcommand(name, about);
-  line->allow_extras();
-  return {line, [instead]() -> int { throw UsageError(instead); }};
+  const auto say = [instead]() -> int { throw UsageError(instead); };
+  line->preparse_callback([say](std::size_t) { say(); });
+  return {line, say};
 }
 
 }  // namespace

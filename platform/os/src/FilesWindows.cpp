@@ -69,7 +69,8 @@ std::string HowToKeepForOwner(std::FILE* file, const std::string& name) {
                                      nullptr, &descriptor) == ERROR_SUCCESS;
   const bool isOpen = !known || LetsEverybodyRead(list);
   LocalFree(descriptor);
-  return isOpen ? "icacls \"" + name + "\" /inheritance:r /grant:r \"%USERNAME%:F\"" : "";
+  return isOpen ? "icacls \"" + NameOf(PathOf(name).make_preferred()) + "\" /inheritance:r /grant:r \"%USERNAME%:F\""
+                : "";
 }
 
 WrittenFile::WrittenFile(const std::string& name) : mFile(OpenForWriting(name)) {}

@@ -40,11 +40,17 @@ UniqueHandle ErrorsForChild() {
       CreateFileW(L"NUL", GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, &inheritable, OPEN_EXISTING, 0, nullptr));
 }
 
-// As every program's C library takes it apart again: quotes around, backslashes in front of quotes doubled.
+// As every program's C library takes it apart again: quotes around what has spaces, backslashes in front of quotes
+// doubled.
 std::wstring CommandLine(const std::vector<std::string>& words) {
   std::wstring line;
   for (const std::string& word : words) {
-    line += line.empty() ? L"\"" : L" \"";
+    line += line.empty() ? L"" : L" ";
+    if (!word.empty() && word.find_first_of(" \t\"") == std::string::npos) {
+      line += ToWide(word);
+      continue;
+    }
+    line += L'"';
     std::size_t slashes = 0;
     for (const wchar_t each : ToWide(word)) {
       line.append(each == L'"' ? slashes + 1 : 0, L'\\');

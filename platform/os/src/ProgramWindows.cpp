@@ -42,27 +42,28 @@ std::vector<std::string> NeededBy(HMODULE library) {
   return names;
 }
 
-// The first library in the way of loading this one that is nowhere to be found.
+// The first library in the way of loading this one that is nowhere to be found: neither loaded already, nor beside it,
+// nor the system's, nor in PATH.
 std::optional<std::string> MissingFor(const std::wstring& path, std::set<std::wstring>& seen) {
   const LibraryHandle mapped(LoadLibraryExW(path.c_str(), nullptr, DONT_RESOLVE_DLL_REFERENCES));
   if (mapped == nullptr || !seen.insert(path).second) {
     return std::nullopt;
   }
-  const std::wstring folder = path.substr(0, path.find_last_of(L'\\'));
+  std::wstring system(MAX_PATH, L'\0');
+  system.resize(GetSystemDirectoryW(system.data(), MAX_PATH));
+  const wchar_t* const more = _wgetenv(L"PATH");
+  const std::wstring places =
+      path.substr(0, path.find_last_of(L'\\')) + L";" + system + L";" + (more == nullptr ? L"" : more);
   for (const std::string& name : NeededBy(mapped.get())) {
-    if (GetModuleHandleW(ToWide(name).c_str()) != nullptr) {
+    if (GetModuleHandleA(name.c_str()) != nullptr || name.starts_with("api-ms-") || name.starts_with("ext-ms-")) {
       continue;
     }
     std::array<wchar_t, 4096> found{};
-    for (const wchar_t* where : {folder.c_str(), static_cast<const wchar_t*>(nullptr)}) {
-      if (found[0] == 0) {
-        SearchPathW(where, ToWide(name).c_str(), nullptr, static_cast<DWORD>(found.size()), found.data(), nullptr);
-      }
-    }
-    if (found[0] == 0 && !name.starts_with("api-ms-") && !name.starts_with("ext-ms-")) {
+    if (SearchPathW(places.c_str(), ToWide(name).c_str(), nullptr, static_cast<DWORD>(found.size()), found.data(),
+                    nullptr) == 0) {
       return name;
     }
-    if (const auto deeper = found[0] == 0 ? std::nullopt : MissingFor(found.data(), seen)) {
+    if (auto deeper = MissingFor(found.data(), seen)) {
       return deeper;
     }
   }
