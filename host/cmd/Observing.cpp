@@ -62,7 +62,7 @@ void AddObserveOptions(CLI::App& command, CommonOptions& common) {
       ->needs(capture);
   command
       .add_option("--stats", observe.stats,
-                  "How each device does, so often, on standard error; SIGUSR1 asks for it at any time")
+                  std::string("How each device does, so often, on standard error") + ReportSignal::HowToAsk())
       ->type_name("SECONDS")
       ->check(CLI::Range(kShortestInterval, kLongestInterval));
   if (command.get_option_no_throw("--json") == nullptr) {

@@ -16,7 +16,16 @@
 #include <stdexcept>
 #include <utility>
 
+#include "remote/TransferAnswer.h"
+
 namespace vel {
+
+// The kernel's side of them.
+static_assert(kGuestNoEntry == ENOENT && kGuestNoMemory == ENOMEM && kGuestNoDevice == ENODEV &&
+              kGuestInvalid == EINVAL && kGuestPipe == EPIPE && kGuestProtocol == EPROTO &&
+              kGuestOverflow == EOVERFLOW && kGuestReset == ECONNRESET && kGuestTimedOut == ETIMEDOUT &&
+              kGuestRemoteIo == EREMOTEIO);
+
 namespace {
 
 // Of the status file (drivers/usb/usbip/usbip_common.h).

@@ -15,6 +15,8 @@ class ReportSignal {
   ReportSignal& operator=(const ReportSignal&) = delete;
   ~ReportSignal();
 
+  // How a person asks by it, to follow what else is said; empty where there is none.
+  static const char* HowToAsk();
   // Readable when a signal has come.
   RawFd Fd() const;
   // Forgets those that have come.

@@ -35,6 +35,10 @@ ReportSignal::~ReportSignal() {
   static_cast<void>(std::signal(SIGUSR1, SIG_IGN));
 }
 
+const char* ReportSignal::HowToAsk() {
+  return "; SIGUSR1 asks for it at any time";
+}
+
 RawFd ReportSignal::Fd() const {
   return Pipe().first.Get();
 }

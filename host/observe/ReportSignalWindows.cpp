@@ -6,6 +6,10 @@ ReportSignal::ReportSignal() = default;
 
 ReportSignal::~ReportSignal() = default;
 
+const char* ReportSignal::HowToAsk() {
+  return "";
+}
+
 RawFd ReportSignal::Fd() const {
   return kNoFd;
 }

@@ -142,7 +142,9 @@ Process::~Process() {
 }
 
 void Process::AskToEnd() {
-  GenerateConsoleCtrlEvent(CTRL_BREAK_EVENT, mHandles->id);
+  if (GenerateConsoleCtrlEvent(CTRL_BREAK_EVENT, mHandles->id) == FALSE) {
+    Kill();  // There is no console by which it could be asked.
+  }
 }
 
 void Process::Kill() {
