@@ -37,9 +37,9 @@ install(FILES "${PROJECT_BINARY_DIR}/virtusb.pc" DESTINATION "${pkgconfig_dir}" 
 install(FILES docs/architecture.md docs/protocol.md docs/threads.md
   DESTINATION "${CMAKE_INSTALL_DATADIR}/doc/virtusb-dev" COMPONENT dev)
 
-if(VIRTUSB_BUILD_HOST)
-  include(CommandFiles)
-endif()
 if(NOT WIN32)
+  if(VIRTUSB_BUILD_HOST)
+    include(CommandFiles)
+  endif()
   include(DebianPackage)
 endif()

@@ -1,11 +1,17 @@
-# For building the module for Windows x86-64 on Debian. VIRTUSB_SYSROOT, in the environment, is where its libraries are;
-# packaging/windows-module makes such a place.
+# For building for Windows x86-64 on Debian. VIRTUSB_SYSROOT is the folders that have the libraries, joined by colons, in the
+# environment when a build folder is made: packaging/windows-libraries builds and prints them.
 set(CMAKE_SYSTEM_NAME Windows)
 set(CMAKE_SYSTEM_PROCESSOR x86_64)
 set(CMAKE_C_COMPILER x86_64-w64-mingw32-gcc-posix)
 set(CMAKE_CXX_COMPILER x86_64-w64-mingw32-g++-posix)
 set(CMAKE_RC_COMPILER x86_64-w64-mingw32-windres)
-set(CMAKE_FIND_ROOT_PATH "$ENV{VIRTUSB_SYSROOT}" /usr/x86_64-w64-mingw32)
+set(VIRTUSB_SYSROOT "$ENV{VIRTUSB_SYSROOT}" CACHE STRING "Folders with the libraries, joined by colons")
+list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES VIRTUSB_SYSROOT)
+string(REPLACE ":" ";" CMAKE_FIND_ROOT_PATH "${VIRTUSB_SYSROOT}")
+list(TRANSFORM CMAKE_FIND_ROOT_PATH APPEND "/lib/pkgconfig" OUTPUT_VARIABLE package_folders)
+list(JOIN package_folders ":" package_folders)
+set(ENV{PKG_CONFIG_LIBDIR} "${package_folders}")
+list(APPEND CMAKE_FIND_ROOT_PATH /usr/x86_64-w64-mingw32)
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)

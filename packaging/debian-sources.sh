@@ -1,21 +1,44 @@
 # For the scripts beside it: Debian's source packages, from where this system takes its packages. Apt's own lists stay as
-# they are. Sourced with the folder that everything goes to in $work.
+# they are. Sourced with the folder that everything goes to in $work; $lists, unless it is there, is what apt keeps of them.
+# shellcheck shell=sh
+
+# What of FFmpeg the programs use.
+# shellcheck disable=SC2034 # Of those who source this.
+ffmpeg_parts="--enable-shared --disable-static --disable-programs --disable-doc --disable-everything --disable-autodetect
+  --enable-libopenh264 --enable-encoder=libopenh264,mjpeg --enable-decoder=mjpeg,h264,rawvideo
+  --enable-parser=mjpeg,h264 --enable-demuxer=avi,matroska,mov,mjpeg,h264,yuv4mpegpipe,rawvideo,image2 --enable-protocol=file"
 
 apt_source() {
-  apt-get -o Dir::Etc::sourcelist="$work/sources.list" -o Dir::Etc::sourceparts=- -o Dir::State::lists="$work/lists" \
+  command=$1
+  shift
+  "$command" -o Dir::Etc::sourcelist="$lists/sources.list" -o Dir::Etc::sourceparts=- -o Dir::State::lists="$lists" \
     -o APT::Get::List-Cleanup=0 -o APT::Sandbox::User="$(id -un)" "$@"
 }
 
-# Unpacks the newest version of each source package, unless it is there.
-fetch_sources() {
-  mkdir -p "$work/lists/partial"
+# Learns what there is.
+update_sources() {
+  : "${lists:=$work/lists}"
+  mkdir -p "$lists/partial"
   apt-get indextargets --format 'deb-src $(SITE) $(RELEASE) $(COMPONENT)' 'Created-By: Packages' | sort -u \
-    >"$work/sources.list"
-  [ -s "$work/sources.list" ] || { echo "$0: apt knows no packages: run 'apt-get update' first" >&2; exit 1; }
-  apt_source update -q
-  for source in "$@"; do
-    [ -n "$(source_folder "$source")" ] || (cd "$work" && apt_source source -q "$source")
+    >"$lists/sources.list"
+  [ -s "$lists/sources.list" ] || { echo "$0: apt knows no packages: run 'apt-get update' first" >&2; return 1; }
+  apt_source apt-get update -q
+}
+
+# The versions of a source package, the newest one first.
+source_versions() {
+  apt_source apt-cache showsrc --only-source "$1" 2>/dev/null | sed -n 's/^Version: //p' | sort -urV
+}
+
+# Unpacks the newest version of a source package that a mirror has, or the given one, unless it is there. A mirror may
+# have a version's binaries, and not yet or no longer its source.
+fetch_source() { # SOURCE [VERSION]
+  [ -z "$(source_folder "$1")" ] || return 0
+  for version in ${2:-$(source_versions "$1")}; do
+    (cd "$work" && apt_source apt-get source -q "$1=$version") && return
+    echo "$0: no mirror has the source of $1 $version" >&2
   done
+  return 1
 }
 
 source_folder() {

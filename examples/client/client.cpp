@@ -1,7 +1,5 @@
 // Loads the installed module, opens the emulated raw device and asks for its speed. Then uses the module as a library:
 // encodes a picture.
-#include <dlfcn.h>
-
 #include <condition_variable>
 #include <cstdint>
 #include <cstdio>
@@ -11,6 +9,7 @@
 #include <mutex>
 #include <utility>
 
+#include "load.h"
 #include "policys/UVCDecoder.h"
 #include "policys/UVCFrameManager.h"
 #include "protocol/Commands.h"
@@ -78,12 +77,11 @@ bool EncodesAPicture() {
 }  // namespace
 
 int main() {
-  void* library = dlopen(MODULE, RTLD_NOW | RTLD_LOCAL);
-  if (library == nullptr) {
-    std::fprintf(stderr, "%s\n", dlerror());
+  const auto* module = static_cast<const vel::VelDrvModule*>(LoadSymbol(MODULE, vel::kDrvModuleSymbol));
+  if (module == nullptr) {
+    std::fprintf(stderr, "%s cannot be loaded\n", MODULE);
     return 1;
   }
-  const auto* module = static_cast<const vel::VelDrvModule*>(dlsym(library, vel::kDrvModuleSymbol));
   RawDevice device;
   const std::unique_ptr<vel::VelDriver> driver(module->open(&device));
   auto request = std::make_unique<vel::VelPacket>(vel::VelPacket::kHeaderSize);

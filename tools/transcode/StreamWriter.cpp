@@ -8,7 +8,7 @@
 namespace vel {
 
 StreamWriter::StreamWriter(TimedPipeline& pipeline, const std::string& path)
-    : mPipeline(pipeline), mPath(path), mFile(std::fopen(path.c_str(), "wb")) {
+    : mPipeline(pipeline), mPath(path), mFile(OpenFile(path, "w")) {
   if (mFile == nullptr) {
     throw std::runtime_error("cannot write " + path + ": " + std::strerror(errno));
   }

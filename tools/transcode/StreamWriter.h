@@ -3,12 +3,11 @@
 
 #include <atomic>
 #include <cstdint>
-#include <cstdio>
-#include <memory>
 #include <string>
 #include <thread>
 
 #include "TimedPipeline.h"
+#include "os/Files.h"
 
 namespace vel {
 
@@ -31,14 +30,11 @@ class StreamWriter {
   std::uint64_t Bytes() const { return mBytes; }
 
  private:
-  struct FileCloser {
-    void operator()(std::FILE* file) const { static_cast<void>(std::fclose(file)); }
-  };
   void Run();
 
   TimedPipeline& mPipeline;
   const std::string mPath;
-  std::unique_ptr<std::FILE, FileCloser> mFile;
+  FileHandle mFile;
   std::atomic<std::uint32_t> mFrames{0};
   std::atomic<std::uint64_t> mBytes{0};
   std::atomic<bool> mFailed{false};

@@ -1,15 +1,15 @@
 // The program virtusb-transcode: a file's frames through the module's camera pipeline, to try it
 // without a camera.
-#include <unistd.h>
-
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <exception>
+#include <iterator>
 #include <stdexcept>
 #include <string>
 #include <thread>
 #include <utility>
+#include <vector>
 
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
@@ -17,6 +17,8 @@
 #include "FrameSource.h"
 #include "StreamWriter.h"
 #include "TimedPipeline.h"
+#include "os/Program.h"
+#include "os/StandardStreams.h"
 #include "oskelo/log.h"
 
 namespace {
@@ -69,7 +71,7 @@ class Progress {
   }
 
  private:
-  const bool mTerminal = isatty(STDERR_FILENO) == 1;
+  const bool mTerminal = vel::IsErrorTerminal();
   Clock::time_point mNext = Clock::now() + std::chrono::milliseconds(500);
 };
 
@@ -162,8 +164,13 @@ int Fail(int status, const std::string& text) {
 
 int main(int argc, char** argv) {
   try {
+    vel::PrepareStandardStreams();
+    const std::vector<std::string> words = vel::ProgramArguments(argc, argv);
+    std::vector<const char*> arguments;
+    std::ranges::transform(words, std::back_inserter(arguments), [](const std::string& word) { return word.c_str(); });
     CLI::App app("Runs a file of MJPEG or raw YUYV frames through the camera pipeline into an H.264 stream.",
                  "virtusb-transcode");
+    app.allow_windows_style_options(false);  // A path is a path.
     Options options;
     std::string level = "off";
     app.set_version_flag("--version", VIRTUSB_VERSION);
@@ -179,7 +186,7 @@ int main(int argc, char** argv) {
         ->check(CLI::IsMember({"debug", "info", "warn", "error", "off"}))
         ->capture_default_str();
     try {
-      app.parse(argc, argv);
+      app.parse(argc, arguments.data());
     } catch (const CLI::Success& asked) {
       return app.exit(asked);
     } catch (const CLI::ParseError& error) {
