@@ -10,6 +10,9 @@ optional_packages="ccache libusbredirparser-dev"
 # For the tests in a virtual machine, which are skipped, and counted as such, where these cannot be had.
 vm_packages="qemu-system-x86 busybox-static cpio kmod udev xz-utils usbip v4l-utils e2fsprogs iproute2"
 
+# For the build for Windows, and to run its tests.
+windows_packages="g++-mingw-w64-x86-64-posix wine wine64 make nasm perl dpkg-dev"
+
 # Installs what is missing, and asks for nothing when nothing is.
 install_packages() {
   missing=

@@ -5,6 +5,7 @@
 # run.sh WORK_DIR SET PROGRAM...   SET is a folder, whose name is NAME: its modules, devices and scenarios
 #   VM_SCENARIOS=a,b   leaves all other scenarios out
 #   VM_QEMU            more arguments for QEMU
+#   VM_APPEND          more words for the kernel's command line
 #   VM_CHECK           a program that is given the folder of NAME, VM_SCENARIOS and the programs, and fails when what the
 #                      guest has left is not right
 set -eu
@@ -35,7 +36,7 @@ limit=1100 # Seconds; an idle machine takes a tenth of it.
 # shellcheck disable=SC2086 # VM_QEMU is a list.
 timeout -k 5 $limit qemu-system-x86_64 -accel tcg -smp 2 -m 1024 -display none -no-reboot -nodefaults \
   -kernel ../kernel/vmlinux -initrd image \
-  -append "console=ttyS0 quiet panic=-1 log_buf_len=16M rdinit=/vm/init vm.set=$set ${VM_SCENARIOS:+vm.scenarios=$VM_SCENARIOS}" \
+  -append "console=ttyS0 quiet panic=-1 log_buf_len=16M rdinit=/vm/init vm.set=$set ${VM_SCENARIOS:+vm.scenarios=$VM_SCENARIOS} ${VM_APPEND:-}" \
   -serial file:/dev/stdout -serial file:results.tar -monitor none \
   -device qemu-xhci \
   -drive if=none,id=disk,format=raw,file=disk.img -device usb-storage,drive=disk \

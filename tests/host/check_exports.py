@@ -1,4 +1,5 @@
-"""Compares the symbols that a module exports with a list of patterns: check_exports.py NM MODULE LIST."""
+"""Compares the symbols that a module exports with a list of patterns: check_exports.py NM MODULE LIST. Of a DLL the import
+library is looked at: what it has beside functions is data, and no names of types."""
 
 import pathlib
 import subprocess
@@ -6,10 +7,24 @@ import sys
 from fnmatch import fnmatchcase
 
 NM, MODULE, LIST = sys.argv[1:]
-symbols = subprocess.run([NM, "-D", "-C", "--defined-only", MODULE], check=True, text=True, stdout=subprocess.PIPE)
-found = {line.split(maxsplit=1)[1] for line in symbols.stdout.splitlines()}
+DLL = MODULE.endswith(".dll.a")
+
+
+def run(*command, **options):
+    return subprocess.run(command, check=True, text=True, stdout=subprocess.PIPE, **options).stdout
+
+
+def imported():
+    symbols = [line.split()[-2:] for line in run(NM, "--defined-only", MODULE).splitlines() if line.count(" ") == 2]
+    code = {name for kind, name in symbols if kind == "T"}
+    names = sorted(name.removeprefix("__imp_") for _, name in symbols if name.startswith("__imp_"))
+    kinds = ["T" if name in code else "V" if name.startswith("_ZT") else "D" for name in names]
+    return {" ".join(pair) for pair in zip(kinds, run("c++filt", input="\n".join(names)).splitlines())}
+
+
+found = imported() if DLL else {line.split(maxsplit=1)[1] for line in run(NM, "-D", "-C", "--defined-only", MODULE).splitlines()}
 wanted = [line.strip() for line in pathlib.Path(LIST).read_text(encoding="utf-8").splitlines()
-          if line.strip() and not line.startswith("#")]
+          if line.strip() and not line.startswith("#") and not (DLL and "typeinfo name" in line)]
 wrong = [f"exported but not listed: {symbol}" for symbol in sorted(found)
          if not any(fnmatchcase(symbol, entry) for entry in wanted)]
 wrong += [f"listed but not exported: {entry}" for entry in wanted

@@ -3,6 +3,7 @@
 # and a client that knows only the package builds and talks to the module.
 #
 # check_install.sh BUILD_DIR CLIENT_DIR WORK_DIR
+#   TOOLCHAIN, EMULATOR   of a build for another system
 set -eu
 if [ "${SANITIZED:-}" ]; then
   echo "skipped: the client would have to be built with -fsanitize=$SANITIZED as well"
@@ -15,13 +16,18 @@ cmake --install "$build" --prefix "$work/first" >"$work/install.log"
 mv "$work/first" "$work/moved"
 prefix=$work/moved
 
-"$prefix/bin/virtusb" describe raw | grep -q 'idVendor           0xffff'
-test "$("$prefix/bin/virtusb" list --json | grep -c '"name"')" -ge 6
+program() { ${EMULATOR:-} "$@"; }
+suffix=${TOOLCHAIN:+.exe}
+program "$prefix/bin/virtusb$suffix" describe raw | grep -q 'idVendor           0xffff'
+test "$(program "$prefix/bin/virtusb$suffix" list --json | grep -c '"name"')" -ge 6
 
 module=$(PKG_CONFIG_PATH=$(dirname "$(find "$prefix" -name virtusb.pc)") \
   pkg-config --define-variable=prefix="$prefix" --variable=module virtusb)
 test -f "$module" || { echo "pkg-config names no module: $module" >&2; exit 1; }
 
-cmake -S "$client" -B "$work/client" -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_BUILD_TYPE=Debug >"$work/configure.log"
+# A cross build looks for packages in its system root alone, and loads what is beside the program.
+VIRTUSB_SYSROOT=$prefix${VIRTUSB_SYSROOT:+:$VIRTUSB_SYSROOT} cmake -S "$client" -B "$work/client" \
+  -DCMAKE_PREFIX_PATH="$prefix" ${TOOLCHAIN:+"-DCMAKE_TOOLCHAIN_FILE=$TOOLCHAIN"} -DCMAKE_BUILD_TYPE=Debug >"$work/configure.log"
 cmake --build "$work/client" >"$work/build.log"
-"$work/client/client"
+[ ! "$suffix" ] || mv "$work/client/client.exe" "$prefix/bin"
+program "$(find "$work/client" "$prefix/bin" -name "client$suffix" -type f)"

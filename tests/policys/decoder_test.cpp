@@ -1,6 +1,5 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <malloc.h>
 
 #include <array>
 #include <cstdlib>
@@ -12,6 +11,7 @@
 #include "policys/UVCEncoder.h"
 #include "support/CapturingLog.h"
 #include "support/Collected.h"
+#include "support/Heap.h"
 #include "support/Scene.h"
 
 namespace vel::test {
@@ -103,7 +103,7 @@ TEST_F(Decoder, UnknownPixelFormatIsBlackWhateverWasThereBefore) {
 }
 
 TEST_F(Decoder, KeepsWhatDecodesOfADamagedPictureAndShowsNoOtherMemory) {
-  mallopt(M_PERTURB, 0x5A);  // Memory that nobody wrote is not 0.
+  test::FillFreshMemory(true);
   const CapturingLog log;
   const JpegWriter whole{.width = 64, .height = 64};
   Bytes cut = whole.Write();
@@ -111,7 +111,7 @@ TEST_F(Decoder, KeepsWhatDecodesOfADamagedPictureAndShowsNoOtherMemory) {
   Open();
   ASSERT_EQ(Send(cut), 0);
   const std::vector<Delivered> pictures = mDeliveries.frames.Await(1);
-  mallopt(M_PERTURB, 0);
+  test::FillFreshMemory(false);
   ASSERT_EQ(pictures.size(), 1U);
   const Bytes expected = whole.Yuyv();
   ASSERT_EQ(pictures[0].bytes.size(), expected.size());

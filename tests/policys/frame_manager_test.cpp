@@ -1,5 +1,4 @@
 #include <gmock/gmock.h>
-#include <malloc.h>
 
 #include <algorithm>
 #include <array>
@@ -16,6 +15,7 @@
 #include "policys/UVCEncoder.h"
 #include "policys/UVCFrameManager.h"
 #include "support/CapturingLog.h"
+#include "support/Heap.h"
 #include "support/Limits.h"
 #include "support/Scene.h"
 
@@ -73,7 +73,7 @@ TEST(FrameList, ThinningKeepsTheFirstOfEachGroup) {
       {3, 0, {0, 2}},                     // Nothing reaches 0: interval 1, one group.
   };
   constexpr std::size_t kBytes = 60000;  // What is lost of it is seen among the rest.
-  const std::size_t before = mallinfo2().uordblks;
+  const std::size_t before = test::HeapBytes();
   for (const Thinning& row : table) {
     UVCFrameList list;
     for (std::uint32_t i = 0; i < row.frames; ++i) {
@@ -86,7 +86,7 @@ TEST(FrameList, ThinningKeepsTheFirstOfEachGroup) {
     EXPECT_EQ(UVCFrameManager::FrameListFlush(list), 0);
     EXPECT_TRUE(list.empty());
   }
-  EXPECT_LT(mallinfo2().uordblks, before + kBytes);
+  EXPECT_LT(test::HeapBytes(), before + kBytes);
 }
 
 struct Route {

@@ -1,5 +1,4 @@
 // What each request asks of the device, what it answers and what it reports.
-#include <malloc.h>
 
 #include <algorithm>
 #include <array>
@@ -12,6 +11,7 @@
 #include "RequestXfer.h"
 #include "SessionFixture.h"
 #include "protocol/IsoTable.h"
+#include "support/Heap.h"
 
 namespace vel {
 namespace {
@@ -140,12 +140,12 @@ TEST(RealDevice, RefusedTransfersReturnTheRequestsBytesAndZerosForTheRest) {
   for (const char* operation : {"BulkTransfer", "InterruptTransfer"}) {
     session.io.Answer(operation, LIBUSB_ERROR_NO_DEVICE);
   }
-  mallopt(M_PERTURB, 0x55);  // Fresh blocks are not zero.
+  test::FillFreshMemory(true);
   EXPECT_THAT(session.Ask(BuildTransferRequest(Command::kBulkTransfer, kId, 0x81, 1, 4, Bytes{1, 2})),
               IsBulkReply(1, kXferError, ElementsAre(1, 2, 0, 0)));
   EXPECT_THAT(session.Ask(BuildTransferRequest(Command::kInterruptTransfer, kId, 0x01, 2, 2, Bytes{3, 4})),
               IsInterruptReply(2, kXferError, ElementsAre(3, 4)));
-  mallopt(M_PERTURB, 0);
+  test::FillFreshMemory(false);
   session.Ask(BuildIsoRequest(kId, 0x83, 3, std::array{2U, 1U}, {}));
   const Bytes table = session.io.Transfers().back().table;
   ASSERT_EQ(table.size(), 32U);

@@ -10,6 +10,8 @@ namespace vel::test {
 // As long as it lives, no thread can be made in this process: none has room for its stack. One at a time.
 class NoThreads {
  public:
+  static constexpr bool kPossible = true;
+
   NoThreads() {
     pthread_getattr_default_np(&mFormer);
     pthread_attr_t huge = mFormer;

@@ -15,7 +15,7 @@ inline bool ReadInto(PacketFramer& framer, std::span<const std::uint8_t> bytes) 
   bool goesOn = true;
   while (!bytes.empty()) {
     std::size_t count = 0;
-    for (const iovec& piece : framer.Room()) {
+    for (const IoPiece& piece : framer.Room()) {
       const auto part = bytes.first(std::min(bytes.size(), piece.iov_len));
       std::ranges::copy(part, static_cast<std::uint8_t*>(piece.iov_base));
       bytes = bytes.subspan(part.size());

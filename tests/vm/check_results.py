@@ -78,7 +78,7 @@ def check_export(work):
     return check_captures(work, "export", EMULATED, CLASSES | {"SET INTERFACE Request"})
 
 
-SETS = {"kernel": "describe,audio", "far": "attach,camera,export"}
+SETS = {"kernel": "describe,audio", "far": "attach,camera,export", "windows": ""}
 CHECKS = {"describe": check_descriptors, "attach": check_attach, "export": check_export, "audio": check_sound, "camera": check_camera}
 
 

@@ -2,14 +2,14 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <malloc.h>
 
-#include <cerrno>
 #include <map>
 #include <random>
 #include <thread>
 
 #include "FakeFarEnd.h"
+#include "remote/TransferAnswer.h"
+#include "support/Heap.h"
 
 namespace vel {
 namespace {
@@ -156,13 +156,13 @@ TEST_F(FarDeviceTest, TransfersAreAnsweredAsAKernelTakesThem) {
   const Bytes eight(8, 1);
   const std::vector<Case> cases = {
       {"IN, short", 0x81, 8, 0, kCompleted, {1, 2}, {'d', 2, 0, 2}},
-      {"IN, short where that is not OK", 0x81, 8, kUrbShortNotOk, kCompleted, {1, 2}, {'d', 2, -EREMOTEIO, 2}},
+      {"IN, short where that is not OK", 0x81, 8, kUrbShortNotOk, kCompleted, {1, 2}, {'d', 2, -kGuestRemoteIo, 2}},
       {"IN, more than was asked for", 0x81, 2, 0, kCompleted, {1, 2, 3}, {'d', 2, 0, 2}},
-      {"IN, stalled after a part", 0x81, 8, 0, kStalled, {1, 2}, {'d', 2, -EPIPE, 2}},
+      {"IN, stalled after a part", 0x81, 8, 0, kStalled, {1, 2}, {'d', 2, -kGuestPipe, 2}},
       {"OUT, echoed", 0x01, 8, 0, kCompleted, eight, {'d', 2, 0, 8}},
       {"OUT, lean", 0x01, 8, 0, kCompleted, {}, {'d', 2, 0, 8}},
-      {"OUT, a part", 0x01, 8, 0, kStalled, {1, 1}, {'d', 2, -EPIPE, 2}},
-      {"OUT, refused", 0x01, 8, 0, 1, eight, {'d', 2, -EPROTO, 0}},
+      {"OUT, a part", 0x01, 8, 0, kStalled, {1, 1}, {'d', 2, -kGuestPipe, 2}},
+      {"OUT, refused", 0x01, 8, 0, 1, eight, {'d', 2, -kGuestProtocol, 0}},
       {"interrupt IN", 0x82, 8, 0, kCompleted, eight, {'d', 2, 0, 8}},
   };
   Open();
@@ -178,7 +178,7 @@ TEST_F(FarDeviceTest, TransfersAreAnsweredAsAKernelTakesThem) {
   }
   EXPECT_THAT(guest.Take(0), IsEmpty());
   Submit(3, 0x05, 8);  // No such endpoint.
-  EXPECT_THAT(guest.Take(1), ElementsAre(Told{'d', 3, -ENOENT}));
+  EXPECT_THAT(guest.Take(1), ElementsAre(Told{'d', 3, -kGuestNoEntry}));
 }
 
 TEST_F(FarDeviceTest, ZeroPacketIsASecondTransferAndEndsTheUrb) {
@@ -214,7 +214,7 @@ TEST_F(FarDeviceTest, IsochronousPacketsThatFailOrClaimTooMuchLeaveTheOthersInPl
   far->Complete(Command::kIsochTransfer, far->TakeStreams(1).at(0), kCompleted, IsoReply({{3, 0}, {0, 1}, {2, 0}}), 3);
   EXPECT_THAT(guest.Take(1), ElementsAre(Told{'d', 2, 0, 5}));
   EXPECT_THAT(guest.data, ElementsAre(1, 1, 1, 3, 3));
-  EXPECT_EQ(guest.packets.at(1).status, -EPROTO);
+  EXPECT_EQ(guest.packets.at(1).status, -kGuestProtocol);
   EXPECT_EQ(guest.packets.at(2).offset, 16U);
   Submit(3, 0x83, 16, 0, {}, {{0, 8}, {8, 8}});
   Bytes lying = IsoReply({{9, 0}, {8, 0}});
@@ -242,20 +242,20 @@ TEST_F(FarDeviceTest, PacedRequestThatWasNotSentYetIsUnlinked) {
     Submit(seqnum, 0x83, 160, 0, {}, std::vector<UrbPacket>(20, {0, 8}));
   }
   device->Unlink({4, 3});
-  EXPECT_THAT(guest.Take(1), ElementsAre(Told{'u', 4, -ECONNRESET}));
+  EXPECT_THAT(guest.Take(1), ElementsAre(Told{'u', 4, -kGuestReset}));
   // Nor is anything of it kept until its time.
   const auto submit = [this](std::uint32_t seqnum) {
     device->Submit(
         {.seqnum = seqnum, .endpoint = 0x83, .length = 8, .interval = 20000, .setup = {}, .packets = {{0, 8}}});
   };
   submit(5);
-  const std::size_t before = mallinfo2().uordblks;
+  const std::size_t before = test::HeapBytes();
   for (std::uint32_t seqnum = 6; seqnum < 4000; seqnum += 2) {
     submit(seqnum);
     device->Unlink({seqnum + 1, seqnum});
     EXPECT_THAT(guest.Take(1), SizeIs(1));
   }
-  EXPECT_LT(mallinfo2().uordblks, before + 50000);
+  EXPECT_LT(test::HeapBytes(), before + 50000);
 }
 
 TEST_F(FarDeviceTest, UnlinkInEveryStateIsAnsweredOnce) {
@@ -264,7 +264,7 @@ TEST_F(FarDeviceTest, UnlinkInEveryStateIsAnsweredOnce) {
   device->Unlink({10, 5});
   EXPECT_THAT(guest.Take(0), IsEmpty());
   Submit(5, 0x81, 8);
-  EXPECT_THAT(guest.Take(1), ElementsAre(Told{'u', 10, -ECONNRESET}));
+  EXPECT_THAT(guest.Take(1), ElementsAre(Told{'u', 10, -kGuestReset}));
   device->Unlink({11, 4});
   EXPECT_THAT(guest.Take(1), ElementsAre(Told{'u', 11, 0}));
   EXPECT_THAT(far->TakeSent(), IsEmpty());
@@ -275,8 +275,8 @@ TEST_F(FarDeviceTest, UnlinkInEveryStateIsAnsweredOnce) {
     std::vector<Told> told;
   };
   const std::vector<Case> cases = {
-      {kCancelled, {}, {{'u', 13, -ECONNRESET}}},
-      {kCancelled, {1, 2}, {{'d', 12, -ECONNRESET, 2}, {'u', 13, 0}}},  // What had come is not lost.
+      {kCancelled, {}, {{'u', 13, -kGuestReset}}},
+      {kCancelled, {1, 2}, {{'d', 12, -kGuestReset, 2}, {'u', 13, 0}}},  // What had come is not lost.
       {kCompleted, {1, 2}, {{'d', 12, 0, 2}, {'u', 13, 0}}},
   };
   for (const Case& each : cases) {
@@ -301,7 +301,7 @@ TEST_F(FarDeviceTest, UnlinkInEveryStateIsAnsweredOnce) {
   far->Hold();
   device->Submit({.seqnum = 16, .endpoint = 0x80, .length = 4, .setup = {0xC0, 1, 0, 0, 4}});
   device->Unlink({17, 16});
-  EXPECT_THAT(guest.Take(1), ElementsAre(Told{'u', 17, -ECONNRESET}));
+  EXPECT_THAT(guest.Take(1), ElementsAre(Told{'u', 17, -kGuestReset}));
   EXPECT_EQ(far->Release(), 1U);
   EXPECT_THAT(guest.Take(0), IsEmpty());
 }
@@ -329,7 +329,7 @@ TEST_F(FarDeviceTest, ControlRequestsThatAreNeverAnsweredAreBounded) {
   }
   EXPECT_THAT(guest.Take(65536), SizeIs(65536));
   submit();
-  EXPECT_THAT(guest.Take(1), ElementsAre(Told{'d', seqnum, -ENOMEM}));
+  EXPECT_THAT(guest.Take(1), ElementsAre(Told{'d', seqnum, -kGuestNoMemory}));
 }
 
 TEST_F(FarDeviceTest, FarEndThatDoesNotAnswerACancelIsNotWaitedFor) {
@@ -337,7 +337,7 @@ TEST_F(FarDeviceTest, FarEndThatDoesNotAnswerACancelIsNotWaitedFor) {
   Submit(2, 0x81, 8);
   const std::uint32_t stream = far->TakeStreams(1).at(0);
   device->Unlink({3, 2});
-  EXPECT_THAT(guest.Take(1), ElementsAre(Told{'u', 3, -ECONNRESET}));
+  EXPECT_THAT(guest.Take(1), ElementsAre(Told{'u', 3, -kGuestReset}));
   EXPECT_THAT(notes, ElementsAre(testing::HasSubstr("--answer-failures")));
   far->Complete(Command::kBulkTransfer, stream, kCompleted);
   EXPECT_THAT(guest.Take(0), IsEmpty());
@@ -364,9 +364,10 @@ TEST_F(FarDeviceTest, LossAnswersWhatWaitsAndTellsTheGuestLast) {
     ASSERT_EQ(told.size(), 4U);
     EXPECT_EQ(told.back().kind, 'g');
     told.pop_back();
-    EXPECT_THAT(told, UnorderedElementsAre(Told{'d', 2, -ENODEV}, Told{'d', 3, -ENODEV}, Told{'d', 4, -ENODEV}));
+    EXPECT_THAT(told, UnorderedElementsAre(Told{'d', 2, -kGuestNoDevice}, Told{'d', 3, -kGuestNoDevice},
+                                           Told{'d', 4, -kGuestNoDevice}));
     Submit(5, 0x81, 8);
-    EXPECT_THAT(guest.Take(1), ElementsAre(Told{'d', 5, -ENODEV}));
+    EXPECT_THAT(guest.Take(1), ElementsAre(Told{'d', 5, -kGuestNoDevice}));
     device.reset();
   }
 }

@@ -1,7 +1,5 @@
 #include "LibusbSeam.h"
 
-#include <dlfcn.h>
-
 #include <type_traits>
 
 #include "support/FailingMemory.h"
@@ -13,7 +11,7 @@ constexpr std::size_t kPrefix = sizeof("libusb_") - 1;
 
 template <class Result, class... Args>
 Result Real(const char* function, Args... args) {
-  return reinterpret_cast<Result (*)(Args...)>(dlsym(RTLD_NEXT, function))(args...);
+  return reinterpret_cast<Result (*)(Args...)>(LibusbBehindSeam(function))(args...);
 }
 
 template <class Arg>

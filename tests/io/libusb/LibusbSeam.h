@@ -13,6 +13,9 @@
 
 namespace vel {
 
+// The function of libusb itself.
+void* LibusbBehindSeam(const char* function);
+
 // Stands in front of the libusb that this program is linked with: notes what is called, and lets a test do what no
 // kernel can be made to do. Any thread.
 class LibusbSeam {

@@ -72,7 +72,8 @@ struct Video {
 // Deleted with the test that made it.
 struct MediaFile {
   explicit MediaFile(const Bytes& bytes)
-      : path(std::filesystem::temp_directory_path() / ("capture_test_" + std::to_string(std::random_device()()))) {
+      : path((std::filesystem::temp_directory_path() / ("capture_test_" + std::to_string(std::random_device()())))
+                 .string()) {
     std::ofstream(path, std::ios::binary).write(reinterpret_cast<const char*>(bytes.data()), std::ssize(bytes));
   }
   MediaFile(const MediaFile&) = delete;
@@ -186,7 +187,7 @@ TEST(Capture, KeepsTheRateOfTheFile) {
 }
 
 TEST(Capture, SaysWhatIsWrongWithABadSource) {
-  const std::string folder = std::filesystem::temp_directory_path();
+  const std::string folder = std::filesystem::temp_directory_path().string();
   const Bytes damaged = Damaged();
   const MediaFile cut(Bytes(damaged.begin(), damaged.begin() + 40));
   const MediaFile none(Video{.pictures = 0}.Write());

@@ -1,0 +1,21 @@
+#ifndef VIRTUSB_TESTS_SUPPORT_HEAP_H
+#define VIRTUSB_TESTS_SUPPORT_HEAP_H
+
+#include <malloc.h>
+
+#include <cstddef>
+
+namespace vel::test {
+
+// From now on memory that nobody wrote is not 0; or may be, again.
+inline void FillFreshMemory(bool fill) {
+  mallopt(M_PERTURB, fill ? 0x5A : 0);
+}
+// What is allocated.
+inline std::size_t HeapBytes() {
+  return mallinfo2().uordblks;
+}
+
+}  // namespace vel::test
+
+#endif
