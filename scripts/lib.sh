@@ -30,11 +30,11 @@ install_packages() {
 # build PRESET [TARGET...]: configures once, builds what changed. ccache, where it is, spares what another build folder or
 # checkout has compiled: its objects do not depend on where the tree lies.
 build() {
-  preset=$1
+  built=$1
   shift
   export CCACHE_BASEDIR="$root" CCACHE_NOHASHDIR=1
   launcher=$(command -v ccache || true)
-  [ -f "$root/build/$preset/build.ninja" ] ||
-    (cd "$root" && cmake --preset "$preset" ${launcher:+"-DCMAKE_CXX_COMPILER_LAUNCHER=$launcher"}) >&2
-  cmake --build "$root/build/$preset" ${1:+--target "$@"} >&2
+  [ -f "$root/build/$built/build.ninja" ] ||
+    (cd "$root" && cmake --preset "$built" ${launcher:+"-DCMAKE_CXX_COMPILER_LAUNCHER=$launcher"}) >&2
+  cmake --build "$root/build/$built" ${1:+--target "$@"} >&2
 }
