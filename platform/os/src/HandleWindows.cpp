@@ -11,14 +11,13 @@ namespace {
 
 constexpr DWORD kBufferBytes = 64U << 10U;
 
-// A failure that the other side of the socket sees as one.
-void Reset(UniqueFd& fd) {
+// Makes its closing a failure that the other side of the socket sees as one.
+void Reset(const UniqueFd& fd) {
   const linger abort{1, 0};
   setsockopt(fd.Get(), SOL_SOCKET, SO_LINGER, reinterpret_cast<const char*>(&abort), sizeof abort);
-  fd = UniqueFd();
 }
 
-void ReadFrom(const UniqueHandle& source, UniqueFd to) {
+void ReadFrom(const UniqueHandle& source, const UniqueFd& to) {
   const auto buffer = std::make_unique_for_overwrite<char[]>(kBufferBytes);
   while (true) {
     DWORD count = 0;
@@ -80,19 +79,26 @@ Carried::Carried() {
   std::tie(ended, ending) = MakePipe(Waiting::kReturns);
 }
 
-UniqueFd CarryFrom(UniqueHandle source) {
+std::pair<UniqueFd, std::function<void()>> CarryFrom(UniqueHandle source) {
   auto [reader, writer] = MakePipe();
-  std::thread([source = std::move(source), to = std::move(writer)]() mutable {
-    ReadFrom(source, std::move(to));
-  }).detach();
-  return std::move(reader);
+  auto to = std::make_shared<UniqueFd>(std::move(writer));
+  auto end = [weak = std::weak_ptr(to)] {
+    if (const auto open = weak.lock(); open != nullptr) {
+      shutdown(open->Get(), SD_SEND);
+    }
+  };
+  std::thread([source = std::move(source), to = std::move(to)] { ReadFrom(source, *to); }).detach();
+  return {std::move(reader), std::move(end)};
 }
 
-std::pair<UniqueFd, std::shared_ptr<Carried>> CarryTo(UniqueHandle sink) {
+std::pair<UniqueFd, std::shared_ptr<Carried>> CarryTo(UniqueHandle sink, std::function<void()> onFailed) {
   auto [reader, writer] = MakePipe();
   auto carried = std::make_shared<Carried>();
-  std::thread([sink = std::move(sink), from = std::move(reader), carried]() mutable {
+  std::thread([sink = std::move(sink), from = std::move(reader), carried, onFailed = std::move(onFailed)]() mutable {
     carried->failed = !WriteTo(sink, std::move(from), carried->bytes);
+    if (carried->failed) {
+      onFailed();
+    }
     sink = UniqueHandle();
     PutByte(carried->ending.Get());
   }).detach();

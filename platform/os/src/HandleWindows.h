@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <utility>
 
@@ -40,10 +41,12 @@ struct Carried {
 
 // What can be read from a handle, as a socket: a thread of its own carries it there, as much as the socket holds and a
 // buffer. Its end is the socket's end, its failure a reset. The thread ends with either side; one that waits for a
-// handle that says nothing stays until the process ends.
-UniqueFd CarryFrom(UniqueHandle source);
-// The same towards a handle.
-std::pair<UniqueFd, std::shared_ptr<Carried>> CarryTo(UniqueHandle sink);
+// handle that says nothing stays until the process ends. The function ends the socket's bytes as the handle's end does.
+// Any thread.
+std::pair<UniqueFd, std::function<void()>> CarryFrom(UniqueHandle source);
+// The same towards a handle. `onFailed` is called, on the carrier's thread, when that takes no more.
+std::pair<UniqueFd, std::shared_ptr<Carried>> CarryTo(
+    UniqueHandle sink, std::function<void()> onFailed = [] {});
 
 }  // namespace vel
 

@@ -133,7 +133,7 @@ Process::Process(std::vector<std::string> words) : mHandles(std::make_unique<Han
   RegisterWaitForSingleObject(&mHandles->wait, made.hProcess, &OnEnd, &mHandles->endingFd, INFINITE,
                               WT_EXECUTEONLYONCE);
   mInput = CarryTo(std::move(input.writer)).first;
-  mOutput = CarryFrom(std::move(output.reader));
+  mOutput = CarryFrom(std::move(output.reader)).first;
 }
 
 Process::~Process() {

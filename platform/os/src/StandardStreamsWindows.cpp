@@ -122,8 +122,10 @@ struct StandardPipes::State {
 };
 
 StandardPipes::StandardPipes(int output) : mState(std::make_unique<State>()) {
-  std::tie(mState->out, mState->carried) = CarryTo(CopyOf(output));
-  mState->in = CarryFrom(CopyOf(kStdin));
+  std::function<void()> endInput;
+  std::tie(mState->in, endInput) = CarryFrom(CopyOf(kStdin));
+  // Who takes no output is gone, even when its input still comes: a write to the socket may have been too early to fail.
+  std::tie(mState->out, mState->carried) = CarryTo(CopyOf(output), std::move(endInput));
 }
 
 StandardPipes::~StandardPipes() = default;
