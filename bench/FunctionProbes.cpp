@@ -19,8 +19,12 @@
 namespace vel::bench {
 namespace {
 
-const std::filesystem::path kTracing = "/sys/kernel/tracing";
-const std::filesystem::path kEvents = kTracing / "events/bench";
+std::filesystem::path Tracing() {
+  return "/sys/kernel/tracing";
+}
+std::filesystem::path Events() {
+  return Tracing() / "events/bench";
+}
 
 template <class Record>
 std::vector<Record> Table(const std::string& bytes, std::uint64_t offset, std::uint64_t count) {
@@ -63,13 +67,13 @@ FunctionProbes::FunctionProbes(const std::vector<Probe>& probes) {
     std::array<char, 32> offset{};
     static_cast<void>(std::snprintf(offset.data(), offset.size(), ":0x%llx ",
                                     static_cast<unsigned long long>(OffsetOf(probe.program, probe.symbol))));
-    Write(kTracing / "uprobe_events",
+    Write(Tracing() / "uprobe_events",
           (probe.atReturn ? "r:bench/" : "p:bench/") + probe.event + " " + probe.program + offset.data() + probe.fetch);
   }
-  Write(kTracing / "trace_clock", "mono");
-  Write(kTracing / "trace", "");
-  Write(kEvents / "enable", "1");
-  Write(kTracing / "tracing_on", "1");
+  Write(Tracing() / "trace_clock", "mono");
+  Write(Tracing() / "trace", "");
+  Write(Events() / "enable", "1");
+  Write(Tracing() / "tracing_on", "1");
 }
 
 FunctionProbes::~FunctionProbes() {
@@ -77,9 +81,9 @@ FunctionProbes::~FunctionProbes() {
 }
 
 void FunctionProbes::Remove() {
-  if (std::filesystem::exists(kEvents)) {
-    Write(kEvents / "enable", "0");
-    Write(kTracing / "uprobe_events", "");
+  if (std::filesystem::exists(Events())) {
+    Write(Events() / "enable", "0");
+    Write(Tracing() / "uprobe_events", "");
   }
 }
 
@@ -92,13 +96,14 @@ void FunctionProbes::Write(const std::filesystem::path& file, const std::string&
 
 std::vector<FunctionProbes::Happened> FunctionProbes::Take() const {
   std::vector<Happened> all;
-  std::ifstream stream(kTracing / "trace");
+  std::ifstream stream(Tracing() / "trace");
   // As "  program-205  [001] .....  12.345678: event: (0x55d0c7f2a0) byte=0x12"
   for (std::string line; std::getline(stream, line);) {
     std::array<char, 64> event{};
     Happened happened;
     const std::size_t processor = line.find(" [");
     if (line.starts_with('#') || processor == std::string::npos ||
+        // NOLINTNEXTLINE(cert-err34-c): the kernel's own figures.
         std::sscanf(line.c_str() + processor, " [%*d] %*s %lf: %63[^:]: (%*[^)]) %*[^=]=%i", &happened.time,
                     event.data(), &happened.value) < 2) {
       continue;

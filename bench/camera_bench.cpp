@@ -117,7 +117,7 @@ void Measure(int width, int height, int pictures) {
 
 int main(int argc, char** argv) {
   oskeloLogSetLevel(OSKELO_LOG_OFF);
-  const int pictures = std::max(argc > 1 ? std::atoi(argv[1]) : 300, 1);
+  const int pictures = std::max(argc > 1 ? static_cast<int>(std::strtol(argv[1], nullptr, 10)) : 300, 1);
   std::printf("Milliseconds a picture, %d pictures; p50 / p99.\n\n", pictures);
   std::printf(
       "| size | source to reply | encoder alone | beyond it | processor time | encoder's alone | "

@@ -79,7 +79,7 @@ void Compare(const std::string& name, double goal, int rounds, const Work& ours,
   const double ratio = Percentile(oursTimes, 0.5) / Percentile(yardstickTimes, 0.5);
   std::printf("| %s | %.0f | %.0f | %.2f | %.2f | %s |\n", name.c_str(), Percentile(oursTimes, 0.5),
               Percentile(yardstickTimes, 0.5), ratio, goal, ratio <= goal ? "yes" : "NO");
-  std::fflush(stdout);
+  static_cast<void>(std::fflush(stdout));
 }
 
 // Blocks that together are far larger than the caches, used in turn.
@@ -337,24 +337,18 @@ void BenchLatency() {
   }
 }
 
-}  // namespace
-}  // namespace vel::test
-
-int main(int argc, char** argv) {
-  vel::test::gOnly = argc > 1 ? argv[1] : "";
-  using namespace vel::test;
-  oskeloLogSetLevel(OSKELO_LOG_OFF);
-  av_log_set_level(AV_LOG_QUIET);
+void Run(const char* only) {
+  gOnly = only;
   std::printf("| what | us | yardstick us | ratio | goal | met |\n|---|---|---|---|---|---|\n");
   for (const Size& size : kSizes) {
-    const vel::PixelRowsChoice choice = vel::AvailablePixelRows();
+    const PixelRowsChoice choice = AvailablePixelRows();
     for (std::size_t i = 0; i < choice.count; ++i) {
       BenchUnpacking(size, *choice.versions[i]);
     }
   }
-  BenchPacking("4:2:0", vel::ChromaLayout::k420, 640, 360);
-  BenchPacking("4:2:2", vel::ChromaLayout::k422, 640, 720);
-  BenchPacking("4:4:4", vel::ChromaLayout::k444, 1280, 720);
+  BenchPacking("4:2:0", ChromaLayout::k420, 640, 360);
+  BenchPacking("4:2:2", ChromaLayout::k422, 640, 720);
+  BenchPacking("4:4:4", ChromaLayout::k444, 1280, 720);
   for (const Size& size : kSizes) {
     BenchPipeline(size);
   }
@@ -362,5 +356,14 @@ int main(int argc, char** argv) {
     std::printf("\n| EnqueueFrame to available | p50 us | p99 us |\n|---|---|---|\n");
     BenchLatency();
   }
+}
+
+}  // namespace
+}  // namespace vel::test
+
+int main(int argc, char** argv) {
+  oskeloLogSetLevel(OSKELO_LOG_OFF);
+  av_log_set_level(AV_LOG_QUIET);
+  vel::test::Run(argc > 1 ? argv[1] : "");
   return 0;
 }

@@ -89,7 +89,7 @@ class Way {
     std::uint32_t size = 0;
     if (result != 0 ||
         mDecoder.Decode(mPacket->data, static_cast<std::uint32_t>(mPacket->size), decoded.data(), &size) != 1) {
-      std::fprintf(stderr, "encoder_bench: a picture was held back\n");
+      static_cast<void>(std::fprintf(stderr, "encoder_bench: a picture was held back\n"));
       std::exit(1);
     }
     mBytes += mPacket->size;
@@ -103,7 +103,7 @@ class Way {
     std::printf("| %dx%d, %d threads, %s | %.1f / %.1f | %.2f | %.2f | %.4f |\n", mWidth, mHeight, mThreads,
                 mEncoder.Name().c_str(), bench::Percentile(mTimes, 0.5), bench::Percentile(mTimes, 0.99),
                 8 * mBytes * kPicturesPerSecond / count / kBitRate, mPsnr / count, mSsim / count);
-    std::fflush(stdout);
+    static_cast<void>(std::fflush(stdout));
   }
 
  private:
@@ -146,7 +146,7 @@ void Measure(int width, int height, int pictures) {
 
 int main(int argc, char** argv) {
   oskeloLogSetLevel(OSKELO_LOG_OFF);
-  const int pictures = std::max(argc > 1 ? std::atoi(argv[1]) : 100, 1);
+  const int pictures = std::max(argc > 1 ? static_cast<int>(std::strtol(argv[1], nullptr, 10)) : 100, 1);
   std::printf("| encoder | ms a picture, p50 / p99 | of the bit rate | PSNR, dB | SSIM |\n|---|---|---|---|---|\n");
   for (const auto& [width, height] : {std::array{1920, 1080}, std::array{3840, 2160}}) {
     vel::test::Measure(width, height, pictures);

@@ -210,9 +210,9 @@ void RunAll(int rounds) {
       Measure(FromLoop(bytes), loop);
       Measure(Through(mock, bytes), module);
     }
-    const double moved = static_cast<double>(bytes) * kTransfers;
-    const auto rate = [moved](const Times& times) { return moved / Median(times.streams); };
     if (VIRTUSB_BENCH_THROUGHPUT != 0) {
+      const double moved = static_cast<double>(bytes) * kTransfers;
+      const auto rate = [moved](const Times& times) { return moved / Median(times.streams); };
       std::printf("%6u B  throughput  [MB/s]     %10.2f  %10.2f  %10.2f   %5.1f %% of direct\n", bytes, rate(direct),
                   rate(loop), rate(module), 100 * rate(module) / rate(direct));
     }
@@ -231,7 +231,7 @@ int main(int argc, char** argv) {
   try {
     vel::RunAll(argc > 1 ? static_cast<int>(std::max(1L, std::strtol(argv[1], nullptr, 10))) : 15);
   } catch (const std::exception& error) {
-    std::fprintf(stderr, "libusb_bench: %s (run it under umockdev-wrapper)\n", error.what());
+    static_cast<void>(std::fprintf(stderr, "libusb_bench: %s (run it under umockdev-wrapper)\n", error.what()));
     return 1;
   }
   return 0;

@@ -108,7 +108,7 @@ class Exchange {
 int main(int argc, char** argv) {
   static_cast<void>(std::signal(SIGPIPE, SIG_IGN));
   const std::string file = argc > 1 ? argv[1] : "/tmp/observe_bench.pcapng";
-  const int rounds = argc > 2 ? std::atoi(argv[2]) : 24;
+  const int rounds = argc > 2 ? static_cast<int>(std::strtol(argv[2], nullptr, 10)) : 24;
   const auto library = vel::ModuleLibrary::Load(VIRTUSB_MODULE);
   const vel::StopSignal stop;
   const vel::Listener listener("0", stop);

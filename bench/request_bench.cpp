@@ -243,6 +243,7 @@ int main(int argc, char** argv) {
   arguments.insert(arguments.begin() + 1, {"--benchmark_repetitions=5", "--benchmark_enable_random_interleaving=true",
                                            "--benchmark_report_aggregates_only=true", "--benchmark_min_time=0.3"});
   std::vector<char*> pointers;
+  pointers.reserve(arguments.size());
   for (std::string& argument : arguments) {
     pointers.push_back(argument.data());
   }

@@ -89,11 +89,9 @@ class Client {
               "a transfer failed");
     }
     mBytes += kLarge;
-    if (!mPumps) {
-      mAnswered->set_value();
-    } else if (Clock::now() < mEnd) {
+    if (mPumps && Clock::now() < mEnd) {
       Submit();
-    } else if (--mLeft == 0) {
+    } else if (!mPumps || --mLeft == 0) {
       mAnswered->set_value();
     }
   }

@@ -16,11 +16,13 @@ constexpr std::chrono::seconds kConnectTime{10};
 
 // One question to the resolver, which answers when it likes.
 struct Query {
+  Query(HostPort address, Use forWhat) : of(std::move(address)), use(forWhat) {}
+
   const HostPort of;
   const Use use;
-  const StopSignal answered{};
+  const StopSignal answered;
   std::atomic<bool> isWhole{false};  // Orders the answer before its reader; a pipe alone promises that to nobody.
-  SocketAddresses answer{};
+  SocketAddresses answer;
 };
 
 }  // namespace

@@ -42,7 +42,7 @@ constexpr Settings kSettings[] = {
 
 // A thread for each so many pixels. Fewer take one thread milliseconds, and threads that wait for each other bring
 // little on two processors: 0.8 ms of 6 at 1920x1080, and nothing where others want the processors, too (measured).
-constexpr std::int64_t kPixelsPerThread = 1920 * 1080;
+constexpr std::int64_t kPixelsPerThread = std::int64_t{1920} * 1080;
 // Slices cost quality, about 0.15 dB at this number, and the client's other work its processors.
 constexpr unsigned kMaxThreads = 4;
 

@@ -72,9 +72,10 @@ class PixelConversion : public testing::TestWithParam<const PixelRows*> {
 
 TEST_P(PixelConversion, PackedToPlanarTakesChromaOfOddRowsAndToSemiPlanarOfEvenOnes) {
   ForEverySize([](int width, int height, int gap) {
-    const Bytes packed = RandomBytes(static_cast<std::size_t>(width * height * 2));
+    const Bytes packed =
+        RandomBytes(std::size_t{2} * static_cast<std::size_t>(width) * static_cast<std::size_t>(height));
     const auto at = [&](int x, int row, int byte) {
-      return packed[static_cast<std::size_t>((row * width + x) * 2 + byte)];
+      return *(packed.begin() + (std::ptrdiff_t{row} * width + x) * 2 + byte);
     };
     Plane y(width, height, gap), u(width / 2, height / 2, gap), v(width / 2, height / 2, gap);
     Plane uv(width / 2 * 2, height / 2, gap);
