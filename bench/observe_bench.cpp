@@ -15,8 +15,8 @@
 #include <vector>
 
 #include "Percentile.h"
-#include "cmd/Listener.h"
-#include "cmd/Server.h"
+#include "cmd/serve/Listener.h"
+#include "cmd/serve/Server.h"
 #include "observe/ObservedChannel.h"
 #include "remote/FdStream.h"
 #include "remote/RequestBuilder.h"

@@ -12,7 +12,7 @@
 
 #include "GuestBench.h"
 #include "Percentile.h"
-#include "cmd/DeviceChannel.h"
+#include "cmd/devices/DeviceChannel.h"
 #include "remote/RequestBuilder.h"
 
 namespace {

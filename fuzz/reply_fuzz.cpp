@@ -13,8 +13,8 @@
 #include <utility>
 
 #include "Require.h"
-#include "cmd/Enumeration.h"
 #include "cmd/describe/DescriptorText.h"
+#include "cmd/describe/Enumeration.h"
 #include "cmd/stream/GuestCamera.h"
 #include "cmd/stream/PictureBytes.h"
 #include "protocol/ByteReader.h"

@@ -6,14 +6,14 @@
 #include <utility>
 #include <vector>
 
-#include "cmd/AttachedDevice.h"
-#include "cmd/Commands.h"
-#include "cmd/DeviceChannel.h"
-#include "cmd/FarDevices.h"
 #include "cmd/Observing.h"
-#include "cmd/Output.h"
-#include "cmd/Retry.h"
-#include "cmd/Signals.h"
+#include "cmd/console/Commands.h"
+#include "cmd/console/Output.h"
+#include "cmd/console/Signals.h"
+#include "cmd/devices/DeviceChannel.h"
+#include "cmd/serve/AttachedDevice.h"
+#include "cmd/serve/FarDevices.h"
+#include "cmd/serve/Retry.h"
 #include "far/FarDevice.h"
 #include "far/Vhci.h"
 

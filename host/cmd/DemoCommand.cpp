@@ -7,11 +7,11 @@
 #include <span>
 #include <string>
 
-#include "cmd/Commands.h"
-#include "cmd/Devices.h"
-#include "cmd/Output.h"
-#include "cmd/UsbNames.h"
+#include "cmd/console/Commands.h"
+#include "cmd/console/Output.h"
 #include "cmd/describe/DescriptorText.h"
+#include "cmd/describe/UsbNames.h"
+#include "cmd/devices/Devices.h"
 #include "protocol/IsoTable.h"
 #include "remote/ModuleChannel.h"
 #include "remote/RemoteDevice.h"

@@ -7,15 +7,15 @@
 #include <string>
 #include <utility>
 
-#include "cmd/AutoExport.h"
-#include "cmd/Commands.h"
-#include "cmd/DeviceFilter.h"
-#include "cmd/Devices.h"
-#include "cmd/FarDevices.h"
-#include "cmd/Listener.h"
 #include "cmd/Observing.h"
-#include "cmd/Output.h"
-#include "cmd/Signals.h"
+#include "cmd/console/Commands.h"
+#include "cmd/console/Output.h"
+#include "cmd/console/Signals.h"
+#include "cmd/devices/DeviceFilter.h"
+#include "cmd/devices/Devices.h"
+#include "cmd/serve/AutoExport.h"
+#include "cmd/serve/FarDevices.h"
+#include "cmd/serve/Listener.h"
 #include "far/UsbipServer.h"
 #include "remote/ModuleLibrary.h"
 #include "remote/StopWatcher.h"

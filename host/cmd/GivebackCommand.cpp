@@ -2,10 +2,10 @@
 #include <stdexcept>
 #include <string>
 
-#include "cmd/Commands.h"
-#include "cmd/DeviceHold.h"
-#include "cmd/Devices.h"
-#include "cmd/Output.h"
+#include "cmd/console/Commands.h"
+#include "cmd/console/Output.h"
+#include "cmd/devices/DeviceHold.h"
+#include "cmd/devices/Devices.h"
 
 namespace vel {
 

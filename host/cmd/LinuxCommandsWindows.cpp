@@ -1,8 +1,8 @@
 #include <CLI/CLI.hpp>
 #include <cstddef>
 
-#include "cmd/Commands.h"
-#include "cmd/Devices.h"
+#include "cmd/console/Commands.h"
+#include "cmd/devices/Devices.h"
 
 namespace vel {
 namespace {

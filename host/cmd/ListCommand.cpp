@@ -7,12 +7,12 @@
 #include <string>
 #include <vector>
 
-#include "cmd/Commands.h"
-#include "cmd/DeviceFilter.h"
-#include "cmd/Devices.h"
-#include "cmd/Output.h"
-#include "cmd/SystemDevices.h"
-#include "cmd/UsbNames.h"
+#include "cmd/console/Commands.h"
+#include "cmd/console/Output.h"
+#include "cmd/describe/UsbNames.h"
+#include "cmd/devices/DeviceFilter.h"
+#include "cmd/devices/Devices.h"
+#include "cmd/devices/SystemDevices.h"
 
 namespace vel {
 namespace {

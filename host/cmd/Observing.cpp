@@ -7,8 +7,8 @@
 #include <stdexcept>
 #include <utility>
 
-#include "cmd/Devices.h"
-#include "cmd/Output.h"
+#include "cmd/console/Output.h"
+#include "cmd/devices/Devices.h"
 
 namespace vel {
 namespace {

@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "cmd/Commands.h"
+#include "cmd/console/Commands.h"
 #include "observe/Observer.h"
 
 namespace vel {

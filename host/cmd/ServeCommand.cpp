@@ -5,15 +5,15 @@
 #include <stdexcept>
 #include <string>
 
-#include "cmd/Commands.h"
-#include "cmd/DevicePresence.h"
-#include "cmd/Devices.h"
-#include "cmd/Listener.h"
 #include "cmd/Observing.h"
-#include "cmd/Output.h"
-#include "cmd/Reception.h"
-#include "cmd/Server.h"
-#include "cmd/Signals.h"
+#include "cmd/console/Commands.h"
+#include "cmd/console/Output.h"
+#include "cmd/console/Signals.h"
+#include "cmd/devices/Devices.h"
+#include "cmd/serve/DevicePresence.h"
+#include "cmd/serve/Listener.h"
+#include "cmd/serve/Reception.h"
+#include "cmd/serve/Server.h"
 #include "os/StandardStreams.h"
 #include "remote/FdStream.h"
 #include "remote/TlsContext.h"

@@ -9,13 +9,13 @@
 #include <utility>
 #include <vector>
 
-#include "cmd/Commands.h"
-#include "cmd/DeviceChannel.h"
-#include "cmd/Devices.h"
 #include "cmd/Observing.h"
-#include "cmd/Output.h"
-#include "cmd/Signals.h"
-#include "cmd/UsbNames.h"
+#include "cmd/console/Commands.h"
+#include "cmd/console/Output.h"
+#include "cmd/console/Signals.h"
+#include "cmd/describe/UsbNames.h"
+#include "cmd/devices/DeviceChannel.h"
+#include "cmd/devices/Devices.h"
 #include "cmd/stream/GuestCamera.h"
 #include "cmd/stream/PictureBytes.h"
 #include "cmd/stream/PictureFile.h"

@@ -7,10 +7,10 @@
 #include <string>
 #include <vector>
 
-#include "cmd/Commands.h"
-#include "cmd/Devices.h"
-#include "cmd/ModuleLog.h"
-#include "cmd/Output.h"
+#include "cmd/console/Commands.h"
+#include "cmd/console/ModuleLog.h"
+#include "cmd/console/Output.h"
+#include "cmd/devices/Devices.h"
 #include "os/Process.h"
 #include "os/Program.h"
 #include "os/StandardStreams.h"

@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <utility>
 
-#include "cmd/Output.h"
-#include "cmd/UsbNames.h"
+#include "cmd/console/Output.h"
+#include "cmd/describe/UsbNames.h"
 
 namespace vel {
 namespace {

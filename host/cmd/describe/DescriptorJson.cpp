@@ -1,6 +1,6 @@
-#include "cmd/UsbNames.h"
 #include "cmd/describe/DecodedDescriptor.h"
 #include "cmd/describe/DescriptorText.h"
+#include "cmd/describe/UsbNames.h"
 
 namespace vel {
 namespace {

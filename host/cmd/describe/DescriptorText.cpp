@@ -2,9 +2,9 @@
 
 #include <cstdlib>
 
-#include "cmd/Output.h"
-#include "cmd/UsbNames.h"
+#include "cmd/console/Output.h"
 #include "cmd/describe/DecodedDescriptor.h"
+#include "cmd/describe/UsbNames.h"
 
 namespace vel {
 namespace {

@@ -5,7 +5,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "cmd/Enumeration.h"
+#include "cmd/describe/Enumeration.h"
 
 namespace vel {
 

@@ -9,8 +9,8 @@
 #include <utility>
 #include <vector>
 
-#include "cmd/Enumeration.h"
-#include "cmd/Output.h"
+#include "cmd/console/Output.h"
+#include "cmd/describe/Enumeration.h"
 
 namespace vel {
 namespace {

@@ -1,0 +1,34 @@
+#include <CLI/CLI.hpp>
+#include <memory>
+
+#include "cmd/console/Commands.h"
+#include "cmd/console/Output.h"
+#include "cmd/console/Signals.h"
+#include "cmd/describe/DescriptorText.h"
+#include "cmd/devices/DeviceChannel.h"
+#include "remote/RemoteDevice.h"
+#include "remote/StopWatcher.h"
+
+namespace vel {
+
+Subcommand AddDescribe(CLI::App& app, CommonOptions& common) {
+  CLI::App* const line =
+      app.add_subcommand("describe", "Enumerate a device as a guest would and print its descriptors");
+  AddAnyDevice(*line, common);
+  AddJson(*line, common);
+  return {line, [&common] {
+            const CaughtSignals signals;
+            return RunDescribe(common, signals.Stop());
+          }};
+}
+
+int RunDescribe(const CommonOptions& common, const StopSignal& stop) {
+  RemoteDevice remote(OpenDevice(common.device, common, stop));
+  const StopWatcher cutOff(stop, [&remote] { remote.Interrupt(); });
+  const Enumeration found = Enumerate(remote);
+  remote.Status(Command::kCloseUsbDev);
+  Print(common.json ? DescriptorJson(found).dump(2) + "\n" : DescriptorText(found));
+  return 0;
+}
+
+}  // namespace vel

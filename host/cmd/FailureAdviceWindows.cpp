@@ -1,7 +1,0 @@
-#include "cmd/FailureAdvice.h"
-
-namespace vel {
-
-void AdviseOnce(std::string_view /*line*/) {}  // The system sets no such limits.
-
-}  // namespace vel

@@ -1,0 +1,119 @@
+#ifndef VIRTUSB_HOST_CMD_DEVICES_LOCAL_DEVICES_H
+#define VIRTUSB_HOST_CMD_DEVICES_LOCAL_DEVICES_H
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <libusb-1.0/libusb.h>
+
+#include "remote/ModuleSession.h"
+
+namespace vel {
+
+struct LibusbContextDeleter {
+  void operator()(libusb_context* context) const { libusb_exit(context); }
+};
+using LibusbContextHandle = std::unique_ptr<libusb_context, LibusbContextDeleter>;
+
+// What a device or an interface says it is.
+struct UsbClass {
+  std::uint8_t code = 0;
+  std::uint8_t subclass = 0;
+  std::uint8_t protocol = 0;
+};
+
+// A device that is plugged into this machine.
+struct LocalDevice {
+  struct Interface {
+    std::uint8_t number = 0;
+    UsbClass usbClass;  // Of its first setting.
+  };
+
+  DeviceIdentity identity;
+  std::string port;           // Bus and the ports on the way, as in "1-4.2": stays the same when the device returns.
+  std::uint16_t version = 0;  // bcdDevice
+  UsbClass usbClass;
+  std::vector<Interface> interfaces;  // Of the active configuration, of the first one when none is; in order.
+  bool imported = false;              // Another machine's, by USB/IP.
+  int speed = 0;                      // enum libusb_speed
+  int openError = 0;                  // LIBUSB_ERROR_ACCESS where this user may not open it; 0 where it was not tried.
+  std::string manufacturer;           // As far as the device can be opened.
+  std::string product;
+};
+
+// All but hubs, in the order of bus and address, from what the kernel knows of them: openError and the texts stay
+// empty. Throws std::runtime_error when the machine's USB cannot be looked at.
+std::vector<LocalDevice> PluggedDevices();
+// The same, and opens each device for a moment for the rest.
+std::vector<LocalDevice> LocalDevices();
+
+// BUS:ADDRESS, as the command line takes it.
+std::string Place(const DeviceIdentity& identity);
+
+// Whether these are one device that has not left meanwhile.
+bool AreSamePlace(const DeviceIdentity& one, const DeviceIdentity& other);
+bool Contains(const std::vector<DeviceIdentity>& devices, const DeviceIdentity& device);
+
+// Which local device is meant: a place, or ids that may turn up at any place.
+struct LocalSelector {
+  std::optional<std::uint8_t> bus;
+  std::optional<std::uint8_t> address;
+  std::optional<std::uint16_t> vendorId;
+  std::optional<std::uint16_t> productId;
+
+  bool Matches(const DeviceIdentity& identity) const;
+};
+
+// Where this device is now; nothing when it is not there. Throws std::runtime_error, with a text for people, when it is
+// a hub, or several devices are meant.
+std::optional<DeviceIdentity> FindLocalDevice(const LocalSelector& selector);
+
+// libusb's error when the device is opened for a moment, 0 when there is none.
+int TryToOpen(const DeviceIdentity& identity);
+
+// The value of its configuration, 0 when it has none; nothing when it is not there.
+std::optional<int> ActiveConfiguration(const DeviceIdentity& identity);
+
+// Tells when the selected devices arrive or leave. The callbacks come on the watch's own thread, and for devices that
+// are there already once at the start, on its maker's. Something that is known may be told again.
+class DeviceWatch {
+ public:
+  struct Callbacks {
+    std::function<void(const DeviceIdentity&)> onArrived;
+    std::function<void(const DeviceIdentity&)> onLeft;
+  };
+
+  // Throws std::runtime_error when devices cannot be watched on this machine.
+  DeviceWatch(const LocalSelector& selector, Callbacks callbacks);
+  DeviceWatch(const DeviceWatch&) = delete;
+  DeviceWatch& operator=(const DeviceWatch&) = delete;
+  // No callback comes after it. Not from a callback.
+  ~DeviceWatch();
+
+ private:
+  static int LIBUSB_CALL OnHotplug(libusb_context* context, libusb_device* device, libusb_hotplug_event event,
+                                   void* self);
+  // Asks to be told of devices.
+  void Register();
+  void HandleEvents();
+  void LookForChange();
+
+  const LocalSelector mSelector;
+  const Callbacks mCallbacks;
+  LibusbContextHandle mContext;
+  const bool mIsTold;  // Otherwise it looks for them every second.
+  libusb_hotplug_callback_handle mHotplug = 0;
+  std::atomic<bool> mStopped{false};
+  std::vector<DeviceIdentity> mSeen;  // For LookForChange; the watch's thread and, before that, its maker's.
+  std::thread mThread;
+};
+
+}  // namespace vel
+
+#endif
