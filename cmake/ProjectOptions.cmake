@@ -40,6 +40,16 @@ endif()
 
 # What is distributed is hardened as the distribution's own programs are.
 if(CMAKE_SYSTEM_NAME STREQUAL "Linux" AND CMAKE_BUILD_TYPE STREQUAL "Release")
-  add_compile_options(-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2 -fstack-protector-strong)
+  add_compile_options(-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2 -fstack-protector-strong -fno-plt)
   add_link_options(-Wl,-z,relro,-z,now)
+  # The module is optimised as a whole: a request crosses a dozen files in 100 ns.
+  include(CheckIPOSupported)
+  check_ipo_supported(RESULT VIRTUSB_WHOLE_MODULE LANGUAGES CXX)
 endif()
+
+# Lets the linker optimise a target of the module together with the others, in what is distributed.
+function(virtusb_optimise_whole target)
+  if(VIRTUSB_WHOLE_MODULE)
+    set_target_properties(${target} PROPERTIES INTERPROCEDURAL_OPTIMIZATION ON)
+  endif()
+endfunction()
