@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <array>
-#include <atomic>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -35,11 +34,6 @@ int LevelFromEnvironment() {
   return level < 0 ? OSKELO_LOG_WARN : level;
 }
 
-std::atomic<int>& Level() {
-  static std::atomic<int> level{LevelFromEnvironment()};
-  return level;
-}
-
 // Read by every line, written by oskeloLogSetSink: the writer waits for the lines that are under way.
 struct Sink {
   std::shared_mutex mutex;
@@ -67,9 +61,8 @@ spdlog::logger& StandardError() {
 
 extern "C" {
 
-int oskeloLogIsOn(int level) {
-  return level >= Level().load(std::memory_order_relaxed) && level < OSKELO_LOG_OFF ? 1 : 0;
-}
+// Read before the programs and libraries that use it begin.
+int oskeloLogCurrentLevel = LevelFromEnvironment();
 
 // Nothing leaves it but the result: it is called from C and from destructors. A line that there is no memory for is
 // lost.
@@ -104,11 +97,11 @@ int oskeloLogPrint(int /*id*/, int level, const char* tag, const char* format, .
 }
 
 void oskeloLogSetLevel(int level) {
-  Level().store(std::clamp<int>(level, OSKELO_LOG_DEBUG, OSKELO_LOG_OFF), std::memory_order_relaxed);
+  __atomic_store_n(&oskeloLogCurrentLevel, std::clamp<int>(level, OSKELO_LOG_DEBUG, OSKELO_LOG_OFF), __ATOMIC_RELAXED);
 }
 
 int oskeloLogGetLevel(void) {
-  return Level().load(std::memory_order_relaxed);
+  return __atomic_load_n(&oskeloLogCurrentLevel, __ATOMIC_RELAXED);
 }
 
 int oskeloLogLevelByName(const char* name) {

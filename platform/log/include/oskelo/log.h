@@ -37,8 +37,13 @@ enum OskeloLogLevel {
 // text is cut at 4095 bytes. Returns 1 when the line was written, 0 when its level is off.
 OSKELO_LOG_EXPORT int oskeloLogPrint(int id, int level, const char* tag, const char* format, ...) OSKELO_LOG_PRINTF;
 
+// The level, for oskeloLogIsOn alone: written by the library only.
+extern OSKELO_LOG_EXPORT int oskeloLogCurrentLevel;
+
 // 1 when a line of this level would be written. One relaxed load: made for guarding costly arguments.
-OSKELO_LOG_EXPORT int oskeloLogIsOn(int level);
+static inline int oskeloLogIsOn(int level) {
+  return level >= __atomic_load_n(&oskeloLogCurrentLevel, __ATOMIC_RELAXED) && level < OSKELO_LOG_OFF;
+}
 
 // Changes the level, effective at once; a value outside the enumeration is clamped into it.
 OSKELO_LOG_EXPORT void oskeloLogSetLevel(int level);
