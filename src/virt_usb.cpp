@@ -165,12 +165,8 @@ int VirtUsb::EventHandler(std::unique_ptr<VelPacket> packet) noexcept {
     cost = QueuedCost(*packet);
     budget.Add(cost);
   }
-  struct Call {  // Small and trivial: std::function keeps it without an allocation.
-    VirtUsb* session;
-    const HandlerEntry* entry;
-  };
-  const Call call{this, entry};
-  auto run = [call](PacketPtr request) { return call.session->Handle(*call.entry, std::move(request)); };
+  // Small and trivial: std::function keeps it without an allocation.
+  const auto run = [this, entry](PacketPtr request) { return Handle(*entry, std::move(request)); };
   std::unique_ptr<Message> task(new (std::nothrow) TransferTaskMessageA(run, std::move(packet)));
   if (mLooper->PostMessageAAA(std::move(task)) != 0) {
     budget.Return(cost);

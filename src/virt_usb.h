@@ -34,8 +34,11 @@ class TransferTaskMessageA : public Message {
  public:
   using Function = std::function<int(std::unique_ptr<VelPacket>)>;
 
-  TransferTaskMessageA(Function function, std::unique_ptr<VelPacket> packet)
-      : mFunction(std::move(function)), mPacket(std::move(packet)) {}
+  // The function is made of `handler` where it stays: moved here it would be read in one piece right after it was
+  // written in two, which stalls the processor.
+  template <class Handler>
+  TransferTaskMessageA(const Handler& handler, std::unique_ptr<VelPacket> packet)
+      : mFunction(handler), mPacket(std::move(packet)) {}
 
   // The function lets nothing through.
   void HandleMessage() noexcept override { mFunction(std::move(mPacket)); }
