@@ -29,8 +29,8 @@ BenchDevice::~BenchDevice() {
 }
 
 int BenchDevice::Send(std::unique_ptr<VelPacket> /*packet*/, std::uint32_t /*waitMs*/) {
-  if (mOnReply) {
-    mReplies.fetch_add(1, std::memory_order_acq_rel);
+  if (mOnReply) {  // On one thread: the count needs no locked step.
+    mReplies.store(mReplies.load(std::memory_order_relaxed) + 1, std::memory_order_release);
     mOnReply();
     return 0;
   }
