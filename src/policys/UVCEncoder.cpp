@@ -17,6 +17,7 @@ extern "C" {
 #include "base/VelLog.h"
 #include "pixel/PixelConvert.h"
 #include "policys/Encoder/FFmpegEncoder.h"
+#include "vel/Processors.h"
 
 namespace vel {
 namespace {
@@ -47,7 +48,7 @@ constexpr std::int64_t kPixelsPerThread = std::int64_t{1920} * 1080;
 constexpr unsigned kMaxThreads = 4;
 
 std::int32_t ThreadsFor(int width, int height) {
-  const std::int64_t most = std::clamp(std::thread::hardware_concurrency(), 1U, kMaxThreads);
+  const std::int64_t most = std::min(UsableProcessors(), kMaxThreads);
   return static_cast<std::int32_t>(std::clamp(std::int64_t{width} * height / kPixelsPerThread, std::int64_t{1}, most));
 }
 

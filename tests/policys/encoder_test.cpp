@@ -6,7 +6,6 @@
 #include <numeric>
 #include <string>
 #include <string_view>
-#include <thread>
 #include <vector>
 
 extern "C" {
@@ -22,6 +21,7 @@ extern "C" {
 #include "support/Collected.h"
 #include "support/Limits.h"
 #include "support/Scene.h"
+#include "vel/Processors.h"
 
 namespace {
 
@@ -146,7 +146,7 @@ INSTANTIATE_TEST_SUITE_P(EachSetting, EncoderStream,
 TEST(FFmpegEncoderTest, CutsLargePicturesIntoSlicesAndHoldsNoneBack) {
   UVCEncoder encoder;
   ASSERT_EQ(encoder.Init(UVC_ENCODER_TYPE_H264, 3840, 2160, nullptr, nullptr), 0);
-  const std::ptrdiff_t threads = std::clamp(std::thread::hardware_concurrency(), 1U, 4U);
+  const std::ptrdiff_t threads = std::min(UsableProcessors(), 4U);
   Bytes unit(std::size_t{3840} * 2160 * 2);
   for (const int type : {5, 1}) {
     std::uint32_t size = 0;

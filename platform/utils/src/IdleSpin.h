@@ -5,10 +5,9 @@
 #include <chrono>
 #include <thread>
 
-namespace vel {
+#include "vel/Processors.h"
 
-// The processors that this process may use at a time: at most its affinity, at most its control group's share.
-unsigned UsableProcessors();
+namespace vel {
 
 // What a thread does between two looks: leaves its core's units to the other thread there. Nothing where that is
 // unknown.
