@@ -1,6 +1,7 @@
 // What the camera path costs beside the encoder: the time from a picture that is complete at its
 // source to the reply that is sent, and processor time, against an encoder alone on the same
-// pictures, in turns within one run. `camera_bench [PICTURES]`, 30 a second.
+// pictures, in turns within one run; and beside that, what waking a thread takes here, since a
+// picture wakes the encoder's. `camera_bench [PICTURES]`, 30 a second.
 #include <ctime>
 
 #include <algorithm>
@@ -65,6 +66,50 @@ class Replies {
   int mAwaited VEL_GUARDED_BY(mMutex) = 0;
 };
 
+// A thread that sleeps between two pictures, as the encoder's does.
+class Sleeper {
+ public:
+  ~Sleeper() {
+    {
+      const vel::MutexLock lock(mMutex);
+      mStop = true;
+      mChanged.NotifyAll();
+    }
+    mThread.join();
+  }
+  // How long it takes until the thread runs.
+  Clock::duration Wake() {
+    const auto begin = Clock::now();
+    vel::MutexLock lock(mMutex);
+    mAsked = true;
+    mChanged.NotifyAll();
+    while (mAsked) {
+      mChanged.Wait(lock);
+    }
+    return mRan - begin;
+  }
+
+ private:
+  void Run() {
+    vel::MutexLock lock(mMutex);
+    while (!mStop) {
+      if (mAsked) {
+        mRan = Clock::now();
+        mAsked = false;
+        mChanged.NotifyAll();
+      }
+      mChanged.Wait(lock);
+    }
+  }
+
+  vel::Mutex mMutex;
+  vel::CondVar mChanged;
+  Clock::time_point mRan VEL_GUARDED_BY(mMutex);
+  bool mAsked VEL_GUARDED_BY(mMutex) = false;
+  bool mStop VEL_GUARDED_BY(mMutex) = false;
+  std::thread mThread{[this] { Run(); }};
+};
+
 void Measure(int width, int height, int pictures) {
   const vel::test::Scene scene(width, height);
   std::vector<Bytes> drawn;
@@ -78,9 +123,11 @@ void Measure(int width, int height, int pictures) {
     std::exit(1);
   }
   Bytes unit(drawn[0].size());
+  Sleeper sleeper;
   std::vector<double> latency;
   std::vector<double> encoding;
   std::vector<double> beyond;
+  std::vector<double> waking;
   double pathCpu = 0;
   double encoderCpu = 0;
   auto due = Clock::now();
@@ -105,11 +152,14 @@ void Measure(int width, int height, int pictures) {
     latency.push_back(Milliseconds(sent - begin));
     encoding.push_back(Milliseconds(encodeEnd - encodeBegin));
     beyond.push_back(latency.back() - encoding.back());
+    std::this_thread::sleep_until(due + 3 * kBetweenPictures / 4);
+    waking.push_back(Milliseconds(sleeper.Wake()));
   }
-  std::printf("| %dx%d | %.2f / %.2f | %.2f / %.2f | %.2f / %.2f | %.2f | %.2f | %.2f |\n", width, height,
+  std::printf("| %dx%d | %.2f / %.2f | %.2f / %.2f | %.2f / %.2f | %.2f / %.2f | %.2f | %.2f | %.2f |\n", width, height,
               vel::bench::Percentile(latency, 0.5), vel::bench::Percentile(latency, 0.99),
               vel::bench::Percentile(encoding, 0.5), vel::bench::Percentile(encoding, 0.99),
-              vel::bench::Percentile(beyond, 0.5), vel::bench::Percentile(beyond, 0.99), pathCpu / pictures,
+              vel::bench::Percentile(beyond, 0.5), vel::bench::Percentile(beyond, 0.99),
+              vel::bench::Percentile(waking, 0.5), vel::bench::Percentile(waking, 0.99), pathCpu / pictures,
               encoderCpu / pictures, pathCpu / encoderCpu);
 }
 
@@ -120,9 +170,9 @@ int main(int argc, char** argv) {
   const int pictures = std::max(argc > 1 ? static_cast<int>(std::strtol(argv[1], nullptr, 10)) : 300, 1);
   std::printf("Milliseconds a picture, %d pictures; p50 / p99.\n\n", pictures);
   std::printf(
-      "| size | source to reply | encoder alone | beyond it | processor time | encoder's alone | "
+      "| size | source to reply | encoder alone | beyond it | waking a thread | processor time | encoder's alone | "
       "ratio |\n"
-      "|---|---|---|---|---|---|---|\n");
+      "|---|---|---|---|---|---|---|---|\n");
   for (const auto& [width, height] :
        {std::array{640, 480}, std::array{1280, 720}, std::array{1920, 1080}, std::array{3840, 2160}}) {
     Measure(width, height, pictures);

@@ -64,6 +64,7 @@ TABLES = {
     "camera": ("camera_bench", "size", {size: size for size in ("640x480", "1280x720", "1920x1080", "3840x2160")}, {
         "source to reply": ["source to reply #1", "source to reply #2"],
         "encoder alone": ["encoder alone #1", "encoder alone #2"], "beyond it": ["beyond it #1", "beyond it #2"],
+        "waking a thread": ["waking a thread #1", "waking a thread #2"],
         "processor time": ["processor time"], "encoder's alone": ["encoder's alone"],
     }),
 }
