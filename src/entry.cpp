@@ -4,6 +4,7 @@
 #include <memory>
 
 #include "VirtUsbDriver.h"
+#include "base/HeapReuse.h"
 #include "base/VelLog.h"
 
 extern "C" {
@@ -12,6 +13,7 @@ vel::VelDriver* virtusb_open(vel::VelDeviceBase* deviceBase) noexcept {
   VEL_DEVICE_DEBUG(deviceBase, "enter");
   try {
     VEL_DEVICE_DEBUG(deviceBase, "if enter");
+    vel::LetHeapKeepFreed();
     auto driver = std::make_unique<vel::VirtUsbDriver>(deviceBase);
     return driver->Init() == -1 ? nullptr : driver.release();
   } catch (const std::exception& error) {

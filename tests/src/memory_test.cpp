@@ -1,4 +1,4 @@
-// No memory and no thread: what was asked is answered or dropped, and nothing ends.
+// No memory and no thread: what was asked is answered or dropped, and nothing ends. And what is done with the memory.
 
 #include <algorithm>
 #include <array>
@@ -19,6 +19,7 @@
 #include "support/FailingMemory.h"
 #include "support/FakeDeviceBase.h"
 #include "support/Heap.h"
+#include "support/Limits.h"
 #include "support/NoThreads.h"
 #include "vel/VelDriver.h"
 
@@ -72,6 +73,20 @@ class Memory : public ::testing::Test {
   const CapturingLog mLog{OSKELO_LOG_OFF};
   Device mDevice{0xFF01};  // A keyboard, on which interrupt transfers stay pending.
 };
+
+// The first: what the others leave could be room enough.
+TEST_F(Memory, WhatTransfersHaveFreedStaysForTheNext) {
+  if (test::HeapRoom() == 0 || kSanitized) {
+    GTEST_SKIP() << "another allocator";
+  }
+  const std::unique_ptr<VelDriver> driver(virtusb_open(&mDevice));
+  const std::size_t before = test::HeapRoom();
+  std::vector<std::vector<std::uint8_t>> blocks(64, std::vector<std::uint8_t>(kDataBytes));
+  const std::size_t room = test::HeapRoom();
+  blocks.clear();
+  EXPECT_GT(room, before);
+  EXPECT_GE(test::HeapRoom(), room);
+}
 
 TEST_F(Memory, WithoutItARequestIsRefusedAndTheNextIsCarriedOut) {
   const std::unique_ptr<VelDriver> driver(virtusb_open(&mDevice));

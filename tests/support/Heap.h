@@ -11,6 +11,10 @@ namespace vel::test {
 inline void FillFreshMemory(bool fill) {
   mallopt(M_PERTURB, fill ? 0x5A : 0);
 }
+// What the heap has of the system, free or not, without the blocks that are mapped by themselves.
+inline std::size_t HeapRoom() {
+  return mallinfo2().arena;
+}
 // What is allocated.
 inline std::size_t HeapBytes() {
   return mallinfo2().uordblks;

@@ -9,6 +9,9 @@ namespace vel::test {
 
 // Stands in for the one of other systems: nothing fills memory here.
 inline void FillFreshMemory(bool /*fill*/) {}
+inline std::size_t HeapRoom() {
+  return 0;  // Not known.
+}
 // What is allocated.
 inline std::size_t HeapBytes() {
   std::size_t bytes = 0;
