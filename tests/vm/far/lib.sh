@@ -20,6 +20,17 @@ detach() {
   attached=
   await "the ports to be free" ports_free
 }
+# import NUMBER...: exported devices by the guest's own client. It fails while another one has its address already and is not
+# in sysfs yet.
+import() {
+  for number in "$@"; do
+    imported=$(($(count_imported) + 1))
+    usbip attach -r 127.0.0.1 -b "1-$number"
+    await "1-$number on the bus" is_imported
+  done
+}
+count_imported() { find /sys/devices/platform/vhci_hcd.*/usb*/ -mindepth 2 -maxdepth 2 -name idVendor | wc -l; }
+is_imported() { [ "$(count_imported)" = $imported ]; }
 ports_free() { [ ! "$(ports_of 006)" ]; }
 
 # What the drivers of the keyboard, the printer and the serial adapters do with their devices.

@@ -14,8 +14,7 @@ zero=$(place_of 0525:a4a0)
 $VIRTUSB --module $VIRTUSB_MODULE export camera "$zero" 2>$said &
 exporter=$!
 await "the service" grep -q '^serving 2 devices' $said
-usbip attach -r 127.0.0.1 -b 1-1
-usbip attach -r 127.0.0.1 -b 1-2
+import 1 2
 await "uvcvideo" has_driver ff00:fffe 1 uvcvideo
 record_on
 kill -KILL $exporter
