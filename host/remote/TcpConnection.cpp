@@ -4,9 +4,9 @@
 #include <chrono>
 #include <memory>
 #include <stdexcept>
-#include <thread>
 #include <utility>
 
+#include "os/DetachedThread.h"
 #include "remote/StopWatcher.h"
 
 namespace vel {
@@ -52,11 +52,11 @@ SocketAddresses LookUp(const HostPort& address, Use use, const StopSignal& stop)
   }
   // Nothing interrupts the resolver: one that has not answered then is left alone with its question.
   const auto query = std::make_shared<Query>(address, use);
-  std::thread([query] {
+  StartDetached([query] {
     query->answer = Resolve(query->of.host, query->of.port, query->use, Resolving::kNames);
     query->isWhole.store(true, std::memory_order_release);
     query->answered.Raise();
-  }).detach();
+  });
   if (!stop.WaitFor(query->answered.Fd(), kReadable) || !query->isWhole.load(std::memory_order_acquire)) {
     throw Interrupted();
   }

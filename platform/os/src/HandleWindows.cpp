@@ -1,10 +1,10 @@
 #include "HandleWindows.h"
 
 #include "NetWindows.h"
+#include "os/DetachedThread.h"
 
 #include <algorithm>
 #include <array>
-#include <thread>
 
 namespace vel {
 namespace {
@@ -87,21 +87,21 @@ std::pair<UniqueFd, std::function<void()>> CarryFrom(UniqueHandle source) {
       shutdown(open->Get(), SD_SEND);
     }
   };
-  std::thread([source = std::move(source), to = std::move(to)] { ReadFrom(source, *to); }).detach();
+  StartDetached([source = std::move(source), to = std::move(to)] { ReadFrom(source, *to); });
   return {std::move(reader), std::move(end)};
 }
 
 std::pair<UniqueFd, std::shared_ptr<Carried>> CarryTo(UniqueHandle sink, std::function<void()> onFailed) {
   auto [reader, writer] = MakePipe();
   auto carried = std::make_shared<Carried>();
-  std::thread([sink = std::move(sink), from = std::move(reader), carried, onFailed = std::move(onFailed)]() mutable {
+  StartDetached([sink = std::move(sink), from = std::move(reader), carried, onFailed = std::move(onFailed)]() mutable {
     carried->failed = !WriteTo(sink, std::move(from), carried->bytes);
     if (carried->failed) {
       onFailed();
     }
     sink = UniqueHandle();
     PutByte(carried->ending.Get());
-  }).detach();
+  });
   return {std::move(writer), std::move(carried)};
 }
 
