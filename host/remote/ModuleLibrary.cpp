@@ -1,6 +1,5 @@
 #include "remote/ModuleLibrary.h"
 
-#include <array>
 #include <filesystem>
 #include <stdexcept>
 
@@ -8,11 +7,6 @@
 #include "os/Program.h"
 
 namespace vel {
-namespace {
-
-constexpr char kModuleFile[] = VIRTUSB_MODULE_FILE;
-
-}  // namespace
 
 std::shared_ptr<ModuleLibrary> ModuleLibrary::Load(const std::string& path) {
   if (std::error_code error; !std::filesystem::exists(PathOf(path), error)) {
@@ -37,18 +31,7 @@ ModuleLibrary::~ModuleLibrary() {
 }
 
 std::string ModuleLibrary::DefaultPath() {
-  std::error_code error;
-  const std::filesystem::path folder = ProgramPath().parent_path();
-  const std::array<std::filesystem::path, 2> places = {
-      folder / ".." / "src" / kModuleFile,           // In the build folder.
-      folder / VIRTUSB_BIN_TO_MODULE / kModuleFile,  // As installed.
-  };
-  for (const std::filesystem::path& place : places) {
-    if (std::filesystem::exists(place, error)) {
-      return NameOf(place.lexically_normal());
-    }
-  }
-  return NameOf(places.back().lexically_normal());
+  return NameOf((ProgramPath().parent_path() / VIRTUSB_BIN_TO_MODULE / VIRTUSB_MODULE_FILE).lexically_normal());
 }
 
 }  // namespace vel

@@ -15,7 +15,8 @@ class ModuleLibrary {
   // or it is not a driver module.
   static std::shared_ptr<ModuleLibrary> Load(const std::string& path);
 
-  // Where the module is looked for when nobody says: beside this program as built, or where it is installed.
+  // Where the module is when nobody says: where it is installed, seen from this program, and nowhere else, since another
+  // folder may be another one's.
   static std::string DefaultPath();
 
   ModuleLibrary(const ModuleLibrary&) = delete;

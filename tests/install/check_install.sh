@@ -15,6 +15,8 @@ mkdir -p "$work"
 cmake --install "$build" --prefix "$work/first" >"$work/install.log"
 mv "$work/first" "$work/moved"
 prefix=$work/moved
+mkdir "$prefix/src"
+touch "$prefix/src/virtusb-redir.so" "$prefix/src/virtusb-redir.dll"  # Another one's, not to be loaded.
 
 program() { ${EMULATOR:-} "$@"; }
 suffix=${TOOLCHAIN:+.exe}
