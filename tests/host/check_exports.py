@@ -1,5 +1,5 @@
 """Compares the symbols that a module exports with a list of patterns: check_exports.py NM MODULE LIST. Of a DLL the import
-library is looked at: what it has beside functions is data, and no names of types."""
+library is looked at: what it has beside functions is data."""
 
 import pathlib
 import subprocess
@@ -7,7 +7,7 @@ import sys
 from fnmatch import fnmatchcase
 
 NM, MODULE, LIST = sys.argv[1:]
-DLL = MODULE.endswith(".dll.a")
+HERE, ELSEWHERE = ("DLL ", "ELF ") if MODULE.endswith(".dll.a") else ("ELF ", "DLL ")
 
 
 def run(*command, **options):
@@ -22,9 +22,9 @@ def imported():
     return {" ".join(pair) for pair in zip(kinds, run("c++filt", input="\n".join(names)).splitlines())}
 
 
-found = imported() if DLL else {line.split(maxsplit=1)[1] for line in run(NM, "-D", "-C", "--defined-only", MODULE).splitlines()}
-wanted = [line.strip() for line in pathlib.Path(LIST).read_text(encoding="utf-8").splitlines()
-          if line.strip() and not line.startswith("#") and not (DLL and "typeinfo name" in line)]
+found = imported() if HERE == "DLL " else {line.split(maxsplit=1)[1] for line in run(NM, "-D", "-C", "--defined-only", MODULE).splitlines()}
+wanted = [line.strip().removeprefix(HERE) for line in pathlib.Path(LIST).read_text(encoding="utf-8").splitlines()
+          if line.strip() and not line.startswith(("#", ELSEWHERE))]
 wrong = [f"exported but not listed: {symbol}" for symbol in sorted(found)
          if not any(fnmatchcase(symbol, entry) for entry in wanted)]
 wrong += [f"listed but not exported: {entry}" for entry in wanted
