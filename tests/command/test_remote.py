@@ -13,9 +13,9 @@ import socket
 import threading
 
 import wire
-from test_command import COMMAND, CommandTestCase, Running, run
+from test_command import PROGRAM, CommandTestCase, Running, run
 
-SERVE = f"exec:{shlex.quote(COMMAND)} --log off serve"
+SERVE = f"exec:{shlex.quote(PROGRAM)} --log off serve"
 
 
 class Remote(CommandTestCase):
