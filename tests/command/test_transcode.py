@@ -50,7 +50,7 @@ class Transcoding(unittest.TestCase):
                 self.assertEqual((document["framesIn"], document["framesOut"] + thinned, document["notDecoded"]), figures)
                 stages = document["milliseconds"]
                 self.assertEqual(stages["decode"]["frames"], 0 if arguments else figures[1])
-                self.assertEqual(stages["encode"]["frames"], document["framesOut"])
+                self.assertTrue(0 <= stages["encode"]["frames"] - document["framesOut"] <= thinned, stages)
 
     def test_what_cannot_be_read_is_said_and_leaves_nothing_behind(self) -> None:
         for data in (None, b"", b"no pictures in here"):
