@@ -23,7 +23,7 @@ while IFS='|' read -r line wanted; do
 done <<'END'
 virtusb s|serve stream !list
 virtusb --log d|debug !demo
-virtusb --log debug d|describe demo
+virtusb --log debug --tls folder d|describe demo
 virtusb serve |camera keyboard !serve !Emulated
 virtusb serve camera --l|--listen --lean-replies --log !--stdio
 virtusb stream camera --s|--size --silence --snapshot --seconds !--stdio

@@ -18,14 +18,18 @@ named() {
   page=$1
   shift
   text=$(zcat "$work/root/usr/share/man/man1/$page.1.gz" | sed 's/\\-/-/g')
-  for word in $("$@" --help | sed -n 's/^ *\(-[a-zA-Z],\)\{0,1\}\(--[a-z-]*\).*/\2/p; s/^  \([a-z]*\)   .*/\1/p'); do
+  words=$("$@" --help | sed -n 's/^ *\(-[a-zA-Z],\)\{0,1\}\(--[a-z-]*\).*/\2/p; s/^  \([a-z]*\)   .*/\1/p')
+  [ "$words" ] || { echo "$* --help has no options" && status=1; }
+  for word in $words; do
     case $text in *"$word"*) ;; *) echo "$page.1 has no $word of $*" && status=1 ;; esac
   done
 }
 virtusb=$work/root/usr/bin/virtusb
 named virtusb-transcode "$virtusb-transcode"
 named virtusb "$virtusb"
-for command in $("$virtusb" --help | sed -n '/^Subcommands:/,$s/^  \([a-z]*\) .*/\1/p'); do
+commands=$("$virtusb" --help | sed -n '/^Subcommands:/,$s/^  \([a-z]*\) .*/\1/p')
+[ "$commands" ] || { echo "virtusb --help has no commands" && status=1; }
+for command in $commands; do
   named virtusb "$virtusb" "$command"
 done
 exit $status
