@@ -3,7 +3,7 @@
 #include "os/Text.h"
 
 #include <algorithm>
-#include <cstring>
+#include <chrono>
 #include <system_error>
 
 namespace vel {
@@ -76,6 +76,60 @@ UniqueFd LoopbackSocket() {
     ThrowNoPipe();
   }
   return fd;
+}
+
+// A connection that is half closed: the other side still reads. One that was aborted says so.
+bool OnlyItsOutputHasEnded(RawFd fd) {
+  char byte = 0;
+  return recv(fd, &byte, 1, MSG_PEEK) >= 0 || WSAGetLastError() == WSAEWOULDBLOCK;
+}
+
+// WSAPoll, which tells of the other side's end at once whatever it is asked. Who asks for room alone is not told as
+// long as the other side reads: `passedOver`.
+int PollOnce(std::span<PollFd> descriptors, int limitMilliseconds, bool& passedOver) {
+  std::array<WSAPOLLFD, kMaxDescriptors> asked{};
+  ULONG count = 0;  // Of those that are there: the system takes no others.
+  for (const PollFd& each : descriptors) {
+    if (each.fd != kNoFd) {
+      asked.at(count++) = {each.fd, EventsFor(each.events), 0};
+    }
+  }
+  int ready = 0;
+  if (count > 0) {
+    ready = WSAPoll(asked.data(), count, limitMilliseconds);
+  } else {
+    Sleep(limitMilliseconds < 0 ? INFINITE : static_cast<DWORD>(limitMilliseconds));
+  }
+  const WSAPOLLFD* answer = asked.data();
+  for (PollFd& each : descriptors) {
+    each.revents = each.fd != kNoFd && ready > 0 ? SeenOf((answer++)->revents) : short{0};
+    if (each.events == kWritable && each.revents == kOtherSideEnded && OnlyItsOutputHasEnded(each.fd)) {
+      each.revents = 0;
+      passedOver = true;
+      --ready;
+    }
+  }
+  return ready;
+}
+
+// Waits as WSAPoll would, were it not for those ends; a moment at most, since nothing tells here of one that is
+// aborted.
+void AwaitRoom(std::span<const PollFd> descriptors, int limitMilliseconds) {
+  constexpr int kMoment = 100;
+  fd_set readable;
+  fd_set writable;
+  FD_ZERO(&readable);
+  FD_ZERO(&writable);
+  for (const PollFd& each : descriptors) {
+    if (each.fd != kNoFd && (each.events & kReadable) != 0) {
+      FD_SET(each.fd, &readable);
+    }
+    if (each.fd != kNoFd && (each.events & kWritable) != 0) {
+      FD_SET(each.fd, &writable);
+    }
+  }
+  timeval time{0, 1000 * (limitMilliseconds < 0 ? kMoment : std::min(kMoment, limitMilliseconds))};
+  select(0, &readable, &writable, nullptr, &time);
 }
 
 }  // namespace
@@ -162,24 +216,19 @@ void PutByte(RawFd pipe) {
 }
 
 int Poll(std::span<PollFd> descriptors, int limitMilliseconds) {
-  std::array<WSAPOLLFD, kMaxDescriptors> asked{};
-  ULONG count = 0;  // Of those that are there: the system takes no others.
-  for (const PollFd& each : descriptors) {
-    if (each.fd != kNoFd) {
-      asked.at(count++) = {each.fd, EventsFor(each.events), 0};
+  using Clock = std::chrono::steady_clock;
+  const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(limitMilliseconds);
+  for (int left = limitMilliseconds;;) {
+    bool passedOver = false;
+    if (const int ready = PollOnce(descriptors, left, passedOver); ready != 0 || !passedOver || left == 0) {
+      return ready;
+    }
+    AwaitRoom(descriptors, left);
+    if (limitMilliseconds >= 0) {
+      left = static_cast<int>(
+          std::max(std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count(), 0LL));
     }
   }
-  int ready = 0;
-  if (count > 0) {
-    ready = WSAPoll(asked.data(), count, limitMilliseconds);
-  } else {
-    Sleep(limitMilliseconds < 0 ? INFINITE : static_cast<DWORD>(limitMilliseconds));
-  }
-  const WSAPOLLFD* answer = asked.data();
-  for (PollFd& each : descriptors) {
-    each.revents = each.fd != kNoFd && ready > 0 ? SeenOf((answer++)->revents) : short{0};
-  }
-  return ready;
 }
 
 int StopWaiting(RawFd fd) {

@@ -76,6 +76,7 @@ SocketAddress LocalAddressOf(RawFd socket) {
   socklen_t length = static_cast<socklen_t>(address.bytes.size());
   getsockname(socket, RawOf(address), &length);
   address.length = static_cast<std::size_t>(length);
+  address.family = RawOf(address)->sa_family;
   return address;
 }
 

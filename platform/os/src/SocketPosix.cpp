@@ -28,8 +28,8 @@ bool AwaitConnected(RawFd socket, RawFd stop, std::chrono::milliseconds limit, i
 UniqueFd ListenOn(const SocketAddress& address, int backlog, int& error) {
   UniqueFd listener(socket(address.family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, address.protocol));
   const int on = 1;
-  setsockopt(listener.Get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-  if (!listener.IsValid() || bind(listener.Get(), RawOf(address), static_cast<socklen_t>(address.length)) != 0 ||
+  if (!listener.IsValid() || setsockopt(listener.Get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0 ||
+      bind(listener.Get(), RawOf(address), static_cast<socklen_t>(address.length)) != 0 ||
       listen(listener.Get(), backlog) != 0) {
     error = errno;
     return UniqueFd();
