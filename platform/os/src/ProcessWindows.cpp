@@ -73,8 +73,10 @@ class Heritage {
     if (InitializeProcThreadAttributeList(Get(), 1, 0, &size) == FALSE) {
       throw std::runtime_error(SystemErrorText(GetLastError()));
     }
-    UpdateProcThreadAttribute(Get(), 0, PROC_THREAD_ATTRIBUTE_HANDLE_LIST, mHandles.data(), sizeof mHandles, nullptr,
-                              nullptr);
+    if (UpdateProcThreadAttribute(Get(), 0, PROC_THREAD_ATTRIBUTE_HANDLE_LIST, mHandles.data(), sizeof mHandles,
+                                  nullptr, nullptr) == FALSE) {
+      throw std::runtime_error(SystemErrorText(GetLastError()));
+    }
   }
   Heritage(const Heritage&) = delete;
   Heritage& operator=(const Heritage&) = delete;
@@ -88,7 +90,7 @@ class Heritage {
 };
 
 void CALLBACK OnEnd(void* ending, BOOLEAN /*timedOut*/) {
-  PutByte(*static_cast<const RawFd*>(ending));
+  PutByte(static_cast<const UniqueFd*>(ending)->Get());
 }
 
 }  // namespace
@@ -98,7 +100,6 @@ struct Process::Handles {
   UniqueHandle job;  // With what it runs itself.
   DWORD id = 0;
   UniqueFd ending;  // The end's writing side.
-  RawFd endingFd = kNoFd;
   HANDLE wait = nullptr;
 };
 
@@ -106,6 +107,9 @@ Process::Process(std::vector<std::string> words) : mHandles(std::make_unique<Han
   std::tie(mEnd, mHandles->ending) = MakePipe(Waiting::kReturns);
   HandlePipe input;
   HandlePipe output;
+  // Before the program is there: what fails behind it would leave it without an owner. Without it they end.
+  mInput = CarryTo(std::move(input.writer)).first;
+  mOutput = CarryFrom(std::move(output.reader)).first;
   const UniqueHandle errors = ErrorsForChild();
   Heritage heritage({input.reader.Get(), output.writer.Get(), errors.Get()});
   STARTUPINFOEXW startup{};
@@ -128,12 +132,13 @@ Process::Process(std::vector<std::string> words) : mHandles(std::make_unique<Han
   mHandles->id = made.dwProcessId;
   mHandles->job = UniqueHandle(CreateJobObjectW(nullptr, nullptr));
   AssignProcessToJobObject(mHandles->job.Get(), made.hProcess);
+  if (RegisterWaitForSingleObject(&mHandles->wait, made.hProcess, &OnEnd, &mHandles->ending, INFINITE,
+                                  WT_EXECUTEONLYONCE) == FALSE) {
+    const DWORD error = GetLastError();
+    TerminateProcess(made.hProcess, 1);
+    throw std::runtime_error("cannot wait for \"" + words[0] + "\": " + SystemErrorText(error));
+  }
   ResumeThread(made.hThread);
-  mHandles->endingFd = mHandles->ending.Get();
-  RegisterWaitForSingleObject(&mHandles->wait, made.hProcess, &OnEnd, &mHandles->endingFd, INFINITE,
-                              WT_EXECUTEONLYONCE);
-  mInput = CarryTo(std::move(input.writer)).first;
-  mOutput = CarryFrom(std::move(output.reader)).first;
 }
 
 Process::~Process() {
