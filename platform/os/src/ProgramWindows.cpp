@@ -10,8 +10,6 @@
 
 #define WIN32_LEAN_AND_MEAN
 #include <windows.h>
-// After it.
-#include <shellapi.h>
 
 namespace vel {
 namespace {
@@ -20,10 +18,6 @@ struct LibraryCloser {
   void operator()(HMODULE library) const { FreeLibrary(library); }
 };
 using LibraryHandle = std::unique_ptr<std::remove_pointer_t<HMODULE>, LibraryCloser>;
-
-struct LocalDeleter {
-  void operator()(wchar_t** words) const { LocalFree(words); }
-};
 
 // The libraries that one asks for, by the table in its file as it is mapped.
 std::vector<std::string> NeededBy(HMODULE library) {
@@ -79,13 +73,7 @@ std::filesystem::path ProgramPath() {
 }
 
 std::vector<std::string> ProgramArguments(int /*argc*/, char** /*argv*/) {
-  int count = 0;
-  const std::unique_ptr<wchar_t*, LocalDeleter> words(CommandLineToArgvW(GetCommandLineW(), &count));
-  std::vector<std::string> arguments;
-  for (int i = 0; i < count; ++i) {
-    arguments.push_back(FromWide(words.get()[i]));
-  }
-  return arguments;
+  return WordsOf(GetCommandLineW());
 }
 
 std::chrono::microseconds ProcessCpuTime() {

@@ -2,10 +2,20 @@
 
 #define WIN32_LEAN_AND_MEAN
 #include <windows.h>
+// After it.
+#include <shellapi.h>
 
 #include <array>
+#include <memory>
 
 namespace vel {
+namespace {
+
+struct LocalDeleter {
+  void operator()(wchar_t** words) const { LocalFree(words); }
+};
+
+}  // namespace
 
 std::wstring ToWide(std::string_view text) {
   const int length = static_cast<int>(text.size());
@@ -20,6 +30,16 @@ std::string FromWide(std::wstring_view text) {
       static_cast<std::size_t>(WideCharToMultiByte(CP_UTF8, 0, text.data(), length, nullptr, 0, nullptr, nullptr)),
       '\0');
   WideCharToMultiByte(CP_UTF8, 0, text.data(), length, utf8.data(), static_cast<int>(utf8.size()), nullptr, nullptr);
+  return utf8;
+}
+
+std::vector<std::string> WordsOf(const wchar_t* commandLine) {
+  int count = 0;
+  const std::unique_ptr<wchar_t*, LocalDeleter> words(CommandLineToArgvW(commandLine, &count));
+  std::vector<std::string> utf8;
+  for (int i = 0; words != nullptr && i < count; ++i) {
+    utf8.push_back(FromWide(words.get()[i]));
+  }
   return utf8;
 }
 
