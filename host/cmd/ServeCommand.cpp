@@ -62,7 +62,7 @@ int ServeStdio(const Service& service) {
   const bool taken = pipes.Finish(service.stop.Fd());
   switch (end) {
     case Server::End::kRemoteDone:
-      if (!taken) {
+      if (!taken && !service.stop.IsRaised()) {
         throw std::runtime_error(Server::kRepliesLost);
       }
       return 0;

@@ -124,7 +124,8 @@ struct StandardPipes::State {
 StandardPipes::StandardPipes(int output) : mState(std::make_unique<State>()) {
   std::function<void()> endInput;
   std::tie(mState->in, endInput) = CarryFrom(CopyOf(kStdin));
-  // Who takes no output is gone, even when its input still comes: a write to the socket may have been too early to fail.
+  // Who takes no output is gone, even when its input still comes: a write to the socket may have been too early to
+  // fail.
   std::tie(mState->out, mState->carried) = CarryTo(CopyOf(output), std::move(endInput));
 }
 
@@ -140,15 +141,14 @@ RawFd StandardPipes::Out() const {
 
 bool StandardPipes::Finish(RawFd stop) {
   shutdown(mState->out.Get(), SD_SEND);
-  const PollFd stopped{stop, kReadable, 0};
+  PollFd ended{mState->carried->ended.Get(), kReadable, 0};
+  PollFd stopped{stop, kReadable, 0};
   std::uint64_t before = 0;
   do {
     before = mState->carried->bytes;
-    if (WaitForFirst({PollFd{mState->carried->ended.Get(), kReadable, 0}, stopped, PollFd{kNoFd, 0, 0}}, kPatience)) {
-      return !mState->carried->failed;
-    }
-  } while (mState->carried->bytes != before);
-  return false;
+  } while (!WaitForFirst({ended, stopped, PollFd{kNoFd, 0, 0}}, kPatience) && mState->carried->bytes != before &&
+           Poll({&stopped, 1}, 0) == 0);
+  return Poll({&ended, 1}, 0) > 0 && !mState->carried->failed;
 }
 
 }  // namespace vel
