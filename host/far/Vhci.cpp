@@ -57,7 +57,7 @@ bool AwaitUevent(const UniqueFd& uevents, std::chrono::steady_clock::time_point 
   }
   std::array<pollfd, 2> descriptors = {pollfd{uevents.Get(), POLLIN, 0}, pollfd{stop.Fd(), POLLIN, 0}};
   const int ready = poll(descriptors.data(), descriptors.size(), static_cast<int>(left.count()));
-  const bool woken = ready > 0 || errno == EINTR;
+  const bool woken = ready > 0 || (ready < 0 && errno == EINTR);
   std::array<char, 4096> event{};
   while (recv(uevents.Get(), event.data(), event.size(), 0) > 0) {
   }
@@ -115,6 +115,9 @@ UniqueFd Vhci::Attach(std::uint32_t speed, unsigned& port) const {
   UniqueFd ours(ends[0]);
   const UniqueFd theirs(ends[1]);
   const UniqueFd attach(open((mController / "attach").c_str(), O_WRONLY | O_CLOEXEC));
+  if (!attach.IsValid()) {
+    throw std::runtime_error(std::string("cannot plug a device in here: ") + std::strerror(errno));
+  }
   for (const Port& candidate : Ports(speed >= kSuper, true)) {
     const std::string text = std::to_string(candidate.number) + " " + std::to_string(theirs.Get()) + " " +
                              std::to_string(kDeviceId) + " " + std::to_string(speed);
