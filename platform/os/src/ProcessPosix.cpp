@@ -25,6 +25,7 @@ class SpawnSetup {
     sigset_t signals;
     sigemptyset(&signals);
     sigaddset(&signals, SIGPIPE);
+    sigaddset(&signals, SIGXFSZ);
     posix_spawnattr_setsigdefault(&mAttributes, &signals);
     pthread_sigmask(SIG_BLOCK, nullptr, &signals);
     sigaddset(&signals, SIGINT);
