@@ -4,6 +4,8 @@
 #include <chrono>
 #include <cstddef>
 #include <ctime>
+#include <memory>
+#include <utility>
 
 #include "cmd/console/FailureAdvice.h"
 #include "cmd/console/Output.h"
@@ -15,6 +17,8 @@ namespace {
 
 constexpr std::size_t kKept = 32;
 constexpr std::size_t kLongestLine = 4096;
+// As much as can be printed at one time.
+constexpr std::size_t kLongestPrint = 256U << 10U;
 constexpr char kPrintedTag[] = "printed";
 
 std::string TimeStamp() {
@@ -38,24 +42,33 @@ ModuleLog::ModuleLog(bool shown) : mShown(shown) {
 }
 
 ModuleLog::~ModuleLog() {
-  oskeloLogSetSink(nullptr, nullptr);
-  RestoreStandardOutput();
-  mPrinted.End();
-  mReader.join();
+  End();
+}
+
+void ModuleLog::End() {
+  if (mReader.joinable()) {
+    oskeloLogSetSink(nullptr, nullptr);
+    RestoreStandardOutput();
+    mPrinted.End();
+    mReader.join();
+  }
 }
 
 void ModuleLog::ReadPrinted() {
-  std::array<char, 4096> text{};
-  std::string begun;  // A line that may go on.
-  while (const std::size_t count = mPrinted.Read(text)) {
-    begun.append(text.data(), count);
+  const auto text = std::make_unique_for_overwrite<char[]>(kLongestPrint);
+  std::string begun;         // A line that may go on.
+  bool lacksItsEnd = false;  // The line that was taken last; some functions print it by itself.
+  while (const std::size_t count = mPrinted.Read({text.get(), kLongestPrint})) {
+    begun.append(text.get(), count);
     std::string_view rest = begun;
+    rest.remove_prefix(std::exchange(lacksItsEnd, false) && rest.front() == '\n' ? 1 : 0);
     for (std::size_t end = 0; (end = rest.find('\n')) != std::string_view::npos; rest.remove_prefix(end + 1)) {
       Take(kPrintedTag, rest.substr(0, end));
     }
     if (!rest.empty() && (PrintPipe::KeepsPrintsApart() || rest.size() > kLongestLine)) {
       Take(kPrintedTag, rest);
       rest = {};
+      lacksItsEnd = true;
     }
     begun = std::string(rest);
   }
@@ -86,6 +99,7 @@ void ModuleLog::Take(std::string_view tag, std::string_view text) {
 }
 
 void ModuleLog::ShowKept() {
+  End();
   const MutexLock lock(mMutex);
   if (mForgotten > 0) {
     Note(Format("(%llu earlier lines of the module: --log warn shows all)",

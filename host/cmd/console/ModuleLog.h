@@ -24,10 +24,11 @@ class ModuleLog {
   ModuleLog& operator=(const ModuleLog&) = delete;
   ~ModuleLog();
 
-  // Shows what was kept, and forgets it.
+  // Shows what was kept, up to what was said last, and ends the log.
   void ShowKept() VEL_EXCLUDES(mMutex);
 
  private:
+  void End();
   static void OnLine(void* self, int level, const char* tag, const char* text);
   void ReadPrinted();
   void Take(std::string_view tag, std::string_view text) VEL_EXCLUDES(mMutex);

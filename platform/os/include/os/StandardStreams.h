@@ -37,7 +37,7 @@ class PrintPipe {
   // Where to print; once, and then closed here: whoever was turned to it keeps it open.
   int Writer() const;
   void CloseWriter();
-  // Waits for text. 0 at the end.
+  // Waits for text. 0 at the end. Where prints are kept apart, one that `text` has no room for is cut.
   std::size_t Read(std::span<char> text);
   // Whether what is read at one time was printed at one time.
   static bool KeepsPrintsApart();
