@@ -60,6 +60,18 @@ TEST(Poll, WaitsForRoomAlsoWhenTheOtherSideHasEndedItsOutput) {
   EXPECT_LT(SendNow(connection.ours.Get(), bytes.data(), bytes.size()), 0);
 }
 
+TEST(Socket, AllAddressesAreThoseOfIpv4Too) {
+  int error = 0;
+  const UniqueFd listener = ListenOn(Resolve("::", "0", Use::kToListen, Resolving::kNumbers).found.at(0), 1, error);
+  if (!listener.IsValid()) {
+    GTEST_SKIP() << "no IPv6 here: " << FdErrorText(error);
+  }
+  const std::string name = LocalAddressOf(listener.Get()).Name();
+  const UniqueFd client = StartConnect(
+      Resolve("127.0.0.1", name.substr(name.rfind(':') + 1), Use::kToConnect, Resolving::kNumbers).found.at(0), error);
+  EXPECT_EQ(PollOne(listener, kReadable, 5000), 1);
+}
+
 TEST(Socket, OneThatIsNotToBeHadIsExplained) {
   SocketAddress address = Loopback();
   address.protocol = IPPROTO_UDP;

@@ -108,8 +108,6 @@ void ModuleLog::ShowKept() {
   for (const std::string& line : mKept) {
     Note(line);
   }
-  mKept.clear();
-  mForgotten = 0;
 }
 
 }  // namespace vel

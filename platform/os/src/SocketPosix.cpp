@@ -28,7 +28,9 @@ bool AwaitConnected(RawFd socket, RawFd stop, std::chrono::milliseconds limit, i
 UniqueFd ListenOn(const SocketAddress& address, int backlog, int& error) {
   UniqueFd listener(socket(address.family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, address.protocol));
   const int on = 1;
+  const int off = 0;
   if (!listener.IsValid() || setsockopt(listener.Get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0 ||
+      (address.family == AF_INET6 && setsockopt(listener.Get(), IPPROTO_IPV6, IPV6_V6ONLY, &off, sizeof off) != 0) ||
       bind(listener.Get(), RawOf(address), static_cast<socklen_t>(address.length)) != 0 ||
       listen(listener.Get(), backlog) != 0) {
     error = errno;

@@ -68,6 +68,9 @@ UniqueFd ListenOn(const SocketAddress& address, int backlog, int& error) {
     return listener;
   }
   SetOption(listener.Get(), SOL_SOCKET, SO_EXCLUSIVEADDRUSE, BOOL{TRUE});
+  if (address.family == AF_INET6) {
+    SetOption(listener.Get(), IPPROTO_IPV6, IPV6_V6ONLY, DWORD{0});
+  }
   if (bind(listener.Get(), RawOf(address), static_cast<int>(address.length)) != 0 ||
       listen(listener.Get(), backlog) != 0) {
     error = WSAGetLastError();

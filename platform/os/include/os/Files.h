@@ -29,7 +29,8 @@ using FileHandle = std::unique_ptr<std::FILE, FileCloser>;
 // fopen's, binary, not handed on to programs that are run: "r" or "w". Null with errno.
 FileHandle OpenFile(const std::string& name, const char* mode);
 
-// What to do, for people, when others than its owner may read the file; empty when none may.
+// What to do, for people, when others than its owner may read the file; empty when none may. On Windows,
+// where administrators always may, of groups to which everybody belongs.
 std::string HowToKeepForOwner(std::FILE* file, const std::string& name);
 
 // A file that is written without waiting, or a FIFO that somebody reads. One thread.

@@ -45,8 +45,8 @@ inline constexpr int kConnecting = -1;
 // Waits for that. False when `stop` is readable and after `limit`; otherwise `error` says how it went.
 bool AwaitConnected(RawFd socket, RawFd stop, std::chrono::milliseconds limit, int& error);
 
-// A socket that takes connections in, of `backlog` that wait, at an address that it shares with nobody. Not valid on
-// failure: `error`.
+// A socket that takes connections in, of `backlog` that wait, at an address that it shares with nobody. All addresses
+// of IPv6 are those of IPv4, too. Not valid on failure: `error`.
 UniqueFd ListenOn(const SocketAddress& address, int backlog, int& error);
 // What comes there. Not valid when there is none after all.
 UniqueFd Accept(RawFd listener, SocketAddress& peer);
