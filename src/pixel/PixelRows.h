@@ -38,10 +38,13 @@ extern const PixelRows kPixelRowsScalar;
 extern const PixelRows kPixelRowsSse2;
 // Only on processors that have AVX2.
 extern const PixelRows kPixelRowsAvx2;
+// Only on processors that have AVX-512 with byte permutes. The first ones with AVX-512 have not, and run slower for a
+// while after wide registers were used.
+extern const PixelRows kPixelRowsAvx512;
 
 // Every version that this processor can run, the fastest last. Never empty.
 struct PixelRowsChoice {
-  const PixelRows* versions[3];
+  const PixelRows* versions[4];
   std::size_t count;
 };
 PixelRowsChoice AvailablePixelRows();

@@ -3,7 +3,7 @@
 namespace vel {
 
 PixelRowsChoice AvailablePixelRows() {
-  return {{&kPixelRowsScalar, nullptr, nullptr}, 1};
+  return {{&kPixelRowsScalar}, 1};
 }
 
 }  // namespace vel
