@@ -7,10 +7,9 @@
 
 namespace vel {
 
-// From these widths on, rows write past the caches where that can be, for plain stores would first read what they
-// overwrite. Chroma early; luma only of pictures that the caches of a core would not keep for the encoder (measured).
-inline constexpr std::size_t kStreamChromaFromPixels = 512;
-inline constexpr std::size_t kStreamLumaFromPixels = 1024;
+// From this width on rows write past the caches where that can be, for plain stores would first read what they
+// overwrite, and leave the client's own work its caches. Narrower rows have lines of chroma in parts.
+inline constexpr std::size_t kStreamFromPixels = 512;
 
 // One version's functions. Packed rows are Y0 U Y1 V ... with 2 * pixels bytes; the last pixel of
 // an odd row has Y and U only, and gives no chroma sample when a row is split. Rows do not overlap

@@ -61,10 +61,10 @@ struct SimdRows {
     return x;
   }
 
-  template <std::size_t kRegs, bool kStreamLuma, bool kStreamChroma>
+  template <std::size_t kRegs, bool kStream>
   static std::size_t PlanarPart(const Byte* packed, Byte* y, Byte* u, Byte* v, std::size_t x, std::size_t pixels) {
     for (; x + kRegs * kBytes <= pixels; x += kRegs * kBytes) {
-      if constexpr (kStreamLuma) {
+      if constexpr (kStream) {
         FetchAhead<2 * kRegs * kBytes>(packed + 2 * x);
       }
       Reg uv[kRegs];
@@ -72,14 +72,14 @@ struct SimdRows {
         const Byte* from = packed + 2 * (x + i * kBytes);
         const Reg a = V::Load(from);
         const Reg b = V::Load(from + kBytes);
-        Put<kStreamLuma>(y + x + i * kBytes, V::Even(a, b));
+        Put<kStream>(y + x + i * kBytes, V::Even(a, b));
         uv[i] = V::Odd(a, b);
       }
       for (std::size_t i = 0; i < kRegs; i += 2) {
-        Put<kStreamChroma>(u + (x + i * kBytes) / 2, V::Even(uv[i], uv[i + 1]));
+        Put<kStream>(u + (x + i * kBytes) / 2, V::Even(uv[i], uv[i + 1]));
       }
       for (std::size_t i = 0; i < kRegs; i += 2) {
-        Put<kStreamChroma>(v + (x + i * kBytes) / 2, V::Odd(uv[i], uv[i + 1]));
+        Put<kStream>(v + (x + i * kBytes) / 2, V::Odd(uv[i], uv[i + 1]));
       }
     }
     return x;
@@ -87,7 +87,7 @@ struct SimdRows {
 
   static void Luma(const Byte* packed, Byte* y, std::size_t pixels) {
     std::size_t x = 0;
-    if (pixels >= kStreamLumaFromPixels && IsAligned(y)) {
+    if (pixels >= kStreamFromPixels && IsAligned(y)) {
       x = LumaPart<kRegsInStep, true>(packed, y, x, pixels);
     }
     x = LumaPart<2, false>(packed, y, x, pixels);
@@ -96,12 +96,10 @@ struct SimdRows {
 
   static void Planar(const Byte* packed, Byte* y, Byte* u, Byte* v, std::size_t pixels) {
     std::size_t x = 0;
-    if (pixels >= kStreamChromaFromPixels && IsAligned(u) && IsAligned(v)) {
-      x = pixels >= kStreamLumaFromPixels && IsAligned(y)
-              ? PlanarPart<kRegsInStep, true, true>(packed, y, u, v, x, pixels)
-              : PlanarPart<kRegsInStep, false, true>(packed, y, u, v, x, pixels);
+    if (pixels >= kStreamFromPixels && IsAligned(y) && IsAligned(u) && IsAligned(v)) {
+      x = PlanarPart<kRegsInStep, true>(packed, y, u, v, x, pixels);
     }
-    x = PlanarPart<2, false, false>(packed, y, u, v, x, pixels);
+    x = PlanarPart<2, false>(packed, y, u, v, x, pixels);
     Rest.planar(packed + 2 * x, y + x, u + x / 2, v + x / 2, pixels - x);
   }
 
