@@ -4,6 +4,7 @@
 
 #include "cmd/console/Commands.h"
 #include "cmd/console/Output.h"
+#include "cmd/console/UsageError.h"
 #include "cmd/devices/DeviceHold.h"
 #include "cmd/devices/Devices.h"
 

@@ -2,7 +2,7 @@
 #include <cstddef>
 
 #include "cmd/console/Commands.h"
-#include "cmd/devices/Devices.h"
+#include "cmd/console/UsageError.h"
 
 namespace vel {
 namespace {

@@ -8,7 +8,7 @@
 #include <utility>
 
 #include "cmd/console/Output.h"
-#include "cmd/devices/Devices.h"
+#include "cmd/console/UsageError.h"
 
 namespace vel {
 namespace {

@@ -9,7 +9,7 @@
 #include "cmd/console/Commands.h"
 #include "cmd/console/Output.h"
 #include "cmd/console/Signals.h"
-#include "cmd/devices/Devices.h"
+#include "cmd/console/UsageError.h"
 #include "cmd/serve/DevicePresence.h"
 #include "cmd/serve/Listener.h"
 #include "cmd/serve/Reception.h"

@@ -13,6 +13,7 @@
 #include "cmd/console/Commands.h"
 #include "cmd/console/Output.h"
 #include "cmd/console/Signals.h"
+#include "cmd/console/UsageError.h"
 #include "cmd/describe/UsbNames.h"
 #include "cmd/devices/DeviceChannel.h"
 #include "cmd/devices/Devices.h"

@@ -10,7 +10,7 @@
 #include "cmd/console/Commands.h"
 #include "cmd/console/ModuleLog.h"
 #include "cmd/console/Output.h"
-#include "cmd/devices/Devices.h"
+#include "cmd/console/UsageError.h"
 #include "os/Process.h"
 #include "os/Program.h"
 #include "os/StandardStreams.h"

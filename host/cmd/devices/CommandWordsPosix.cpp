@@ -3,8 +3,8 @@
 #include <memory>
 #include <new>
 
+#include "cmd/console/UsageError.h"
 #include "cmd/devices/CommandWords.h"
-#include "cmd/devices/Devices.h"
 
 namespace vel {
 namespace {

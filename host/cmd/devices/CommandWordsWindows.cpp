@@ -1,7 +1,7 @@
 #include <cstddef>
 
+#include "cmd/console/UsageError.h"
 #include "cmd/devices/CommandWords.h"
-#include "cmd/devices/Devices.h"
 #include "os/Text.h"
 
 #define WIN32_LEAN_AND_MEAN

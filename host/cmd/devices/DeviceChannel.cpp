@@ -3,6 +3,7 @@
 #include <string_view>
 #include <utility>
 
+#include "cmd/console/UsageError.h"
 #include "cmd/devices/CommandWords.h"
 #include "cmd/devices/DeviceHold.h"
 #include "cmd/devices/Devices.h"

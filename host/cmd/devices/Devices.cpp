@@ -6,6 +6,7 @@
 #include <regex>
 
 #include "cmd/console/Output.h"
+#include "cmd/console/UsageError.h"
 
 namespace vel {
 namespace {

@@ -1,8 +1,8 @@
 #ifndef VIRTUSB_HOST_CMD_DEVICES_DEVICES_H
 #define VIRTUSB_HOST_CMD_DEVICES_DEVICES_H
 
+#include <cstdint>
 #include <span>
-#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <variant>
@@ -11,12 +11,6 @@
 #include "remote/ModuleSession.h"
 
 namespace vel {
-
-// What the user typed does not make sense: exit status 2.
-class UsageError : public std::runtime_error {
- public:
-  using std::runtime_error::runtime_error;
-};
 
 // A device that the module emulates.
 struct EmulatedDevice {

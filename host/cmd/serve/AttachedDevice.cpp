@@ -3,7 +3,7 @@
 #include <exception>
 #include <utility>
 
-#include "cmd/devices/Devices.h"
+#include "cmd/console/UsageError.h"
 #include "remote/StopWatcher.h"
 
 namespace vel {

@@ -4,7 +4,7 @@
 #include <optional>
 #include <stdexcept>
 
-#include "cmd/devices/Devices.h"
+#include "cmd/console/UsageError.h"
 #include "remote/TcpConnection.h"
 
 namespace vel {

@@ -1,8 +1,7 @@
 #include "cmd/devices/DeviceFilter.h"
+#include "cmd/console/UsageError.h"
 
 #include <gmock/gmock.h>
-
-#include "cmd/devices/Devices.h"
 
 namespace vel {
 namespace {
