@@ -8,6 +8,7 @@
 #include <string>
 
 #include "cmd/console/Commands.h"
+#include "cmd/console/Format.h"
 #include "cmd/console/Output.h"
 #include "cmd/describe/DescriptorText.h"
 #include "cmd/describe/UsbNames.h"

@@ -3,6 +3,7 @@
 #include <string>
 
 #include "cmd/console/Commands.h"
+#include "cmd/console/Format.h"
 #include "cmd/console/Output.h"
 #include "cmd/console/UsageError.h"
 #include "cmd/devices/DeviceHold.h"

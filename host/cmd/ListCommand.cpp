@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "cmd/console/Commands.h"
+#include "cmd/console/Format.h"
 #include "cmd/console/Output.h"
 #include "cmd/describe/UsbNames.h"
 #include "cmd/devices/DeviceFilter.h"

@@ -7,6 +7,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include "cmd/console/Format.h"
 #include "cmd/console/Output.h"
 #include "cmd/console/UsageError.h"
 

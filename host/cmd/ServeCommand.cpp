@@ -7,6 +7,7 @@
 
 #include "cmd/Observing.h"
 #include "cmd/console/Commands.h"
+#include "cmd/console/Format.h"
 #include "cmd/console/Output.h"
 #include "cmd/console/Signals.h"
 #include "cmd/console/UsageError.h"

@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "cmd/console/FailureAdvice.h"
+#include "cmd/console/Format.h"
 #include "cmd/console/Output.h"
 #include "os/Program.h"
 #include "oskelo/log.h"

@@ -1,9 +1,6 @@
 #include "cmd/console/Output.h"
 
-#include <algorithm>
 #include <cerrno>
-#include <cstdarg>
-#include <cstddef>
 #include <cstdio>
 #include <cstring>
 #include <stdexcept>
@@ -16,18 +13,6 @@ namespace {
 std::FILE* gResults = nullptr;  // Standard output as it was, while it is diverted.
 
 }  // namespace
-
-std::string Format(const char* format, ...) {
-  std::va_list arguments;
-  va_start(arguments, format);
-  std::va_list again;
-  va_copy(again, arguments);
-  std::string text(static_cast<std::size_t>(std::max(std::vsnprintf(nullptr, 0, format, arguments), 0)), '\0');
-  const int written = std::vsnprintf(text.data(), text.size() + 1, format, again);
-  va_end(again);
-  va_end(arguments);
-  return written < 0 ? std::string() : text;
-}
 
 void Print(const std::string& text) {
   std::FILE* const results = gResults == nullptr ? stdout : gResults;

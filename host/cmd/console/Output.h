@@ -6,15 +6,6 @@
 
 namespace vel {
 
-// Text made with printf's formats, of any length.
-#ifdef __clang__
-[[gnu::format(printf, 1, 2)]]
-#else
-[[gnu::format(gnu_printf, 1, 2)]]  // C99's, on Windows too.
-#endif
-std::string
-Format(const char* format, ...);
-
 // Writes results, at once. Throws std::runtime_error when that fails, for example on a full disk.
 void Print(const std::string& text);
 

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "cmd/console/Output.h"
+#include "cmd/console/Format.h"
 #include "cmd/describe/UsbNames.h"
 
 namespace vel {

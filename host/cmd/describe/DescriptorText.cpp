@@ -2,7 +2,7 @@
 
 #include <cstdlib>
 
-#include "cmd/console/Output.h"
+#include "cmd/console/Format.h"
 #include "cmd/describe/DecodedDescriptor.h"
 #include "cmd/describe/UsbNames.h"
 

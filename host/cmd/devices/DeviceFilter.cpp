@@ -7,7 +7,7 @@
 #include <string_view>
 #include <utility>
 
-#include "cmd/console/Output.h"
+#include "cmd/console/Format.h"
 #include "cmd/console/UsageError.h"
 
 namespace vel {

@@ -10,6 +10,7 @@
 #include <string_view>
 #include <system_error>
 
+#include "cmd/console/Format.h"
 #include "cmd/console/Output.h"
 #include "cmd/devices/DeviceHold.h"
 #include "cmd/devices/DeviceNode.h"

@@ -1,6 +1,6 @@
 #include <stdexcept>
 
-#include "cmd/console/Output.h"
+#include "cmd/console/Format.h"
 #include "cmd/devices/DeviceHold.h"
 #include "cmd/devices/Devices.h"
 #include "cmd/devices/SystemDevices.h"

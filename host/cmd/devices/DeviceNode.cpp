@@ -19,7 +19,7 @@
 #include <vector>
 
 #include "cmd/console/Commands.h"
-#include "cmd/console/Output.h"
+#include "cmd/console/Format.h"
 #include "cmd/devices/Devices.h"
 
 namespace vel {

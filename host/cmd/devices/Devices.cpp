@@ -5,7 +5,7 @@
 #include <optional>
 #include <regex>
 
-#include "cmd/console/Output.h"
+#include "cmd/console/Format.h"
 #include "cmd/console/UsageError.h"
 
 namespace vel {

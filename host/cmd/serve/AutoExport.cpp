@@ -7,6 +7,7 @@
 #include <utility>
 #include <variant>
 
+#include "cmd/console/Format.h"
 #include "cmd/console/Output.h"
 #include "cmd/devices/DeviceChannel.h"
 #include "cmd/devices/Devices.h"

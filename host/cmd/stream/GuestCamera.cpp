@@ -9,7 +9,7 @@
 #include <utility>
 #include <vector>
 
-#include "cmd/console/Output.h"
+#include "cmd/console/Format.h"
 #include "cmd/describe/Enumeration.h"
 
 namespace vel {

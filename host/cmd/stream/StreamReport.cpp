@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <cstdio>
 
-#include "cmd/console/Output.h"
+#include "cmd/console/Format.h"
 #include "os/StandardStreams.h"
 
 namespace vel {
