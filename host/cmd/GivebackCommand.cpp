@@ -7,6 +7,7 @@
 #include "cmd/console/Output.h"
 #include "cmd/console/UsageError.h"
 #include "cmd/devices/DeviceHold.h"
+#include "cmd/devices/DevicePlace.h"
 #include "cmd/devices/Devices.h"
 
 namespace vel {

@@ -14,7 +14,8 @@
 #include "cmd/console/Output.h"
 #include "cmd/devices/DeviceHold.h"
 #include "cmd/devices/DeviceNode.h"
-#include "cmd/devices/Devices.h"
+#include "cmd/devices/DevicePlace.h"
+#include "cmd/devices/LocalDevices.h"
 
 namespace vel {
 namespace {

@@ -2,7 +2,8 @@
 
 #include "cmd/console/Format.h"
 #include "cmd/devices/DeviceHold.h"
-#include "cmd/devices/Devices.h"
+#include "cmd/devices/DevicePlace.h"
+#include "cmd/devices/LocalDevices.h"
 #include "cmd/devices/SystemDevices.h"
 
 #define WIN32_LEAN_AND_MEAN

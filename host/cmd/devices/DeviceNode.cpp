@@ -20,7 +20,7 @@
 
 #include "cmd/console/Commands.h"
 #include "cmd/console/Format.h"
-#include "cmd/devices/Devices.h"
+#include "cmd/devices/DevicePlace.h"
 
 namespace vel {
 namespace {

@@ -5,7 +5,6 @@
 #include <optional>
 #include <regex>
 
-#include "cmd/console/Format.h"
 #include "cmd/console/UsageError.h"
 
 namespace vel {
@@ -79,11 +78,6 @@ DeviceIdentity FindDevice(const std::string& device, std::string_view cameraSour
     return *found;
   }
   throw std::runtime_error("no device " + device + " is plugged in (\"virtusb list\" shows what is there)");
-}
-
-std::string Describe(const DeviceIdentity& identity) {
-  return Format("bus %03u address %03u, %04x:%04x", unsigned{identity.bus}, unsigned{identity.address},
-                unsigned{identity.vendorId}, unsigned{identity.productId});
 }
 
 }  // namespace vel

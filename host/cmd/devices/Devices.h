@@ -36,9 +36,6 @@ DeviceChoice ParseDevice(const std::string& device, std::string_view cameraSourc
 // that is not there.
 DeviceIdentity FindDevice(const std::string& device, std::string_view cameraSource = kTestCamera);
 
-// Place and ids, for messages.
-std::string Describe(const DeviceIdentity& identity);
-
 }  // namespace vel
 
 #endif

@@ -8,6 +8,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include "cmd/devices/DevicePlace.h"
 #include "cmd/devices/SystemDevices.h"
 
 namespace vel {
@@ -162,18 +163,6 @@ std::vector<LocalDevice> PluggedDevices() {
 
 std::vector<LocalDevice> LocalDevices() {
   return AllButHubs(true);
-}
-
-std::string Place(const DeviceIdentity& identity) {
-  return std::to_string(identity.bus) + ":" + std::to_string(identity.address);
-}
-
-bool AreSamePlace(const DeviceIdentity& one, const DeviceIdentity& other) {
-  return one.bus == other.bus && one.address == other.address;
-}
-
-bool Contains(const std::vector<DeviceIdentity>& devices, const DeviceIdentity& device) {
-  return std::ranges::any_of(devices, [&](const DeviceIdentity& each) { return AreSamePlace(each, device); });
 }
 
 bool LocalSelector::Matches(const DeviceIdentity& identity) const {

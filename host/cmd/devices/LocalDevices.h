@@ -53,13 +53,6 @@ std::vector<LocalDevice> PluggedDevices();
 // The same, and opens each device for a moment for the rest.
 std::vector<LocalDevice> LocalDevices();
 
-// BUS:ADDRESS, as the command line takes it.
-std::string Place(const DeviceIdentity& identity);
-
-// Whether these are one device that has not left meanwhile.
-bool AreSamePlace(const DeviceIdentity& one, const DeviceIdentity& other);
-bool Contains(const std::vector<DeviceIdentity>& devices, const DeviceIdentity& device);
-
 // Which local device is meant: a place, or ids that may turn up at any place.
 struct LocalSelector {
   std::optional<std::uint8_t> bus;

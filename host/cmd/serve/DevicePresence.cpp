@@ -4,6 +4,7 @@
 #include <variant>
 
 #include "cmd/console/Output.h"
+#include "cmd/devices/DevicePlace.h"
 #include "cmd/devices/SystemDevices.h"
 
 namespace vel {
@@ -86,7 +87,7 @@ void DevicePresence::OnArrived(const DeviceIdentity& identity) {
 
 void DevicePresence::OnLeft(const DeviceIdentity& identity) {
   const MutexLock lock(mMutex);
-  if (!mPresent || mPresent->bus != identity.bus || mPresent->address != identity.address) {
+  if (!mPresent || !AreSamePlace(*mPresent, identity)) {
     return;
   }
   Note("device was unplugged: " + Describe(identity));
