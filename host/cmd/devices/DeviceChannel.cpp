@@ -6,6 +6,7 @@
 #include "cmd/console/UsageError.h"
 #include "cmd/devices/CommandWords.h"
 #include "cmd/devices/DeviceHold.h"
+#include "cmd/devices/DeviceWatch.h"
 #include "cmd/devices/Devices.h"
 #include "os/Program.h"
 #include "remote/ExecChannel.h"

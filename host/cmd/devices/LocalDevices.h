@@ -1,25 +1,14 @@
 #ifndef VIRTUSB_HOST_CMD_DEVICES_LOCAL_DEVICES_H
 #define VIRTUSB_HOST_CMD_DEVICES_LOCAL_DEVICES_H
 
-#include <atomic>
 #include <cstdint>
-#include <functional>
-#include <memory>
 #include <optional>
 #include <string>
-#include <thread>
 #include <vector>
-
-#include <libusb-1.0/libusb.h>
 
 #include "remote/ModuleSession.h"
 
 namespace vel {
-
-struct LibusbContextDeleter {
-  void operator()(libusb_context* context) const { libusb_exit(context); }
-};
-using LibusbContextHandle = std::unique_ptr<libusb_context, LibusbContextDeleter>;
 
 // What a device or an interface says it is.
 struct UsbClass {
@@ -63,6 +52,9 @@ struct LocalSelector {
   bool Matches(const DeviceIdentity& identity) const;
 };
 
+// Where such devices are now, in the order of bus and address; no hubs. Throws std::runtime_error when the machine's
+// USB cannot be looked at.
+std::vector<DeviceIdentity> FindLocalDevices(const LocalSelector& selector);
 // Where this device is now; nothing when it is not there. Throws std::runtime_error, with a text for people, when it is
 // a hub, or several devices are meant.
 std::optional<DeviceIdentity> FindLocalDevice(const LocalSelector& selector);
@@ -72,40 +64,6 @@ int TryToOpen(const DeviceIdentity& identity);
 
 // The value of its configuration, 0 when it has none; nothing when it is not there.
 std::optional<int> ActiveConfiguration(const DeviceIdentity& identity);
-
-// Tells when the selected devices arrive or leave. The callbacks come on the watch's own thread, and for devices that
-// are there already once at the start, on its maker's. Something that is known may be told again.
-class DeviceWatch {
- public:
-  struct Callbacks {
-    std::function<void(const DeviceIdentity&)> onArrived;
-    std::function<void(const DeviceIdentity&)> onLeft;
-  };
-
-  // Throws std::runtime_error when devices cannot be watched on this machine.
-  DeviceWatch(const LocalSelector& selector, Callbacks callbacks);
-  DeviceWatch(const DeviceWatch&) = delete;
-  DeviceWatch& operator=(const DeviceWatch&) = delete;
-  // No callback comes after it. Not from a callback.
-  ~DeviceWatch();
-
- private:
-  static int LIBUSB_CALL OnHotplug(libusb_context* context, libusb_device* device, libusb_hotplug_event event,
-                                   void* self);
-  // Asks to be told of devices.
-  void Register();
-  void HandleEvents();
-  void LookForChange();
-
-  const LocalSelector mSelector;
-  const Callbacks mCallbacks;
-  LibusbContextHandle mContext;
-  const bool mIsTold;  // Otherwise it looks for them every second.
-  libusb_hotplug_callback_handle mHotplug = 0;
-  std::atomic<bool> mStopped{false};
-  std::vector<DeviceIdentity> mSeen;  // For LookForChange; the watch's thread and, before that, its maker's.
-  std::thread mThread;
-};
 
 }  // namespace vel
 

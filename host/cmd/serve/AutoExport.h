@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "cmd/devices/DeviceFilter.h"
+#include "cmd/devices/DeviceWatch.h"
 #include "cmd/devices/LocalDevices.h"
 #include "far/FarDevice.h"
 #include "far/UsbipServer.h"

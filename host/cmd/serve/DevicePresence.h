@@ -7,8 +7,8 @@
 #include <string>
 
 #include "cmd/devices/DeviceHold.h"
+#include "cmd/devices/DeviceWatch.h"
 #include "cmd/devices/Devices.h"
-#include "cmd/devices/LocalDevices.h"
 #include "cmd/serve/Server.h"
 #include "remote/ByteStream.h"
 #include "vel/Mutex.h"
