@@ -12,7 +12,7 @@
 #include "cmd/console/Output.h"
 #include "cmd/describe/DescriptorText.h"
 #include "cmd/describe/UsbNames.h"
-#include "cmd/devices/Devices.h"
+#include "cmd/devices/DeviceChoice.h"
 #include "protocol/IsoTable.h"
 #include "remote/ModuleChannel.h"
 #include "remote/RemoteDevice.h"

@@ -6,9 +6,9 @@
 #include "cmd/console/Format.h"
 #include "cmd/console/Output.h"
 #include "cmd/console/UsageError.h"
+#include "cmd/devices/DeviceChoice.h"
 #include "cmd/devices/DeviceHold.h"
 #include "cmd/devices/DevicePlace.h"
-#include "cmd/devices/Devices.h"
 
 namespace vel {
 

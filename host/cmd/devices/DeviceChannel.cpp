@@ -5,9 +5,9 @@
 
 #include "cmd/console/UsageError.h"
 #include "cmd/devices/CommandWords.h"
+#include "cmd/devices/DeviceChoice.h"
 #include "cmd/devices/DeviceHold.h"
 #include "cmd/devices/DeviceWatch.h"
-#include "cmd/devices/Devices.h"
 #include "os/Program.h"
 #include "remote/ExecChannel.h"
 #include "remote/FdStream.h"

@@ -10,8 +10,8 @@
 #include "cmd/console/Format.h"
 #include "cmd/console/Output.h"
 #include "cmd/devices/DeviceChannel.h"
+#include "cmd/devices/DeviceChoice.h"
 #include "cmd/devices/DevicePlace.h"
-#include "cmd/devices/Devices.h"
 #include "cmd/devices/SystemDevices.h"
 #include "remote/StopWatcher.h"
 

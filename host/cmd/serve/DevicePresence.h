@@ -6,9 +6,9 @@
 #include <set>
 #include <string>
 
+#include "cmd/devices/DeviceChoice.h"
 #include "cmd/devices/DeviceHold.h"
 #include "cmd/devices/DeviceWatch.h"
-#include "cmd/devices/Devices.h"
 #include "cmd/serve/Server.h"
 #include "remote/ByteStream.h"
 #include "vel/Mutex.h"

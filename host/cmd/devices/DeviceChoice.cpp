@@ -1,4 +1,4 @@
-#include "cmd/devices/Devices.h"
+#include "cmd/devices/DeviceChoice.h"
 
 #include <array>
 #include <limits>
