@@ -13,6 +13,7 @@
 #include "cmd/describe/DescriptorText.h"
 #include "cmd/describe/UsbNames.h"
 #include "cmd/devices/DeviceChoice.h"
+#include "cmd/devices/EmulatedDevices.h"
 #include "protocol/IsoTable.h"
 #include "remote/ModuleChannel.h"
 #include "remote/RemoteDevice.h"

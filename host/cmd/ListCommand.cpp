@@ -11,8 +11,8 @@
 #include "cmd/console/Format.h"
 #include "cmd/console/Output.h"
 #include "cmd/describe/UsbNames.h"
-#include "cmd/devices/DeviceChoice.h"
 #include "cmd/devices/DeviceFilter.h"
+#include "cmd/devices/EmulatedDevices.h"
 #include "cmd/devices/SystemDevices.h"
 
 namespace vel {

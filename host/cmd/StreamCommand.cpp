@@ -17,7 +17,7 @@
 #include "cmd/console/UsageError.h"
 #include "cmd/describe/UsbNames.h"
 #include "cmd/devices/DeviceChannel.h"
-#include "cmd/devices/DeviceChoice.h"
+#include "cmd/devices/EmulatedDevices.h"
 #include "cmd/stream/GuestCamera.h"
 #include "cmd/stream/PictureBytes.h"
 #include "cmd/stream/PictureFile.h"

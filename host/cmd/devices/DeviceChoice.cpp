@@ -1,30 +1,18 @@
 #include "cmd/devices/DeviceChoice.h"
 
-#include <array>
 #include <limits>
 #include <optional>
 #include <regex>
+#include <stdexcept>
 
 #include "cmd/console/UsageError.h"
 
 namespace vel {
 namespace {
 
-constexpr std::uint8_t kCapturedCameraAddress = 0x80;
-
-constexpr std::array<EmulatedDevice, 7> kEmulated = {{
-    {kEmulatedCamera, 0x88, 0xFF00, 0xFFFE, "UVC camera fed by a test picture, a capture device or a file"},
-    {"keyboard", 0x82, 0xFF00, 0xFF01, "HID boot keyboard on which nobody types"},
-    {"printer", 0x83, 0xFF00, 0xFF02, "bidirectional printer"},
-    {"ch340", 0x84, 0xFF00, 0xFF03, "serial adapter, vendor class"},
-    {"ch9102", 0x85, 0xFF00, 0xFF04, "serial adapter, CDC ACM"},
-    {"raw", 0x86, 0xFF00, 0xFF10, "vendor device, an endpoint pair of each transfer type"},
-    {"winusb", 0x87, 0xFF00, 0xFF05, "vendor device with Microsoft OS descriptors"},
-}};
-
 std::string EmulatedNames() {
   std::string names;
-  for (const EmulatedDevice& device : kEmulated) {
+  for (const EmulatedDevice& device : EmulatedDevices()) {
     names += std::string(names.empty() ? "" : ", ") + std::string(device.name);
   }
   return names;
@@ -32,19 +20,9 @@ std::string EmulatedNames() {
 
 }  // namespace
 
-std::span<const EmulatedDevice> EmulatedDevices() {
-  return kEmulated;
-}
-
 DeviceChoice ParseDevice(const std::string& device, std::string_view cameraSource) {
-  for (const EmulatedDevice& emulated : kEmulated) {
-    if (emulated.name == device && device == kEmulatedCamera && cameraSource != kTestCamera) {
-      return DeviceIdentity{0, kCapturedCameraAddress, emulated.vendorId, emulated.productId,
-                            std::string(cameraSource)};
-    }
-    if (emulated.name == device) {
-      return DeviceIdentity{0, emulated.address, emulated.vendorId, emulated.productId, ""};
-    }
+  if (const auto emulated = FindEmulatedDevice(device, cameraSource)) {
+    return *emulated;
   }
   std::smatch match;
   if (std::regex_match(device, match, std::regex("([0-9a-fA-F]{4}):([0-9a-fA-F]{4})"))) {
