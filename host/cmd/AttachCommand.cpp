@@ -20,6 +20,12 @@
 namespace vel {
 namespace {
 
+struct AttachOptions : FarOptions {
+  // How often a device elsewhere is tried again when it is not there. Unset: at the start never, and without end once
+  // it was.
+  std::optional<unsigned> tries;
+};
+
 // For a driver to be found; one may have to be loaded first.
 constexpr std::chrono::seconds kDriverTime{10};
 
@@ -46,24 +52,8 @@ std::optional<Retry> RetryOf(const std::string& device, std::optional<unsigned> 
   return IsRemoteDevice(device) ? std::optional<Retry>(std::in_place, tries, Retry::Pauses{}) : std::nullopt;
 }
 
-}  // namespace
-
-Subcommand AddAttach(CLI::App& app, CommonOptions& common) {
-  const auto wanted = std::make_shared<FarOptions>();
-  CLI::App* const line = app.add_subcommand("attach", "Put devices on this machine's own USB bus, until interrupted");
-  AddFarOptions(*line, *wanted);
-  line->add_option("--tries", wanted->tries,
-                   "How often a device elsewhere is tried again, after 1, 2, 4 to 30 seconds, when it is not there at\n"
-                   "the start and each time it is lost. Without: at the start never, then until interrupted");
-  AddObserveOptions(*line, common);
-  line->footer("Takes root and the kernel's vhci-hcd. Who serves a device elsewhere does it with --answer-failures.");
-  return {line, [&common, wanted] {
-            const CaughtSignals signals;
-            return RunAttach(common, *wanted, signals.Stop());
-          }};
-}
-
-int RunAttach(const CommonOptions& common, const FarOptions& wanted, const StopSignal& stop) {
+// Puts devices on this machine's bus until `stop` is raised or none is left.
+int RunAttach(const CommonOptions& common, const AttachOptions& wanted, const StopSignal& stop) {
   const Vhci vhci;
   const StopSignal allOver;
   const StopSignal end;  // Ends the devices: stopped, or the next one cannot be attached.
@@ -115,6 +105,23 @@ int RunAttach(const CommonOptions& common, const FarOptions& wanted, const StopS
     ThrowAllGone(wanted);
   }
   return 0;
+}
+
+}  // namespace
+
+Subcommand AddAttach(CLI::App& app, CommonOptions& common) {
+  const auto wanted = std::make_shared<AttachOptions>();
+  CLI::App* const line = app.add_subcommand("attach", "Put devices on this machine's own USB bus, until interrupted");
+  AddFarOptions(*line, *wanted);
+  line->add_option("--tries", wanted->tries,
+                   "How often a device elsewhere is tried again, after 1, 2, 4 to 30 seconds, when it is not there at\n"
+                   "the start and each time it is lost. Without: at the start never, then until interrupted");
+  AddObserveOptions(*line, common);
+  line->footer("Takes root and the kernel's vhci-hcd. Who serves a device elsewhere does it with --answer-failures.");
+  return {line, [&common, wanted] {
+            const CaughtSignals signals;
+            return RunAttach(common, *wanted, signals.Stop());
+          }};
 }
 
 }  // namespace vel

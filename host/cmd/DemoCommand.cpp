@@ -64,13 +64,6 @@ void RunTransfers(RemoteDevice& remote) {
   PrintIsoTable(isoIn);
 }
 
-}  // namespace
-
-Subcommand AddDemo(CLI::App& app, CommonOptions& common) {
-  CLI::App* const line = app.add_subcommand("demo", "Describe the emulated devices and run transfers of each kind");
-  return {line, [&common] { return RunDemo(common); }};
-}
-
 int RunDemo(const CommonOptions& common) {
   const std::shared_ptr<ModuleLibrary> library = ModuleLibrary::Load(common.modulePath);
   Print(Format("module %s (%s)\n\n", common.modulePath.c_str(), library->Descriptor().name));
@@ -86,6 +79,13 @@ int RunDemo(const CommonOptions& common) {
   Print(Format("  %-34s -> %d\n", "close", remote.Status(Command::kCloseUsbDev)));
   Print("\nAll descriptors of one device: virtusb describe raw\n");
   return 0;
+}
+
+}  // namespace
+
+Subcommand AddDemo(CLI::App& app, CommonOptions& common) {
+  CLI::App* const line = app.add_subcommand("demo", "Describe the emulated devices and run transfers of each kind");
+  return {line, [&common] { return RunDemo(common); }};
 }
 
 }  // namespace vel

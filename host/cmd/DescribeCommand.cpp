@@ -10,6 +10,19 @@
 #include "remote/StopWatcher.h"
 
 namespace vel {
+namespace {
+
+// Throws Interrupted once `stop` is raised.
+int RunDescribe(const CommonOptions& common, const StopSignal& stop) {
+  RemoteDevice remote(OpenDevice(common.device, common, stop));
+  const StopWatcher cutOff(stop, [&remote] { remote.Interrupt(); });
+  const Enumeration found = Enumerate(remote);
+  remote.Status(Command::kCloseUsbDev);
+  Print(common.json ? DescriptorJson(found).dump(2) + "\n" : DescriptorText(found));
+  return 0;
+}
+
+}  // namespace
 
 Subcommand AddDescribe(CLI::App& app, CommonOptions& common) {
   CLI::App* const line =
@@ -20,15 +33,6 @@ Subcommand AddDescribe(CLI::App& app, CommonOptions& common) {
             const CaughtSignals signals;
             return RunDescribe(common, signals.Stop());
           }};
-}
-
-int RunDescribe(const CommonOptions& common, const StopSignal& stop) {
-  RemoteDevice remote(OpenDevice(common.device, common, stop));
-  const StopWatcher cutOff(stop, [&remote] { remote.Interrupt(); });
-  const Enumeration found = Enumerate(remote);
-  remote.Status(Command::kCloseUsbDev);
-  Print(common.json ? DescriptorJson(found).dump(2) + "\n" : DescriptorText(found));
-  return 0;
 }
 
 }  // namespace vel

@@ -23,33 +23,19 @@
 namespace vel {
 namespace {
 
+struct ExportOptions : FarOptions {
+  std::string listen = "3240";  // ADDR:PORT, :PORT or PORT
+  bool insecure = false;        // Also where other machines reach it.
+  // Of the local devices that are exported as they come and go. With it `devices` may be empty.
+  std::optional<std::string> filter;
+};
+
 constexpr char kOpenToAll[] =
     "USB/IP has no encryption: listen on a PORT alone and let guests come by \"ssh -L 3240:localhost:PORT HOST\", or "
     "give --insecure where everybody there may have the devices";
 
-}  // namespace
-
-Subcommand AddExport(CLI::App& app, CommonOptions& common) {
-  const auto wanted = std::make_shared<FarOptions>();
-  CLI::App* const line =
-      app.add_subcommand("export", "Give devices to guests that use their own USB/IP client, until interrupted");
-  AddFarOptions(*line, *wanted);
-  line->get_option("DEVICE")->required(false);  // With --auto.
-  AddFilter(*line, wanted->filter, "Also every local device that this allows, as it comes and goes");
-  AddObserveOptions(*line, common);
-  line->add_option("--listen", wanted->listen, "On ADDR:PORT, or on PORT of the loopback address")
-      ->type_name("[ADDR:]PORT")
-      ->capture_default_str();
-  line->add_flag("--insecure", wanted->insecure, "Also where other machines reach it: anybody, unencrypted");
-  line->footer(
-      "A guest takes one with: usbip attach -r HOST -b BUSID. Nothing is encrypted, nobody is asked who he is.");
-  return {line, [&common, wanted] {
-            const CaughtSignals signals;
-            return RunExport(common, *wanted, signals.Stop());
-          }};
-}
-
-int RunExport(const CommonOptions& common, const FarOptions& wanted, const StopSignal& stop) {
+// Gives devices to guests' own clients until `stop` is raised or, without a filter, none is left.
+int RunExport(const CommonOptions& common, const ExportOptions& wanted, const StopSignal& stop) {
   if (wanted.devices.empty() && !wanted.filter) {
     throw UsageError("no DEVICE is given, and no --auto FILTER (see virtusb export --help)");
   }
@@ -92,6 +78,28 @@ int RunExport(const CommonOptions& common, const FarOptions& wanted, const StopS
     }
     server.Serve(std::move(connection), peer);
   }
+}
+
+}  // namespace
+
+Subcommand AddExport(CLI::App& app, CommonOptions& common) {
+  const auto wanted = std::make_shared<ExportOptions>();
+  CLI::App* const line =
+      app.add_subcommand("export", "Give devices to guests that use their own USB/IP client, until interrupted");
+  AddFarOptions(*line, *wanted);
+  line->get_option("DEVICE")->required(false);  // With --auto.
+  AddFilter(*line, wanted->filter, "Also every local device that this allows, as it comes and goes");
+  AddObserveOptions(*line, common);
+  line->add_option("--listen", wanted->listen, "On ADDR:PORT, or on PORT of the loopback address")
+      ->type_name("[ADDR:]PORT")
+      ->capture_default_str();
+  line->add_flag("--insecure", wanted->insecure, "Also where other machines reach it: anybody, unencrypted");
+  line->footer(
+      "A guest takes one with: usbip attach -r HOST -b BUSID. Nothing is encrypted, nobody is asked who he is.");
+  return {line, [&common, wanted] {
+            const CaughtSignals signals;
+            return RunExport(common, *wanted, signals.Stop());
+          }};
 }
 
 }  // namespace vel

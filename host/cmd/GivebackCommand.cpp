@@ -11,13 +11,7 @@
 #include "cmd/devices/DevicePlace.h"
 
 namespace vel {
-
-Subcommand AddGiveback(CLI::App& app, CommonOptions& common) {
-  CLI::App* const line = app.add_subcommand(
-      "giveback", "Bring back a local device's kernel drivers and configuration, after its redirection was killed");
-  AddDevice(*line, common);
-  return {line, [&common] { return RunGiveback(common); }};
-}
+namespace {
 
 int RunGiveback(const CommonOptions& common) {
   if (!std::holds_alternative<LocalSelector>(ParseDevice(common.device))) {
@@ -37,6 +31,15 @@ int RunGiveback(const CommonOptions& common) {
   }
   Print(Describe(identity) + (done.empty() ? ", nothing had to be brought back" : done) + "\n");
   return 0;
+}
+
+}  // namespace
+
+Subcommand AddGiveback(CLI::App& app, CommonOptions& common) {
+  CLI::App* const line = app.add_subcommand(
+      "giveback", "Bring back a local device's kernel drivers and configuration, after its redirection was killed");
+  AddDevice(*line, common);
+  return {line, [&common] { return RunGiveback(common); }};
 }
 
 }  // namespace vel

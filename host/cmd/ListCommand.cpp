@@ -75,16 +75,7 @@ void PrintLocal(const LocalDevice& device, const std::optional<DeviceFilter>& fi
   }
 }
 
-}  // namespace
-
-Subcommand AddList(CLI::App& app, CommonOptions& common) {
-  const auto filter = std::make_shared<std::optional<std::string>>();
-  CLI::App* const line = app.add_subcommand("list", "Show what can be redirected");
-  AddJson(*line, common);
-  AddFilter(*line, *filter, "Show which local devices \"export --auto\" exports, and by which rule");
-  return {line, [&common, filter] { return RunList(common, *filter); }};
-}
-
+// With a filter, shows what it says of each local device.
 int RunList(const CommonOptions& common, const std::optional<std::string>& filterText) {
   const std::optional<DeviceFilter> filter = filterText ? std::optional<DeviceFilter>(*filterText) : std::nullopt;
   const std::vector<LocalDevice> locals = LocalDevices();
@@ -108,6 +99,16 @@ int RunList(const CommonOptions& common, const std::optional<std::string>& filte
     PrintLocal(device, filter);
   }
   return 0;
+}
+
+}  // namespace
+
+Subcommand AddList(CLI::App& app, CommonOptions& common) {
+  const auto filter = std::make_shared<std::optional<std::string>>();
+  CLI::App* const line = app.add_subcommand("list", "Show what can be redirected");
+  AddJson(*line, common);
+  AddFilter(*line, *filter, "Show which local devices \"export --auto\" exports, and by which rule");
+  return {line, [&common, filter] { return RunList(common, *filter); }};
 }
 
 }  // namespace vel

@@ -22,6 +22,15 @@
 namespace vel {
 namespace {
 
+struct ServeOptions {
+  bool stdio = false;
+  std::string listen;     // ADDR:PORT, :PORT or PORT
+  bool insecure = false;  // Without TLS also where other machines reach it.
+  bool answerFailures = false;
+  bool leanReplies = false;
+  bool wait = false;  // For a local device that is not there yet, or comes back.
+};
+
 // One service: the module, the device, and how to go about it.
 struct Service {
   std::shared_ptr<ModuleLibrary> library;
@@ -111,6 +120,27 @@ int ServeSocket(const Service& service, const std::string& device, const Listene
 constexpr char kOpenToAll[] =
     "give --tls DIR, the folder of its certificates, or --insecure where everybody there may have the device";
 
+// Serves until `stop` is raised, or with stdio until its input ends.
+int RunServe(const CommonOptions& common, const ServeOptions& serve, const StopSignal& stop) {
+  const std::string& tlsFolder = common.tlsFolder;
+  if (serve.stdio && !tlsFolder.empty()) {
+    throw UsageError("--tls is for --listen: what carries standard input and output has to be safe, as ssh is");
+  }
+  if (!tlsFolder.empty()) {
+    static_cast<void>(TlsContext(tlsFolder, TlsContext::Side::kServer));  // Says now what is wrong with it.
+  }
+  std::optional<Listener> listener;
+  if (!serve.stdio) {
+    listener.emplace(serve.listen, stop, tlsFolder.empty() && !serve.insecure ? kOpenToAll : nullptr);
+  }
+  Observer observer(ObserverOptions(common, !serve.stdio));
+  const std::shared_ptr<DeviceTap> tap = observer.Watch(common.device);
+  DevicePresence presence(common.device, serve.wait, common.cameraSource);
+  const Service service{
+      ModuleLibrary::Load(common.modulePath), presence, stop, {serve.answerFailures, serve.leanReplies}, *tap};
+  return listener ? ServeSocket(service, common.device, *listener, tlsFolder) : ServeStdio(service);
+}
+
 }  // namespace
 
 Subcommand AddServe(CLI::App& app, CommonOptions& common) {
@@ -134,26 +164,6 @@ Subcommand AddServe(CLI::App& app, CommonOptions& common) {
             const CaughtSignals signals;
             return RunServe(common, *serve, signals.Stop());
           }};
-}
-
-int RunServe(const CommonOptions& common, const ServeOptions& serve, const StopSignal& stop) {
-  const std::string& tlsFolder = common.tlsFolder;
-  if (serve.stdio && !tlsFolder.empty()) {
-    throw UsageError("--tls is for --listen: what carries standard input and output has to be safe, as ssh is");
-  }
-  if (!tlsFolder.empty()) {
-    static_cast<void>(TlsContext(tlsFolder, TlsContext::Side::kServer));  // Says now what is wrong with it.
-  }
-  std::optional<Listener> listener;
-  if (!serve.stdio) {
-    listener.emplace(serve.listen, stop, tlsFolder.empty() && !serve.insecure ? kOpenToAll : nullptr);
-  }
-  Observer observer(ObserverOptions(common, !serve.stdio));
-  const std::shared_ptr<DeviceTap> tap = observer.Watch(common.device);
-  DevicePresence presence(common.device, serve.wait, common.cameraSource);
-  const Service service{
-      ModuleLibrary::Load(common.modulePath), presence, stop, {serve.answerFailures, serve.leanReplies}, *tap};
-  return listener ? ServeSocket(service, common.device, *listener, tlsFolder) : ServeStdio(service);
 }
 
 }  // namespace vel

@@ -31,6 +31,16 @@
 namespace vel {
 namespace {
 
+struct StreamOptions {
+  std::string size;          // WIDTHxHEIGHT; empty: the camera's choice.
+  std::uint64_t frames = 0;  // 0: no limit. Without either limit until interrupted.
+  double seconds = 0;        // The same.
+  double silence = 5;        // Seconds without a picture after which the camera has failed.
+  bool untouched = false;    // Raw pictures stay raw.
+  std::string file;          // Empty: the pictures are only counted.
+  std::string snapshot;      // Empty: none.
+};
+
 using Clock = PictureReader::Clock;
 using Presence = GuestCamera::Presence;
 
@@ -246,6 +256,30 @@ StreamResult Stream(RemoteDevice& remote, const std::optional<PictureSize>& size
   return result;
 }
 
+// Streams a camera until enough has come or `stop` is raised; throws Interrupted when no picture had come by then.
+int RunStream(const CommonOptions& common, const StreamOptions& options, const StopSignal& stop) {
+  const std::optional<PictureSize> size = ParseSize(options.size);
+  Observer observer(ObserverOptions(common, false));
+  std::unique_ptr<PacketChannel> channel =
+      std::make_unique<ObservedChannel>(OpenDevice(common.device, common, stop, true), observer.Watch(common.device));
+  Outputs outputs(options);
+  auto remote = std::make_unique<RemoteDevice>(std::move(channel));
+  std::optional<StreamResult> result;
+  try {
+    result = Stream(*remote, size, common, options, outputs, stop);
+  } catch (const RemoteError& error) {
+    const Clock::time_point begin = Clock::now();
+    remote.reset();
+    const std::chrono::duration<double> taken = Clock::now() - begin;
+    throw RemoteError(error.what() + (taken < std::chrono::seconds(1)
+                                          ? std::string()
+                                          : Format("; giving it back took %.0f seconds more", taken.count())));
+  }
+  outputs.Finish({result->stream.mode.width, result->stream.mode.height});
+  Print(common.json ? StreamJson(*result).dump(2) + "\n" : StreamText(*result));
+  return 0;
+}
+
 }  // namespace
 
 Subcommand AddStream(CLI::App& app, CommonOptions& common) {
@@ -283,29 +317,6 @@ Subcommand AddStream(CLI::App& app, CommonOptions& common) {
             const CaughtSignals signals;
             return RunStream(common, *options, signals.Stop());
           }};
-}
-
-int RunStream(const CommonOptions& common, const StreamOptions& options, const StopSignal& stop) {
-  const std::optional<PictureSize> size = ParseSize(options.size);
-  Observer observer(ObserverOptions(common, false));
-  std::unique_ptr<PacketChannel> channel =
-      std::make_unique<ObservedChannel>(OpenDevice(common.device, common, stop, true), observer.Watch(common.device));
-  Outputs outputs(options);
-  auto remote = std::make_unique<RemoteDevice>(std::move(channel));
-  std::optional<StreamResult> result;
-  try {
-    result = Stream(*remote, size, common, options, outputs, stop);
-  } catch (const RemoteError& error) {
-    const Clock::time_point begin = Clock::now();
-    remote.reset();
-    const std::chrono::duration<double> taken = Clock::now() - begin;
-    throw RemoteError(error.what() + (taken < std::chrono::seconds(1)
-                                          ? std::string()
-                                          : Format("; giving it back took %.0f seconds more", taken.count())));
-  }
-  outputs.Finish({result->stream.mode.width, result->stream.mode.height});
-  Print(common.json ? StreamJson(*result).dump(2) + "\n" : StreamText(*result));
-  return 0;
 }
 
 }  // namespace vel

@@ -1,6 +1,4 @@
-// The subcommands. Each Run returns the exit status, writes results to standard output and everything else to standard
-// error, and throws UsageError or another std::exception, whose text is the one line that the user gets. Each Add puts
-// the command and its options into the command line, beside the Run that they are for.
+// The subcommands, and what several of them take.
 #ifndef VIRTUSB_HOST_CMD_CONSOLE_COMMANDS_H
 #define VIRTUSB_HOST_CMD_CONSOLE_COMMANDS_H
 
@@ -11,7 +9,6 @@
 #include <vector>
 
 #include "observe/UsbmonRecord.h"
-#include "remote/FdStream.h"
 
 namespace CLI {
 class App;
@@ -35,45 +32,15 @@ struct CommonOptions {
   ObserveOptions observe;
 };
 
-struct ServeOptions {
-  bool stdio = false;
-  std::string listen;     // ADDR:PORT, :PORT or PORT
-  bool insecure = false;  // Without TLS also where other machines reach it.
-  bool answerFailures = false;
-  bool leanReplies = false;
-  bool wait = false;  // For a local device that is not there yet, or comes back.
-};
-
-struct StreamOptions {
-  std::string size;          // WIDTHxHEIGHT; empty: the camera's choice.
-  std::uint64_t frames = 0;  // 0: no limit. Without either limit until interrupted.
-  double seconds = 0;        // The same.
-  double silence = 5;        // Seconds without a picture after which the camera has failed.
-  bool untouched = false;    // Raw pictures stay raw.
-  std::string file;          // Empty: the pictures are only counted.
-  std::string snapshot;      // Empty: none.
-};
-
-// Of attach and export.
-struct FarOptions {
-  std::vector<std::string> devices;
-  bool untouched = false;       // A camera's raw pictures stay raw on the way.
-  std::string listen = "3240";  // As of ServeOptions; export's alone.
-  bool insecure = false;        // The same.
-  // Of the local devices that are exported as they come and go; export's alone. With it `devices` may be empty.
-  std::optional<std::string> filter;
-  // Attach's alone: how often a device elsewhere is tried again when it is not there. Unset: at the start never, and
-  // without end once it was.
-  std::optional<unsigned> tries;
-};
-
 // A command of the command line, and what runs it once the line was parsed.
 struct Subcommand {
   CLI::App* line = nullptr;
+  // Returns the exit status. Results go to standard output, everything else to standard error. Throws UsageError or
+  // another std::exception, whose text is the one line that the user gets.
   std::function<int()> run;
 };
 
-// `app` and `common` outlive what they return.
+// Each puts the command and its options into the command line. `app` and `common` outlive what they return.
 Subcommand AddList(CLI::App& app, CommonOptions& common);
 Subcommand AddDescribe(CLI::App& app, CommonOptions& common);
 Subcommand AddStream(CLI::App& app, CommonOptions& common);
@@ -90,21 +57,6 @@ void AddAnyDevice(CLI::App& command, CommonOptions& common);
 void AddJson(CLI::App& command, CommonOptions& common);
 // The option --auto FILTER.
 void AddFilter(CLI::App& command, std::optional<std::string>& filter, const std::string& about);
-
-// With a filter, shows what it says of each local device.
-int RunList(const CommonOptions& common, const std::optional<std::string>& filter);
-// Throws Interrupted once `stop` is raised.
-int RunDescribe(const CommonOptions& common, const StopSignal& stop);
-int RunDemo(const CommonOptions& common);
-// Streams a camera until enough has come or `stop` is raised; throws Interrupted when no picture had come by then.
-int RunStream(const CommonOptions& common, const StreamOptions& options, const StopSignal& stop);
-// Serves until `stop` is raised, or with stdio until its input ends.
-int RunServe(const CommonOptions& common, const ServeOptions& serve, const StopSignal& stop);
-int RunGiveback(const CommonOptions& common);
-// Puts devices on this machine's bus until `stop` is raised or none is left.
-int RunAttach(const CommonOptions& common, const FarOptions& wanted, const StopSignal& stop);
-// Gives devices to guests' own clients until `stop` is raised or, without a filter, none is left.
-int RunExport(const CommonOptions& common, const FarOptions& wanted, const StopSignal& stop);
 
 // The rule file that lets a user open USB devices, as installed or in the source tree.
 std::string UdevRulePath();

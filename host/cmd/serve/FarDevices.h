@@ -5,12 +5,18 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "cmd/console/Commands.h"
 #include "far/FarDevice.h"
 #include "observe/Observer.h"
 
 namespace vel {
+
+struct FarOptions {
+  std::vector<std::string> devices;
+  bool untouched = false;  // A camera's raw pictures stay raw on the way.
+};
 
 // Opens what DEVICE names for a guest. Throws as OpenDevice does, and RemoteError when the device does not answer. Once
 // `stop` is raised nothing waits for it any more. `onGone` is called once the device is, on any thread, before the
