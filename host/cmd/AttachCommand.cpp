@@ -6,8 +6,8 @@
 #include <utility>
 #include <vector>
 
+#include "cmd/Commands.h"
 #include "cmd/Observing.h"
-#include "cmd/console/Commands.h"
 #include "cmd/console/Output.h"
 #include "cmd/console/Signals.h"
 #include "cmd/devices/DeviceChannel.h"

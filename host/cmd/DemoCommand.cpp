@@ -7,7 +7,7 @@
 #include <span>
 #include <string>
 
-#include "cmd/console/Commands.h"
+#include "cmd/Commands.h"
 #include "cmd/console/Format.h"
 #include "cmd/console/Output.h"
 #include "cmd/describe/DescriptorText.h"

@@ -1,7 +1,7 @@
 #include <CLI/CLI.hpp>
 #include <memory>
 
-#include "cmd/console/Commands.h"
+#include "cmd/Commands.h"
 #include "cmd/console/Output.h"
 #include "cmd/console/Signals.h"
 #include "cmd/describe/DescriptorText.h"

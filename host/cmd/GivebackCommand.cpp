@@ -2,7 +2,7 @@
 #include <stdexcept>
 #include <string>
 
-#include "cmd/console/Commands.h"
+#include "cmd/Commands.h"
 #include "cmd/console/Format.h"
 #include "cmd/console/Output.h"
 #include "cmd/console/UsageError.h"

@@ -1,7 +1,7 @@
 #include <CLI/CLI.hpp>
 #include <cstddef>
 
-#include "cmd/console/Commands.h"
+#include "cmd/Commands.h"
 #include "cmd/console/UsageError.h"
 
 namespace vel {

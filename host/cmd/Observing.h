@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "cmd/console/Commands.h"
+#include "cmd/console/CommonOptions.h"
 #include "observe/Observer.h"
 
 namespace vel {

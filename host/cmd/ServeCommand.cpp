@@ -5,8 +5,8 @@
 #include <stdexcept>
 #include <string>
 
+#include "cmd/Commands.h"
 #include "cmd/Observing.h"
-#include "cmd/console/Commands.h"
 #include "cmd/console/Format.h"
 #include "cmd/console/Output.h"
 #include "cmd/console/Signals.h"

@@ -9,8 +9,8 @@
 #include <utility>
 #include <vector>
 
+#include "cmd/Commands.h"
 #include "cmd/Observing.h"
-#include "cmd/console/Commands.h"
 #include "cmd/console/Format.h"
 #include "cmd/console/Output.h"
 #include "cmd/console/Signals.h"

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "cmd/console/Commands.h"
+#include "cmd/Commands.h"
 #include "cmd/console/ModuleLog.h"
 #include "cmd/console/Output.h"
 #include "cmd/console/UsageError.h"

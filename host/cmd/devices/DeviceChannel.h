@@ -4,7 +4,7 @@
 #include <memory>
 #include <string>
 
-#include "cmd/console/Commands.h"
+#include "cmd/console/CommonOptions.h"
 #include "remote/FdStream.h"
 #include "remote/PacketChannel.h"
 

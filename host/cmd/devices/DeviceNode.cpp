@@ -18,9 +18,9 @@
 #include <system_error>
 #include <vector>
 
-#include "cmd/console/Commands.h"
 #include "cmd/console/Format.h"
 #include "cmd/devices/DevicePlace.h"
+#include "cmd/devices/UdevRule.h"
 
 namespace vel {
 namespace {

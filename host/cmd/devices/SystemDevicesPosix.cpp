@@ -3,8 +3,8 @@
 #include <filesystem>
 #include <system_error>
 
-#include "cmd/console/Commands.h"
 #include "cmd/devices/SystemDevices.h"
+#include "cmd/devices/UdevRule.h"
 
 namespace vel {
 

@@ -1,8 +1,8 @@
+#include "cmd/devices/UdevRule.h"
+
 #include <filesystem>
 #include <string>
 #include <system_error>
-
-#include "cmd/console/Commands.h"
 
 namespace vel {
 

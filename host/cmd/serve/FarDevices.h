@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "cmd/console/Commands.h"
+#include "cmd/console/CommonOptions.h"
 #include "far/FarDevice.h"
 #include "observe/Observer.h"
 

@@ -1,6 +1,6 @@
-#include <CLI/CLI.hpp>
+#include "cmd/console/CommonOptions.h"
 
-#include "cmd/console/Commands.h"
+#include <CLI/CLI.hpp>
 
 namespace vel {
 
