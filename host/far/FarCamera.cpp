@@ -11,7 +11,7 @@
 
 #include "far/PayloadCutter.h"
 #include "far/ReadWindow.h"
-#include "far/YuyvDecoder.h"
+#include "picture/YuyvDecoder.h"
 
 namespace vel {
 namespace {

@@ -6,7 +6,7 @@
 #include <stdexcept>
 #include <string>
 
-#include "far/FfmpegPtr.h"
+#include "picture/FfmpegPtr.h"
 
 extern "C" {
 #include <libavutil/imgutils.h>

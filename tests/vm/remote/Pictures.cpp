@@ -11,7 +11,7 @@
 #include "Checks.h"
 #include "Commands.h"
 #include "Pattern.h"
-#include "far/YuyvDecoder.h"
+#include "picture/YuyvDecoder.h"
 #include "policys/UVCEncoder.h"
 
 namespace vel::vm {

@@ -1,6 +1,6 @@
 // FFmpeg's objects, owned. Named apart from the module's, which a program may hold as well.
-#ifndef VIRTUSB_HOST_FAR_FFMPEG_PTR_H
-#define VIRTUSB_HOST_FAR_FFMPEG_PTR_H
+#ifndef VIRTUSB_HOST_PICTURE_FFMPEG_PTR_H
+#define VIRTUSB_HOST_PICTURE_FFMPEG_PTR_H
 
 #include <memory>
 

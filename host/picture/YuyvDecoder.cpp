@@ -1,9 +1,9 @@
-#include "far/YuyvDecoder.h"
+#include "picture/YuyvDecoder.h"
 
 #include <algorithm>
 #include <stdexcept>
 
-#include "far/FfmpegPtr.h"
+#include "picture/FfmpegPtr.h"
 
 extern "C" {
 #include <libavutil/log.h>
