@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "cmd/Commands.h"
-#include "cmd/Observing.h"
+#include "cmd/console/Observing.h"
 #include "cmd/console/Output.h"
 #include "cmd/console/Signals.h"
 #include "cmd/devices/DeviceChannel.h"

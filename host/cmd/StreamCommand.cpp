@@ -7,8 +7,8 @@
 #include <utility>
 
 #include "cmd/Commands.h"
-#include "cmd/Observing.h"
 #include "cmd/console/Format.h"
+#include "cmd/console/Observing.h"
 #include "cmd/console/Output.h"
 #include "cmd/console/Signals.h"
 #include "cmd/console/UsageError.h"

@@ -1,6 +1,6 @@
 // What serve, attach, export and stream have in common about what crosses: the options, and how figures are shown.
-#ifndef VIRTUSB_HOST_CMD_OBSERVING_H
-#define VIRTUSB_HOST_CMD_OBSERVING_H
+#ifndef VIRTUSB_HOST_CMD_CONSOLE_OBSERVING_H
+#define VIRTUSB_HOST_CMD_CONSOLE_OBSERVING_H
 
 #include <string>
 

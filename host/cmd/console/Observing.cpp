@@ -1,4 +1,4 @@
-#include "cmd/Observing.h"
+#include "cmd/console/Observing.h"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
