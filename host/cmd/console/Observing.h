@@ -1,8 +1,6 @@
-// What serve, attach, export and stream have in common about what crosses: the options, and how figures are shown.
+// What serve, attach, export and stream have in common about what crosses: the options, and where figures are shown.
 #ifndef VIRTUSB_HOST_CMD_CONSOLE_OBSERVING_H
 #define VIRTUSB_HOST_CMD_CONSOLE_OBSERVING_H
-
-#include <string>
 
 #include "cmd/console/CommonOptions.h"
 #include "observe/Observer.h"
@@ -15,10 +13,6 @@ void AddObserveOptions(CLI::App& command, CommonOptions& common);
 // For an Observer: figures are lines on standard error; with --json objects on standard output, if that is free for
 // them.
 Observer::Options ObserverOptions(const CommonOptions& common, bool resultsAreFree);
-
-// One device's figures for people, and for programs, without an end of line.
-std::string FiguresText(const DeviceFigures& figures);
-std::string FiguresJson(const DeviceFigures& figures);
 
 }  // namespace vel
 
