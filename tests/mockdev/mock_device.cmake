@@ -27,6 +27,6 @@ endforeach()
 set(VIRTUSB_MOCK_PROPERTIES LABELS mockdev ENVIRONMENT "LD_PRELOAD=${preload}")
 if(VIRTUSB_SANITIZE MATCHES "thread")
   list(APPEND VIRTUSB_MOCK_PROPERTIES ENVIRONMENT_MODIFICATION
-    "TSAN_OPTIONS=set:halt_on_error=1:suppressions=${PROJECT_SOURCE_DIR}/cmake/tsan.supp")
+    "TSAN_OPTIONS=set:halt_on_error=1:suppressions=${PROJECT_SOURCE_DIR}/tests/mockdev/tsan.supp")
 endif()
 set(VIRTUSB_MOCK_PROPERTIES "${VIRTUSB_MOCK_PROPERTIES}" CACHE INTERNAL "")
