@@ -85,6 +85,7 @@ void Compare(double goal, int rounds, std::vector<Contender> ours, const Work& y
     }
   }
   std::vector<double> medians;
+  medians.reserve(ours.size());
   for (const Contender& one : ours) {
     medians.push_back(Percentile(one.microseconds, 0.5));
   }

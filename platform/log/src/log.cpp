@@ -29,7 +29,7 @@ constexpr std::array kLevels = {
     LevelName{OSKELO_LOG_OFF, "off", spdlog::level::off},
 };
 
-int LevelFromEnvironment() {
+int LevelFromEnvironment() noexcept {
   const int level = oskeloLogLevelByName(std::getenv(OSKELO_LOG_LEVEL_VARIABLE));
   return level < 0 ? OSKELO_LOG_WARN : level;
 }
